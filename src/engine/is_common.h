@@ -1,0 +1,27 @@
+// The common segment: attaching, removing, and laying out a new segment; whole-range
+// file locks; file identity.
+//
+// Module globals is_shmid and is_firstcomf describe the last getcomm().
+#pragma once
+
+#include "layout.h"
+#include <sys/ipc.h>
+
+extern int is_shmid;
+extern int is_firstcomf;
+
+char* getcomm(key_t key, int size) noexcept;   // address, or (char *) -1
+void freecom(void) noexcept;                   // detach isam_com; remove when last
+int ISLockFile(int fd, long sofst, long eofst) noexcept;
+int ISUnlockFile(int fd, long sofst, long eofst) noexcept;
+int osstat(const char* fn, struct file_info* fi) noexcept;
+int osfstat(int fd, struct file_info* fi) noexcept;
+
+// Fills the computed fields of confp; 0, or -1 (with the heap-size message) when too big.
+int sizecomm(struct is_config* confp) noexcept;
+
+// First-attacher initialisation of the segment at isam_com from the configuration
+// record: header, buffer chain, shared-file table, heap.  Caller holds the start-up lock.
+void is_comlayout(const struct is_config* conf) noexcept;
+// Sets is_env from the header's bases and the attach address isam_com.
+void is_setenv(void) noexcept;

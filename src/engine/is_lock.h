@@ -1,0 +1,35 @@
+// Lock words and their lock-file ranges.
+//
+// A lock word in the common area holds its holder's is_pid (0 when free) and stands for
+// a write lock on the 4 bytes of the lock file at the word's offset from the segment's
+// start.  The kernel does the excluding and waiting and frees the ranges of a process
+// that dies; the word only tells who holds it.
+//
+// Lock order: opcl_lock, then a file's control lock, then free_lock or buf_lock.
+//
+// A waiting request that the kernel refuses with EDEADLK (a cycle of waits between
+// processes) does not abort: the waiting call returns -1, the word is left as it was,
+// and the operation that waited fails with ISE_DEADLOCK, holding nothing it did not hold
+// before.  Every other failure of the lock file aborts the process with a message.
+#pragma once
+
+#include "layout.h"
+
+int is_lockitnw(unsigned long ofst) noexcept;  // 0, or -1 when another process holds it
+int is_lockitw(unsigned long ofst) noexcept;   // 0, or -1 (errno set; need entry left set)
+int is_unlockit(unsigned long ofst) noexcept;  // 0 or -1
+
+// Acquire, waiting as needed.  0; -1 only for EDEADLK (nothing taken).  A word found
+// holding the pid of a process that died while holding it (the word is non-zero and not
+// ours once the range is granted) is taken over, and is_lock_stale is set to 1 (else 0)
+// so that the caller can repair what the dead holder left.
+int is_lock(volatile unsigned* lockidp) noexcept;
+void is_unlock(unsigned* lockidp) noexcept;
+void is_incsyslocks(void) noexcept;
+// Wait until lockidp is released, giving up the current file's control lock meanwhile.
+// 0; -1 for EDEADLK (the control lock has been retaken either way).
+int is_fwait(volatile unsigned* lockidp) noexcept;
+int is_fdone(unsigned* lockidp) noexcept;
+
+// Set by is_lock: 1 when the word it just took was left by a holder that died.
+extern int is_lock_stale;

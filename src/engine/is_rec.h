@@ -1,0 +1,16 @@
+// Record operations and the control lock of the current file.
+#pragma once
+
+#include "layout.h"
+
+// Control lock (nesting per process and file).  is_getctl: 0, or -1 when the wait was
+// refused as a deadlock (ISE_DEADLOCK raised, nothing taken).
+int is_getctl(void) noexcept;
+int is_relctl(void) noexcept;   // 0, -1 when the flush failed (lock kept)
+
+int is_read(int keyno, char* record, int recsize, int dir) noexcept;
+int is_write(const char* record, int recsize, int force) noexcept;
+int is_delete(const char* primekey) noexcept;
+
+// The process scratch buffer shared with the B-tree layer (1536 bytes).
+extern char* is_tbufp;

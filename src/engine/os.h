@@ -1,0 +1,39 @@
+// The OS boundary: every system call of the engine goes through here.
+//
+// EINTR is retried; pread/pwrite transfer at exact offsets and report a short transfer
+// as a failure with errno kept (EIO for a transfer that ended early without an error).
+// The calls go through a table of function pointers so that tests can make the Nth call
+// of a kind fail and reach the error paths.
+#pragma once
+
+#include <sys/types.h>
+#include <sys/stat.h>
+#include <fcntl.h>
+
+namespace kisam {
+
+struct os_table {
+    ssize_t (*pread)(int, void*, size_t, off_t);
+    ssize_t (*pwrite)(int, const void*, size_t, off_t);
+    int (*fdatasync)(int);
+    int (*fcntl_lock)(int fd, int cmd, struct flock* fl);
+    int (*shmget)(key_t, size_t, int);
+    int (*open)(const char*, int, mode_t);
+    int (*fstat)(int, struct stat*);
+};
+// The live table; tests may replace entries and must restore them.
+extern os_table os;
+// The real system calls, for restoring the table.
+extern const os_table os_real;
+
+// Read exactly n bytes at off; returns bytes read (may be < n at end of file), -1 on error.
+ssize_t os_pread_full(int fd, void* buf, size_t n, off_t off) noexcept;
+// Write exactly n bytes at off; returns 0, or -1 (short write sets errno EIO if unset).
+int os_pwrite_full(int fd, const void* buf, size_t n, off_t off) noexcept;
+int os_fdatasync(int fd) noexcept;
+int os_open(const char* path, int flags, mode_t mode = 0) noexcept;
+int os_close(int fd) noexcept;
+// fcntl record lock with EINTR retried for waiting commands.
+int os_lock(int fd, int cmd, short type, off_t start, off_t len) noexcept;
+
+}  // namespace kisam

@@ -1,0 +1,35 @@
+// The buffer pool and page allocation.
+//
+// All calls work on the current file (is_curdb, is_curpfi, is_curfcp, set by the call
+// frame) and require this process to hold that file's control lock.  A page returned by
+// v_read or v_new stays fixed (BU_INUSE) until v_unsafe or the next v_flush.
+#pragma once
+
+#include "layout.h"
+
+IS_DATA* v_read(PAGE pno) noexcept;                 // fixed page, or null (error raised)
+int v_write(PAGE pno, IS_DATA* datap) noexcept;     // 0, -1
+int v_unsafe(PAGE pno, char* addr) noexcept;        // 0, -1 when the slot does not hold pno
+int v_hit(PAGE pno, int keyno) noexcept;            // 1 when cached as a page of keyno
+int v_flush(void) noexcept;                         // 0, -1
+void v_relbuf(void) noexcept;                       // flush, then give the chain back
+int fcp_setdatachanged(IS_FCP* fcp, IS_PFI* pfi, int datachangedf, int syncf) noexcept;
+
+IS_DATA* v_new(PAGE* pno) noexcept;                 // zeroed fixed page, or null
+int v_dispose(PAGE pno, IS_DATA* bp) noexcept;      // 0, -1
+
+// File offset of page pno of a file with control page fcp.
+inline off_t v_fileoffset(const IS_FCP* fcp, PAGE pno) {
+    bool full = (fcp->is_optbits & ISO_SEQ) || fcp->is_magic == ISMAGIC_1024;
+    return full ? static_cast<off_t>(pno) : static_cast<off_t>(pno) - 512;
+}
+
+// Per-process pool bookkeeping: drop everything known about shared-file slot u (its
+// file was closed everywhere or its slot is being reused).
+void v_forget_file(int u) noexcept;
+// Called when this process takes over the control word of fcp from a holder that died
+// (is_getctl after is_lock reported a stale word, or the pool's own no-wait scan): clears
+// the fixes (BU_INUSE) that holder left on the file's slots.  Requires that control lock.
+void v_stale_fcplock(IS_FCP* fcp) noexcept;
+// Drop the whole per-process bookkeeping (after attach, detach or fork).
+void v_reset_process(void) noexcept;

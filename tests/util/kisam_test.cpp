@@ -1,0 +1,182 @@
+#include "kisam_test.h"
+
+#include <kisam/ztsupport.h>
+
+#include "is_common.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace kt {
+
+struct is_config to_record(const Config& c) {
+    struct is_config r;
+    std::memset(&r, 0, sizeof r);
+    r.co_maxopen = c.maxopen;
+    r.co_maxbuf = c.maxbuf;
+    r.co_maxusers = c.maxusers;
+    r.co_maxnkeys = c.maxnkeys;
+    r.co_avgalts = c.avgalts;
+    r.co_alenlock = c.alenlock;
+    r.co_anumlock = c.anumlock;
+    r.co_maxfbuf = c.maxfbuf ? c.maxfbuf : c.maxbuf;
+    r.co_maxufile = c.maxufile;
+    r.co_bits = c.bits;
+    return r;
+}
+
+void write_config(const std::string& path, const Config& c) {
+    struct is_config r = to_record(c);
+    unsigned char buf[512];
+    std::memset(buf, 0, sizeof buf);
+    std::memcpy(buf, &r, sizeof r);
+    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
+    ASSERT_GE(fd, 0) << path;
+    ASSERT_EQ(::write(fd, buf, c.length), c.length);
+    ::close(fd);
+}
+
+Installation::Installation(const Config& c, bool with_lock_file) : lock_file_(with_lock_file) {
+    char tmpl[] = "/tmp/kisam-test-XXXXXX";
+    char* d = ::mkdtemp(tmpl);
+    if (!d) std::abort();
+    dir_ = d;
+    config_ = dir_ + "/kisamconfig";
+    ::mkdir((dir_ + "/home").c_str(), 0777);
+    ::mkdir((dir_ + "/q9").c_str(), 0777);
+    ::setenv("HOME", (dir_ + "/home").c_str(), 1);
+    ::setenv("HOME_Q9", (dir_ + "/q9").c_str(), 1);
+    ::setenv("PROFILEQ9ENV", (dir_ + "/home/.Q9.profile").c_str(), 1);
+    ::setenv("KISCONFIG", config_.c_str(), 1);
+    // The settings store caches a variable at its first lookup; put the value directly
+    // so that several installations in one process each find their own file.
+    ZTPutEnv("KISCONFIG", config_.c_str());
+    write_config(config_, c);
+    if (with_lock_file) {
+        int fd = ::open((config_ + ".lk").c_str(), O_RDWR | O_CREAT, 0666);
+        if (fd >= 0) ::close(fd);
+    }
+}
+
+key_t Installation::key() const {
+    std::string keyfile = lock_file_ ? config_ + ".lk" : config_;
+    return ::ftok(keyfile.c_str(), 1);
+}
+
+void Installation::remove_segment() {
+    key_t k = key();
+    if (k == -1) return;
+    int id = ::shmget(k, 0, 0);
+    if (id >= 0) ::shmctl(id, IPC_RMID, nullptr);
+}
+
+Installation::~Installation() {
+    remove_segment();
+    std::string cmd = "rm -rf '" + dir_ + "'";
+    if (std::system(cmd.c_str()) != 0) { /* best effort */ }
+}
+
+int attach_raw(const Installation& inst, const Config& c) {
+    struct is_config conf = to_record(c);
+    if (conf.co_maxufile == 0) conf.co_maxufile = conf.co_maxopen;
+    if (sizecomm(&conf) != 0) return -1;
+    is_lockfd = ::open((inst.config_path() + ".lk").c_str(), O_RDWR);
+    if (is_lockfd < 0) return -1;
+    char* base = getcomm(inst.key(), conf.co_comsize);
+    if (base == reinterpret_cast<char*>(-1)) return -1;
+    isam_com = reinterpret_cast<struct isam_com*>(base);
+    if (is_firstcomf || isam_com->maxopen == 0) is_comlayout(&conf);
+    is_setenv();
+    is_pid = ::getpid();
+    for (int i = 0; i < isam_com->maxusers; ++i) {
+        if (is_env.pid_[i] == 0) {
+            is_env.pid_[i] = is_pid;
+            is_env.useridx = static_cast<int16_t>(i);
+            is_env.needs_[i] = 0;
+            return 0;
+        }
+    }
+    return -1;
+}
+
+void detach_raw() {
+    if (!isam_com) return;
+    is_env.pid_[is_env.useridx] = 0;
+    freecom();
+    isam_com = nullptr;
+    if (is_lockfd >= 0) ::close(is_lockfd);
+    is_lockfd = -1;
+}
+
+pid_t start_child(const std::function<int()>& fn) {
+    std::fflush(nullptr);
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        int rc = 99;
+        try {
+            rc = fn();
+        } catch (...) {
+            rc = 98;
+        }
+        std::fflush(nullptr);
+        ::_exit(rc);
+    }
+    return pid;
+}
+
+int wait_child(pid_t pid) {
+    int status = 0;
+    while (::waitpid(pid, &status, 0) < 0) {
+        if (errno != EINTR) return -1;
+    }
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
+    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+    return -1;
+}
+
+int run_child(const std::function<int()>& fn) { return wait_child(start_child(fn)); }
+
+Pipe::Pipe() {
+    if (::pipe(fd_) != 0) std::abort();
+}
+Pipe::~Pipe() {
+    close_read();
+    close_write();
+}
+void Pipe::signal(char c) {
+    if (fd_[1] >= 0 && ::write(fd_[1], &c, 1) != 1) { /* reader gone */ }
+}
+char Pipe::wait() {
+    char c = 0;
+    ssize_t n;
+    do {
+        n = ::read(fd_[0], &c, 1);
+    } while (n < 0 && errno == EINTR);
+    return n == 1 ? c : 0;
+}
+void Pipe::close_read() {
+    if (fd_[0] >= 0) ::close(fd_[0]);
+    fd_[0] = -1;
+}
+void Pipe::close_write() {
+    if (fd_[1] >= 0) ::close(fd_[1]);
+    fd_[1] = -1;
+}
+
+uint64_t test_seed(uint64_t fallback) {
+    uint64_t seed = fallback;
+    if (const char* s = std::getenv("KISAM_SEED")) seed = std::strtoull(s, nullptr, 0);
+    std::printf("[ seed     ] KISAM_SEED=%llu\n", static_cast<unsigned long long>(seed));
+    return seed;
+}
+
+}  // namespace kt

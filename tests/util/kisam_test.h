@@ -1,0 +1,92 @@
+// Test fixtures: a private temporary installation per test, segment clean-up,
+// child processes and pipe handshakes.
+//
+// Every test that touches the engine or the settings store works in its own temporary
+// directory: HOME, HOME_Q9 and PROFILEQ9ENV point into it, the configuration file and
+// its lock file live in it, and the shared segment keyed on that lock file is removed
+// when the fixture ends.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <kisam/kisam.h>
+
+#include <sys/types.h>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace kt {
+
+// Settings of a test configuration file (the binary 52-byte record).
+struct Config {
+    int16_t maxopen = 16;
+    int16_t maxbuf = 64;
+    int16_t maxusers = 16;
+    int16_t maxnkeys = 25;
+    int16_t avgalts = 2;
+    int16_t alenlock = 16;
+    int16_t anumlock = 16;
+    int16_t maxfbuf = 0;     // 0 means: as many as maxbuf
+    int16_t maxufile = 0;
+    uint32_t bits = 0;
+    int length = 52;         // bytes written to the file
+};
+
+// Writes the binary configuration record to path.
+void write_config(const std::string& path, const Config& c);
+// The record of c as the library would read it (computed fields zero).
+struct is_config to_record(const Config& c);
+
+// A temporary installation: directory, settings variables, configuration and lock file.
+class Installation {
+public:
+    explicit Installation(const Config& c = Config(), bool with_lock_file = true);
+    ~Installation();
+    Installation(const Installation&) = delete;
+    Installation& operator=(const Installation&) = delete;
+
+    const std::string& dir() const { return dir_; }
+    std::string path(const std::string& name) const { return dir_ + "/" + name; }
+    const std::string& config_path() const { return config_; }
+    // Removes every segment created under this installation's key (also called by the
+    // destructor).  Safe to call more than once.
+    void remove_segment();
+    key_t key() const;
+
+private:
+    std::string dir_;
+    std::string config_;
+    bool lock_file_;
+};
+
+// Attaches a segment for `c` without the environment store: sizes it, creates or
+// attaches it, lays out a new one, sets is_env, opens the lock file as is_lockfd and
+// claims a process slot -- the steps start-up runs.  Returns 0 or -1.
+int attach_raw(const Installation& inst, const Config& c);
+// Detaches what attach_raw attached.
+void detach_raw();
+
+// Runs fn in a forked child; returns its exit status, or 128 + signal when killed.
+int run_child(const std::function<int()>& fn);
+// Starts fn in a forked child and returns its pid (collect it with wait_child).
+pid_t start_child(const std::function<int()>& fn);
+int wait_child(pid_t pid);
+
+// A one-way pipe for handshakes between a parent and a child.
+class Pipe {
+public:
+    Pipe();
+    ~Pipe();
+    void signal(char c = 'x');   // write one byte
+    char wait();                 // read one byte (0 at end of file)
+    void close_read();
+    void close_write();
+private:
+    int fd_[2];
+};
+
+// Seed for randomized tests: KISAM_SEED from the environment, else a fixed default.
+// The seed is printed so that a failure can be replayed.
+uint64_t test_seed(uint64_t fallback);
+
+}  // namespace kt
