@@ -1,0 +1,136 @@
+// Lock words and their lock-file ranges.
+//
+// Rules kept here:
+//  1. A word goes 0 -> is_pid only after its range is granted, and back to 0 before its
+//     range is released; so whoever is granted a range finds the word 0 or stale (left
+//     by a holder that died, whose ranges the kernel dropped), never a live holder.
+//  2. A process that already holds a word is granted its range again at once (POSIX
+//     locks of one process do not conflict); locks do not nest, one release frees it.
+//  3. A waiting request refused with EDEADLK (the kernel saw a cycle of waits between
+//     processes) is reported, not fatal: the waiting call returns -1 having taken nothing
+//     and leaving the word as it was, and the waiter's need-table entry is cleared again
+//     since it no longer waits.  Every other failure of the lock file means the lock file
+//     or the kernel's lock table is unusable: the process prints the message to standard
+//     output and aborts.
+//  4. Statistics are plain read-modify-write updates without a common lock; concurrent
+//     updates may be lost, nothing depends on them.
+// Reads: isam_com, is_env (need table), is_pid, is_lockfd, is_curfcp (is_fwait).
+#include "is_lock.h"
+
+#include "os.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+
+int is_lock_stale = 0;
+
+namespace {
+
+constexpr off_t kRangeLen = 4;
+
+// A lock word as seen by other processes: never cached across the lock calls.
+inline std::atomic_ref<uint32_t> word(volatile unsigned* p) {
+    return std::atomic_ref<uint32_t>(*const_cast<uint32_t*>(p));
+}
+
+[[noreturn]] void fatal(const char* fmt) {
+    int e = errno;
+    std::printf(fmt, e);
+    std::fflush(stdout);
+    std::abort();
+}
+
+void set_need(unsigned long ofst) {
+    if (is_env.needs_ != nullptr && is_env.useridx >= 0)
+        is_env.needs_[is_env.useridx] = static_cast<uint32_t>(ofst);
+}
+
+}  // namespace
+
+int is_lockitnw(unsigned long ofst) noexcept {
+    return kisam::os_lock(is_lockfd, F_SETLK, F_WRLCK, static_cast<off_t>(ofst), kRangeLen) == 0
+               ? 0 : -1;
+}
+
+int is_lockitw(unsigned long ofst) noexcept {
+    set_need(ofst);
+    if (kisam::os_lock(is_lockfd, F_SETLKW, F_WRLCK, static_cast<off_t>(ofst), kRangeLen) != 0)
+        return -1;  // the need entry stays set: the caller decides
+    set_need(0);
+    return 0;
+}
+
+int is_unlockit(unsigned long ofst) noexcept {
+    return kisam::os_lock(is_lockfd, F_SETLKW, F_UNLCK, static_cast<off_t>(ofst), kRangeLen) == 0
+               ? 0 : -1;
+}
+
+int is_lock(volatile unsigned* lockidp) noexcept {
+    auto w = word(lockidp);
+    if (w.load(std::memory_order_acquire) != 0) isam_com->syswaits++;
+    const unsigned long o = kisam::com_offset(lockidp);
+    if (is_lockitw(o) != 0) {
+        if (errno != EDEADLK) fatal("is lockitw fail - errno = %d\n");
+        set_need(0);
+        is_lock_stale = 0;
+        return -1;
+    }
+    const uint32_t cur = w.load(std::memory_order_acquire);
+    const uint32_t me = static_cast<uint32_t>(is_pid);
+    if (cur == me) {
+        is_lock_stale = 0;
+        return 0;
+    }
+    // Rule 1: a non-zero word that is not ours once the range is ours was left by a
+    // holder that died; the caller may have to repair what it was doing.
+    is_lock_stale = cur != 0 ? 1 : 0;
+    w.store(me, std::memory_order_release);
+    is_incsyslocks();
+    return 0;
+}
+
+void is_unlock(unsigned* lockidp) noexcept {
+    auto w = word(lockidp);
+    const uint32_t cur = w.load(std::memory_order_acquire);
+    if (cur == 0 || cur != static_cast<uint32_t>(is_pid)) return;
+    w.store(0, std::memory_order_release);
+    isam_com->cursyslocks--;
+    if (is_unlockit(kisam::com_offset(lockidp)) != 0) fatal("is unlockit fail - errno = %d\n");
+}
+
+void is_incsyslocks(void) noexcept {
+    isam_com->totsyslocks++;
+    isam_com->cursyslocks++;
+    if (isam_com->maxsyslocks < isam_com->cursyslocks) isam_com->maxsyslocks = isam_com->cursyslocks;
+}
+
+int is_fwait(volatile unsigned* lockidp) noexcept {
+    isam_com->usrwaits++;
+    is_unlock(&is_curfcp->jd_fcplock);
+    const unsigned long o = kisam::com_offset(lockidp);
+    int rc = 0;
+    if (is_lockitw(o) != 0) {
+        if (errno != EDEADLK) fatal("is lockitw fail - errno = %d\n");
+        set_need(0);
+        rc = -1;
+    } else if (is_unlockit(o) != 0) {
+        fatal("is unlockit fail - errno = %d\n");
+    }
+    // The caller expects its control lock back in every case.  A refusal here would
+    // need another process to wait for this one while holding the control lock, which
+    // the lock order excludes (no record-lock wait under a control lock); should the
+    // kernel still refuse, try again after a pause rather than return without it.
+    while (is_lock(&is_curfcp->jd_fcplock) != 0) {
+        struct timespec ts {0, 1000000};
+        ::nanosleep(&ts, nullptr);
+    }
+    return rc;
+}
+
+int is_fdone(unsigned* lockidp) noexcept {
+    if (is_unlockit(kisam::com_offset(lockidp)) != 0) fatal("is unlockit fail - errno = %d\n");
+    return 0;
+}
