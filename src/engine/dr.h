@@ -1,9 +1,29 @@
 // Data records: shared data pages, overflow chains and the free-space table.
 //
-// Requires: the current file's control lock.
+// Requires: the current file's control lock.  Pages go through the buffer pool; every
+// page changed here is written to disk before the call returns.
+//
+// Record address: 0xFFFFFFFF none; P + 1 the record starts in overflow page P;
+// P + s (s even, 2..1022) it starts with the segment at byte s of shared page P.
 #pragma once
 
 #include "layout.h"
+
+namespace kisam {
+
+inline constexpr int kDrOverflowData = 1016;    // data bytes of one overflow page
+inline constexpr int kDrMaxShared = 1020;       // longest record kept in one shared page
+inline constexpr uint16_t kDrOverflowMagic = 0x8001;
+inline constexpr uint16_t kDrPageWord = 0x8000; // + offset of the first free chunk
+inline constexpr PAGE kDrLowMask = 0x3FF;
+
+// Bytes a last-form segment of len data bytes occupies: header + data, even, at least 4.
+constexpr int dr_need(int len) {
+    int n = len + (len & 1) + 2;
+    return n < 4 ? 4 : n;
+}
+
+}  // namespace kisam
 
 int dr_get(PAGE drp, char* recptr, int maxlen) noexcept;   // bytes copied, or -1
 PAGE dr_put(const char* recptr, int reclen) noexcept;      // address, or 0xFFFFFFFF

@@ -1,0 +1,81 @@
+// Keyed read: the next, previous or an exactly matching record along any key.
+//
+// A cursor is a key value, not a place in a page: every read searches the index again
+// from the value it remembers, so inserts, deletions and splits made by other processes
+// between two reads are simply seen.  The page hint only shortens the search.
+#include "is_rec.h"
+
+#include "bt.h"
+#include "bt_key.h"
+#include "dr.h"
+#include "is_error.h"
+
+#include <cstring>
+
+using namespace kisam;
+
+namespace {
+
+char tbuf[1536];
+
+// Work of one read under the control lock; see is_read.
+int read_locked(int keyno, char* record, int recsize, int dir) {
+    IS_FCP* fcp = is_curfcp;
+    IS_DB* db = is_curdb;
+    if (fcp->is_nkeys < 1) return 0;   // a file without keys holds no record to find
+
+    const IS_KEY* k0 = fcp_key(fcp, 0);
+    if (recsize < k0->k_keylen || record == nullptr)
+        return is_raise(ISE_RSIZE, PROC(P_IS_READ, 1));
+
+    IS_DBKEY* cur = db_cursor(db, keyno);
+    const IS_KEY* kd = fcp_key(fcp, keyno);
+    const char pad = dir == 2 ? static_cast<char>(0xFF) : 0;
+    if (cur->curr_kstate == 0) is_pad(cur->currkey, kd->k_keylen, pad);
+    int mode = cur->curr_kstate == 2 ? dir : (dir | 1);
+
+    char* item = cur->currkey;
+    if (keyno >= 1) {
+        // Without a remembered item the key 0 part decides where among equal key values
+        // the search lands: the first of them forwards, the last backwards.
+        if (cur->curr_kstate != 2)
+            is_pad(cur->currkey + kd->k_offset, kd->k_itemlen - kd->k_offset, pad);
+        cur->curr_kstate = 2;
+        int r = bt_search(keyno, kd->k_root, mode, cur->currkey, 0);
+        if (r != 1) return r;
+        item = db->temp;
+        std::memcpy(item, cur->currkey + kd->k_offset, static_cast<size_t>(k0->k_keylen));
+        mode = 1;
+    } else {
+        cur->curr_kstate = 2;
+    }
+
+    int r = bt_search(0, k0->k_root, mode, item, 0);
+    if (r != 1) return r;
+    if (keyno >= 1 &&
+        std::memcmp(item, cur->currkey + kd->k_offset, static_cast<size_t>(k0->k_keylen)) != 0)
+        return 0;   // key i names a key 0 value that key 0 does not hold: no record
+
+    const PAGE addr = load_at<PAGE>(item + k0->k_offset);
+    int kl = 0;
+    if (fcp->is_optbits & ISO_KEYOPT) {
+        // Key 0 is held only in the index: it comes from the item, the rest from the data.
+        kl = k0->k_keylen;
+        std::memcpy(record, item, static_cast<size_t>(kl));
+        if (addr == KISAM_NOPAGE || recsize == kl) return kl;
+    }
+    int n = dr_get(addr, record + kl, recsize - kl);
+    if (n < 0) return is_push(PROC(P_IS_READ, 2));
+    return n + kl;
+}
+
+}  // namespace
+
+char* is_tbufp = tbuf;
+
+int is_read(int keyno, char* record, int recsize, int dir) noexcept {
+    if (is_getctl() < 0) return -1;
+    int r = read_locked(keyno, record, recsize, dir);
+    if (is_relctl() < 0) return -1;
+    return r;
+}

@@ -1,0 +1,156 @@
+// Write and replace: stores a record's data part, then indexes it under every key.
+//
+// Key 0 items carry the record address; the items of every other key carry the key 0
+// value, so key 0 admits no duplicates and the other keys do.  Replacing (force) swaps
+// the address in the key 0 item and re-indexes only the alternate keys whose values
+// changed.  There is no undo: a failure part-way leaves the steps already done, and
+// the file stays structurally valid.
+#include "is_rec.h"
+
+#include "bt.h"
+#include "dr.h"
+#include "is_error.h"
+
+#include <cstdlib>
+#include <cstring>
+
+using namespace kisam;
+
+namespace {
+
+constexpr int kTbufSize = 1536;
+
+// Holds the old record's key fields: the process scratch buffer, or a heap block for
+// files whose key fields are longer.
+class KeySave {
+public:
+    explicit KeySave(int n)
+        : p_(n <= kTbufSize ? is_tbufp : static_cast<char*>(std::malloc(static_cast<size_t>(n)))),
+          owned_(n > kTbufSize) {}
+    ~KeySave() {
+        if (owned_) std::free(p_);
+    }
+    KeySave(const KeySave&) = delete;
+    KeySave& operator=(const KeySave&) = delete;
+    char* get() const { return p_; }
+
+private:
+    char* p_;
+    bool owned_;
+};
+
+// Builds, in temp, the key i item of a record: the key i value, and at k_offset of key i
+// the key 0 value.  Pad bytes are zero.
+void alt_item(char* temp, const IS_KEY* ki, const char* value, const IS_KEY* k0, const char* key0) {
+    std::memset(temp, 0, static_cast<size_t>(ki->k_itemlen));
+    std::memcpy(temp, value, static_cast<size_t>(ki->k_keylen));
+    std::memcpy(temp + ki->k_offset, key0, static_cast<size_t>(k0->k_keylen));
+}
+
+// Replaces the alternate items of the record whose key 0 item now carries the new
+// address; `old` is the address of the record being replaced.
+int replace_alternates(const char* record, PAGE old) {
+    IS_FCP* fcp = is_curfcp;
+    IS_DB* db = is_curdb;
+    const IS_KEY* k0 = fcp_key(fcp, 0);
+    const int kl0 = k0->k_keylen;
+    const int nkeys = fcp->is_nkeys;
+
+    if (nkeys == 1) {
+        if (old != KISAM_NOPAGE && dr_rel(old) != 0) return is_push(PROC(P_IS_WRITE, 8));
+        return 0;
+    }
+
+    const int minrec = fcp->is_minrec;
+    KeySave save(minrec);
+    char* buf = save.get();
+    if (buf == nullptr) return is_raise(ISE_KEYSAVE, PROC(P_IS_WRITE, 6));
+    int got;
+    if (fcp->is_optbits & ISO_KEYOPT) {
+        std::memcpy(buf, record, static_cast<size_t>(kl0));
+        got = dr_get(old, buf + kl0, minrec - kl0);
+    } else {
+        got = dr_get(old, buf, minrec);
+    }
+    if (got < 0) return is_push(PROC(P_IS_WRITE, 7));
+    if (old != KISAM_NOPAGE && dr_rel(old) != 0) return is_push(PROC(P_IS_WRITE, 8));
+
+    char* temp = db->temp;
+    const char* po = buf + kl0;
+    const char* pn = record + kl0;
+    for (int i = 1; i < nkeys; ++i) {
+        const IS_KEY* ki = fcp_key(fcp, i);
+        const size_t len = static_cast<size_t>(ki->k_keylen);
+        if (std::memcmp(po, pn, len) != 0) {
+            alt_item(temp, ki, po, k0, record);
+            db_cursor(db, i)->currpage = KISAM_NOPAGE;
+            if (bt_delete(i, ki->k_root, temp, KISAM_NOPAGE) != 0)
+                return is_push(PROC(P_IS_WRITE, 9));
+            alt_item(temp, ki, pn, k0, record);
+            if (bt_insert(i, fcp_key(fcp, i)->k_root, temp, 0, 0) < 0)
+                return is_push(PROC(P_IS_WRITE, 10));
+        }
+        po += len;
+        pn += len;
+    }
+    return 0;
+}
+
+int write_locked(const char* record, int recsize, int force) {
+    IS_FCP* fcp = is_curfcp;
+    IS_DB* db = is_curdb;
+    if (is_curpfi->pfi_bits & PFI_RDONLY) return is_raise(ISE_RONLY, PROC(P_IS_WRITE, 1));
+    if (fcp->is_nkeys < 1) return is_raise(ISE_NKEYERR, PROC(P_IS_WRITE, 12));
+    if (record == nullptr || recsize < fcp->is_minrec || recsize > KISAM_MAXREC)
+        return is_raise(ISE_RSIZE, PROC(P_IS_WRITE, 2));
+
+    const IS_KEY* k0 = fcp_key(fcp, 0);
+    const int kl0 = k0->k_keylen;
+    char* temp = db->temp;
+    std::memset(temp, 0, static_cast<size_t>(k0->k_itemlen));
+    std::memcpy(temp, record, static_cast<size_t>(kl0));
+
+    // Data part: the whole record, or what follows key 0 when key 0 lives in the index.
+    const bool keyopt = (fcp->is_optbits & ISO_KEYOPT) != 0;
+    const char* data = keyopt ? record + kl0 : record;
+    const int dlen = keyopt ? recsize - kl0 : recsize;
+    PAGE addr = KISAM_NOPAGE;
+    if (dlen > 0) {
+        addr = dr_put(data, dlen);
+        if (addr == KISAM_NOPAGE) return is_push(PROC(P_IS_WRITE, 3));
+    }
+
+    store_at<PAGE>(temp + k0->k_offset, addr);
+    int r = bt_insert(0, k0->k_root, temp, 0, force);
+    if (r < 0) return is_push(PROC(P_IS_WRITE, 4));
+
+    if (r == 0) {
+        const char* p = record + kl0;
+        for (int i = 1; i < fcp->is_nkeys; ++i) {
+            const IS_KEY* ki = fcp_key(fcp, i);
+            alt_item(temp, ki, p, k0, record);
+            if (bt_insert(i, ki->k_root, temp, 0, 0) < 0) return is_push(PROC(P_IS_WRITE, 11));
+            p += ki->k_keylen;
+        }
+        return 0;
+    }
+
+    if (force == 0) {
+        // Duplicate key 0: the data just stored is not wanted.
+        if (addr != KISAM_NOPAGE && dr_rel(addr) != 0) return is_push(PROC(P_IS_WRITE, 5));
+        return 1;
+    }
+
+    // bt_insert exchanged the addresses: temp now carries the replaced record's.
+    const PAGE old = load_at<PAGE>(temp + k0->k_offset);
+    return replace_alternates(record, old);
+}
+
+}  // namespace
+
+int is_write(const char* record, int recsize, int force) noexcept {
+    if (is_getctl() < 0) return -1;
+    int r = write_locked(record, recsize, force);
+    if (is_relctl() < 0) return -1;
+    return r;
+}

@@ -1,0 +1,109 @@
+// Public record operations: each frames the call and hands the work to the record layer.
+//
+// nisread, nispread, nisfind, niswrite and nisfwrite take no control lock themselves:
+// the record layer brackets its own work.  nisdelete and nisupdate hold the lock around
+// their work, so that an update's delete and re-write are one unit for other processes.
+#include "is_error.h"
+#include "is_file.h"
+#include "is_rec.h"
+
+#include <cstring>
+
+using namespace kisam;
+
+namespace {
+
+// Sets the search value of cursor keyno (state 1); the next read starts from it.
+void set_search(int keyno, const char* key) {
+    IS_DBKEY* cur = db_cursor(is_curdb, keyno);
+    std::memcpy(cur->currkey, key, static_cast<size_t>(fcp_key(is_curfcp, keyno)->k_keylen));
+    cur->curr_kstate = 1;
+}
+
+}  // namespace
+
+extern "C" {
+
+KISAM_API int nisread(int isfd, int keyno, char* record, int recsize) {
+    if (is_isin(PROC(P_ISREAD), isfd, keyno) < 0) return -1;
+    int r = is_read(keyno, record, recsize, 0);
+    is_isout();
+    return r;
+}
+
+KISAM_API int nispread(int isfd, int keyno, char* record, int recsize) {
+    if (is_isin(PROC(P_ISPREAD), isfd, keyno) < 0) return -1;
+    int r = is_read(keyno, record, recsize, 2);
+    is_isout();
+    return r;
+}
+
+KISAM_API int nisfind(int isfd, int keyno, const char* key, char* record, int recsize) {
+    if (is_isin(PROC(P_ISFIND), isfd, keyno) < 0) return -1;
+    int r = 0;
+    if (key == nullptr) {
+        r = is_raise(ISE_INVKL, PROC(P_ISFIND, 1));
+    } else if (is_curfcp->is_nkeys > 0) {
+        set_search(keyno, key);
+        r = is_read(keyno, record, recsize, 5);
+    }
+    is_isout();
+    return r;
+}
+
+KISAM_API int nisseek(int isfd, int keyno, const char* key) {
+    if (is_isin(PROC(P_ISSEEK), isfd, keyno) < 0) return -1;
+    if (key != nullptr && is_curfcp->is_nkeys > 0) set_search(keyno, key);
+    is_isout();
+    return 0;
+}
+
+KISAM_API int niswrite(int isfd, const char* record, int recsize) {
+    if (is_isin(PROC(P_ISWRITE), isfd, 0) < 0) return -1;
+    int r = is_write(record, recsize, 0);
+    is_isout();
+    return r;
+}
+
+KISAM_API int nisfwrite(int isfd, const char* record, int recsize) {
+    if (is_isin(PROC(P_ISFWRITE), isfd, 0) < 0) return -1;
+    int r = is_write(record, recsize, 1);
+    is_isout();
+    return r;
+}
+
+KISAM_API int nisupdate(int isfd, const char* record, int recsize) {
+    if (is_isin(PROC(P_ISUPDATE), isfd, 0) < 0) return -1;
+    int r;
+    const IS_FCP* fcp = is_curfcp;
+    if (is_curpfi->pfi_bits & PFI_RDONLY) {
+        r = is_raise(ISE_RONLY, PROC(P_IS_DELETE, 1));
+    } else if (record == nullptr || recsize < fcp->is_minrec || recsize > KISAM_MAXREC) {
+        // Refused before the delete: a record that cannot be written again must not be
+        // removed first.
+        r = is_raise(ISE_RSIZE, PROC(P_IS_WRITE, 2));
+    } else if (is_getctl() < 0) {
+        r = -1;
+    } else {
+        r = is_delete(record);
+        if (r >= 0) r = is_write(record, recsize, 0);
+        if (is_relctl() < 0) r = -1;
+    }
+    is_isout();
+    return static_cast<short>(r);
+}
+
+KISAM_API int nisdelete(int isfd, const char* primekey) {
+    if (is_isin(PROC(P_ISDELETE), isfd, 0) < 0) return -1;
+    int r;
+    if (is_getctl() < 0) {
+        r = -1;
+    } else {
+        r = is_delete(primekey);
+        if (is_relctl() < 0) r = -1;
+    }
+    is_isout();
+    return static_cast<short>(r);
+}
+
+}  // extern "C"
