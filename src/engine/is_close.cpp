@@ -1,0 +1,156 @@
+// Closing files and leaving the ISAM system.
+//
+// A close undoes an open at up to three levels: the handle (always), this process's
+// descriptor (with its last handle on the file) and the shared control page (with the
+// last process anywhere).  nisclose holds opcl_lock throughout, and the file's control
+// lock inside it, so opens and closes of all processes are serialised.
+//
+// Details of procedure isclose (0x31) raised here:
+//   1  ISE_DEADLOCK: the wait for opcl_lock was refused
+//   2  the wait for the file's control lock was refused (pushed over ISE_DEADLOCK)
+// In both cases nothing is closed and nothing new is held.
+#include "is_common.h"
+#include "is_error.h"
+#include "is_file.h"
+#include "is_heap.h"
+#include "is_lock.h"
+#include "is_rec.h"
+#include "os.h"
+#include "v_pool.h"
+
+#include <cstdlib>
+
+namespace {
+
+constexpr int kClose = 0x3100;
+
+inline bool held_by_me(uint32_t word) {
+    return (word & 0x7FFFFFFFu) == static_cast<uint32_t>(is_pid);
+}
+
+// Releases this handle's record locks and keeps the live-lock figure true.
+void release_handle_locks(int isfd) noexcept {
+    int n = is_unres(isfd, nullptr, 0, 1);
+    if (n > 0) {
+        uint32_t cur = isam_com->curusrlocks;
+        isam_com->curusrlocks = cur > static_cast<uint32_t>(n) ? cur - static_cast<uint32_t>(n) : 0;
+    }
+}
+
+// The last process closed the file: whatever is still chained belongs to processes that
+// died holding locks (their ranges went with them).  Each entry is unlinked before it is
+// freed and never read afterwards.
+void drop_lock_chain(IS_FCP* fcp) noexcept {
+    RELt rel = fcp->jd_lock_hd;
+    fcp->jd_lock_hd = KISAM_NOREL;
+    while (rel != KISAM_NOREL) {
+        IS_RC* rc = kisam::rel_ptr<IS_RC>(rel);
+        RELt next = rc->rc_next;
+        freencom(reinterpret_cast<char*>(rc), static_cast<unsigned>(rc->rc_len) + 16u);
+        rel = next;
+    }
+}
+
+}  // namespace
+
+void is_dbfree(int isfd) noexcept {
+    if (!isam_com || !is_db || isfd < 0 || isfd >= isam_com->maxopen || !is_db[isfd]) return;
+    if (is_db[isfd] == is_curdb) is_curdb = nullptr;
+    std::free(is_db[isfd]);
+    is_db[isfd] = nullptr;
+    --n_ufiles;
+}
+
+extern "C" {
+
+KISAM_API int nisclose(int isfd) {
+    if (is_isin(kClose, isfd, 0) != 0) return -1;
+    if (is_lock(&isam_com->opcl_lock) != 0) {
+        is_raise(ISE_DEADLOCK, PROC(P_ISCLOSE, 1));
+        is_isout();
+        return -1;
+    }
+    if (is_getctl() != 0) {
+        is_unlock(&isam_com->opcl_lock);
+        is_push(PROC(P_ISCLOSE, 2));
+        is_isout();
+        return -1;
+    }
+
+    IS_FCP* fcp = is_curfcp;
+    IS_PFI* pfi = is_curpfi;
+    const int u = is_curdb->uniqueid;
+
+    if (!(pfi->pfi_bits & PFI_RDONLY) && (fcp->is_optbits & (ISO_DIRTYMARK | ISO_SEQ)) == ISO_DIRTYMARK)
+        fcp_setdatachanged(fcp, pfi, 0, fcp->is_optbits & ISO_SYNC);
+
+    if (--pfi->pfi_refcnt > 0) {
+        // Other handles of this process keep the descriptor and the slot.
+        release_handle_locks(isfd);
+        is_relctl();
+        is_dbfree(isfd);
+    } else if (--fcp->is_usecnt > 0) {
+        // Other processes keep the shared copy.
+        v_flush();
+        release_handle_locks(isfd);
+        is_unlock(&fcp->jd_fcplock);
+        kisam::os_close(pfi->pfi_osfd);
+        pfi->pfi_osfd = -1;
+        is_dbfree(isfd);
+    } else {
+        // Last close anywhere: give the buffers back and free the shared copy.
+        v_relbuf();
+        release_handle_locks(isfd);
+        drop_lock_chain(fcp);
+        is_unlock(&fcp->jd_fcplock);
+        kisam::os_close(pfi->pfi_osfd);
+        pfi->pfi_osfd = -1;
+        v_forget_file(u);
+        is_env.pfo_tbl[u] = -1;
+        is_dbfree(isfd);
+        freencom(reinterpret_cast<char*>(fcp), IS_FCP_SIZE(fcp->is_nkeys));
+        if (is_curfcp == fcp) is_curfcp = nullptr;
+    }
+    is_unlock(&isam_com->opcl_lock);
+    is_isout();
+    return 0;
+}
+
+KISAM_API int isallclose(void) {
+    if (!isam_com || !is_db) return 0;
+    for (int isfd = 0; isfd < isam_com->maxopen; ++isfd)
+        if (is_db[isfd]) nisclose(isfd);
+    return 0;
+}
+
+KISAM_API int nisunisam(void) {
+    if (!isam_com) return 0;
+    // Words left by an interrupted call of this process.
+    if (held_by_me(isam_com->opcl_lock)) is_unlock(&isam_com->opcl_lock);
+    if (held_by_me(isam_com->free_lock)) is_unlock(&isam_com->free_lock);
+    if (held_by_me(isam_com->buf_lock)) is_unlock(&isam_com->buf_lock);
+    is_env.needs_[is_env.useridx] = 0;
+
+    isallclose();
+
+    std::free(is_db);
+    is_db = nullptr;
+    is_pfi = nullptr;
+    is_curdb = nullptr;
+    is_curpfi = nullptr;
+    is_curfcp = nullptr;
+    n_ufiles = 0;
+
+    is_env.pid_[is_env.useridx] = 0;
+    freecom();
+    isam_com = nullptr;
+    v_reset_process();
+    return 0;
+}
+
+KISAM_API void nisexit(int rc) {
+    nisunisam();
+    std::exit(rc);
+}
+
+}  // extern "C"

@@ -1,0 +1,82 @@
+// Per-call entry and exit of every operation that works on an ISAM file descriptor.
+//
+// The frame selects the current handle, physical-file entry and shared control page,
+// which every lower layer reads as implicit arguments, and repairs what an earlier call
+// of this process left behind when it never reached its exit.
+#include "is_error.h"
+#include "is_file.h"
+#include "is_lock.h"
+#include "is_rec.h"
+
+#include <cerrno>
+
+extern "C" {
+KISAM_API short Iscurfun = 0;
+KISAM_API short Islastfun = 0;
+KISAM_API IS_DB* is_curdb = nullptr;
+KISAM_API IS_PFI* is_curpfi = nullptr;
+KISAM_API IS_FCP* is_curfcp = nullptr;
+KISAM_API IS_DB** is_db = nullptr;
+KISAM_API IS_PFI* is_pfi = nullptr;
+}
+
+namespace {
+
+constexpr int kCreate = 0x3200;
+constexpr int kOpen = 0x3800;
+constexpr int kSeqCreate = 0x5000;
+
+inline bool held_by_me(uint32_t word) {
+    return (word & 0x7FFFFFFFu) == static_cast<uint32_t>(is_pid);
+}
+
+int refuse(int code, int procid, int detail) noexcept {
+    is_raise(code, procid + detail);
+    Iscurfun = static_cast<short>(-procid);
+    return -1;
+}
+
+}  // namespace
+
+int is_isin(int procid, int isfd, int keyno) noexcept {
+    errno = 0;
+
+    // A positive Iscurfun means the previous framed call never left: give back the
+    // locks it may still hold, so this call does not wait on its own process.
+    if (Iscurfun > 0 && isam_com) {
+        if (is_curfcp && is_curpfi && held_by_me(is_curfcp->jd_fcplock)) is_relctl();
+        if (held_by_me(isam_com->opcl_lock)) is_unlock(&isam_com->opcl_lock);
+        if (held_by_me(isam_com->free_lock)) is_unlock(&isam_com->free_lock);
+    }
+
+    Islastfun = Iscurfun;
+    Iscurfun = static_cast<short>(procid);
+
+    if (procid == kCreate || procid == kOpen || procid == kSeqCreate) return 0;
+
+    if (isfd < 0 || !isam_com || !is_db || isfd >= isam_com->maxopen || !is_db[isfd])
+        return refuse(ISE_BADFD, procid, 0);
+
+    is_curdb = is_db[isfd];
+    int u = is_curdb->uniqueid;
+    is_curpfi = &is_pfi[u];
+    is_curfcp = kisam::pfo_fcp(u);
+    if (!is_curfcp) return refuse(ISE_BADFD, procid, 0);
+
+    if (is_curpfi->pfi_nkeys != is_curfcp->is_nkeys) return refuse(ISE_BADFD, procid, 1);
+
+    if (!(is_curpfi->pfi_bits & PFI_SEQ)) {
+        if (is_curpfi->pfi_bits & PFI_BIGFCP) {
+            if (is_curfcp->is_magic != ISMAGIC_1024) return refuse(ISE_BADFD, procid, 2);
+        } else if (is_curfcp->is_magic != ISMAGIC_512) {
+            return refuse(ISE_BADFD, procid, 3);
+        }
+    }
+
+    int nkeys = is_curfcp->is_nkeys;
+    if (keyno < 0 || !(keyno < nkeys || (keyno == 0 && nkeys == 0)))
+        return refuse(ISE_BADKN, procid, 0);
+    return 0;
+}
+
+void is_isout(void) noexcept { Iscurfun = static_cast<short>(-Iscurfun); }

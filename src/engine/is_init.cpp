@@ -1,0 +1,203 @@
+// Start-up: finding the configuration, attaching the common area, claiming a process
+// slot and allocating the per-process handle tables; and the same per-process part for
+// a child after fork.
+//
+// Details of procedure is_init (0x22) raised here besides the documented ones:
+//   10  the configuration record is unusable (co_maxopen, co_maxbuf or co_maxusers below
+//       1, co_maxnkeys above 25, or co_maxufile negative): the segment would be laid out
+//       wrongly or be useless, so it is never created from such a record;
+//   11  the start-up lock on the lock file could not be taken;
+//   12  is_chinit: the wait for opcl_lock was refused as a deadlock (ISE_DEADLOCK).
+#include "is_common.h"
+#include "is_error.h"
+#include "is_file.h"
+#include "is_lock.h"
+#include "v_pool.h"
+
+#include <kisam/ztsupport.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/ipc.h>
+#include <unistd.h>
+
+#include "os.h"
+
+namespace {
+
+constexpr int kNameBuf = 512;
+constexpr int kConfigMin = 48;
+constexpr int kConfigRead = 512;
+
+// Copies prefix + suffix into fnbuf (bounded) and folds runs of '/'.
+void make_name(char* fnbuf, const char* prefix, const char* suffix) {
+    std::snprintf(fnbuf, kNameBuf, "%s%s", prefix ? prefix : "", suffix);
+    ZTFileNameFix(fnbuf);
+}
+
+// Claims the first free slot of the process table for this process.
+int _is_mkpid(void) noexcept {
+    is_pid = static_cast<int>(::getpid());
+    int n = isam_com->maxusers;
+    for (int i = 0; i < n; ++i) {
+        if (is_env.pid_[i] == 0) {
+            is_env.pid_[i] = is_pid;
+            is_env.useridx = static_cast<int16_t>(i);
+            is_env.needs_[i] = 0;
+            return 0;
+        }
+    }
+    isam_com = nullptr;  // the segment stays attached; the caller detaches it
+    return -1;
+}
+
+bool config_usable(const is_config& c) {
+    return c.co_maxopen >= 1 && c.co_maxbuf >= 1 && c.co_maxusers >= 1 &&
+           c.co_maxnkeys <= KISAM_MAXKEYS && c.co_maxufile >= 0;
+}
+
+}  // namespace
+
+int kiopenconfigfile(char* fnbuf, int /*util*/) noexcept {
+    LoadEnv();
+    const char* conf = ZTGetEnvX("KISCONFIG");
+    if (conf && *conf) {
+        make_name(fnbuf, conf, "");
+        return kisam::os_open(fnbuf, O_RDONLY | O_CLOEXEC);
+    }
+    make_name(fnbuf, ZTGetEnvX("etc_dir"), "/kisamconfig");
+    int fd = kisam::os_open(fnbuf, O_RDONLY | O_CLOEXEC);
+    if (fd >= 0 || errno != ENOENT) return fd;
+    make_name(fnbuf, ZTGetEnvX("HOME_Q9"), "/kisamconfig");
+    return kisam::os_open(fnbuf, O_RDONLY | O_CLOEXEC);
+}
+
+extern "C" KISAM_API int is_init(void) {
+    char name[kNameBuf];
+    std::memset(name, 0, sizeof name);
+    LoadEnv();
+    int conffd = kiopenconfigfile(name, 0);
+    if (conffd < 0) {
+        is_raise(ISE_INITERR, PROC(P_IS_INIT, 1));
+        if (isam_com) {
+            freecom();
+            isam_com = nullptr;
+        }
+        return -1;
+    }
+
+    bool locked = false;
+    auto fail = [&](int code, int detail) noexcept {
+        is_raise(code, PROC(P_IS_INIT, detail));
+        if (isam_com) {
+            freecom();
+            isam_com = nullptr;
+        }
+        kisam::os_close(conffd);
+        if (locked) ISUnlockFile(is_lockfd, 0, 2);
+        return -1;
+    };
+
+    // The lock file carries every lock word of the installation; without one, the
+    // configuration file itself serves.  A lock file left from an earlier attachment
+    // (perhaps of another installation) is replaced only once the new one is open.
+    char lkname[kNameBuf + 4];
+    std::snprintf(lkname, sizeof lkname, "%s.lk", name);
+    bool have_lk = true;
+    int lfd = kisam::os_open(lkname, O_RDWR | O_CLOEXEC);
+    if (lfd < 0) {
+        if (errno != ENOENT) return fail(ISE_INITERR, 13);
+        have_lk = false;
+        lfd = kisam::os_open(name, O_RDWR | O_CLOEXEC);
+        if (lfd < 0) return fail(ISE_INITERR, 9);
+    }
+    if (is_lockfd >= 0 && is_lockfd != lfd && !isam_com) kisam::os_close(is_lockfd);
+    is_lockfd = lfd;
+
+    key_t key = ::ftok(have_lk ? lkname : name, 1);
+
+    if (ISLockFile(is_lockfd, 0, 2) != 0) return fail(ISE_INITERR, 11);
+    locked = true;
+
+    alignas(8) unsigned char buf[kConfigRead];
+    std::memset(buf, 0, sizeof buf);
+    ssize_t n = kisam::os_pread_full(conffd, buf, sizeof buf, 0);
+    if (n <= 0) return fail(ISE_INITERR, 2);
+    if (n < kConfigMin) return fail(ISE_INITERR, 3);
+    is_config conf;
+    std::memcpy(&conf, buf, sizeof conf);
+    if (conf.co_maxufile == 0) conf.co_maxufile = conf.co_maxopen;
+    if (!config_usable(conf)) return fail(ISE_INITERR, 10);
+    if (sizecomm(&conf) != 0) return fail(ISE_INITERR, 7);
+
+    char* base = getcomm(key, conf.co_comsize);
+    if (base == reinterpret_cast<char*>(-1)) return fail(ISE_INITERR, 4);
+    if (::setuid(::getuid()) != 0) { /* already the real user */ }
+    isam_com = reinterpret_cast<struct isam_com*>(base);
+
+    if (is_firstcomf || isam_com->maxopen == 0) is_comlayout(&conf);
+    if (isam_com->iscom_magicval != ISCOM_MAGIC) return fail(ISE_MAGICVALERR, 1);
+    if (isam_com->iscom_version != ISCOM_VERSION) return fail(ISE_VERSIONERR, 1);
+    is_setenv();
+
+    if (_is_mkpid() != 0) {
+        // _is_mkpid leaves the segment attached but forgets it; detach it here.
+        isam_com = reinterpret_cast<struct isam_com*>(base);
+        return fail(ISE_INITERR, 5);
+    }
+
+    int maxopen = isam_com->maxopen;
+    size_t bytes = static_cast<size_t>(maxopen) * kisam::kTableBytesPerOpen;
+    char* block = static_cast<char*>(std::calloc(1, bytes ? bytes : 1));
+    if (!block) {
+        is_env.pid_[is_env.useridx] = 0;
+        return fail(ISE_INITERR, 6);
+    }
+    is_db = reinterpret_cast<IS_DB**>(block);
+    is_pfi = reinterpret_cast<IS_PFI*>(block + static_cast<size_t>(maxopen) * sizeof(IS_DB*));
+    for (int i = 0; i < maxopen; ++i) is_pfi[i].pfi_osfd = -1;
+    n_ufiles = 0;
+    is_curdb = nullptr;
+    is_curpfi = nullptr;
+    is_curfcp = nullptr;
+
+    if (conf.co_bits & 0x1) {
+        if (conf.co_bits & 0x4)
+            isam_com->isc_bits |= 0xA;
+        else if (conf.co_bits & 0x2)
+            isam_com->isc_bits |= 0x6;
+        else
+            isam_com->isc_bits |= 0x2;
+    }
+
+    kisam::os_close(conffd);
+    ISUnlockFile(is_lockfd, 0, 2);
+    v_reset_process();
+    return 0;
+}
+
+extern "C" KISAM_API int is_chinit(void) {
+    if (!isam_com) return 0;
+    // A child that finds the process table full is left unattached (_is_mkpid forgets
+    // the area); its inherited mapping goes away when it exits.
+    if (_is_mkpid() != 0) return is_raise(ISE_INITERR, PROC(P_IS_INIT, 8));
+    v_reset_process();
+    // The parent's holds are the parent's: the kernel gave this process none of its
+    // locks, so no control-lock hold may be believed in.
+    int maxopen = isam_com->maxopen;
+    if (is_pfi)
+        for (int i = 0; i < maxopen; ++i) is_pfi[i].pfi_ctlcnt = 0;
+    if (is_lock(&isam_com->opcl_lock) != 0) {
+        is_env.pid_[is_env.useridx] = 0;
+        return is_raise(ISE_DEADLOCK, PROC(P_IS_INIT, 12));
+    }
+    for (int i = 0; is_pfi && i < maxopen; ++i) {
+        if (is_pfi[i].pfi_osfd < 0) continue;
+        if (IS_FCP* fcp = kisam::pfo_fcp(i)) ++fcp->is_usecnt;
+    }
+    is_unlock(&isam_com->opcl_lock);
+    return 0;
+}

@@ -1,0 +1,363 @@
+// Creating and opening files.
+//
+// Opening is where processes meet: the first opener of a file reads its control page into
+// the common heap and enters it in the shared-file table; every later opener, in any
+// process, finds it there by device and inode.  Everything that touches the shared-file
+// table, is_usecnt or this process's IS_PFI entries runs under opcl_lock.
+//
+// Details raised here besides the documented ones:
+//   isopen (0x38)   15  ISE_OPENF: null name, or a name longer than 127 characters
+//                   16  ISE_DEADLOCK: the wait for opcl_lock was refused
+//   iscreate (0x32)  8  ISE_CREATF: null name, or a name longer than 127 characters
+//                    9  ISE_DEADLOCK: the wait for opcl_lock was refused
+//                    3, 4 ISE_INVKL also for a key length below 1 or no length table
+#include "bt_key.h"
+#include "fcp.h"
+#include "is_common.h"
+#include "is_error.h"
+#include "is_file.h"
+#include "is_heap.h"
+#include "is_lock.h"
+#include "is_rec.h"
+#include "os.h"
+#include "v_pool.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+short n_ufiles = 0;
+short IsKeyopt = 1;
+short IsMagicVal = static_cast<short>(ISMAGIC_1024);
+
+namespace {
+// The process scratch buffer: a control page with its identity area while a file is
+// created or opened, key fields for the record layer otherwise.
+alignas(8) char is_tbuf_area[1536];
+}  // namespace
+char* is_tbufp = is_tbuf_area;
+
+namespace {
+
+constexpr int kCreate = 0x3200;
+constexpr int kOpen = 0x3800;
+constexpr size_t kMaxName = 127;  // names are kept in 128-byte buffers
+
+constexpr int kModeMask = 0x1FFF;
+constexpr int kSeqF = 0x8000;
+constexpr int kDeferF = 0x4000;
+constexpr int kNoVerifyF = 0x2000;
+
+bool name_ok(const char* fn) { return fn && std::strlen(fn) <= kMaxName; }
+
+inline int even(int x) { return (x + 1) & ~1; }
+
+// Makes a handle for shared slot uid in the first free entry of is_db.  Its block holds
+// the fixed fields, one cursor per key, the key buffers and the scratch item, in that
+// order, zero-filled.
+int db_alloc(int uid, IS_FCP* fcp) noexcept {
+    is_curdb = nullptr;
+    int maxopen = isam_com->maxopen;
+    if (maxopen <= 0) return -1;
+    int isfd = 0;
+    while (isfd < maxopen && is_db[isfd]) ++isfd;
+    if (isfd == maxopen) return -1;
+
+    int nkeys = fcp->is_nkeys;
+    size_t keybytes = 0;
+    int maxitem = 0;
+    for (int k = 0; k < nkeys; ++k) {
+        int il = kisam::fcp_key(fcp, k)->k_itemlen;
+        if (il < 0) il = 0;
+        keybytes += static_cast<size_t>(il);
+        if (il > maxitem) maxitem = il;
+    }
+    size_t cursors = kisam::kHandleBytesFixed + kisam::kHandleBytesPerKey * static_cast<size_t>(nkeys);
+    size_t size = cursors + keybytes + static_cast<size_t>(maxitem);
+    if (size < sizeof(IS_DB)) size = sizeof(IS_DB);
+    char* block = static_cast<char*>(std::calloc(1, size));
+    if (!block) return -1;
+
+    IS_DB* db = reinterpret_cast<IS_DB*>(block);
+    is_db[isfd] = db;
+    is_curdb = db;
+    db->uniqueid = static_cast<int16_t>(uid);
+    char* keyarea = block + cursors;
+    for (int k = 0; k < nkeys; ++k) {
+        IS_DBKEY* c = kisam::db_cursor(db, k);
+        c->curr_kstate = 0;
+        c->currpage = KISAM_NOPAGE;
+        c->currkey = keyarea;
+        int il = kisam::fcp_key(fcp, k)->k_itemlen;
+        keyarea += il > 0 ? il : 0;
+    }
+    db->temp = keyarea;
+    ++n_ufiles;
+    return isfd;
+}
+
+bool same_file(const IS_FCP* fcp, const file_info& fi) {
+    return fcp->jd_ino == static_cast<uint64_t>(fi.f_inode) &&
+           fcp->jd_dev == static_cast<uint64_t>(fi.f_dev);
+}
+
+int open_fail(int code, int detail) noexcept {
+    is_raise(code, PROC(P_ISOPEN, detail));
+    is_isout();
+    return -1;
+}
+
+}  // namespace
+
+extern "C" {
+
+KISAM_API void niscr_ctl(int keyopt, int magicv) {
+    if (keyopt == 0 || keyopt == 1) IsKeyopt = static_cast<short>(keyopt);
+    if (magicv == 512)
+        IsMagicVal = static_cast<short>(ISMAGIC_512);
+    else if (magicv == 1024)
+        IsMagicVal = static_cast<short>(ISMAGIC_1024);
+}
+
+KISAM_API int niscreate(const char* filename, int nkeys, const int* key_lens) {
+    if (!isam_com && is_init() != 0) return is_push(PROC(P_ISCREATE, 1));
+    is_isin(kCreate, -1, 0);
+    auto fail = [](int code, int detail) noexcept {
+        is_raise(code, PROC(P_ISCREATE, detail));
+        is_isout();
+        return -1;
+    };
+    if (!name_ok(filename)) return fail(ISE_CREATF, 8);
+
+    bool keyopt = IsKeyopt != 0;
+    long nk = nkeys;
+    if (nk < 0) {
+        nk = -nk;
+        keyopt = true;
+    }
+    if (nk > isam_com->maxnkeys || nk > KISAM_MAXKEYS) return fail(ISE_NKEYERR, 2);
+
+    // Refuse to truncate a file that some process has open.  Nothing holds the table
+    // between this check and the creat below, so between processes it is advisory.
+    if (is_lock(&isam_com->opcl_lock) != 0) return fail(ISE_DEADLOCK, 9);
+    file_info fi;
+    if (osstat(filename, &fi) == 0) {
+        for (int u = 0; u < isam_com->maxopen; ++u) {
+            IS_FCP* f = kisam::pfo_fcp(u);
+            if (f && same_file(f, fi)) {
+                is_unlock(&isam_com->opcl_lock);
+                return fail(ISE_CREATEISOPEN, 1);
+            }
+        }
+    }
+    is_unlock(&isam_com->opcl_lock);
+
+    IS_FCP* fcp = reinterpret_cast<IS_FCP*>(is_tbufp);
+    std::memset(is_tbufp, 0, IS_FCP_JDSIZE + kisam::kFcpImage);
+    fcp->is_magic = static_cast<MAGICt>(IsMagicVal);
+    fcp->is_nkeys = static_cast<int16_t>(nk);
+    fcp->is_nextfree = fcp->is_lastpage = KISAM_PAGESIZE;
+    if (keyopt) fcp->is_optbits = ISO_KEYOPT;
+    if (nk > 0 && !key_lens) return fail(ISE_INVKL, 3);
+    int l0 = nk > 0 ? key_lens[0] : 0;
+    int minrec = 0;
+    for (int k = 0; k < nk; ++k) {
+        int len = key_lens[k];
+        int detail = k == 0 ? 3 : 4;
+        if (len < 1 || len > KISAM_PAGESIZE) return fail(ISE_INVKL, detail);
+        IS_KEY* key = kisam::fcp_key(fcp, k);
+        key->k_root = KISAM_NOPAGE;
+        key->k_keylen = static_cast<int16_t>(len);
+        key->k_offset = static_cast<int16_t>(even(len));
+        if (k == 0) {
+            key->k_itemlen = static_cast<int16_t>(even(l0) + 4);
+            key->k_ncomp = static_cast<int16_t>(l0);
+        } else {
+            key->k_itemlen = static_cast<int16_t>(even(l0) + even(len));
+            key->k_ncomp = static_cast<int16_t>(even(len) + l0);
+        }
+        int order = bt_order(key->k_itemlen, KISAM_PAGESIZE);
+        if (order < 0) return fail(ISE_INVKL, detail);
+        key->k_order = static_cast<int16_t>(order);
+        minrec += len;
+    }
+    fcp->is_minrec = static_cast<int16_t>(minrec);
+
+    int fd = kisam::os_open(filename, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (fd < 0) return fail(ISE_CREATF, 5);
+    if (kisam::os_pwrite_full(fd, is_tbufp + IS_FCP_JDSIZE, kisam::kFcpImage, 0) != 0) {
+        kisam::os_close(fd);
+        return fail(ISE_CREATF, 6);
+    }
+    if (kisam::os_close(fd) != 0) return fail(ISE_CREATF, 7);
+
+    is_isout();
+    return nisopen(filename, ISO_RDWR);
+}
+
+KISAM_API int nisopen(const char* filename, int access) {
+    is_isin(kOpen, -1, 0);
+    if (!name_ok(filename)) return open_fail(ISE_OPENF, 15);
+
+    const bool rdonly = (access & kModeMask) == 0;
+    const bool seqf = (access & kSeqF) != 0;
+    const bool deferf = (access & kDeferF) != 0;
+    const bool noverify = (access & kNoVerifyF) != 0;
+    const int oflags = rdonly ? O_RDONLY : O_RDWR;
+
+    file_info fi;
+    if (osstat(filename, &fi) != 0) return open_fail(ISE_OPENF, 1);
+    if (!isam_com && is_init() != 0) {
+        is_push(PROC(P_ISOPEN, 2));
+        is_isout();
+        return -1;
+    }
+    if (n_ufiles >= isam_com->maxufile) return open_fail(ISE_TMFILES, 13);
+
+    if (is_lock(&isam_com->opcl_lock) != 0) return open_fail(ISE_DEADLOCK, 16);
+    is_curfcp = nullptr;
+    auto fail = [](int code, int detail) noexcept {
+        is_unlock(&isam_com->opcl_lock);
+        return open_fail(code, detail);
+    };
+
+    const int maxopen = isam_com->maxopen;
+    int u = 0, freeslot = -1;
+    for (; u < maxopen; ++u) {
+        IS_FCP* f = kisam::pfo_fcp(u);
+        if (!f) {
+            if (freeslot < 0) freeslot = u;
+            continue;
+        }
+        if (same_file(f, fi) && ((f->is_optbits & ISO_SEQ) != 0) == seqf) break;
+    }
+
+    if (u < maxopen) {
+        // The file is open somewhere: share its slot.
+        IS_FCP* fcp = kisam::pfo_fcp(u);
+        is_curfcp = fcp;
+        IS_PFI* pfi = &is_pfi[u];
+        int isfd = db_alloc(u, fcp);
+        if (isfd < 0) return fail(ISE_NOIDB, 10);
+        if (pfi->pfi_osfd < 0) {
+            int fd = kisam::os_open(filename, oflags);
+            if (fd < 0) {
+                is_dbfree(isfd);
+                return fail(ISE_OPENF, 11);
+            }
+            v_forget_file(u);
+            ++fcp->is_usecnt;
+            pfi->pfi_osfd = fd;
+            pfi->pfi_nkeys = static_cast<int8_t>(fcp->is_nkeys);
+            pfi->pfi_bits = static_cast<uint8_t>((seqf ? PFI_SEQ : 0) | (rdonly ? PFI_RDONLY : 0) |
+                                                 (fcp->is_magic == ISMAGIC_1024 ? PFI_BIGFCP : 0));
+            pfi->pfi_refcnt = 1;
+            pfi->pfi_ctlcnt = 0;
+        } else {
+            if ((pfi->pfi_bits & PFI_RDONLY) && !rdonly) {
+                int fd = kisam::os_open(filename, O_RDWR);
+                if (fd < 0) {
+                    is_dbfree(isfd);
+                    return fail(ISE_OPENF, 12);
+                }
+                kisam::os_close(pfi->pfi_osfd);
+                pfi->pfi_osfd = fd;
+                pfi->pfi_bits = static_cast<uint8_t>(pfi->pfi_bits & ~PFI_RDONLY);
+            }
+            ++pfi->pfi_refcnt;
+        }
+        is_unlock(&isam_com->opcl_lock);
+        is_isout();
+        return isfd;
+    }
+
+    if (freeslot < 0) return fail(ISE_NOFCP, 3);
+    u = freeslot;
+
+    // First open anywhere: read the control page into the scratch copy, then into the
+    // common heap.
+    IS_FCP* scratch = reinterpret_cast<IS_FCP*>(is_tbufp);
+    std::memset(is_tbufp, 0, IS_FCP_JDSIZE);
+    int fd = kisam::os_open(filename, oflags, 0666);
+    if (fd < 0) return fail(ISE_OPENF, 4);
+    ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+    auto fail_fd = [&](int code, int detail) noexcept {
+        kisam::os_close(fd);
+        return fail(code, detail);
+    };
+
+    if (seqf) {
+        std::memset(is_tbufp + IS_FCP_JDSIZE, 0, kisam::kFcpImage);
+        scratch->is_magic = ISMAGIC_1024;
+        PAGE end = (fi.f_size + KISAM_PAGESIZE - 1) & ~static_cast<PAGE>(KISAM_PAGESIZE - 1);
+        scratch->is_nextfree = scratch->is_lastpage = end;
+        scratch->is_optbits = ISO_SEQ;
+    } else {
+        ssize_t n = kisam::os_pread_full(fd, is_tbufp + IS_FCP_JDSIZE, kisam::kFcpImage, 0);
+        if (n < kisam::kFcpImage) return fail_fd(ISE_NOTISAM, 5);
+        MAGICt magic = scratch->is_magic;
+        // A key table that cannot fit in the page is as foreign as a wrong magic.
+        if (magic < ISMAGIC_OLD512 || magic > ISMAGIC_1024 || scratch->is_nkeys < 0 ||
+            scratch->is_nkeys > KISAM_MAXKEYS)
+            return fail_fd(ISE_NOTISAM, 6);
+        if (magic == ISMAGIC_OLD512 || magic == ISMAGIC_OLD1024) kisam::fcp_convert_old(is_tbufp);
+        if (!noverify && (scratch->is_optbits & ISO_DIRTYMARK)) return fail_fd(ISE_INCONSISTENT, 14);
+    }
+
+    const int nkeys = scratch->is_nkeys;
+    const unsigned size = IS_FCP_SIZE(nkeys);
+    IS_FCP* fcp = reinterpret_cast<IS_FCP*>(allocncom(size));
+    if (!fcp) return fail_fd(ISE_NOFCP, 7);
+    std::memcpy(fcp, scratch, size);
+    auto fail_fcp = [&](int code, int detail) noexcept {
+        freencom(reinterpret_cast<char*>(fcp), size);
+        is_env.pfo_tbl[u] = -1;
+        return fail_fd(code, detail);
+    };
+
+    int isfd = db_alloc(u, fcp);
+    if (isfd < 0) return fail_fcp(ISE_NOIDB, 8);
+
+    fcp->jd_buf_hd = -1;
+    fcp->jd_fcplock = 0;
+    uint8_t ob = fcp->is_optbits & static_cast<uint8_t>(~(ISO_TRACK | ISO_SYNC | ISO_CLEARREL));
+    if (!noverify && (isam_com->isc_bits & 0x2)) {
+        ob |= ISO_TRACK;
+        if (isam_com->isc_bits & 0x8)
+            ob |= ISO_CLEARREL;
+        else if (isam_com->isc_bits & 0x4)
+            ob |= ISO_SYNC;
+    }
+    ob &= static_cast<uint8_t>(~ISO_CHANGED);
+    fcp->is_optbits = ob;
+    fcp->is_usecnt = 1;
+    fcp->jd_dev = static_cast<uint64_t>(fi.f_dev);
+    fcp->jd_ino = static_cast<uint64_t>(fi.f_inode);
+    fcp->jd_lock_hd = KISAM_NOREL;
+    fcp->jd_bits = 0;
+    is_env.pfo_tbl[u] = static_cast<int32_t>(kisam::rel_of(fcp));
+
+    IS_PFI* pfi = &is_pfi[u];
+    if (pfi->pfi_osfd >= 0) {
+        is_dbfree(isfd);
+        return fail_fcp(ISE_OPENF, 9);
+    }
+    v_forget_file(u);
+    pfi->pfi_osfd = fd;
+    pfi->pfi_nkeys = static_cast<int8_t>(nkeys);
+    pfi->pfi_bits = static_cast<uint8_t>((deferf ? PFI_DEFER : 0) | (seqf ? PFI_SEQ : 0) |
+                                         (rdonly ? PFI_RDONLY : 0) |
+                                         (fcp->is_magic == ISMAGIC_1024 ? PFI_BIGFCP : 0));
+    pfi->pfi_refcnt = 1;
+    pfi->pfi_ctlcnt = 0;
+    is_curfcp = fcp;
+    is_curpfi = pfi;
+
+    is_unlock(&isam_com->opcl_lock);
+    is_isout();
+    return isfd;
+}
+
+}  // extern "C"
