@@ -2,16 +2,60 @@
 //
 // Requires: the current file's control lock.  Pages go through the buffer pool and are
 // written as they change.  Item layout and page format: see bt_search.cpp.
+//
+// Page of key k (L = k_itemlen, inc = L + 4):
+//   0  int16 bt_keyno, 2 int16 bt_nitems, 4 PAGE pointer 0 (__p0),
+//   8 + i*inc item i (L bytes), then pointer i+1 (the child right of item i).
+// In a leaf every pointer is KISAM_NOPAGE.  Items rise strictly over k_ncomp bytes, with
+// the pad byte of an odd-length key taken as 0.
+//
+// Errors: the routine where a failure arises raises (is_errno + new stack); the B-tree
+// adds its own procedure code with the detail of the failing step on the way out.  A
+// failure in the middle of a split or a repair leaves the pages already written.
 #pragma once
 
 #include "layout.h"
 
-// search: 1 found (item filled), 0 none, -1 failure.
+// search: 1 found (item filled), 0 none, -1 failure.  srchflag 0/1 forward (1: equal
+// qualifies), 2/3 backward, 5 exact over k_keylen bytes.  Reads and updates the cursor's
+// currpage as a start hint.  The page holding the returned item stays fixed until flush.
 int bt_search(int keyno, PAGE page, int srchflag, char* item, int depth) noexcept;
-// insert: 0 stored, 1 already present (exchanged with forcef), -1 failure.
+// insert: 0 stored, 1 already present (exchanged with forcef), -1 failure.  With forcef
+// the 4 bytes at k_offset of the present item and of `item` are exchanged.  Fails with
+// ISE_KEYSAVE (stack 0x030E) when the carried item area cannot be allocated.
 int bt_insert(int keyno, PAGE page, char* item, int depth, int forcef) noexcept;
+// New root page: pointer 0 = page, item 0 = item, pointer 1 = oldpage; sets k_root.
 int newroot(int keyno, PAGE page, char* item, PAGE oldpage, IS_KEY* kfp) noexcept;
 // delete: 0 done, -1 failure (ISE_BTNP when the item is absent).
 int bt_delete(int keyno, PAGE page, char* item, PAGE parent) noexcept;
 int bt_getnxt(int keyno, PAGE ins_pg, int offset, PAGE parent, PAGE page) noexcept;
 int bt_unflow(int keyno, PAGE parent, PAGE page) noexcept;
+
+// Page accessors shared by the three B-tree modules.
+namespace kisam {
+
+inline constexpr int kBtHeader = 4;   // bt_keyno, bt_nitems; pointer 0 follows
+
+// Byte offset of item i and of pointer i (the pointer left of item i).
+inline int bt_item_off(int i, int inc) { return 8 + i * inc; }
+inline int bt_ptr_off(int i, int inc) { return kBtHeader + i * inc; }
+
+inline PAGE bt_ptr(const IS_DATA* d, int i, int inc) {
+    return load_at<PAGE>(d->c + bt_ptr_off(i, inc));
+}
+inline void bt_setptr(IS_DATA* d, int i, int inc, PAGE p) {
+    store_at<PAGE>(d->c + bt_ptr_off(i, inc), p);
+}
+
+// A page read for key keyno can be worked on: right key, item count within the order.
+// Anything else is a damaged tree and is refused rather than walked.
+inline bool bt_page_ok(const IS_DATA* d, int keyno, int order) {
+    return d->bt.bt_keyno == keyno && d->bt.bt_nitems >= 0 && d->bt.bt_nitems <= order;
+}
+
+// Odd-length keys carry one pad byte that always compares as 0.
+inline void bt_zero_pad(char* item, const IS_KEY* kp) {
+    if (kp->k_offset > kp->k_keylen) item[kp->k_keylen] = 0;
+}
+
+}  // namespace kisam

@@ -1,0 +1,264 @@
+// B-tree delete: predecessor replacement and underflow repair.
+//
+// An item of an internal page is replaced by the greatest item of its left subtree
+// (bt_getnxt), so items only ever leave leaves.  A page other than the root that drops
+// below K / 2 items is repaired by bt_unflow: it borrows from, or merges with, its right
+// sibling, or its left one when it is the rightmost child.  A merge takes a separator out
+// of the parent, so the repair may climb; an empty root gives way to its only child,
+// which is the only way the tree becomes shallower.
+//
+// Results between levels: 0 done, 1 the page the caller treats as parent fell below the
+// limit, -1 failure.
+//
+// Requires: the control lock of the current file.  Up to three pages (page, parent,
+// sibling) are fixed at once; every changed page is written at once, given-back pages go
+// to the free chain.
+#include "bt.h"
+
+#include "bt_key.h"
+#include "is_error.h"
+#include "v_pool.h"
+
+#include <cstring>
+
+using kisam::bt_item_off;
+using kisam::bt_ptr;
+using kisam::bt_ptr_off;
+using kisam::bt_setptr;
+
+namespace {
+
+inline size_t sz(int n) { return static_cast<size_t>(n); }
+
+}  // namespace
+
+int bt_delete(int keyno, PAGE page, char* item, PAGE parent) noexcept {
+    if (page == KISAM_NOPAGE) return is_raise(ISE_BTNP, PROC(P_BT_DELETE, 1));
+    IS_KEY* kp = kisam::fcp_key(is_curfcp, keyno);
+    const int len = kp->k_itemlen;
+    const int inc = len + 4;
+    const int half = kp->k_order / 2;
+
+    IS_DATA* d = v_read(page);
+    if (d == nullptr) return is_push(PROC(P_BT_DELETE, 2));
+    if (!kisam::bt_page_ok(d, keyno, kp->k_order)) {
+        v_unsafe(page, d->c);
+        return is_raise(ISE_BTS, PROC(P_BT_DELETE, 2));
+    }
+    kisam::bt_zero_pad(item, kp);
+
+    const int n = d->bt.bt_nitems;
+    int j = 0;
+    for (; j < n; ++j) {
+        char* x = d->c + bt_item_off(j, inc);
+        kisam::bt_zero_pad(x, kp);
+        if (!is_more(reinterpret_cast<const CmpType*>(item), reinterpret_cast<const CmpType*>(x),
+                     kp->k_ncomp, 1))
+            break;
+    }
+    const PAGE child = bt_ptr(d, j, inc);   // left of item j; the last pointer when j == n
+
+    if (j < n && is_same(item, d->c + bt_item_off(j, inc), static_cast<short>(kp->k_ncomp))) {
+        if (child == KISAM_NOPAGE) {
+            char* at = d->c + bt_item_off(j, inc);
+            std::memmove(at, at + inc, sz((n - 1 - j) * inc));
+            d->bt.bt_nitems = static_cast<int16_t>(n - 1);
+            // The repair reads the page again from the pool (it stays fixed) and writes it.
+            if (n - 1 < half) return bt_unflow(keyno, parent, page);
+            if (v_write(page, d) != 0) return is_push(PROC(P_BT_DELETE, 3));
+            v_unsafe(page, d->c);
+            return 0;
+        }
+        v_unsafe(page, d->c);
+        const int r = bt_getnxt(keyno, page, bt_item_off(j, inc), page, child);
+        if (r < 0) return is_push(PROC(P_BT_DELETE, 4));
+        return r == 1 ? bt_unflow(keyno, parent, page) : 0;
+    }
+
+    v_unsafe(page, d->c);
+    const int r = bt_delete(keyno, child, item, page);
+    if (r < 0) return is_push(PROC(P_BT_DELETE, 5));
+    return r == 1 ? bt_unflow(keyno, parent, page) : 0;
+}
+
+int bt_getnxt(int keyno, PAGE ins_pg, int offset, PAGE parent, PAGE page) noexcept {
+    if (page == KISAM_NOPAGE) return is_raise(ISE_BTNP, PROC(P_BT_GETNXT, 1));
+    IS_KEY* kp = kisam::fcp_key(is_curfcp, keyno);
+    const int len = kp->k_itemlen;
+    const int inc = len + 4;
+
+    IS_DATA* d = v_read(page);
+    if (d == nullptr) return is_push(PROC(P_BT_GETNXT, 2));
+    if (!kisam::bt_page_ok(d, keyno, kp->k_order)) {
+        v_unsafe(page, d->c);
+        return is_raise(ISE_BTS, PROC(P_BT_GETNXT, 2));
+    }
+    const int n = d->bt.bt_nitems > 0 ? d->bt.bt_nitems : 0;
+    const PAGE last = bt_ptr(d, n, inc);
+    if (last != KISAM_NOPAGE) {
+        v_unsafe(page, d->c);
+        const int r = bt_getnxt(keyno, ins_pg, offset, page, last);
+        if (r < 0) return is_push(PROC(P_BT_GETNXT, 6));
+        return r == 1 ? bt_unflow(keyno, parent, page) : 0;
+    }
+    // A leaf without items has no predecessor to give: the tree is damaged.
+    if (n == 0) {
+        v_unsafe(page, d->c);
+        return is_raise(ISE_BTS, PROC(P_BT_GETNXT, 7));
+    }
+
+    // The leaf's last item replaces the one at ins_pg/offset; ins_pg's pointers stay.
+    // ins_pg is read before the leaf changes, so a failed read leaves the leaf intact.
+    IS_DATA* ip = v_read(ins_pg);
+    if (ip == nullptr) return is_push(PROC(P_BT_GETNXT, 3));
+    d->bt.bt_nitems = static_cast<int16_t>(n - 1);
+    std::memcpy(ip->c + offset, d->c + bt_item_off(n - 1, inc), sz(len));
+    if (v_write(ins_pg, ip) != 0) return is_push(PROC(P_BT_GETNXT, 4));
+    v_unsafe(ins_pg, ip->c);
+    if (n - 1 < kp->k_order / 2) return bt_unflow(keyno, parent, page);
+    if (v_write(page, d) != 0) return is_push(PROC(P_BT_GETNXT, 5));
+    v_unsafe(page, d->c);
+    return 0;
+}
+
+int bt_unflow(int keyno, PAGE parent, PAGE page) noexcept {
+    IS_KEY* kp = kisam::fcp_key(is_curfcp, keyno);
+    const int len = kp->k_itemlen;
+    const int inc = len + 4;
+    const int half = kp->k_order / 2;
+
+    IS_DATA* d = v_read(page);
+    if (d == nullptr) return is_push(PROC(P_BT_UNFLOW, 1));
+    if (!kisam::bt_page_ok(d, keyno, kp->k_order)) {
+        v_unsafe(page, d->c);
+        return is_raise(ISE_BTS, PROC(P_BT_UNFLOW, 1));
+    }
+    const int nu = d->bt.bt_nitems;
+
+    if (parent == KISAM_NOPAGE) {
+        if (nu == 0) {
+            // An empty root gives way to its only child (none when the tree is now empty).
+            kp->k_root = bt_ptr(d, 0, inc);
+            is_curfcp->is_optbits |= ISO_CHANGED;
+            if (v_dispose(page, d) != 0) return is_push(PROC(P_BT_UNFLOW, 2));
+        } else {
+            if (v_write(page, d) != 0) return is_push(PROC(P_BT_UNFLOW, 3));
+        }
+        v_unsafe(page, d->c);
+        return 0;
+    }
+
+    IS_DATA* pp = v_read(parent);
+    if (pp == nullptr) return is_push(PROC(P_BT_UNFLOW, 4));
+    if (!kisam::bt_page_ok(pp, keyno, kp->k_order)) {
+        v_unsafe(page, d->c);
+        v_unsafe(parent, pp->c);
+        return is_raise(ISE_BTS, PROC(P_BT_UNFLOW, 4));
+    }
+    const int np = pp->bt.bt_nitems;
+    int k = 0;
+    while (k < np && bt_ptr(pp, k, inc) != page) ++k;
+
+    if (k < np) {
+        // Right sibling R; separator S = parent item k goes down as page item nu.
+        const PAGE rpno = bt_ptr(pp, k + 1, inc);
+        IS_DATA* rd = v_read(rpno);
+        if (rd == nullptr) return is_push(PROC(P_BT_UNFLOW, 0x0D));
+        const int nb = rd->bt.bt_nitems;
+        if (!kisam::bt_page_ok(rd, keyno, kp->k_order) || nu >= half) {
+            v_unsafe(page, d->c);
+            v_unsafe(parent, pp->c);
+            v_unsafe(rpno, rd->c);
+            return is_raise(ISE_BTS, PROC(P_BT_UNFLOW, 0x0D));
+        }
+        char* s = pp->c + bt_item_off(k, inc);
+        std::memcpy(d->c + bt_item_off(nu, inc), s, sz(len));
+        char* tail = d->c + bt_item_off(nu, inc) + len;   // pointer right of S in page
+
+        if (nb - nu < 2) {
+            // Merge: page takes S, R's pointer 0 and all of R; the parent loses S and its
+            // right pointer.
+            std::memmove(s, s + inc, sz((np - 1 - k) * inc));
+            pp->bt.bt_nitems = static_cast<int16_t>(np - 1);
+            std::memcpy(tail, rd->c + bt_ptr_off(0, inc), sz(4 + nb * inc));
+            d->bt.bt_nitems = static_cast<int16_t>(nu + nb + 1);
+            if (v_dispose(rpno, rd) != 0) return is_push(PROC(P_BT_UNFLOW, 0x11));
+            if (v_write(parent, pp) != 0) return is_push(PROC(P_BT_UNFLOW, 0x12));
+            if (v_write(page, d) != 0) return is_push(PROC(P_BT_UNFLOW, 0x13));
+            v_unsafe(rpno, rd->c);
+            v_unsafe(parent, pp->c);
+            v_unsafe(page, d->c);
+            return np - 1 < half ? 1 : 0;
+        }
+
+        // Borrow m items: S, then R's items 0 .. m-2; R's item m-1 is the new separator.
+        const int m = (nb - nu) / 2;
+        std::memcpy(tail, rd->c + bt_ptr_off(0, inc), sz(4 + (m - 1) * inc));
+        d->bt.bt_nitems = static_cast<int16_t>(nu + m);
+        std::memcpy(s, rd->c + bt_item_off(m - 1, inc), sz(len));
+        std::memmove(rd->c + bt_ptr_off(0, inc), rd->c + bt_ptr_off(m, inc),
+                     sz(4 + (nb - m) * inc));
+        rd->bt.bt_nitems = static_cast<int16_t>(nb - m);
+        if (v_write(page, d) != 0) return is_push(PROC(P_BT_UNFLOW, 0x0E));
+        if (v_write(parent, pp) != 0) return is_push(PROC(P_BT_UNFLOW, 0x0F));
+        if (v_write(rpno, rd) != 0) return is_push(PROC(P_BT_UNFLOW, 0x10));
+        v_unsafe(page, d->c);
+        v_unsafe(parent, pp->c);
+        v_unsafe(rpno, rd->c);
+        return 0;
+    }
+
+    if (np <= 0 || bt_ptr(pp, np, inc) != page) {
+        v_unsafe(page, d->c);
+        v_unsafe(parent, pp->c);
+        return is_raise(ISE_BTS, PROC(P_BT_UNFLOW, 5));
+    }
+
+    // Rightmost child: left sibling L; separator S = the parent's last item.
+    const PAGE lpno = bt_ptr(pp, np - 1, inc);
+    IS_DATA* ld = v_read(lpno);
+    if (ld == nullptr) return is_push(PROC(P_BT_UNFLOW, 6));
+    const int nl = ld->bt.bt_nitems;
+    if (!kisam::bt_page_ok(ld, keyno, kp->k_order) || nu >= half) {
+        v_unsafe(page, d->c);
+        v_unsafe(parent, pp->c);
+        v_unsafe(lpno, ld->c);
+        return is_raise(ISE_BTS, PROC(P_BT_UNFLOW, 6));
+    }
+    char* s = pp->c + bt_item_off(np - 1, inc);
+
+    if (nl - nu < 2) {
+        // Merge into L: S, then page's pointer 0 and all of page.
+        std::memcpy(ld->c + bt_item_off(nl, inc), s, sz(len));
+        std::memcpy(ld->c + bt_item_off(nl, inc) + len, d->c + bt_ptr_off(0, inc),
+                    sz(4 + nu * inc));
+        ld->bt.bt_nitems = static_cast<int16_t>(nl + nu + 1);
+        pp->bt.bt_nitems = static_cast<int16_t>(np - 1);
+        if (v_dispose(page, d) != 0) return is_push(PROC(P_BT_UNFLOW, 0x0A));
+        if (v_write(parent, pp) != 0) return is_push(PROC(P_BT_UNFLOW, 0x0B));
+        if (v_write(lpno, ld) != 0) return is_push(PROC(P_BT_UNFLOW, 0x0C));
+        v_unsafe(page, d->c);
+        v_unsafe(parent, pp->c);
+        v_unsafe(lpno, ld->c);
+        return np - 1 < half ? 1 : 0;
+    }
+
+    // Borrow m items: page's content moves up m slots; S becomes its item m-1, L's items
+    // nl-m+1 .. nl-1 (with the pointer left of the first) fill the front, and L's item
+    // nl-m becomes the new separator.
+    const int m = (nl - nu) / 2;
+    std::memmove(d->c + bt_ptr_off(m, inc), d->c + bt_ptr_off(0, inc), sz(4 + nu * inc));
+    std::memcpy(d->c + bt_item_off(m - 1, inc), s, sz(len));
+    std::memcpy(d->c + bt_ptr_off(0, inc), ld->c + bt_ptr_off(nl - m + 1, inc),
+                sz(4 + (m - 1) * inc));
+    d->bt.bt_nitems = static_cast<int16_t>(nu + m);
+    std::memcpy(s, ld->c + bt_item_off(nl - m, inc), sz(len));
+    ld->bt.bt_nitems = static_cast<int16_t>(nl - m);
+    if (v_write(page, d) != 0) return is_push(PROC(P_BT_UNFLOW, 7));
+    v_unsafe(page, d->c);
+    if (v_write(parent, pp) != 0) return is_push(PROC(P_BT_UNFLOW, 8));
+    v_unsafe(parent, pp->c);
+    if (v_write(lpno, ld) != 0) return is_push(PROC(P_BT_UNFLOW, 9));
+    v_unsafe(lpno, ld->c);
+    return 0;
+}

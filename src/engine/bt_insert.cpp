@@ -1,0 +1,225 @@
+// B-tree insert: page splits on the way back up, new roots at the top.
+//
+// The item being placed at a level travels in the module's carried state: new_item (the
+// item) and new_page (the page right of it, KISAM_NOPAGE at the leaf).  A level that
+// splits sends its middle item up in the same state and returns 2, so every level above
+// works on one carried item only.  The carried area grows to the largest k_itemlen seen
+// and is never shrunk; the module is single-entry per process (the control lock keeps
+// other processes out of the tree).
+//
+// Split rule: with Sp_half non-zero the old page keeps (K + 1) / 2 of the K + 1 items;
+// with Sp_half zero it splits at the insertion point, so that ascending or descending
+// loads leave the pages behind them full to K - 1 items.
+//
+// Requires: the control lock of the current file.  Every changed page is written at once;
+// k_root and the free chain reach the disk with the next flush of the control page.
+#include "bt.h"
+
+#include "bt_key.h"
+#include "is_error.h"
+#include "v_pool.h"
+
+#include <cstdlib>
+#include <cstring>
+
+extern "C" {
+KISAM_API short Sp_half = 1;
+}
+
+using kisam::bt_item_off;
+using kisam::bt_ptr;
+using kisam::bt_ptr_off;
+using kisam::bt_setptr;
+
+namespace {
+
+char* new_item = nullptr;    // carried item, new_len bytes
+int new_len = 0;
+PAGE new_page = KISAM_NOPAGE;
+
+// K + 1 items with their pointers, in page layout from pointer 0 on: at most
+// 4 + (K + 1) * (L + 4) <= 4 + 1016 + 508 bytes.
+char split_area[1536];
+
+// The first item not below `item`, or n when every item is below it.
+int scan_insert(IS_DATA* d, const IS_KEY* kp, const char* item) {
+    const int inc = kp->k_itemlen + 4;
+    const int n = d->bt.bt_nitems;
+    for (int i = 0; i < n; ++i) {
+        char* x = d->c + bt_item_off(i, inc);
+        kisam::bt_zero_pad(x, kp);
+        if (!is_more(reinterpret_cast<const CmpType*>(item), reinterpret_cast<const CmpType*>(x),
+                     kp->k_ncomp, 1))
+            return i;
+    }
+    return n;
+}
+
+bool reserve_new_item(int len) {
+    if (len <= new_len) return true;
+    if (new_len > 0) std::free(new_item);
+    new_item = static_cast<char*>(std::malloc(static_cast<size_t>(len)));
+    new_len = new_item != nullptr ? len : 0;
+    return new_item != nullptr;
+}
+
+}  // namespace
+
+int newroot(int keyno, PAGE page, char* item, PAGE oldpage, IS_KEY* kfp) noexcept {
+    const int inc = kfp->k_itemlen + 4;
+    PAGE np;
+    IS_DATA* d = v_new(&np);
+    if (d == nullptr) return -1;
+    d->bt.bt_keyno = static_cast<int16_t>(keyno);
+    d->bt.bt_nitems = 1;
+    bt_setptr(d, 0, inc, page);
+    std::memcpy(d->c + bt_item_off(0, inc), item, static_cast<size_t>(kfp->k_itemlen));
+    bt_setptr(d, 1, inc, oldpage);
+    kfp->k_root = np;
+    is_curfcp->is_optbits |= ISO_CHANGED;
+    if (v_write(np, d) != 0) return -1;
+    v_unsafe(np, d->c);
+    return 0;
+}
+
+int bt_insert(int keyno, PAGE page, char* item, int depth, int forcef) noexcept {
+    IS_KEY* kp = kisam::fcp_key(is_curfcp, keyno);
+    IS_DBKEY* cur = kisam::db_cursor(is_curdb, keyno);
+    const int len = kp->k_itemlen;
+    const int inc = len + 4;
+    const int order = kp->k_order;
+
+    PAGE pno = page;
+    IS_DATA* d = nullptr;
+    int j = 0;
+
+    if (depth == 0) {
+        if (!reserve_new_item(len)) return is_raise(ISE_KEYSAVE, PROC(P_BT_INSERT, 0x0E));
+        kisam::bt_zero_pad(item, kp);
+        if (page == KISAM_NOPAGE) {
+            if (newroot(keyno, KISAM_NOPAGE, item, kp->k_root, kp) != 0)
+                return is_push(PROC(P_BT_INSERT, 1));
+            return 0;
+        }
+        const PAGE hint = cur->currpage;
+        if (hint != KISAM_NOPAGE) {
+            IS_DATA* h = v_read(hint);
+            if (h == nullptr) return is_push(PROC(P_BT_INSERT, 2));
+            const int n = h->bt.bt_nitems;
+            if (h->bt.bt_keyno == keyno && n > 0 && n < order) {
+                j = scan_insert(h, kp, item);
+                // Only an item strictly inside the page's range proves that it belongs
+                // here (or below); otherwise start from the root.
+                if (j > 0 && j < n) {
+                    d = h;
+                    pno = hint;
+                }
+            }
+            if (d == nullptr) v_unsafe(hint, h->c);
+        }
+    }
+
+    if (d == nullptr) {
+        d = v_read(pno);
+        if (d == nullptr) return is_push(PROC(P_BT_INSERT, 3));
+        if (!kisam::bt_page_ok(d, keyno, order)) {
+            v_unsafe(pno, d->c);
+            return is_raise(ISE_BTS, PROC(P_BT_INSERT, 3));
+        }
+        j = scan_insert(d, kp, item);
+    }
+
+    int n = d->bt.bt_nitems;
+    if (j < n) {
+        char* x = d->c + bt_item_off(j, inc);
+        if (is_same(item, x, static_cast<short>(kp->k_ncomp))) {
+            cur->currpage = pno;
+            if (forcef) {
+                // The tree takes the caller's record address; the caller gets the old one.
+                char* a = item + kp->k_offset;
+                char* b = x + kp->k_offset;
+                char t[4];
+                std::memcpy(t, a, 4);
+                std::memcpy(a, b, 4);
+                std::memcpy(b, t, 4);
+                if (v_write(pno, d) != 0) return is_push(PROC(P_BT_INSERT, 4));
+            }
+            v_unsafe(pno, d->c);
+            return 1;
+        }
+    }
+
+    const PAGE child = bt_ptr(d, j, inc);
+    if (child != KISAM_NOPAGE) {
+        v_unsafe(pno, d->c);
+        const int r = bt_insert(keyno, child, item, depth + 1, forcef);
+        if (r < 0) return is_push(PROC(P_BT_INSERT, 5));
+        if (r != 2) return r;
+        d = v_read(pno);
+        if (d == nullptr) return is_push(PROC(P_BT_INSERT, 6));
+        if (!kisam::bt_page_ok(d, keyno, order) || j > d->bt.bt_nitems) {
+            v_unsafe(pno, d->c);
+            return is_raise(ISE_BTS, PROC(P_BT_INSERT, 6));
+        }
+        n = d->bt.bt_nitems;
+    } else {
+        std::memcpy(new_item, item, static_cast<size_t>(len));
+        new_page = KISAM_NOPAGE;
+    }
+
+    if (n < order) {
+        // Room here: open slot j (items j.. move up with the pointers right of them).
+        char* at = d->c + bt_item_off(j, inc);
+        std::memmove(at + inc, at, static_cast<size_t>((n - j) * inc));
+        std::memcpy(at, new_item, static_cast<size_t>(len));
+        kisam::store_at<PAGE>(at + len, new_page);
+        d->bt.bt_nitems = static_cast<int16_t>(n + 1);
+        cur->currpage = n + 1 < order ? pno : KISAM_NOPAGE;
+        if (v_write(pno, d) != 0) return is_push(PROC(P_BT_INSERT, 7));
+        v_unsafe(pno, d->c);
+        return 0;
+    }
+
+    // Full: split into this page and a new right page around the middle item.
+    PAGE rp;
+    IS_DATA* r = v_new(&rp);
+    if (r == nullptr) return is_push(PROC(P_BT_INSERT, 8));
+    r->bt.bt_keyno = static_cast<int16_t>(keyno);
+
+    int nleft;
+    if (Sp_half != 0) {
+        nleft = (order + 1) / 2;
+    } else {
+        nleft = j == 0 ? 1 : j == order ? order - 1 : j;
+    }
+
+    // Lay out the K + 1 items in order, from pointer 0 on.
+    const int before = bt_item_off(j, inc) - kisam::kBtHeader;   // pointer 0 and items < j
+    std::memcpy(split_area, d->c + kisam::kBtHeader, static_cast<size_t>(before));
+    std::memcpy(split_area + before, new_item, static_cast<size_t>(len));
+    kisam::store_at<PAGE>(split_area + before + len, new_page);
+    std::memcpy(split_area + before + inc, d->c + bt_item_off(j, inc),
+                static_cast<size_t>((n - j) * inc));
+
+    // Left: pointer 0 and nleft items.  Up: item nleft.  Right: the pointer right of it
+    // and the K - nleft items after it.
+    const int sep = bt_item_off(nleft, inc) - kisam::kBtHeader;
+    std::memcpy(d->c + kisam::kBtHeader, split_area, static_cast<size_t>(sep));
+    d->bt.bt_nitems = static_cast<int16_t>(nleft);
+    std::memcpy(new_item, split_area + sep, static_cast<size_t>(len));
+    std::memcpy(r->c + bt_ptr_off(0, inc), split_area + sep + len,
+                static_cast<size_t>(4 + (order - nleft) * inc));
+    r->bt.bt_nitems = static_cast<int16_t>(order - nleft);
+    new_page = rp;
+
+    if (v_write(pno, d) != 0) return is_push(PROC(P_BT_INSERT, 9));
+    v_unsafe(pno, d->c);
+    if (v_write(rp, r) != 0) return is_push(PROC(P_BT_INSERT, 0x0A));
+    v_unsafe(rp, r->c);
+    if (depth > 0) return 2;
+
+    // The root has split: it becomes the left child of a new root.
+    if (newroot(keyno, pno, new_item, new_page, kp) != 0) return is_push(PROC(P_BT_INSERT, 0x0D));
+    cur->currpage = KISAM_NOPAGE;
+    return 0;
+}
