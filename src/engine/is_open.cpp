@@ -33,13 +33,10 @@ short IsKeyopt = 1;
 short IsMagicVal = static_cast<short>(ISMAGIC_1024);
 
 namespace {
-// The process scratch buffer: a control page with its identity area while a file is
-// created or opened, key fields for the record layer otherwise.
-alignas(8) char is_tbuf_area[1536];
-}  // namespace
-char* is_tbufp = is_tbuf_area;
 
-namespace {
+// Scratch control page, identity area included, in which create builds and open reads
+// and converts a control page before it goes to disk or into the common heap.
+alignas(8) char fcp_scratch[IS_FCP_JDSIZE + kisam::kFcpImage];
 
 constexpr int kCreate = 0x3200;
 constexpr int kOpen = 0x3800;
@@ -154,8 +151,8 @@ KISAM_API int niscreate(const char* filename, int nkeys, const int* key_lens) {
     }
     is_unlock(&isam_com->opcl_lock);
 
-    IS_FCP* fcp = reinterpret_cast<IS_FCP*>(is_tbufp);
-    std::memset(is_tbufp, 0, IS_FCP_JDSIZE + kisam::kFcpImage);
+    IS_FCP* fcp = reinterpret_cast<IS_FCP*>(fcp_scratch);
+    std::memset(fcp_scratch, 0, IS_FCP_JDSIZE + kisam::kFcpImage);
     fcp->is_magic = static_cast<MAGICt>(IsMagicVal);
     fcp->is_nkeys = static_cast<int16_t>(nk);
     fcp->is_nextfree = fcp->is_lastpage = KISAM_PAGESIZE;
@@ -187,7 +184,7 @@ KISAM_API int niscreate(const char* filename, int nkeys, const int* key_lens) {
 
     int fd = kisam::os_open(filename, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (fd < 0) return fail(ISE_CREATF, 5);
-    if (kisam::os_pwrite_full(fd, is_tbufp + IS_FCP_JDSIZE, kisam::kFcpImage, 0) != 0) {
+    if (kisam::os_pwrite_full(fd, fcp_scratch + IS_FCP_JDSIZE, kisam::kFcpImage, 0) != 0) {
         kisam::os_close(fd);
         return fail(ISE_CREATF, 6);
     }
@@ -278,8 +275,8 @@ KISAM_API int nisopen(const char* filename, int access) {
 
     // First open anywhere: read the control page into the scratch copy, then into the
     // common heap.
-    IS_FCP* scratch = reinterpret_cast<IS_FCP*>(is_tbufp);
-    std::memset(is_tbufp, 0, IS_FCP_JDSIZE);
+    IS_FCP* scratch = reinterpret_cast<IS_FCP*>(fcp_scratch);
+    std::memset(fcp_scratch, 0, IS_FCP_JDSIZE);
     int fd = kisam::os_open(filename, oflags, 0666);
     if (fd < 0) return fail(ISE_OPENF, 4);
     ::fcntl(fd, F_SETFD, FD_CLOEXEC);
@@ -289,20 +286,20 @@ KISAM_API int nisopen(const char* filename, int access) {
     };
 
     if (seqf) {
-        std::memset(is_tbufp + IS_FCP_JDSIZE, 0, kisam::kFcpImage);
+        std::memset(fcp_scratch + IS_FCP_JDSIZE, 0, kisam::kFcpImage);
         scratch->is_magic = ISMAGIC_1024;
         PAGE end = (fi.f_size + KISAM_PAGESIZE - 1) & ~static_cast<PAGE>(KISAM_PAGESIZE - 1);
         scratch->is_nextfree = scratch->is_lastpage = end;
         scratch->is_optbits = ISO_SEQ;
     } else {
-        ssize_t n = kisam::os_pread_full(fd, is_tbufp + IS_FCP_JDSIZE, kisam::kFcpImage, 0);
+        ssize_t n = kisam::os_pread_full(fd, fcp_scratch + IS_FCP_JDSIZE, kisam::kFcpImage, 0);
         if (n < kisam::kFcpImage) return fail_fd(ISE_NOTISAM, 5);
         MAGICt magic = scratch->is_magic;
         // A key table that cannot fit in the page is as foreign as a wrong magic.
         if (magic < ISMAGIC_OLD512 || magic > ISMAGIC_1024 || scratch->is_nkeys < 0 ||
             scratch->is_nkeys > KISAM_MAXKEYS)
             return fail_fd(ISE_NOTISAM, 6);
-        if (magic == ISMAGIC_OLD512 || magic == ISMAGIC_OLD1024) kisam::fcp_convert_old(is_tbufp);
+        if (magic == ISMAGIC_OLD512 || magic == ISMAGIC_OLD1024) kisam::fcp_convert_old(fcp_scratch);
         if (!noverify && (scratch->is_optbits & ISO_DIRTYMARK)) return fail_fd(ISE_INCONSISTENT, 14);
     }
 
