@@ -15,6 +15,13 @@ int v_flush(void) noexcept;                         // 0, -1
 void v_relbuf(void) noexcept;                       // flush, then give the chain back
 int fcp_setdatachanged(IS_FCP* fcp, IS_PFI* pfi, int datachangedf, int syncf) noexcept;
 
+// Page I/O of one slot.  readbuf loads b->bu_pno of the current file into b; writebuf
+// writes b to its owner file (bu_id) and clears BU_DIRTY.  0, or -1 with the error raised.
+int readbuf(IS_BUF* b) noexcept;
+int writebuf(IS_BUF* b) noexcept;
+// Slot whose bu_data is at addr, or -1 when addr is not the data of a slot.
+int v_slot_of(const void* addr) noexcept;
+
 IS_DATA* v_new(PAGE* pno) noexcept;                 // zeroed fixed page, or null
 int v_dispose(PAGE pno, IS_DATA* bp) noexcept;      // 0, -1
 

@@ -1,0 +1,104 @@
+// Page allocation: a last-in first-out chain of free pages on disk, headed by is_nextfree
+// of the control page; the file grows by one page when the chain is empty.
+//
+// Requires the current file's control lock.  Both operations change the shared control
+// page (ISO_CHANGED); it reaches the disk at the next flush.
+#include "v_pool.h"
+
+#include "is_common.h"
+#include "is_error.h"
+#include "os.h"
+
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+constexpr int16_t kFreeMark = -2;
+// Highest file offset a page may start at: the page must end within 32 bits.
+constexpr uint64_t kMaxPageOffset = 0xFFFFFBFEull;
+// Highest page number whose end is still a PAGE: is_lastpage must stay representable.
+constexpr uint64_t kMaxPage = 0xFFFFFFFFull - KISAM_PAGESIZE;
+
+inline bool seek_errno(int e) { return e == EINVAL || e == ESPIPE || e == EOVERFLOW || e == EFBIG; }
+
+}  // namespace
+
+IS_DATA* v_new(PAGE* pno) noexcept {
+    IS_FCP* fcp = is_curfcp;
+    IS_PFI* pfi = is_curpfi;
+    if (pfi->pfi_nkeys != fcp->is_nkeys) {
+        is_raise(ISE_BADFD, PROC(P_V_NEW, 1));
+        return nullptr;
+    }
+    if (!(pfi->pfi_bits & PFI_SEQ)) {
+        const bool big = pfi->pfi_bits & PFI_BIGFCP;
+        if (fcp->is_magic != (big ? ISMAGIC_1024 : ISMAGIC_512)) {
+            is_raise(ISE_NWWT, PROC(P_V_NEW, big ? 1 : 2));
+            return nullptr;
+        }
+    }
+    // The file's real end wins over a control page that lags behind it.
+    struct file_info fi;
+    if (osfstat(pfi->pfi_osfd, &fi) == 0) {
+        const uint64_t end = (static_cast<uint64_t>(fi.f_size) + KISAM_PAGESIZE - 1) &
+                             ~static_cast<uint64_t>(KISAM_PAGESIZE - 1);
+        const PAGE last = end > 0xFFFFFFFFull ? static_cast<PAGE>(0xFFFFFC00u) : static_cast<PAGE>(end);
+        if (fcp->is_lastpage != last) fcp->is_lastpage = last;
+    }
+    PAGE next = fcp->is_nextfree;
+    if (next % KISAM_PAGESIZE != 0 || next < KISAM_PAGESIZE || next > fcp->is_lastpage)
+        next = fcp->is_nextfree = fcp->is_lastpage;  // a damaged chain is abandoned
+    *pno = next;
+
+    IS_DATA* pg;
+    if (next != fcp->is_lastpage) {
+        pg = v_read(next);
+        if (!pg) return nullptr;
+        fcp->is_nextfree = pg->fp.fp_nextpage;
+    } else {
+        const off_t off = v_fileoffset(fcp, next);
+        if (off < 0 || static_cast<uint64_t>(off) > kMaxPageOffset || next > kMaxPage) {
+            is_raise(ISE_NWSK, PROC(P_V_NEW, 1));
+            return nullptr;
+        }
+        IS_DATA blank;
+        std::memset(&blank, 0, sizeof blank);
+        blank.us[0] = 0xFFFF;
+        kisam::store_at<uint16_t>(blank.c + KISAM_PAGESIZE - 2, 0xFFFF);
+        if (kisam::os_pwrite_full(pfi->pfi_osfd, blank.c, sizeof blank, off) != 0) {
+            if (seek_errno(errno))
+                is_raise(ISE_NWSK, PROC(P_V_NEW, 2));
+            else
+                is_raise(ISE_NWWT, PROC(P_V_NEW, 4));
+            return nullptr;
+        }
+        pg = v_read(next);
+        if (!pg) return nullptr;
+        fcp->is_nextfree += KISAM_PAGESIZE;
+        fcp->is_lastpage += KISAM_PAGESIZE;
+    }
+    std::memset(pg, 0, sizeof *pg);
+    fcp->is_optbits |= ISO_CHANGED;
+    return pg;
+}
+
+int v_dispose(PAGE pno, IS_DATA* bp) noexcept {
+    IS_FCP* fcp = is_curfcp;
+    if (pno == 0 || pno >= fcp->is_lastpage || pno % KISAM_PAGESIZE != 0) return -1;
+    if (bp) {
+        // The caller's buffer must hold the page: nothing is changed otherwise.
+        const int s = v_slot_of(bp);
+        if (s < 0 || is_env.buf_[s].bu_pno != pno) return -1;
+    } else {
+        bp = v_read(pno);
+        if (!bp) return -1;
+    }
+    std::memset(bp->c + 2, 0xFF, 30);
+    bp->fp.fp_ident = kFreeMark;
+    bp->fp.fp_nextpage = fcp->is_nextfree;
+    fcp->is_nextfree = pno;
+    if (v_write(pno, bp) != 0) return -1;
+    fcp->is_optbits |= ISO_CHANGED;
+    return 0;
+}
