@@ -1,0 +1,32 @@
+// Private declarations shared by the support library's modules.
+#pragma once
+
+#include <kisam/ztsupport.h>
+
+#include <cstddef>
+#include <string>
+
+#ifndef KISAM_API
+#define KISAM_API __attribute__((visibility("default")))
+#endif
+
+// Scratch sizes of the settings store: names and paths are limited to 512 characters.
+constexpr int ZT_SCRATCH = 576;
+constexpr int ZT_PATHMAX = 513;
+
+// Internal steps of the settings store (getq9env.cpp).
+char *__GetUsrEnv(const char *name);
+char *__GetSysEnv(const char *name);
+char *__GetUsrEnvX(const char *name);
+bool  is_a_dir(const char *path);
+
+namespace kisam {
+
+// Bounded formatting into a fixed buffer: always terminated, cut when too long.
+int zt_fmt(char *buf, std::size_t size, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
+
+// Appends `text` to `out` as one shell word that the shell reads back unchanged,
+// whatever characters it holds (single quotes are closed, escaped and reopened).
+void zt_shell_quote(std::string &out, const char *text);
+
+}  // namespace kisam
