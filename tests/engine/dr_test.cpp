@@ -1,0 +1,368 @@
+// Data pages byte for byte: where records of each size land, how the free chunks of a
+// shared page are split, merged and tiled, and how the free-space table follows.
+#include "kisam_test.h"
+
+#include "dr.h"
+#include "is_error.h"
+#include "is_file.h"
+#include "is_rec.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Page = std::array<unsigned char, 1024>;
+
+uint16_t w16(const Page& p, int off) { return static_cast<uint16_t>(p[off] | (p[off + 1] << 8)); }
+uint32_t w32(const Page& p, int off) {
+    return static_cast<uint32_t>(w16(p, off)) | (static_cast<uint32_t>(w16(p, off + 2)) << 16);
+}
+
+std::vector<char> pattern(int n, int seed) {
+    std::vector<char> v(static_cast<size_t>(n));
+    for (int i = 0; i < n; ++i) v[static_cast<size_t>(i)] = static_cast<char>((i * 7 + seed * 31 + i / 251) & 0xFF);
+    return v;
+}
+
+class DataPages : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(is_init(), 0);
+        path_ = inst_.path("data.ism");
+        int lens[1] = {8};
+        fd_ = niscreate(path_.c_str(), 1, lens);
+        ASSERT_GE(fd_, 0);
+        osfd_ = ::open(path_.c_str(), O_RDONLY);
+        ASSERT_GE(osfd_, 0);
+    }
+    void TearDown() override {
+        if (osfd_ >= 0) ::close(osfd_);
+        nisclose(fd_);
+        nisunisam();
+    }
+
+    // The frame a public operation runs in: handle selected, control lock held.
+    void begin() {
+        ASSERT_EQ(is_isin(PROC(P_ISWRITE), fd_, 0), 0);
+        ASSERT_EQ(is_getctl(), 0);
+    }
+    void end() {
+        EXPECT_EQ(is_relctl(), 0);
+        is_isout();
+    }
+    PAGE put(const std::vector<char>& rec) {
+        begin();
+        PAGE a = dr_put(rec.data(), static_cast<int>(rec.size()));
+        end();
+        return a;
+    }
+    int rel(PAGE a) {
+        begin();
+        int r = dr_rel(a);
+        end();
+        return r;
+    }
+    std::vector<char> get(PAGE a, int maxlen, int* n) {
+        std::vector<char> out(static_cast<size_t>(maxlen) + 16, 0);
+        begin();
+        *n = dr_get(a, out.data(), maxlen);
+        end();
+        if (*n > 0) out.resize(static_cast<size_t>(*n));
+        return out;
+    }
+    Page disk(PAGE p) {
+        Page pg{};
+        EXPECT_EQ(::pread(osfd_, pg.data(), pg.size(), static_cast<off_t>(p)), 1024) << p;
+        return pg;
+    }
+    std::vector<char> whole_file() {
+        off_t end = ::lseek(osfd_, 0, SEEK_END);
+        std::vector<char> v(static_cast<size_t>(end));
+        EXPECT_EQ(::pread(osfd_, v.data(), v.size(), 0), end);
+        return v;
+    }
+    // The shared control page of the file (valid while it is open).
+    IS_FCP* fcp() {
+        EXPECT_EQ(is_isin(PROC(P_ISREAD), fd_, 0), 0);
+        is_isout();
+        return is_curfcp;
+    }
+    uint16_t top_code() const { return *reinterpret_cast<const uint16_t*>(&is_estk[0]); }
+
+    kt::Installation inst_;
+    std::string path_;
+    int fd_ = -1;
+    int osfd_ = -1;
+};
+
+TEST_F(DataPages, RecordShapesByLength) {
+    ASSERT_EQ(fcp()->is_magic, ISMAGIC_1024);   // page P lies at file offset P
+
+    // 1020 bytes fill a fresh shared page exactly: page word without free chunk.
+    auto r1020 = pattern(1020, 1);
+    PAGE a = put(r1020);
+    EXPECT_EQ(a, 1024u + 2);
+    Page p = disk(1024);
+    EXPECT_EQ(w16(p, 0), 0x8000);
+    EXPECT_EQ(w16(p, 2), 0x8000 + 1020);
+    EXPECT_EQ(std::memcmp(p.data() + 4, r1020.data(), 1020), 0);
+    EXPECT_EQ(fcp()->is_cdp[0], 0u);
+    EXPECT_EQ(fcp()->is_mincdpi, -1);
+
+    // 1021 bytes: one overflow page and a 5-byte tail at the end of a new shared page.
+    auto r1021 = pattern(1021, 2);
+    PAGE b = put(r1021);
+    EXPECT_EQ(b, 3072u + 1);
+    Page ov = disk(3072);
+    EXPECT_EQ(w16(ov, 0), 0x8001);
+    EXPECT_EQ(w16(ov, 2), 1);
+    EXPECT_EQ(w32(ov, 4), 2048u + 1016);
+    EXPECT_EQ(std::memcmp(ov.data() + 8, r1021.data(), 1016), 0);
+    Page tail = disk(2048);
+    EXPECT_EQ(w16(tail, 0), 0x8002);
+    EXPECT_EQ(w16(tail, 2), 0);       // dr_next
+    EXPECT_EQ(w16(tail, 4), 1014);    // dr_avail
+    EXPECT_EQ(w16(tail, 1016), 0x8000 + 5);
+    EXPECT_EQ(std::memcmp(tail.data() + 1018, r1021.data() + 1016, 5), 0);
+    EXPECT_EQ(fcp()->is_cdp[0], 2048u + 1014);
+    EXPECT_EQ(fcp()->is_mincdpi, 0);
+
+    // 2032 bytes: one overflow page and a full 1016-byte tail, which no longer fits in
+    // the page with 1014 free bytes: a new page keeps a 4-byte chunk in front.
+    auto r2032 = pattern(2032, 3);
+    PAGE c = put(r2032);
+    EXPECT_EQ(c, 5120u + 1);
+    EXPECT_EQ(w32(disk(5120), 4), 4096u + 6);
+    Page t2 = disk(4096);
+    EXPECT_EQ(w16(t2, 0), 0x8002);
+    EXPECT_EQ(w16(t2, 4), 4);
+    EXPECT_EQ(w16(t2, 6), 0x8000 + 1016);
+    EXPECT_EQ(fcp()->is_cdp[0], 2048u + 1014);
+    EXPECT_EQ(fcp()->is_cdp[1], 4096u + 4);
+    EXPECT_EQ(fcp()->is_mincdpi, 1);
+
+    // 3000 bytes: overflow pages numbered 1 and 2, and a 968-byte tail placed at the end
+    // of the first page of the table with room.
+    auto r3000 = pattern(3000, 4);
+    PAGE d = put(r3000);
+    // The tail goes in first; then the last block's page, then the first block's.
+    Page last = disk(6144), first = disk(7168);
+    EXPECT_EQ(d, 7168u + 1);
+    EXPECT_EQ(w16(first, 0), 0x8001);
+    EXPECT_EQ(w16(first, 2), 1);
+    EXPECT_EQ(w32(first, 4), 6144u + 1);
+    EXPECT_EQ(w16(last, 2), 2);
+    EXPECT_EQ(w32(last, 4), 2048u + 46);
+    EXPECT_EQ(std::memcmp(first.data() + 8, r3000.data(), 1016), 0);
+    EXPECT_EQ(std::memcmp(last.data() + 8, r3000.data() + 1016, 1016), 0);
+    Page t3 = disk(2048);
+    EXPECT_EQ(w16(t3, 4), 44);
+    EXPECT_EQ(w16(t3, 46), 0x8000 + 968);
+    EXPECT_EQ(fcp()->is_cdp[0], 2048u + 44);
+    EXPECT_EQ(fcp()->is_mincdpi, 1);
+
+    // Everything reads back whole, and prefixes are cut without error.
+    for (auto [addr, rec] : {std::pair{a, &r1020}, {b, &r1021}, {c, &r2032}, {d, &r3000}}) {
+        int n = 0;
+        auto back = get(addr, 65534, &n);
+        ASSERT_EQ(n, static_cast<int>(rec->size()));
+        EXPECT_EQ(back, *rec);
+        back = get(addr, 100, &n);
+        EXPECT_EQ(n, 100);
+        EXPECT_EQ(std::memcmp(back.data(), rec->data(), 100), 0);
+    }
+    int n = 0;
+    auto front = get(d, 2032, &n);   // exactly the overflow part
+    EXPECT_EQ(n, 2032);
+    EXPECT_EQ(std::memcmp(front.data(), r3000.data(), 2032), 0);
+    front = get(b, 1018, &n);        // two bytes into the tail
+    EXPECT_EQ(n, 1018);
+    EXPECT_EQ(std::memcmp(front.data(), r1021.data(), 1018), 0);
+}
+
+TEST_F(DataPages, SmallRecordsShareAPageFromItsEnd) {
+    // 1018 bytes leave 2 bytes of slack: the page is full.  1016 bytes leave a 4-byte chunk.
+    PAGE a = put(pattern(1018, 1));
+    EXPECT_EQ(a, 1024u + 2);
+    EXPECT_EQ(w16(disk(1024), 0), 0x8000);
+    EXPECT_EQ(fcp()->is_cdp[0], 0u);
+    PAGE b = put(pattern(1016, 2));
+    EXPECT_EQ(b, 2048u + 6);
+    EXPECT_EQ(fcp()->is_cdp[0], 2048u + 4);
+
+    // Odd lengths round up; each record goes to the end of the first chunk that holds it,
+    // and a chunk left with at most 3 spare bytes is taken whole.
+    PAGE c = put(pattern(11, 3));    // needs 14: no room in 2048, a new page
+    EXPECT_EQ(c, 3072u + 1024 - 14);
+    EXPECT_EQ(fcp()->is_cdp[1], 3072u + 1008);
+    PAGE d = put(pattern(1, 4));     // needs 4: exactly the chunk of page 2048
+    EXPECT_EQ(d, 2048u + 2);
+    EXPECT_EQ(w16(disk(2048), 0), 0x8000);
+    EXPECT_EQ(fcp()->is_cdp[0], 3072u + 1008);
+    EXPECT_EQ(fcp()->is_cdp[1], 0u);
+    PAGE e = put(pattern(1, 5));
+    EXPECT_EQ(e, 3072u + 1024 - 18);
+    Page p = disk(3072);
+    EXPECT_EQ(w16(p, 4), 1022 - 18);
+    EXPECT_EQ(w16(p, 1024 - 14), 0x8000 + 11);
+    EXPECT_EQ(w16(p, 1024 - 18), 0x8000 + 1);
+    EXPECT_EQ(fcp()->is_cdp[0], 3072u + 1004);
+    EXPECT_EQ(fcp()->is_mincdpi, 0);
+}
+
+TEST_F(DataPages, RecordInPiecesFollowsTheFreeList) {
+    // Lay out one page: 100-byte segments A, C, E separated by small ones, then fill it.
+    std::vector<PAGE> keep;
+    PAGE A = put(pattern(98, 1));
+    keep.push_back(put(pattern(18, 2)));
+    PAGE C = put(pattern(98, 3));
+    keep.push_back(put(pattern(18, 4)));
+    PAGE E = put(pattern(98, 5));
+    keep.push_back(put(pattern(680, 6)));
+    ASSERT_EQ(A, 1024u + 924);
+    ASSERT_EQ(C, 1024u + 804);
+    ASSERT_EQ(E, 1024u + 684);
+    ASSERT_EQ(w16(disk(1024), 0), 0x8000);
+    for (PAGE x : {A, C, E}) ASSERT_EQ(rel(x), 0);
+    Page p = disk(1024);
+    EXPECT_EQ(w16(p, 0), 0x8000 + 684);
+    EXPECT_EQ(w16(p, 684), 804);
+    EXPECT_EQ(w16(p, 686), 100);
+    EXPECT_EQ(w16(p, 804), 924);
+    EXPECT_EQ(w16(p, 924), 0);
+    EXPECT_EQ(fcp()->is_cdp[0], 1024u + 300);
+
+    // 250 bytes: no chunk holds them whole, so they go as 97 + 97 + 56.
+    auto rec = pattern(250, 7);
+    PAGE r = put(rec);
+    EXPECT_EQ(r, 1024u + 684);
+    p = disk(1024);
+    EXPECT_EQ(w16(p, 684), 0xC000 + 0xC00 + 97);   // next 804 = 0x324
+    EXPECT_EQ(p[686], 0x24);
+    EXPECT_EQ(w16(p, 804), 0xC000 + 0xC00 + 97);   // next 924 = 0x39C
+    EXPECT_EQ(p[806], 0x9C);
+    EXPECT_EQ(w16(p, 924), 0x8000 + 56);
+    EXPECT_EQ(w16(p, 0), 0x8000 + 982);            // the rest of the last chunk
+    EXPECT_EQ(w16(p, 982), 0);
+    EXPECT_EQ(w16(p, 984), 42);
+    EXPECT_EQ(std::memcmp(p.data() + 687, rec.data(), 97), 0);
+    EXPECT_EQ(std::memcmp(p.data() + 807, rec.data() + 97, 97), 0);
+    EXPECT_EQ(std::memcmp(p.data() + 926, rec.data() + 194, 56), 0);
+    EXPECT_EQ(fcp()->is_cdp[0], 1024u + 42);
+    int n = 0;
+    EXPECT_EQ(get(r, 300, &n), rec);
+
+    // Freeing it restores the three chunks (the last one merges with its remainder).
+    ASSERT_EQ(rel(r), 0);
+    p = disk(1024);
+    EXPECT_EQ(w16(p, 0), 0x8000 + 684);
+    EXPECT_EQ(w16(p, 686), 100);
+    EXPECT_EQ(w16(p, 806), 100);
+    EXPECT_EQ(w16(p, 924), 0);
+    EXPECT_EQ(w16(p, 926), 100);
+    EXPECT_EQ(fcp()->is_cdp[0], 1024u + 300);
+
+    // Freeing the separators merges everything back into one chunk: the page is empty
+    // and goes back to the free chain.
+    for (PAGE x : keep) ASSERT_EQ(rel(x), 0);
+    p = disk(1024);
+    EXPECT_EQ(w16(p, 0), 0xFFFE);   // free-page mark
+    EXPECT_EQ(fcp()->is_cdp[0], 0u);
+    EXPECT_EQ(fcp()->is_mincdpi, -1);
+    EXPECT_EQ(fcp()->is_nextfree, 1024u);
+}
+
+TEST_F(DataPages, EmptyPagesLeaveTheTableAndTheMinimumFollows) {
+    PAGE a = put(pattern(500, 1));   // page 1024, 520 free
+    PAGE b = put(pattern(600, 2));   // page 2048, 420 free
+    PAGE c = put(pattern(700, 3));   // page 3072, 320 free
+    EXPECT_EQ(fcp()->is_cdp[0], 1024u + 520);
+    EXPECT_EQ(fcp()->is_cdp[1], 2048u + 420);
+    EXPECT_EQ(fcp()->is_cdp[2], 3072u + 320);
+    EXPECT_EQ(fcp()->is_mincdpi, 2);
+
+    ASSERT_EQ(rel(a), 0);
+    EXPECT_EQ(fcp()->is_cdp[0], 2048u + 420);
+    EXPECT_EQ(fcp()->is_cdp[1], 3072u + 320);
+    EXPECT_EQ(fcp()->is_cdp[2], 0u);
+    EXPECT_EQ(fcp()->is_mincdpi, 1);
+    EXPECT_EQ(fcp()->is_nextfree, 1024u);
+
+    ASSERT_EQ(rel(c), 0);
+    EXPECT_EQ(fcp()->is_cdp[0], 2048u + 420);
+    EXPECT_EQ(fcp()->is_cdp[1], 0u);
+    EXPECT_EQ(fcp()->is_mincdpi, 0);
+    ASSERT_EQ(rel(b), 0);
+    EXPECT_EQ(fcp()->is_cdp[0], 0u);
+    EXPECT_EQ(fcp()->is_mincdpi, -1);
+
+    // The free chain is last in, first out: the next record reuses page 2048.
+    EXPECT_EQ(put(pattern(10, 4)), 2048u + 1024 - 12);
+}
+
+TEST_F(DataPages, FullTableKeepsThePagesWithMostRoom) {
+    // Sixteen pages with 20, 22, ... 50 free bytes, then a seventeenth with more room
+    // displaces the one with least; one with less room is left out.
+    for (int i = 0; i < 16; ++i) put(pattern(1000 - 2 * i, i));
+    IS_FCP* f = fcp();
+    ASSERT_NE(f->is_cdp[15], 0u);
+    EXPECT_EQ(f->is_cdp[0] & 0x3FF, 20u);
+    EXPECT_EQ(f->is_mincdpi, 0);
+    PAGE big = put(pattern(900, 20));   // needs a new page: 120 free
+    EXPECT_EQ(f->is_cdp[0], (big & ~0x3FFu) + 120);
+    EXPECT_EQ(f->is_mincdpi, 1);
+    PAGE again = put(pattern(1010, 21));   // new page with 10 free: not entered
+    for (int i = 0; i < 16; ++i) EXPECT_NE(f->is_cdp[i] & ~0x3FFu, again & ~0x3FFu);
+}
+
+TEST_F(DataPages, RefusedReleaseWritesNothing) {
+    PAGE x = put(pattern(100, 1));   // at 922
+    PAGE y = put(pattern(100, 2));   // at 820, in front of x
+    ASSERT_EQ(x, 1024u + 922);
+    ASSERT_EQ(y, 1024u + 820);
+    ASSERT_EQ(rel(x), 0);            // not merged: y separates it from the front chunk
+    auto before = whole_file();
+
+    EXPECT_EQ(rel(x), -1);
+    EXPECT_EQ(top_code(), PROC(P_DR_REL, 2));
+    EXPECT_EQ(whole_file(), before);
+
+    // A segment that would run into a free chunk is refused as well.
+    EXPECT_EQ(rel(1024u + 920), -1);
+    EXPECT_EQ(top_code(), PROC(P_DR_REL, 3));
+    EXPECT_EQ(whole_file(), before);
+
+    // y itself is still intact and can be read and freed.
+    int n = 0;
+    EXPECT_EQ(get(y, 200, &n), pattern(100, 2));
+    EXPECT_EQ(rel(y), 0);
+}
+
+TEST_F(DataPages, BadAddressesFailWithoutDamage) {
+    int n = 0;
+    get(KISAM_NOPAGE, 10, &n);
+    EXPECT_EQ(n, -1);
+    EXPECT_EQ(top_code(), PROC(P_DR_GET, 1));
+    get(1024u + 3, 10, &n);          // odd offset other than 1
+    EXPECT_EQ(n, -1);
+    get(0u + 2, 10, &n);             // the control page holds no record
+    EXPECT_EQ(n, -1);
+    auto before = whole_file();
+    EXPECT_EQ(rel(0u + 1), -1);      // never frees the control page
+    EXPECT_EQ(rel(KISAM_NOPAGE - 2), -1);
+    EXPECT_EQ(whole_file(), before);
+
+    // A shared page is not an overflow page: releasing it as one is refused.
+    PAGE a = put(pattern(40, 1));
+    before = whole_file();
+    EXPECT_EQ(rel((a & ~0x3FFu) + 1), -1);
+    EXPECT_EQ(whole_file(), before);
+}
+
+}  // namespace
