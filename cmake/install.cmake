@@ -1,0 +1,47 @@
+# Installation: the shared library with its SONAME links, the public headers, a
+# pkg-config file, a CMake package (find_package(kisam)), the kisam tool and its
+# manual page.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS kisam EXPORT kisamTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/kisam
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development
+  FILES_MATCHING PATTERN "*.h")
+
+install(EXPORT kisamTargets
+  NAMESPACE kisam::
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/kisam COMPONENT development)
+configure_package_config_file(
+  ${PROJECT_SOURCE_DIR}/cmake/kisamConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/kisamConfig.cmake
+  INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/kisam)
+write_basic_package_version_file(
+  ${PROJECT_BINARY_DIR}/kisamConfigVersion.cmake
+  VERSION ${PROJECT_VERSION}
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/kisamConfig.cmake ${PROJECT_BINARY_DIR}/kisamConfigVersion.cmake
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/kisam COMPONENT development)
+
+# pkg-config: paths relative to the prefix the file is installed under, so that a
+# relocated tree still works.
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+  set(KISAM_PC_LIBDIR "${CMAKE_INSTALL_LIBDIR}")
+else()
+  set(KISAM_PC_LIBDIR "\${exec_prefix}/${CMAKE_INSTALL_LIBDIR}")
+endif()
+if(IS_ABSOLUTE "${CMAKE_INSTALL_INCLUDEDIR}")
+  set(KISAM_PC_INCLUDEDIR "${CMAKE_INSTALL_INCLUDEDIR}")
+else()
+  set(KISAM_PC_INCLUDEDIR "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
+endif()
+configure_file(${PROJECT_SOURCE_DIR}/cmake/kisam.pc.in ${PROJECT_BINARY_DIR}/kisam.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/kisam.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+
+if(TARGET kisam_tool)
+  install(TARGETS kisam_tool RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
+  install(FILES ${PROJECT_SOURCE_DIR}/tools/kisam/kisam.1
+    DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime)
+endif()

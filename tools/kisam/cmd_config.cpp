@@ -1,0 +1,255 @@
+// kisam config init / show: the binary configuration record of an installation.
+#include "tool.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+
+namespace kisam_tool {
+namespace {
+
+constexpr int kRecordSize = 52;   // bytes of the record written; readers accept 48 and up
+constexpr int kMinRecord = 48;
+constexpr int64_t kMaxHeap = 2147483647;
+
+// The layout of the common area that a configuration leads to: the same arithmetic the
+// library runs at start-up, so that a configuration can be judged before it is used.
+struct Layout {
+    int64_t bufbase, pfobase, pidbase, needbase, heapbase, heap, comsize;
+};
+
+Layout layout_of(const struct is_config& c) {
+    Layout l;
+    l.bufbase = 156;
+    l.pfobase = 156 + int64_t(c.co_maxbuf) * 1040;
+    l.pidbase = l.pfobase + int64_t(c.co_maxopen) * 4;
+    l.needbase = l.pidbase + int64_t(c.co_maxusers) * 4;
+    int64_t end = l.pidbase + int64_t(c.co_maxusers) * 8;
+    l.heapbase = (end + 3) / 4 * 4;
+    int64_t s = end + ((int64_t(c.co_avgalts) * 16 + 1568) * c.co_maxopen) / 10 +
+                (((int64_t(c.co_alenlock) + 16) * c.co_anumlock + 4) / 4) * c.co_maxopen * 4;
+    s = (s + 8191) / 8192 * 8192;
+    l.heap = (s - l.heapbase) / 4 * 4;
+    l.comsize = l.heapbase + l.heap;
+    return l;
+}
+
+// A kernel limit from /proc/sys/kernel, or -1 when it cannot be read.
+int64_t kernel_limit(const char* name) {
+    std::ifstream in(std::string("/proc/sys/kernel/") + name);
+    unsigned long long v = 0;
+    if (!(in >> v)) return -1;
+    return v > 0x7fffffffffffffffULL ? INT64_MAX : int64_t(v);
+}
+
+// Why the kernel would refuse a segment of `size` bytes, or "".
+std::string kernel_refusal(int64_t size) {
+    int64_t shmmax = kernel_limit("shmmax");
+    if (shmmax >= 0 && size > shmmax)
+        return "the shared segment needs " + std::to_string(size) + " bytes, above the kernel's limit kernel.shmmax = " +
+               std::to_string(shmmax) + " bytes";
+    int64_t shmall = kernel_limit("shmall");
+    long page = ::sysconf(_SC_PAGESIZE);
+    if (shmall >= 0 && page > 0 && (size + page - 1) / page > shmall)
+        return "the shared segment needs " + std::to_string((size + page - 1) / page) +
+               " memory pages, above the kernel's limit kernel.shmall = " + std::to_string(shmall) + " pages";
+    return "";
+}
+
+std::string kib(int64_t bytes) {
+    char b[64];
+    if (bytes >= 10 * 1024 * 1024)
+        std::snprintf(b, sizeof b, "%.1f MiB", bytes / 1048576.0);
+    else
+        std::snprintf(b, sizeof b, "%.1f KiB", bytes / 1024.0);
+    return b;
+}
+
+int config_init(std::vector<std::string> words) {
+    Args a("config init", std::move(words));
+    for (auto o : {"files", "buffers", "users", "keys", "files-per-process", "file-buffers", "avg-alt-keys",
+                   "lock-key-len", "locks-per-file"})
+        a.option(o);
+    for (auto f : {"track-changes", "sync-on-mark", "clear-on-release", "force"}) a.flag(f);
+    if (!a.parse()) return EXIT_USAGE;
+    if (a.pos().size() != 1) return usage_error("config", "config init takes one PATH");
+    const std::string path = a.pos()[0];
+
+    long files = 64, buffers = 256, users = 32, keys = 25, perproc = 0, filebufs = -1, alts = 2, lklen = 16,
+         nlocks = 8;
+    if (!a.get_int("files", 1, 16383, files) || !a.get_int("buffers", 1, 32767, buffers) ||
+        !a.get_int("users", 1, 32767, users) || !a.get_int("keys", 1, KISAM_MAXKEYS, keys) ||
+        !a.get_int("files-per-process", 1, 32767, perproc) || !a.get_int("file-buffers", 1, 32767, filebufs) ||
+        !a.get_int("avg-alt-keys", 0, KISAM_MAXKEYS - 1, alts) || !a.get_int("lock-key-len", 0, 32767, lklen) ||
+        !a.get_int("locks-per-file", 0, 32767, nlocks))
+        return EXIT_USAGE;
+    if (perproc > files) return usage_error("config", "--files-per-process cannot exceed --files");
+    if (filebufs < 0) filebufs = buffers;
+    bool track = a.has("track-changes");
+    if ((a.has("sync-on-mark") || a.has("clear-on-release")) && !track)
+        return usage_error("config", "--sync-on-mark and --clear-on-release need --track-changes");
+
+    struct is_config c;
+    std::memset(&c, 0, sizeof c);
+    c.co_maxopen = int16_t(files);
+    c.co_maxbuf = int16_t(buffers);
+    c.co_maxusers = int16_t(users);
+    c.co_maxnkeys = int16_t(keys);
+    c.co_avgalts = int16_t(alts);
+    c.co_alenlock = int16_t(lklen);
+    c.co_anumlock = int16_t(nlocks);
+    c.co_maxfbuf = int16_t(filebufs);
+    c.co_maxufile = int16_t(perproc);
+    if (track) c.co_bits = 0x1 | (a.has("sync-on-mark") ? 0x2 : 0) | (a.has("clear-on-release") ? 0x4 : 0);
+
+    Layout l = layout_of(c);
+    if (l.heap > kMaxHeap)
+        return fail("config", "the common heap would be " + std::to_string(l.heap / 1024) +
+                                  "K bytes, above the maximum of " + std::to_string(kMaxHeap / 1024) +
+                                  "K bytes; lower --files or the heap sizing options");
+    if (l.comsize > INT32_MAX) return fail("config", "the shared segment would exceed 2 GiB");
+    if (std::string why = kernel_refusal(l.comsize); !why.empty())
+        return fail("config", why + "; lower --buffers or --files, or raise the limit with sysctl");
+    // Fill the computed fields as start-up would; it recomputes them anyway.
+    c.co_comsize = int32_t(l.comsize);
+    c.co_bufbase = int32_t(l.bufbase);
+    c.co_pfobase = int32_t(l.pfobase);
+    c.co_heapbase = int32_t(l.heapbase);
+    c.co_pidbase = int32_t(l.pidbase);
+    c.co_needbase = int32_t(l.needbase);
+
+    int flags = O_WRONLY | O_CREAT | (a.has("force") ? O_TRUNC : O_EXCL);
+    int fd = ::open(path.c_str(), flags, 0666);
+    if (fd < 0) {
+        if (errno == EEXIST) return fail("config", path + ": exists already (use --force to overwrite it)");
+        return fail("config", path + ": " + std::strerror(errno));
+    }
+    static_assert(sizeof c == kRecordSize, "the configuration record is 52 bytes");
+    bool ok = ::write(fd, &c, sizeof c) == ssize_t(sizeof c);
+    int saved = errno;
+    if (::close(fd) != 0) ok = false;
+    if (!ok) {
+        ::unlink(path.c_str());
+        return fail("config", path + ": cannot write: " + std::strerror(saved));
+    }
+    std::string lk = path + ".lk";
+    int lfd = ::open(lk.c_str(), O_RDWR | O_CREAT, 0666);
+    if (lfd < 0) return fail("config", lk + ": cannot create the lock file: " + std::strerror(errno));
+    ::close(lfd);
+    std::printf("wrote %s and its lock file %s (shared segment of %lld bytes)\n", path.c_str(), lk.c_str(),
+                static_cast<long long>(l.comsize));
+    return EXIT_OK;
+}
+
+int config_show(std::vector<std::string> words) {
+    Args a("config show", std::move(words));
+    if (!a.parse()) return EXIT_USAGE;
+    if (a.pos().size() > 1) return usage_error("config", "config show takes at most one PATH");
+    std::string path;
+    if (!a.pos().empty()) {
+        path = a.pos()[0];
+    } else {
+        std::vector<std::string> tried;
+        path = find_config(&tried);
+        if (path.empty()) {
+            std::fprintf(stderr, "kisam config: no configuration file found; looked at:\n");
+            for (const auto& t : tried) std::fprintf(stderr, "  %s\n", t.c_str());
+            std::fprintf(stderr, "Create one with 'kisam config init PATH'.\n");
+            return EXIT_FAIL;
+        }
+    }
+    int fd = ::open(path.c_str(), O_RDONLY);
+    if (fd < 0) return fail("config", path + ": " + std::strerror(errno));
+    unsigned char buf[512] = {};
+    ssize_t n = ::read(fd, buf, sizeof buf);
+    ::close(fd);
+    if (n < 0) return fail("config", path + ": " + std::strerror(errno));
+    if (n < kMinRecord)
+        return fail("config", path + ": not a configuration file: " + std::to_string(n) +
+                                  " bytes, a configuration record has at least 48");
+    struct is_config c;
+    std::memcpy(&c, buf, sizeof c);
+    if (n < kRecordSize) c.co_bits = 0;
+    Layout l = layout_of(c);
+    int ufile = c.co_maxufile ? c.co_maxufile : c.co_maxopen;
+
+    std::string lk = path + ".lk";
+    bool has_lk = ::access(lk.c_str(), F_OK) == 0;
+    std::printf("configuration file      %s (%zd bytes)\n", path.c_str(), n);
+    std::printf("lock file               %s\n",
+                has_lk ? lk.c_str() : "none: the configuration file itself serves as lock file");
+    std::printf("files open at once      %d\n", c.co_maxopen);
+    std::printf("files per process       %d%s\n", ufile, c.co_maxufile ? "" : " (as files open at once)");
+    std::printf("page buffers            %d (%s of pages)\n", c.co_maxbuf, kib(int64_t(c.co_maxbuf) * 1024).c_str());
+    std::printf("buffers per file        %d before a file reuses its own\n", c.co_maxfbuf);
+    std::printf("processes attached      %d at most\n", c.co_maxusers);
+    std::printf("keys per file           %d at most\n", c.co_maxnkeys);
+    std::printf("heap sizing             %d alternate keys per file, record locks: %d per file, keys of %d bytes\n",
+                c.co_avgalts, c.co_anumlock, c.co_alenlock);
+    std::string opts;
+    if (c.co_bits & 0x1) {
+        opts = "data-changed mark kept on disk";
+        if (c.co_bits & 0x4)
+            opts += ", cleared after every change";
+        else if (c.co_bits & 0x2)
+            opts += ", file synchronised when it changes";
+    } else {
+        opts = "none";
+    }
+    std::printf("options                 %s (bits 0x%x)\n", opts.c_str(), c.co_bits);
+    std::printf("shared segment          %lld bytes (%s)\n", static_cast<long long>(l.comsize), kib(l.comsize).c_str());
+    std::printf("  buffers               at %lld\n", static_cast<long long>(l.bufbase));
+    std::printf("  shared-file table     at %lld\n", static_cast<long long>(l.pfobase));
+    std::printf("  process table         at %lld\n", static_cast<long long>(l.pidbase));
+    std::printf("  waiting table         at %lld\n", static_cast<long long>(l.needbase));
+    std::printf("  heap                  at %lld, %lld bytes\n", static_cast<long long>(l.heapbase),
+                static_cast<long long>(l.heap));
+    int rc = EXIT_OK;
+    std::vector<std::string> problems;
+    if (c.co_maxbuf < 1) problems.push_back("no page buffers: the library refuses it");
+    if (c.co_maxopen < 1) problems.push_back("no files may be open");
+    if (c.co_maxusers < 1) problems.push_back("no process may attach");
+    if (c.co_maxnkeys > KISAM_MAXKEYS) problems.push_back("more than 25 keys per file cannot be stored");
+    if (l.heap > kMaxHeap) problems.push_back("the common heap exceeds 2 GiB: the library refuses it");
+    if (std::string why = kernel_refusal(l.comsize); !why.empty()) problems.push_back(why);
+    for (const auto& p : problems) {
+        std::printf("problem                 %s\n", p.c_str());
+        rc = EXIT_FAIL;
+    }
+
+    // The shared area in use, if any: it keeps the values it was made with.
+    long key = installation_key(path);
+    int id = key == -1 ? -1 : ::shmget(key_t(key), 0, 0);
+    if (id < 0) {
+        std::printf("shared area             not in use\n");
+    } else {
+        struct shmid_ds ds;
+        std::memset(&ds, 0, sizeof ds);
+        ::shmctl(id, IPC_STAT, &ds);
+        std::printf("shared area             in use: id %d, %zu bytes, %lu attached\n", id,
+                    static_cast<size_t>(ds.shm_segsz), static_cast<unsigned long>(ds.shm_nattch));
+        if (int64_t(ds.shm_segsz) != l.comsize)
+            std::printf("                        it was made with another configuration; changes take effect "
+                        "once every program has detached\n");
+    }
+    return rc;
+}
+
+}  // namespace
+
+int cmd_config(std::vector<std::string> args) {
+    if (args.empty()) return usage_error("config", "missing 'init' or 'show'");
+    std::string sub = args.front();
+    args.erase(args.begin());
+    if (sub == "init") return config_init(std::move(args));
+    if (sub == "show") return config_show(std::move(args));
+    return usage_error("config", "unknown subcommand \"" + sub + "\" (init or show)");
+}
+
+}  // namespace kisam_tool

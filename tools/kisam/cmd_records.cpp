@@ -1,0 +1,450 @@
+// kisam get / scan / put / del / dump / load: records through the engine.
+//
+// Records are shown one per line in the escaped text form (tool.h); a record image
+// begins with the key values in key order, so the value of key i sits at the sum of the
+// lengths of keys 0 .. i-1.
+#include "tool.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <iostream>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace kisam_tool {
+namespace {
+
+constexpr int kRecBuf = KISAM_MAXREC + 1;
+
+// An open file with its key lengths.
+struct OpenFile {
+    Session& s;
+    int fd = -1;
+    std::vector<int> keylens;
+    int minrec = 0;
+    OpenFile(Session& sess) : s(sess) {}
+    ~OpenFile() { s.close(fd); }
+    bool open(const std::string& file, int access) {
+        fd = s.open(file, access);
+        if (fd < 0) return false;
+        int lens[KISAM_MAXKEYS];
+        int n = nisstat(fd, KISAM_MAXKEYS, lens);
+        if (n < 0) {
+            lib_error(s.cmd(), file);
+            return false;
+        }
+        keylens.assign(lens, lens + std::min(n, KISAM_MAXKEYS));
+        minrec = 0;
+        for (int l : keylens) minrec += l;
+        return true;
+    }
+    int key_offset(int k) const {
+        int off = 0;
+        for (int i = 0; i < k; ++i) off += keylens[size_t(i)];
+        return off;
+    }
+};
+
+// A key value from the command line, filled to the key's length with `fill`.
+bool key_value(const std::string& cmd, const std::string& text, int keylen, char fill, std::string& out) {
+    auto v = unescape(text);
+    if (!v) {
+        usage_error(cmd, "malformed escape in \"" + text + "\"");
+        return false;
+    }
+    if (int(v->size()) > keylen) {
+        usage_error(cmd, "the value \"" + text + "\" is " + std::to_string(v->size()) + " bytes, the key only " +
+                             std::to_string(keylen));
+        return false;
+    }
+    out = *v;
+    out.append(size_t(keylen) - v->size(), fill);
+    return true;
+}
+
+bool key_number(const Args& a, const OpenFile& f, int& keyno) {
+    long k = 0;
+    if (!a.get_int("key", 0, KISAM_MAXKEYS - 1, k)) return false;
+    if (k >= long(f.keylens.size())) {
+        usage_error(a.cmd(), "the file has " + std::to_string(f.keylens.size()) + " keys (0 to " +
+                                 std::to_string(f.keylens.size() - 1) + ")");
+        return false;
+    }
+    keyno = int(k);
+    return true;
+}
+
+void print_record(const char* rec, int n) {
+    std::string line = escape(std::string_view(rec, size_t(n)));
+    line += '\n';
+    std::fwrite(line.data(), 1, line.size(), stdout);
+}
+
+int read_access(const Args& a) { return ISO_RDONLY | (a.has("ignore-mark") ? ISF_NOVERIFY : 0); }
+
+}  // namespace
+
+int cmd_get(std::vector<std::string> words) {
+    Args a("get", std::move(words));
+    a.option("key");
+    a.flag("ignore-mark");
+    if (!a.parse()) return EXIT_USAGE;
+    if (a.pos().size() != 2) return usage_error("get", "expected FILE and VALUE");
+    Session s("get");
+    OpenFile f(s);
+    if (!f.open(a.pos()[0], read_access(a))) return EXIT_FAIL;
+    int keyno;
+    if (!key_number(a, f, keyno)) return EXIT_USAGE;
+    std::string key;
+    if (!key_value("get", a.pos()[1], f.keylens[size_t(keyno)], '\0', key)) return EXIT_USAGE;
+    std::vector<char> rec(kRecBuf);
+    int n = nisfind(f.fd, keyno, key.data(), rec.data(), kRecBuf);
+    if (n < 0) return lib_error("get", a.pos()[0]);
+    if (n == 0) return fail("get", "no record with key " + std::to_string(keyno) + " = \"" + escape(key) + "\"");
+    print_record(rec.data(), n);
+    return EXIT_OK;
+}
+
+int cmd_scan(std::vector<std::string> words) {
+    Args a("scan", std::move(words));
+    a.option("key");
+    a.option("from");
+    a.option("to");
+    a.option("limit");
+    a.flag("backward");
+    a.flag("count");
+    a.flag("ignore-mark");
+    if (!a.parse()) return EXIT_USAGE;
+    if (a.pos().size() != 1) return usage_error("scan", "expected one FILE");
+    long limit = -1;
+    if (!a.get_int("limit", 0, INT32_MAX, limit)) return EXIT_USAGE;
+    Session s("scan");
+    OpenFile f(s);
+    if (!f.open(a.pos()[0], read_access(a))) return EXIT_FAIL;
+    int keyno;
+    if (!key_number(a, f, keyno)) return EXIT_USAGE;
+    const int klen = f.keylens[size_t(keyno)], koff = f.key_offset(keyno);
+    const bool back = a.has("backward");
+    // A shorter start value is a prefix: forwards it starts before every key with that
+    // prefix, backwards after every one.
+    if (auto from = a.get("from")) {
+        std::string key;
+        if (!key_value("scan", *from, klen, back ? '\xff' : '\0', key)) return EXIT_USAGE;
+        nisseek(f.fd, keyno, key.data());
+    }
+    std::string to;
+    if (auto t = a.get("to")) {
+        auto v = unescape(*t);
+        if (!v) return usage_error("scan", "malformed escape in \"" + *t + "\"");
+        if (int(v->size()) > klen) return usage_error("scan", "the --to value is longer than the key");
+        to = *v;
+    }
+    const bool bounded = a.get("to").has_value();
+    catch_interrupts();
+    std::vector<char> rec(kRecBuf);
+    uint64_t count = 0;
+    while (limit < 0 || count < uint64_t(limit)) {
+        if (g_interrupted) return fail("scan", "interrupted");
+        int n = back ? nispread(f.fd, keyno, rec.data(), kRecBuf) : nisread(f.fd, keyno, rec.data(), kRecBuf);
+        if (n < 0) return lib_error("scan", a.pos()[0]);
+        if (n == 0) break;
+        if (bounded && n >= koff + klen) {
+            int c = std::memcmp(rec.data() + koff, to.data(), to.size());
+            if (back ? c < 0 : c > 0) break;
+        }
+        ++count;
+        if (!a.has("count")) print_record(rec.data(), n);
+    }
+    if (a.has("count")) std::printf("%llu\n", static_cast<unsigned long long>(count));
+    return EXIT_OK;
+}
+
+int cmd_put(std::vector<std::string> words) {
+    Args a("put", std::move(words));
+    a.flag("replace");
+    a.flag("update");
+    if (!a.parse()) return EXIT_USAGE;
+    if (a.pos().size() != 2) return usage_error("put", "expected FILE and RECORD (or - to read records from standard input)");
+    if (a.has("replace") && a.has("update")) return usage_error("put", "--replace and --update exclude each other");
+    const std::string& file = a.pos()[0];
+    Session s("put");
+    OpenFile f(s);
+    if (!f.open(file, ISO_RDWR)) return EXIT_FAIL;
+    const int k0 = f.keylens[0];
+
+    int rc = EXIT_OK;
+    // Returns false when the remaining input should not be tried.
+    auto put_one = [&](const std::string& text, const std::string& where) {
+        auto rec = unescape(text);
+        if (!rec) {
+            rc = fail("put", where + "malformed escape in the record");
+            return true;
+        }
+        if (int(rec->size()) < f.minrec || rec->size() > KISAM_MAXREC) {
+            rc = fail("put", where + "a record of " + std::to_string(rec->size()) + " bytes; records of this file are " +
+                                 std::to_string(f.minrec) + " (its keys) to 65534 bytes");
+            return true;
+        }
+        std::string key = escape(std::string_view(*rec).substr(0, size_t(k0)));
+        int r;
+        if (a.has("update"))
+            r = nisupdate(f.fd, rec->data(), int(rec->size()));
+        else if (a.has("replace"))
+            r = nisfwrite(f.fd, rec->data(), int(rec->size()));
+        else
+            r = niswrite(f.fd, rec->data(), int(rec->size()));
+        if (r == 1) {
+            rc = fail("put", where + "a record with key 0 = \"" + key + "\" exists already (use --replace)");
+            return true;
+        }
+        if (r < 0) {
+            if (is_errno == ISE_NOKEY) {
+                rc = fail("put", where + "no record with key 0 = \"" + key + "\" to update");
+                return true;
+            }
+            rc = lib_error("put", file);
+            return false;
+        }
+        return true;
+    };
+    if (a.pos()[1] != "-") {
+        put_one(a.pos()[1], "");
+        return rc;
+    }
+    catch_interrupts();
+    std::string line;
+    uint64_t lineno = 0;
+    while (!g_interrupted && std::getline(std::cin, line)) {
+        ++lineno;
+        if (line.empty()) continue;
+        if (!put_one(line, "line " + std::to_string(lineno) + ": ")) break;
+    }
+    if (g_interrupted) return fail("put", "interrupted");
+    return rc;
+}
+
+int cmd_del(std::vector<std::string> words) {
+    Args a("del", std::move(words));
+    if (!a.parse()) return EXIT_USAGE;
+    if (a.pos().size() < 2) return usage_error("del", "expected FILE and at least one KEY0 value");
+    const std::string& file = a.pos()[0];
+    Session s("del");
+    OpenFile f(s);
+    if (!f.open(file, ISO_RDWR)) return EXIT_FAIL;
+    int rc = EXIT_OK;
+    for (size_t i = 1; i < a.pos().size(); ++i) {
+        std::string key;
+        if (!key_value("del", a.pos()[i], f.keylens[0], '\0', key)) return EXIT_USAGE;
+        if (nisdelete(f.fd, key.data()) < 0) {
+            if (is_errno != ISE_NOKEY) return lib_error("del", file);
+            rc = fail("del", "no record with key 0 = \"" + escape(key) + "\"");
+        }
+    }
+    return rc;
+}
+
+// ---- dump and load -----------------------------------------------------------------------------
+//
+// The dump form, one line each:
+//   # kisam dump 1
+//   # keys L0,L1,... [key-in-index]
+//   LENGTH SP ESCAPED-BYTES            (one per record, in key 0 order)
+//   # end N records
+// The closing line lets load tell a complete dump from one that was cut short.
+
+namespace {
+constexpr const char* kDumpMagic = "# kisam dump 1";
+}
+
+int cmd_dump(std::vector<std::string> words) {
+    Args a("dump", std::move(words));
+    a.flag("ignore-mark");
+    if (!a.parse()) return EXIT_USAGE;
+    if (a.pos().empty() || a.pos().size() > 2) return usage_error("dump", "expected FILE [OUTPUT]");
+    const std::string& file = a.pos()[0];
+    int rawfd = ::open(file.c_str(), O_RDONLY);
+    if (rawfd < 0) return fail("dump", file + ": " + std::strerror(errno));
+    ControlPage cp;
+    std::string err;
+    bool ok = read_control_page(rawfd, cp, err);
+    ::close(rawfd);
+    if (!ok) return fail("dump", file + ": " + err);
+
+    Session s("dump");
+    OpenFile f(s);
+    if (!f.open(file, read_access(a))) return EXIT_FAIL;
+    FILE* out = stdout;
+    std::string outname = "standard output";
+    if (a.pos().size() == 2 && a.pos()[1] != "-") {
+        outname = a.pos()[1];
+        out = std::fopen(outname.c_str(), "w");
+        if (!out) return fail("dump", outname + ": " + std::strerror(errno));
+    }
+    std::string keys;
+    for (size_t i = 0; i < f.keylens.size(); ++i) keys += (i ? "," : "") + std::to_string(f.keylens[i]);
+    std::fprintf(out, "%s\n# keys %s%s\n", kDumpMagic, keys.c_str(), (cp.optbits & ISO_KEYOPT) ? " key-in-index" : "");
+    catch_interrupts();
+    Progress prog("dump " + file, 0);
+    std::vector<char> rec(kRecBuf);
+    uint64_t count = 0;
+    int rc = EXIT_OK;
+    std::string line;
+    while (true) {
+        if (g_interrupted) {
+            rc = fail("dump", "interrupted; the output is incomplete");
+            break;
+        }
+        int n = nisread(f.fd, 0, rec.data(), kRecBuf);
+        if (n < 0) {
+            rc = lib_error("dump", file);
+            break;
+        }
+        if (n == 0) break;
+        line = std::to_string(n);
+        line += ' ';
+        line += escape(std::string_view(rec.data(), size_t(n)));
+        line += '\n';
+        if (std::fwrite(line.data(), 1, line.size(), out) != line.size()) break;
+        prog.update(++count);
+    }
+    if (rc == EXIT_OK) std::fprintf(out, "# end %llu records\n", static_cast<unsigned long long>(count));
+    bool write_ok = std::fflush(out) == 0 && !std::ferror(out);
+    int saved = errno;
+    if (out != stdout && std::fclose(out) != 0) write_ok = false;
+    if (!write_ok) return fail("dump", outname + ": cannot write: " + std::strerror(saved));
+    return rc;
+}
+
+int cmd_load(std::vector<std::string> words) {
+    Args a("load", std::move(words));
+    if (!a.parse()) return EXIT_USAGE;
+    if (a.pos().empty() || a.pos().size() > 2) return usage_error("load", "expected FILE [INPUT]");
+    const std::string& file = a.pos()[0];
+    std::ifstream fin;
+    std::istream* in = &std::cin;
+    std::string inname = "standard input";
+    uint64_t total = 0;
+    if (a.pos().size() == 2 && a.pos()[1] != "-") {
+        inname = a.pos()[1];
+        fin.open(inname, std::ios::binary);
+        if (!fin) return fail("load", inname + ": " + std::strerror(errno));
+        in = &fin;
+        struct stat st;
+        if (::stat(inname.c_str(), &st) == 0 && S_ISREG(st.st_mode)) total = uint64_t(st.st_size);
+    }
+    std::string line;
+    uint64_t lineno = 0, consumed = 0;
+    auto next = [&]() {
+        if (!std::getline(*in, line)) return false;
+        ++lineno;
+        consumed += line.size() + 1;
+        return true;
+    };
+    if (!next() || line != kDumpMagic) return fail("load", inname + ": not a kisam dump (its first line is not \"" + std::string(kDumpMagic) + "\")");
+    if (!next() || line.rfind("# keys ", 0) != 0) return fail("load", inname + ": line 2: expected \"# keys L0,L1,...\"");
+    std::vector<int> lens;
+    bool keyopt = false;
+    {
+        std::string spec = line.substr(7);
+        if (auto sp = spec.find(' '); sp != std::string::npos) {
+            if (spec.substr(sp + 1) != "key-in-index") return fail("load", inname + ": line 2: unknown option \"" + spec.substr(sp + 1) + "\"");
+            keyopt = true;
+            spec.resize(sp);
+        }
+        size_t start = 0;
+        while (true) {
+            size_t comma = spec.find(',', start);
+            long v;
+            if (!parse_long(spec.substr(start, comma == std::string::npos ? std::string::npos : comma - start), 1, 500, v))
+                return fail("load", inname + ": line 2: malformed key lengths");
+            lens.push_back(int(v));
+            if (comma == std::string::npos) break;
+            start = comma + 1;
+        }
+        if (lens.size() > KISAM_MAXKEYS) return fail("load", inname + ": line 2: more than 25 keys");
+    }
+
+    Session s("load");
+    if (!s.attach()) return EXIT_FAIL;
+    if (::access(file.c_str(), F_OK) != 0) {
+        niscr_ctl(keyopt ? 1 : 0, 1024);
+        int fd = niscreate(file.c_str(), int(lens.size()), lens.data());
+        if (fd < 0) return lib_error("load", file, file);
+        s.close(fd);
+    }
+    OpenFile f(s);
+    if (!f.open(file, ISO_RDWR)) return EXIT_FAIL;
+    if (f.keylens != lens) {
+        std::string have;
+        for (size_t i = 0; i < f.keylens.size(); ++i) have += (i ? "," : "") + std::to_string(f.keylens[i]);
+        return fail("load", file + " has keys of lengths " + have + ", the dump was made from other keys");
+    }
+
+    catch_interrupts();
+    Progress prog("load " + file, total);
+    uint64_t loaded = 0, duplicates = 0, bad = 0;
+    bool ended = false, failed = false;
+    // Batches under one hold of the control lock spare a lock round trip per record;
+    // other processes get the file between batches.
+    constexpr int kBatch = 256;
+    int in_batch = 0;
+    int rc = EXIT_OK;
+    while (!g_interrupted && next()) {
+        if (ended) {
+            rc = fail("load", inname + ": line " + std::to_string(lineno) + ": text after the closing line");
+            break;
+        }
+        if (line.rfind("# end ", 0) == 0) {
+            ended = true;
+            continue;
+        }
+        if (line.empty() || line[0] == '#') continue;
+        size_t sp = line.find(' ');
+        long len = -1;
+        std::optional<std::string> rec;
+        if (sp != std::string::npos && parse_long(line.substr(0, sp), 1, KISAM_MAXREC, len))
+            rec = unescape(std::string_view(line).substr(sp + 1));
+        if (!rec || long(rec->size()) != len) {
+            if (++bad <= 10)
+                std::fprintf(stderr, "kisam load: %s: line %llu: malformed record line%s\n", inname.c_str(),
+                             static_cast<unsigned long long>(lineno),
+                             rec ? " (its length does not match its bytes)" : "");
+            continue;
+        }
+        if (in_batch == 0) nisgetctl(f.fd);
+        int r = niswrite(f.fd, rec->data(), int(rec->size()));
+        if (++in_batch == kBatch) {
+            nisrelctl(f.fd);
+            in_batch = 0;
+        }
+        if (r < 0) {
+            rc = lib_error("load", file + " (line " + std::to_string(lineno) + ")");
+            failed = true;
+            break;
+        }
+        if (r == 1) {
+            if (++duplicates <= 10)
+                std::fprintf(stderr, "kisam load: line %llu: key 0 = \"%s\" exists already; record skipped\n",
+                             static_cast<unsigned long long>(lineno),
+                             escape(std::string_view(*rec).substr(0, size_t(f.keylens[0]))).c_str());
+            continue;
+        }
+        prog.update(++loaded, consumed);
+    }
+    if (in_batch) nisrelctl(f.fd);
+    if (g_interrupted) return fail("load", "interrupted after " + std::to_string(loaded) + " records");
+    if (failed) return rc;
+    if (duplicates > 10) std::fprintf(stderr, "kisam load: ... %llu duplicates in all\n", static_cast<unsigned long long>(duplicates));
+    if (bad > 10) std::fprintf(stderr, "kisam load: ... %llu malformed lines in all\n", static_cast<unsigned long long>(bad));
+    if (!ended) rc = fail("load", inname + ": the dump has no closing line: it may have been cut short");
+    std::fprintf(stderr, "loaded %llu records into %s", static_cast<unsigned long long>(loaded), file.c_str());
+    if (duplicates) std::fprintf(stderr, ", %llu duplicates skipped", static_cast<unsigned long long>(duplicates));
+    if (bad) std::fprintf(stderr, ", %llu malformed lines skipped", static_cast<unsigned long long>(bad));
+    std::fprintf(stderr, "\n");
+    return (duplicates || bad) ? EXIT_FAIL : rc;
+}
+
+}  // namespace kisam_tool

@@ -1,0 +1,165 @@
+// kisam stat: the figures of an installation's shared area, for monitoring.
+//
+// The area is read without taking any of its locks: the figures are counters that the
+// engine itself keeps without strict exclusion, and a monitor must never make the
+// programs it watches wait.  Chains are walked with a bound so that a torn read can
+// only give a wrong figure, never a loop.
+#include "tool.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <ctime>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+namespace kisam_tool {
+namespace {
+
+std::string pct(uint64_t part, uint64_t whole) {
+    if (whole == 0) return "-";
+    char b[32];
+    std::snprintf(b, sizeof b, "%.1f%%", 100.0 * double(part) / double(whole));
+    return b;
+}
+
+void print_once(int shmid) {
+    const auto* com = static_cast<const struct isam_com*>(ZTKISAMGetComAddr());
+    const char* base = reinterpret_cast<const char*>(com);
+    struct shmid_ds ds;
+    std::memset(&ds, 0, sizeof ds);
+    ::shmctl(shmid, IPC_STAT, &ds);
+
+    char when[64];
+    std::time_t now = std::time(nullptr);
+    std::strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S", std::localtime(&now));
+    std::printf("shared area at %s: id %d, %lld bytes, %lu processes attached\n", when, shmid,
+                static_cast<long long>(com->comsize), static_cast<unsigned long>(ds.shm_nattch));
+
+    // Buffers.
+    const IS_BUF* bufs = reinterpret_cast<const IS_BUF*>(base + com->buf_base);
+    int nfree = 0, dirty = 0, fixed = 0;
+    for (int i = com->buf_free, guard = 0; i >= 0 && i < com->maxbufs && guard < com->maxbufs; i = bufs[i].bu_next, ++guard)
+        ++nfree;
+    for (int i = 0; i < com->maxbufs; ++i) {
+        if (bufs[i].bu_id & BU_DIRTY) ++dirty;
+        if (bufs[i].bu_id & BU_INUSE) ++fixed;
+    }
+    uint64_t hit = com->hit, mfree = com->missfree, mwrite = com->misswrite, mread = com->missread;
+    uint64_t req = hit + mfree + mwrite + mread;
+    std::printf("buffers   %d of 1024 bytes: %d free, %d in use now, %d dirty\n", com->maxbufs, nfree, fixed, dirty);
+    std::printf("          requests %llu: hits %llu (%s), misses %llu\n", static_cast<unsigned long long>(req),
+                static_cast<unsigned long long>(hit), pct(hit, req).c_str(),
+                static_cast<unsigned long long>(mfree + mwrite + mread));
+    std::printf("          misses by kind: %llu from a free or own buffer, %llu took another file's clean buffer, "
+                "%llu had to write another file's dirty buffer first\n",
+                static_cast<unsigned long long>(mfree), static_cast<unsigned long long>(mread),
+                static_cast<unsigned long long>(mwrite));
+    std::printf("          disk: %u pages read, %u pages written; %u one-second waits for a free buffer\n",
+                com->sysread, com->syswrite, com->vr_nsleep);
+    // Locks.
+    std::printf("locks     internal: %u held now, highest %u, %u taken in all, %u found busy\n", com->cursyslocks,
+                com->maxsyslocks, com->totsyslocks, com->syswaits);
+    std::printf("          record: %u held now, highest %u, %u taken in all, %u waits\n", com->curusrlocks,
+                com->maxusrlocks, com->totusrlocks, com->usrwaits);
+    auto holder = [](uint32_t w) { return w == 0 ? std::string("free") : "held by pid " + std::to_string(w & 0x7fffffff); };
+    std::printf("          area locks: open/close %s, heap %s, buffers %s\n", holder(com->opcl_lock).c_str(),
+                holder(com->free_lock).c_str(), holder(com->buf_lock).c_str());
+
+    // Files.
+    const int32_t* pfo = reinterpret_cast<const int32_t*>(base + com->pfo_base);
+    const char* heap = base + com->heap_base;
+    const int64_t heapsize = int64_t(com->comsize) - com->heap_base;
+    int nopen = 0;
+    for (int i = 0; i < com->maxopen; ++i) nopen += pfo[i] != -1;
+    std::printf("files     %d open of %d\n", nopen, com->maxopen);
+    for (int i = 0; i < com->maxopen; ++i) {
+        if (pfo[i] == -1) continue;
+        if (pfo[i] < 0 || pfo[i] + int64_t(IS_FCP_SIZE(0)) > heapsize) {
+            std::printf("  slot %-3d damaged entry %d\n", i, pfo[i]);
+            continue;
+        }
+        const IS_FCP* fcp = reinterpret_cast<const IS_FCP*>(heap + pfo[i]);
+        int nb = 0;
+        for (int b = fcp->jd_buf_hd, guard = 0; b >= 0 && b < com->maxbufs && guard < com->maxbufs; b = bufs[b].bu_next, ++guard)
+            ++nb;
+        dev_t dev = dev_t(fcp->jd_dev);
+        std::printf("  slot %-3d device %u:%u inode %llu: %d keys, used by %d processes, %d buffers, control lock %s%s%s\n",
+                    i, major(dev), minor(dev), static_cast<unsigned long long>(fcp->jd_ino), fcp->is_nkeys,
+                    fcp->is_usecnt, nb, holder(fcp->jd_fcplock).c_str(),
+                    (fcp->is_optbits & ISO_DIRTYMARK) ? ", data-changed mark set" : "",
+                    (fcp->is_optbits & ISO_SEQ) ? ", sequential" : "");
+    }
+
+    // Processes.
+    const int32_t* pids = reinterpret_cast<const int32_t*>(base + com->pid_base);
+    const uint32_t* needs = reinterpret_cast<const uint32_t*>(base + com->need_base);
+    int nproc = 0, gone = 0;
+    for (int i = 0; i < com->maxusers; ++i) nproc += pids[i] != 0;
+    std::printf("processes %d attached of %d\n", nproc, com->maxusers);
+    for (int i = 0; i < com->maxusers; ++i) {
+        int32_t pid = pids[i];
+        if (pid == 0) continue;
+        std::string state;
+        if (pid == ::getpid())
+            state = " (this kisam stat)";
+        else if (::kill(pid, 0) != 0 && errno == ESRCH) {
+            state = " NO LONGER EXISTS: it ended without detaching; its slot stays taken";
+            ++gone;
+        }
+        if (needs[i] != 0) state += ", waiting for the lock at offset " + std::to_string(needs[i]);
+        std::printf("  slot %-3d pid %d%s\n", i, pid, state.c_str());
+    }
+    if (gone)
+        std::printf("          %d slot(s) held by processes that no longer exist; they are freed when the area is "
+                    "rebuilt after every program has detached\n",
+                    gone);
+    std::fflush(stdout);
+}
+
+}  // namespace
+
+int cmd_stat(std::vector<std::string> words) {
+    Args a("stat", std::move(words));
+    a.option("every");
+    a.option("count");
+    if (!a.parse()) return EXIT_USAGE;
+    if (!a.pos().empty()) return usage_error("stat", "takes no arguments");
+    long every = 0, count = a.has("every") ? -1 : 1;
+    if (!a.get_int("every", 1, 86400, every) || !a.get_int("count", 1, INT32_MAX, count)) return EXIT_USAGE;
+
+    std::vector<std::string> tried;
+    std::string conf = find_config(&tried);
+    if (conf.empty()) {
+        std::fprintf(stderr, "kisam stat: no configuration file found; looked at:\n");
+        for (const auto& t : tried) std::fprintf(stderr, "  %s\n", t.c_str());
+        std::fprintf(stderr, "Create one with 'kisam config init PATH', then pass '--config PATH' or set KISCONFIG=PATH.\n");
+        return EXIT_FAIL;
+    }
+    // Attaching would create the area; look first so that a monitor never does.
+    long key = installation_key(conf);
+    if (key == -1) return fail("stat", conf + ": " + std::strerror(errno));
+    int id = ::shmget(key_t(key), 0, 0);
+    if (id < 0) {
+        if (errno != ENOENT) return fail("stat", std::string("cannot look at the shared area: ") + std::strerror(errno));
+        std::printf("no shared area: no program is attached to the installation of %s\n", conf.c_str());
+        return EXIT_OK;
+    }
+    Session s("stat");
+    if (!s.attach()) return EXIT_FAIL;
+    catch_interrupts();
+    for (long i = 0; count < 0 || i < count; ++i) {
+        if (i > 0) {
+            std::printf("\n");
+            // sleep() returns early when a signal arrives.
+            for (unsigned left = unsigned(every); left > 0 && !g_interrupted;) left = ::sleep(left);
+        }
+        if (g_interrupted) break;
+        print_once(id);
+    }
+    return EXIT_OK;
+}
+
+}  // namespace kisam_tool

@@ -1,0 +1,202 @@
+// Option parsing, the escaped text form of records, messages and progress display.
+#include "tool.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+namespace kisam_tool {
+
+Globals g;
+volatile int g_interrupted = 0;
+
+bool parse_long(const std::string& s, long lo, long hi, long& out) {
+    if (s.empty()) return false;
+    char* end = nullptr;
+    errno = 0;
+    long v = std::strtol(s.c_str(), &end, 10);
+    if (errno != 0 || *end != '\0' || v < lo || v > hi) return false;
+    out = v;
+    return true;
+}
+
+bool Args::parse() {
+    auto known = [](const std::vector<std::string>& list, const std::string& n) {
+        for (const auto& x : list)
+            if (x == n) return true;
+        return false;
+    };
+    bool only_pos = false;
+    for (size_t i = 0; i < w_.size(); ++i) {
+        const std::string& a = w_[i];
+        if (only_pos || a.size() < 2 || a[0] != '-' || a == "-") {
+            pos_.push_back(a);
+            continue;
+        }
+        if (a == "--") {
+            only_pos = true;
+            continue;
+        }
+        if (a[1] != '-') {
+            usage_error(cmd_, "unknown option " + a);
+            return false;
+        }
+        std::string name = a.substr(2), value;
+        bool inline_value = false;
+        if (auto eq = name.find('='); eq != std::string::npos) {
+            value = name.substr(eq + 1);
+            name.resize(eq);
+            inline_value = true;
+        }
+        if (known(flags_, name)) {
+            if (inline_value) {
+                usage_error(cmd_, "option --" + name + " takes no value");
+                return false;
+            }
+            seen_.emplace_back(name, "");
+        } else if (known(opts_, name)) {
+            if (!inline_value) {
+                if (i + 1 >= w_.size()) {
+                    usage_error(cmd_, "option --" + name + " needs a value");
+                    return false;
+                }
+                value = w_[++i];
+            }
+            seen_.emplace_back(name, value);
+        } else {
+            usage_error(cmd_, "unknown option --" + name);
+            return false;
+        }
+    }
+    return true;
+}
+
+bool Args::has(const char* name) const {
+    for (const auto& [n, v] : seen_)
+        if (n == name) return true;
+    return false;
+}
+
+std::optional<std::string> Args::get(const char* name) const {
+    std::optional<std::string> r;
+    for (const auto& [n, v] : seen_)
+        if (n == name) r = v;   // the last occurrence wins, as in most tools
+    return r;
+}
+
+bool Args::get_int(const char* name, long lo, long hi, long& out) const {
+    auto v = get(name);
+    if (!v) return true;
+    if (!parse_long(*v, lo, hi, out)) {
+        usage_error(cmd_, "--" + std::string(name) + " must be a whole number from " + std::to_string(lo) +
+                              " to " + std::to_string(hi) + ", not \"" + *v + "\"");
+        return false;
+    }
+    return true;
+}
+
+int usage_error(const std::string& cmd, const std::string& msg) {
+    std::string who = cmd.empty() ? "kisam" : "kisam " + cmd;
+    std::fprintf(stderr, "%s: %s\n", who.c_str(), msg.c_str());
+    std::fprintf(stderr, "Try '%s' for more information.\n", cmd.empty() ? "kisam help" : ("kisam help " + cmd).c_str());
+    return EXIT_USAGE;
+}
+
+int fail(const std::string& cmd, const std::string& msg) {
+    std::string who = cmd.empty() ? "kisam" : "kisam " + cmd;
+    std::fprintf(stderr, "%s: %s\n", who.c_str(), msg.c_str());
+    return EXIT_FAIL;
+}
+
+// ---- text form ---------------------------------------------------------------------------------
+
+std::string escape(std::string_view bytes) {
+    static const char hex[] = "0123456789abcdef";
+    std::string out;
+    out.reserve(bytes.size() + bytes.size() / 4);
+    for (unsigned char c : bytes) {
+        if (c == '\\') {
+            out += "\\\\";
+        } else if (c >= 0x20 && c < 0x7f) {
+            out += static_cast<char>(c);
+        } else {
+            out += "\\x";
+            out += hex[c >> 4];
+            out += hex[c & 15];
+        }
+    }
+    return out;
+}
+
+static int hexval(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+std::optional<std::string> unescape(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    for (size_t i = 0; i < text.size(); ++i) {
+        char c = text[i];
+        if (c != '\\') {
+            out += c;
+            continue;
+        }
+        if (++i >= text.size()) return std::nullopt;
+        switch (text[i]) {
+        case '\\': out += '\\'; break;
+        case 'n': out += '\n'; break;
+        case 'r': out += '\r'; break;
+        case 't': out += '\t'; break;
+        case '0': out += '\0'; break;
+        case 'x': {
+            if (i + 2 >= text.size()) return std::nullopt;
+            int h = hexval(text[i + 1]), l = hexval(text[i + 2]);
+            if (h < 0 || l < 0) return std::nullopt;
+            out += static_cast<char>(h * 16 + l);
+            i += 2;
+            break;
+        }
+        default: return std::nullopt;
+        }
+    }
+    return out;
+}
+
+// ---- progress ------------------------------------------------------------------------------------
+
+Progress::Progress(std::string what, uint64_t total)
+    : what_(std::move(what)), total_(total), on_(!g.quiet && ::isatty(STDERR_FILENO)) {}
+
+Progress::~Progress() {
+    // Clear the line so that a following message starts at the margin.
+    if (shown_) std::fputs("\r\033[K", stderr);
+}
+
+void Progress::show(uint64_t records, uint64_t done) {
+    shown_ = true;
+    if (total_)
+        std::fprintf(stderr, "\r%s: %llu records (%3llu%%)", what_.c_str(), static_cast<unsigned long long>(records),
+                     static_cast<unsigned long long>(done * 100 / total_));
+    else
+        std::fprintf(stderr, "\r%s: %llu records", what_.c_str(), static_cast<unsigned long long>(records));
+    std::fflush(stderr);
+}
+
+static void on_signal(int) { g_interrupted = 1; }
+
+void catch_interrupts() {
+    struct sigaction sa;
+    std::memset(&sa, 0, sizeof sa);
+    sa.sa_handler = on_signal;
+    sigemptyset(&sa.sa_mask);
+    // No SA_RESTART: a blocking read of the input returns so that the loop sees the flag.
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+    sigaction(SIGHUP, &sa, nullptr);
+}
+
+}  // namespace kisam_tool

@@ -1,0 +1,224 @@
+// kisam: inspect, check, fill and monitor ISAM files and the shared area of an
+// installation.  One command with subcommands; see 'kisam help'.
+#include "tool.h"
+
+#include <cstring>
+#include <map>
+
+#ifndef KISAM_TOOL_VERSION
+#define KISAM_TOOL_VERSION "unknown"
+#endif
+
+namespace kisam_tool {
+namespace {
+
+const char* const kOverview =
+    "Usage: kisam [--config PATH] [--quiet] COMMAND [ARGS...]\n"
+    "\n"
+    "Commands:\n"
+    "  config init PATH [options]   write a configuration file and its lock file\n"
+    "  config show [PATH]           print a configuration in words\n"
+    "  create FILE KEYLEN[,KEYLEN...] [--key-in-index] [--small-header]\n"
+    "                               create an ISAM file\n"
+    "  info FILE                    the file's control page, indexes and pages in words\n"
+    "  check FILE [--clear-mark]    check the structure of every index, the data pages\n"
+    "                               and the free chain\n"
+    "  get FILE VALUE [--key N]     read the record with this key value\n"
+    "  scan FILE [--key N] [--from V] [--to V] [--backward] [--limit N]\n"
+    "                               read records in key order\n"
+    "  put FILE [RECORD|-] [--replace|--update]\n"
+    "                               add, replace or update records\n"
+    "  del FILE KEY0 [KEY0...]      delete records by their key 0 value\n"
+    "  dump FILE [OUTPUT]           all records, in key 0 order, as portable text\n"
+    "  load FILE [INPUT]            add the records of a dump (creates FILE if needed)\n"
+    "  stat [--every SECONDS]       figures of the shared area for monitoring\n"
+    "  help [COMMAND]               this text, or the details of one command\n"
+    "  --version                    the version of kisam\n"
+    "\n"
+    "Every command takes --config PATH: the configuration file to use.  Without it the\n"
+    "library's own search applies: $KISCONFIG, then etc_dir/kisamconfig, then\n"
+    "$HOME_Q9/kisamconfig.\n"
+    "\n"
+    "Records and key values are given and shown as text: printable characters stand\n"
+    "for themselves, a backslash is written \\\\ and any other byte \\xHH (\\n, \\t, \\r\n"
+    "and \\0 are accepted too).  A key value shorter than its key is filled with zero\n"
+    "bytes.\n"
+    "\n"
+    "Exit status: 0 success; 1 the operation failed, damage was found, or no record\n"
+    "matched; 2 the command line is wrong.\n";
+
+const std::map<std::string, const char*>& details() {
+    static const std::map<std::string, const char*> m = {
+        {"config",
+         "Usage: kisam config init PATH [options]\n"
+         "       kisam config show [PATH]\n"
+         "\n"
+         "'init' writes the binary configuration record to PATH and creates the lock file\n"
+         "PATH.lk beside it.  An existing file is kept unless --force is given.  Options\n"
+         "(defaults in brackets):\n"
+         "  --files N              files open at once in the installation [64]\n"
+         "  --buffers N            shared page buffers of 1 KiB [256]\n"
+         "  --users N              processes attached at once [32]\n"
+         "  --keys N               most keys a file may have, up to 25 [25]\n"
+         "  --files-per-process N  ISAM descriptors one process may hold [as --files]\n"
+         "  --file-buffers N       buffers one file fills before reusing its own [as --buffers]\n"
+         "  --avg-alt-keys N       average alternate keys per file, sizes the heap [2]\n"
+         "  --lock-key-len N       average record-lock key length, sizes the heap [16]\n"
+         "  --locks-per-file N     average record locks per open file, sizes the heap [8]\n"
+         "  --track-changes        keep each file's data-changed mark on disk\n"
+         "  --sync-on-mark         with --track-changes: sync the file when the mark changes\n"
+         "  --clear-on-release     with --track-changes: clear the mark after every change\n"
+         "  --force                overwrite an existing configuration file\n"
+         "The size of the shared segment follows from these values; a configuration that\n"
+         "the kernel's shared-memory limits would refuse is reported and not written.\n"
+         "\n"
+         "'show' prints the configuration (PATH, or the one --config or the normal search\n"
+         "finds) in words, with the segment layout it leads to, and compares it with the\n"
+         "shared area in use, if any.\n"},
+        {"create",
+         "Usage: kisam create FILE KEYLEN[,KEYLEN...] [--key-in-index] [--small-header]\n"
+         "\n"
+         "Creates FILE with one key per length given; key 0 is the primary key.  Records\n"
+         "start with the key values in key order, so each record is at least the sum of\n"
+         "the key lengths long.  An existing FILE that no program has open is replaced.\n"
+         "  --key-in-index   keep key 0 only in its index, not in the stored record\n"
+         "  --small-header   use a 512-byte control page instead of a 1024-byte one\n"},
+        {"info",
+         "Usage: kisam info FILE\n"
+         "\n"
+         "Reads FILE directly (no shared area is needed) and prints its control page in\n"
+         "words: format, keys with their roots, tree depths and item counts, the free-page\n"
+         "chain, the data pages with free space, the page counts by kind, and the marks.\n"},
+        {"check",
+         "Usage: kisam check FILE [--clear-mark]\n"
+         "\n"
+         "Reads FILE directly and checks every index (order, fill, links, depth), the data\n"
+         "pages and the free chain, and that every index reaches exactly the records of\n"
+         "key 0.  Prints one line per problem found and exits with status 1 when the file\n"
+         "is damaged.  Run it on a file no program is changing.\n"
+         "  --clear-mark   when the file is sound, clear its data-changed mark so that it\n"
+         "                 opens again (the file must not be open anywhere)\n"},
+        {"get",
+         "Usage: kisam get FILE VALUE [--key N] [--ignore-mark]\n"
+         "\n"
+         "Prints the record whose key N (default 0) equals VALUE; with several records of\n"
+         "that value (keys other than 0), the one the index finds first.  Exit status 1\n"
+         "when there is none.  For the first record at or after a value use 'scan --from\n"
+         "VALUE --limit 1'.\n"},
+        {"scan",
+         "Usage: kisam scan FILE [--key N] [--from V] [--to V] [--backward] [--limit N]\n"
+         "                  [--count] [--ignore-mark]\n"
+         "\n"
+         "Prints records in the order of key N (default 0), one per line.  Forwards, it\n"
+         "starts at the first key at or after --from and stops after the last key that\n"
+         "begins with or precedes --to; with --backward, it starts at the last key that\n"
+         "begins with or precedes --from and stops before keys below --to.  A shorter\n"
+         "value is a prefix.  --count prints only the number of records.\n"},
+        {"put",
+         "Usage: kisam put FILE RECORD [--replace | --update]\n"
+         "       kisam put FILE - [--replace | --update]    (records from standard input,\n"
+         "                                                   one per line)\n"
+         "\n"
+         "Adds records.  A record whose key 0 value exists already is refused (status 1)\n"
+         "unless --replace (add or replace) or --update (replace; the record must exist)\n"
+         "is given.\n"},
+        {"del",
+         "Usage: kisam del FILE KEY0 [KEY0...]\n"
+         "\n"
+         "Deletes the records with these key 0 values.  Exit status 1 when one of them\n"
+         "does not exist (the others are still deleted).\n"},
+        {"dump",
+         "Usage: kisam dump FILE [OUTPUT] [--ignore-mark]\n"
+         "\n"
+         "Writes every record in key 0 order as text to OUTPUT (default: standard output).\n"
+         "The form is exact for any bytes: a header line '# kisam dump 1', a line\n"
+         "'# keys L0,L1,...' (with ' key-in-index' when set), then one line per record:\n"
+         "its length, a blank, and its bytes escaped.  --ignore-mark reads a file whose\n"
+         "data-changed mark is set, to save what it still holds.\n"},
+        {"load",
+         "Usage: kisam load FILE [INPUT]\n"
+         "\n"
+         "Adds the records of a dump (default: standard input) to FILE, creating FILE\n"
+         "with the dump's keys when it does not exist.  Records whose key 0 value is\n"
+         "already present are reported and skipped; the exit status is then 1.\n"},
+        {"stat",
+         "Usage: kisam stat [--every SECONDS] [--count N]\n"
+         "\n"
+         "Prints the figures of the installation's shared area: buffers (hits, misses by\n"
+         "kind, disk reads and writes, waits for a free buffer), locks (held now, highest,\n"
+         "waits), the files open with their use counts, and the processes attached,\n"
+         "flagging those that no longer exist.  With --every it repeats until interrupted\n"
+         "(or N times with --count).  When no program is attached it says so and creates\n"
+         "nothing.\n"},
+        {"help", "Usage: kisam help [COMMAND]\n"},
+    };
+    return m;
+}
+
+int cmd_help(const std::vector<std::string>& args) {
+    if (args.empty()) {
+        std::fputs(kOverview, stdout);
+        return EXIT_OK;
+    }
+    if (args.size() > 1) return usage_error("help", "too many arguments");
+    auto it = details().find(args[0]);
+    if (it == details().end()) return usage_error("help", "unknown command \"" + args[0] + "\"");
+    std::fputs(it->second, stdout);
+    return EXIT_OK;
+}
+
+}  // namespace
+
+int run(int argc, char** argv) {
+    std::vector<std::string> words;
+    // --config and --quiet are accepted anywhere on the line.
+    for (int i = 1; i < argc; ++i) {
+        std::string a = argv[i];
+        if (a == "--config") {
+            if (i + 1 >= argc) return usage_error("", "option --config needs a value");
+            g.config = argv[++i];
+        } else if (a.rfind("--config=", 0) == 0) {
+            g.config = a.substr(9);
+        } else if (a == "--quiet") {
+            g.quiet = true;
+        } else {
+            words.push_back(std::move(a));
+        }
+    }
+    if (!g.config.empty() && g.config.size() > 500) return usage_error("", "configuration path too long");
+    if (words.empty()) {
+        std::fputs(kOverview, stderr);
+        return EXIT_USAGE;
+    }
+    std::string cmd = words.front();
+    words.erase(words.begin());
+    if (cmd == "--version" || cmd == "version") {
+        std::printf("kisam %s\n", KISAM_TOOL_VERSION);
+        return EXIT_OK;
+    }
+    if (cmd == "help" || cmd == "--help" || cmd == "-h") return cmd_help(words);
+    for (const auto& w : words)
+        if (w == "--help" || w == "-h") return cmd_help({cmd});
+    static const std::map<std::string, int (*)(std::vector<std::string>)> table = {
+        {"config", cmd_config}, {"create", cmd_create}, {"info", cmd_info}, {"check", cmd_check},
+        {"get", cmd_get},       {"scan", cmd_scan},     {"put", cmd_put},   {"del", cmd_del},
+        {"dump", cmd_dump},     {"load", cmd_load},     {"stat", cmd_stat},
+    };
+    auto it = table.find(cmd);
+    if (it == table.end()) {
+        std::fprintf(stderr, "kisam: unknown command \"%s\"\nTry 'kisam help'.\n", cmd.c_str());
+        return EXIT_USAGE;
+    }
+    return it->second(std::move(words));
+}
+
+}  // namespace kisam_tool
+
+int main(int argc, char** argv) {
+    int rc = kisam_tool::run(argc, argv);
+    if (std::fflush(stdout) != 0 && rc == 0) {
+        std::fprintf(stderr, "kisam: cannot write the output: %s\n", std::strerror(errno));
+        rc = kisam_tool::EXIT_FAIL;
+    }
+    return rc;
+}

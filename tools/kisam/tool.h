@@ -1,0 +1,173 @@
+// The kisam command-line tool: shared declarations of its subcommands.
+//
+// Every subcommand is a function taking its own arguments (the subcommand name and the
+// global options already removed) and returning the process exit status:
+//   0 success, 1 the operation failed / damage found / nothing found, 2 usage error.
+// Subcommands that need the engine attach through a Session, which detaches on every
+// path so that the last user of an installation removes the shared segment.
+#pragma once
+
+#include <kisam/kisam.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kisam_tool {
+
+enum Exit : int { EXIT_OK = 0, EXIT_FAIL = 1, EXIT_USAGE = 2 };
+
+// ---- options ---------------------------------------------------------------------
+
+// Global settings taken from the command line before the subcommand runs.
+struct Globals {
+    std::string config;   // --config PATH, empty when the normal search applies
+    bool quiet = false;   // --quiet: no progress display
+};
+extern Globals g;
+
+// A small option parser: positional words and --name / --name VALUE / --name=VALUE.
+class Args {
+public:
+    Args(std::string cmd, std::vector<std::string> words) : cmd_(std::move(cmd)), w_(std::move(words)) {}
+    // Declares a flag (no value) or an option with a value; call before parse().
+    void flag(const char* name) { flags_.push_back(name); }
+    void option(const char* name) { opts_.push_back(name); }
+    // Splits the words; false (after a message) on an unknown option or missing value.
+    bool parse();
+    bool has(const char* name) const;
+    std::optional<std::string> get(const char* name) const;
+    // Integer option within [lo, hi]; false (after a message) when malformed.
+    bool get_int(const char* name, long lo, long hi, long& out) const;
+    const std::vector<std::string>& pos() const { return pos_; }
+    const std::string& cmd() const { return cmd_; }
+
+private:
+    std::string cmd_;
+    std::vector<std::string> w_;
+    std::vector<std::string> flags_, opts_;
+    std::vector<std::pair<std::string, std::string>> seen_;
+    std::vector<std::string> pos_;
+};
+
+// Prints "kisam CMD: message" and a pointer to the help text; returns EXIT_USAGE.
+int usage_error(const std::string& cmd, const std::string& msg);
+// Prints "kisam CMD: message"; returns EXIT_FAIL.
+int fail(const std::string& cmd, const std::string& msg);
+bool parse_long(const std::string& s, long lo, long hi, long& out);
+
+// ---- text form of records ------------------------------------------------------------
+
+// Printable ASCII other than the backslash stands for itself; a backslash is "\\";
+// every other byte is "\xHH".  The result never contains a blank line, a newline or a
+// control character, so one record fits on one line whatever its bytes.
+std::string escape(std::string_view bytes);
+// Inverse of escape(); also accepts \n \r \t \0 \\ and \xHH with either case of hex.
+// nullopt when the text holds a malformed escape.
+std::optional<std::string> unescape(std::string_view text);
+
+// ---- the engine ----------------------------------------------------------------------------
+
+// Points the engine at the configuration chosen on the command line (or leaves the
+// normal search), then attaches on demand.  The destructor closes every handle and
+// detaches, so that a failing subcommand never leaves its process slot behind.
+class Session {
+public:
+    explicit Session(std::string cmd) : cmd_(std::move(cmd)) {}
+    ~Session();
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    // Attaches; on failure prints the reason and returns false.
+    bool attach();
+    // Opens FILE (ISO_RDONLY or ISO_RDWR, plus flags); -1 after printing the reason.
+    int open(const std::string& file, int access);
+    void close(int isfd);
+    const std::string& cmd() const { return cmd_; }
+
+private:
+    std::string cmd_;
+    bool attached_ = false;
+};
+
+// Applies --config: puts KISCONFIG into the environment and the settings store.
+void apply_config_choice();
+// The configuration file the library would use, found the way it looks for it.
+// Empty when none exists; `tried` receives the places looked at.
+std::string find_config(std::vector<std::string>* tried = nullptr);
+// "ftok" key of the installation whose configuration file is conf (lock file when
+// present), or -1.
+long installation_key(const std::string& conf);
+
+// Prints the library's report of the last failure ("kisam CMD: WHAT: <message>") and a
+// plain-words hint where the failure is a known limit; returns EXIT_FAIL.
+int lib_error(const std::string& cmd, const std::string& what, const std::string& file = "");
+
+// ---- files read directly (no engine) -----------------------------------------------------
+
+// The fields of an on-disk control page that the tool shows, decoded.
+struct KeyDesc {
+    uint32_t root;
+    int order, keylen, offset, itemlen, ncomp;
+};
+struct ControlPage {
+    uint16_t magic = 0;
+    int nkeys = 0;
+    uint32_t nextfree = 0, lastpage = 0;
+    uint32_t cdp[16] = {};
+    int usecnt = 0, minrec = 0;
+    uint8_t optbits = 0;
+    int mincdpi = -1;
+    std::vector<KeyDesc> keys;
+    bool small_header() const { return magic == ISMAGIC_512 || magic == ISMAGIC_OLD512; }
+    bool old_layout() const { return magic == ISMAGIC_OLD512 || magic == ISMAGIC_OLD1024; }
+};
+
+// Reads and decodes the control page of FILE (either layout).  On failure returns false
+// with a message in err ("not an ISAM file: unknown magic 0x1234", ...).
+bool read_control_page(int fd, ControlPage& cp, std::string& err);
+// File offset of logical page P.
+inline uint64_t page_offset(const ControlPage& cp, uint32_t p) { return cp.small_header() ? p - 512u : p; }
+
+// ---- progress on a terminal ------------------------------------------------------------------
+
+class Progress {
+public:
+    // Shows "WHAT: N records" on standard error when it is a terminal, with a percentage
+    // when total (in any unit, e.g. input bytes) is known (non-zero).
+    Progress(std::string what, uint64_t total);
+    ~Progress();
+    void update(uint64_t records, uint64_t done = 0) {
+        if (on_ && (records % 1024) == 0) show(records, done);
+    }
+
+private:
+    void show(uint64_t records, uint64_t done);
+    std::string what_;
+    uint64_t total_;
+    bool on_;
+    bool shown_ = false;
+};
+
+// Set by SIGINT/SIGTERM while a long subcommand runs; it then stops cleanly and detaches.
+extern volatile int g_interrupted;
+void catch_interrupts();
+
+// ---- subcommands -------------------------------------------------------------------------------
+
+int cmd_config(std::vector<std::string> args);
+int cmd_create(std::vector<std::string> args);
+int cmd_info(std::vector<std::string> args);
+int cmd_check(std::vector<std::string> args);
+int cmd_get(std::vector<std::string> args);
+int cmd_scan(std::vector<std::string> args);
+int cmd_put(std::vector<std::string> args);
+int cmd_del(std::vector<std::string> args);
+int cmd_dump(std::vector<std::string> args);
+int cmd_load(std::vector<std::string> args);
+int cmd_stat(std::vector<std::string> args);
+
+}  // namespace kisam_tool
