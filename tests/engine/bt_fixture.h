@@ -1,0 +1,120 @@
+// Helpers of the B-tree and checker tests: a file in a private installation, worked on
+// through the real frame and control lock, and raw access to its pages on disk.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <kisam/kisam.h>
+
+#include "bt.h"
+#include "is_error.h"
+#include "is_file.h"
+#include "is_rec.h"
+#include "kisam_test.h"
+#include "layout.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace btt {
+
+// Procedure codes of the error stack, innermost first.
+inline std::vector<int> error_stack() {
+    std::vector<int> v;
+    if (!is_etop) return v;
+    for (const is_etrace* e = is_estk; e < is_etop; ++e) {
+        uint16_t w;
+        std::memcpy(&w, e, sizeof w);
+        v.push_back(w);
+    }
+    return v;
+}
+
+// One ISAM file of a private installation.  Between begin() and end() the test holds the
+// file's frame and control lock and may call the B-tree directly.
+class BtFile {
+public:
+    BtFile(int magicv, std::vector<int> lens, const kt::Config& cfg = kt::Config())
+        : inst_(std::make_unique<kt::Installation>(cfg)), path_(inst_->path("bt.isam")) {
+        niscr_ctl(0, magicv);
+        fd_ = niscreate(path_.c_str(), static_cast<int>(lens.size()), lens.data());
+    }
+    ~BtFile() {
+        if (in_) end();
+        if (fd_ >= 0) nisclose(fd_);
+        nisunisam();
+        inst_.reset();
+    }
+    bool ok() const { return fd_ >= 0; }
+    const std::string& path() const { return path_; }
+    int fd() const { return fd_; }
+
+    void begin() {
+        ASSERT_EQ(is_isin(PROC(P_ISWRITE), fd_, 0), 0);
+        ASSERT_EQ(is_getctl(), 0);
+        in_ = true;
+    }
+    void end() {
+        in_ = false;
+        EXPECT_EQ(is_relctl(), 0);
+        is_isout();
+    }
+
+    IS_KEY* key(int k) const { return kisam::fcp_key(is_curfcp, k); }
+    PAGE root(int k) const { return key(k)->k_root; }
+    PAGE& currpage(int k) const { return kisam::db_cursor(is_curdb, k)->currpage; }
+
+    int insert(int k, std::string& item, int forcef = 0) {
+        return bt_insert(k, root(k), item.data(), 0, forcef);
+    }
+    int remove(int k, std::string item) { return bt_delete(k, root(k), item.data(), KISAM_NOPAGE); }
+    int search(int k, int mode, std::string* item) {
+        item->resize(static_cast<size_t>(key(k)->k_itemlen));
+        return bt_search(k, root(k), mode, item->data(), 0);
+    }
+
+    // Page p as it is on disk (the file must have been flushed for the control page;
+    // other pages are written as they change).
+    IS_DATA disk_page(PAGE p) const {
+        IS_DATA d;
+        std::memset(&d, 0, sizeof d);
+        int fd = ::open(path_.c_str(), O_RDONLY);
+        off_t off = compact() ? static_cast<off_t>(p) - 512 : static_cast<off_t>(p);
+        if (fd >= 0) {
+            if (::pread(fd, d.c, sizeof d.c, off) != static_cast<ssize_t>(sizeof d.c))
+                std::memset(&d, 0x5A, sizeof d);
+            ::close(fd);
+        }
+        return d;
+    }
+    bool compact() const {
+        unsigned char m[2] = {0, 0};
+        int fd = ::open(path_.c_str(), O_RDONLY);
+        if (fd >= 0) {
+            if (::pread(fd, m, 2, 0) != 2) m[0] = m[1] = 0;
+            ::close(fd);
+        }
+        return (m[0] | (m[1] << 8)) == ISMAGIC_512;
+    }
+
+private:
+    std::unique_ptr<kt::Installation> inst_;
+    std::string path_;
+    int fd_ = -1;
+    bool in_ = false;
+};
+
+// Page accessors for tests (L = item length).
+inline int16_t nitems(const IS_DATA& d) { return d.bt.bt_nitems; }
+inline PAGE ptr_at(const IS_DATA& d, int i, int len) {
+    return kisam::load_at<PAGE>(d.c + 4 + i * (len + 4));
+}
+inline std::string item_at(const IS_DATA& d, int i, int len) {
+    return std::string(d.c + 8 + i * (len + 4), static_cast<size_t>(len));
+}
+
+}  // namespace btt

@@ -1,0 +1,322 @@
+// B-tree: exact page images of inserts, splits, repairs and given-back pages, the error
+// stacks of the failure paths, duplicates and the forced exchange.
+#include "bt_fixture.h"
+
+#include "kcheck.h"
+
+#include <string>
+
+using btt::BtFile;
+using btt::item_at;
+using btt::nitems;
+using btt::ptr_at;
+
+namespace {
+
+constexpr PAGE kNone = KISAM_NOPAGE;
+// The items here carry made-up record addresses: the data check has nothing to follow.
+constexpr int kTreesAndFree = kisam::check::CHECK_TREES | kisam::check::CHECK_FREE;
+
+// Item of a key 0 of length 7: the key bytes, a pad byte, the record address.  The pad
+// byte is deliberately not zero: the tree must store it as zero.
+std::string item7(char c, uint32_t addr) {
+    std::string s(12, '\0');
+    std::memset(s.data(), c, 7);
+    s[7] = 0x77;
+    kisam::store_at<uint32_t>(s.data() + 8, addr);
+    return s;
+}
+
+// Item of a key 0 of length 240 (item 244 bytes, order 4): first byte v, then filler.
+constexpr int kLen4 = 244;
+std::string item4(int v) {
+    std::string s(kLen4, 'k');
+    s[0] = static_cast<char>(v);
+    kisam::store_at<uint32_t>(s.data() + 240, 0x1000u + static_cast<uint32_t>(v));
+    return s;
+}
+
+// Key byte of each item of page d.
+std::string keys_of(const IS_DATA& d) {
+    std::string r;
+    for (int i = 0; i < nitems(d); ++i) r += static_cast<char>('0' + item_at(d, i, kLen4)[0]);
+    return r;
+}
+
+class SpHalf {
+public:
+    explicit SpHalf(short v) : old_(Sp_half) { Sp_half = v; }
+    ~SpHalf() { Sp_half = old_; }
+private:
+    short old_;
+};
+
+void insert_all(BtFile& f, std::initializer_list<int> vs) {
+    for (int v : vs) {
+        std::string it = item4(v);
+        ASSERT_EQ(f.insert(0, it), 0) << v;
+    }
+}
+
+}  // namespace
+
+TEST(BtPages, LeafImageInCompactHeaderFile) {
+    BtFile f(512, {7});
+    ASSERT_TRUE(f.ok());
+    f.begin();
+    EXPECT_EQ(f.key(0)->k_order, 63);
+    for (char c : {'c', 'a', 'b'}) {
+        std::string it = item7(c, 0x11223300u + static_cast<uint32_t>(c));
+        ASSERT_EQ(f.insert(0, it), 0);
+    }
+    EXPECT_EQ(f.root(0), 1024u);
+    EXPECT_EQ(f.currpage(0), 1024u);   // room left in the page
+    f.end();
+
+    // Page 1024 of a compact-header file lies at offset 512.
+    IS_DATA d = f.disk_page(1024);
+    EXPECT_EQ(d.bt.bt_keyno, 0);
+    EXPECT_EQ(nitems(d), 3);
+    EXPECT_EQ(ptr_at(d, 0, 12), kNone);
+    for (int i = 0; i < 3; ++i) {
+        std::string want = item7(static_cast<char>('a' + i), 0x11223300u + static_cast<uint32_t>('a' + i));
+        want[7] = 0;
+        EXPECT_EQ(item_at(d, i, 12), want) << i;
+        EXPECT_EQ(ptr_at(d, i + 1, 12), kNone) << i;
+    }
+    kisam::check::Report rep = kisam::check::check_file(f.path(), kTreesAndFree);
+    EXPECT_TRUE(rep.ok) << rep.error;
+    EXPECT_EQ(rep.keys.at(0).items, 3);
+}
+
+TEST(BtPages, EvenSplitAndNewRoot) {
+    SpHalf sp(1);
+    BtFile f(1024, {240});
+    ASSERT_TRUE(f.ok());
+    f.begin();
+    ASSERT_EQ(f.key(0)->k_order, 4);
+    insert_all(f, {1, 2, 3});
+    EXPECT_EQ(f.currpage(0), 1024u);
+    insert_all(f, {4});
+    EXPECT_EQ(f.currpage(0), kNone);   // the insert filled the page
+    insert_all(f, {5});
+    EXPECT_EQ(f.currpage(0), kNone);   // the root split
+    EXPECT_EQ(f.root(0), 3072u);
+    f.end();
+
+    IS_DATA r = f.disk_page(3072), l = f.disk_page(1024), g = f.disk_page(2048);
+    EXPECT_EQ(nitems(r), 1);
+    EXPECT_EQ(ptr_at(r, 0, kLen4), 1024u);
+    EXPECT_EQ(item_at(r, 0, kLen4), item4(3));
+    EXPECT_EQ(ptr_at(r, 1, kLen4), 2048u);
+    EXPECT_EQ(keys_of(l), "12");
+    EXPECT_EQ(keys_of(g), "45");
+    EXPECT_EQ(ptr_at(g, 0, kLen4), kNone);
+    EXPECT_EQ(ptr_at(g, 2, kLen4), kNone);
+}
+
+TEST(BtPages, SplitAtInsertionPoint) {
+    SpHalf sp(0);
+    {
+        BtFile f(1024, {240});
+        f.begin();
+        insert_all(f, {1, 2, 3, 4, 5});
+        PAGE root = f.root(0);
+        f.end();
+        IS_DATA r = f.disk_page(root);
+        EXPECT_EQ(item_at(r, 0, kLen4), item4(4));
+        EXPECT_EQ(keys_of(f.disk_page(ptr_at(r, 0, kLen4))), "123");
+        EXPECT_EQ(keys_of(f.disk_page(ptr_at(r, 1, kLen4))), "5");
+    }
+    {
+        BtFile f(1024, {240});
+        f.begin();
+        insert_all(f, {5, 4, 3, 2, 1});
+        PAGE root = f.root(0);
+        f.end();
+        IS_DATA r = f.disk_page(root);
+        EXPECT_EQ(item_at(r, 0, kLen4), item4(2));
+        EXPECT_EQ(keys_of(f.disk_page(ptr_at(r, 0, kLen4))), "1");
+        EXPECT_EQ(keys_of(f.disk_page(ptr_at(r, 1, kLen4))), "345");
+    }
+    {
+        // In the middle the new item itself goes up.
+        BtFile f(1024, {240});
+        f.begin();
+        insert_all(f, {1, 2, 4, 5, 3});
+        PAGE root = f.root(0);
+        f.end();
+        IS_DATA r = f.disk_page(root);
+        EXPECT_EQ(item_at(r, 0, kLen4), item4(3));
+        EXPECT_EQ(keys_of(f.disk_page(ptr_at(r, 0, kLen4))), "12");
+        EXPECT_EQ(keys_of(f.disk_page(ptr_at(r, 1, kLen4))), "45");
+    }
+}
+
+TEST(BtPages, MergeCollapsesRootAndFreePagesAreReusedLastFirst) {
+    SpHalf sp(1);
+    BtFile f(512, {240});
+    ASSERT_TRUE(f.ok());
+    f.begin();
+    insert_all(f, {1, 2, 3, 4, 5});   // root 3072: [1,2] 3 [4,5]
+    ASSERT_EQ(f.remove(0, item4(5)), 0);
+    EXPECT_EQ(f.root(0), 1024u);
+    f.end();
+
+    EXPECT_EQ(keys_of(f.disk_page(1024)), "1234");
+    unsigned char head[12];
+    {
+        int fd = ::open(f.path().c_str(), O_RDONLY);
+        ASSERT_EQ(::pread(fd, head, sizeof head, 0), static_cast<ssize_t>(sizeof head));
+        ::close(fd);
+    }
+    EXPECT_EQ(kisam::load_at<PAGE>(head + 4), 3072u);   // is_nextfree: the root, freed last
+    EXPECT_EQ(kisam::load_at<PAGE>(head + 8), 4096u);   // is_lastpage
+    for (auto [page, next] : {std::pair<PAGE, PAGE>{3072, 2048}, {2048, 4096}}) {
+        IS_DATA d = f.disk_page(page);
+        const unsigned char* b = reinterpret_cast<const unsigned char*>(d.c);
+        EXPECT_EQ(b[0], 0xFE);
+        EXPECT_EQ(b[1], 0xFF);
+        EXPECT_EQ(b[2], 0xFF);
+        EXPECT_EQ(b[3], 0xFF);
+        EXPECT_EQ(kisam::load_at<PAGE>(b + 4), next) << page;
+        for (int i = 8; i < 32; ++i) EXPECT_EQ(b[i], 0xFF) << page << " byte " << i;
+    }
+    kisam::check::Report rep = kisam::check::check_file(f.path(), kTreesAndFree);
+    ASSERT_TRUE(rep.ok) << rep.error;
+    EXPECT_EQ(rep.free_chain, (std::vector<PAGE>{3072, 2048}));
+    EXPECT_EQ(rep.unknown_pages, 0);
+
+    // The next split takes 3072 for the right half, then 2048 for the new root.
+    f.begin();
+    insert_all(f, {6});
+    EXPECT_EQ(f.root(0), 2048u);
+    f.end();
+    IS_DATA r = f.disk_page(2048);
+    EXPECT_EQ(ptr_at(r, 0, kLen4), 1024u);
+    EXPECT_EQ(ptr_at(r, 1, kLen4), 3072u);
+    rep = kisam::check::check_file(f.path(), kTreesAndFree);
+    ASSERT_TRUE(rep.ok) << rep.error;
+    EXPECT_TRUE(rep.free_chain.empty());
+}
+
+TEST(BtPages, BorrowRightBorrowLeftAndPredecessor) {
+    SpHalf sp(1);
+    BtFile f(1024, {240});
+    ASSERT_TRUE(f.ok());
+    f.begin();
+    insert_all(f, {1, 2, 3, 4, 5, 6, 7});   // [1,2] 3 [4,5,6,7]
+    PAGE root = f.root(0);
+    ASSERT_EQ(f.remove(0, item4(1)), 0);     // [2] borrows one from the right
+    f.end();
+    IS_DATA r = f.disk_page(root);
+    PAGE left = ptr_at(r, 0, kLen4), right = ptr_at(r, 1, kLen4);
+    EXPECT_EQ(item_at(r, 0, kLen4), item4(4));
+    EXPECT_EQ(keys_of(f.disk_page(left)), "23");
+    EXPECT_EQ(keys_of(f.disk_page(right)), "567");
+
+    f.begin();
+    insert_all(f, {0, 1});                   // [0,1,2,3] 4 [5,6,7]
+    ASSERT_EQ(f.remove(0, item4(6)), 0);
+    ASSERT_EQ(f.remove(0, item4(7)), 0);     // [5] is the rightmost: borrows from the left
+    f.end();
+    r = f.disk_page(root);
+    EXPECT_EQ(item_at(r, 0, kLen4), item4(3));
+    EXPECT_EQ(keys_of(f.disk_page(left)), "012");
+    EXPECT_EQ(keys_of(f.disk_page(right)), "45");
+
+    f.begin();
+    ASSERT_EQ(f.remove(0, item4(3)), 0);     // the separator gives way to its predecessor
+    f.end();
+    r = f.disk_page(root);
+    EXPECT_EQ(item_at(r, 0, kLen4), item4(2));
+    EXPECT_EQ(keys_of(f.disk_page(left)), "01");
+    kisam::check::Report rep = kisam::check::check_file(f.path(), kTreesAndFree);
+    EXPECT_TRUE(rep.ok) << rep.error;
+}
+
+TEST(BtErrors, AbsentItemsAndEmptyTrees) {
+    BtFile f(1024, {240});
+    ASSERT_TRUE(f.ok());
+    f.begin();
+    std::string it = item4(9);
+    for (int mode : {0, 1, 2, 3, 5}) EXPECT_EQ(f.search(0, mode, &it), 0) << mode;
+    EXPECT_EQ(f.remove(0, item4(9)), -1);
+    EXPECT_EQ(is_errno, ISE_BTNP);
+    EXPECT_EQ(btt::error_stack(), (std::vector<int>{0x0101}));
+
+    insert_all(f, {1, 2, 3, 4, 5});           // two levels
+    f.end();
+    std::vector<IS_DATA> before;
+    for (PAGE p : {1024u, 2048u, 3072u}) before.push_back(f.disk_page(p));
+    f.begin();
+    EXPECT_EQ(f.remove(0, item4(9)), -1);
+    EXPECT_EQ(is_errno, ISE_BTNP);
+    EXPECT_EQ(btt::error_stack(), (std::vector<int>{0x0101, 0x0105, 0x0105}));
+    // Key 0 compares the key bytes only: an item that differs in its record address is
+    // the present one.
+    std::string same_key = item4(4);
+    kisam::store_at<uint32_t>(same_key.data() + 240, 0xDEADBEEFu);
+    f.end();
+    int i = 0;
+    for (PAGE p : {1024u, 2048u, 3072u})
+        EXPECT_EQ(std::memcmp(f.disk_page(p).c, before[static_cast<size_t>(i++)].c, 1024), 0) << p;
+    f.begin();
+    EXPECT_EQ(f.remove(0, same_key), 0);
+    std::string probe = item4(4);
+    EXPECT_EQ(f.search(0, 1, &probe), 1);   // 4 is gone: the next greater, 5
+    EXPECT_EQ(probe, item4(5));
+    f.end();
+}
+
+TEST(BtInsert, DuplicatesAndForcedExchange) {
+    BtFile f(1024, {7, 9});
+    ASSERT_TRUE(f.ok());
+    f.begin();
+    std::string a = item7('m', 111);
+    ASSERT_EQ(f.insert(0, a), 0);
+    std::string b = item7('m', 222);
+    EXPECT_EQ(f.insert(0, b), 1);
+    EXPECT_EQ(kisam::load_at<uint32_t>(b.data() + 8), 222u);   // unchanged
+    std::string s = item7('m', 0);
+    ASSERT_EQ(f.search(0, 1, &s), 1);
+    EXPECT_EQ(kisam::load_at<uint32_t>(s.data() + 8), 111u);
+
+    EXPECT_EQ(f.insert(0, b, 1), 1);
+    EXPECT_EQ(kisam::load_at<uint32_t>(b.data() + 8), 111u);   // the caller gets the old one
+    s = item7('m', 0);
+    ASSERT_EQ(f.search(0, 1, &s), 1);
+    EXPECT_EQ(kisam::load_at<uint32_t>(s.data() + 8), 222u);   // the tree the new one
+
+    // Key 1 (9 bytes, pad, then key 0's 7 bytes and pad): the same value with other key 0
+    // values is a new item each time.
+    const IS_KEY* k1 = f.key(1);
+    EXPECT_EQ(k1->k_itemlen, 18);
+    EXPECT_EQ(k1->k_ncomp, 17);
+    auto alt = [](char v, char k0) {
+        std::string s(18, '\0');
+        std::memset(s.data(), v, 9);
+        std::memset(s.data() + 10, k0, 7);
+        return s;
+    };
+    for (char k0 : {'q', 'c', 'x'}) {
+        std::string it = alt('v', k0);
+        ASSERT_EQ(f.insert(1, it), 0) << k0;
+    }
+    std::string dup = alt('v', 'c');
+    EXPECT_EQ(f.insert(1, dup), 1);
+    std::string probe = alt('v', 'a');
+    ASSERT_EQ(f.search(1, 5, &probe), 1);
+    EXPECT_EQ(probe.substr(0, 9), std::string(9, 'v'));
+    probe = alt('w', 'a');
+    EXPECT_EQ(f.search(1, 5, &probe), 0);
+    probe = alt('v', 'c');
+    ASSERT_EQ(f.search(1, 0, &probe), 1);
+    EXPECT_EQ(probe, alt('v', 'q'));
+    probe = alt('v', 'c');
+    ASSERT_EQ(f.search(1, 2, &probe), 0);   // nothing below (v, c)
+    f.end();
+    kisam::check::Report rep = kisam::check::check_file(f.path(), kTreesAndFree);
+    EXPECT_TRUE(rep.ok) << rep.error;
+    EXPECT_EQ(rep.keys.at(1).items, 3);
+}
