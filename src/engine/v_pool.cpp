@@ -441,6 +441,9 @@ int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb) noexcept {
                 is_unlock(&com->buf_lock);
                 return is_raise(ISE_BUFLINK, PROC(P_V_READ, 1));
             }
+            // Off its chain the slot must not keep a tag that names it (rule 1): once the
+            // owner's lock is given up, its next holder would take it for the page.
+            clear_tag(v);
             if (hb && bk.auth_gen[w] == bk.gen) bk.chain_len[w]--;
             if (bestlocked) is_unlock(&bestfcp->jd_fcplock);
             S = best;

@@ -1,0 +1,127 @@
+// Helpers of the buffer-pool tests: a private installation, ISAM files whose pages are
+// stamped with their own number on disk, the frame of an operation, and views of the
+// shared slots.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <kisam/kisam.h>
+
+#include "is_error.h"
+#include "is_file.h"
+#include "is_rec.h"
+#include "kisam_test.h"
+#include "layout.h"
+#include "v_pool.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace pt {
+
+constexpr int16_t kKeyno = 7;  // bt_keyno stamped into every test page
+
+// Page P as written to disk: bt_keyno kKeyno, P at byte 8, a pattern after it.
+inline void stamp(unsigned char* page, PAGE p) {
+    std::memset(page, 0, 1024);
+    kisam::store_at<int16_t>(page, kKeyno);
+    kisam::store_at<PAGE>(page + 8, p);
+    for (int i = 12; i < 1024; ++i) page[i] = static_cast<unsigned char>((p / 1024 + i) & 0xFF);
+}
+inline PAGE stamp_of(const IS_DATA* d) { return kisam::load_at<PAGE>(d->c + 8); }
+
+inline IS_BUF& slot(int i) { return is_env.buf_[i]; }
+inline int slot_of(const IS_DATA* d) { return v_slot_of(d); }
+inline int uid(int isfd) { return is_db[isfd]->uniqueid; }
+inline IS_FCP* fcp_of(int isfd) { return kisam::pfo_fcp(uid(isfd)); }
+
+// Pages held by file slot u, in chain order.
+inline std::vector<PAGE> chain_pages(int u) {
+    std::vector<PAGE> v;
+    IS_FCP* f = kisam::pfo_fcp(u);
+    for (int s = f ? f->jd_buf_hd : -1; s >= 0 && v.size() < 10000; s = slot(s).bu_next)
+        v.push_back(slot(s).bu_pno);
+    return v;
+}
+inline int free_slots() {
+    int n = 0;
+    for (int s = isam_com->buf_free; s >= 0 && n < 10000; s = slot(s).bu_next) ++n;
+    return n;
+}
+inline int fixed_slots() {
+    int n = 0;
+    for (int i = 0; i < isam_com->maxbufs; ++i) n += (slot(i).bu_id & BU_INUSE) != 0;
+    return n;
+}
+inline int stack_code(int i = 0) {
+    uint16_t v;
+    std::memcpy(&v, &is_estk[i], sizeof v);
+    return v;
+}
+
+class PoolEnv : public ::testing::Test {
+protected:
+    void start(const kt::Config& c) {
+        inst_ = std::make_unique<kt::Installation>(c);
+        ASSERT_EQ(is_init(), 0);
+    }
+    void TearDown() override {
+        nisunisam();
+        inst_.reset();
+    }
+    std::string path(const std::string& n) const { return inst_->path(n); }
+    // A one-key file whose pages 1024 .. npages * 1024 hold their stamps on disk.
+    // The file is reopened with `access` after its creation.
+    int make_file(const std::string& n, int npages, int fcpsize = 1024, int access = ISO_RDWR) {
+        niscr_ctl(0, fcpsize);
+        int lens[1] = {8};
+        int fd = niscreate(path(n).c_str(), 1, lens);
+        EXPECT_GE(fd, 0);
+        EXPECT_EQ(nisclose(fd), 0);
+        int os = ::open(path(n).c_str(), O_RDWR);
+        unsigned char page[1024];
+        for (int i = 1; i <= npages; ++i) {
+            PAGE p = static_cast<PAGE>(i) * 1024;
+            stamp(page, p);
+            EXPECT_EQ(::pwrite(os, page, 1024, fcpsize == 512 ? p - 512 : p), 1024);
+        }
+        ::close(os);
+        fd = nisopen(path(n).c_str(), access);
+        EXPECT_GE(fd, 0) << is_errno;
+        return fd;
+    }
+    // The frame of an operation on isfd: handle selected, control lock held.
+    void begin(int isfd) {
+        ASSERT_EQ(is_isin(PROC(P_ISREAD), isfd, 0), 0);
+        ASSERT_EQ(is_getctl(), 0);
+    }
+    int end() {
+        int rc = is_relctl();
+        is_isout();
+        return rc;
+    }
+    // v_read of page i * 1024, checked against its stamp.
+    IS_DATA* get(int i) {
+        IS_DATA* d = v_read(static_cast<PAGE>(i) * 1024);
+        EXPECT_NE(d, nullptr) << "page " << i;
+        if (d) {
+            EXPECT_EQ(stamp_of(d), static_cast<PAGE>(i) * 1024);
+        }
+        return d;
+    }
+    std::unique_ptr<kt::Installation> inst_;
+};
+
+inline kt::Config cfg(int maxbuf, int maxfbuf, uint32_t bits = 0) {
+    kt::Config c;
+    c.maxbuf = static_cast<int16_t>(maxbuf);
+    c.maxfbuf = static_cast<int16_t>(maxfbuf);
+    c.bits = bits;
+    return c;
+}
+
+}  // namespace pt
