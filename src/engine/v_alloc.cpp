@@ -38,13 +38,18 @@ IS_DATA* v_new(PAGE* pno) noexcept {
             return nullptr;
         }
     }
-    // The file's real end wins over a control page that lags behind it.
+    // The file's real end wins over a control page that lags behind it (pages added
+    // after the last write of the control page).  An empty chain stays empty: the
+    // pages past the old end were handed out and may hold data, they are no free chain.
     struct file_info fi;
     if (osfstat(pfi->pfi_osfd, &fi) == 0) {
         const uint64_t end = (static_cast<uint64_t>(fi.f_size) + KISAM_PAGESIZE - 1) &
                              ~static_cast<uint64_t>(KISAM_PAGESIZE - 1);
         const PAGE last = end > 0xFFFFFFFFull ? static_cast<PAGE>(0xFFFFFC00u) : static_cast<PAGE>(end);
-        if (fcp->is_lastpage != last) fcp->is_lastpage = last;
+        if (fcp->is_lastpage != last) {
+            if (fcp->is_nextfree == fcp->is_lastpage) fcp->is_nextfree = last;
+            fcp->is_lastpage = last;
+        }
     }
     PAGE next = fcp->is_nextfree;
     if (next % KISAM_PAGESIZE != 0 || next < KISAM_PAGESIZE || next > fcp->is_lastpage)
