@@ -368,6 +368,33 @@ inline void clear_tag(IS_BUF* b) {
     b->bu_pno = KISAM_NOPAGE;
 }
 
+// Takes over, without waiting, the control word of every open file whose holder died,
+// clears the fixes it left, and gives the word up again.  True when one was found.
+// Requires buf_lock (the words are only tried, so the lock order is kept).
+bool reap_dead_holders() noexcept {
+    bool found = false;
+    for (int u = 0; u < isam_com->maxopen; ++u) {
+        IS_FCP* f = pfo_fcp(u);
+        if (!f) continue;
+        const unsigned w = f->jd_fcplock;
+        if (w == 0 || w == static_cast<unsigned>(is_pid)) continue;
+        const unsigned long off = kisam::com_offset(&f->jd_fcplock);
+        if (is_lockitnw(off) != 0) continue;  // a live holder
+        // The word is cleared before its range is released, so a word still set once the
+        // range is ours names a holder that died.
+        if (f->jd_fcplock == 0) {
+            is_unlockit(off);
+            continue;
+        }
+        f->jd_fcplock = static_cast<unsigned>(is_pid);
+        is_incsyslocks();
+        v_stale_fcplock(f);
+        is_unlock(&f->jd_fcplock);
+        found = true;
+    }
+    return found;
+}
+
 // The lock-holding part of a miss: a free slot or a victim, attached to u's chain and
 // loaded with pno.  Returns the slot or -1 (error raised, nothing of ours left locked).
 int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb) noexcept {
@@ -419,6 +446,12 @@ int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb) noexcept {
                 bestcnt = b->bu_cnt;
             }
             if (best < 0) {
+                // Fixes left by a holder that died are never unfixed by a flush; clear
+                // them and look again before waiting for slots that no one will release.
+                if (reap_dead_holders()) {
+                    is_unlock(&com->buf_lock);
+                    continue;
+                }
                 std::atomic_ref<uint16_t>(com->vr_nsleep).fetch_add(1, std::memory_order_relaxed);
                 is_unlock(&com->buf_lock);
                 ZTSleep(1);
