@@ -406,8 +406,11 @@ KISAM_API void LoadEnv(void) {
 KISAM_API char *GetUsrEnv(const char *name) { return __GetUsrEnv(name); }
 KISAM_API char *GetSysEnv(const char *name) { return __GetSysEnv(name); }
 
+// The full lookups load both stores first: loading the system store also fills the
+// user store (directory defaults, directives), and the very first lookup must see it.
 KISAM_API char *ZTGetEnv(const char *name) {
     if (name == nullptr) return nullptr;
+    LoadEnv();
     char *v = __GetUsrEnv(name);
     if (v == nullptr) v = __GetSysEnv(name);
     if (v == nullptr && std::strcmp(name, "WQSYSTEM") == 0) {
@@ -419,6 +422,7 @@ KISAM_API char *ZTGetEnv(const char *name) {
 
 KISAM_API char *ZTGetEnvX(const char *name) {
     if (name == nullptr) return nullptr;
+    LoadEnv();
     char *v = __GetUsrEnv(name);
     if (v == nullptr) v = __GetSysEnv(name);
     if (v == nullptr) v = __GetUsrEnvX(name);
@@ -510,7 +514,11 @@ KISAM_API void ZTUpdatePath(void) {
     kisam::zt_fmt(want, sizeof want, "%s/bin", zt_homep);
     ZTFileNameFix(want);
     const char *old = std::getenv("PATH");
-    char *buf = static_cast<char *>(std::malloc(kPathMax + ZT_PATHMAX + 16));
+    std::size_t olen = old != nullptr ? std::strlen(old) : 0;
+    std::size_t wlen = std::strlen(want);
+    // Large enough for the whole old value: it is never cut, only left without the
+    // addition when the result would grow too long.
+    char *buf = static_cast<char *>(std::malloc((olen > kPathMax ? olen : kPathMax) + wlen + 4));
     if (buf == nullptr) return;
     if (old != nullptr) {
         ZTStrNCopy(buf, old, kPathMax);
@@ -524,18 +532,17 @@ KISAM_API void ZTUpdatePath(void) {
                 return;
             }
         }
-        std::size_t olen = std::strlen(old);
-        if (olen >= kPathMax) olen = kPathMax - 1;
-        std::memcpy(buf, old, olen);
-        buf[olen] = '\0';
-        if (olen == 0 || old[olen - 1] != ':') std::strcat(buf, ":");
-        std::size_t add = std::strlen(want) + 1;
-        if (std::strlen(buf) + add <= kPathMax - 1) {
-            std::strcat(buf, want);
-            std::strcat(buf, ":");
+        std::memcpy(buf, old, olen + 1);
+        std::size_t len = olen;
+        if (len == 0 || buf[len - 1] != ':') buf[len++] = ':';
+        if (len + wlen + 1 <= kPathMax - 1) {
+            std::memcpy(buf + len, want, wlen);
+            len += wlen;
+            buf[len++] = ':';
         }
+        buf[len] = '\0';
     } else {
-        kisam::zt_fmt(buf, ZT_PATHMAX + 8, "%s:", want);
+        std::snprintf(buf, wlen + 2, "%s:", want);
     }
     ZTPutRealEnv("PATH", buf);
     std::free(buf);
