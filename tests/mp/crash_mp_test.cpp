@@ -1,0 +1,149 @@
+// A process that dies holding a lock never blocks the others: the start-up lock,
+// opcl_lock, free_lock, buf_lock, a control lock and a record lock are each taken by a
+// child that is then killed, and the survivors get through promptly.
+#include "../engine/open_fixture.h"
+
+#include "is_common.h"
+#include "is_lock.h"
+
+#include <signal.h>
+
+namespace {
+
+using ot::Env;
+
+// A hang is a failure: the alarm ends the test process instead of the suite timeout.
+class Crash : public Env {
+protected:
+    void SetUp() override {
+        Env::SetUp();
+        ::alarm(60);
+    }
+    void TearDown() override {
+        ::alarm(0);
+        Env::TearDown();
+    }
+    // Runs fn in a child that then sleeps until it is killed; returns once fn is done.
+    pid_t hold(const std::function<int()>& fn) {
+        kt::Pipe ready;
+        pid_t pid = kt::start_child([&] {
+            if (int r = fn(); r != 0) return r;
+            ready.signal();
+            for (;;) ::pause();
+        });
+        EXPECT_EQ(ready.wait(), 'x');
+        return pid;
+    }
+    void kill(pid_t pid) {
+        ::kill(pid, SIGKILL);
+        EXPECT_EQ(kt::wait_child(pid), 128 + SIGKILL);
+    }
+};
+
+const char kRec[] = "abcd-record";
+
+TEST_F(Crash, StartupLock) {
+    std::string lk = inst_->config_path() + ".lk";
+    pid_t pid = hold([&] {
+        int fd = ::open(lk.c_str(), O_RDWR);
+        return fd >= 0 && ISLockFile(fd, 0, 2) == 0 ? 0 : 1;
+    });
+    kill(pid);
+    EXPECT_EQ(is_init(), 0);
+}
+
+TEST_F(Crash, CommonLockWords) {
+    int fd = create("f", {4});
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(nisclose(fd), 0);
+    struct Word {
+        const char* name;
+        uint32_t* word;
+    } words[] = {{"opcl_lock", &isam_com->opcl_lock},
+                 {"free_lock", &isam_com->free_lock},
+                 {"buf_lock", &isam_com->buf_lock}};
+    int round = 0;
+    for (const Word& w : words) {
+        SCOPED_TRACE(w.name);
+        pid_t pid = hold([&] {
+            if (is_chinit() != 0) return 1;
+            return is_lock(w.word) == 0 ? 0 : 2;
+        });
+        EXPECT_EQ(*w.word, static_cast<uint32_t>(pid));
+        kill(pid);
+        // Open and close (opcl_lock), a record lock (the heap's free_lock) and a write
+        // that needs a fresh buffer (buf_lock) all get through.
+        fd = nisopen(path("f").c_str(), ISO_RDWR);
+        ASSERT_GE(fd, 0) << is_errno;
+        EXPECT_EQ(nislock(fd, "k", 1, 1), 0);
+        char rec[sizeof kRec];
+        std::memcpy(rec, kRec, sizeof rec);
+        rec[0] = static_cast<char>('a' + round++);
+        EXPECT_EQ(niswrite(fd, rec, sizeof rec), 0) << is_errno;
+        EXPECT_EQ(nisclose(fd), 0);
+        EXPECT_NE(*w.word, static_cast<uint32_t>(pid));
+    }
+}
+
+TEST_F(Crash, ControlLock) {
+    int fd = create("f", {4});
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(niswrite(fd, kRec, sizeof kRec), 0);
+    pid_t pid = hold([&] {
+        if (is_chinit() != 0) return 1;
+        char rec[sizeof kRec];
+        // Die in the middle of a hold, with a page read under it.
+        if (nisgetctl(fd) != 0 || nisread(fd, 0, rec, sizeof rec) <= 0) return 2;
+        return 0;
+    });
+    kill(pid);
+    char rec[sizeof kRec] = {};
+    std::memcpy(rec, "abcd", 4);
+    EXPECT_GT(nisfind(fd, 0, "abcd", rec, sizeof rec), 0) << is_errno;
+    EXPECT_EQ(ot::shared_fcp(fd)->jd_fcplock, 0u);
+    char other[sizeof kRec];
+    std::memcpy(other, kRec, sizeof other);
+    other[0] = 'z';
+    EXPECT_EQ(niswrite(fd, other, sizeof other), 0);
+    EXPECT_EQ(nisgetctl(fd), 0);
+    EXPECT_EQ(nisrelctl(fd), 0);
+    EXPECT_EQ(nisclose(fd), 0);
+}
+
+TEST_F(Crash, RecordLockHolderDiesWhileOthersWait) {
+    int fd = create("f", {4});
+    ASSERT_GE(fd, 0);
+    pid_t holder = hold([&] {
+        if (is_chinit() != 0) return 1;
+        return nislock(fd, "key1", 4, 1);
+    });
+    // A waiter sleeps on the holder's lock ...
+    kt::Pipe started;
+    pid_t waiter = kt::start_child([&] {
+        if (is_chinit() != 0) return 1;
+        started.signal();
+        if (nislock(fd, "key", 3, 0) != 0) return 2;
+        nisunisam();
+        return 0;
+    });
+    ASSERT_EQ(started.wait(), 'x');
+    for (;;) {
+        bool sleeping = false;
+        for (int i = 0; i < isam_com->maxusers; ++i)
+            sleeping |= is_env.pid_[i] == waiter && is_env.needs_[i] != 0;
+        if (sleeping) break;
+        ::usleep(1000);
+    }
+    // ... and this process is refused without waiting; the holder then dies.
+    EXPECT_EQ(nislock(fd, "key1", 4, 1), -1);
+    kill(holder);
+    EXPECT_EQ(kt::wait_child(waiter), 0);
+    // The dead holder's entry is gone once someone meets it.
+    EXPECT_EQ(nislock(fd, "k", 1, 1), 0);
+    int n = 0;
+    for (RELt r = ot::shared_fcp(fd)->jd_lock_hd; r != KISAM_NOREL; r = kisam::rel_ptr<IS_RC>(r)->rc_next) ++n;
+    EXPECT_EQ(n, 1);
+    EXPECT_EQ(nisclose(fd), 0);
+}
+
+}  // namespace
