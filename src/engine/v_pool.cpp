@@ -15,8 +15,9 @@
 //  1. Tags are truthful.  A slot's (bu_id & BU_FILEMASK, bu_pno) names what it holds: a
 //     slot on file u's chain carries file bits u; a slot tagged (u, p) with u < maxopen
 //     is on u's chain and holds page p as of its last load or write.  A slot that is
-//     given back to the free list, or whose load failed, is tagged (BU_FILEMASK,
-//     KISAM_NOPAGE) (a failed load in place keeps file bits u and only loses its page).
+//     given back to the free list, or taken off a chain to move, is tagged (BU_FILEMASK,
+//     KISAM_NOPAGE); a slot whose load failed goes back to the free list, or, when it was
+//     reused in place, stays on u's chain holding page KISAM_NOPAGE.
 //     Slots never used since the segment was laid out carry zeros; they are on the free
 //     list and nothing below ever names them.
 //  2. The page index maps (u, page) to a slot.  It is a hint: every use re-reads the
@@ -38,8 +39,11 @@
 //     over) and a holder that gave the control lock up while waiting for a record lock
 //     (that wait counts usrwaits; a flush that sees usrwaits moved since its last full
 //     walk of the file walks the chain once, as a full flush does).
-//  5. The steal scan over all slots is the miss path when the free list is empty; it
-//     updates the victim file's chain length.
+//     The first flush of a file in a process walks its chain once as well.
+//  5. The steal scan over all slots is the miss path when the free list is empty.  It
+//     clears the victim's tag before giving up the victim owner's control lock (rule 1),
+//     updates that file's chain length, and, before waiting for a slot, takes over the
+//     control words of holders that died so that their fixes do not block it forever.
 //  6. The bookkeeping belongs to one attachment: it is rebuilt when the segment changes
 //     (v_reset_process after attach and fork), and v_forget_file(u) when u's file goes.
 //
