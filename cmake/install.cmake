@@ -24,8 +24,15 @@ write_basic_package_version_file(
 install(FILES ${PROJECT_BINARY_DIR}/kisamConfig.cmake ${PROJECT_BINARY_DIR}/kisamConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/kisam COMPONENT development)
 
-# pkg-config: paths relative to the prefix the file is installed under, so that a
-# relocated tree still works.
+# pkg-config: the prefix is found from where the file lies (${pcfiledir}), so that an
+# installation made with `cmake --install --prefix DIR`, or moved later, still works.
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+  set(KISAM_PC_PREFIX "${CMAKE_INSTALL_PREFIX}")
+else()
+  file(RELATIVE_PATH KISAM_PC_UP "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
+  string(REGEX REPLACE "/$" "" KISAM_PC_UP "${KISAM_PC_UP}")
+  set(KISAM_PC_PREFIX "\${pcfiledir}/${KISAM_PC_UP}")
+endif()
 if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
   set(KISAM_PC_LIBDIR "${CMAKE_INSTALL_LIBDIR}")
 else()

@@ -266,7 +266,8 @@ int cmd_info(std::vector<std::string> words) {
     while (used < 16 && cp.cdp[used] != 0) ++used;
     std::printf("data pages with room %d", used);
     for (int i = 0; i < used; ++i)
-        std::printf("%s%u (%u bytes free)", i ? ", " : ": ", cp.cdp[i] & ~1023u, cp.cdp[i] & 1023u);
+        std::printf("%s%u (%u free)", i == 0 ? "\n                     " : i % 4 == 0 ? ",\n                     " : ", ",
+                    cp.cdp[i] & ~1023u, cp.cdp[i] & 1023u);
     std::printf("\n");
 
     // Pages by kind, from the first word of each page.

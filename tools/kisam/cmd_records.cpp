@@ -98,12 +98,24 @@ int cmd_get(std::vector<std::string> words) {
     if (!f.open(a.pos()[0], read_access(a))) return EXIT_FAIL;
     int keyno;
     if (!key_number(a, f, keyno)) return EXIT_USAGE;
-    std::string key;
-    if (!key_value("get", a.pos()[1], f.keylens[size_t(keyno)], '\0', key)) return EXIT_USAGE;
+    // The first record whose key begins with the value: a value as long as the key is
+    // an exact match, a shorter one a prefix.  Seeking and reading forwards returns the
+    // smallest key 0 among equal values, so the answer does not depend on the tree's shape.
+    auto v = unescape(a.pos()[1]);
+    const int klen = f.keylens[size_t(keyno)], koff = f.key_offset(keyno);
+    if (!v) return usage_error("get", "malformed escape in \"" + a.pos()[1] + "\"");
+    if (int(v->size()) > klen)
+        return usage_error("get", "the value \"" + a.pos()[1] + "\" is " + std::to_string(v->size()) +
+                                      " bytes, the key only " + std::to_string(klen));
+    std::string key = *v;
+    key.append(size_t(klen) - v->size(), '\0');
     std::vector<char> rec(kRecBuf);
-    int n = nisfind(f.fd, keyno, key.data(), rec.data(), kRecBuf);
+    nisseek(f.fd, keyno, key.data());
+    int n = nisread(f.fd, keyno, rec.data(), kRecBuf);
     if (n < 0) return lib_error("get", a.pos()[0]);
-    if (n == 0) return fail("get", "no record with key " + std::to_string(keyno) + " = \"" + escape(key) + "\"");
+    if (n == 0 || n < koff + klen || std::memcmp(rec.data() + koff, v->data(), v->size()) != 0)
+        return fail("get", "no record with key " + std::to_string(keyno) + (int(v->size()) < klen ? " beginning with \"" : " = \"") +
+                               escape(*v) + "\"");
     print_record(rec.data(), n);
     return EXIT_OK;
 }

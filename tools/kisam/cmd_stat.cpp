@@ -12,6 +12,7 @@
 #include <ctime>
 #include <sys/ipc.h>
 #include <sys/shm.h>
+#include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
@@ -25,7 +26,7 @@ std::string pct(uint64_t part, uint64_t whole) {
     return b;
 }
 
-void print_once(int shmid) {
+void print_once(int shmid, const std::vector<std::pair<std::string, struct stat>>& named) {
     const auto* com = static_cast<const struct isam_com*>(ZTKISAMGetComAddr());
     const char* base = reinterpret_cast<const char*>(com);
     struct shmid_ds ds;
@@ -86,8 +87,11 @@ void print_once(int shmid) {
         for (int b = fcp->jd_buf_hd, guard = 0; b >= 0 && b < com->maxbufs && guard < com->maxbufs; b = bufs[b].bu_next, ++guard)
             ++nb;
         dev_t dev = dev_t(fcp->jd_dev);
-        std::printf("  slot %-3d device %u:%u inode %llu: %d keys, used by %d processes, %d buffers, control lock %s%s%s\n",
-                    i, major(dev), minor(dev), static_cast<unsigned long long>(fcp->jd_ino), fcp->is_nkeys,
+        std::string name;
+        for (const auto& [path, st] : named)
+            if (uint64_t(st.st_ino) == fcp->jd_ino && uint64_t(st.st_dev) == fcp->jd_dev) name = path + ", ";
+        std::printf("  slot %-3d %sdevice %u:%u inode %llu: %d keys, used by %d processes, %d buffers, control lock %s%s%s\n",
+                    i, name.c_str(), major(dev), minor(dev), static_cast<unsigned long long>(fcp->jd_ino), fcp->is_nkeys,
                     fcp->is_usecnt, nb, holder(fcp->jd_fcplock).c_str(),
                     (fcp->is_optbits & ISO_DIRTYMARK) ? ", data-changed mark set" : "",
                     (fcp->is_optbits & ISO_SEQ) ? ", sequential" : "");
@@ -126,7 +130,13 @@ int cmd_stat(std::vector<std::string> words) {
     a.option("every");
     a.option("count");
     if (!a.parse()) return EXIT_USAGE;
-    if (!a.pos().empty()) return usage_error("stat", "takes no arguments");
+    // Files named on the command line are recognised in the table by device and inode.
+    std::vector<std::pair<std::string, struct stat>> named;
+    for (const auto& p : a.pos()) {
+        struct stat st;
+        if (::stat(p.c_str(), &st) != 0) return fail("stat", p + ": " + std::strerror(errno));
+        named.emplace_back(p, st);
+    }
     long every = 0, count = a.has("every") ? -1 : 1;
     if (!a.get_int("every", 1, 86400, every) || !a.get_int("count", 1, INT32_MAX, count)) return EXIT_USAGE;
 
@@ -157,7 +167,7 @@ int cmd_stat(std::vector<std::string> words) {
             for (unsigned left = unsigned(every); left > 0 && !g_interrupted;) left = ::sleep(left);
         }
         if (g_interrupted) break;
-        print_once(id);
+        print_once(id, named);
     }
     return EXIT_OK;
 }

@@ -23,7 +23,7 @@ const char* const kOverview =
     "  info FILE                    the file's control page, indexes and pages in words\n"
     "  check FILE [--clear-mark]    check the structure of every index, the data pages\n"
     "                               and the free chain\n"
-    "  get FILE VALUE [--key N]     read the record with this key value\n"
+    "  get FILE VALUE [--key N]     read the first record whose key begins with VALUE\n"
     "  scan FILE [--key N] [--from V] [--to V] [--backward] [--limit N]\n"
     "                               read records in key order\n"
     "  put FILE [RECORD|-] [--replace|--update]\n"
@@ -31,7 +31,8 @@ const char* const kOverview =
     "  del FILE KEY0 [KEY0...]      delete records by their key 0 value\n"
     "  dump FILE [OUTPUT]           all records, in key 0 order, as portable text\n"
     "  load FILE [INPUT]            add the records of a dump (creates FILE if needed)\n"
-    "  stat [--every SECONDS]       figures of the shared area for monitoring\n"
+    "  stat [FILE...] [--every SECONDS]\n"
+    "                               figures of the shared area for monitoring\n"
     "  help [COMMAND]               this text, or the details of one command\n"
     "  --version                    the version of kisam\n"
     "\n"
@@ -41,8 +42,8 @@ const char* const kOverview =
     "\n"
     "Records and key values are given and shown as text: printable characters stand\n"
     "for themselves, a backslash is written \\\\ and any other byte \\xHH (\\n, \\t, \\r\n"
-    "and \\0 are accepted too).  A key value shorter than its key is filled with zero\n"
-    "bytes.\n"
+    "and \\0 are accepted too).  Key values are matched byte for byte; a shorter value\n"
+    "is a prefix.\n"
     "\n"
     "Exit status: 0 success; 1 the operation failed, damage was found, or no record\n"
     "matched; 2 the command line is wrong.\n";
@@ -101,10 +102,11 @@ const std::map<std::string, const char*>& details() {
         {"get",
          "Usage: kisam get FILE VALUE [--key N] [--ignore-mark]\n"
          "\n"
-         "Prints the record whose key N (default 0) equals VALUE; with several records of\n"
-         "that value (keys other than 0), the one the index finds first.  Exit status 1\n"
-         "when there is none.  For the first record at or after a value use 'scan --from\n"
-         "VALUE --limit 1'.\n"},
+         "Prints the first record, in the order of key N (default 0), whose key begins\n"
+         "with VALUE: a value as long as the key must match it exactly, a shorter one is a\n"
+         "prefix.  Among records with equal values of an alternate key, the one with the\n"
+         "smallest key 0 comes first.  Exit status 1 when there is none.  All records of\n"
+         "a value: 'scan --key N --from VALUE --to VALUE'.\n"},
         {"scan",
          "Usage: kisam scan FILE [--key N] [--from V] [--to V] [--backward] [--limit N]\n"
          "                  [--count] [--ignore-mark]\n"
@@ -142,14 +144,14 @@ const std::map<std::string, const char*>& details() {
          "with the dump's keys when it does not exist.  Records whose key 0 value is\n"
          "already present are reported and skipped; the exit status is then 1.\n"},
         {"stat",
-         "Usage: kisam stat [--every SECONDS] [--count N]\n"
+         "Usage: kisam stat [FILE...] [--every SECONDS] [--count N]\n"
          "\n"
          "Prints the figures of the installation's shared area: buffers (hits, misses by\n"
          "kind, disk reads and writes, waits for a free buffer), locks (held now, highest,\n"
          "waits), the files open with their use counts, and the processes attached,\n"
          "flagging those that no longer exist.  With --every it repeats until interrupted\n"
-         "(or N times with --count).  When no program is attached it says so and creates\n"
-         "nothing.\n"},
+         "(or N times with --count).  Files named are shown by name in the table of open\n"
+         "files.  When no program is attached it says so and creates nothing.\n"},
         {"help", "Usage: kisam help [COMMAND]\n"},
     };
     return m;
