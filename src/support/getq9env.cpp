@@ -74,9 +74,10 @@ void LoadUsrEnv() {
         kisam::zt_fmt(path, sizeof path, "%s%s.Q9.profile", home, ends_with_sep(home) ? "" : "/");
     else
         ZTStrNCopy(path, ".Q9.profile", sizeof path);
+    ParmState saved = parm_detach();
     if (ParmOpen(path) == 0)
         while (ParmRead() == 1) addvl(&UsrEnvHdp, ParmID(), ParmValue());
-    ParmOpen(nullptr);
+    parm_attach(saved);
 }
 
 // Reads one settings file into the system store, handling its directives.
@@ -87,8 +88,9 @@ int doload(const char *dir, const char *file) {
         ZTStrNCopy(path, file, sizeof path);
     else
         kisam::zt_fmt(path, sizeof path, "%s%s%s", dir, ends_with_sep(dir) ? "" : "/", file);
+    ParmState saved = parm_detach();
     if (ParmOpen(path) != 0) {
-        ParmOpen(nullptr);
+        parm_attach(saved);
         return 0;
     }
     while (ParmRead() == 1) {
@@ -124,7 +126,7 @@ int doload(const char *dir, const char *file) {
                 addvl(&SysEnvHdp, id, ParmValue());
         }
     }
-    ParmOpen(nullptr);
+    parm_attach(saved);
     return 1;
 }
 

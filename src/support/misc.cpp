@@ -179,19 +179,21 @@ KISAM_API void ZTAllocDbgEnd(void) {}
 // ---- blanks, fills, case ----
 
 KISAM_API void StripBl(char *s) {
+    if (s == nullptr) return;
     std::size_t n = std::strlen(s);
     while (n > 0 && s[n - 1] == ' ') --n;
     s[n] = '\0';
 }
 
 KISAM_API void LStripBl(char *s) {
+    if (s == nullptr) return;
     std::size_t i = 0;
     while (s[i] == ' ') ++i;
     if (i > 0) std::memmove(s, s + i, std::strlen(s + i) + 1);
 }
 
 KISAM_API void RightFill(char *s, int ch, int n) {
-    if (n < 1) return;
+    if (s == nullptr || n < 1) return;
     int len = static_cast<int>(std::strlen(s));
     if (len >= n) return;
     std::memset(s + len, ch, static_cast<std::size_t>(n - len));
@@ -201,7 +203,7 @@ KISAM_API void RightFill(char *s, int ch, int n) {
 KISAM_API void BlFill(char *s, int n) { RightFill(s, ' ', n); }
 
 KISAM_API void chlfillmem(char *s, int maxlen, int ch) {
-    if (maxlen < 0) return;
+    if (s == nullptr || maxlen < 0) return;
     int len = static_cast<int>(std::strlen(s));
     if (len < maxlen) {
         std::memmove(s + (maxlen - len), s, static_cast<std::size_t>(len));
@@ -211,11 +213,13 @@ KISAM_API void chlfillmem(char *s, int maxlen, int ch) {
 }
 
 KISAM_API void uctolc(char *dst, const char *src) {
+    if (dst == nullptr || src == nullptr) return;
     for (; *src; ++src, ++dst) *dst = (*src >= 'A' && *src <= 'Z') ? static_cast<char>(*src + 32) : *src;
     *dst = '\0';
 }
 
 KISAM_API void lctouc(char *dst, const char *src) {
+    if (dst == nullptr || src == nullptr) return;
     for (; *src; ++src, ++dst) *dst = (*src >= 'a' && *src <= 'z') ? static_cast<char>(*src - 32) : *src;
     *dst = '\0';
 }
@@ -264,11 +268,13 @@ KISAM_API int ZTIndex(const char *s, int ch) {
 // ---- comparisons ----
 
 KISAM_API int equsub(const char *a, const char *b) {
+    if (a == nullptr || b == nullptr) return 0;
     std::size_t la = std::strlen(a);
     return std::strlen(b) >= la && std::memcmp(a, b, la) == 0;
 }
 
 KISAM_API int ICEqusub(const char *a, const char *b) {
+    if (a == nullptr || b == nullptr) return 0;
     for (; *a; ++a, ++b) {
         if (*b == '\0') return 0;
         if (std::toupper(static_cast<unsigned char>(*a)) != std::toupper(static_cast<unsigned char>(*b))) return 0;
@@ -277,12 +283,14 @@ KISAM_API int ICEqusub(const char *a, const char *b) {
 }
 
 KISAM_API int issubstr(const char *a, const char *b) {
+    if (a == nullptr || b == nullptr) return 0;
     for (; *a; ++a, ++b)
         if (*a != *b) return 0;
     return 1;
 }
 
 KISAM_API int icissubstr(const char *a, const char *b) {
+    if (a == nullptr || b == nullptr) return 0;
     auto low = [](char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c; };
     for (; *a; ++a, ++b)
         if (*b == '\0' || low(*a) != low(*b)) return 0;
@@ -381,6 +389,7 @@ KISAM_API void chfillmem(void *p, int n, int ch) {
 }
 
 KISAM_API void mvf_sstr(const char *from, char *to, int first, int last) {
+    if (from == nullptr || to == nullptr) return;
     int len = static_cast<int>(std::strlen(from));
     if (first < 0) {
         std::memmove(to, from, static_cast<std::size_t>(len) + 1);
@@ -398,6 +407,7 @@ KISAM_API void mvf_sstr(const char *from, char *to, int first, int last) {
 
 // The result is built in a temporary sized to fit, so texts of any length work.
 KISAM_API void mvt_sstr(const char *from, char *to, int first, int last) {
+    if (from == nullptr || to == nullptr) return;
     std::size_t flen = std::strlen(from);
     if (first < 0) {
         std::memmove(to, from, flen + 1);
@@ -469,12 +479,14 @@ KISAM_API uint32_t ZTFileGetMTime(const char *dir, const char *name) { return fi
 
 KISAM_API uint32_t ZTStringHash(const char *s) {
     uint32_t h = 0;
+    if (s == nullptr) return 0;
     for (; *s; ++s) h = h * 31u + static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(*s)));
     return h;
 }
 
 KISAM_API uint32_t ZTICStringHash(const char *s) {
     uint32_t h = 0;
+    if (s == nullptr) return 0;
     for (; *s; ++s) {
         int c = static_cast<signed char>(*s);
         if (c >= 0) c = std::toupper(c);
@@ -485,13 +497,14 @@ KISAM_API uint32_t ZTICStringHash(const char *s) {
 
 KISAM_API uint32_t ZTBufHash(const void *p, int n) {
     uint32_t h = 0;
+    if (p == nullptr) return 0;
     auto b = static_cast<const unsigned char *>(p);
     for (int i = 0; i < n; ++i) h = h * 31u + b[i];
     return h;
 }
 
 KISAM_API uint16_t Fletcher16CSum(const void *p, int n) {
-    if (n < 1) return 0xFFFF;
+    if (p == nullptr || n < 1) return 0xFFFF;
     auto b = static_cast<const unsigned char *>(p);
     unsigned sum1 = 0, sum2 = 0;
     for (int i = 0; i < n; ++i) {
@@ -506,6 +519,7 @@ KISAM_API uint16_t Fletcher16CSum(const void *p, int n) {
 KISAM_API void printhexbytearray(const char *header, const void *p, int n) {
     if (header != nullptr) std::printf("%s\n", header);
     auto b = static_cast<const unsigned char *>(p);
+    if (b == nullptr) n = 0;
     for (int i = 0; i < n; ++i) {
         if (i > 0 && i % 20 == 0) std::fputc('\n', stdout);
         std::printf("%02x ", b[i]);

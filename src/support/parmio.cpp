@@ -161,6 +161,25 @@ inline void ensure_cracked() {
 
 }  // namespace
 
+ParmState parm_detach() {
+    ParmState s{parmfp, parmdatap, parmid, parmvalue, parmnargs, parmargp};
+    parmfp = nullptr;
+    parmdatap = nullptr;
+    parmid = parmvalue = parmargp = nullptr;
+    parmnargs = -1;
+    return s;
+}
+
+void parm_attach(const ParmState &saved) {
+    ParmOpen(nullptr);   // whatever the load left open goes first
+    parmfp = saved.fp;
+    parmdatap = saved.data;
+    parmid = saved.id;
+    parmvalue = saved.value;
+    parmnargs = saved.nargs;
+    parmargp = saved.argp;
+}
+
 extern "C" {
 
 KISAM_API int ParmOpen(const char *path) {

@@ -20,6 +20,20 @@ char *__GetSysEnv(const char *name);
 char *__GetUsrEnvX(const char *name);
 bool  is_a_dir(const char *path);
 
+// The parameter reader is one per process.  The settings store reads its files with
+// it, possibly while a caller has a file of its own open: the caller's reader is
+// set aside for the load and put back afterwards (parmio.cpp).
+struct ParmState {
+    FILE *fp;
+    ParmData *data;
+    char *id;
+    char *value;
+    int nargs;
+    char *argp;
+};
+ParmState parm_detach();
+void parm_attach(const ParmState &saved);
+
 namespace kisam {
 
 // Bounded formatting into a fixed buffer: always terminated, cut when too long.

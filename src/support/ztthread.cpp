@@ -79,6 +79,7 @@ KISAM_API ZTMutex *mtx_tailp = nullptr;
 
 KISAM_API int ZTMutexInit(ZTMutex *mp, const char *) {
     if (mp == nullptr) return -1;
+    if (mp->m_bits & ZTMTX_INIT) return 0;   // entering it twice would loop the list
     pthread_once(&mtx_once, mtx_list_init);
     int rc = pthread_mutex_lock(&mtx_mutex);
     if (rc != 0) VError("ZTMutexInit() - pthread_mutex_lock() failed, rc: %d", rc);

@@ -226,6 +226,23 @@ TEST_F(EnvStore, ExpandPutRealEnvAndPath) {
     }), 0);
 }
 
+TEST_F(EnvStore, LoadingLeavesCallersParameterFileAlone) {
+    st::write_file(profile(), "p1 v1\n");
+    st::write_file(box.q9() + "/Q9.info", "i1 v2\n");
+    const std::string mine = box.path("mine");
+    st::write_file(mine, "first 1\nsecond 2\n");
+    EXPECT_EQ(st::in_child([&] {
+        CHILD_CHECK(ParmOpen(mine.c_str()) == 0);
+        CHILD_CHECK(ParmRead() == 1);
+        CHILD_CHECK(eq(ZTGetEnvX("i1"), "v2"));      // the first lookup loads both files
+        CHILD_CHECK(eq(ParmID(), "first"));
+        CHILD_CHECK(ParmRead() == 1 && eq(ParmID(), "second") && ParmArgvN(0) == 2);
+        CHILD_CHECK(ParmRead() == 0);
+        ParmOpen(nullptr);
+        return 0;
+    }), 0);
+}
+
 TEST(EnvHelpers, FileNameFixAndTextTests) {
     char p1[] = "a//b///c";
     ZTFileNameFix(p1);

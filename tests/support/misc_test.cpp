@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+
 #include <bitset>
 #include <cstring>
 #include <random>
@@ -209,6 +211,33 @@ TEST(Text, EditMaskStripping) {
     std::string longmask(2000, '-');
     ZT_stripfill("x", longmask.c_str(), out);      // fill list is cut, never overflows
     EXPECT_STREQ(out, "x");
+}
+
+TEST(Alloc, ZeroFilledGrowthReportAndAbortOnExhaustion) {
+    uint32_t grown = 0xDEADBEEF;
+    zt_uimaxumemp = &grown;
+    std::vector<void *> blocks;
+    for (int i = 0; i < 100; ++i) {
+        auto p = static_cast<unsigned char *>(ZTAlloc(33));
+        ASSERT_NE(p, nullptr);
+        for (int j = 0; j < 34; ++j) ASSERT_EQ(p[j], 0) << "odd sizes are rounded up, zero-filled";
+        blocks.push_back(p);
+    }
+    EXPECT_NE(grown, 0xDEADBEEFu);   // reported at the 100th allocation
+    zt_uimaxumemp = nullptr;
+    for (void *p : blocks) ZTFree(p);
+    ZTFree(nullptr);
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "the address sanitizer's allocator reports huge requests itself";
+#else
+    EXPECT_DEATH(
+        {
+            struct rlimit lim = {256u << 20, 256u << 20};
+            ::setrlimit(RLIMIT_AS, &lim);
+            ZTAlloc(0xFFFFFFFFu);
+        },
+        "");
+#endif
 }
 
 TEST(Paths, UrlAbsoluteAndFileTimes) {
