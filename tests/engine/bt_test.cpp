@@ -3,6 +3,7 @@
 #include "bt_fixture.h"
 
 #include "kcheck.h"
+#include "os.h"
 
 #include <string>
 
@@ -319,4 +320,127 @@ TEST(BtInsert, DuplicatesAndForcedExchange) {
     kisam::check::Report rep = kisam::check::check_file(f.path(), kTreesAndFree);
     EXPECT_TRUE(rep.ok) << rep.error;
     EXPECT_EQ(rep.keys.at(1).items, 3);
+}
+
+// ---- failures of the layers below: every level adds its own code ----------------------
+
+namespace {
+
+// Makes the nth pwrite (or pread) from now fail with EIO; restores the real call.
+class FailNth {
+public:
+    enum Kind { kWrite, kRead };
+    FailNth(Kind kind, int n) {
+        countdown_ = n;
+        if (kind == kWrite) kisam::os.pwrite = &FailNth::pwrite;
+        else kisam::os.pread = &FailNth::pread;
+    }
+    ~FailNth() {
+        kisam::os.pwrite = kisam::os_real.pwrite;
+        kisam::os.pread = kisam::os_real.pread;
+    }
+private:
+    static ssize_t pwrite(int fd, const void* b, size_t n, off_t off) {
+        if (--countdown_ == 0) {
+            errno = EIO;
+            return -1;
+        }
+        return kisam::os_real.pwrite(fd, b, n, off);
+    }
+    static ssize_t pread(int fd, void* b, size_t n, off_t off) {
+        if (--countdown_ == 0) {
+            errno = EIO;
+            return -1;
+        }
+        return kisam::os_real.pread(fd, b, n, off);
+    }
+    static inline int countdown_ = 0;
+};
+
+int last_code() {
+    std::vector<int> st = btt::error_stack();
+    return st.empty() ? 0 : st.back();
+}
+
+}  // namespace
+
+TEST(BtFaults, InsertAddsTheDetailOfTheFailingStep) {
+    SpHalf sp(1);
+    // A full root leaf [1,2,3,4]; the fifth insert allocates the right half (one write to
+    // grow the file), writes both halves, allocates the new root (one write) and writes it.
+    const int want[] = {0x0308, 0x0309, 0x030A, 0x030D, 0x030D};
+    for (int n = 1; n <= 5; ++n) {
+        BtFile f(1024, {240});
+        ASSERT_TRUE(f.ok());
+        f.begin();
+        insert_all(f, {1, 2, 3, 4});
+        std::string it = item4(5);
+        {
+            FailNth fail(FailNth::kWrite, n);
+            EXPECT_EQ(f.insert(0, it), -1) << n;
+        }
+        EXPECT_EQ(last_code(), want[n - 1]) << "write " << n;
+        EXPECT_GE(btt::error_stack().size(), 2u);
+        f.end();
+    }
+    {
+        // A plain insert one level down: the leaf's write fails, the root adds 0x0305.
+        BtFile f(1024, {240});
+        f.begin();
+        insert_all(f, {1, 2, 3, 4, 5});
+        std::string it = item4(6);
+        {
+            FailNth fail(FailNth::kWrite, 1);
+            EXPECT_EQ(f.insert(0, it), -1);
+        }
+        std::vector<int> st = btt::error_stack();
+        ASSERT_GE(st.size(), 3u);
+        EXPECT_EQ(st[st.size() - 2], 0x0307);
+        EXPECT_EQ(st.back(), 0x0305);
+        f.end();
+    }
+}
+
+TEST(BtFaults, SearchBelowTheRootReportsTreeError) {
+    SpHalf sp(1);
+    BtFile f(1024, {240});
+    ASSERT_TRUE(f.ok());
+    f.begin();
+    insert_all(f, {1, 2, 3, 4, 5});
+    f.end();
+    // Reopen so that no page of the file is in this process's view of the pool.
+    ASSERT_EQ(nisclose(f.fd()), 0);
+    int fd = nisopen(f.path().c_str(), ISO_RDWR);
+    ASSERT_EQ(fd, f.fd());
+    f.begin();
+    f.currpage(0) = KISAM_NOPAGE;
+    std::string it = item4(5);
+    {
+        FailNth fail(FailNth::kRead, 2);   // the root reads, its child does not
+        EXPECT_EQ(f.search(0, 1, &it), -1);
+    }
+    EXPECT_EQ(is_errno, ISE_BTS);
+    EXPECT_EQ(btt::error_stack(), (std::vector<int>{0x0503}));
+    // The tree itself is intact.
+    it = item4(5);
+    EXPECT_EQ(f.search(0, 1, &it), 1);
+    EXPECT_EQ(it, item4(5));
+    f.end();
+}
+
+TEST(BtFaults, DeleteWriteFailures) {
+    SpHalf sp(1);
+    BtFile f(1024, {240});
+    ASSERT_TRUE(f.ok());
+    f.begin();
+    insert_all(f, {1, 2, 3, 4, 5, 6, 7});   // [1,2] 3 [4,5,6,7]
+    {
+        FailNth fail(FailNth::kWrite, 1);
+        EXPECT_EQ(f.remove(0, item4(7)), -1);   // the leaf keeps enough items
+    }
+    std::vector<int> st = btt::error_stack();
+    ASSERT_GE(st.size(), 3u);
+    EXPECT_EQ(st[st.size() - 2], 0x0103);
+    EXPECT_EQ(st.back(), 0x0105);
+    f.end();
 }
