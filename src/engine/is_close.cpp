@@ -109,7 +109,12 @@ KISAM_API int nisclose(int isfd) {
         is_env.pfo_tbl[u] = -1;
         is_dbfree(isfd);
         freencom(reinterpret_cast<char*>(fcp), IS_FCP_SIZE(fcp->is_nkeys));
-        if (is_curfcp == fcp) is_curfcp = nullptr;
+    }
+    if (pfi->pfi_osfd < 0) {
+        // This process no longer has the file: the shared copy may go with another
+        // process's close, so nothing may keep pointing at it.
+        is_curfcp = nullptr;
+        is_curpfi = nullptr;
     }
     is_unlock(&isam_com->opcl_lock);
     is_isout();

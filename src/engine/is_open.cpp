@@ -277,9 +277,8 @@ KISAM_API int nisopen(const char* filename, int access) {
     // common heap.
     IS_FCP* scratch = reinterpret_cast<IS_FCP*>(fcp_scratch);
     std::memset(fcp_scratch, 0, IS_FCP_JDSIZE);
-    int fd = kisam::os_open(filename, oflags, 0666);
+    int fd = kisam::os_open(filename, oflags | O_CLOEXEC, 0666);
     if (fd < 0) return fail(ISE_OPENF, 4);
-    ::fcntl(fd, F_SETFD, FD_CLOEXEC);
     auto fail_fd = [&](int code, int detail) noexcept {
         kisam::os_close(fd);
         return fail(code, detail);

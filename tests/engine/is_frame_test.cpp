@@ -155,4 +155,30 @@ TEST_F(Frame, AbandonedCallIsRepairedByTheNextCall) {
     EXPECT_EQ(nisclose(fd), 0);
 }
 
+TEST_F(Frame, ServiceEntries) {
+    // Output of the self-test goes to standard output, in this order.
+    std::fflush(stdout);
+    int saved = ::dup(1);
+    FILE* tmp = std::tmpfile();
+    ::dup2(::fileno(tmp), 1);
+    EXPECT_EQ(ZTKISAMTest("hello"), 0);
+    std::fflush(stdout);
+    ::dup2(saved, 1);
+    ::close(saved);
+    char out[128] = {};
+    std::rewind(tmp);
+    size_t n = std::fread(out, 1, sizeof out - 1, tmp);
+    std::fclose(tmp);
+    EXPECT_EQ(std::string(out, n), "ZTKISAMTest(): hello\nLIBKisam: test2\n");
+
+    EXPECT_EQ(ZTKISAMGetComAddr(), nullptr);
+    EXPECT_EQ(nisflush(3), -1);
+    EXPECT_EQ(ZTKISAMGetLastError(), ISE_BADFD);
+    char a[200], b[200];
+    EXPECT_EQ(ZTKISAMGetLastErrorMsg(a, sizeof a), niserrmsgget(b, sizeof b));
+    EXPECT_STREQ(a, b);
+    EXPECT_EQ(is_init(), 0);
+    EXPECT_EQ(ZTKISAMGetComAddr(), static_cast<void*>(isam_com));
+}
+
 }  // namespace
