@@ -68,12 +68,14 @@ void LoadUsrEnv() {
     char path[ZT_SCRATCH];
     const char *pe = std::getenv("PROFILEQ9ENV");
     const char *home = std::getenv("HOME");
+    bool fits;
     if (pe != nullptr && *pe != '\0')
-        ZTStrNCopy(path, pe, sizeof path);
+        fits = kisam::zt_fits(path, sizeof path, "%s", pe);
     else if (home != nullptr)
-        kisam::zt_fmt(path, sizeof path, "%s%s.Q9.profile", home, ends_with_sep(home) ? "" : "/");
+        fits = kisam::zt_fits(path, sizeof path, "%s%s.Q9.profile", home, ends_with_sep(home) ? "" : "/");
     else
-        ZTStrNCopy(path, ".Q9.profile", sizeof path);
+        fits = kisam::zt_fits(path, sizeof path, ".Q9.profile");
+    if (!fits) return;   // a cut name would read some other file
     ParmState saved = parm_detach();
     if (ParmOpen(path) == 0)
         while (ParmRead() == 1) addvl(&UsrEnvHdp, ParmID(), ParmValue());
@@ -84,10 +86,10 @@ void LoadUsrEnv() {
 // Returns 0 when the file cannot be opened, else 1.
 int doload(const char *dir, const char *file) {
     char path[ZT_SCRATCH];
-    if (dir == nullptr || *dir == '\0')
-        ZTStrNCopy(path, file, sizeof path);
-    else
-        kisam::zt_fmt(path, sizeof path, "%s%s%s", dir, ends_with_sep(dir) ? "" : "/", file);
+    bool fits = (dir == nullptr || *dir == '\0')
+                    ? kisam::zt_fits(path, sizeof path, "%s", file)
+                    : kisam::zt_fits(path, sizeof path, "%s%s%s", dir, ends_with_sep(dir) ? "" : "/", file);
+    if (!fits) return 0;
     ParmState saved = parm_detach();
     if (ParmOpen(path) != 0) {
         parm_attach(saved);
@@ -439,10 +441,17 @@ KISAM_API void ZTPutEnv(const char *name, const char *value) {
     addvl(&UsrEnvHdp, name, buf);
 }
 
-KISAM_API int ZTExpand(const char *text, char *out, int size) {
+}  // extern "C"
+
+int zt_expand(const char *text, char *out, int size, bool *cut) {
+    *cut = false;
     if (out == nullptr || size < 1) return 0;
     out[0] = '\0';
-    if (size < 2 || text == nullptr) return 0;
+    if (text == nullptr) return 0;
+    if (size < 2) {
+        *cut = *text != '\0';
+        return 0;
+    }
     int n = 0;
     const char *p = text;
     while (*p && n < size - 1) {
@@ -454,16 +463,26 @@ KISAM_API int ZTExpand(const char *text, char *out, int size) {
                 std::memcpy(name, p + 2, nlen);
                 name[nlen] = '\0';
                 // Not rescanned: a value holding ${...} is copied as it stands.
-                if (const char *v = ZTGetEnvX(name))
+                if (const char *v = ZTGetEnvX(name)) {
                     while (*v && n < size - 1) out[n++] = *v++;
+                    if (*v) *cut = true;
+                }
                 p = close + 1;
                 continue;
             }
         }
         out[n++] = *p++;
     }
+    if (*p) *cut = true;
     out[n] = '\0';
     return n;
+}
+
+extern "C" {
+
+KISAM_API int ZTExpand(const char *text, char *out, int size) {
+    bool cut;
+    return zt_expand(text, out, size, &cut);
 }
 
 KISAM_API int ZTPutRealEnv(const char *name, const char *value) {

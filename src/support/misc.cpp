@@ -27,10 +27,9 @@ inline bool is_quote(char c) { return c == '"' || c == '\''; }
 uint32_t file_time(const char *dir, const char *name, bool ctime) {
     if (name == nullptr || *name == '\0') return 0;
     char path[ZT_PATHMAX];
-    if (dir == nullptr || name[0] == '/')
-        ZTStrNCopy(path, name, sizeof path);
-    else
-        kisam::zt_fmt(path, sizeof path, "%s/%s", dir, name);
+    bool fits = (dir == nullptr || name[0] == '/') ? kisam::zt_fits(path, sizeof path, "%s", name)
+                                                   : kisam::zt_fits(path, sizeof path, "%s/%s", dir, name);
+    if (!fits) return 0;
     ZTFileNameFix(path);
     struct stat st;
     if (::stat(path, &st) != 0) return 0;
@@ -52,6 +51,20 @@ int zt_fmt(char *buf, std::size_t size, const char *fmt, ...) {
         return 0;
     }
     return n < static_cast<int>(size) ? n : static_cast<int>(size) - 1;
+}
+
+// Like zt_fmt, but reports whether the whole text fitted.
+bool zt_fits(char *buf, std::size_t size, const char *fmt, ...) {
+    if (size == 0) return false;
+    va_list ap;
+    va_start(ap, fmt);
+    int n = std::vsnprintf(buf, size, fmt, ap);
+    va_end(ap);
+    if (n < 0) {
+        buf[0] = '\0';
+        return false;
+    }
+    return n < static_cast<int>(size);
 }
 
 void zt_shell_quote(std::string &out, const char *text) {

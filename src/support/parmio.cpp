@@ -48,6 +48,11 @@ int read_line(FILE *fp, char *buf, int room, bool *cut) {
     *cut = false;
     if (room < 2 || std::fgets(buf, room, fp) == nullptr) return -1;
     int len = static_cast<int>(std::strlen(buf));
+    // A line ending in CR LF (a file written on another system) ends like any other.
+    if (len >= 2 && buf[len - 1] == '\n' && buf[len - 2] == '\r') {
+        buf[len - 2] = '\n';
+        buf[--len] = '\0';
+    }
     if (len == room - 1 && buf[len - 1] != '\n') {
         int c;
         while ((c = std::fgetc(fp)) != EOF && c != '\n') {

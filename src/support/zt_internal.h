@@ -19,6 +19,9 @@ char *__GetUsrEnv(const char *name);
 char *__GetSysEnv(const char *name);
 char *__GetUsrEnvX(const char *name);
 bool  is_a_dir(const char *path);
+// ZTExpand that also tells whether the result was cut to fit: a cut path names some
+// other file and must not be acted upon.
+int   zt_expand(const char *text, char *out, int size, bool *cut);
 
 // The parameter reader is one per process.  The settings store reads its files with
 // it, possibly while a caller has a file of its own open: the caller's reader is
@@ -37,7 +40,9 @@ void parm_attach(const ParmState &saved);
 namespace kisam {
 
 // Bounded formatting into a fixed buffer: always terminated, cut when too long.
+// Returns the length written; *cut (when given) tells whether the text was cut.
 int zt_fmt(char *buf, std::size_t size, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
+bool zt_fits(char *buf, std::size_t size, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
 
 // Appends `text` to `out` as one shell word that the shell reads back unchanged,
 // whatever characters it holds (single quotes are closed, escaped and reopened).

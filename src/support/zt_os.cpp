@@ -56,9 +56,12 @@ void fo_msg(int flags, bool error, const char *fmt, ...) {
     ZTVError("%s", buf);
 }
 
-void expand_fix(const char *in, char *out, int size) {
-    ZTExpand(in, out, size);
+// Expands and fixes a path; false when it had to be cut to fit.
+bool expand_fix(const char *in, char *out, int size) {
+    bool cut = false;
+    zt_expand(in, out, size, &cut);
     ZTFileNameFix(out);
+    return !cut;
 }
 
 // Runs cp, mv or rm on the given paths.  Every path is passed as one single-quoted
@@ -78,7 +81,11 @@ int fo_external(const char *word, const char *cmdword, const char *opts, int fla
             *statusp = 2;
             return -1;
         }
-        expand_fix(paths[i], buf, sizeof buf);
+        if (!expand_fix(paths[i], buf, sizeof buf)) {
+            fo_msg(flags, true, "Missing/Invalid Path for ZTFileOp()");
+            *statusp = 2;
+            return -1;
+        }
         line += ' ';
         kisam::zt_shell_quote(line, buf);
     }
@@ -101,8 +108,7 @@ int fo_external(const char *word, const char *cmdword, const char *opts, int fla
 // Parent directories of the (already expanded) destination of a Copy or Move.
 void make_parent(const char *path) {
     char buf[kExpandBuf];
-    expand_fix(path, buf, sizeof buf);
-    ZTMakeDirs(buf);
+    if (expand_fix(path, buf, sizeof buf)) ZTMakeDirs(buf);
 }
 
 int fo_copy_move(int cmd, int flags, int *statusp, int count, char **paths) {
@@ -157,7 +163,11 @@ int fo_force_delete(int flags, int *statusp, char *path) {
 int fo_single(int cmd, int flags, int *statusp, const char *rawpath) {
     const char *word = fo_words[cmd];
     char path[kExpandBuf];
-    expand_fix(rawpath, path, sizeof path);
+    if (!expand_fix(rawpath, path, sizeof path)) {
+        fo_msg(flags, true, "Missing/Invalid Path for ZTFileOp()");
+        *statusp = 2;
+        return -1;
+    }
     fo_msg(flags, false, "%s: %s", word, path);
     struct stat st;
     switch (cmd) {
@@ -251,7 +261,7 @@ int fo_single(int cmd, int flags, int *statusp, const char *rawpath) {
 
 int stat_mode(const char *path, bool want_dir) {
     char buf[ZT_PATHMAX];
-    expand_fix(path, buf, sizeof buf);
+    if (!expand_fix(path, buf, sizeof buf)) return -1;
     struct stat st;
     if (::stat(buf, &st) != 0) return -1;
     return want_dir ? (S_ISDIR(st.st_mode) ? 1 : 0) : (S_ISREG(st.st_mode) ? 1 : 0);
@@ -329,8 +339,10 @@ KISAM_API int ZTMakeDirs(const char *rawpath) {
         if (!ok) return 0;
     }
     char path[512];
-    ZTExpand(rawpath, path, sizeof path);
-    ZTFileNameFix(path);
+    if (!expand_fix(rawpath, path, sizeof path)) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
 
     // Walk back to the deepest existing prefix.
     int len = static_cast<int>(std::strlen(path));
@@ -474,10 +486,12 @@ KISAM_API void *ZTLibLoad(const char *name) {
     if (name == nullptr || *name == '\0') return nullptr;
     char path[1024];
     const char *libdir = name[0] == '/' ? nullptr : ZTGetEnvX("lib_dir");
-    if (libdir != nullptr && *libdir != '\0')
-        kisam::zt_fmt(path, sizeof path, "%s/%s", libdir, name);
-    else
-        ZTStrNCopy(path, name, sizeof path);
+    bool fits = (libdir != nullptr && *libdir != '\0') ? kisam::zt_fits(path, sizeof path, "%s/%s", libdir, name)
+                                                        : kisam::zt_fits(path, sizeof path, "%s", name);
+    if (!fits) {
+        ZTVError("%s: name too long\n", name);
+        return nullptr;
+    }
     ZTFileNameFix(path);
     void *h = ::dlopen(path, RTLD_NOW | kDeepBind);
     if (h == nullptr) {

@@ -18,7 +18,7 @@ constexpr off_t kPresenceAt = 0, kMutexAt = 4, kRangeLen = 4;
 constexpr int kOpenAttempts = 11;
 
 // Protects the list of local mutexes and their lock-on-fork bits.
-pthread_mutex_t mtx_mutex;
+pthread_mutex_t mtx_mutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 pthread_once_t mtx_once = PTHREAD_ONCE_INIT;
 int mtx_initdonef = 0;
 
@@ -31,7 +31,6 @@ void init_recursive(pthread_mutex_t *m) {
 }
 
 void mtx_list_init() {
-    init_recursive(&mtx_mutex);
     pthread_atfork(ZT_PrepareForkCB, ZT_ParentForkCB, ZT_ChildForkCB);
     mtx_initdonef = 1;
 }
@@ -287,6 +286,9 @@ KISAM_API void ZTMutexLockOnFork(ZTMutex *mp) {
     pthread_once(&mtx_once, mtx_list_init);
     pthread_mutex_lock(&mtx_mutex);
     mp->m_bits |= ZTMTX_ONFORK;
+    // The handlers walk local mutexes only: for a global one, its companion is what
+    // keeps other threads of this process out across the fork.
+    if ((mp->m_bits & ZTMTX_GLOBAL) && mp->m_localmp != nullptr) mp->m_localmp->m_bits |= ZTMTX_ONFORK;
     pthread_mutex_unlock(&mtx_mutex);
 }
 

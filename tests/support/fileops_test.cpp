@@ -172,6 +172,19 @@ TEST_F(FileOps, RemoveHelpersWithHostileDirectories) {
     EXPECT_FALSE(st::exists(box.path("pwned")));
 }
 
+TEST_F(FileOps, OverlongPathsAreRefusedNotCut) {
+    // Cut to fit, this path would name the sandbox's existing file "victim".
+    st::write_file(box.path("victim"), "x");
+    std::string longp = box.path("victim") + std::string(1100, '/') + "x";
+    EXPECT_EQ(op(ZTFO_DELETEFILE, 0, {longp}), -1);
+    EXPECT_EQ(status, 2);
+    EXPECT_EQ(op(ZTFO_DELETE, 0, {longp}), -1);
+    EXPECT_EQ(status, 2);
+    EXPECT_TRUE(st::exists(box.path("victim")));
+    std::string deep = box.dir() + "/" + std::string(600, 'd') + "/x";
+    EXPECT_EQ(ZTMakeDirs(deep.c_str()), -1);
+}
+
 TEST_F(FileOps, MakeDirsAndExistence) {
     EXPECT_EQ(ZTMakeDirs((box.dir() + "/x/y/z").c_str()), 0);
     EXPECT_TRUE(st::is_dir(box.path("x/y")));

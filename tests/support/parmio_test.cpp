@@ -57,6 +57,12 @@ TEST_F(ParmFile, RecordSyntax) {
     EXPECT_EQ(read_all(file), want);
 }
 
+TEST_F(ParmFile, CrLfLinesReadLikeLfLines) {
+    st::write_file(file, "a 1\r\nnovalue\r\ncont x \\\r\ny\r\n");
+    std::vector<Rec> want = {{"a", true, "1"}, {"novalue", false, ""}, {"cont", true, "x y"}};
+    EXPECT_EQ(read_all(file), want);
+}
+
 TEST_F(ParmFile, OverlongLinesAreCutNotSplit) {
     std::string longv(3000, 'v');
     st::write_file(file, "k " + longv + "\nnext 1\n" + "j a\\\n" + std::string(2000, 'w') + "\nafter 2\n");
