@@ -168,7 +168,6 @@ int cmd_check(std::vector<std::string> words) {
         if (problems.size() < 20) problems.push_back(p);
         else if (problems.size() == 20) problems.push_back("... further problems not shown");
     };
-    catch_interrupts();
     Progress prog("check " + file, items0.size());
     uint64_t done = 0;
     std::string rec, data;

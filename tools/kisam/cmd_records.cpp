@@ -77,10 +77,13 @@ bool key_number(const Args& a, const OpenFile& f, int& keyno) {
     return true;
 }
 
-void print_record(const char* rec, int n) {
+// False when the output cannot take more (a closed pipe, a full disk).
+bool print_record(const char* rec, int n) {
     std::string line = escape(std::string_view(rec, size_t(n)));
     line += '\n';
-    std::fwrite(line.data(), 1, line.size(), stdout);
+    if (std::fwrite(line.data(), 1, line.size(), stdout) == line.size()) return true;
+    if (!g_write_errno) g_write_errno = errno;
+    return false;
 }
 
 int read_access(const Args& a) { return ISO_RDONLY | (a.has("ignore-mark") ? ISF_NOVERIFY : 0); }
@@ -155,7 +158,6 @@ int cmd_scan(std::vector<std::string> words) {
         to = *v;
     }
     const bool bounded = a.get("to").has_value();
-    catch_interrupts();
     std::vector<char> rec(kRecBuf);
     uint64_t count = 0;
     while (limit < 0 || count < uint64_t(limit)) {
@@ -168,7 +170,7 @@ int cmd_scan(std::vector<std::string> words) {
             if (back ? c < 0 : c > 0) break;
         }
         ++count;
-        if (!a.has("count")) print_record(rec.data(), n);
+        if (!a.has("count") && !print_record(rec.data(), n)) break;   // main reports it
     }
     if (a.has("count")) std::printf("%llu\n", static_cast<unsigned long long>(count));
     return EXIT_OK;
@@ -188,16 +190,22 @@ int cmd_put(std::vector<std::string> words) {
     const int k0 = f.keylens[0];
 
     int rc = EXIT_OK;
+    uint64_t refused = 0;
+    // Reports a refused record; from standard input only the first few, then a total.
+    auto refuse = [&](const std::string& where, const std::string& msg) {
+        rc = EXIT_FAIL;
+        if (++refused <= 10) fail("put", where + msg);
+    };
     // Returns false when the remaining input should not be tried.
     auto put_one = [&](const std::string& text, const std::string& where) {
         auto rec = unescape(text);
         if (!rec) {
-            rc = fail("put", where + "malformed escape in the record");
+            refuse(where, "malformed escape in the record");
             return true;
         }
         if (int(rec->size()) < f.minrec || rec->size() > KISAM_MAXREC) {
-            rc = fail("put", where + "a record of " + std::to_string(rec->size()) + " bytes; records of this file are " +
-                                 std::to_string(f.minrec) + " (its keys) to 65534 bytes");
+            refuse(where, "a record of " + std::to_string(rec->size()) + " bytes; records of this file are " +
+                              std::to_string(f.minrec) + " (its keys) to 65534 bytes");
             return true;
         }
         std::string key = escape(std::string_view(*rec).substr(0, size_t(k0)));
@@ -209,12 +217,12 @@ int cmd_put(std::vector<std::string> words) {
         else
             r = niswrite(f.fd, rec->data(), int(rec->size()));
         if (r == 1) {
-            rc = fail("put", where + "a record with key 0 = \"" + key + "\" exists already (use --replace)");
+            refuse(where, "a record with key 0 = \"" + key + "\" exists already (use --replace)");
             return true;
         }
         if (r < 0) {
             if (is_errno == ISE_NOKEY) {
-                rc = fail("put", where + "no record with key 0 = \"" + key + "\" to update");
+                refuse(where, "no record with key 0 = \"" + key + "\" to update");
                 return true;
             }
             rc = lib_error("put", file);
@@ -226,7 +234,6 @@ int cmd_put(std::vector<std::string> words) {
         put_one(a.pos()[1], "");
         return rc;
     }
-    catch_interrupts();
     std::string line;
     uint64_t lineno = 0;
     while (!g_interrupted && std::getline(std::cin, line)) {
@@ -234,6 +241,7 @@ int cmd_put(std::vector<std::string> words) {
         if (line.empty()) continue;
         if (!put_one(line, "line " + std::to_string(lineno) + ": ")) break;
     }
+    if (refused > 10) fail("put", std::to_string(refused) + " records refused in all");
     if (g_interrupted) return fail("put", "interrupted");
     return rc;
 }
@@ -298,7 +306,6 @@ int cmd_dump(std::vector<std::string> words) {
     std::string keys;
     for (size_t i = 0; i < f.keylens.size(); ++i) keys += (i ? "," : "") + std::to_string(f.keylens[i]);
     std::fprintf(out, "%s\n# keys %s%s\n", kDumpMagic, keys.c_str(), (cp.optbits & ISO_KEYOPT) ? " key-in-index" : "");
-    catch_interrupts();
     Progress prog("dump " + file, 0);
     std::vector<char> rec(kRecBuf);
     uint64_t count = 0;
@@ -395,7 +402,6 @@ int cmd_load(std::vector<std::string> words) {
         return fail("load", file + " has keys of lengths " + have + ", the dump was made from other keys");
     }
 
-    catch_interrupts();
     Progress prog("load " + file, total);
     uint64_t loaded = 0, duplicates = 0, bad = 0;
     bool ended = false, failed = false;

@@ -159,7 +159,6 @@ int cmd_stat(std::vector<std::string> words) {
     }
     Session s("stat");
     if (!s.attach()) return EXIT_FAIL;
-    catch_interrupts();
     for (long i = 0; count < 0 || i < count; ++i) {
         if (i > 0) {
             std::printf("\n");

@@ -10,6 +10,7 @@ namespace kisam_tool {
 
 Globals g;
 volatile int g_interrupted = 0;
+int g_write_errno = 0;
 
 bool parse_long(const std::string& s, long lo, long hi, long& out) {
     if (s.empty()) return false;
@@ -186,7 +187,16 @@ void Progress::show(uint64_t records, uint64_t done) {
     std::fflush(stderr);
 }
 
-static void on_signal(int) { g_interrupted = 1; }
+// The first interrupt asks the running command to stop at its next record and detach;
+// a second one ends the process at once (for a command stuck waiting for a lock).
+static void on_signal(int sig) {
+    if (g_interrupted) {
+        ::signal(sig, SIG_DFL);
+        ::raise(sig);
+        return;
+    }
+    g_interrupted = 1;
+}
 
 void catch_interrupts() {
     struct sigaction sa;
@@ -197,6 +207,9 @@ void catch_interrupts() {
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
     sigaction(SIGHUP, &sa, nullptr);
+    // A closed output pipe ('kisam scan FILE | head') must end the command through its
+    // normal path, which detaches, not through the signal.
+    ::signal(SIGPIPE, SIG_IGN);
 }
 
 }  // namespace kisam_tool

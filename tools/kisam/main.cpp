@@ -2,6 +2,7 @@
 // installation.  One command with subcommands; see 'kisam help'.
 #include "tool.h"
 
+#include <cerrno>
 #include <cstring>
 #include <map>
 
@@ -206,6 +207,7 @@ int run(int argc, char** argv) {
         {"get", cmd_get},       {"scan", cmd_scan},     {"put", cmd_put},   {"del", cmd_del},
         {"dump", cmd_dump},     {"load", cmd_load},     {"stat", cmd_stat},
     };
+    catch_interrupts();
     auto it = table.find(cmd);
     if (it == table.end()) {
         std::fprintf(stderr, "kisam: unknown command \"%s\"\nTry 'kisam help'.\n", cmd.c_str());
@@ -218,8 +220,11 @@ int run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     int rc = kisam_tool::run(argc, argv);
-    if (std::fflush(stdout) != 0 && rc == 0) {
-        std::fprintf(stderr, "kisam: cannot write the output: %s\n", std::strerror(errno));
+    if (std::fflush(stdout) != 0 && !kisam_tool::g_write_errno) kisam_tool::g_write_errno = errno;
+    if (std::ferror(stdout) && rc == 0) {
+        int e = kisam_tool::g_write_errno ? kisam_tool::g_write_errno : EIO;
+        // A reader that went away ('| head') needs no message.
+        if (e != EPIPE) std::fprintf(stderr, "kisam: cannot write the output: %s\n", std::strerror(e));
         rc = kisam_tool::EXIT_FAIL;
     }
     return rc;

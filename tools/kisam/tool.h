@@ -154,6 +154,8 @@ private:
 
 // Set by SIGINT/SIGTERM while a long subcommand runs; it then stops cleanly and detaches.
 extern volatile int g_interrupted;
+// errno of the first failed write of the output, 0 when none.
+extern int g_write_errno;
 void catch_interrupts();
 
 // ---- subcommands -------------------------------------------------------------------------------
