@@ -3,6 +3,8 @@
 // and the segment going away with the last process.
 #include "../engine/open_fixture.h"
 
+#include "is_file.h"
+
 #include <sys/shm.h>
 
 namespace {
@@ -112,6 +114,51 @@ TEST_F(OpenMp, FullSharedFileTable) {
     done.signal();
     EXPECT_EQ(kt::wait_child(child), 0);
     EXPECT_EQ(nisclose(fa), 0);
+}
+
+// This process holds a's control lock (nisgetctl) while another process, inside a close
+// of a, holds opcl_lock and waits for that control lock.  Waiting for opcl_lock now would
+// close a cycle: the kernel refuses it and the operation fails holding nothing new.
+TEST_F(OpenMp, RefusedWaitForOpclLockFailsCleanly) {
+    int a = create("a", {4});
+    int b = create("b", {4});
+    ASSERT_GE(a, 0);
+    ASSERT_GE(b, 0);
+    int lens[1] = {4};
+    struct Op {
+        const char* name;
+        int code;
+        std::function<int()> fn;
+    } ops[] = {{"open", 0x3810, [&] { return nisopen(path("b").c_str(), ISO_RDWR); }},
+               {"create", 0x3209, [&] { return niscreate(path("c").c_str(), 1, lens); }},
+               {"close", 0x3101, [&] { return nisclose(b); }}};
+    for (const Op& op : ops) {
+        SCOPED_TRACE(op.name);
+        ASSERT_EQ(nisgetctl(a), 0);
+        kt::Pipe ready;
+        pid_t child = kt::start_child([&] {
+            if (is_chinit() != 0) return 1;
+            ready.signal();
+            return nisclose(a) == 0 ? 0 : 2;
+        });
+        ASSERT_EQ(ready.wait(), 'x');
+        // Wait until the child sleeps on a's control lock.
+        for (bool asleep = false; !asleep; ::usleep(1000))
+            for (int i = 0; i < isam_com->maxusers; ++i)
+                asleep |= is_env.pid_[i] == child && is_env.needs_[i] != 0 &&
+                          isam_com->opcl_lock == static_cast<uint32_t>(child);
+        short files = n_ufiles;
+        EXPECT_EQ(op.fn(), -1);
+        EXPECT_EQ(is_errno, ISE_DEADLOCK);
+        EXPECT_EQ(stack_code(), op.code);
+        EXPECT_EQ(n_ufiles, files);
+        EXPECT_NE(isam_com->opcl_lock, static_cast<uint32_t>(is_pid));
+        EXPECT_EQ(nisrelctl(a), 0);
+        EXPECT_EQ(kt::wait_child(child), 0);
+    }
+    EXPECT_EQ(ot::shared_fcp(a)->is_usecnt, 1);
+    int keylens[1];
+    EXPECT_EQ(nisstat(b, 1, keylens), 1) << "the refused close left b open";
 }
 
 }  // namespace
