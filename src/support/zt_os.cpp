@@ -150,9 +150,11 @@ int fo_stat_status(const char *word, int flags, int *statusp) {
     return -1;
 }
 
-// Force: remove an existing path first.  Returns 0 to go on, -1 on failure.
-int fo_force_delete(int flags, int *statusp, char *path) {
-    char *one[1] = {path};
+// Force: remove an existing path first.  Takes the caller's path as given, since
+// the delete expands it itself (expanding twice could change it).  Returns 0 to go
+// on, -1 on failure.
+int fo_force_delete(int flags, int *statusp, const char *rawpath) {
+    char *one[1] = {const_cast<char *>(rawpath)};
     if (fo_delete(flags | ZTFO_RECURSIVE, statusp, 1, one) != 0) {
         if (*statusp != 3) return -1;
     }
@@ -175,7 +177,7 @@ int fo_single(int cmd, int flags, int *statusp, const char *rawpath) {
     case ZTFO_CREATEFILE: {
         bool exists = ::lstat(path, &st) == 0;
         if (exists && (flags & ZTFO_FORCE)) {
-            if (fo_force_delete(flags, statusp, path) != 0) return -1;
+            if (fo_force_delete(flags, statusp, rawpath) != 0) return -1;
             exists = ::lstat(path, &st) == 0;
         }
         if (exists) {

@@ -5,10 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <random>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "kisam_test.h"
 #include "support_util.h"
 
 namespace {
@@ -55,6 +57,49 @@ TEST_F(ParmFile, RecordSyntax) {
     std::vector<Rec> want = {{"tmp_dir", true, "/var/tmp"}, {"novalue", false, ""}, {"_u", true, "tabbed  "},
                              {"blank_after", false, ""},   {"a", true, "b c"},     {"last_no_newline", true, "v"}};
     EXPECT_EQ(read_all(file), want);
+}
+
+// Random records written with random separators, continuations and noise lines
+// must read back exactly.
+TEST_F(ParmFile, RandomizedRoundTrip) {
+    uint64_t seed = kt::test_seed(5);
+    std::mt19937_64 rng(seed);
+    auto pick = [&](const std::string &set) { return set[rng() % set.size()]; };
+    const std::string first = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ_";
+    const std::string rest = first + "0123456789";
+    std::string printable;
+    for (char c = ' '; c < 127; ++c)
+        if (c != '\\') printable += c;
+    const char *noise[] = {"# comment\n", "\n", "   indented value\n", "\tx y\n", "9lives x\n", "key=value\n",
+                           "key:value\n"};
+    for (int round = 0; round < 20; ++round) {
+        std::vector<Rec> want;
+        std::string text;
+        for (int r = 0; r < 40; ++r) {
+            if (rng() % 4 == 0) text += noise[rng() % 7];
+            std::string id(1, pick(first));
+            for (size_t n = rng() % 12; n > 0; --n) id += pick(rest);
+            std::string value;
+            size_t len = rng() % 5 == 0 ? 0 : 1 + rng() % 80;
+            for (size_t n = 0; n < len; ++n) value += pick(printable);
+            if (!value.empty() && value[0] == ' ') value[0] = 'v';
+            std::string sep = rng() % 2 ? " " : "\t ";
+            if (value.empty()) {
+                text += id + (rng() % 2 ? sep : "") + "\n";
+                want.push_back({id, false, ""});
+                continue;
+            }
+            std::string line = value;
+            if (rng() % 3 == 0) {   // a continuation inside the value
+                size_t at = 1 + rng() % line.size();
+                line = line.substr(0, at) + "\\\n" + line.substr(at);
+            }
+            text += id + sep + line + "\n";
+            want.push_back({id, true, value});
+        }
+        st::write_file(file, text);
+        ASSERT_EQ(read_all(file), want) << "seed " << seed << " round " << round;
+    }
 }
 
 TEST_F(ParmFile, CrLfLinesReadLikeLfLines) {
