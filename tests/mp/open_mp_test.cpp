@@ -84,6 +84,15 @@ TEST_F(OpenMp, ForkedChildCountsAsAUserOfItsFiles) {
               0);
     EXPECT_EQ(f->is_usecnt, 1);
     EXPECT_EQ(ot::attached_processes(), 1);
+    // nisexit closes everything on the way out.
+    EXPECT_EQ(kt::run_child([&] {
+                  if (is_chinit() != 0) return 1;
+                  nisexit(3);
+                  return 4;
+              }),
+              3);
+    EXPECT_EQ(f->is_usecnt, 1);
+    EXPECT_EQ(ot::attached_processes(), 1);
     EXPECT_EQ(nisclose(fd), 0);
 }
 
