@@ -322,6 +322,8 @@ int dr_rel(PAGE drp) noexcept {
         if (b->bdr_magic != kDrOverflowMagic) return is_push(PROC(P_DR_REL, 1));
         const PAGE link = b->bdr_link;
         if (v_dispose(p, pg) != 0) return is_push(PROC(P_DR_REL, 2));
+        // A long record has more overflow pages than a small pool has slots: unfix each.
+        v_unsafe(p, pg->c);
         drp = link;
     }
 

@@ -34,6 +34,11 @@ int read_locked(int keyno, char* record, int recsize, int dir) {
     if (cur->curr_kstate == 0) is_pad(cur->currkey, kd->k_keylen, pad);
     int mode = cur->curr_kstate == 2 ? dir : (dir | 1);
 
+    // An exact search that finds nothing may leave the nearest item in its buffer; the
+    // cursor must keep the value it was given, so that the next read steps from there.
+    char saved[512];
+    const bool exact = dir == 5 && kd->k_itemlen <= static_cast<int>(sizeof saved);
+
     char* item = cur->currkey;
     if (keyno >= 1) {
         // Without a remembered item the key 0 part decides where among equal key values
@@ -41,16 +46,21 @@ int read_locked(int keyno, char* record, int recsize, int dir) {
         if (cur->curr_kstate != 2)
             is_pad(cur->currkey + kd->k_offset, kd->k_itemlen - kd->k_offset, pad);
         cur->curr_kstate = 2;
+        if (exact) std::memcpy(saved, cur->currkey, static_cast<size_t>(kd->k_itemlen));
         int r = bt_search(keyno, kd->k_root, mode, cur->currkey, 0);
+        if (r == 0 && exact) std::memcpy(cur->currkey, saved, static_cast<size_t>(kd->k_itemlen));
         if (r != 1) return r;
         item = db->temp;
         std::memcpy(item, cur->currkey + kd->k_offset, static_cast<size_t>(k0->k_keylen));
         mode = 1;
     } else {
         cur->curr_kstate = 2;
+        if (exact) std::memcpy(saved, cur->currkey, static_cast<size_t>(kd->k_itemlen));
     }
 
     int r = bt_search(0, k0->k_root, mode, item, 0);
+    if (r == 0 && exact && keyno == 0)
+        std::memcpy(cur->currkey, saved, static_cast<size_t>(kd->k_itemlen));
     if (r != 1) return r;
     if (keyno >= 1 &&
         std::memcmp(item, cur->currkey + kd->k_offset, static_cast<size_t>(k0->k_keylen)) != 0)

@@ -93,7 +93,10 @@ protected:
         is_isout();
         return is_curfcp;
     }
-    uint16_t top_code() const { return *reinterpret_cast<const uint16_t*>(&is_estk[0]); }
+    // The data layer pushes its codes without starting a new stack: the latest entry.
+    uint16_t top_code() const {
+        return is_etop == nullptr ? 0 : *reinterpret_cast<const uint16_t*>(is_etop - 1);
+    }
 
     kt::Installation inst_;
     std::string path_;
