@@ -5,6 +5,12 @@
 #include "kcheck.h"
 #include "os.h"
 
+#include <sys/resource.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <iterator>
+
 #include <string>
 
 using btt::BtFile;
@@ -444,3 +450,45 @@ TEST(BtFaults, DeleteWriteFailures) {
     EXPECT_EQ(st.back(), 0x0105);
     f.end();
 }
+
+#if !defined(__SANITIZE_ADDRESS__)
+// The carried item area is allocated on first use of a long item; when memory is gone the
+// insert fails cleanly with ISE_KEYSAVE and works again once memory is back.  Runs in a
+// child whose address space is capped (the sanitizers need a large one).
+TEST(BtInsert, CarriedAreaAllocationFailure) {
+    BtFile f(1024, {500});   // item 504 bytes: longer than any other test's here
+    ASSERT_TRUE(f.ok());
+    const int fd = f.fd();
+    int rc = kt::run_child([fd] {
+        if (is_chinit() != 0) return 1;
+        if (is_isin(PROC(P_ISWRITE), fd, 0) != 0 || is_getctl() != 0) return 2;
+        static void* blocks[1 << 16];
+        long pages = 0;
+        if (FILE* s = std::fopen("/proc/self/statm", "r")) {
+            if (std::fscanf(s, "%ld", &pages) != 1) pages = 0;
+            std::fclose(s);
+        }
+        if (pages <= 0) return 3;
+        std::string it(504, 'a');   // everything the child needs exists before the cap
+        struct rlimit lim;
+        lim.rlim_cur = lim.rlim_max = static_cast<rlim_t>(pages) * static_cast<rlim_t>(::getpagesize()) + (4u << 20);
+        if (::setrlimit(RLIMIT_AS, &lim) != 0) return 4;
+        size_t n = 0;
+        while (n < std::size(blocks) && (blocks[n] = std::malloc(256)) != nullptr) ++n;
+        if (n == std::size(blocks)) return 5;
+        const int r = bt_insert(0, kisam::fcp_key(is_curfcp, 0)->k_root, it.data(), 0, 0);
+        uint16_t top = 0;
+        std::memcpy(&top, &is_estk[0], sizeof top);
+        const bool refused = r == -1 && is_errno == ISE_KEYSAVE && is_etop == is_estk + 1 &&
+                             top == 0x030E && kisam::fcp_key(is_curfcp, 0)->k_root == KISAM_NOPAGE;
+        for (size_t i = 0; i < n; ++i) std::free(blocks[i]);
+        if (!refused) return 6;
+        if (bt_insert(0, kisam::fcp_key(is_curfcp, 0)->k_root, it.data(), 0, 0) != 0) return 7;
+        is_relctl();
+        is_isout();
+        nisunisam();
+        return 0;
+    });
+    EXPECT_EQ(rc, 0);
+}
+#endif
