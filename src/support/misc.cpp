@@ -377,9 +377,13 @@ KISAM_API char *ZTL64toA(int64_t n, char *s, int w) { return ZTLongtoA(n, s, w);
 
 // ---- bytes ----
 
+// A plain forward copy, byte by byte: with overlapping areas the result is what
+// such a copy gives (mvbytes(p, p + 1, n) spreads p[0]); mvovbytes is the safe move.
 KISAM_API void mvbytes(const void *from, void *to, int n) {
     if (from == to || n < 1) return;
-    std::memmove(to, from, static_cast<std::size_t>(n));
+    auto s = static_cast<const unsigned char *>(from);
+    auto d = static_cast<unsigned char *>(to);
+    for (int i = 0; i < n; ++i) d[i] = s[i];
 }
 
 // Overlap-safe for any length: memmove needs no bounded temporary.

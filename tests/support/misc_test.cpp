@@ -185,6 +185,9 @@ TEST(Text, SubstringMoves) {
     mvt_sstr("Z", to, 2, 1);
     EXPECT_STREQ(to, "abc");
 
+    char spread[8] = "abcdef";
+    mvbytes(spread, spread + 1, 5);          // forward copy over itself
+    EXPECT_STREQ(spread, "aaaaaa");
     char ov[16] = "0123456789";
     mvovbytes(ov, ov + 2, 8);
     EXPECT_STREQ(ov, "0101234567");
@@ -230,13 +233,13 @@ TEST(Alloc, ZeroFilledGrowthReportAndAbortOnExhaustion) {
 #if defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "the address sanitizer's allocator reports huge requests itself";
 #else
-    EXPECT_DEATH(
-        {
-            struct rlimit lim = {256u << 20, 256u << 20};
-            ::setrlimit(RLIMIT_AS, &lim);
-            ZTAlloc(0xFFFFFFFFu);
-        },
-        "");
+    auto exhaust = [] {
+        struct rlimit lim;
+        lim.rlim_cur = lim.rlim_max = 256u << 20;
+        ::setrlimit(RLIMIT_AS, &lim);
+        ZTAlloc(0xFFFFFFFFu);
+    };
+    EXPECT_DEATH(exhaust(), "");
 #endif
 }
 
