@@ -9,6 +9,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <iterator>
 
 #include <string>
@@ -492,3 +493,34 @@ TEST(BtInsert, CarriedAreaAllocationFailure) {
     EXPECT_EQ(rc, 0);
 }
 #endif
+
+// Ascending loads: splitting at the insertion point leaves every leaf behind the load
+// point full to K - 1 items; the even split leaves (K + 1) / 2.
+TEST(BtInsert, AscendingLoadFillOfLeftPages) {
+    for (short sp : {short{0}, short{1}}) {
+        SpHalf guard(sp);
+        BtFile f(1024, {240});
+        ASSERT_TRUE(f.ok());
+        f.begin();
+        for (int v = 1; v <= 60; ++v) {
+            std::string it = item4(v);
+            ASSERT_EQ(f.insert(0, it), 0);
+        }
+        PAGE root = f.root(0);
+        f.end();
+        // Leaves in key order.
+        std::vector<int> sizes;
+        std::function<void(PAGE)> walk = [&](PAGE p) {
+            IS_DATA d = f.disk_page(p);
+            if (ptr_at(d, 0, kLen4) == kNone) {
+                sizes.push_back(nitems(d));
+                return;
+            }
+            for (int i = 0; i <= nitems(d); ++i) walk(ptr_at(d, i, kLen4));
+        };
+        walk(root);
+        ASSERT_GE(sizes.size(), 4u);
+        for (size_t i = 0; i + 1 < sizes.size(); ++i)
+            EXPECT_EQ(sizes[i], sp ? 2 : 3) << "Sp_half " << sp << ", leaf " << i;
+    }
+}
