@@ -534,6 +534,9 @@ KISAM_API void ZTUpdatePath(void) {
     char want[ZT_PATHMAX + 8];
     kisam::zt_fmt(want, sizeof want, "%s/bin", zt_homep);
     ZTFileNameFix(want);
+    // Without an installation the home is "."; a relative element would let whatever
+    // the current directory holds run in place of a command.
+    if (want[0] != '/') return;
     const char *old = std::getenv("PATH");
     std::size_t olen = old != nullptr ? std::strlen(old) : 0;
     std::size_t wlen = std::strlen(want);

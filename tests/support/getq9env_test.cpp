@@ -107,6 +107,13 @@ TEST_F(EnvStore, NoInstallationDirectory) {
         CHILD_CHECK(!st::exists(box.home() + "/.Q9"));
         return 0;
     }), 0);
+    EXPECT_EQ(st::in_child([&] {
+        ::setenv("PATH", "/usr/bin:/bin", 1);
+        LoadEnv();
+        CHILD_CHECK(eq(zt_homep, "."));
+        CHILD_CHECK(eq(std::getenv("PATH"), "/usr/bin:/bin"));   // no relative element
+        return 0;
+    }), 0);
 }
 
 TEST_F(EnvStore, FileDirectivesAndConfigFile) {
