@@ -86,10 +86,15 @@ TEST_F(LockMp, OneHolderAtATime) {
 
 TEST_F(LockMp, WaiterProceedsWhenHolderReleases) {
     kt::Pipe held, go, done;
+    const int16_t parent_idx = is_env.useridx;
     pid_t c = kt::start_child([&] {
         if (child_attach() != 0 || is_lock(opcl()) != 0) return 2;
         held.signal();
         go.wait();
+        // Let go only once the parent really waits (its need entry names the range), so
+        // that it finds the word set and counts the wait.
+        const uint32_t want = static_cast<uint32_t>(kisam::com_offset(opcl()));
+        for (int i = 0; i < 5000 && is_env.needs_[parent_idx] != want; ++i) ::usleep(1000);
         is_unlock(opcl());
         done.wait();
         return 0;
