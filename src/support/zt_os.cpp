@@ -105,7 +105,7 @@ int fo_external(const char *word, const char *cmdword, const char *opts, int fla
     return 0;
 }
 
-// Parent directories of the (already expanded) destination of a Copy or Move.
+// Creates the parent directories of the destination of a Copy or Move.
 void make_parent(const char *path) {
     char buf[kExpandBuf];
     if (expand_fix(path, buf, sizeof buf)) ZTMakeDirs(buf);
@@ -314,20 +314,25 @@ KISAM_API int ZTFileOp(int cmd, int flags, int *statusp, int count, char **paths
         *statusp = 1;
         return -1;
     }
-    switch (cmd) {
-    case ZTFO_COPY:
-    case ZTFO_MOVE:
-    case ZTFO_RENAME:
-        return fo_copy_move(cmd, flags, statusp, count, paths);
-    case ZTFO_DELETE:
-        return fo_delete(flags, statusp, count, paths);
-    default:
-        if (count != 1) {
-            fo_msg(flags, true, "Invalid Argc for ZTFileOp() %s", fo_words[cmd]);
-            *statusp = 2;
-            return -1;
+    try {   // command lines are built in strings; running out of memory fails the call
+        switch (cmd) {
+        case ZTFO_COPY:
+        case ZTFO_MOVE:
+        case ZTFO_RENAME:
+            return fo_copy_move(cmd, flags, statusp, count, paths);
+        case ZTFO_DELETE:
+            return fo_delete(flags, statusp, count, paths);
+        default:
+            if (count != 1) {
+                fo_msg(flags, true, "Invalid Argc for ZTFileOp() %s", fo_words[cmd]);
+                *statusp = 2;
+                return -1;
+            }
+            return fo_single(cmd, flags, statusp, paths[0]);
         }
-        return fo_single(cmd, flags, statusp, paths[0]);
+    } catch (...) {
+        *statusp = 9999;
+        return -1;
     }
 }
 
@@ -391,10 +396,13 @@ KISAM_API int ZTMakeDirs(const char *rawpath) {
 
 KISAM_API void ZTRMDashRF(const char *dir) {
     if (dir == nullptr || *dir == '\0') return;
-    std::string line = "rm -rf -- ";
-    kisam::zt_shell_quote(line, dir);
-    if (line.size() >= 512) return;
-    if (std::system(line.c_str()) != 0) { /* nothing to report: like rm -rf, best effort */ }
+    try {
+        std::string line = "rm -rf -- ";
+        kisam::zt_shell_quote(line, dir);
+        if (line.size() >= 512) return;
+        if (std::system(line.c_str()) != 0) { /* nothing to report: like rm -rf, best effort */ }
+    } catch (...) {
+    }
 }
 
 KISAM_API void ZTRMTmpWQStar(void) {
@@ -402,11 +410,14 @@ KISAM_API void ZTRMTmpWQStar(void) {
     if (dir == nullptr || *dir == '\0') dir = ZTGetEnvX("tmp_dir");
     if (dir == nullptr || *dir == '\0') return;
     // The directory is one quoted word; only the WQ* after it is left to the glob.
-    std::string line = "rm -f -- ";
-    kisam::zt_shell_quote(line, dir);
-    line += "/WQ*";
-    if (line.size() >= kCmdBuf) return;
-    if (std::system(line.c_str()) != 0) { /* no match is not an error */ }
+    try {
+        std::string line = "rm -f -- ";
+        kisam::zt_shell_quote(line, dir);
+        line += "/WQ*";
+        if (line.size() >= kCmdBuf) return;
+        if (std::system(line.c_str()) != 0) { /* no match is not an error */ }
+    } catch (...) {
+    }
 }
 
 KISAM_API int ZTFileExists(char *path) {
