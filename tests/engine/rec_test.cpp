@@ -383,3 +383,241 @@ INSTANTIATE_TEST_SUITE_P(
     [](const ::testing::TestParamInfo<Shape>& info) { return "shape" + std::to_string(info.index); });
 
 }  // namespace
+
+namespace {
+
+// Hand-picked cases of the record operations that a random mix reaches rarely.
+class RecordEdges : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(is_init(), 0); }
+    void TearDown() override {
+        for (int fd : fds_) nisclose(fd);
+        nisunisam();
+    }
+    // Creates a file; nkeys negative switches the key option on.
+    int create(const char* name, int nkeys, std::vector<int> lens, bool keyopt) {
+        niscr_ctl(keyopt ? 1 : 0, 1024);
+        int fd = niscreate(inst_.path(name).c_str(), nkeys, lens.data());
+        EXPECT_GE(fd, 0);
+        fds_.push_back(fd);
+        return fd;
+    }
+    static std::string rec(const std::string& k0, const std::string& k1, size_t len, char fill) {
+        std::string r = k0 + k1;
+        r.resize(std::max(len, r.size()), fill);
+        return r;
+    }
+    int write(int fd, const std::string& r) { return niswrite(fd, r.data(), static_cast<int>(r.size())); }
+    std::string read(int fd, int key, int dir = 0, int recsize = 70000) {
+        std::vector<char> b(70000);
+        int n = dir == 0 ? nisread(fd, key, b.data(), recsize) : nispread(fd, key, b.data(), recsize);
+        return n <= 0 ? std::to_string(n) : std::string(b.data(), static_cast<size_t>(n));
+    }
+    std::string find(int fd, int key, const std::string& v, int recsize = 70000) {
+        std::vector<char> b(70000);
+        int n = nisfind(fd, key, v.data(), b.data(), recsize);
+        return n <= 0 ? std::to_string(n) : std::string(b.data(), static_cast<size_t>(n));
+    }
+    std::string check(const char* name) {
+        auto rep = kisam::check::check_file(inst_.path(name));
+        return rep.ok ? std::string() : rep.error;
+    }
+
+    kt::Installation inst_;
+    std::vector<int> fds_;
+};
+
+TEST_F(RecordEdges, EmptyFileAndBothEndsOfTheIndex) {
+    int fd = create("ends.ism", 2, {4, 2}, false);
+    EXPECT_EQ(read(fd, 0), "0");
+    EXPECT_EQ(read(fd, 1, 2), "0");
+    EXPECT_EQ(find(fd, 0, "aaaa"), "0");
+    for (const char* k : {"aaaa", "bbbb", "cccc"}) ASSERT_EQ(write(fd, rec(k, "xx", 20, '.')), 0);
+
+    // A fresh cursor reads from either end; past the last record it keeps returning 0,
+    // and stepping back then gives the last record but one.
+    int h = nisopen(inst_.path("ends.ism").c_str(), ISO_RDONLY);
+    fds_.push_back(h);
+    EXPECT_EQ(read(h, 0, 2).substr(0, 4), "cccc");
+    EXPECT_EQ(read(h, 0, 2).substr(0, 4), "bbbb");
+    int h2 = nisopen(inst_.path("ends.ism").c_str(), ISO_RDWR);
+    fds_.push_back(h2);
+    EXPECT_EQ(read(h2, 0).substr(0, 4), "aaaa");
+    EXPECT_EQ(read(h2, 0).substr(0, 4), "bbbb");
+    EXPECT_EQ(read(h2, 0).substr(0, 4), "cccc");
+    EXPECT_EQ(read(h2, 0), "0");
+    EXPECT_EQ(read(h2, 0), "0");
+    EXPECT_EQ(read(h2, 0, 2).substr(0, 4), "bbbb");
+    // The first handle's cursor stood on the value of its failed exact search.
+    EXPECT_EQ(read(fd, 0).substr(0, 4), "bbbb");
+
+    // A buffer that cannot hold key 0 is refused and leaves the cursor alone.
+    EXPECT_EQ(read(fd, 0, 0, 3), "-1");
+    EXPECT_EQ(is_errno, ISE_RSIZE);
+    EXPECT_EQ(read(fd, 0).substr(0, 4), "cccc");
+    EXPECT_EQ(read(fd, 0), "0");
+}
+
+TEST_F(RecordEdges, AlternateKeyDuplicatesAndCursorsAcrossChanges) {
+    int fd = create("alt.ism", 2, {4, 3}, false);
+    ASSERT_EQ(write(fd, rec("b001", "key", 10, '1')), 0);
+    ASSERT_EQ(write(fd, rec("a002", "key", 10, '2')), 0);
+    ASSERT_EQ(write(fd, rec("c003", "kez", 10, '3')), 0);
+    ASSERT_EQ(write(fd, rec("d004", "kex", 10, '4')), 0);
+
+    // Equal key 1 values come in key 0 order, forwards and backwards from a seek.
+    ASSERT_EQ(nisseek(fd, 1, "key"), 0);
+    EXPECT_EQ(read(fd, 1).substr(0, 4), "a002");
+    EXPECT_EQ(read(fd, 1).substr(0, 4), "b001");
+    EXPECT_EQ(read(fd, 1).substr(0, 4), "c003");
+    ASSERT_EQ(nisseek(fd, 1, "key"), 0);
+    EXPECT_EQ(read(fd, 1, 2).substr(0, 4), "b001");
+
+    // Deleting the record under the cursor: the next read moves on to its neighbour.
+    ASSERT_EQ(nisseek(fd, 1, "key"), 0);
+    EXPECT_EQ(read(fd, 1).substr(0, 4), "a002");
+    ASSERT_EQ(nisdelete(fd, "a002"), 0);
+    EXPECT_EQ(read(fd, 1).substr(0, 4), "b001");
+    EXPECT_EQ(nisdelete(fd, "a002"), -1);
+    EXPECT_EQ(is_errno, ISE_NOKEY);
+
+    // A failed exact search leaves the cursor on the value asked for.
+    EXPECT_EQ(find(fd, 1, "kew"), "0");
+    EXPECT_EQ(read(fd, 1).substr(0, 4), "d004");
+    EXPECT_EQ(find(fd, 1, "kez").substr(0, 4), "c003");
+    EXPECT_EQ(read(fd, 1, 2).substr(0, 4), "b001");
+
+    // A forced write that changes key 1 moves the item; one that keeps it leaves it.
+    ASSERT_EQ(nisfwrite(fd, rec("b001", "kea", 30, 'n').data(), 30), 0);
+    EXPECT_EQ(find(fd, 1, "key"), "0");
+    EXPECT_EQ(find(fd, 1, "kea"), rec("b001", "kea", 30, 'n'));
+    ASSERT_EQ(nisfwrite(fd, rec("b001", "kea", 12, 'm').data(), 12), 0);
+    EXPECT_EQ(find(fd, 0, "b001"), rec("b001", "kea", 12, 'm'));
+    EXPECT_EQ(check("alt.ism"), "");
+}
+
+TEST_F(RecordEdges, DuplicatesSizesAndUpdatesThatCannotProceed) {
+    int fd = create("dup.ism", 2, {4, 2}, false);
+    const std::string a = rec("aaaa", "zz", 3000, 'a');
+    ASSERT_EQ(write(fd, a), 0);
+    IS_FCP* fcp = nullptr;
+    ASSERT_EQ(nisgetctl(fd), 0);
+    fcp = is_curfcp;
+    ASSERT_EQ(nisrelctl(fd), 0);
+    const PAGE last = fcp->is_lastpage;
+
+    // A duplicate key 0 is not stored, sets no error and gives its space back.
+    is_errno = 0;
+    EXPECT_EQ(write(fd, rec("aaaa", "yy", 5000, 'b')), 1);
+    EXPECT_EQ(is_errno, 0);
+    EXPECT_EQ(find(fd, 0, "aaaa"), a);
+    EXPECT_EQ(find(fd, 1, "yy"), "0");
+    EXPECT_EQ(fcp->is_lastpage, last + 5 * 1024);   // pages were used, then freed...
+    EXPECT_EQ(write(fd, rec("gggg", "yy", 5000, 'g')), 0);
+    EXPECT_EQ(fcp->is_lastpage, last + 5 * 1024);   // ...and are used again
+    EXPECT_EQ(nisdelete(fd, "gggg"), 0);
+
+    // Sizes: is_minrec and 65534 pass, one less and one more do not.
+    EXPECT_EQ(write(fd, rec("bbbb", "zz", 6, 'c')), 0);
+    EXPECT_EQ(niswrite(fd, "cccc", 5), -1);
+    EXPECT_EQ(is_errno, ISE_RSIZE);
+    std::string big = rec("dddd", "zz", 65535, 'd');
+    EXPECT_EQ(niswrite(fd, big.data(), 65535), -1);
+    EXPECT_EQ(is_errno, ISE_RSIZE);
+    EXPECT_EQ(niswrite(fd, big.data(), 65534), 0);
+    EXPECT_EQ(find(fd, 0, "dddd"), big.substr(0, 65534));
+    EXPECT_EQ(find(fd, 0, "dddd", 100), big.substr(0, 100));
+
+    // An update of a missing record fails on its delete and writes nothing; one with a
+    // bad size is refused before anything is deleted.
+    EXPECT_EQ(nisupdate(fd, rec("eeee", "zz", 10, 'e').data(), 10), -1);
+    EXPECT_EQ(is_errno, ISE_NOKEY);
+    EXPECT_EQ(find(fd, 0, "eeee"), "0");
+    EXPECT_EQ(nisupdate(fd, a.data(), 5), -1);
+    EXPECT_EQ(is_errno, ISE_RSIZE);
+    EXPECT_EQ(find(fd, 0, "aaaa"), a);
+    ASSERT_EQ(nisupdate(fd, rec("aaaa", "xx", 40, 'u').data(), 40), 0);
+    EXPECT_EQ(find(fd, 1, "xx"), rec("aaaa", "xx", 40, 'u'));
+    EXPECT_EQ(find(fd, 1, "zz").substr(0, 4), "bbbb");
+    EXPECT_EQ(check("dup.ism"), "");
+
+    // A file open only read-only in this process reads but neither writes, updates nor
+    // deletes.  (Read-only is a property of the process's open file, not of a handle.)
+    ASSERT_EQ(nisclose(fd), 0);
+    fds_.clear();
+    int ro = nisopen(inst_.path("dup.ism").c_str(), ISO_RDONLY);
+    fds_.push_back(ro);
+    EXPECT_EQ(find(ro, 0, "bbbb"), rec("bbbb", "zz", 6, 'c'));
+    EXPECT_EQ(write(ro, rec("ffff", "zz", 6, 'f')), -1);
+    EXPECT_EQ(is_errno, ISE_RONLY);
+    EXPECT_EQ(nisupdate(ro, rec("bbbb", "zz", 6, 'f').data(), 6), -1);
+    EXPECT_EQ(is_errno, ISE_RONLY);
+    EXPECT_EQ(nisdelete(ro, "bbbb"), -1);
+    EXPECT_EQ(is_errno, ISE_RONLY);
+    EXPECT_EQ(find(ro, 0, "bbbb"), rec("bbbb", "zz", 6, 'c'));
+    EXPECT_EQ(find(ro, 0, "ffff"), "0");
+}
+
+TEST_F(RecordEdges, KeyZeroHeldOnlyInTheIndex) {
+    // Key 0 alone: a record of just the key uses no data page.
+    int fd = create("opt.ism", -1, {6}, true);
+    ASSERT_EQ(write(fd, "k00001"), 0);
+    ASSERT_EQ(write(fd, rec("k00002", "", 3000, 'x')), 0);
+    EXPECT_EQ(find(fd, 0, "k00001"), "k00001");
+    EXPECT_EQ(find(fd, 0, "k00002", 6), "k00002");       // only the key fits
+    EXPECT_EQ(find(fd, 0, "k00002", 100), rec("k00002", "", 100, 'x'));
+    EXPECT_EQ(find(fd, 0, "k00002"), rec("k00002", "", 3000, 'x'));
+    // The key is not stored in the data: 2994 data bytes, two overflow pages + tail.
+    ASSERT_EQ(nisfwrite(fd, "k00002", 6), 0);             // frees the old data unread
+    EXPECT_EQ(find(fd, 0, "k00002"), "k00002");
+    ASSERT_EQ(nisdelete(fd, "k00001"), 0);
+    ASSERT_EQ(nisdelete(fd, "k00002"), 0);
+    EXPECT_EQ(read(fd, 0), "0");
+    EXPECT_EQ(check("opt.ism"), "");
+    IS_FCP* fcp = is_curfcp;
+    EXPECT_EQ(fcp->is_cdp[0], 0u);
+
+    // With alternate keys the old key fields come from the data part.
+    int f2 = create("opt2.ism", -2, {3, 2}, true);
+    ASSERT_EQ(write(f2, rec("abc", "10", 50, 'p')), 0);
+    ASSERT_EQ(nisfwrite(f2, rec("abc", "20", 60, 'q').data(), 60), 0);
+    EXPECT_EQ(find(f2, 1, "10"), "0");
+    EXPECT_EQ(find(f2, 1, "20"), rec("abc", "20", 60, 'q'));
+    ASSERT_EQ(nisdelete(f2, "abc"), 0);
+    EXPECT_EQ(find(f2, 1, "20"), "0");
+    EXPECT_EQ(check("opt2.ism"), "");
+}
+
+TEST_F(RecordEdges, EntryTableAndStat) {
+    KisamEntryTable t;
+    std::memset(&t, 0, sizeof t);
+    t.reserved0 = reinterpret_cast<void*>(0x1234);
+    t.reserved1 = &t;
+    ASSERT_EQ(ZTKISAMInit(&t), 0);
+    EXPECT_EQ(t.reserved0, reinterpret_cast<void*>(0x1234));
+    EXPECT_EQ(t.reserved1, &t);
+    EXPECT_EQ(t.nisread, &nisread);
+    EXPECT_EQ(t.niswrite, &niswrite);
+    EXPECT_EQ(t.ZTKISAMGetLastErrorMsg, &ZTKISAMGetLastErrorMsg);
+    void* const* slots = reinterpret_cast<void* const*>(&t);
+    for (int i = 2; i < 28; ++i) EXPECT_NE(slots[i], nullptr) << "slot " << i;
+
+    int fd = create("stat.ism", 3, {4, 5, 6}, false);
+    int lens[5] = {-7, -7, -7, -7, -7};
+    EXPECT_EQ(t.nisstat(fd, 0, lens), 3);
+    EXPECT_EQ(lens[0], -7);
+    EXPECT_EQ(t.nisstat(fd, 5, lens), 3);
+    EXPECT_EQ(lens[2], 6);
+    EXPECT_EQ(lens[3], -7);
+
+    // Through the table as through the names.
+    ASSERT_EQ(t.niswrite(fd, "aaaabbbbbcccccc", 15), 0);
+    char b[32];
+    EXPECT_EQ(t.nisfind(fd, 2, "cccccc", b, sizeof b), 15);
+    EXPECT_EQ(t.nisread(-1, 0, b, sizeof b), -1);
+    EXPECT_EQ(is_errno, ISE_BADFD);
+    EXPECT_EQ(t.nisread(fd, 3, b, sizeof b), -1);
+    EXPECT_EQ(is_errno, ISE_BADKN);
+}
+
+}  // namespace
