@@ -142,9 +142,19 @@ protected:
         const bool force = k == 0 && rng_() % 3 == 0;
         std::string sent = it;
         shake_hint(k);
+        const bool was_empty = file_->root(k) == KISAM_NOPAGE;
         int r = file_->insert(k, it, force);
         if (old == m.end()) {
             ASSERT_EQ(r, 0) << "insert, " << errinfo();
+            // A hint left by an insert names a page of this key with room.  (The first
+            // insert into an empty tree leaves the hint alone.)
+            if (PAGE cp = file_->currpage(k); cp != KISAM_NOPAGE && !was_empty) {
+                IS_DATA* d = v_read(cp);
+                ASSERT_NE(d, nullptr);
+                EXPECT_EQ(d->bt.bt_keyno, k);
+                EXPECT_LT(d->bt.bt_nitems, kd(k).k_order);
+                v_unsafe(cp, d->c);
+            }
             fix_pad(k, &sent);
             m[f] = sent;
         } else {
