@@ -130,6 +130,7 @@ protected:
 
     void init_config(const std::vector<std::string>& extra = {}) {
         std::vector<std::string> a{"config", "init", cfg, "--buffers", "32", "--files", "8", "--users", "8"};
+    // Later options win, so extra settings override these.
         a.insert(a.end(), extra.begin(), extra.end());
         Result r = run(a);
         ASSERT_EQ(r.rc, 0) << r.err;
@@ -249,6 +250,9 @@ TEST_F(Tool, RecordsByEveryKey) {
     EXPECT_EQ(r.out, "C003smith_SFOthird\\x00\\xff\n");
     r = run({"get", f, "LAX", "--key", "2"});
     EXPECT_EQ(r.out, "C002jones_LAXsecond\n");
+    // A shorter value is a prefix; among equal alternate values the smallest key 0 wins.
+    EXPECT_EQ(run({"get", f, "smi", "--key", "1"}).out, "C001smith_NYCfirst\n");
+    EXPECT_EQ(run({"get", f, "smi\\x00", "--key", "1"}).rc, 1);
     r = run({"get", f, "C009"});
     EXPECT_EQ(r.rc, 1);
     EXPECT_TRUE(r.out.empty());
@@ -315,6 +319,90 @@ TEST_F(Tool, FileAtTheFourGigabyteCeiling) {
     Result r = run({"put", f, "abcd"});
     EXPECT_EQ(r.rc, 1);
     EXPECT_NE(r.err.find("4 GiB"), std::string::npos) << r.err;
+}
+
+// A writer that stays attached, with the file open, until its input is closed.
+struct Holder {
+    pid_t pid = -1;
+    int fd = -1;
+};
+
+TEST_F(Tool, FullTablesAreNamed) {
+    init_config({"--files", "1", "--users", "2"});
+    ASSERT_EQ(run({"create", path("a"), "4"}).rc, 0);
+    ASSERT_EQ(run({"create", path("b"), "4"}).rc, 0);
+    auto hold = [&](const std::string& file, const std::string& fifo) {
+        Holder h;
+        EXPECT_EQ(::mkfifo(path(fifo).c_str(), 0666), 0);
+        h.pid = start({"put", file, "-"}, path(fifo));
+        h.fd = ::open(path(fifo).c_str(), O_WRONLY | O_CLOEXEC);
+        // Once its record is on disk, the writer is attached and has the file open.
+        std::string rec = "w" + fifo.substr(fifo.size() - 3);
+        EXPECT_EQ(::write(h.fd, (rec + "\n").data(), rec.size() + 1), ssize_t(rec.size() + 1));
+        for (int i = 0; i < 500 && slurp(file).find(rec) == std::string::npos; ++i) ::usleep(10000);
+        return h;
+    };
+    Holder h1 = hold(path("a"), "ff1");
+    // The only shared-file slot is taken by a.
+    Result r = run({"get", path("b"), "x"});
+    EXPECT_EQ(r.rc, 1);
+    EXPECT_NE(r.err.find("shared-file table is full"), std::string::npos) << r.err;
+    // The second process slot is taken by a second holder: nobody else can attach.
+    Holder h2 = hold(path("a"), "ff2");
+    r = run({"get", path("a"), "x"});
+    EXPECT_EQ(r.rc, 1);
+    EXPECT_NE(r.err.find("process table is full"), std::string::npos) << r.err;
+    for (Holder* h : {&h1, &h2}) {
+        ::close(h->fd);
+        EXPECT_EQ(finish(h->pid).rc, 0);
+    }
+}
+
+TEST_F(Tool, InterruptsAndClosedPipesStillDetach) {
+    init_config();
+    const std::string f = path("p");
+    ASSERT_EQ(run({"create", f, "6"}).rc, 0);
+    std::string in;
+    for (int i = 0; i < 5000; ++i) in += "r" + std::to_string(100000 + i).substr(1) + "\n";
+    ASSERT_EQ(run({"put", f, "-"}, in).rc, 0);
+
+    // A reader that goes away after one line.
+    int p[2];
+    ASSERT_EQ(::pipe(p), 0);
+    std::fflush(nullptr);
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        ::dup2(p[1], 1);
+        ::close(p[0]);
+        ::close(p[1]);
+        ::setenv("HOME", (dir + "/home").c_str(), 1);
+        ::setenv("HOME_Q9", (dir + "/q9").c_str(), 1);
+        ::setenv("PROFILEQ9ENV", (dir + "/home/.Q9.profile").c_str(), 1);
+        ::execl(KISAM_TOOL_PATH, KISAM_TOOL_PATH, "--config", cfg.c_str(), "scan", f.c_str(), (char*)nullptr);
+        ::_exit(127);
+    }
+    ::close(p[1]);
+    char c;
+    ASSERT_EQ(::read(p[0], &c, 1), 1);
+    ::close(p[0]);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status)) << "killed by signal " << WTERMSIG(status);
+    EXPECT_FALSE(segment_exists());
+
+    // An interrupted writer stops, says so, and detaches.
+    ASSERT_EQ(::mkfifo(path("fifo").c_str(), 0666), 0);
+    pid = start({"put", f, "-"}, path("fifo"));
+    int wfd = ::open(path("fifo").c_str(), O_WRONLY);
+    ASSERT_GE(wfd, 0);
+    ASSERT_EQ(::write(wfd, "zzzzzz\n", 7), 7);
+    for (int i = 0; i < 500 && run({"get", f, "zzzzzz"}).rc != 0; ++i) ::usleep(10000);
+    ::kill(pid, SIGINT);
+    Result r = finish(pid);
+    ::close(wfd);
+    EXPECT_EQ(r.rc, 1);
+    EXPECT_NE(r.err.find("interrupted"), std::string::npos) << r.err;
+    EXPECT_FALSE(segment_exists());
 }
 
 // ---- dump and load ---------------------------------------------------------------------------------
@@ -542,7 +630,7 @@ TEST_F(Tool, StatSeesProcessesFilesAndTheDead) {
         std::string fifo = path(name);
         EXPECT_EQ(::mkfifo(fifo.c_str(), 0666), 0);
         pid_t pid = start({"put", f, "-"}, fifo);
-        *wfd = ::open(fifo.c_str(), O_WRONLY);
+        *wfd = ::open(fifo.c_str(), O_WRONLY | O_CLOEXEC);
         return pid;
     };
     int fd1 = -1, fd2 = -1;
