@@ -639,8 +639,13 @@ TEST_F(Tool, StatSeesProcessesFilesAndTheDead) {
     ASSERT_GE(fd1, 0);
     ASSERT_GE(fd2, 0);
     ASSERT_EQ(::write(fd1, "abcdEFGH\n", 9), 9);
-    // Wait until the record is in: the file then has a data page.
-    for (int i = 0; i < 500 && slurp(f).size() < 2048; ++i) ::usleep(10000);
+    ASSERT_EQ(::write(fd2, "wxyz1234\n", 9), 9);
+    // Once their records are on disk, both writers are attached with the file open.
+    for (int i = 0; i < 500; ++i) {
+        std::string all = slurp(f);
+        if (all.find("EFGH") != std::string::npos && all.find("1234") != std::string::npos) break;
+        ::usleep(10000);
+    }
 
     r = run({"stat"});
     EXPECT_EQ(r.rc, 0) << r.err;
