@@ -43,8 +43,8 @@ const char* const kOverview =
     "\n"
     "Records and key values are given and shown as text: printable characters stand\n"
     "for themselves, a backslash is written \\\\ and any other byte \\xHH (\\n, \\t, \\r\n"
-    "and \\0 are accepted too).  Key values are matched byte for byte; a shorter value\n"
-    "is a prefix.\n"
+    "and \\0 are accepted too).  Key values are matched byte for byte; to get and scan\n"
+    "a value shorter than its key is a prefix, to del it is filled with zero bytes.\n"
     "\n"
     "Exit status: 0 success; 1 the operation failed, damage was found, or no record\n"
     "matched; 2 the command line is wrong.\n";
