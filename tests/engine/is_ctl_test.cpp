@@ -86,6 +86,7 @@ TEST_F(Ctl, WaitsForTheHolderAndARefusedWaitHoldsNothing) {
         ready.signal();
         // Wait until the parent sleeps on b, then ask for a: the kernel sees the cycle.
         while (is_env.needs_[me] == 0) ::usleep(1000);
+        ::usleep(20000);  // the entry is set just before the parent blocks
         if (nisgetctl(a) != -1) return 3;
         if (is_errno != ISE_DEADLOCK) return 4;
         if (ot::stack_code(0) != 0x3601) return 5;

@@ -156,6 +156,7 @@ TEST_F(OpenMp, RefusedWaitForOpclLockFailsCleanly) {
             for (int i = 0; i < isam_com->maxusers; ++i)
                 asleep |= is_env.pid_[i] == child && is_env.needs_[i] != 0 &&
                           isam_com->opcl_lock == static_cast<uint32_t>(child);
+        ::usleep(20000);  // the entry is set just before the child blocks
         short files = n_ufiles;
         EXPECT_EQ(op.fn(), -1);
         EXPECT_EQ(is_errno, ISE_DEADLOCK);
