@@ -36,6 +36,11 @@ namespace kisam {
 
 inline constexpr int kBtHeader = 4;   // bt_keyno, bt_nitems; pointer 0 follows
 
+// Deepest descent accepted.  A tree over the largest possible file (2^22 pages) with two
+// items per page stays far below it; a deeper descent can only run round a cycle of
+// child pointers in a damaged file, and is refused with ISE_BTS.
+inline constexpr int kBtMaxDepth = 64;
+
 // Byte offset of item i and of pointer i (the pointer left of item i).
 inline int bt_item_off(int i, int inc) { return 8 + i * inc; }
 inline int bt_ptr_off(int i, int inc) { return kBtHeader + i * inc; }

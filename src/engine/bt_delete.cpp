@@ -30,10 +30,25 @@ namespace {
 
 inline size_t sz(int n) { return static_cast<size_t>(n); }
 
+// Levels of bt_delete and bt_getnxt currently active: they have no depth argument, and
+// a damaged tree must not lead them round a cycle for ever.
+class Descent {
+public:
+    Descent() { ++level_; }
+    ~Descent() { --level_; }
+    Descent(const Descent&) = delete;
+    Descent& operator=(const Descent&) = delete;
+    bool too_deep() const { return level_ > kisam::kBtMaxDepth; }
+private:
+    static inline int level_ = 0;
+};
+
 }  // namespace
 
 int bt_delete(int keyno, PAGE page, char* item, PAGE parent) noexcept {
     if (page == KISAM_NOPAGE) return is_raise(ISE_BTNP, PROC(P_BT_DELETE, 1));
+    Descent level;
+    if (level.too_deep()) return is_raise(ISE_BTS, PROC(P_BT_DELETE, 2));
     IS_KEY* kp = kisam::fcp_key(is_curfcp, keyno);
     const int len = kp->k_itemlen;
     const int inc = len + 4;
@@ -83,6 +98,8 @@ int bt_delete(int keyno, PAGE page, char* item, PAGE parent) noexcept {
 
 int bt_getnxt(int keyno, PAGE ins_pg, int offset, PAGE parent, PAGE page) noexcept {
     if (page == KISAM_NOPAGE) return is_raise(ISE_BTNP, PROC(P_BT_GETNXT, 1));
+    Descent level;
+    if (level.too_deep()) return is_raise(ISE_BTS, PROC(P_BT_GETNXT, 2));
     IS_KEY* kp = kisam::fcp_key(is_curfcp, keyno);
     const int len = kp->k_itemlen;
     const int inc = len + 4;

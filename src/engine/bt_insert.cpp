@@ -92,6 +92,7 @@ int bt_insert(int keyno, PAGE page, char* item, int depth, int forcef) noexcept 
     PAGE pno = page;
     IS_DATA* d = nullptr;
     int j = 0;
+    if (depth > kisam::kBtMaxDepth) return is_raise(ISE_BTS, PROC(P_BT_INSERT, 3));
 
     if (depth == 0) {
         if (!reserve_new_item(len)) return is_raise(ISE_KEYSAVE, PROC(P_BT_INSERT, 0x0E));

@@ -66,6 +66,7 @@ int bt_search(int keyno, PAGE page, int srchflag, char* item, int depth) noexcep
     PAGE pno = page;
     IS_DATA* d = nullptr;
     int x = -1;   // index of the item that stopped the scan
+    if (depth > kisam::kBtMaxDepth) return is_raise(ISE_BTS, PROC(P_BT_SEARCH, 2));
 
     if (depth == 0) {
         kisam::bt_zero_pad(item, kp);

@@ -524,3 +524,43 @@ TEST(BtInsert, AscendingLoadFillOfLeftPages) {
             EXPECT_EQ(sizes[i], sp ? 2 : 3) << "Sp_half " << sp << ", leaf " << i;
     }
 }
+
+// A damaged tree (here a leaf turned into a page whose children lead back to the root)
+// is refused with ISE_BTS by every operation, never walked for ever.
+TEST(BtErrors, CycleOfChildPointersIsRefused) {
+    SpHalf sp(1);
+    BtFile f(1024, {240});
+    ASSERT_TRUE(f.ok());
+    f.begin();
+    insert_all(f, {1, 2, 3, 4, 5});   // root 3072: [1,2] 3 [4,5]
+    f.end();
+    ASSERT_EQ(nisclose(f.fd()), 0);   // so that the pages are read again from disk
+    IS_DATA leaf = f.disk_page(1024);
+    for (int i = 0; i <= 2; ++i) kisam::store_at<PAGE>(leaf.c + 4 + i * (kLen4 + 4), 3072u);
+    {
+        int fd = ::open(f.path().c_str(), O_RDWR);
+        ASSERT_EQ(::pwrite(fd, leaf.c, sizeof leaf.c, 1024), static_cast<ssize_t>(sizeof leaf.c));
+        ::close(fd);
+    }
+    kisam::check::Report rep = kisam::check::check_file(f.path(), kTreesAndFree);
+    EXPECT_FALSE(rep.ok);
+    EXPECT_NE(rep.error.find("reached twice"), std::string::npos) << rep.error;
+
+    ASSERT_EQ(nisopen(f.path().c_str(), ISO_RDWR), f.fd());
+    f.begin();
+    // Item 0 lies below every item of the leaf: its search goes on through pointer 0.
+    std::string it = item4(0);
+    f.currpage(0) = KISAM_NOPAGE;
+    EXPECT_EQ(f.search(0, 1, &it), -1);
+    EXPECT_EQ(is_errno, ISE_BTS);
+    it = item4(0);
+    f.currpage(0) = KISAM_NOPAGE;
+    EXPECT_EQ(f.insert(0, it), -1);
+    EXPECT_EQ(is_errno, ISE_BTS);
+    EXPECT_EQ(f.remove(0, item4(0)), -1);
+    EXPECT_EQ(is_errno, ISE_BTS);
+    // The undamaged half still works.
+    it = item4(5);
+    EXPECT_EQ(f.search(0, 1, &it), 1);
+    f.end();
+}
