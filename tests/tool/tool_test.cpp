@@ -473,6 +473,50 @@ TEST_F(Tool, DumpAndLoadAreExactForAnyBytes) {
     }
 }
 
+TEST_F(Tool, ProgressOnlyOnATerminal) {
+    init_config();
+    std::string dump = "# kisam dump 1\n# keys 6\n";
+    for (int i = 0; i < 5000; ++i) dump += "10 " + std::to_string(100000 + i) + "data\n";
+    dump += "# end 5000 records\n";
+    spit(path("d"), dump);
+
+    // Standard error on a pseudo-terminal: the count is redrawn in place.
+    int master = ::posix_openpt(O_RDWR | O_NOCTTY);
+    ASSERT_GE(master, 0);
+    ASSERT_EQ(::grantpt(master), 0);
+    ASSERT_EQ(::unlockpt(master), 0);
+    std::string slave = ::ptsname(master);
+    std::fflush(nullptr);
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        int fd = ::open(slave.c_str(), O_RDWR);
+        if (fd < 0) ::_exit(126);
+        ::dup2(fd, 2);
+        ::setenv("HOME", (dir + "/home").c_str(), 1);
+        ::setenv("HOME_Q9", (dir + "/q9").c_str(), 1);
+        ::setenv("PROFILEQ9ENV", (dir + "/home/.Q9.profile").c_str(), 1);
+        ::execl(KISAM_TOOL_PATH, KISAM_TOOL_PATH, "--config", cfg.c_str(), "load", path("a").c_str(),
+                path("d").c_str(), (char*)nullptr);
+        ::_exit(127);
+    }
+    std::string seen;
+    char buf[4096];
+    ssize_t n;
+    // The terminal reports EIO once the child has closed its side.
+    while ((n = ::read(master, buf, sizeof buf)) > 0) seen.append(buf, size_t(n));
+    ::close(master);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    EXPECT_EQ(WEXITSTATUS(status), 0) << seen;
+    EXPECT_NE(seen.find("\rload " + path("a") + ": 4096 records"), std::string::npos) << seen;
+
+    // Into a file: no progress, only the summary.
+    Result r = run({"load", path("b"), path("d")});
+    EXPECT_EQ(r.rc, 0);
+    EXPECT_EQ(r.err.find('\r'), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("loaded 5000 records"), std::string::npos) << r.err;
+}
+
 TEST_F(Tool, LoadRefusesBrokenDumps) {
     init_config();
     const std::string f = path("f");
@@ -654,6 +698,14 @@ TEST_F(Tool, StatSeesProcessesFilesAndTheDead) {
     EXPECT_NE(r.out.find("used by 2 processes"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("pid " + std::to_string(w1)), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("hits"), std::string::npos) << r.out;
+
+    // Repeated figures, with the file named.
+    r = run({"stat", f, "--every", "1", "--count", "2"});
+    EXPECT_EQ(r.rc, 0) << r.err;
+    size_t first = r.out.find("shared area at"), second = r.out.find("shared area at", first + 1);
+    EXPECT_NE(second, std::string::npos) << r.out;
+    EXPECT_EQ(r.out.find("shared area at", second + 1), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("slot 0   " + f + ", device"), std::string::npos) << r.out;
 
     // One writer dies without detaching: stat flags it while the other keeps the area.
     ::kill(w2, SIGKILL);
