@@ -270,6 +270,10 @@ TEST(BtErrors, AbsentItemsAndEmptyTrees) {
     for (PAGE p : {1024u, 2048u, 3072u})
         EXPECT_EQ(std::memcmp(f.disk_page(p).c, before[static_cast<size_t>(i++)].c, 1024), 0) << p;
     f.begin();
+    // A repair asked for a page that is not a child of the parent given.
+    EXPECT_EQ(bt_unflow(0, 1024, 2048), -1);
+    EXPECT_EQ(is_errno, ISE_BTS);
+    EXPECT_EQ(btt::error_stack(), (std::vector<int>{0x0605}));
     EXPECT_EQ(f.remove(0, same_key), 0);
     std::string probe = item4(4);
     EXPECT_EQ(f.search(0, 1, &probe), 1);   // 4 is gone: the next greater, 5
