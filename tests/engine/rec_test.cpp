@@ -13,6 +13,7 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <ostream>
 #include <random>
 #include <set>
 #include <string>
@@ -27,6 +28,13 @@ struct Shape {
     int magic;      // 512 or 1024
     int ops;
 };
+
+void PrintTo(const Shape& s, std::ostream* os) {
+    *os << "keys";
+    for (int l : s.keylens) *os << ' ' << l;
+    *os << (s.keyopt ? ", key option" : "") << ", Sp_half " << s.split_half << ", " << s.magic
+        << "-byte control page, " << s.ops << " steps";
+}
 
 class Model {
 public:
