@@ -180,9 +180,17 @@ TEST_F(DataPages, RecordShapesByLength) {
         EXPECT_EQ(n, 100);
         EXPECT_EQ(std::memcmp(back.data(), rec->data(), 100), 0);
     }
+    // Every page request advances the pool's use clock: the overflow part alone costs
+    // its two pages and never touches the tail page; one byte more reads the tail too.
     int n = 0;
-    auto front = get(d, 2032, &n);   // exactly the overflow part
+    LRUt clock = isam_com->lru_cnt;
+    auto front = get(d, 2032, &n);
+    EXPECT_EQ(isam_com->lru_cnt - clock, 2u);
     EXPECT_EQ(n, 2032);
+    clock = isam_com->lru_cnt;
+    get(d, 2033, &n);
+    EXPECT_EQ(isam_com->lru_cnt - clock, 3u);
+    EXPECT_EQ(n, 2033);
     EXPECT_EQ(std::memcmp(front.data(), r3000.data(), 2032), 0);
     front = get(b, 1018, &n);        // two bytes into the tail
     EXPECT_EQ(n, 1018);
