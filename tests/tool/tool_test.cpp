@@ -234,6 +234,7 @@ TEST_F(Tool, RecordsByEveryKey) {
     init_config();
     const std::string f = path("cust");
     ASSERT_EQ(run({"create", f, "4,6,3"}).rc, 0);
+    EXPECT_EQ(run({"create", f, "4"}).rc, 1) << "an existing file is kept";
     // key 0 (4 bytes), key 1 (6), key 2 (3), then free text.
     std::string recs = "C001smith_NYCfirst\n"
                        "C002jones_LAXsecond\n"

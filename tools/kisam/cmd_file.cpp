@@ -87,6 +87,7 @@ int cmd_create(std::vector<std::string> words) {
     Args a("create", std::move(words));
     a.flag("key-in-index");
     a.flag("small-header");
+    a.flag("force");
     if (!a.parse()) return EXIT_USAGE;
     if (a.pos().size() != 2) return usage_error("create", "expected FILE and KEYLEN[,KEYLEN...]");
     const std::string& file = a.pos()[0];
@@ -108,6 +109,9 @@ int cmd_create(std::vector<std::string> words) {
     for (int l : lens) total += l;
     if (total > KISAM_MAXREC) return usage_error("create", "the keys together are longer than the longest record (65534 bytes)");
     if (file.size() > 127) return fail("create", file + ": file name longer than 127 characters");
+    // The library replaces an existing file; a slip of the keyboard must not cost data.
+    if (!a.has("force") && ::access(file.c_str(), F_OK) == 0)
+        return fail("create", file + ": exists already (use --force to replace it)");
 
     Session s("create");
     if (!s.attach()) return EXIT_FAIL;

@@ -79,10 +79,12 @@ const std::map<std::string, const char*>& details() {
          "shared area in use, if any.\n"},
         {"create",
          "Usage: kisam create FILE KEYLEN[,KEYLEN...] [--key-in-index] [--small-header]\n"
+         "                    [--force]\n"
          "\n"
          "Creates FILE with one key per length given; key 0 is the primary key.  Records\n"
          "start with the key values in key order, so each record is at least the sum of\n"
-         "the key lengths long.  An existing FILE that no program has open is replaced.\n"
+         "the key lengths long.  An existing FILE is kept unless --force is given; a file\n"
+         "that some program has open is never replaced.\n"
          "  --key-in-index   keep key 0 only in its index, not in the stored record\n"
          "  --small-header   use a 512-byte control page instead of a 1024-byte one\n"},
         {"info",
