@@ -5,6 +5,8 @@
 #include <signal.h>
 #include <sys/wait.h>
 
+#include <random>
+
 using namespace pt;
 
 namespace {
@@ -133,6 +135,77 @@ TEST_F(PoolMp, FixesOfAHolderThatDiedAreCleared) {
         EXPECT_EQ(fixed_slots(), 0);
         nisunisam();
         inst_.reset();
+    }
+}
+
+// Processes at once on a pool much smaller than the files: every page read must be
+// the page, and no increment made through the pool may be lost.
+TEST_F(PoolMp, ConcurrentProcessesNeverSeeAStaleOrForeignPage) {
+    constexpr int kFiles = 4, kPages = 8, kProcs = 3, kHolds = 250;
+    constexpr int kCounter = 16;  // byte offset of the counter in a page
+    start(cfg(10, 4));  // four files at quota would need 16 slots: they steal
+    int fds[kFiles];
+    for (int f = 0; f < kFiles; ++f) fds[f] = make_file("f" + std::to_string(f) + ".ism", kPages);
+    uint32_t initial[kFiles][kPages];
+    for (int f = 0; f < kFiles; ++f)
+        for (int p = 0; p < kPages; ++p) {
+            unsigned char page[1024];
+            stamp(page, static_cast<PAGE>(p + 1) * 1024);
+            initial[f][p] = kisam::load_at<uint32_t>(page + kCounter);
+        }
+    const uint64_t seed = kt::test_seed(7);
+    std::vector<pid_t> kids;
+    for (int k = 0; k < kProcs; ++k) {
+        kids.push_back(kt::start_child([&, k] {
+            if (is_chinit() != 0) return 2;
+            std::mt19937_64 rng(seed + static_cast<uint64_t>(k));
+            uint32_t adds[kFiles][kPages] = {};
+            for (int h = 0; h < kHolds; ++h) {
+                const int f = static_cast<int>(rng() % kFiles);
+                begin(fds[f]);
+                for (int n = 1 + static_cast<int>(rng() % 2); n > 0; --n) {
+                    const int p = static_cast<int>(rng() % kPages);
+                    const PAGE pno = static_cast<PAGE>(p + 1) * 1024;
+                    IS_DATA* d = v_read(pno);
+                    if (!d || stamp_of(d) != pno) return 3;
+                    if (rng() % 2) {
+                        kisam::store_at<uint32_t>(d->c + kCounter, kisam::load_at<uint32_t>(d->c + kCounter) + 1);
+                        if (v_write(pno, d) != 0) return 4;
+                        ++adds[f][p];
+                    }
+                    v_unsafe(pno, d->c);
+                }
+                if (end() != 0) return 5;
+            }
+            // The counts go to a file of this child's own.
+            int out = ::open(path("adds" + std::to_string(k)).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
+            if (out < 0 || ::write(out, adds, sizeof adds) != static_cast<ssize_t>(sizeof adds)) return 6;
+            ::close(out);
+            nisunisam();
+            return 0;
+        }));
+    }
+    for (pid_t kid : kids) EXPECT_EQ(kt::wait_child(kid), 0) << "seed " << seed;
+    uint64_t total[kFiles][kPages] = {};
+    for (int k = 0; k < kProcs; ++k) {
+        uint32_t adds[kFiles][kPages];
+        int in = ::open(path("adds" + std::to_string(k)).c_str(), O_RDONLY);
+        ASSERT_EQ(::read(in, adds, sizeof adds), static_cast<ssize_t>(sizeof adds));
+        ::close(in);
+        for (int f = 0; f < kFiles; ++f)
+            for (int p = 0; p < kPages; ++p) total[f][p] += adds[f][p];
+    }
+    EXPECT_GT(isam_com->missread, 0u) << "the processes stole from each other";
+    EXPECT_GT(isam_com->hit, 0u);
+    for (int f = 0; f < kFiles; ++f) {
+        begin(fds[f]);
+        for (int p = 0; p < kPages; ++p) {
+            IS_DATA* d = get(p + 1);
+            ASSERT_NE(d, nullptr);
+            EXPECT_EQ(kisam::load_at<uint32_t>(d->c + kCounter), initial[f][p] + total[f][p])
+                << "file " << f << " page " << p << " seed " << seed;
+        }
+        EXPECT_EQ(end(), 0);
     }
 }
 
