@@ -605,7 +605,8 @@ int readbuf(IS_BUF* b) noexcept {
     IS_FCP* fcp = is_curfcp;
     const PAGE pno = b->bu_pno;
     const off_t off = v_fileoffset(fcp, pno);
-    if (off < 0) return is_raise(ISE_RDSK, PROC(P_V_READ, 4));
+    // A page must start at a valid offset and end within the 32-bit numbering.
+    if (off < 0 || pno > KISAM_NOPAGE - kisam::kPage) return is_raise(ISE_RDSK, PROC(P_V_READ, 4));
     ssize_t n = kisam::os_pread_full(is_curpfi->pfi_osfd, b->bu_data.c, kisam::kPage, off);
     if (n < 0) {
         // An outright failure is never taken for an empty read, not even in a sequential
@@ -616,7 +617,7 @@ int readbuf(IS_BUF* b) noexcept {
     if (n < kisam::kPage) {
         if (!(fcp->is_optbits & ISO_SEQ)) return is_raise(ISE_RDRD, PROC(P_V_READ, 5));
         std::memset(b->bu_data.c + n, 0, static_cast<size_t>(kisam::kPage - n));
-        if (static_cast<uint64_t>(fcp->is_lastpage) < static_cast<uint64_t>(pno) + kisam::kPage)
+        if (fcp->is_lastpage < pno + kisam::kPage)
             fcp->is_nextfree = fcp->is_lastpage = pno + kisam::kPage;
     }
     count(isam_com->sysread);

@@ -219,6 +219,10 @@ TEST_F(Pool, SequentialFileReadsZeroPagesPastItsEnd) {
     for (int i = 0; i < 1024; ++i) ASSERT_EQ(d->c[i], 0);
     EXPECT_EQ(f->is_lastpage, 5120u);
     EXPECT_EQ(f->is_nextfree, 5120u);
+    // No page past the 32-bit numbering, not even a zero one.
+    EXPECT_EQ(v_read(KISAM_NOPAGE), nullptr);
+    EXPECT_EQ(is_errno, ISE_RDSK);
+    EXPECT_EQ(f->is_lastpage, 5120u);
     EXPECT_EQ(end(), 0);
 }
 
