@@ -7,6 +7,7 @@
 // once, only the control page lags until the next flush.
 #include "tool.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -274,11 +275,16 @@ int cmd_info(std::vector<std::string> words) {
                     cp.cdp[i] & ~1023u, cp.cdp[i] & 1023u);
     std::printf("\n");
 
-    // Pages by kind, from the first word of each page.
+    // Pages by kind, from the first word of each page, up to the recorded end of file
+    // (a file extended behind the engine's back is not read to its end).
     uint64_t btree = 0, shared = 0, overflow = 0, freep = 0, fresh = 0, other = 0;
     {
         unsigned char b[1024];
-        for (uint64_t i = 1; i < npages; ++i) {
+        const uint64_t end = std::min<uint64_t>(npages, cp.lastpage / 1024);
+        Progress prog("info " + file, end, "pages");
+        for (uint64_t i = 1; i < end; ++i) {
+            if (g_interrupted) break;
+            prog.update(i, i);
             if (!r.read(uint32_t(i * 1024), b)) break;
             uint16_t w = u16(b);
             if (w == 0xFFFE)

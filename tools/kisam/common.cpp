@@ -169,8 +169,8 @@ std::optional<std::string> unescape(std::string_view text) {
 
 // ---- progress ------------------------------------------------------------------------------------
 
-Progress::Progress(std::string what, uint64_t total)
-    : what_(std::move(what)), total_(total), on_(!g.quiet && ::isatty(STDERR_FILENO)) {}
+Progress::Progress(std::string what, uint64_t total, const char* unit)
+    : what_(std::move(what)), unit_(unit), total_(total), on_(!g.quiet && ::isatty(STDERR_FILENO)) {}
 
 Progress::~Progress() {
     // Clear the line so that a following message starts at the margin.
@@ -180,10 +180,10 @@ Progress::~Progress() {
 void Progress::show(uint64_t records, uint64_t done) {
     shown_ = true;
     if (total_)
-        std::fprintf(stderr, "\r%s: %llu records (%3llu%%)", what_.c_str(), static_cast<unsigned long long>(records),
+        std::fprintf(stderr, "\r%s: %llu %s (%3llu%%)", what_.c_str(), static_cast<unsigned long long>(records), unit_,
                      static_cast<unsigned long long>(done * 100 / total_));
     else
-        std::fprintf(stderr, "\r%s: %llu records", what_.c_str(), static_cast<unsigned long long>(records));
+        std::fprintf(stderr, "\r%s: %llu %s", what_.c_str(), static_cast<unsigned long long>(records), unit_);
     std::fflush(stderr);
 }
 

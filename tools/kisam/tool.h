@@ -138,7 +138,7 @@ class Progress {
 public:
     // Shows "WHAT: N records" on standard error when it is a terminal, with a percentage
     // when total (in any unit, e.g. input bytes) is known (non-zero).
-    Progress(std::string what, uint64_t total);
+    Progress(std::string what, uint64_t total, const char* unit = "records");
     ~Progress();
     void update(uint64_t records, uint64_t done = 0) {
         if (on_ && (records % 1024) == 0) show(records, done);
@@ -147,6 +147,7 @@ public:
 private:
     void show(uint64_t records, uint64_t done);
     std::string what_;
+    const char* unit_;
     uint64_t total_;
     bool on_;
     bool shown_ = false;
