@@ -335,42 +335,42 @@ struct Model {
     int maxfbuf;
     uint32_t hit = 0, missfree = 0, missread = 0;
     Model(int n, int q) : s(static_cast<size_t>(n)), maxfbuf(q) {
-        for (int i = 0; i < n; ++i) s[static_cast<size_t>(i)].next = i + 1 < n ? i + 1 : -1;
+        for (int i = 0; i < n; ++i) s[i].next = i + 1 < n ? i + 1 : -1;
     }
     int read(int f, PAGE p) {
         lru = lru == 0xFFFFFFFFu ? 1 : lru + 1;
         if (!head.count(f)) head[f] = -1;
         int n = 0, cand = -1;
-        for (int i = head[f]; i >= 0; i = s[static_cast<size_t>(i)].next, ++n) {
-            Slot& b = s[static_cast<size_t>(i)];
+        for (int i = head[f]; i >= 0; i = s[i].next, ++n) {
+            Slot& b = s[i];
             if (b.page == p) { ++hit; b.cnt = lru; b.fixed = true; return i; }
-            if (!b.fixed && (cand < 0 || b.cnt < s[static_cast<size_t>(cand)].cnt)) cand = i;
+            if (!b.fixed && (cand < 0 || b.cnt < s[cand].cnt)) cand = i;
         }
         if (n >= maxfbuf && cand >= 0) {
-            Slot& b = s[static_cast<size_t>(cand)];
+            Slot& b = s[cand];
             b.cnt = lru; b.page = p; b.fixed = true; ++missfree;
             return cand;
         }
         int v;
         if (freehd >= 0) {
-            v = freehd; freehd = s[static_cast<size_t>(v)].next; ++missfree;
+            v = freehd; freehd = s[v].next; ++missfree;
         } else {
             v = -1;
             for (int i = 0; i < static_cast<int>(s.size()); ++i)
-                if (!s[static_cast<size_t>(i)].fixed && (v < 0 || s[static_cast<size_t>(i)].cnt < s[static_cast<size_t>(v)].cnt)) v = i;
+                if (!s[i].fixed && (v < 0 || s[i].cnt < s[v].cnt)) v = i;
             if (v < 0) return -1;
             ++missread;
-            int& h = head[s[static_cast<size_t>(v)].file];
-            if (h == v) h = s[static_cast<size_t>(v)].next;
-            else for (int i = h; i >= 0; i = s[static_cast<size_t>(i)].next)
-                if (s[static_cast<size_t>(i)].next == v) { s[static_cast<size_t>(i)].next = s[static_cast<size_t>(v)].next; break; }
+            int& h = head[s[v].file];
+            if (h == v) h = s[v].next;
+            else for (int i = h; i >= 0; i = s[i].next)
+                if (s[i].next == v) { s[i].next = s[v].next; break; }
         }
-        Slot& b = s[static_cast<size_t>(v)];
+        Slot& b = s[v];
         b.next = head[f]; head[f] = v; b.file = f; b.cnt = lru; b.page = p; b.fixed = true;
         return v;
     }
     void release(int f) {
-        for (int i = head.count(f) ? head[f] : -1; i >= 0; i = s[static_cast<size_t>(i)].next) s[static_cast<size_t>(i)].fixed = false;
+        for (int i = head.count(f) ? head[f] : -1; i >= 0; i = s[i].next) s[i].fixed = false;
     }
 };
 
@@ -384,13 +384,14 @@ TEST_F(Pool, RandomizedRunAgreesWithModel) {
     int fds[3];
     for (int i = 0; i < 3; ++i) fds[i] = make_file("f" + std::to_string(i) + ".ism", npages);
     Model m(nbuf, quota);
+    isam_com->lru_cnt = 0xFFFFFF00u;  // the clock wraps during the run
     m.lru = isam_com->lru_cnt;
     auto check = [&](int step) {
         ASSERT_EQ(isam_com->hit, m.hit) << "step " << step << " seed " << seed;
         ASSERT_EQ(isam_com->missfree, m.missfree) << "step " << step << " seed " << seed;
         ASSERT_EQ(isam_com->missread, m.missread) << "step " << step << " seed " << seed;
         for (int i = 0; i < nbuf; ++i) {
-            const Model::Slot& ms = m.s[static_cast<size_t>(i)];
+            const Model::Slot& ms = m.s[i];
             if (ms.file < 0) continue;
             ASSERT_EQ(slot(i).bu_id & BU_FILEMASK, ms.file) << "slot " << i << " step " << step << " seed " << seed;
             ASSERT_EQ(slot(i).bu_pno, ms.page) << "slot " << i << " step " << step << " seed " << seed;
@@ -427,7 +428,7 @@ TEST_F(Pool, RandomizedRunAgreesWithModel) {
                 ASSERT_EQ(stamp_of(d), p) << "step " << step << " seed " << seed;
                 if (rng() % 3 == 0) {
                     ASSERT_EQ(v_unsafe(p, d->c), 0);
-                    m.s[static_cast<size_t>(want)].fixed = false;
+                    m.s[want].fixed = false;
                 }
             }
             ASSERT_EQ(end(), 0);
