@@ -85,15 +85,20 @@ public:
             const std::string key0 = it.substr(0, static_cast<size_t>(k0.k_keylen));
             PAGE addr;
             std::memcpy(&addr, it.data() + k0.k_offset, 4);
+            // Only the key fields are kept; the length counts the whole record.
             std::string rec = keyopt ? key0 : std::string();
+            size_t length = rec.size();
             if (!(keyopt && addr == KISAM_NOPAGE)) {
                 std::string data;
-                if (!fetch(addr, &data, key0)) return false;
+                size_t dlen = 0;
+                const size_t keep = static_cast<size_t>(img_.minrec) - rec.size();
+                if (!fetch(addr, &data, keep, &dlen, key0)) return false;
                 rec += data;
+                length += dlen;
             }
-            if (static_cast<int>(rec.size()) < img_.minrec || rec.size() > KISAM_MAXREC)
+            if (length < static_cast<size_t>(img_.minrec) || length > KISAM_MAXREC)
                 return rep_.fail(fmt("data: record %s is %zu bytes (is_minrec %d)",
-                                     hex(key0).c_str(), rec.size(), img_.minrec));
+                                     hex(key0).c_str(), length, img_.minrec));
             if (rec.compare(0, key0.size(), key0) != 0)
                 return rep_.fail("data: record " + hex(key0) + " holds another key 0 value");
             ++rep_.records;
@@ -153,8 +158,13 @@ private:
         return true;
     }
 
-    // Reads the data part of the record at addr into *out, noting its segments.
-    bool fetch(PAGE addr, std::string* out, const std::string& key0) {
+    // Follows the data part of the record at addr, noting its segments: its first `keep`
+    // bytes go to *out, its length to *length.
+    bool fetch(PAGE addr, std::string* out, size_t keep, size_t* length, const std::string& key0) {
+        auto take = [&](const char* p, size_t n) {
+            if (out->size() < keep) out->append(p, std::min(n, keep - out->size()));
+            *length += n;
+        };
         const std::string who = "record " + hex(key0);
         for (int segx = 1; addr != KISAM_NOPAGE && (addr & kLow) == 1; ++segx) {
             const PAGE p = addr - 1;
@@ -164,12 +174,14 @@ private:
             if (segx > KISAM_MAXREC / kOverflowData + 1)
                 return rep_.fail("data: " + who + ": overflow chain too long");
             if (!claim(p, false)) return false;
-            const IS_DATA* d = page(p, who.c_str());
-            if (!d) return false;
+            IS_DATA ov;   // overflow pages are read once: not kept
+            std::string err;
+            if (!img_.read_page(p, &ov, &err)) return rep_.fail("data: " + who + ": " + err);
+            const IS_DATA* d = &ov;
             if (u16(*d, 0) != 0x8001 || u16(*d, 2) != segx)
                 return rep_.fail(fmt("data: %s: overflow page %u has magic 0x%04x segx %d, expected "
                                      "0x8001 and %d", who.c_str(), p, u16(*d, 0), u16(*d, 2), segx));
-            out->append(d->c + 8, kOverflowData);
+            take(d->c + 8, kOverflowData);
             addr = u32(*d, 4);
         }
         const int s0 = static_cast<int>(addr & kLow);
@@ -199,7 +211,7 @@ private:
             size = std::max(size, 4);
             if (s + hdr + len > kPageSize)
                 return rep_.fail(fmt("data: %s: segment at %d of page %u runs past the page", who.c_str(), s, p));
-            out->append(d->c + s + hdr, static_cast<size_t>(len));
+            take(d->c + s + hdr, static_cast<size_t>(len));
             pieces.push_back({s, s + size, true});
             s = next;
         }
