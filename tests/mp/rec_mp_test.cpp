@@ -160,19 +160,36 @@ protected:
         return m;
     }
 
-    kt::Installation inst_;
+    // A small pool, so that the writers take slots from each other all the time.
+    static kt::Config small_pool() {
+        kt::Config c;
+        c.maxbuf = 24;
+        return c;
+    }
+    kt::Installation inst_{small_pool()};
     std::string path_;
 };
 
 TEST_F(ConcurrentRecords, WritersKeepTheirOwnRangesAndTheIndexesWhole) {
     // Two writers attach on their own; the other two inherit the parent's attachment
     // through fork and announce themselves with is_chinit.
+    // All of them start at once, after attaching.
+    kt::Pipe go;
     std::vector<pid_t> pids;
     for (int w = 0; w < 2; ++w)
-        pids.push_back(kt::start_child([&, w] { return is_init() == 0 ? writer(w) : 50; }));
+        pids.push_back(kt::start_child([&, w] {
+            if (is_init() != 0) return 50;
+            go.wait();
+            return writer(w);
+        }));
     ASSERT_EQ(is_init(), 0);
     for (int w = 2; w < kWriters; ++w)
-        pids.push_back(kt::start_child([&, w] { return is_chinit() == 0 ? writer(w) : 51; }));
+        pids.push_back(kt::start_child([&, w] {
+            if (is_chinit() != 0) return 51;
+            go.wait();
+            return writer(w);
+        }));
+    for (int w = 0; w < kWriters; ++w) go.signal();
     for (size_t i = 0; i < pids.size(); ++i) EXPECT_EQ(kt::wait_child(pids[i]), 0) << "writer " << i;
     ASSERT_EQ(nisunisam(), 0);
     ASSERT_FALSE(HasFailure());
