@@ -5,6 +5,7 @@
 
 #include "kcheck.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -626,6 +627,41 @@ TEST_F(RecordEdges, EntryTableAndStat) {
     EXPECT_EQ(is_errno, ISE_BADFD);
     EXPECT_EQ(t.nisread(fd, 3, b, sizeof b), -1);
     EXPECT_EQ(is_errno, ISE_BADKN);
+}
+
+}  // namespace
+
+namespace {
+
+// Copies `from` to `to` and overwrites `bytes` at `off` in the copy.
+void damaged_copy(const std::string& from, const std::string& to, off_t off, const std::string& bytes) {
+    std::string cmd = "cp '" + from + "' '" + to + "'";
+    ASSERT_EQ(std::system(cmd.c_str()), 0);
+    int fd = ::open(to.c_str(), O_RDWR);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::pwrite(fd, bytes.data(), bytes.size(), off), static_cast<ssize_t>(bytes.size()));
+    ::close(fd);
+}
+
+TEST_F(RecordEdges, CheckerSeesDamagedDataPages) {
+    int fd = create("good.ism", 1, {4}, false);
+    // Tail of 968 bytes at offset 54 of page 1024 (52 free bytes in front), overflow
+    // pages 2048 (second block) and 3072 (first block), then the index root.
+    ASSERT_EQ(write(fd, rec("aaaa", "", 3000, 'a')), 0);
+    ASSERT_EQ(nisclose(fd), 0);
+    fds_.clear();
+    const std::string good = inst_.path("good.ism");
+    ASSERT_EQ(check("good.ism"), "");
+
+    auto error_of = [&](const char* name) { return kisam::check::check_file(inst_.path(name)).error; };
+    damaged_copy(good, inst_.path("segx.ism"), 3072 + 2, std::string("\x07\x00", 2));
+    EXPECT_NE(error_of("segx.ism").find("segx"), std::string::npos) << error_of("segx.ism");
+    damaged_copy(good, inst_.path("chunk.ism"), 1024 + 4, std::string("\x3c\x00", 2));   // 60 bytes
+    EXPECT_NE(error_of("chunk.ism").find("overlaps"), std::string::npos) << error_of("chunk.ism");
+    damaged_copy(good, inst_.path("cdp.ism"), 16, std::string("\x32\x04\x00\x00", 4));   // 50 free
+    EXPECT_NE(error_of("cdp.ism").find("is_cdp[0]"), std::string::npos) << error_of("cdp.ism");
+    damaged_copy(good, inst_.path("min.ism"), 96, std::string("\xff\xff", 2));
+    EXPECT_NE(error_of("min.ism").find("is_mincdpi"), std::string::npos) << error_of("min.ism");
 }
 
 }  // namespace
