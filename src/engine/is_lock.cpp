@@ -108,7 +108,9 @@ void is_incsyslocks(void) noexcept {
 }
 
 int is_fwait(volatile unsigned* lockidp) noexcept {
-    isam_com->usrwaits++;
+    // The buffer pool reads this count to learn that a holder gave its control lock up
+    // without a flush; an increment lost to a concurrent one would hide that.
+    std::atomic_ref<uint32_t>(isam_com->usrwaits).fetch_add(1, std::memory_order_relaxed);
     is_unlock(&is_curfcp->jd_fcplock);
     const unsigned long o = kisam::com_offset(lockidp);
     int rc = 0;

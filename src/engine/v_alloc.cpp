@@ -56,12 +56,23 @@ IS_DATA* v_new(PAGE* pno) noexcept {
         next = fcp->is_nextfree = fcp->is_lastpage;  // a damaged chain is abandoned
     *pno = next;
 
-    IS_DATA* pg;
+    IS_DATA* pg = nullptr;
     if (next != fcp->is_lastpage) {
         pg = v_read(next);
         if (!pg) return nullptr;
-        fcp->is_nextfree = pg->fp.fp_nextpage;
-    } else {
+        if (pg->fp.fp_ident == -2) {
+            fcp->is_nextfree = pg->fp.fp_nextpage;
+        } else {
+            // Every page put on the chain carries the free mark; one without it means
+            // the chain is damaged and would hand out a page in use.  Abandon the chain
+            // (its pages are lost to reuse, never given out twice) and grow instead.
+            v_unsafe(next, pg->c);
+            pg = nullptr;
+            next = fcp->is_nextfree = fcp->is_lastpage;
+            *pno = next;
+        }
+    }
+    if (pg == nullptr) {
         const off_t off = v_fileoffset(fcp, next);
         if (off < 0 || static_cast<uint64_t>(off) > kMaxPageOffset || next > kMaxPage) {
             is_raise(ISE_NWSK, PROC(P_V_NEW, 1));

@@ -102,6 +102,21 @@ TEST_F(Alloc, DamagedChainHeadIsAbandoned) {
     }
 }
 
+TEST_F(Alloc, ChainHeadWithoutTheFreeMarkIsNeverHandedOut) {
+    const PAGE used = grab();
+    grab();
+    IS_DATA* d = v_read(used);
+    ASSERT_NE(d, nullptr);
+    d->bt.bt_keyno = 0;  // a page in use, as an index page would be
+    d->bt.bt_nitems = 1;
+    ASSERT_EQ(v_write(used, d), 0);
+    const PAGE end = f_->is_lastpage;
+    f_->is_nextfree = used;  // a damaged head that names it
+    EXPECT_EQ(grab(), end);
+    EXPECT_EQ(f_->is_nextfree, end + 1024);
+    EXPECT_EQ(disk(used)[2], 1) << "the page in use kept its content";
+}
+
 TEST_F(Alloc, EndOfFileIsTakenFromTheFileRoundedUp) {
     grab();
     int os = ::open(path("a.ism").c_str(), O_RDWR);
