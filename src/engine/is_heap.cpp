@@ -55,8 +55,12 @@ char* alloccom(unsigned int nbytes) noexcept {
     Cheader* prev = block(prev_off);
     RELt p_off = prev->Cnext;
     Cheader* p = block(p_off);
+    // A sound list has fewer blocks than the heap has units; a longer walk means a list
+    // damaged into a cycle that misses its start, which must not hang every process.
+    const uint64_t limit = static_cast<uint64_t>(isam_com->comsize) / kUnit + 2;
+    uint64_t steps = 0;
     while (p->Csize < units) {
-        if (p_off == start) {  // walked the whole list once
+        if (p_off == start || ++steps > limit) {  // walked the whole list once
             is_unlock(free_lock());
             return nullptr;
         }
