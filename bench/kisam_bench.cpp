@@ -9,11 +9,14 @@
 // reads again bracketed by nisgetctl/nisrelctl in batches of 1000, and deletes in random
 // order.  For each phase it prints operations per second and the pool's counters from
 // the common area header.  The segment goes away when the program detaches as the last
-// process; the directory is removed at the end.
+// process (and is removed explicitly should anything fail); the directory is removed at
+// the end.
 #include <kisam/kisam.h>
 #include <kisam/ztsupport.h>
 
 #include <fcntl.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -197,6 +200,10 @@ int main(int argc, char** argv) {
     ::setenv("PROFILEQ9ENV", (dir + "/.Q9.profile").c_str(), 1);
     int rc = run(dir, maxbuf, n);
     if (ZTKISAMGetComAddr() != nullptr) nisunisam();
+    // The last detach removes the segment; make sure of it even after a failure.
+    key_t key = ::ftok((dir + "/kisamconfig.lk").c_str(), 1);
+    int id = key == -1 ? -1 : ::shmget(key, 0, 0);
+    if (id >= 0) ::shmctl(id, IPC_RMID, nullptr);
     std::string cmd = "rm -rf '" + dir + "'";
     if (std::system(cmd.c_str()) != 0) rc = rc ? rc : 1;
     return rc;
