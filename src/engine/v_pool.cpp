@@ -399,6 +399,19 @@ bool reap_dead_holders() noexcept {
     return found;
 }
 
+// True when every slot is fixed and each belongs to a file whose control lock this
+// process holds.  Requires buf_lock.
+bool fixed_by_us_only() noexcept {
+    for (int i = 0; i < isam_com->maxbufs; ++i) {
+        const IS_BUF* b = slot(i);
+        if (!(b->bu_id & BU_INUSE)) return false;
+        const int w = b->bu_id & BU_FILEMASK;
+        const IS_FCP* f = w < isam_com->maxopen ? pfo_fcp(w) : nullptr;
+        if (!f || f->jd_fcplock != static_cast<unsigned>(is_pid)) return false;
+    }
+    return true;
+}
+
 // The lock-holding part of a miss: a free slot or a victim, attached to u's chain and
 // loaded with pno.  Returns the slot or -1 (error raised, nothing of ours left locked).
 int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb) noexcept {
@@ -455,6 +468,13 @@ int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb) noexcept {
                 if (reap_dead_holders()) {
                     is_unlock(&com->buf_lock);
                     continue;
+                }
+                // Only the holder of a file's control lock unfixes its slots.  When every
+                // slot is fixed under control locks this process holds, no other process
+                // can ever free one: waiting would hang, so the read fails instead.
+                if (fixed_by_us_only()) {
+                    is_unlock(&com->buf_lock);
+                    return is_raise(ISE_BUFLINK, PROC(P_V_READ, 7));
                 }
                 std::atomic_ref<uint16_t>(com->vr_nsleep).fetch_add(1, std::memory_order_relaxed);
                 is_unlock(&com->buf_lock);

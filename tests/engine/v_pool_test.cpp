@@ -120,6 +120,24 @@ TEST_F(Pool, ClocksWrapToOne) {
     EXPECT_EQ(end(), 0);
 }
 
+TEST_F(Pool, ReadFailsRatherThanWaitForSlotsOnlyThisProcessCanRelease) {
+    start(cfg(2, 100));
+    int fd = make_file("a.ism", 3);
+    begin(fd);
+    get(1);
+    get(2);
+    const uint16_t sleeps = isam_com->vr_nsleep;
+    EXPECT_EQ(v_read(3 * 1024), nullptr);
+    EXPECT_EQ(is_errno, ISE_BUFLINK);
+    EXPECT_EQ(is_estk[0].is_eproc, P_V_READ);
+    EXPECT_EQ(is_estk[0].is_euid, 7);
+    EXPECT_EQ(isam_com->vr_nsleep, sleeps);
+    EXPECT_EQ(end(), 0);
+    begin(fd);
+    get(3);  // the release unfixed both slots
+    EXPECT_EQ(end(), 0);
+}
+
 TEST_F(Pool, WriteAndUnsafeRefuseAnotherPage) {
     start(cfg(4, 0));
     int fd = make_file("a.ism", 2);
