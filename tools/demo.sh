@@ -96,12 +96,13 @@ mkfifo feed
 kisam put customers - < feed &
 writer=$!
 exec 3> feed
-printf 'C0200000%-20s%-12snew customer\n' "Demo 00001" "Lisbon" >&3
+# A few hundred new customers, so that the buffer figures have something to show.
+awk 'BEGIN { for (i = 0; i < 300; i++) printf "C02%05d%-20s%-12snew customer\n", i, sprintf("Demo %05d", i), "Lisbon" }' >&3
 sleep 1
 show kisam stat customers
 exec 3>&-
 wait "$writer" || true
 writer=""
-show kisam get customers C0200000
+show kisam scan customers --from C0200000 --limit 3
 
 step "Done: the temporary directory is removed, and no shared area is left behind."

@@ -19,6 +19,8 @@
 namespace kisam_tool {
 namespace {
 
+const char* plural(long n, const char* one, const char* many) { return n == 1 ? one : many; }
+
 std::string pct(uint64_t part, uint64_t whole) {
     if (whole == 0) return "-";
     char b[32];
@@ -36,8 +38,9 @@ void print_once(int shmid, const std::vector<std::pair<std::string, struct stat>
     char when[64];
     std::time_t now = std::time(nullptr);
     std::strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S", std::localtime(&now));
-    std::printf("shared area at %s: id %d, %lld bytes, %lu processes attached\n", when, shmid,
-                static_cast<long long>(com->comsize), static_cast<unsigned long>(ds.shm_nattch));
+    std::printf("shared area at %s: id %d, %lld bytes, %lu %s attached\n", when, shmid,
+                static_cast<long long>(com->comsize), static_cast<unsigned long>(ds.shm_nattch),
+                plural(long(ds.shm_nattch), "process", "processes"));
 
     // Buffers.
     const IS_BUF* bufs = reinterpret_cast<const IS_BUF*>(base + com->buf_base);
@@ -90,9 +93,9 @@ void print_once(int shmid, const std::vector<std::pair<std::string, struct stat>
         std::string name;
         for (const auto& [path, st] : named)
             if (uint64_t(st.st_ino) == fcp->jd_ino && uint64_t(st.st_dev) == fcp->jd_dev) name = path + ", ";
-        std::printf("  slot %-3d %sdevice %u:%u inode %llu: %d keys, used by %d processes, %d buffers, control lock %s%s%s\n",
+        std::printf("  slot %-3d %sdevice %u:%u inode %llu: %d keys, used by %d %s, %d buffers, control lock %s%s%s\n",
                     i, name.c_str(), major(dev), minor(dev), static_cast<unsigned long long>(fcp->jd_ino), fcp->is_nkeys,
-                    fcp->is_usecnt, nb, holder(fcp->jd_fcplock).c_str(),
+                    fcp->is_usecnt, plural(fcp->is_usecnt, "process", "processes"), nb, holder(fcp->jd_fcplock).c_str(),
                     (fcp->is_optbits & ISO_DIRTYMARK) ? ", data-changed mark set" : "",
                     (fcp->is_optbits & ISO_SEQ) ? ", sequential" : "");
     }
