@@ -17,6 +17,10 @@ cleanup() {
 }
 trap cleanup EXIT
 fail() { echo "install_test: $*" >&2; exit 1; }
+# Without the tools a consumer uses, there is nothing to show (CTest: skipped).
+for t in cc pkg-config readelf; do
+    command -v "$t" >/dev/null 2>&1 || { echo "install_test: $t not found; skipped"; exit 77; }
+done
 
 prefix="$work/prefix"
 HOME="$work/home"; HOME_Q9="$work/q9"; PROFILEQ9ENV="$work/home/.Q9.profile"
