@@ -144,6 +144,11 @@ int config_init(std::vector<std::string> words) {
     ::close(lfd);
     std::printf("wrote %s and its lock file %s (shared segment of %lld bytes)\n", path.c_str(), lk.c_str(),
                 static_cast<long long>(l.comsize));
+    // A running installation keeps the area it was started with.
+    long key = installation_key(path);
+    if (key != -1 && ::shmget(key_t(key), 0, 0) >= 0)
+        std::printf("note: the shared area of this installation is in use; the new values take effect once "
+                    "every program has detached\n");
     return EXIT_OK;
 }
 
