@@ -22,17 +22,7 @@
 
 namespace btt {
 
-// Procedure codes of the error stack, innermost first.
-inline std::vector<int> error_stack() {
-    std::vector<int> v;
-    if (!is_etop) return v;
-    for (const is_etrace* e = is_estk; e < is_etop; ++e) {
-        uint16_t w;
-        std::memcpy(&w, e, sizeof w);
-        v.push_back(w);
-    }
-    return v;
-}
+using kt::error_stack;
 
 // One ISAM file of a private installation.  Between begin() and end() the test holds the
 // file's frame and control lock and may call the B-tree directly.

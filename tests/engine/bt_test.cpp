@@ -3,7 +3,6 @@
 #include "bt_fixture.h"
 
 #include "kcheck.h"
-#include "os.h"
 
 #include <sys/resource.h>
 
@@ -125,39 +124,23 @@ TEST(BtPages, EvenSplitAndNewRoot) {
 
 TEST(BtPages, SplitAtInsertionPoint) {
     SpHalf sp(0);
-    {
+    struct Case {
+        std::initializer_list<int> order;
+        int up;
+        const char *left, *right;
+    };
+    // At the end the page splits there; in the middle the new item itself goes up.
+    for (const Case& c : {Case{{1, 2, 3, 4, 5}, 4, "123", "5"}, Case{{5, 4, 3, 2, 1}, 2, "1", "345"},
+                          Case{{1, 2, 4, 5, 3}, 3, "12", "45"}}) {
         BtFile f(1024, {240});
         f.begin();
-        insert_all(f, {1, 2, 3, 4, 5});
+        insert_all(f, c.order);
         PAGE root = f.root(0);
         f.end();
         IS_DATA r = f.disk_page(root);
-        EXPECT_EQ(item_at(r, 0, kLen4), item4(4));
-        EXPECT_EQ(keys_of(f.disk_page(ptr_at(r, 0, kLen4))), "123");
-        EXPECT_EQ(keys_of(f.disk_page(ptr_at(r, 1, kLen4))), "5");
-    }
-    {
-        BtFile f(1024, {240});
-        f.begin();
-        insert_all(f, {5, 4, 3, 2, 1});
-        PAGE root = f.root(0);
-        f.end();
-        IS_DATA r = f.disk_page(root);
-        EXPECT_EQ(item_at(r, 0, kLen4), item4(2));
-        EXPECT_EQ(keys_of(f.disk_page(ptr_at(r, 0, kLen4))), "1");
-        EXPECT_EQ(keys_of(f.disk_page(ptr_at(r, 1, kLen4))), "345");
-    }
-    {
-        // In the middle the new item itself goes up.
-        BtFile f(1024, {240});
-        f.begin();
-        insert_all(f, {1, 2, 4, 5, 3});
-        PAGE root = f.root(0);
-        f.end();
-        IS_DATA r = f.disk_page(root);
-        EXPECT_EQ(item_at(r, 0, kLen4), item4(3));
-        EXPECT_EQ(keys_of(f.disk_page(ptr_at(r, 0, kLen4))), "12");
-        EXPECT_EQ(keys_of(f.disk_page(ptr_at(r, 1, kLen4))), "45");
+        EXPECT_EQ(item_at(r, 0, kLen4), item4(c.up));
+        EXPECT_EQ(keys_of(f.disk_page(ptr_at(r, 0, kLen4))), c.left);
+        EXPECT_EQ(keys_of(f.disk_page(ptr_at(r, 1, kLen4))), c.right);
     }
 }
 
@@ -333,40 +316,7 @@ TEST(BtInsert, DuplicatesAndForcedExchange) {
     EXPECT_EQ(rep.keys.at(1).items, 3);
 }
 
-// ---- failures of the layers below: every level adds its own code ----------------------
-
 namespace {
-
-// Makes the nth pwrite (or pread) from now fail with EIO; restores the real call.
-class FailNth {
-public:
-    enum Kind { kWrite, kRead };
-    FailNth(Kind kind, int n) {
-        countdown_ = n;
-        if (kind == kWrite) kisam::os.pwrite = &FailNth::pwrite;
-        else kisam::os.pread = &FailNth::pread;
-    }
-    ~FailNth() {
-        kisam::os.pwrite = kisam::os_real.pwrite;
-        kisam::os.pread = kisam::os_real.pread;
-    }
-private:
-    static ssize_t pwrite(int fd, const void* b, size_t n, off_t off) {
-        if (--countdown_ == 0) {
-            errno = EIO;
-            return -1;
-        }
-        return kisam::os_real.pwrite(fd, b, n, off);
-    }
-    static ssize_t pread(int fd, void* b, size_t n, off_t off) {
-        if (--countdown_ == 0) {
-            errno = EIO;
-            return -1;
-        }
-        return kisam::os_real.pread(fd, b, n, off);
-    }
-    static inline int countdown_ = 0;
-};
 
 int last_code() {
     std::vector<int> st = btt::error_stack();
@@ -375,6 +325,7 @@ int last_code() {
 
 }  // namespace
 
+// Failures of the layers below: every level adds its own code.
 TEST(BtFaults, InsertAddsTheDetailOfTheFailingStep) {
     SpHalf sp(1);
     // A full root leaf [1,2,3,4]; the fifth insert allocates the right half (one write to
@@ -387,7 +338,7 @@ TEST(BtFaults, InsertAddsTheDetailOfTheFailingStep) {
         insert_all(f, {1, 2, 3, 4});
         std::string it = item4(5);
         {
-            FailNth fail(FailNth::kWrite, n);
+            kt::FailIo fail(kt::FailIo::kWrite, n);
             EXPECT_EQ(f.insert(0, it), -1) << n;
         }
         EXPECT_EQ(last_code(), want[n - 1]) << "write " << n;
@@ -401,7 +352,7 @@ TEST(BtFaults, InsertAddsTheDetailOfTheFailingStep) {
         insert_all(f, {1, 2, 3, 4, 5});
         std::string it = item4(6);
         {
-            FailNth fail(FailNth::kWrite, 1);
+            kt::FailIo fail(kt::FailIo::kWrite, 1);
             EXPECT_EQ(f.insert(0, it), -1);
         }
         std::vector<int> st = btt::error_stack();
@@ -427,7 +378,7 @@ TEST(BtFaults, SearchBelowTheRootReportsTreeError) {
     f.currpage(0) = KISAM_NOPAGE;
     std::string it = item4(5);
     {
-        FailNth fail(FailNth::kRead, 2);   // the root reads, its child does not
+        kt::FailIo fail(kt::FailIo::kRead, 2);   // the root reads, its child does not
         EXPECT_EQ(f.search(0, 1, &it), -1);
     }
     EXPECT_EQ(is_errno, ISE_BTS);
@@ -446,7 +397,7 @@ TEST(BtFaults, DeleteWriteFailures) {
     f.begin();
     insert_all(f, {1, 2, 3, 4, 5, 6, 7});   // [1,2] 3 [4,5,6,7]
     {
-        FailNth fail(FailNth::kWrite, 1);
+        kt::FailIo fail(kt::FailIo::kWrite, 1);
         EXPECT_EQ(f.remove(0, item4(7)), -1);   // the leaf keeps enough items
     }
     std::vector<int> st = btt::error_stack();

@@ -29,38 +29,7 @@ kt::Config example_config() {
     return c;
 }
 
-template <class F>
-std::string capture_stderr(F fn) {
-    std::fflush(stderr);
-    FILE* tmp = std::tmpfile();
-    int saved = ::dup(2);
-    ::dup2(::fileno(tmp), 2);
-    fn();
-    std::fflush(stderr);
-    ::dup2(saved, 2);
-    ::close(saved);
-    std::string out;
-    std::rewind(tmp);
-    char buf[512];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, tmp)) > 0) out.append(buf, n);
-    std::fclose(tmp);
-    return out;
-}
-
 }  // namespace
-
-TEST(SizeComm, WorkedExample) {
-    struct is_config c = kt::to_record(example_config());
-    c.co_comsize = 12345;  // overwritten
-    ASSERT_EQ(sizecomm(&c), 0);
-    EXPECT_EQ(c.co_bufbase, 156);
-    EXPECT_EQ(c.co_pfobase, 4316);
-    EXPECT_EQ(c.co_pidbase, 4356);
-    EXPECT_EQ(c.co_needbase, 4376);
-    EXPECT_EQ(c.co_heapbase, 4396);
-    EXPECT_EQ(c.co_comsize, 8192);
-}
 
 TEST(SizeComm, SegmentIsAMultipleOf8192AndHeapFollowsTheTables) {
     for (int16_t users : {1, 3, 7, 100})
@@ -85,13 +54,14 @@ TEST(SizeComm, RefusesAHeapBeyondTheMaximum) {
     k.anumlock = 32767;
     struct is_config c = kt::to_record(k);
     int rc = 0;
-    std::string msg = capture_stderr([&] { rc = sizecomm(&c); });
+    std::string msg = kt::capture_output(2, [&] { rc = sizecomm(&c); });
     EXPECT_EQ(rc, -1);
     EXPECT_EQ(msg.rfind("common heap size of ", 0), 0u) << msg;
     EXPECT_NE(msg.find("K bytes exceeds maximum of 2097151K bytes.\n"), std::string::npos) << msg;
     EXPECT_EQ(c.co_comsize, 0);  // nothing filled in
 }
 
+// The worked example's sizes, as start-up lays the segment out.
 TEST(Segment, NewSegmentLayout) {
     kt::Config k = example_config();
     k.bits = 0x5;
@@ -111,7 +81,6 @@ TEST(Segment, NewSegmentLayout) {
     EXPECT_EQ(h->heap_base, 4396);
     EXPECT_EQ(h->buf_lock, 0x5u);  // receives co_bits
     EXPECT_EQ(h->iscom_magicval, ISCOM_MAGIC);
-    EXPECT_EQ(h->iscom_version, ISCOM_VERSION);
     EXPECT_EQ(h->buf_free, 0);
     EXPECT_EQ(h->lru_cnt, 0u);
     EXPECT_EQ(h->vr_nsleep, 0);
@@ -146,7 +115,7 @@ TEST(Segment, ExistingSmallerSegmentIsRefusedWithTheMessage) {
     int id = ::shmget(inst.key(), 8192, IPC_CREAT | 0666);
     ASSERT_GE(id, 0);
     char* p = nullptr;
-    std::string msg = capture_stderr([&] { p = getcomm(inst.key(), 16384); });
+    std::string msg = kt::capture_output(2, [&] { p = getcomm(inst.key(), 16384); });
     EXPECT_EQ(p, reinterpret_cast<char*>(-1));
     EXPECT_EQ(msg, "shmget fail. errno = " + std::to_string(EINVAL) + "\n");
 }
@@ -209,6 +178,4 @@ TEST(TextHelpers, FormatAndIndex) {
     EXPECT_EQ(wqindex("abc", 'd'), -1);
     EXPECT_EQ(wqindex("abca", 'a'), 0);
     EXPECT_EQ(wqindex("", 'a'), -1);
-    EXPECT_STREQ(hexchars, "0123456789abcdef");
-    EXPECT_EQ(maxheapsize, 2147483647L);
 }

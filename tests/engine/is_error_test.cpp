@@ -4,11 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include "kisam_test.h"
+
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <string>
-#include <unistd.h>
 
 namespace {
 
@@ -17,26 +17,6 @@ void clear_errors() {
     is_etop = nullptr;
     std::memset(is_estk, 0, sizeof is_estk);
     errno = 0;
-}
-
-// Runs fn with standard error redirected to a temporary file; returns what it wrote.
-template <class F>
-std::string capture_stderr(F fn) {
-    std::fflush(stderr);
-    FILE* tmp = std::tmpfile();
-    int saved = ::dup(2);
-    ::dup2(::fileno(tmp), 2);
-    fn();
-    std::fflush(stderr);
-    ::dup2(saved, 2);
-    ::close(saved);
-    std::string out;
-    std::rewind(tmp);
-    char buf[512];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, tmp)) > 0) out.append(buf, n);
-    std::fclose(tmp);
-    return out;
 }
 
 int16_t word_of(const is_etrace& e) {
@@ -115,7 +95,7 @@ TEST(ErrorReport, NothingBeforeTheFirstFailure) {
     char buf[64] = "junk";
     EXPECT_EQ(niserrmsgget(buf, sizeof buf), 0);
     EXPECT_STREQ(buf, "");
-    EXPECT_EQ(capture_stderr([] { niserrmsg(); }), "");
+    EXPECT_EQ(kt::capture_output(2, [] { niserrmsg(); }), "");
 }
 
 TEST(ErrorReport, OneLineFormInEachCase) {
@@ -156,7 +136,7 @@ TEST(ErrorReport, FullReportOnStandardError) {
     is_push(PROC(P_ISOPEN, 2));
     is_push(PROC(0x7F, 3));
     errno = EACCES;
-    std::string out = capture_stderr([] { niserrmsg(); });
+    std::string out = kt::capture_output(2, [] { niserrmsg(); });
     std::string want = std::string("ISE_INITERR isam initialization error in proc. is_init - 1\r\n") +
                        "    called from proc. isopen - 2\r\n" + "    called from proc. #127 - 3\r\n" +
                        "Sys errno #13 " + std::strerror(EACCES) + "\n";
@@ -164,8 +144,8 @@ TEST(ErrorReport, FullReportOnStandardError) {
 
     errno = 0;
     is_errno = 44;
-    EXPECT_EQ(capture_stderr([] { niserrmsg(); }),
+    EXPECT_EQ(kt::capture_output(2, [] { niserrmsg(); }),
               "isam error #44 in proc. is_init - 1\r\n    called from proc. isopen - 2\r\n"
               "    called from proc. #127 - 3\r\n");
-    EXPECT_EQ(capture_stderr([] { is_msg(3, -4); }), "proc: 3, det: -4\n");
+    EXPECT_EQ(kt::capture_output(2, [] { is_msg(3, -4); }), "proc: 3, det: -4\n");
 }

@@ -19,12 +19,7 @@
 
 namespace ot {
 
-// Procedure code of error-stack entry i (0 is where the failure arose).
-inline int stack_code(int i = 0) {
-    uint16_t v;
-    std::memcpy(&v, &is_estk[i], sizeof v);
-    return v;
-}
+using kt::stack_code;
 inline int stack_depth() { return is_etop ? static_cast<int>(is_etop - is_estk) : 0; }
 
 // The shared control page behind a descriptor of this process.

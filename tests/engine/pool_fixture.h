@@ -57,11 +57,7 @@ inline int fixed_slots() {
     for (int i = 0; i < isam_com->maxbufs; ++i) n += (slot(i).bu_id & BU_INUSE) != 0;
     return n;
 }
-inline int stack_code(int i = 0) {
-    uint16_t v;
-    std::memcpy(&v, &is_estk[i], sizeof v);
-    return v;
-}
+using kt::stack_code;
 
 class PoolEnv : public ::testing::Test {
 protected:

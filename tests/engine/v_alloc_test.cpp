@@ -1,10 +1,6 @@
 // Page allocation: the free chain on disk, growth, damaged chain heads, the 32-bit ceiling.
 #include "pool_fixture.h"
 
-#include "os.h"
-
-#include <cerrno>
-
 using namespace pt;
 
 namespace {
@@ -140,20 +136,13 @@ TEST_F(Alloc, CheckedAgainstTheOpener) {
     f_->is_magic = ISMAGIC_1024;
 }
 
-int g_errno = 0;
-ssize_t failing_pwrite(int, const void*, size_t, off_t) {
-    errno = g_errno;
-    return -1;
-}
-
 TEST_F(Alloc, FailedGrowthLeavesTheEndAlone) {
     for (int e : {EIO, EINVAL}) {
-        g_errno = e;
-        kisam::os.pwrite = failing_pwrite;
         PAGE p;
-        IS_DATA* d = v_new(&p);
-        kisam::os.pwrite = kisam::os_real.pwrite;
-        EXPECT_EQ(d, nullptr);
+        {
+            kt::FailIo fail(kt::FailIo::kWrite, 0, e);
+            EXPECT_EQ(v_new(&p), nullptr);
+        }
         EXPECT_EQ(is_errno, e == EIO ? ISE_NWWT : ISE_NWSK);
         EXPECT_EQ(stack_code(), e == EIO ? 0x4204 : 0x4202);
         EXPECT_EQ(f_->is_lastpage, 1024u);

@@ -164,17 +164,12 @@ TEST_F(Pool, WriteAndUnsafeRefuseAnotherPage) {
     EXPECT_EQ(page[100], 'x');
 }
 
-// pread replacements: a short read of garbage, or a failure with a given errno.
-int g_fail_errno = 0;
+// A short read of garbage, then end of file.
 int g_calls = 0;
 ssize_t short_pread(int, void* buf, size_t, off_t) {
-    if (g_calls++ > 0) return 0;  // then end of file
+    if (g_calls++ > 0) return 0;
     std::memset(buf, 0xEE, 100);
     return 100;
-}
-ssize_t failing_pread(int, void*, size_t, off_t) {
-    errno = g_fail_errno;
-    return -1;
 }
 
 TEST_F(Pool, FailedLoadNeverLeavesASlotForThePage) {
@@ -199,15 +194,12 @@ TEST_F(Pool, FailedLoadNeverLeavesASlotForThePage) {
         EXPECT_EQ(isam_com->sysread, rd + 1) << "loaded again from disk";
         // An outright failure of the positioned read counts as a failed seek when the
         // offset was refused, else as a failed read.
-        g_fail_errno = EINVAL;
-        kisam::os.pread = failing_pread;
-        EXPECT_EQ(v_read(3072), nullptr);
-        EXPECT_EQ(is_errno, ISE_RDSK);
-        EXPECT_EQ(stack_code(), 0x4304);
-        g_fail_errno = EIO;
-        EXPECT_EQ(v_read(3072), nullptr);
-        kisam::os.pread = kisam::os_real.pread;
-        EXPECT_EQ(is_errno, ISE_RDRD);
+        for (int e : {EINVAL, EIO}) {
+            kt::FailIo fail(kt::FailIo::kRead, 0, e);
+            EXPECT_EQ(v_read(3072), nullptr);
+            EXPECT_EQ(is_errno, e == EINVAL ? ISE_RDSK : ISE_RDRD);
+            EXPECT_EQ(stack_code(), e == EINVAL ? 0x4304 : 0x4305);
+        }
         get(3);
         EXPECT_EQ(end(), 0);
         nisunisam();

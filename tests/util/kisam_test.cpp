@@ -3,6 +3,7 @@
 #include <kisam/ztsupport.h>
 
 #include "is_common.h"
+#include "os.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -170,6 +171,65 @@ void Pipe::close_read() {
 void Pipe::close_write() {
     if (fd_[1] >= 0) ::close(fd_[1]);
     fd_[1] = -1;
+}
+
+int stack_code(int i) {
+    uint16_t v;
+    std::memcpy(&v, &is_estk[i], sizeof v);
+    return v;
+}
+
+std::vector<int> error_stack() {
+    std::vector<int> v;
+    for (const is_etrace* e = is_estk; is_etop && e < is_etop; ++e) v.push_back(stack_code(static_cast<int>(e - is_estk)));
+    return v;
+}
+
+std::string capture_output(int fd, const std::function<void()>& fn) {
+    std::fflush(nullptr);
+    FILE* tmp = std::tmpfile();
+    int saved = ::dup(fd);
+    ::dup2(::fileno(tmp), fd);
+    fn();
+    std::fflush(nullptr);
+    ::dup2(saved, fd);
+    ::close(saved);
+    std::string out;
+    std::rewind(tmp);
+    char buf[512];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, tmp)) > 0) out.append(buf, n);
+    std::fclose(tmp);
+    return out;
+}
+
+namespace {
+int fail_countdown = 0;   // calls up to the failing one; -1: every call fails
+int fail_errno = 0;
+bool fail_now() {
+    if (fail_countdown < 0 || (fail_countdown > 0 && --fail_countdown == 0)) {
+        errno = fail_errno;
+        return true;
+    }
+    return false;
+}
+ssize_t failing_pread(int fd, void* b, size_t n, off_t off) {
+    return fail_now() ? -1 : kisam::os_real.pread(fd, b, n, off);
+}
+ssize_t failing_pwrite(int fd, const void* b, size_t n, off_t off) {
+    return fail_now() ? -1 : kisam::os_real.pwrite(fd, b, n, off);
+}
+}  // namespace
+
+FailIo::FailIo(Kind kind, int n, int err) {
+    fail_countdown = n > 0 ? n : -1;
+    fail_errno = err;
+    if (kind == kRead) kisam::os.pread = failing_pread;
+    else kisam::os.pwrite = failing_pwrite;
+}
+FailIo::~FailIo() {
+    kisam::os.pread = kisam::os_real.pread;
+    kisam::os.pwrite = kisam::os_real.pwrite;
 }
 
 uint64_t test_seed(uint64_t fallback) {

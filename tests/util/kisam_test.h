@@ -11,9 +11,11 @@
 #include <kisam/kisam.h>
 
 #include <sys/types.h>
+#include <cerrno>
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace kt {
 
@@ -83,6 +85,25 @@ public:
     void close_write();
 private:
     int fd_[2];
+};
+
+// Procedure code of error-stack entry i (0 is where the failure arose), and the whole
+// stack innermost first.
+int stack_code(int i = 0);
+std::vector<int> error_stack();
+
+// Runs fn with file descriptor fd (1 or 2) redirected; returns what fn wrote to it.
+std::string capture_output(int fd, const std::function<void()>& fn);
+
+// While alive, makes the nth page read or write from now fail with errno err
+// (n 0: every one).
+class FailIo {
+public:
+    enum Kind { kRead, kWrite };
+    FailIo(Kind kind, int n, int err = EIO);
+    ~FailIo();
+    FailIo(const FailIo&) = delete;
+    FailIo& operator=(const FailIo&) = delete;
 };
 
 // Seed for randomized tests: KISAM_SEED from the environment, else a fixed default.
