@@ -54,12 +54,20 @@ int read_line(FILE *fp, char *buf, int room, bool *cut) {
         buf[--len] = '\0';
     }
     if (len == room - 1 && buf[len - 1] != '\n') {
-        int c;
-        while ((c = std::fgetc(fp)) != EOF && c != '\n') {
-        }
-        if (c == '\n') {
-            *cut = true;
-            buf[len - 1] = '\n';   // keep the line's end so the record stays complete
+        // The line filled the room.  If only its end did not fit, the line is whole
+        // and its newline is left to be read as the next (empty) line; otherwise it
+        // is too long and the rest of it is skipped.
+        int c = std::fgetc(fp);
+        if (c == '\n' && buf[len - 1] == '\r') {
+            buf[len - 1] = '\n';   // a CR LF end split by the room ends like any other
+        } else if (c == '\n' || (c == '\r' && (c = std::fgetc(fp)) == '\n')) {
+            std::ungetc('\n', fp);
+        } else if (c != EOF) {
+            while (c != '\n' && c != EOF) c = std::fgetc(fp);
+            if (c == '\n') {
+                *cut = true;
+                buf[len - 1] = '\n';   // keep the line's end so the record stays complete
+            }
         }
     }
     return len;
@@ -241,10 +249,12 @@ KISAM_API int ParmRead(void) {
         *p++ = '\0';
         while (*p == ' ' || *p == '\t') ++p;
         parmid = buf;
-        if (*p == '\n' || *p == '\0') {
+        if (*p == '\n') {
             *p = '\0';
             return 1;
         }
+        // Blanks running into the end of a last line without a newline leave an
+        // empty value, not none: only a newline says there is no value.
         parmvalue = p;
         char *nl = std::strchr(p, '\n');
         if (nl != nullptr) *nl = '\0';

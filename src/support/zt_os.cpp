@@ -95,7 +95,7 @@ int fo_external(const char *word, const char *cmdword, const char *opts, int fla
         *statusp = 2;
         return -1;
     }
-    fo_msg(flags, false, "Unix %s Command: %s", word, line.c_str());
+    fo_msg(flags, false, "Unix %s Command: %s", cmdword, line.c_str());
     int rc = std::system(line.c_str());
     if (rc != 0) {
         fo_msg(flags, false, "Unix Cmd: %s returns: %d", line.c_str(), rc);
