@@ -353,6 +353,11 @@ TEST_F(Tool, FullTablesAreNamed) {
     r = run({"get", path("a"), "x"});
     EXPECT_EQ(r.rc, 1);
     EXPECT_NE(r.err.find("process table is full"), std::string::npos) << r.err;
+    // A monitor still sees the area, without a slot of its own.
+    r = run({"stat"});
+    EXPECT_EQ(r.rc, 0) << r.err;
+    EXPECT_NE(r.out.find("read without taking a slot"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("processes 2 attached of 2"), std::string::npos) << r.out;
     for (Holder* h : {&h1, &h2}) {
         ::close(h->fd);
         EXPECT_EQ(finish(h->pid).rc, 0);

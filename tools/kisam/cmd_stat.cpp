@@ -28,8 +28,8 @@ std::string pct(uint64_t part, uint64_t whole) {
     return b;
 }
 
-void print_once(int shmid, const std::vector<std::pair<std::string, struct stat>>& named) {
-    const auto* com = static_cast<const struct isam_com*>(ZTKISAMGetComAddr());
+void print_once(const void* area, int shmid, const std::vector<std::pair<std::string, struct stat>>& named) {
+    const auto* com = static_cast<const struct isam_com*>(area);
     const char* base = reinterpret_cast<const char*>(com);
     struct shmid_ds ds;
     std::memset(&ds, 0, sizeof ds);
@@ -161,7 +161,26 @@ int cmd_stat(std::vector<std::string> words) {
         return EXIT_OK;
     }
     Session s("stat");
-    if (!s.attach()) return EXIT_FAIL;
+    const void* area = nullptr;
+    void* ro = nullptr;
+    if (s.attach(/*quiet=*/true)) {
+        area = ZTKISAMGetComAddr();
+    } else if (is_errno == ISE_INITERR && is_etop && is_estk[0].is_eproc == 0x22 && is_estk[0].is_euid == 5) {
+        // The process table is full -- often of processes that died, which is just what
+        // a monitor must be able to show.  Read the area without a slot.
+        ro = ::shmat(id, nullptr, SHM_RDONLY);
+        if (ro == reinterpret_cast<void*>(-1)) return fail("stat", std::string("cannot read the shared area: ") + std::strerror(errno));
+        const auto* com = static_cast<const struct isam_com*>(ro);
+        if (com->iscom_magicval != ISCOM_MAGIC || com->iscom_version != ISCOM_VERSION) {
+            ::shmdt(ro);
+            return fail("stat", "the shared area was made by another release of the library");
+        }
+        std::printf("note: the process table is full; the area is read without taking a slot\n");
+        area = ro;
+    } else {
+        s.report_attach_failure();
+        return EXIT_FAIL;
+    }
     for (long i = 0; count < 0 || i < count; ++i) {
         if (i > 0) {
             std::printf("\n");
@@ -169,8 +188,9 @@ int cmd_stat(std::vector<std::string> words) {
             for (unsigned left = unsigned(every); left > 0 && !g_interrupted;) left = ::sleep(left);
         }
         if (g_interrupted) break;
-        print_once(id, named);
+        print_once(area, id, named);
     }
+    if (ro) ::shmdt(ro);
     return EXIT_OK;
 }
 

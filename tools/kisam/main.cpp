@@ -154,7 +154,8 @@ const std::map<std::string, const char*>& details() {
          "waits), the files open with their use counts, and the processes attached,\n"
          "flagging those that no longer exist.  With --every it repeats until interrupted\n"
          "(or N times with --count).  Files named are shown by name in the table of open\n"
-         "files.  When no program is attached it says so and creates nothing.\n"},
+         "files.  When no program is attached it says so and creates nothing; when the\n"
+         "process table is full it reads the area without taking a slot.\n"},
         {"help", "Usage: kisam help [COMMAND]\n"},
     };
     return m;

@@ -59,24 +59,28 @@ Session::~Session() {
     if (attached_) nisunisam();
 }
 
-bool Session::attach() {
+bool Session::attach(bool quiet) {
     if (attached_) return true;
     std::vector<std::string> tried;
     if (find_config(&tried).empty()) {
-        std::fprintf(stderr, "kisam %s: no configuration file found; looked at:\n", cmd_.c_str());
-        for (const auto& t : tried) std::fprintf(stderr, "  %s\n", t.c_str());
-        std::fprintf(stderr,
-                     "Create one with 'kisam config init PATH', then pass '--config PATH' or set "
-                     "KISCONFIG=PATH.\n");
+        if (!quiet) {
+            std::fprintf(stderr, "kisam %s: no configuration file found; looked at:\n", cmd_.c_str());
+            for (const auto& t : tried) std::fprintf(stderr, "  %s\n", t.c_str());
+            std::fprintf(stderr,
+                         "Create one with 'kisam config init PATH', then pass '--config PATH' or set "
+                         "KISCONFIG=PATH.\n");
+        }
         return false;
     }
     if (is_init() != 0) {
-        lib_error(cmd_, "cannot attach to the shared area");
+        if (!quiet) report_attach_failure();
         return false;
     }
     attached_ = true;
     return true;
 }
+
+void Session::report_attach_failure() { lib_error(cmd_, "cannot attach to the shared area"); }
 
 int Session::open(const std::string& file, int access) {
     if (!attach()) return -1;

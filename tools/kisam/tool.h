@@ -81,8 +81,10 @@ public:
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    // Attaches; on failure prints the reason and returns false.
-    bool attach();
+    // Attaches; on failure prints the reason (unless quiet) and returns false.
+    bool attach(bool quiet = false);
+    // Prints the reason of the last failed attach().
+    void report_attach_failure();
     // Opens FILE (ISO_RDONLY or ISO_RDWR, plus flags); -1 after printing the reason.
     int open(const std::string& file, int access);
     void close(int isfd);
