@@ -93,18 +93,8 @@ int cmd_create(std::vector<std::string> words) {
     if (a.pos().size() != 2) return usage_error("create", "expected FILE and KEYLEN[,KEYLEN...]");
     const std::string& file = a.pos()[0];
     std::vector<int> lens;
-    std::string spec = a.pos()[1];
-    size_t start = 0;
-    while (true) {
-        size_t comma = spec.find(',', start);
-        std::string part = spec.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
-        long v;
-        if (!parse_long(part, 1, 500, v))
-            return usage_error("create", "key length \"" + part + "\" is not a number from 1 to 500");
-        lens.push_back(int(v));
-        if (comma == std::string::npos) break;
-        start = comma + 1;
-    }
+    if (!parse_key_lengths(a.pos()[1], lens))
+        return usage_error("create", "key lengths \"" + a.pos()[1] + "\" are not numbers from 1 to 500 separated by commas");
     if (lens.size() > KISAM_MAXKEYS) return usage_error("create", "at most 25 keys");
     long total = 0;
     for (int l : lens) total += l;

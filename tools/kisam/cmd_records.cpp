@@ -367,22 +367,14 @@ int cmd_load(std::vector<std::string> words) {
     std::vector<int> lens;
     bool keyopt = false;
     {
-        std::string spec = line.substr(7);
-        if (auto sp = spec.find(' '); sp != std::string::npos) {
-            if (spec.substr(sp + 1) != "key-in-index") return fail("load", inname + ": line 2: unknown option \"" + spec.substr(sp + 1) + "\"");
+        std::string text = line.substr(7);
+        if (auto sp = text.find(' '); sp != std::string::npos) {
+            if (text.substr(sp + 1) != "key-in-index")
+                return fail("load", inname + ": line 2: unknown option \"" + text.substr(sp + 1) + "\"");
             keyopt = true;
-            spec.resize(sp);
+            text.resize(sp);
         }
-        size_t start = 0;
-        while (true) {
-            size_t comma = spec.find(',', start);
-            long v;
-            if (!parse_long(spec.substr(start, comma == std::string::npos ? std::string::npos : comma - start), 1, 500, v))
-                return fail("load", inname + ": line 2: malformed key lengths");
-            lens.push_back(int(v));
-            if (comma == std::string::npos) break;
-            start = comma + 1;
-        }
+        if (!parse_key_lengths(text, lens)) return fail("load", inname + ": line 2: malformed key lengths");
         if (lens.size() > KISAM_MAXKEYS) return fail("load", inname + ": line 2: more than 25 keys");
     }
 

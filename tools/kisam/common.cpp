@@ -22,6 +22,20 @@ bool parse_long(const std::string& s, long lo, long hi, long& out) {
     return true;
 }
 
+bool parse_key_lengths(const std::string& text, std::vector<int>& lens) {
+    lens.clear();
+    size_t start = 0;
+    while (true) {
+        size_t comma = text.find(',', start);
+        long v;
+        if (!parse_long(text.substr(start, comma == std::string::npos ? std::string::npos : comma - start), 1, 500, v))
+            return false;
+        lens.push_back(int(v));
+        if (comma == std::string::npos) return true;
+        start = comma + 1;
+    }
+}
+
 bool Args::parse() {
     auto known = [](const std::vector<std::string>& list, const std::string& n) {
         for (const auto& x : list)

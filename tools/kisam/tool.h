@@ -58,6 +58,8 @@ int usage_error(const std::string& cmd, const std::string& msg);
 // Prints "kisam CMD: message"; returns EXIT_FAIL.
 int fail(const std::string& cmd, const std::string& msg);
 bool parse_long(const std::string& s, long lo, long hi, long& out);
+// "L0,L1,..." into key lengths of 1 to 500 bytes; false on anything else.
+bool parse_key_lengths(const std::string& text, std::vector<int>& lens);
 
 // ---- text form of records ------------------------------------------------------------
 
