@@ -36,6 +36,10 @@ struct OpenFile {
             lib_error(s.cmd(), file);
             return false;
         }
+        if (n < 1) {
+            fail(s.cmd(), file + ": the file has no keys, so it holds no records");
+            return false;
+        }
         keylens.assign(lens, lens + std::min(n, KISAM_MAXKEYS));
         minrec = 0;
         for (int l : keylens) minrec += l;
