@@ -3,31 +3,16 @@
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cstdio>
+#include <functional>
 #include <string>
 
-#include "support_util.h"
+#include "kisam_test.h"
 
 namespace {
 
-// Captures what a function writes to the given stream's descriptor.
-template <class F>
-std::string capture(FILE *stream, F fn) {
-    st::Sandbox box;
-    const std::string file = box.path("out");
-    std::fflush(stream);
-    int saved = ::dup(::fileno(stream));
-    int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
-    ::dup2(fd, ::fileno(stream));
-    ::close(fd);
-    fn();
-    StdFlush(stream);
-    ::dup2(saved, ::fileno(stream));
-    ::close(saved);
-    return st::read_file(file);
+std::string capture(FILE *stream, const std::function<void()> &fn) {
+    return kt::capture_output(::fileno(stream), fn);
 }
 
 TEST(Messages, OneLineEachAndCut) {
