@@ -82,19 +82,15 @@ void expect_converted(const OldPage& p, int nkeys, uint16_t magic) {
 
 }  // namespace
 
-TEST(FcpConvert, SixKeysOverlapAndKeepTableAndHints) {
-    OldPage p(6);
-    kisam::fcp_convert_old(p.scratch);
-    expect_converted(p, 6, ISMAGIC_512);
-}
-
+// Six keys and more make the key table move over itself.
 TEST(FcpConvert, EveryKeyCountAndBothMagics) {
-    for (int n = 0; n <= KISAM_MAXKEYS; ++n) {
-        OldPage p(n, ISMAGIC_OLD1024);
-        kisam::fcp_convert_old(p.scratch);
-        SCOPED_TRACE(n);
-        expect_converted(p, n, ISMAGIC_1024);
-    }
+    for (uint16_t magic : {ISMAGIC_OLD512, ISMAGIC_OLD1024})
+        for (int n = 0; n <= KISAM_MAXKEYS; ++n) {
+            OldPage p(n, magic);
+            kisam::fcp_convert_old(p.scratch);
+            SCOPED_TRACE(n);
+            expect_converted(p, n, magic == ISMAGIC_OLD512 ? ISMAGIC_512 : ISMAGIC_1024);
+        }
 }
 
 TEST(FcpImage, WritesHeaderKeysThenZerosAndClearsTheChangeBit) {
