@@ -320,7 +320,6 @@ TEST_F(Pool, FixesLeftByAnotherHolderAreClearedAfterARecordLockWait) {
 TEST_F(Pool, RelbufGivesTheChainBackUntagged) {
     start(cfg(6, 0));
     int fd = make_file("a.ism", 3);
-    int u = uid(fd);
     begin(fd);
     std::vector<int> used;
     for (int i = 1; i <= 3; ++i) used.push_back(slot_of(get(i)));
@@ -330,7 +329,6 @@ TEST_F(Pool, RelbufGivesTheChainBackUntagged) {
         EXPECT_EQ(slot(i).bu_id, BU_FILEMASK);
         EXPECT_EQ(slot(i).bu_pno, KISAM_NOPAGE);
     }
-    (void)u;
     EXPECT_EQ(fcp_of(fd)->jd_buf_hd, -1);
     EXPECT_EQ(end(), 0);
 }
@@ -396,19 +394,20 @@ TEST_F(Pool, RandomizedRunAgreesWithModel) {
     Model m(nbuf, quota);
     isam_com->lru_cnt = 0xFFFFFF00u;  // the clock wraps during the run
     m.lru = isam_com->lru_cnt;
-    auto check = [&](int step) {
-        ASSERT_EQ(isam_com->hit, m.hit) << "step " << step << " seed " << seed;
-        ASSERT_EQ(isam_com->missfree, m.missfree) << "step " << step << " seed " << seed;
-        ASSERT_EQ(isam_com->missread, m.missread) << "step " << step << " seed " << seed;
+    auto check = [&] {
+        ASSERT_EQ(isam_com->hit, m.hit);
+        ASSERT_EQ(isam_com->missfree, m.missfree);
+        ASSERT_EQ(isam_com->missread, m.missread);
         for (int i = 0; i < nbuf; ++i) {
             const Model::Slot& ms = m.s[i];
             if (ms.file < 0) continue;
-            ASSERT_EQ(slot(i).bu_id & BU_FILEMASK, ms.file) << "slot " << i << " step " << step << " seed " << seed;
-            ASSERT_EQ(slot(i).bu_pno, ms.page) << "slot " << i << " step " << step << " seed " << seed;
-            ASSERT_EQ(stamp_of(&slot(i).bu_data), ms.page) << "slot " << i << " step " << step << " seed " << seed;
+            ASSERT_EQ(slot(i).bu_id & BU_FILEMASK, ms.file) << "slot " << i;
+            ASSERT_EQ(slot(i).bu_pno, ms.page) << "slot " << i;
+            ASSERT_EQ(stamp_of(&slot(i).bu_data), ms.page) << "slot " << i;
         }
     };
     for (int step = 0; step < 300; ++step) {
+        SCOPED_TRACE("step " + std::to_string(step) + ", KISAM_SEED=" + std::to_string(seed));
         const int k = static_cast<int>(rng() % 3);
         const int fd = fds[k];
         const int nread = 1 + static_cast<int>(rng() % 4);
@@ -425,7 +424,7 @@ TEST_F(Pool, RandomizedRunAgreesWithModel) {
                 nisunisam();
                 return ::testing::Test::HasFailure() ? 4 : 0;
             });
-            ASSERT_EQ(rc, 0) << "step " << step << " seed " << seed;
+            ASSERT_EQ(rc, 0);
             for (PAGE p : pages) m.read(uid(fd), p);
             m.release(uid(fd));
         } else {
@@ -433,9 +432,9 @@ TEST_F(Pool, RandomizedRunAgreesWithModel) {
             for (PAGE p : pages) {
                 int want = m.read(uid(fd), p);
                 IS_DATA* d = v_read(p);
-                ASSERT_NE(d, nullptr) << "step " << step << " seed " << seed;
-                ASSERT_EQ(slot_of(d), want) << "step " << step << " seed " << seed;
-                ASSERT_EQ(stamp_of(d), p) << "step " << step << " seed " << seed;
+                ASSERT_NE(d, nullptr);
+                ASSERT_EQ(slot_of(d), want);
+                ASSERT_EQ(stamp_of(d), p);
                 if (rng() % 3 == 0) {
                     ASSERT_EQ(v_unsafe(p, d->c), 0);
                     m.s[want].fixed = false;
@@ -444,7 +443,7 @@ TEST_F(Pool, RandomizedRunAgreesWithModel) {
             ASSERT_EQ(end(), 0);
             m.release(uid(fd));
         }
-        check(step);
+        check();
         m.lru = isam_com->lru_cnt;  // children advance the same clock
     }
 }
