@@ -151,6 +151,10 @@ int cmd_check(std::vector<std::string> words) {
         return EXIT_FAIL;
     }
 
+    if (img.nkeys < 1) {
+        std::printf("%s: sound (a file without keys holds no records)\n", file.c_str());
+        return EXIT_OK;
+    }
     // Cross-check: rebuild every alternate index from the records of key 0.
     std::vector<std::string> items0;
     if (kc::list_items(file, 0, &items0, &err) < 0) {
