@@ -44,47 +44,6 @@ TEST_F(Pool, SecondReadIsOneHitAtTheSameAddress) {
     EXPECT_EQ(end(), 0);
 }
 
-TEST_F(Pool, FreeSlotsFirstThenLeastRecentlyUsedUnfixedSlot) {
-    start(cfg(4, 100));
-    int fd = make_file("a.ism", 8);
-    begin(fd);
-    for (int i = 1; i <= 4; ++i) get(i);
-    EXPECT_EQ(free_slots(), 0);
-    EXPECT_EQ(isam_com->missfree, 4u);
-    ASSERT_EQ(end(), 0);
-    begin(fd);
-    get(1);  // page 2 is now the least recently used
-    get(5);
-    EXPECT_EQ(isam_com->missread, 1u);
-    EXPECT_EQ(chain_pages(uid(fd)), (std::vector<PAGE>{5 * 1024, 4 * 1024, 3 * 1024, 1024}));
-    // Page 3 is older than 1, 4 and 5, but fixed slots are never taken.
-    get(3);
-    get(6);
-    EXPECT_EQ(chain_pages(uid(fd)), (std::vector<PAGE>{6 * 1024, 5 * 1024, 3 * 1024, 1024}));
-    ASSERT_EQ(end(), 0);
-}
-
-TEST_F(Pool, FileAtQuotaRecyclesItsOwnSlots) {
-    start(cfg(8, 2));
-    int fd = make_file("a.ism", 6);
-    begin(fd);
-    get(1);
-    get(2);
-    ASSERT_EQ(end(), 0);
-    begin(fd);
-    get(2);
-    get(3);  // quota reached: page 1's slot is reused in place
-    EXPECT_EQ(chain_pages(uid(fd)), (std::vector<PAGE>{2048, 3072}));
-    EXPECT_EQ(free_slots(), 6);
-    EXPECT_EQ(isam_com->missfree, 3u);
-    EXPECT_EQ(isam_com->hit, 1u);
-    // With both own slots fixed, the free list serves.
-    get(4);
-    EXPECT_EQ(chain_pages(uid(fd)), (std::vector<PAGE>{4096, 2048, 3072}));
-    EXPECT_EQ(free_slots(), 5);
-    ASSERT_EQ(end(), 0);
-}
-
 TEST_F(Pool, ReadOnlyOpenerNeverEvictsADirtySlot) {
     for (int quota : {2, 100}) {  // own-quota reuse, then the steal scan
         SCOPED_TRACE(quota);
