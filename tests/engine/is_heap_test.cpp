@@ -121,33 +121,6 @@ TEST_F(Heap, HeaderKeepingAllocation) {
     for (int i = 0; i < 17; ++i) EXPECT_EQ(b[i], 0);
 }
 
-TEST_F(Heap, NeighboursMergeInEitherOrder) {
-    for (bool lower_first : {true, false}) {
-        char* hi = allocncom(64);
-        char* lo = allocncom(48);
-        ASSERT_EQ(lo + 48, hi);
-        freencom(lower_first ? lo : hi, lower_first ? 48 : 64);
-        freencom(lower_first ? hi : lo, lower_first ? 64 : 48);
-        auto fb = free_blocks();
-        ASSERT_EQ(fb.size(), 1u) << lower_first;
-        EXPECT_EQ(fb[0], std::make_pair(RELt{32}, uint64_t{235}));
-    }
-    // A block between two free blocks joins both.
-    char* c = allocncom(16);
-    char* b = allocncom(16);
-    char* a = allocncom(16);
-    char* keep = allocncom(16);
-    freencom(a, 16);
-    freencom(c, 16);
-    EXPECT_EQ(free_blocks().size(), 3u);
-    freencom(b, 16);
-    auto fb = free_blocks();
-    ASSERT_EQ(fb.size(), 2u);
-    EXPECT_EQ(fb[1], std::make_pair(off_of(a), uint64_t{3}));
-    freencom(keep, 16);
-    EXPECT_EQ(free_blocks().size(), 1u);
-}
-
 TEST_F(Heap, ExhaustionLeavesTheHeapUnchanged) {
     EXPECT_EQ(allocncom(0), nullptr);
     std::string before(is_env.heap_, 3796);
