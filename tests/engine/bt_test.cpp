@@ -1,5 +1,5 @@
-// B-tree: exact page images of inserts, splits, repairs and given-back pages, the error
-// stacks of the failure paths, duplicates and the forced exchange.
+// B-tree: exact page images of inserts, splits, repairs and given-back pages, and the
+// error stacks of the failure paths.
 #include "bt_fixture.h"
 
 #include "kcheck.h"
@@ -226,16 +226,12 @@ TEST(BtPages, BorrowRightBorrowLeftAndPredecessor) {
     EXPECT_TRUE(rep.ok) << rep.error;
 }
 
-TEST(BtErrors, AbsentItemsAndEmptyTrees) {
+// Absent items and their error stacks are the random test's; here a failed delete must
+// leave every page as it was, and a repair of a page that is no child is refused.
+TEST(BtErrors, FailedDeleteWritesNothingAndBadRepairIsRefused) {
     BtFile f(1024, {240});
     ASSERT_TRUE(f.ok());
     f.begin();
-    std::string it = item4(9);
-    for (int mode : {0, 1, 2, 3, 5}) EXPECT_EQ(f.search(0, mode, &it), 0) << mode;
-    EXPECT_EQ(f.remove(0, item4(9)), -1);
-    EXPECT_EQ(is_errno, ISE_BTNP);
-    EXPECT_EQ(btt::error_stack(), (std::vector<int>{0x0101}));
-
     insert_all(f, {1, 2, 3, 4, 5});           // two levels
     f.end();
     std::vector<IS_DATA> before;
@@ -243,77 +239,13 @@ TEST(BtErrors, AbsentItemsAndEmptyTrees) {
     f.begin();
     EXPECT_EQ(f.remove(0, item4(9)), -1);
     EXPECT_EQ(is_errno, ISE_BTNP);
-    EXPECT_EQ(btt::error_stack(), (std::vector<int>{0x0101, 0x0105, 0x0105}));
-    // Key 0 compares the key bytes only: an item that differs in its record address is
-    // the present one.
-    std::string same_key = item4(4);
-    kisam::store_at<uint32_t>(same_key.data() + 240, 0xDEADBEEFu);
+    EXPECT_EQ(bt_unflow(0, 1024, 2048), -1);
+    EXPECT_EQ(is_errno, ISE_BTS);
+    EXPECT_EQ(btt::error_stack(), (std::vector<int>{0x0605}));
     f.end();
     int i = 0;
     for (PAGE p : {1024u, 2048u, 3072u})
         EXPECT_EQ(std::memcmp(f.disk_page(p).c, before[static_cast<size_t>(i++)].c, 1024), 0) << p;
-    f.begin();
-    // A repair asked for a page that is not a child of the parent given.
-    EXPECT_EQ(bt_unflow(0, 1024, 2048), -1);
-    EXPECT_EQ(is_errno, ISE_BTS);
-    EXPECT_EQ(btt::error_stack(), (std::vector<int>{0x0605}));
-    EXPECT_EQ(f.remove(0, same_key), 0);
-    std::string probe = item4(4);
-    EXPECT_EQ(f.search(0, 1, &probe), 1);   // 4 is gone: the next greater, 5
-    EXPECT_EQ(probe, item4(5));
-    f.end();
-}
-
-TEST(BtInsert, DuplicatesAndForcedExchange) {
-    BtFile f(1024, {7, 9});
-    ASSERT_TRUE(f.ok());
-    f.begin();
-    std::string a = item7('m', 111);
-    ASSERT_EQ(f.insert(0, a), 0);
-    std::string b = item7('m', 222);
-    EXPECT_EQ(f.insert(0, b), 1);
-    EXPECT_EQ(kisam::load_at<uint32_t>(b.data() + 8), 222u);   // unchanged
-    std::string s = item7('m', 0);
-    ASSERT_EQ(f.search(0, 1, &s), 1);
-    EXPECT_EQ(kisam::load_at<uint32_t>(s.data() + 8), 111u);
-
-    EXPECT_EQ(f.insert(0, b, 1), 1);
-    EXPECT_EQ(kisam::load_at<uint32_t>(b.data() + 8), 111u);   // the caller gets the old one
-    s = item7('m', 0);
-    ASSERT_EQ(f.search(0, 1, &s), 1);
-    EXPECT_EQ(kisam::load_at<uint32_t>(s.data() + 8), 222u);   // the tree the new one
-
-    // Key 1 (9 bytes, pad, then key 0's 7 bytes and pad): the same value with other key 0
-    // values is a new item each time.
-    const IS_KEY* k1 = f.key(1);
-    EXPECT_EQ(k1->k_itemlen, 18);
-    EXPECT_EQ(k1->k_ncomp, 17);
-    auto alt = [](char v, char k0) {
-        std::string s(18, '\0');
-        std::memset(s.data(), v, 9);
-        std::memset(s.data() + 10, k0, 7);
-        return s;
-    };
-    for (char k0 : {'q', 'c', 'x'}) {
-        std::string it = alt('v', k0);
-        ASSERT_EQ(f.insert(1, it), 0) << k0;
-    }
-    std::string dup = alt('v', 'c');
-    EXPECT_EQ(f.insert(1, dup), 1);
-    std::string probe = alt('v', 'a');
-    ASSERT_EQ(f.search(1, 5, &probe), 1);
-    EXPECT_EQ(probe.substr(0, 9), std::string(9, 'v'));
-    probe = alt('w', 'a');
-    EXPECT_EQ(f.search(1, 5, &probe), 0);
-    probe = alt('v', 'c');
-    ASSERT_EQ(f.search(1, 0, &probe), 1);
-    EXPECT_EQ(probe, alt('v', 'q'));
-    probe = alt('v', 'c');
-    ASSERT_EQ(f.search(1, 2, &probe), 0);   // nothing below (v, c)
-    f.end();
-    kisam::check::Report rep = kisam::check::check_file(f.path(), kTreesAndFree);
-    EXPECT_TRUE(rep.ok) << rep.error;
-    EXPECT_EQ(rep.keys.at(1).items, 3);
 }
 
 namespace {
