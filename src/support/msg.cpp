@@ -25,8 +25,7 @@ void vo_output(bool error, const char* fmt, va_list ap) {
     int n = std::vsnprintf(buf, sizeof buf - 1, fmt, ap);  // leave room for the newline
     if (n < 0) return;
     size_t len = std::strlen(buf);
-    if (len == 0) return;
-    if (buf[len - 1] != '\n') {
+    if (len == 0 || buf[len - 1] != '\n') {  // an empty text still makes one line
         buf[len] = '\n';
         buf[len + 1] = '\0';
     }
