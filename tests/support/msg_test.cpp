@@ -20,8 +20,8 @@ TEST(Messages, OneLineEachAndCut) {
     EXPECT_EQ(capture(stdout, [] { VMsg("abc\n"); }), "abc\n");
     EXPECT_EQ(capture(stdout, [] { VMsg("%s-%d", "x", 5); }), "x-5\n");
     EXPECT_EQ(capture(stdout, [] { VMsg("%s", ""); }), "\n");
-    static const char* const empty = "";
-    EXPECT_EQ(capture(stdout, [] { VMsg(empty); }), "");
+    const std::string empty;
+    EXPECT_EQ(capture(stdout, [&] { VMsg(empty.c_str()); }), "");
     EXPECT_EQ(capture(stderr, [] { VError("err"); }), "err\n");
     std::string longtext(2000, 'z');
     std::string out = capture(stderr, [&] { VError("%s", longtext.c_str()); });
