@@ -43,26 +43,20 @@ protected:
 };
 
 TEST_F(FileOps, DispatcherStatusCodes) {
-    EXPECT_EQ(op(0, 0, {box.dir()}), -1);
-    EXPECT_EQ(status, 1);
-    EXPECT_EQ(op(15, 0, {box.dir()}), -1);
-    EXPECT_EQ(status, 1);
-    EXPECT_EQ(op(ZTFO_TESTDIR, 0, {}), -1);
-    EXPECT_EQ(status, 2);
-    EXPECT_EQ(op(ZTFO_TESTDIR, 0, {""}), -1);
-    EXPECT_EQ(status, 2);
-    EXPECT_EQ(op(ZTFO_TESTDIR, 0, {box.dir(), box.dir()}), -1);
-    EXPECT_EQ(status, 2);
-    EXPECT_EQ(op(ZTFO_COPY, 0, {box.dir()}), -1);
-    EXPECT_EQ(status, 2);
-    EXPECT_EQ(op(ZTFO_RENAME, 0, {"a", "b", "c"}), -1);
-    EXPECT_EQ(status, 2);
+    const struct {
+        int cmd;
+        std::vector<std::string> paths;
+        int status;
+    } refused[] = {{0, {box.dir()}, 1},          {15, {box.dir()}, 1},        {ZTFO_TESTDIR, {}, 2},
+                   {ZTFO_TESTDIR, {""}, 2},      {ZTFO_TESTDIR, {box.dir(), box.dir()}, 2},
+                   {ZTFO_COPY, {box.dir()}, 2},  {ZTFO_RENAME, {"a", "b", "c"}, 2}};
+    for (const auto &c : refused) {
+        EXPECT_EQ(op(c.cmd, 0, c.paths), -1) << c.cmd;
+        EXPECT_EQ(status, c.status) << c.cmd;
+    }
     EXPECT_EQ(ZTFileOp(ZTFO_TESTDIR, ZTFO_QUIET, nullptr, 0, nullptr), -1);   // no status word: no crash
-    EXPECT_EQ(ZTFileOpErrStatus("X", ZTFO_QUIET, ENOENT), 3);
-    EXPECT_EQ(ZTFileOpErrStatus("X", ZTFO_QUIET, EACCES), 4);
-    EXPECT_EQ(ZTFileOpErrStatus("X", ZTFO_QUIET, ENOTEMPTY), 7);
-    EXPECT_EQ(ZTFileOpErrStatus("X", ZTFO_QUIET, EMFILE), 8);
-    EXPECT_EQ(ZTFileOpErrStatus("X", ZTFO_QUIET, EIO), 9999);
+    for (auto [err, code] : {std::pair{ENOENT, 3}, {EACCES, 4}, {ENOTEMPTY, 7}, {EMFILE, 8}, {EIO, 9999}})
+        EXPECT_EQ(ZTFileOpErrStatus("X", ZTFO_QUIET, err), code) << err;
 }
 
 TEST_F(FileOps, CreateTestTruncateSize) {
