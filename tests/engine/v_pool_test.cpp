@@ -14,34 +14,22 @@ namespace {
 
 class Pool : public PoolEnv {};
 
-TEST_F(Pool, SecondReadIsOneHitAtTheSameAddress) {
+// Hit and miss counts are the random run's; here the address and v_hit's quiet look.
+TEST_F(Pool, SecondReadIsAHitAtTheSameAddress) {
     start(cfg(8, 0));
     int fd = make_file("a.ism", 3);
     begin(fd);
-    const uint32_t hit0 = isam_com->hit, rd0 = isam_com->sysread, mf0 = isam_com->missfree;
     IS_DATA* a = get(2);
-    IS_DATA* b = get(2);
-    EXPECT_EQ(a, b);
-    EXPECT_EQ(isam_com->hit - hit0, 1u);
-    EXPECT_EQ(isam_com->sysread - rd0, 1u);
-    EXPECT_EQ(isam_com->missfree - mf0, 1u);
-    IS_BUF& s = slot(slot_of(a));
-    EXPECT_EQ(s.bu_cnt, isam_com->lru_cnt);
-    EXPECT_EQ(s.bu_id, static_cast<uint16_t>(uid(fd) | BU_INUSE));
-    // v_hit looks without touching anything.
-    const uint32_t lru = isam_com->lru_cnt, hit1 = isam_com->hit;
+    EXPECT_EQ(get(2), a);
+    EXPECT_EQ(slot(slot_of(a)).bu_id, static_cast<uint16_t>(uid(fd) | BU_INUSE));
+    const uint32_t lru = isam_com->lru_cnt, hit = isam_com->hit;
     EXPECT_EQ(v_hit(2048, kKeyno), 1);
     EXPECT_EQ(v_hit(2048, kKeyno + 1), 0);
     EXPECT_EQ(v_hit(3072, kKeyno), 0);
     EXPECT_EQ(isam_com->lru_cnt, lru);
-    EXPECT_EQ(isam_com->hit, hit1);
+    EXPECT_EQ(isam_com->hit, hit);
     ASSERT_EQ(end(), 0);
     EXPECT_EQ(fixed_slots(), 0) << "the release unfixes";
-    // Still cached for the next hold.
-    begin(fd);
-    EXPECT_EQ(get(2), a);
-    EXPECT_EQ(isam_com->hit - hit1, 1u);
-    EXPECT_EQ(end(), 0);
 }
 
 TEST_F(Pool, ReadOnlyOpenerNeverEvictsADirtySlot) {
