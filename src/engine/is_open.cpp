@@ -6,7 +6,9 @@
 // table, is_usecnt or this process's IS_PFI entries runs under opcl_lock.
 //
 // Details raised here besides the documented ones:
-//   isopen (0x38)   15  ISE_OPENF: null name, or a name longer than 127 characters
+//   isopen (0x38)    6  ISE_NOTISAM also for a key table that creation could not
+//                       have written (key count, lengths, item sizes, page order)
+//                   15  ISE_OPENF: null name, or a name longer than 127 characters
 //                   16  ISE_DEADLOCK: the wait for opcl_lock was refused
 //   iscreate (0x32)  8  ISE_CREATF: null name, or a name longer than 127 characters
 //                    9  ISE_DEADLOCK: the wait for opcl_lock was refused
@@ -93,6 +95,30 @@ int db_alloc(int uid, IS_FCP* fcp) noexcept {
     db->temp = keyarea;
     ++n_ufiles;
     return isfd;
+}
+
+// The key fields that size the handle's key buffers, the B-tree items and the saved key
+// fields of a record must be the ones creation derives from the key lengths; a page
+// order above what fits would overrun index pages.  A control page that breaks this was
+// not written by this library and is refused like a foreign one.
+bool key_table_ok(const IS_FCP* fcp) {
+    const int nkeys = fcp->is_nkeys;
+    if (nkeys == 0) return true;
+    const int l0 = kisam::fcp_key(fcp, 0)->k_keylen;
+    int sum = 0;
+    for (int k = 0; k < nkeys; ++k) {
+        const IS_KEY* key = kisam::fcp_key(fcp, k);
+        const int len = key->k_keylen;
+        if (len < 1 || len > KISAM_PAGESIZE) return false;
+        const int itemlen = k == 0 ? even(len) + 4 : even(len) + even(l0);
+        const int ncomp = k == 0 ? len : even(len) + l0;
+        if (key->k_offset != even(len) || key->k_itemlen != itemlen || key->k_ncomp != ncomp)
+            return false;
+        const int order = bt_order(itemlen, KISAM_PAGESIZE);
+        if (order < 0 || key->k_order < 2 || key->k_order > order) return false;
+        sum += len;
+    }
+    return fcp->is_minrec >= sum;
 }
 
 bool same_file(const IS_FCP* fcp, const file_info& fi) {
@@ -299,6 +325,7 @@ KISAM_API int nisopen(const char* filename, int access) {
             scratch->is_nkeys > KISAM_MAXKEYS)
             return fail_fd(ISE_NOTISAM, 6);
         if (magic == ISMAGIC_OLD512 || magic == ISMAGIC_OLD1024) kisam::fcp_convert_old(fcp_scratch);
+        if (!key_table_ok(scratch)) return fail_fd(ISE_NOTISAM, 6);
         if (!noverify && (scratch->is_optbits & ISO_DIRTYMARK)) return fail_fd(ISE_INCONSISTENT, 14);
     }
 
