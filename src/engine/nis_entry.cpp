@@ -4,7 +4,10 @@
 
 extern "C" {
 
+// A null table is refused with -1: there is nothing to fill, and a loader that lost its
+// table must learn it here rather than through a fault.
 KISAM_API int ZTKISAMInit(KisamEntryTable* tbl) {
+    if (tbl == nullptr) return -1;
     tbl->ZTKISAMTest = ZTKISAMTest;
     tbl->ZTKISAMGetLastError = ZTKISAMGetLastError;
     tbl->ZTKISAMGetComAddr = ZTKISAMGetComAddr;

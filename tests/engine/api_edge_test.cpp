@@ -80,4 +80,7 @@ TEST_F(ApiEdge, DamagedKeyTableIsRefusedAtOpen) {
     EXPECT_EQ(nisclose(fd), 0);
 }
 
+// A loader that passes no table gets -1, not a fault.
+TEST(ApiEntry, NullEntryTableIsRefused) { EXPECT_EQ(ZTKISAMInit(nullptr), -1); }
+
 }  // namespace
