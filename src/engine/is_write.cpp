@@ -5,6 +5,9 @@
 // the address in the key 0 item and re-indexes only the alternate keys whose values
 // changed.  There is no undo: a failure part-way leaves the steps already done, and
 // the file stays structurally valid.
+//
+// Detail of is_write (0x26) raised here besides the documented ones: 12, ISE_NKEYERR,
+// for a file without keys (a sequential file), which has no index to store a record in.
 #include "is_rec.h"
 
 #include "bt.h"

@@ -3,6 +3,11 @@
 // nisread, nispread, nisfind, niswrite and nisfwrite take no control lock themselves:
 // the record layer brackets its own work.  nisdelete and nisupdate hold the lock around
 // their work, so that an update's delete and re-write are one unit for other processes.
+//
+// Refused before anything changes: nisfind without a key (ISE_INVKL, isfind 1), and an
+// update that could not write its record again (read-only file, bad size), so that the
+// old record is not deleted first.  On a file without keys reads find nothing and
+// nisseek sets no cursor.
 #include "is_error.h"
 #include "is_file.h"
 #include "is_rec.h"
