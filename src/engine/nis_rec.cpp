@@ -7,7 +7,9 @@
 // Refused before anything changes: nisfind without a key (ISE_INVKL, isfind 1), and an
 // update that could not write its record again (read-only file, bad size), so that the
 // old record is not deleted first.  On a file without keys reads find nothing and
-// nisseek sets no cursor.
+// nisseek sets no cursor.  The result of every operation is that of its work: a release
+// whose flush fails leaves its error on the stack and keeps the control lock until a
+// later release of this process writes the pages.
 #include "is_error.h"
 #include "is_file.h"
 #include "is_rec.h"
@@ -92,7 +94,7 @@ KISAM_API int nisupdate(int isfd, const char* record, int recsize) {
     } else {
         r = is_delete(record);
         if (r >= 0) r = is_write(record, recsize, 0);
-        if (is_relctl() < 0) r = -1;
+        is_relctl();
     }
     is_isout();
     return static_cast<short>(r);
@@ -105,7 +107,7 @@ KISAM_API int nisdelete(int isfd, const char* primekey) {
         r = -1;
     } else {
         r = is_delete(primekey);
-        if (is_relctl() < 0) r = -1;
+        is_relctl();
     }
     is_isout();
     return static_cast<short>(r);

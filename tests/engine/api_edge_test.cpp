@@ -80,6 +80,57 @@ TEST_F(ApiEdge, DamagedKeyTableIsRefusedAtOpen) {
     EXPECT_EQ(nisclose(fd), 0);
 }
 
+// A release whose flush fails keeps the control lock, so the next release writes the
+// control page again; the operation itself took effect and reports its own result, so
+// that a caller does not repeat a write that was stored or a delete that was done.
+TEST_F(ApiEdge, FailedReleaseFlushLeavesTheResultAndKeepsTheLock) {
+    const std::string f = path("flush.ism");
+    int lens[] = {4};
+    int fd = niscreate(f.c_str(), 1, lens);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(niswrite(fd, "aaaa-first", 10), 0);
+    const IS_FCP* fcp = kisam::pfo_fcp(is_db[fd]->uniqueid);
+    const IS_PFI* pfi = &is_pfi[is_db[fd]->uniqueid];
+
+    // Writes of a new record: its data page, its key 0 page, then the control page.
+    int r;
+    {
+        kt::FailIo fail(kt::FailIo::kWrite, 3);
+        r = niswrite(fd, "bbbb-second", 11);
+    }
+    ASSERT_EQ(kt::error_stack().back(), 0x2402) << "the third write is the release's flush";
+    EXPECT_EQ(r, 0);
+    EXPECT_EQ(fcp->jd_fcplock, static_cast<uint32_t>(is_pid));
+    EXPECT_EQ(pfi->pfi_ctlcnt, 0);
+
+    // The next release writes the control page and gives the lock up.
+    char rec[32];
+    EXPECT_EQ(nisfind(fd, 0, "bbbb", rec, sizeof rec), 11);
+    EXPECT_EQ(fcp->jd_fcplock, 0u);
+
+    {
+        kt::FailIo fail(kt::FailIo::kWrite, 3);
+        r = nisdelete(fd, "aaaa");
+    }
+    ASSERT_EQ(kt::error_stack().back(), 0x2402);
+    EXPECT_EQ(r, 0);
+    // An update's delete and write each write two pages; its write's own release flushes.
+    {
+        kt::FailIo fail(kt::FailIo::kWrite, 5);
+        r = nisupdate(fd, "bbbb-third!", 11);
+    }
+    ASSERT_EQ(kt::error_stack().back(), 0x2402);
+    EXPECT_EQ(r, 0);
+    ASSERT_EQ(nisclose(fd), 0);
+
+    fd = nisopen(f.c_str(), ISO_RDONLY);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(nisread(fd, 0, rec, sizeof rec), 11);
+    EXPECT_EQ(std::string(rec, 11), "bbbb-third!");
+    EXPECT_EQ(nisread(fd, 0, rec, sizeof rec), 0);
+    EXPECT_EQ(nisclose(fd), 0);
+}
+
 // A loader that passes no table gets -1, not a fault.
 TEST(ApiEntry, NullEntryTableIsRefused) { EXPECT_EQ(ZTKISAMInit(nullptr), -1); }
 
