@@ -27,7 +27,7 @@ demo: all
 	@if [ -x tools/demo.sh ]; then tools/demo.sh $(BUILD); else echo "demo: not available yet"; exit 1; fi
 
 install: all
-	cmake --install $(BUILD)
+	cmake --install $(BUILD) --prefix $(PREFIX)
 
 bench: all
 	@ls $(BUILD)/bench 2>/dev/null || true
