@@ -166,7 +166,10 @@ KISAM_API int niscreate(const char* filename, int nkeys, const int* key_lens) {
     // between this check and the creat below, so between processes it is advisory.
     if (is_lock(&isam_com->opcl_lock) != 0) return fail(ISE_DEADLOCK, 9);
     file_info fi;
-    if (osstat(filename, &fi) == 0) {
+    const int saved_errno = errno;  // a file that does not exist yet is no failure
+    if (osstat(filename, &fi) != 0) {
+        errno = saved_errno;
+    } else {
         for (int u = 0; u < isam_com->maxopen; ++u) {
             IS_FCP* f = kisam::pfo_fcp(u);
             if (f && same_file(f, fi)) {

@@ -135,3 +135,18 @@ TEST_F(ApiEdge, FailedReleaseFlushLeavesTheResultAndKeepsTheLock) {
 TEST(ApiEntry, NullEntryTableIsRefused) { EXPECT_EQ(ZTKISAMInit(nullptr), -1); }
 
 }  // namespace
+
+namespace {
+
+// A create that fails on its own arguments reports no system error: the check for an
+// existing file, which fails for a new name, must not leave its errno behind.
+TEST_F(ApiEdge, CreateFailureOfANewFileCarriesNoStaleSystemError) {
+    int lens[] = {600};  // too long for a page
+    EXPECT_EQ(niscreate(path("new.ism").c_str(), 1, lens), -1);
+    EXPECT_EQ(is_errno, ISE_INVKL);
+    char msg[256];
+    niserrmsgget(msg, sizeof msg);
+    EXPECT_EQ(std::string(msg).find("Sys errno"), std::string::npos) << msg;
+}
+
+}  // namespace
