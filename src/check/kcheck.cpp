@@ -12,13 +12,6 @@
 
 namespace kisam::check {
 
-namespace {
-
-// Deepest tree accepted.  A tree of order 2 over the largest possible file (2^22 pages)
-// stays far below it; a deeper descent can only come from a damaged file.
-constexpr int kMaxDepth = 64;
-
-std::string fmt(const char* f, ...) __attribute__((format(printf, 1, 2)));
 std::string fmt(const char* f, ...) {
     char buf[512];
     va_list ap;
@@ -27,6 +20,13 @@ std::string fmt(const char* f, ...) {
     va_end(ap);
     return buf;
 }
+
+namespace {
+
+// Deepest tree accepted.  A tree of order 2 over the largest possible file (2^22 pages)
+// stays far below it; a deeper descent can only come from a damaged file.
+constexpr int kMaxDepth = 64;
+
 
 template <class T>
 T at(const void* base, size_t off) {

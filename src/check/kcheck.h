@@ -117,4 +117,7 @@ int list_items(const std::string& path, int keyno, std::vector<std::string>* ite
 // records, and records its first violation with report.fail.  Returns report.ok.
 bool check_data(const FileImage& img, PageMap& map, Report& report);
 
+// printf-style formatting into a string, for the reports (texts are cut at 511 bytes).
+std::string fmt(const char* f, ...) __attribute__((format(printf, 1, 2)));
+
 }  // namespace kisam::check

@@ -22,15 +22,6 @@ namespace {
 constexpr PAGE kLow = 0x3FF;
 constexpr int kOverflowData = 1016;
 
-std::string fmt(const char* f, ...) __attribute__((format(printf, 1, 2)));
-std::string fmt(const char* f, ...) {
-    char buf[512];
-    va_list ap;
-    va_start(ap, f);
-    std::vsnprintf(buf, sizeof buf, f, ap);
-    va_end(ap);
-    return buf;
-}
 
 uint16_t u16(const IS_DATA& d, int off) {
     uint16_t v;

@@ -71,9 +71,9 @@ int is_unres(int isfd, const char* key, int keylen, int matchopt) noexcept {
     return matchopt == 0 ? -1 : released;
 }
 
-extern "C" {
-
-KISAM_API int nislock(int isfd, const char* key, int keylen, int rtnopt) {
+// Entry of nislock and nisunlock: frame, key check, control lock.  0, or -1 with the
+// frame already left.
+static int lock_entry(int isfd, const char* key, int keylen) noexcept {
     if (is_isin(kLock, isfd, 0) != 0) return -1;
     if (bad_key(key, keylen)) {
         is_raise(ISE_INVKL, PROC(P_ISLOCK, 2));
@@ -85,6 +85,13 @@ KISAM_API int nislock(int isfd, const char* key, int keylen, int rtnopt) {
         is_isout();
         return -1;
     }
+    return 0;
+}
+
+extern "C" {
+
+KISAM_API int nislock(int isfd, const char* key, int keylen, int rtnopt) {
+    if (lock_entry(isfd, key, keylen) != 0) return -1;
     IS_FCP* fcp = is_curfcp;
 
 rescan:
@@ -155,17 +162,7 @@ rescan:
 }
 
 KISAM_API int nisunlock(int isfd, const char* key, int keylen, int matchopt) {
-    if (is_isin(kLock, isfd, 0) != 0) return -1;
-    if (bad_key(key, keylen)) {
-        is_raise(ISE_INVKL, PROC(P_ISLOCK, 2));
-        is_isout();
-        return -1;
-    }
-    if (is_getctl() != 0) {
-        is_push(PROC(P_ISLOCK, 0));
-        is_isout();
-        return -1;
-    }
+    if (lock_entry(isfd, key, keylen) != 0) return -1;
     int r = is_unres(isfd, key, keylen, matchopt);
     is_relctl();
     uint32_t n = matchopt == 0 ? (r == 0 ? 1u : 0u) : static_cast<uint32_t>(r);

@@ -80,6 +80,23 @@ void zt_shell_quote(std::string &out, const char *text) {
 
 }  // namespace kisam
 
+namespace {
+
+// Most significant byte first, n bytes.
+void put_be(void *buf, uint64_t u, int n) {
+    auto b = static_cast<unsigned char *>(buf);
+    for (int i = n - 1; i >= 0; --i, u >>= 8) b[i] = static_cast<unsigned char>(u & 0xFF);
+}
+
+uint64_t get_be(const void *buf, int n) {
+    auto b = static_cast<const unsigned char *>(buf);
+    uint64_t u = 0;
+    for (int i = 0; i < n; ++i) u = (u << 8) | b[i];
+    return u;
+}
+
+}  // namespace
+
 extern "C" {
 
 KISAM_API uint32_t *zt_uimaxumemp = nullptr;
@@ -332,31 +349,13 @@ KISAM_API int16_t FromWBuf(const void *buf) {
     return static_cast<int16_t>(static_cast<uint16_t>((b[0] << 8) | b[1]));
 }
 
-KISAM_API void ToLBuf(void *buf, int32_t v) {
-    auto b = static_cast<unsigned char *>(buf);
-    uint32_t u = static_cast<uint32_t>(v);
-    for (int i = 3; i >= 0; --i, u >>= 8) b[i] = static_cast<unsigned char>(u & 0xFF);
-}
+KISAM_API void ToLBuf(void *buf, int32_t v) { put_be(buf, static_cast<uint32_t>(v), 4); }
 
-KISAM_API int32_t FromLBuf(const void *buf) {
-    auto b = static_cast<const unsigned char *>(buf);
-    uint32_t u = 0;
-    for (int i = 0; i < 4; ++i) u = (u << 8) | b[i];
-    return static_cast<int32_t>(u);
-}
+KISAM_API int32_t FromLBuf(const void *buf) { return static_cast<int32_t>(get_be(buf, 4)); }
 
-KISAM_API void ToL64Buf(void *buf, int64_t v) {
-    auto b = static_cast<unsigned char *>(buf);
-    uint64_t u = static_cast<uint64_t>(v);
-    for (int i = 7; i >= 0; --i, u >>= 8) b[i] = static_cast<unsigned char>(u & 0xFF);
-}
+KISAM_API void ToL64Buf(void *buf, int64_t v) { put_be(buf, static_cast<uint64_t>(v), 8); }
 
-KISAM_API int64_t FromL64Buf(const void *buf) {
-    auto b = static_cast<const unsigned char *>(buf);
-    uint64_t u = 0;
-    for (int i = 0; i < 8; ++i) u = (u << 8) | b[i];
-    return static_cast<int64_t>(u);
-}
+KISAM_API int64_t FromL64Buf(const void *buf) { return static_cast<int64_t>(get_be(buf, 8)); }
 
 KISAM_API char *ZTLtoA(int32_t n, char *s, int w) {
     std::sprintf(s, "%*d", w, static_cast<int>(n));
