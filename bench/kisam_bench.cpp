@@ -12,6 +12,8 @@
 // process (and is removed explicitly should anything fail); the directory is removed at
 // the end.
 #include <kisam/kisam.h>
+
+#include "bench_config.h"
 #include <kisam/ztsupport.h>
 
 #include <fcntl.h>
@@ -34,26 +36,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 constexpr int kRecLen = 100;
 
-bool write_config(const std::string& path, int maxbuf) {
-    struct is_config c;
-    std::memset(&c, 0, sizeof c);
-    c.co_maxopen = 16;
-    c.co_maxbuf = static_cast<int16_t>(maxbuf);
-    c.co_maxusers = 8;
-    c.co_maxnkeys = 25;
-    c.co_avgalts = 2;
-    c.co_alenlock = 16;
-    c.co_anumlock = 16;
-    c.co_maxfbuf = static_cast<int16_t>(maxbuf);
-    c.co_maxufile = 16;
-    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
-    if (fd < 0) return false;
-    bool ok = ::write(fd, &c, sizeof c) == static_cast<ssize_t>(sizeof c);
-    ::close(fd);
-    fd = ::open((path + ".lk").c_str(), O_RDWR | O_CREAT, 0666);
-    if (fd >= 0) ::close(fd);
-    return ok && fd >= 0;
-}
 
 // Key 0: 8 bytes from the record number; key 1: 12 bytes that change with `gen`;
 // key 2: 4 bytes with few distinct values.  The rest is filler.
@@ -89,7 +71,7 @@ int fail(const char* what) {
 
 int run(const std::string& dir, int maxbuf, long n) {
     const std::string cfg = dir + "/kisamconfig";
-    if (!write_config(cfg, maxbuf)) return 1;
+    if (!bench_write_config(cfg, maxbuf)) return 1;
     ::setenv("KISCONFIG", cfg.c_str(), 1);
     ZTPutEnv("KISCONFIG", cfg.c_str());
     if (is_init() != 0) return fail("is_init");

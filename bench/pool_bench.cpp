@@ -7,6 +7,8 @@
 //   - a control-lock get + v_read hit + release (which flushes).
 // The segment goes away when the program detaches as the last process.
 #include <kisam/kisam.h>
+
+#include "bench_config.h"
 #include <kisam/ztsupport.h>
 
 #include "is_error.h"
@@ -31,26 +33,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-bool write_config(const std::string& path, int maxbuf) {
-    struct is_config c;
-    std::memset(&c, 0, sizeof c);
-    c.co_maxopen = 16;
-    c.co_maxbuf = static_cast<int16_t>(maxbuf);
-    c.co_maxusers = 8;
-    c.co_maxnkeys = 25;
-    c.co_avgalts = 2;
-    c.co_alenlock = 16;
-    c.co_anumlock = 16;
-    c.co_maxfbuf = static_cast<int16_t>(maxbuf);
-    c.co_maxufile = 16;
-    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
-    if (fd < 0) return false;
-    bool ok = ::write(fd, &c, sizeof c) == static_cast<ssize_t>(sizeof c);
-    ::close(fd);
-    fd = ::open((path + ".lk").c_str(), O_RDWR | O_CREAT, 0666);
-    if (fd >= 0) ::close(fd);
-    return ok && fd >= 0;
-}
 
 double ns_per(Clock::duration d, long n) {
     return std::chrono::duration<double, std::nano>(d).count() / static_cast<double>(n);
@@ -58,7 +40,7 @@ double ns_per(Clock::duration d, long n) {
 
 int run(const std::string& dir, int maxbuf) {
     const std::string cfg = dir + "/kisamconfig";
-    if (!write_config(cfg, maxbuf)) return 1;
+    if (!bench_write_config(cfg, maxbuf)) return 1;
     ::setenv("KISCONFIG", cfg.c_str(), 1);
     ZTPutEnv("KISCONFIG", cfg.c_str());
     if (is_init() != 0) {
