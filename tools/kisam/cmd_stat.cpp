@@ -53,7 +53,7 @@ void print_once(const void* area, int shmid, const std::vector<std::pair<std::st
     }
     uint64_t hit = com->hit, mfree = com->missfree, mwrite = com->misswrite, mread = com->missread;
     uint64_t req = hit + mfree + mwrite + mread;
-    std::printf("buffers   %d of 1024 bytes: %d free, %d in use now, %d dirty\n", com->maxbufs, nfree, fixed, dirty);
+    std::printf("buffers   %d pages of 1024 bytes: %d free, %d in use now, %d dirty\n", com->maxbufs, nfree, fixed, dirty);
     std::printf("          requests %llu: hits %llu (%s), misses %llu\n", static_cast<unsigned long long>(req),
                 static_cast<unsigned long long>(hit), pct(hit, req).c_str(),
                 static_cast<unsigned long long>(mfree + mwrite + mread));
