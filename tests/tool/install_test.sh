@@ -1,6 +1,7 @@
 #!/bin/sh
 # Installs a built tree into a temporary prefix, then builds and runs a small C program
-# against the installed copy twice: once with pkg-config, once with find_package.
+# against the installed copy twice: once with pkg-config, once with find_package; the
+# shipped example examples/basic.c is built with pkg-config and run as well.
 #   install_test.sh BUILD_DIR CONSUMER_SOURCE_DIR
 set -eu
 build=$1
@@ -59,6 +60,15 @@ export PKG_CONFIG_PATH
 cc -std=c11 -Wall -Werror -o "$work/consumer-pc" "$consumer/consumer.c" $(pkg-config --cflags --libs kisam) \
     || fail "cannot build with pkg-config"
 LD_LIBRARY_PATH="$libdir" "$work/consumer-pc" "$work/pc.isam" | grep -q 'consumer ok' || fail "pkg-config build does not run"
+
+# The shipped example, built against the installed copy as a user would build it.
+example="$consumer/../../../examples/basic.c"
+if [ -f "$example" ]; then
+    # shellcheck disable=SC2046
+    cc -std=c11 -Wall -Werror -o "$work/basic-pc" "$example" $(pkg-config --cflags --libs kisam) \
+        || fail "cannot build examples/basic.c with pkg-config"
+    (cd "$work" && LD_LIBRARY_PATH="$libdir" "$work/basic-pc") >/dev/null || fail "examples/basic.c does not run"
+fi
 
 # find_package
 cmake -S "$consumer" -B "$work/cbuild" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null || fail "find_package(kisam) fails"
