@@ -4,7 +4,9 @@
 //
 // Details of procedure is_init (0x22) raised here besides the documented ones:
 //   10  the configuration record is unusable (co_maxopen, co_maxbuf or co_maxusers below
-//       1, co_maxnkeys above 25, or co_maxufile negative): the segment would be laid out
+//       1, co_maxnkeys above 25, or co_maxufile negative; after sizing: co_maxopen
+//       beyond what a buffer's owner bits can name, or negative averages that shrink the
+//       heap estimate below the end of the tables): the segment would be laid out
 //       wrongly or be useless, so it is never created from such a record;
 //   11  the start-up lock on the lock file could not be taken;
 //   12  is_chinit: the wait for opcl_lock was refused as a deadlock (ISE_DEADLOCK).
@@ -57,6 +59,16 @@ int _is_mkpid(void) noexcept {
 bool config_usable(const is_config& c) {
     return c.co_maxopen >= 1 && c.co_maxbuf >= 1 && c.co_maxusers >= 1 &&
            c.co_maxnkeys <= KISAM_MAXKEYS && c.co_maxufile >= 0;
+}
+
+// A sized record the first attacher can lay out: buffer owner bits name shared files
+// 0 .. BU_FILEMASK - 1 (BU_FILEMASK tags a slot of no file), and the heap holds at least
+// its anchor, the unused unit and one block -- a heap that ends before it starts would
+// be laid out outside the segment.
+bool layout_usable(const is_config& c) {
+    constexpr int64_t kMinHeap = 3 * static_cast<int64_t>(sizeof(Cheader));
+    return c.co_maxopen <= BU_FILEMASK &&
+           static_cast<int64_t>(c.co_comsize) - c.co_heapbase >= kMinHeap;
 }
 
 }  // namespace
@@ -132,6 +144,7 @@ extern "C" KISAM_API int is_init(void) {
     if (conf.co_maxufile == 0) conf.co_maxufile = conf.co_maxopen;
     if (!config_usable(conf)) return fail(ISE_INITERR, 10);
     if (sizecomm(&conf) != 0) return fail(ISE_INITERR, 7);
+    if (!layout_usable(conf)) return fail(ISE_INITERR, 10);
 
     char* base = getcomm(key, conf.co_comsize);
     if (base == reinterpret_cast<char*>(-1)) return fail(ISE_INITERR, 4);
