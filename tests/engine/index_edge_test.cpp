@@ -1,5 +1,7 @@
-// Data pages against an independent reference of their layout rules, and B-tree repairs
-// that move more than one item.
+// Data pages and B-tree shapes against independent references of their layout rules.
+//
+// A wrong split count, borrow count or sibling choice still leaves a valid tree that holds
+// the right items; only a comparison of the shape, page by page, catches it.
 //
 // The reference keeps its own image of every shared data page and its own free-space
 // table, and applies the placement, piece, merge and table rules to them.  After every
@@ -17,7 +19,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <functional>
 #include <cstring>
 #include <map>
 #include <random>
@@ -309,68 +313,254 @@ TEST_F(DataReference, PagesAndTableFollowTheLayoutRules) {
     EXPECT_GT(ref.displaced, 0);
 }
 
-// Item of a key 0 of length 190 (item 194 bytes, order 5, limit 2): first byte v.
-constexpr int kLen5 = 194;
-std::string item5(int v) {
-    std::string s(kLen5, 'q');
-    s[0] = static_cast<char>(v);
-    kisam::store_at<uint32_t>(s.data() + 190, 0x2000u + static_cast<uint32_t>(v));
-    return s;
-}
-std::string keys5(const IS_DATA& d) {
-    std::string r;
-    for (int i = 0; i < btt::nitems(d); ++i) r += static_cast<char>('0' + btt::item_at(d, i, kLen5)[0]);
-    return r;
-}
+// Reference B-tree: nodes in memory, no page numbers.  Items compare over their key bytes.
+class ShapeReference {
+public:
+    ShapeReference(int order, int keylen) : k_(order), half_(order / 2), kl_(keylen) {}
 
-// With order 5 a page below the limit holds 1 item and a full sibling 5: the borrow takes
-// (5 - 1) / 2 = 2 items, both from the right and from the left, so the separator that goes
-// down and the sibling item that comes up are not neighbours.  A wrong count still leaves a
-// valid tree, which is why the images are checked here.
-TEST(BtRepair, BorrowOfTwoItemsAndMergeIntoLeftCollapsesRoot) {
-    const short old = Sp_half;
-    Sp_half = 1;
-    btt::BtFile f(1024, {190});
+    int root = -1;
+
+    // 0 stored, 1 present.
+    int insert(const std::string& item) {
+        if (root < 0) {
+            root = make({item}, {});
+            return 0;
+        }
+        return ins(root, item, 0);
+    }
+    // 0 removed, -1 absent.
+    int remove(const std::string& item) { return root < 0 ? -1 : del(root, item, -1) < 0 ? -1 : 0; }
+
+    // "[a b]" for a leaf, "[<c0> a <c1> b <c2>]" for an internal node; items by key value.
+    std::string dump(int nd) const {
+        if (nd < 0) return "-";
+        const Node& n = nodes_[static_cast<size_t>(nd)];
+        std::string r = "[";
+        for (size_t i = 0; i < n.items.size(); ++i) {
+            if (!n.kids.empty()) r += dump(n.kids[i]) + " ";
+            r += std::to_string(value(n.items[i])) + (i + 1 < n.items.size() || !n.kids.empty() ? " " : "");
+        }
+        if (!n.kids.empty()) r += dump(n.kids.back());
+        return r + "]";
+    }
+    static int value(const std::string& item) {
+        return (static_cast<unsigned char>(item[0]) << 8) | static_cast<unsigned char>(item[1]);
+    }
+
+private:
+    struct Node {
+        std::vector<std::string> items;
+        std::vector<int> kids;   // empty in a leaf
+    };
+    int make(std::vector<std::string> items, std::vector<int> kids) {
+        nodes_.push_back({std::move(items), std::move(kids)});
+        return static_cast<int>(nodes_.size()) - 1;
+    }
+    Node& at(int nd) { return nodes_[static_cast<size_t>(nd)]; }
+    int cmp(const std::string& a, const std::string& b) const {
+        return std::memcmp(a.data(), b.data(), static_cast<size_t>(kl_));
+    }
+    size_t first_not_below(const Node& n, const std::string& item) const {
+        size_t j = 0;
+        while (j < n.items.size() && cmp(n.items[j], item) < 0) ++j;
+        return j;
+    }
+
+    int ins(int nd, const std::string& item, int depth) {
+        size_t j = first_not_below(at(nd), item);
+        if (j < at(nd).items.size() && cmp(at(nd).items[j], item) == 0) return 1;
+        if (at(nd).kids.empty()) {
+            carried_ = item;
+            right_ = -1;
+        } else {
+            int r = ins(at(nd).kids[j], item, depth + 1);
+            if (r != 2) return r;
+        }
+        Node& n = at(nd);
+        std::vector<std::string> items = n.items;
+        std::vector<int> kids = n.kids;
+        items.insert(items.begin() + static_cast<long>(j), carried_);
+        if (!kids.empty()) kids.insert(kids.begin() + static_cast<long>(j) + 1, right_);
+        if (static_cast<int>(n.items.size()) < k_) {
+            n.items = std::move(items);
+            n.kids = std::move(kids);
+            return 0;
+        }
+        const int jj = static_cast<int>(j);
+        const size_t nl = static_cast<size_t>(
+            Sp_half != 0 ? (k_ + 1) / 2 : jj == 0 ? 1 : jj == k_ ? k_ - 1 : jj);
+        n.items.assign(items.begin(), items.begin() + static_cast<long>(nl));
+        carried_ = items[nl];
+        std::vector<std::string> ritems(items.begin() + static_cast<long>(nl) + 1, items.end());
+        std::vector<int> rkids;
+        if (!kids.empty()) {
+            n.kids.assign(kids.begin(), kids.begin() + static_cast<long>(nl) + 1);
+            rkids.assign(kids.begin() + static_cast<long>(nl) + 1, kids.end());
+        }
+        right_ = make(std::move(ritems), std::move(rkids));
+        if (depth > 0) return 2;
+        root = make({carried_}, {nd, right_});
+        return 0;
+    }
+
+    int del(int nd, const std::string& item, int parent) {
+        size_t j = first_not_below(at(nd), item);
+        const bool leaf = at(nd).kids.empty();
+        if (j < at(nd).items.size() && cmp(at(nd).items[j], item) == 0) {
+            if (leaf) {
+                at(nd).items.erase(at(nd).items.begin() + static_cast<long>(j));
+                return static_cast<int>(at(nd).items.size()) < half_ ? unflow(parent, nd) : 0;
+            }
+            return getnxt(nd, j, nd, at(nd).kids[j]) == 1 ? unflow(parent, nd) : 0;
+        }
+        if (leaf) return -1;
+        int r = del(at(nd).kids[j], item, nd);
+        if (r < 0) return r;
+        return r == 1 ? unflow(parent, nd) : 0;
+    }
+    int getnxt(int ins_nd, size_t idx, int parent, int nd) {
+        if (!at(nd).kids.empty())
+            return getnxt(ins_nd, idx, nd, at(nd).kids.back()) == 1 ? unflow(parent, nd) : 0;
+        at(ins_nd).items[idx] = at(nd).items.back();
+        at(nd).items.pop_back();
+        return static_cast<int>(at(nd).items.size()) < half_ ? unflow(parent, nd) : 0;
+    }
+    int unflow(int parent, int nd) {
+        if (parent < 0) {
+            if (at(nd).items.empty()) root = at(nd).kids.empty() ? -1 : at(nd).kids[0];
+            return 0;
+        }
+        Node& p = at(parent);
+        const size_t np = p.items.size();
+        size_t k = 0;
+        while (k < np && p.kids[k] != nd) ++k;
+        if (k < np) {
+            Node& pg = at(nd);
+            Node& r = at(p.kids[k + 1]);
+            const int nu = static_cast<int>(pg.items.size()), nb = static_cast<int>(r.items.size());
+            pg.items.push_back(p.items[k]);
+            if (nb - nu < 2) {
+                pg.items.insert(pg.items.end(), r.items.begin(), r.items.end());
+                pg.kids.insert(pg.kids.end(), r.kids.begin(), r.kids.end());
+                p.items.erase(p.items.begin() + static_cast<long>(k));
+                p.kids.erase(p.kids.begin() + static_cast<long>(k) + 1);
+                return static_cast<int>(p.items.size()) < half_ ? 1 : 0;
+            }
+            const long m = (nb - nu) / 2;
+            pg.items.insert(pg.items.end(), r.items.begin(), r.items.begin() + m - 1);
+            p.items[k] = r.items[static_cast<size_t>(m - 1)];
+            r.items.erase(r.items.begin(), r.items.begin() + m);
+            if (!r.kids.empty()) {
+                pg.kids.insert(pg.kids.end(), r.kids.begin(), r.kids.begin() + m);
+                r.kids.erase(r.kids.begin(), r.kids.begin() + m);
+            }
+            return 0;
+        }
+        Node& pg = at(nd);
+        Node& l = at(p.kids[np - 1]);
+        const int nu = static_cast<int>(pg.items.size()), nl = static_cast<int>(l.items.size());
+        if (nl - nu < 2) {
+            l.items.push_back(p.items[np - 1]);
+            l.items.insert(l.items.end(), pg.items.begin(), pg.items.end());
+            l.kids.insert(l.kids.end(), pg.kids.begin(), pg.kids.end());
+            p.items.pop_back();
+            p.kids.pop_back();
+            return static_cast<int>(p.items.size()) < half_ ? 1 : 0;
+        }
+        const long m = (nl - nu) / 2;
+        std::vector<std::string> items(l.items.end() - (m - 1), l.items.end());
+        items.push_back(p.items[np - 1]);
+        items.insert(items.end(), pg.items.begin(), pg.items.end());
+        pg.items = std::move(items);
+        p.items[np - 1] = l.items[static_cast<size_t>(nl - m)];
+        l.items.resize(static_cast<size_t>(nl - m));
+        if (!l.kids.empty()) {
+            std::vector<int> kids(l.kids.end() - m, l.kids.end());
+            kids.insert(kids.end(), pg.kids.begin(), pg.kids.end());
+            pg.kids = std::move(kids);
+            l.kids.resize(static_cast<size_t>(nl - m + 1));
+        }
+        return 0;
+    }
+
+    int k_, half_, kl_;
+    std::vector<Node> nodes_;
+    std::string carried_;
+    int right_ = -1;
+};
+
+// Orders 3 to 7 under both split rules: every split count, borrow count and merge
+// direction occurs, at several depths.
+class Shapes : public ::testing::TestWithParam<std::tuple<int, int>> {};
+
+TEST_P(Shapes, TreeImagesFollowTheReference) {
+    auto [keylen, sp] = GetParam();
+    const short old_sp = Sp_half;
+    Sp_half = static_cast<short>(sp);
+    const uint64_t seed = kt::test_seed(0xB7EE0000u + static_cast<uint64_t>(keylen * 2 + sp));
+    SCOPED_TRACE("KISAM_SEED=" + std::to_string(seed));
+    std::mt19937_64 rng(seed);
+    btt::BtFile f(1024, {keylen});
     ASSERT_TRUE(f.ok());
     f.begin();
-    ASSERT_EQ(f.key(0)->k_order, 5);
-    for (int v : {1, 2, 3, 4, 5, 6, 7, 8, 9}) {   // [1,2,3] 4 [5,6,7,8,9]
-        std::string it = item5(v);
-        ASSERT_EQ(f.insert(0, it), 0) << v;
-    }
-    const PAGE root = f.root(0);
-    ASSERT_EQ(f.remove(0, item5(1)), 0);          // [2,3]: still at the limit
-    ASSERT_EQ(f.remove(0, item5(2)), 0);          // [3] borrows 4 and 5; 6 goes up
-    f.end();
-    IS_DATA r = f.disk_page(root);
-    const PAGE left = btt::ptr_at(r, 0, kLen5), right = btt::ptr_at(r, 1, kLen5);
-    EXPECT_EQ(keys5(r), "6");
-    EXPECT_EQ(keys5(f.disk_page(left)), "345");
-    EXPECT_EQ(keys5(f.disk_page(right)), "789");
+    const int itemlen = f.key(0)->k_itemlen;
+    ShapeReference ref(f.key(0)->k_order, keylen);
 
-    f.begin();
-    for (int v : {1, 2}) {                         // [1,2,3,4,5] 6 [7,8,9]
-        std::string it = item5(v);
-        ASSERT_EQ(f.insert(0, it), 0) << v;
-    }
-    ASSERT_EQ(f.remove(0, item5(9)), 0);
-    ASSERT_EQ(f.remove(0, item5(8)), 0);          // [7], rightmost: takes 5 and 6; 4 goes up
-    f.end();
-    r = f.disk_page(root);
-    EXPECT_EQ(keys5(r), "4");
-    EXPECT_EQ(keys5(f.disk_page(left)), "123");
-    EXPECT_EQ(keys5(f.disk_page(right)), "567");
-    EXPECT_EQ(btt::ptr_at(f.disk_page(right), 0, kLen5), kNone);
+    auto make = [&](int v) {
+        std::string s(static_cast<size_t>(itemlen), 'f');
+        s[0] = static_cast<char>(v >> 8);
+        s[1] = static_cast<char>(v & 0xFF);
+        kisam::store_at<uint32_t>(s.data() + keylen, 0x40000u + static_cast<uint32_t>(v) * 2);
+        return s;
+    };
+    // The engine's tree from disk, in the reference's notation; a page that is not a page
+    // of this key, or an item that is not what was stored, shows as "!".
+    std::function<std::string(PAGE, int)> disk_dump = [&](PAGE p, int depth) -> std::string {
+        if (p == kNone) return "-";
+        if (depth > 20) return "!";
+        IS_DATA d = f.disk_page(p);
+        if (d.bt.bt_keyno != 0 || d.bt.bt_nitems < 0) return "!";
+        const int n = d.bt.bt_nitems;
+        const bool leaf = btt::ptr_at(d, 0, itemlen) == kNone;
+        std::string r = "[";
+        for (int i = 0; i < n; ++i) {
+            if (!leaf) r += disk_dump(btt::ptr_at(d, i, itemlen), depth + 1) + " ";
+            std::string it = btt::item_at(d, i, itemlen);
+            int v = ShapeReference::value(it);
+            r += it == make(v) ? std::to_string(v) : "!";
+            if (i + 1 < n || !leaf) r += " ";
+        }
+        if (!leaf) r += disk_dump(btt::ptr_at(d, n, itemlen), depth + 1);
+        return r + "]";
+    };
 
-    f.begin();
-    ASSERT_EQ(f.remove(0, item5(7)), 0);
-    ASSERT_EQ(f.remove(0, item5(6)), 0);          // [5]: nl - nu = 2, borrows one: 3 goes up
-    ASSERT_EQ(f.remove(0, item5(5)), 0);          // [4] beside [1,2]: merge, the root empties
-    EXPECT_EQ(f.root(0), left);
+    int deepest = 0;
+    for (int step = 0; step < 2500 && !HasFailure(); ++step) {
+        // Grow first, then mix, then shrink.
+        const int grow = step < 900 ? 75 : step < 1600 ? 50 : 20;
+        const int v = static_cast<int>(rng() % 400);
+        std::string it = make(v);
+        if (static_cast<int>(rng() % 100) < grow) {
+            int want = ref.insert(it);
+            ASSERT_EQ(f.insert(0, it), want) << "step " << step << " insert " << v;
+        } else {
+            int want = ref.remove(it);
+            ASSERT_EQ(f.remove(0, it), want) << "step " << step << " delete " << v;
+        }
+        const PAGE root = f.root(0);
+        f.end();
+        std::string got = disk_dump(root, 0);
+        ASSERT_EQ(got, ref.dump(ref.root)) << "step " << step << " value " << v;
+        deepest = std::max(deepest, static_cast<int>(std::count(got.begin(), got.begin() + static_cast<long>(got.find_first_not_of('[')), '[')));
+        f.begin();
+    }
+    EXPECT_GE(deepest, 3) << "the trees never grew deep";
     f.end();
-    EXPECT_EQ(keys5(f.disk_page(left)), "1234");
-    EXPECT_EQ(btt::ptr_at(f.disk_page(left), 4, kLen5), kNone);
-    Sp_half = old;
+    Sp_half = old_sp;
 }
+
+INSTANTIATE_TEST_SUITE_P(Bt, Shapes,
+                         ::testing::Combine(::testing::Values(330, 240, 190, 160, 136),
+                                            ::testing::Values(0, 1)));
 
 }  // namespace
