@@ -343,6 +343,47 @@ public:
         if (!n.kids.empty()) r += dump(n.kids.back());
         return r + "]";
     }
+    void preorder(int nd, std::vector<int>* out) const {
+        if (nd < 0) return;
+        out->push_back(nd);
+        for (int c : nodes_[static_cast<size_t>(nd)].kids) preorder(c, out);
+    }
+
+    // Search from the root: 1 / 0 as the engine answers, *item as it leaves it, *at the
+    // node remembered as the cursor's page (left alone when no item stopped a scan).
+    int search(int nd, int mode, std::string* item, int* at) const {
+        if (nd < 0) return 0;
+        const bool back = (mode & 2) != 0, eq = (mode & 1) != 0;
+        const int nothing = mode == 5 ? 0 : 1;
+        const Node& n = nodes_[static_cast<size_t>(nd)];
+        const int cnt = static_cast<int>(n.items.size());
+        auto more = [&](const std::string& x) {
+            int c = back ? cmp(x, *item) : cmp(*item, x);
+            return c != 0 ? c > 0 : !eq;
+        };
+        int x = -1;
+        for (int i = back ? cnt - 1 : 0; back ? i >= 0 : i < cnt; i += back ? -1 : 1)
+            if (!more(n.items[static_cast<size_t>(i)])) {
+                x = i;
+                break;
+            }
+        if (x < 0) {
+            if (n.kids.empty()) return 0;
+            return search(n.kids[back ? 0 : static_cast<size_t>(cnt)], mode, item, at);
+        }
+        const std::string& xi = n.items[static_cast<size_t>(x)];
+        if (eq && cmp(xi, *item) == 0) {
+            *item = xi;
+            *at = nd;
+            return 1;
+        }
+        if (!n.kids.empty() && search(n.kids[static_cast<size_t>(back ? x + 1 : x)], mode, item, at) == 1)
+            return 1;
+        *item = xi;
+        *at = nd;
+        return nothing;
+    }
+
     static int value(const std::string& item) {
         return (static_cast<unsigned char>(item[0]) << 8) | static_cast<unsigned char>(item[1]);
     }
@@ -515,9 +556,11 @@ TEST_P(Shapes, TreeImagesFollowTheReference) {
     };
     // The engine's tree from disk, in the reference's notation; a page that is not a page
     // of this key, or an item that is not what was stored, shows as "!".
+    std::vector<PAGE> pages;   // the engine's pages in the order the dump visits them
     std::function<std::string(PAGE, int)> disk_dump = [&](PAGE p, int depth) -> std::string {
         if (p == kNone) return "-";
         if (depth > 20) return "!";
+        pages.push_back(p);
         IS_DATA d = f.disk_page(p);
         if (d.bt.bt_keyno != 0 || d.bt.bt_nitems < 0) return "!";
         const int n = d.bt.bt_nitems;
@@ -549,10 +592,30 @@ TEST_P(Shapes, TreeImagesFollowTheReference) {
         }
         const PAGE root = f.root(0);
         f.end();
+        pages.clear();
         std::string got = disk_dump(root, 0);
         ASSERT_EQ(got, ref.dump(ref.root)) << "step " << step << " value " << v;
         deepest = std::max(deepest, static_cast<int>(std::count(got.begin(), got.begin() + static_cast<long>(got.find_first_not_of('[')), '[')));
         f.begin();
+
+        // A search without a hint: answer, item and cursor page as the reference has them.
+        std::vector<int> nodes;
+        ref.preorder(ref.root, &nodes);
+        ASSERT_EQ(nodes.size(), pages.size());
+        static const int kModes[] = {0, 1, 2, 3, 5};
+        const int mode = kModes[rng() % 5];
+        std::string probe = make(static_cast<int>(rng() % 400));
+        std::string want = probe;
+        int at = -1;
+        const int wr = ref.search(ref.root, mode, &want, &at);
+        f.currpage(0) = kNone;
+        std::string item = probe;
+        ASSERT_EQ(bt_search(0, f.root(0), mode, item.data(), 0), wr)
+            << "step " << step << " mode " << mode << " probe " << ShapeReference::value(probe);
+        EXPECT_EQ(item, want) << "step " << step << " mode " << mode;
+        const auto pos = std::find(nodes.begin(), nodes.end(), at);
+        EXPECT_EQ(f.currpage(0), at < 0 ? kNone : pages[static_cast<size_t>(pos - nodes.begin())])
+            << "step " << step << " mode " << mode;
     }
     EXPECT_GE(deepest, 3) << "the trees never grew deep";
     f.end();
