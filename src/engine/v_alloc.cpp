@@ -20,7 +20,9 @@ constexpr uint64_t kMaxPageOffset = 0xFFFFFBFEull;
 // Highest page number whose end is still a PAGE: is_lastpage must stay representable.
 constexpr uint64_t kMaxPage = 0xFFFFFFFFull - KISAM_PAGESIZE;
 
-inline bool seek_errno(int e) { return e == EINVAL || e == ESPIPE || e == EOVERFLOW || e == EFBIG; }
+// A failing pwrite stands for a failing seek only when the offset itself was refused;
+// a file grown past the size limit (EFBIG) is a failed write.
+inline bool seek_errno(int e) { return e == EINVAL || e == ESPIPE || e == EOVERFLOW; }
 
 }  // namespace
 
