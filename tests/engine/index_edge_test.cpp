@@ -313,6 +313,71 @@ TEST_F(DataReference, PagesAndTableFollowTheLayoutRules) {
     EXPECT_GT(ref.displaced, 0);
 }
 
+// A 3000-byte record on an empty file costs six page writes: the tail page grows the
+// file, the second overflow page grows it and is written, so is the first, and the tail
+// page is written last.  Each one fails in turn.  A failed allocation of an overflow
+// page gives back everything already stored; the other failures return at once.
+TEST(DataFaults, StoreOfALongRecordFailingAtEachWrite) {
+    kt::Installation inst;
+    ASSERT_EQ(is_init(), 0);
+    std::vector<char> rec(3000);
+    for (size_t i = 0; i < rec.size(); ++i) rec[i] = static_cast<char>(i * 13 + i / 7);
+    struct Case {
+        int nth;
+        int top;         // procedure code on top of the stack (detail ignored for v_new)
+        bool cleaned;    // the pages written so far went back to the free chain
+    };
+    const Case cases[] = {
+        {1, PROC(P_DR_PUT, 3), false},   {2, PROC(P_V_NEW), true},
+        {3, PROC(P_DR_PUT, 7), false},   {4, PROC(P_V_NEW), true},
+        {5, PROC(P_DR_PUT, 7), false},   {6, PROC(P_DR_PUT, 9), false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE("write " + std::to_string(c.nth));
+        std::string path = inst.path("f" + std::to_string(c.nth) + ".ism");
+        int lens[1] = {8};
+        int fd = niscreate(path.c_str(), 1, lens);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(is_isin(PROC(P_ISWRITE), fd, 0), 0);
+        ASSERT_EQ(is_getctl(), 0);
+        PAGE a;
+        {
+            kt::FailIo fail(kt::FailIo::kWrite, c.nth);
+            a = dr_put(rec.data(), static_cast<int>(rec.size()));
+        }
+        EXPECT_EQ(a, kNone);
+        std::vector<int> st = kt::error_stack();
+        ASSERT_FALSE(st.empty());
+        if (c.top == PROC(P_V_NEW)) {
+            EXPECT_EQ(st.back() >> 8, P_V_NEW);
+        } else {
+            EXPECT_EQ(st.back(), c.top);
+        }
+        if (c.nth == 6) {
+            ASSERT_GE(st.size(), 2u);
+            EXPECT_EQ(st[st.size() - 2], PROC(P_DR_SYNC, 2));
+        }
+        if (c.cleaned) {
+            EXPECT_EQ(is_curfcp->is_cdp[0], 0u);
+            EXPECT_EQ(is_curfcp->is_mincdpi, -1);
+        }
+        // The record goes in on a second try and reads back; after a clean-up the file
+        // needs no page beyond the three the record takes.
+        a = dr_put(rec.data(), static_cast<int>(rec.size()));
+        ASSERT_NE(a, kNone);
+        std::vector<char> back(rec.size());
+        EXPECT_EQ(dr_get(a, back.data(), static_cast<int>(back.size())), 3000);
+        EXPECT_EQ(back, rec);
+        if (c.cleaned) {
+            EXPECT_EQ(is_curfcp->is_lastpage, 4096u);
+        }
+        EXPECT_EQ(is_relctl(), 0);
+        is_isout();
+        EXPECT_EQ(nisclose(fd), 0);
+    }
+    nisunisam();
+}
+
 // Reference B-tree: nodes in memory, no page numbers.  Items compare over their key bytes.
 class ShapeReference {
 public:
