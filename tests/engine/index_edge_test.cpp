@@ -384,10 +384,11 @@ public:
     ShapeReference(int order, int keylen) : k_(order), half_(order / 2), kl_(keylen) {}
 
     int root = -1;
+    int cursor = -1;   // node the cursor's page names after an insert, -1 none
 
     // 0 stored, 1 present.
     int insert(const std::string& item) {
-        if (root < 0) {
+        if (root < 0) {   // the cursor is left as it was
             root = make({item}, {});
             return 0;
         }
@@ -474,7 +475,10 @@ private:
 
     int ins(int nd, const std::string& item, int depth) {
         size_t j = first_not_below(at(nd), item);
-        if (j < at(nd).items.size() && cmp(at(nd).items[j], item) == 0) return 1;
+        if (j < at(nd).items.size() && cmp(at(nd).items[j], item) == 0) {
+            cursor = nd;
+            return 1;
+        }
         if (at(nd).kids.empty()) {
             carried_ = item;
             right_ = -1;
@@ -490,6 +494,7 @@ private:
         if (static_cast<int>(n.items.size()) < k_) {
             n.items = std::move(items);
             n.kids = std::move(kids);
+            cursor = static_cast<int>(n.items.size()) < k_ ? nd : -1;
             return 0;
         }
         const int jj = static_cast<int>(j);
@@ -506,6 +511,7 @@ private:
         right_ = make(std::move(ritems), std::move(rkids));
         if (depth > 0) return 2;
         root = make({carried_}, {nd, right_});
+        cursor = -1;
         return 0;
     }
 
@@ -648,7 +654,9 @@ TEST_P(Shapes, TreeImagesFollowTheReference) {
         const int grow = step < 900 ? 75 : step < 1600 ? 50 : 20;
         const int v = static_cast<int>(rng() % 400);
         std::string it = make(v);
+        bool check_cursor = false;
         if (static_cast<int>(rng() % 100) < grow) {
+            check_cursor = ref.root >= 0;
             int want = ref.insert(it);
             ASSERT_EQ(f.insert(0, it), want) << "step " << step << " insert " << v;
         } else {
@@ -656,6 +664,7 @@ TEST_P(Shapes, TreeImagesFollowTheReference) {
             ASSERT_EQ(f.remove(0, it), want) << "step " << step << " delete " << v;
         }
         const PAGE root = f.root(0);
+        const PAGE cursor = f.currpage(0);
         f.end();
         pages.clear();
         std::string got = disk_dump(root, 0);
@@ -667,6 +676,15 @@ TEST_P(Shapes, TreeImagesFollowTheReference) {
         std::vector<int> nodes;
         ref.preorder(ref.root, &nodes);
         ASSERT_EQ(nodes.size(), pages.size());
+        auto page_of = [&](int nd) {
+            const auto pos = std::find(nodes.begin(), nodes.end(), nd);
+            return nd < 0 || pos == nodes.end() ? kNone : pages[static_cast<size_t>(pos - nodes.begin())];
+        };
+        // An insert leaves the cursor on the page that took or holds the item while it
+        // has room, and on no page after a split of the root.
+        if (check_cursor) {
+            EXPECT_EQ(cursor, page_of(ref.cursor)) << "step " << step << " insert " << v;
+        }
         static const int kModes[] = {0, 1, 2, 3, 5};
         const int mode = kModes[rng() % 5];
         std::string probe = make(static_cast<int>(rng() % 400));
@@ -678,9 +696,8 @@ TEST_P(Shapes, TreeImagesFollowTheReference) {
         ASSERT_EQ(bt_search(0, f.root(0), mode, item.data(), 0), wr)
             << "step " << step << " mode " << mode << " probe " << ShapeReference::value(probe);
         EXPECT_EQ(item, want) << "step " << step << " mode " << mode;
-        const auto pos = std::find(nodes.begin(), nodes.end(), at);
-        EXPECT_EQ(f.currpage(0), at < 0 ? kNone : pages[static_cast<size_t>(pos - nodes.begin())])
-            << "step " << step << " mode " << mode;
+        EXPECT_EQ(f.currpage(0), page_of(at)) << "step " << step << " mode " << mode;
+        ref.cursor = at;
     }
     EXPECT_GE(deepest, 3) << "the trees never grew deep";
     f.end();
