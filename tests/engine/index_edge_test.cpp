@@ -313,6 +313,54 @@ TEST_F(DataReference, PagesAndTableFollowTheLayoutRules) {
     EXPECT_GT(ref.displaced, 0);
 }
 
+// Segments as another writer may have left them: the one-byte-length form, a record in
+// continued pieces, a continued piece whose link is 0, and a link to an odd offset.
+TEST_F(DataReference, EveryStoredSegmentFormReadsBack) {
+    begin();
+    const PAGE a = dr_put("0123456789", 10);
+    end();
+    ASSERT_NE(a, kNone);
+    const PAGE p = a & ~kLow;
+    Page img{};
+    wr16(img, 0, 0x8000);                 // no free chunk
+    img[100] = 5;                         // one-byte length; the next byte is below 0x80
+    std::memcpy(img.data() + 101, "ABCDE", 5);
+    wr16(img, 200, 0xC000 | ((300 << 2) & 0xC00) | 4);
+    img[202] = 300 & 0xFF;
+    std::memcpy(img.data() + 203, "wxyz", 4);
+    wr16(img, 300, 0x8000 | 3);
+    std::memcpy(img.data() + 302, "123", 3);
+    wr16(img, 400, 0xC000 | 2);           // continued, link 0: the record ends here
+    img[402] = 0;
+    std::memcpy(img.data() + 403, "qq", 2);
+    wr16(img, 500, 0xC000 | 2);
+    img[502] = 0x31;                      // odd next offset
+    ASSERT_EQ(nisclose(fd_), 0);          // so that the page is read again from disk
+    int w = ::open(path_.c_str(), O_WRONLY);
+    ASSERT_GE(w, 0);
+    ASSERT_EQ(::pwrite(w, img.data(), img.size(), static_cast<off_t>(p)), 1024);
+    ::close(w);
+    fd_ = nisopen(path_.c_str(), ISO_RDWR);
+    ASSERT_GE(fd_, 0);
+
+    auto get = [&](PAGE addr, int maxlen) {
+        std::string out(static_cast<size_t>(maxlen) + 4, '.');
+        begin();
+        int n = dr_get(addr, out.data(), maxlen);
+        end();
+        return n < 0 ? std::string("-1") : out.substr(0, static_cast<size_t>(n));
+    };
+    EXPECT_EQ(get(p + 100, 20), "ABCDE");
+    EXPECT_EQ(get(p + 100, 3), "ABC");
+    EXPECT_EQ(get(p + 200, 20), "wxyz123");
+    EXPECT_EQ(get(p + 200, 6), "wxyz12");
+    EXPECT_EQ(get(p + 400, 20), "qq");
+    EXPECT_EQ(get(p + 500, 20), "-1");
+    std::vector<int> st = kt::error_stack();
+    ASSERT_FALSE(st.empty());
+    EXPECT_EQ(st.back(), PROC(P_DR_GET, 3));
+}
+
 // A 3000-byte record on an empty file costs six page writes: the tail page grows the
 // file, the second overflow page grows it and is written, so is the first, and the tail
 // page is written last.  Each one fails in turn.  A failed allocation of an overflow
