@@ -342,7 +342,10 @@ int dr_rel(PAGE drp) noexcept {
         const uint16_t ctlw = load_at<uint16_t>(bp + s);
         int size, next = 0;
         if ((ctlw & 0x8000) == 0) {
-            size = 1 + ub[s];                      // compact form (never written here)
+            // Compact form (never written here): its one length byte and its data.  Taking
+            // bits 0-9 of the control word instead would count a data byte as length and
+            // free bytes of the segment behind it.
+            size = 1 + ub[s];
         } else if ((ctlw & 0x4000) != 0) {
             next = ((ctlw >> 2) & 0x300) + ub[s + 2];
             size = (ctlw & 0x3FF) + (next != 0 ? 3 : 2);
