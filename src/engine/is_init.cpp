@@ -18,11 +18,13 @@
 
 #include <kisam/ztsupport.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/ipc.h>
 #include <unistd.h>
 
@@ -40,17 +42,32 @@ void make_name(char* fnbuf, const char* prefix, const char* suffix) {
     ZTFileNameFix(fnbuf);
 }
 
-// Claims the first free slot of the process table for this process.
+// Claims a slot of the process table for this process: the first free one, else the
+// first one whose process no longer exists (a process killed while attached never frees
+// its slot, and the table would fill up with the dead).  The claim is a compare-and-swap,
+// so two processes never take the same slot, also from is_chinit, which runs without the
+// start-up lock.
+bool claim_slot(int i, int32_t expect) noexcept {
+    std::atomic_ref<int32_t> e(is_env.pid_[i]);
+    if (!e.compare_exchange_strong(expect, is_pid)) return false;
+    is_env.useridx = static_cast<int16_t>(i);
+    is_env.needs_[i] = 0;
+    return true;
+}
+
+bool process_gone(int32_t pid) noexcept {
+    return pid > 0 && ::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH;
+}
+
 int _is_mkpid(void) noexcept {
     is_pid = static_cast<int>(::getpid());
     int n = isam_com->maxusers;
     for (int i = 0; i < n; ++i) {
-        if (is_env.pid_[i] == 0) {
-            is_env.pid_[i] = is_pid;
-            is_env.useridx = static_cast<int16_t>(i);
-            is_env.needs_[i] = 0;
-            return 0;
-        }
+        if (is_env.pid_[i] == 0 && claim_slot(i, 0)) return 0;
+    }
+    for (int i = 0; i < n; ++i) {
+        const int32_t old = is_env.pid_[i];
+        if (process_gone(old) && claim_slot(i, old)) return 0;
     }
     isam_com = nullptr;  // the segment stays attached; the caller detaches it
     return -1;

@@ -147,3 +147,33 @@ TEST_F(Crash, RecordLockHolderDiesWhileOthersWait) {
 }
 
 }  // namespace
+
+namespace {
+
+// A process killed while attached never frees its process-table slot; a later attacher
+// takes the slot over instead of finding the table full for ever.
+TEST(CrashTable, SlotOfAKilledProcessIsReused) {
+    kt::Config c;
+    c.maxusers = 2;
+    kt::Installation inst(c);
+    ASSERT_EQ(is_init(), 0);
+    kt::Pipe ready;
+    pid_t pid = kt::start_child([&] {
+        if (is_init() != 0) return 1;  // the second slot
+        ready.signal();
+        for (;;) ::pause();
+    });
+    ASSERT_EQ(ready.wait(), 'x');
+    // Full while the holder lives: a third process is refused.
+    EXPECT_EQ(kt::run_child([] { return is_init() == -1 && is_errno == ISE_INITERR ? 0 : 1; }), 0);
+    ::kill(pid, SIGKILL);
+    ASSERT_EQ(kt::wait_child(pid), 128 + SIGKILL);
+    EXPECT_EQ(kt::run_child([&] {
+                  if (is_init() != 0) return 1;
+                  return is_env.pid_[is_env.useridx] == is_pid && is_env.useridx == 1 ? 0 : 2;
+              }),
+              0);
+    nisunisam();
+}
+
+}  // namespace
