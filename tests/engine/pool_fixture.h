@@ -1,6 +1,5 @@
 // Helpers of the buffer-pool tests: a private installation, ISAM files whose pages are
-// stamped with their own number on disk, the frame of an operation, and views of the
-// shared slots.
+// stamped with their own number on disk, the frame of an operation, views of the slots.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -25,19 +24,12 @@ namespace pt {
 
 constexpr int16_t kKeyno = 7;  // bt_keyno stamped into every test page
 
-// Page P as written to disk: bt_keyno kKeyno, P at byte 8, a pattern after it.
-inline void stamp(unsigned char* page, PAGE p) {
-    std::memset(page, 0, 1024);
-    kisam::store_at<int16_t>(page, kKeyno);
-    kisam::store_at<PAGE>(page + 8, p);
-    for (int i = 12; i < 1024; ++i) page[i] = static_cast<unsigned char>((p / 1024 + i) & 0xFF);
-}
 inline PAGE stamp_of(const IS_DATA* d) { return kisam::load_at<PAGE>(d->c + 8); }
-
 inline IS_BUF& slot(int i) { return is_env.buf_[i]; }
 inline int slot_of(const IS_DATA* d) { return v_slot_of(d); }
 inline int uid(int isfd) { return is_db[isfd]->uniqueid; }
 inline IS_FCP* fcp_of(int isfd) { return kisam::pfo_fcp(uid(isfd)); }
+using kt::stack_code;
 
 // Pages held by file slot u, in chain order.
 inline std::vector<PAGE> chain_pages(int u) {
@@ -47,17 +39,11 @@ inline std::vector<PAGE> chain_pages(int u) {
         v.push_back(slot(s).bu_pno);
     return v;
 }
-inline int free_slots() {
-    int n = 0;
-    for (int s = isam_com->buf_free; s >= 0 && n < 10000; s = slot(s).bu_next) ++n;
-    return n;
-}
 inline int fixed_slots() {
     int n = 0;
     for (int i = 0; i < isam_com->maxbufs; ++i) n += (slot(i).bu_id & BU_INUSE) != 0;
     return n;
 }
-using kt::stack_code;
 
 class PoolEnv : public ::testing::Test {
 protected:
@@ -65,25 +51,25 @@ protected:
         inst_ = std::make_unique<kt::Installation>(c);
         ASSERT_EQ(is_init(), 0);
     }
-    void TearDown() override {
+    void stop() {
         nisunisam();
         inst_.reset();
     }
+    void TearDown() override { stop(); }
     std::string path(const std::string& n) const { return inst_->path(n); }
-    // A one-key file whose pages 1024 .. npages * 1024 hold their stamps on disk.
-    // The file is reopened with `access` after its creation.
-    int make_file(const std::string& n, int npages, int fcpsize = 1024, int access = ISO_RDWR) {
-        niscr_ctl(0, fcpsize);
+    // A one-key file whose pages 1024 .. npages * 1024 carry their own number at byte 8,
+    // reopened with `access`.
+    int make_file(const std::string& n, int npages, int access = ISO_RDWR) {
         int lens[1] = {8};
         int fd = niscreate(path(n).c_str(), 1, lens);
         EXPECT_GE(fd, 0);
         EXPECT_EQ(nisclose(fd), 0);
         int os = ::open(path(n).c_str(), O_RDWR);
-        unsigned char page[1024];
-        for (int i = 1; i <= npages; ++i) {
-            PAGE p = static_cast<PAGE>(i) * 1024;
-            stamp(page, p);
-            EXPECT_EQ(::pwrite(os, page, 1024, fcpsize == 512 ? p - 512 : p), 1024);
+        unsigned char page[1024] = {};
+        kisam::store_at<int16_t>(page, kKeyno);
+        for (PAGE p = 1024; p <= static_cast<PAGE>(npages) * 1024; p += 1024) {
+            kisam::store_at<PAGE>(page + 8, p);
+            EXPECT_EQ(::pwrite(os, page, 1024, p), 1024);
         }
         ::close(os);
         fd = nisopen(path(n).c_str(), access);
@@ -112,11 +98,10 @@ protected:
     std::unique_ptr<kt::Installation> inst_;
 };
 
-inline kt::Config cfg(int maxbuf, int maxfbuf, uint32_t bits = 0) {
+inline kt::Config cfg(int maxbuf, int maxfbuf) {
     kt::Config c;
     c.maxbuf = static_cast<int16_t>(maxbuf);
     c.maxfbuf = static_cast<int16_t>(maxfbuf);
-    c.bits = bits;
     return c;
 }
 
