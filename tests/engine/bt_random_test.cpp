@@ -1,10 +1,7 @@
-// Randomized differential test of the B-tree against an ordered in-memory model.
-//
-// Long items give page orders of 2 to 5, so that every split, borrow, merge and root
-// change happens many times, under both split rules and both control-page sizes.  Every
-// operation is checked as it happens; after every batch the structural checker reads the
-// file from disk and every tree must equal its model.  The trees are emptied at the end,
-// and then every page must be on the free chain.  KISAM_SEED replays a run.
+// B-tree against an ordered in-memory model, with orders 2 to 5 so that every split,
+// borrow, merge and root change happens often, under both split rules and both control-page
+// sizes.  The checker reads the file after every batch; the trees end empty and every page
+// free.  KISAM_SEED replays a run.
 #include "bt_fixture.h"
 
 #include "kcheck.h"
@@ -22,12 +19,10 @@ using Model = std::map<std::string, std::string>;   // compared bytes -> whole i
 
 struct Shape {
     const char* name;
-    std::vector<int> lens;   // key lengths of the file
+    std::vector<int> lens;
 };
 
-// Key 0 lengths 400 / 300 / 240 / 190 give items of 404 / 304 / 244 / 194 bytes: orders
-// 2, 3, 4 and 5.  The two-key file has an odd key 0 of 7 bytes (order 63) and an odd
-// key 1 of 233 bytes whose items (234 + 8 bytes) give order 4, with pad bytes in both.
+// Orders 2, 3, 4 and 5; then odd keys (pad bytes) of order 63 and 4.
 const Shape kShapes[] = {
     {"order2", {400}}, {"order3", {300}}, {"order4", {240}}, {"order5", {190}},
     {"twokeys", {7, 233}},
@@ -52,15 +47,10 @@ void put_key(char* at, uint32_t v, int len) {
     for (int i = 4; i < len; ++i) at[i] = static_cast<char>(mix(v * 131u + static_cast<uint32_t>(i)) >> 7);
 }
 
-// Short form of an item for failure messages.
 std::string hex(const std::string& s) {
-    static const char* digits = "0123456789abcdef";
     std::string r;
-    for (size_t i = 0; i < s.size() && i < 12; ++i) {
-        r += digits[static_cast<unsigned char>(s[i]) >> 4];
-        r += digits[static_cast<unsigned char>(s[i]) & 15];
-    }
-    return r + (s.size() > 12 ? "..." : "");
+    for (size_t i = 0; i < s.size() && i < 12; ++i) r += "0123456789abcdef"[(s[i] >> 4) & 15], r += "0123456789abcdef"[s[i] & 15];
+    return r;
 }
 
 class Differential : public ::testing::TestWithParam<std::tuple<int, int, int>> {
@@ -72,7 +62,6 @@ protected:
         Sp_half = static_cast<short>(sp);
         seed_ = kt::test_seed(0x5EED0000u + static_cast<uint64_t>(shape * 4 + sp * 2 + (magic == 512)));
         rng_.seed(seed_);
-        // Pages that hold found items stay fixed until the batch's flush: room for them.
         kt::Config cfg;
         cfg.maxbuf = 256;
         file_ = std::make_unique<btt::BtFile>(magic, shape_->lens, cfg);
@@ -140,8 +129,7 @@ protected:
         int r = file_->insert(k, it, force);
         if (old == m.end()) {
             ASSERT_EQ(r, 0) << "insert, " << errinfo();
-            // A hint left by an insert names a page of this key with room.  (The first
-            // insert into an empty tree leaves the hint alone.)
+            // A hint left by an insert (not the first) names a page of this key with room.
             if (PAGE cp = file_->currpage(k); cp != KISAM_NOPAGE && !was_empty) {
                 IS_DATA* d = v_read(cp);
                 ASSERT_NE(d, nullptr);
@@ -225,9 +213,7 @@ protected:
             }
         } else {
             ASSERT_EQ(r, want ? 1 : 0) << "mode " << mode;
-            if (want) {
-                EXPECT_TRUE(got == *want) << "mode " << mode << ": " << hex(got) << " for " << hex(*want);
-            }
+            if (want) { EXPECT_TRUE(got == *want) << "mode " << mode << ": " << hex(got) << " for " << hex(*want); }
         }
         if (r == 1) {
             // currpage names the page that holds the item.
@@ -277,18 +263,12 @@ protected:
         for (int i = 0; i < ops; ++i) {
             const int k = static_cast<int>(rng_() % static_cast<unsigned>(nkeys_));
             const int r = static_cast<int>(rng_() % 100);
-            if (r < p_insert) {
-                op_insert(k);
-            } else if (r < p_insert + p_delete) {
-                op_delete(k);
-            } else {
-                op_search(k);
-            }
+            if (r < p_insert) op_insert(k);
+            else if (r < p_insert + p_delete) op_delete(k);
+            else op_search(k);
             if (HasFatalFailure()) return;
-            if (i % 64 == 63) {
-                verify(name);
-                if (HasFatalFailure()) return;
-            }
+            if (i % 64 == 63) verify(name);
+            if (HasFatalFailure()) return;
         }
         verify(name);
     }
