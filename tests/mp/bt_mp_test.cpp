@@ -1,7 +1,5 @@
-// B-tree under several processes: each works on one shared tree through the shared pool
-// under the control lock, one operation per lock hold, so that every process's page hint
-// goes stale between its operations (pages split, merged, given back and reused by the
-// others).  The resulting tree must be sound and hold exactly what each process left.
+// Processes share one tree, one operation per control-lock hold, so every page hint goes
+// stale between operations.  The tree must end sound and hold exactly what each left.
 #include "../engine/bt_fixture.h"
 
 #include "kcheck.h"
