@@ -1,5 +1,5 @@
-// Helpers of the B-tree and checker tests: a file in a private installation, worked on
-// through the real frame and control lock, and raw access to its pages on disk.
+// A B-tree file in a private installation, worked on through the real frame and control
+// lock, and raw access to its pages on disk.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -24,12 +24,12 @@ namespace btt {
 
 using kt::error_stack;
 
-// One ISAM file of a private installation.  Between begin() and end() the test holds the
-// file's frame and control lock and may call the B-tree directly.
+// Between begin() and end() the test holds the frame and control lock.
 class BtFile {
 public:
     BtFile(int magicv, std::vector<int> lens, const kt::Config& cfg = kt::Config())
-        : inst_(std::make_unique<kt::Installation>(cfg)), path_(inst_->path("bt.isam")) {
+        : inst_(std::make_unique<kt::Installation>(cfg)), path_(inst_->path("bt.isam")),
+          compact_(magicv == 512) {
         niscr_ctl(0, magicv);
         fd_ = niscreate(path_.c_str(), static_cast<int>(lens.size()), lens.data());
     }
@@ -62,38 +62,22 @@ public:
         return bt_insert(k, root(k), item.data(), 0, forcef);
     }
     int remove(int k, std::string item) { return bt_delete(k, root(k), item.data(), KISAM_NOPAGE); }
-    int search(int k, int mode, std::string* item) {
-        item->resize(static_cast<size_t>(key(k)->k_itemlen));
-        return bt_search(k, root(k), mode, item->data(), 0);
-    }
 
-    // Page p as it is on disk (the file must have been flushed for the control page;
-    // other pages are written as they change).
+    // Page p as it is on disk (page 1024 of a compact-header file lies at offset 512).
     IS_DATA disk_page(PAGE p) const {
         IS_DATA d;
-        std::memset(&d, 0, sizeof d);
+        std::memset(&d, 0x5A, sizeof d);
         int fd = ::open(path_.c_str(), O_RDONLY);
-        off_t off = compact() ? static_cast<off_t>(p) - 512 : static_cast<off_t>(p);
-        if (fd >= 0) {
-            if (::pread(fd, d.c, sizeof d.c, off) != static_cast<ssize_t>(sizeof d.c))
-                std::memset(&d, 0x5A, sizeof d);
-            ::close(fd);
-        }
+        EXPECT_EQ(::pread(fd, d.c, sizeof d.c, static_cast<off_t>(p) - (compact_ ? 512 : 0)),
+                  static_cast<ssize_t>(sizeof d.c)) << p;
+        ::close(fd);
         return d;
-    }
-    bool compact() const {
-        unsigned char m[2] = {0, 0};
-        int fd = ::open(path_.c_str(), O_RDONLY);
-        if (fd >= 0) {
-            if (::pread(fd, m, 2, 0) != 2) m[0] = m[1] = 0;
-            ::close(fd);
-        }
-        return (m[0] | (m[1] << 8)) == ISMAGIC_512;
     }
 
 private:
     std::unique_ptr<kt::Installation> inst_;
     std::string path_;
+    bool compact_;
     int fd_ = -1;
     bool in_ = false;
 };

@@ -1,4 +1,4 @@
-// B-tree: exact page images of inserts, splits, repairs and given-back pages (even split).
+// B-tree: exact page images of inserts, splits, merges and given-back pages (even split).
 #include "bt_fixture.h"
 
 #include "kcheck.h"
@@ -136,38 +136,4 @@ TEST(BtPages, MergeCollapsesRootAndFreePagesAreReusedLastFirst) {
     kisam::check::Report rep = kisam::check::check_file(f.path(), kTreesAndFree);
     ASSERT_TRUE(rep.ok) << rep.error;
     EXPECT_TRUE(rep.free_chain.empty());
-}
-
-TEST(BtPages, BorrowRightBorrowLeftAndPredecessor) {
-    BtFile f(1024, {240});
-    ASSERT_TRUE(f.ok());
-    f.begin();
-    insert_all(f, {1, 2, 3, 4, 5, 6, 7});   // [1,2] 3 [4,5,6,7]
-    PAGE root = f.root(0);
-    ASSERT_EQ(f.remove(0, item4(1)), 0);     // [2] borrows one from the right
-    f.end();
-    IS_DATA r = f.disk_page(root);
-    PAGE left = ptr_at(r, 0, kLen4), right = ptr_at(r, 1, kLen4);
-    EXPECT_EQ(item_at(r, 0, kLen4), item4(4));
-    EXPECT_EQ(keys_of(f.disk_page(left)), "23");
-    EXPECT_EQ(keys_of(f.disk_page(right)), "567");
-
-    f.begin();
-    insert_all(f, {0, 1});                   // [0,1,2,3] 4 [5,6,7]
-    ASSERT_EQ(f.remove(0, item4(6)), 0);
-    ASSERT_EQ(f.remove(0, item4(7)), 0);     // [5] is the rightmost: borrows from the left
-    f.end();
-    r = f.disk_page(root);
-    EXPECT_EQ(item_at(r, 0, kLen4), item4(3));
-    EXPECT_EQ(keys_of(f.disk_page(left)), "012");
-    EXPECT_EQ(keys_of(f.disk_page(right)), "45");
-
-    f.begin();
-    ASSERT_EQ(f.remove(0, item4(3)), 0);     // the separator gives way to its predecessor
-    f.end();
-    r = f.disk_page(root);
-    EXPECT_EQ(item_at(r, 0, kLen4), item4(2));
-    EXPECT_EQ(keys_of(f.disk_page(left)), "01");
-    kisam::check::Report rep = kisam::check::check_file(f.path(), kTreesAndFree);
-    EXPECT_TRUE(rep.ok) << rep.error;
 }
