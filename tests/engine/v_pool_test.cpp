@@ -49,19 +49,6 @@ TEST_F(Pool, ReadFailsRatherThanWaitForSlotsOnlyThisProcessCanRelease) {
     EXPECT_EQ(end(), 0);
 }
 
-TEST_F(Pool, FixesLeftByAnotherHolderAreClearedAfterARecordLockWait) {
-    start(cfg(8, 0));
-    int fd = make_file("a.ism", 2);
-    begin(fd);
-    IS_DATA* d = get(1);
-    ASSERT_EQ(end(), 0);
-    slot(slot_of(d)).bu_id |= BU_INUSE;  // a holder that gave the lock up to wait
-    isam_com->usrwaits++;
-    begin(fd);
-    ASSERT_EQ(end(), 0);
-    EXPECT_EQ(fixed_slots(), 0);
-}
-
 // A short read of garbage, then end of file.
 int g_calls = 0;
 ssize_t short_pread(int, void* buf, size_t, off_t) {

@@ -20,15 +20,13 @@ namespace {
 // takes its own pid and process slot, as start-up does in a child.
 int child_attach() {
     is_pid = ::getpid();
-    for (int i = 0; i < isam_com->maxusers; ++i) {
-        if (is_env.pid_[i] == 0) {
-            is_env.pid_[i] = is_pid;
-            is_env.useridx = static_cast<int16_t>(i);
-            is_env.needs_[i] = 0;
-            return 0;
-        }
-    }
-    return -1;
+    int i = 0;
+    while (i < isam_com->maxusers && is_env.pid_[i] != 0) ++i;
+    if (i == isam_com->maxusers) return -1;
+    is_env.pid_[i] = is_pid;
+    is_env.useridx = static_cast<int16_t>(i);
+    is_env.needs_[i] = 0;
+    return 0;
 }
 
 uint32_t load(const unsigned* w) { return std::atomic_ref<const uint32_t>(*w).load(); }
@@ -118,9 +116,7 @@ TEST_F(LockMp, CycleOfWaitsIsRefusedWithoutAborting) {
         if (is_env.needs_[parent_slot] != free_off) return 3;
         ::usleep(20000);
         errno = 0;
-        int rc = is_lock(opcl());
-        int err = errno;
-        if (rc != -1 || err != EDEADLK) return 4;
+        if (is_lock(opcl()) != -1 || errno != EDEADLK) return 4;
         if (load(opcl()) != parent) return 5;          // untouched
         if (is_env.needs_[is_env.useridx] != 0) return 6;  // no longer waiting
         if (load(freel()) != static_cast<uint32_t>(is_pid)) return 7;  // still ours
