@@ -61,7 +61,6 @@ TEST(BtPages, LeafImageInCompactHeaderFile) {
     EXPECT_EQ(f.currpage(0), 1024u);   // room left in the page
     f.end();
 
-    // Page 1024 of a compact-header file lies at offset 512.
     IS_DATA d = f.disk_page(1024);
     EXPECT_EQ(d.bt.bt_keyno, 0);
     EXPECT_EQ(nitems(d), 3);
@@ -109,14 +108,9 @@ TEST(BtPages, MergeCollapsesRootAndFreePagesAreReusedLastFirst) {
     f.end();
 
     EXPECT_EQ(keys_of(f.disk_page(1024)), "1234");
-    unsigned char head[12];
-    {
-        int fd = ::open(f.path().c_str(), O_RDONLY);
-        ASSERT_EQ(::pread(fd, head, sizeof head, 0), static_cast<ssize_t>(sizeof head));
-        ::close(fd);
-    }
-    EXPECT_EQ(kisam::load_at<PAGE>(head + 4), 3072u);   // is_nextfree: the root, freed last
-    EXPECT_EQ(kisam::load_at<PAGE>(head + 8), 4096u);   // is_lastpage
+    const IS_DATA head = f.disk_page(512);   // file offset 0: the control page
+    EXPECT_EQ(kisam::load_at<PAGE>(head.c + 4), 3072u);   // is_nextfree: the root, freed last
+    EXPECT_EQ(kisam::load_at<PAGE>(head.c + 8), 4096u);   // is_lastpage
     for (auto [page, next] : {std::pair<PAGE, PAGE>{3072, 2048}, {2048, 4096}}) {
         IS_DATA d = f.disk_page(page);
         const unsigned char* b = reinterpret_cast<const unsigned char*>(d.c);
