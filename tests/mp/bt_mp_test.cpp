@@ -101,7 +101,6 @@ TEST_P(BtMp, ProcessesShareOneTree) {
     EXPECT_TRUE(items == want);
 }
 
-// Orders 3 and 4.
-INSTANTIATE_TEST_SUITE_P(Bt, BtMp, ::testing::Values(300, 240));
+INSTANTIATE_TEST_SUITE_P(Bt, BtMp, ::testing::Values(300, 240));   // orders 3 and 4
 
 }  // namespace
