@@ -5,16 +5,11 @@
 
 #include "kcheck.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
-#include <ostream>
 #include <random>
 #include <set>
 #include <string>
@@ -30,36 +25,20 @@ struct Shape {
     int ops;
 };
 
-void PrintTo(const Shape& s, std::ostream* os) {
-    *os << "keys";
-    for (int l : s.keylens) *os << ' ' << l;
-    *os << (s.keyopt ? ", key option" : "") << ", Sp_half " << s.split_half << ", " << s.magic
-        << "-byte control page, " << s.ops << " steps";
-}
-
 class Model {
 public:
     explicit Model(const std::vector<int>& kl) : kl_(kl), items_(kl.size()) {
-        for (int l : kl) minrec_ += l;
-        int pos = 0;
-        for (int l : kl) {
-            pos_.push_back(pos);
-            pos += l;
-        }
+        for (int l : kl) pos_.push_back(minrec_), minrec_ += l;
     }
     int nkeys() const { return static_cast<int>(kl_.size()); }
     int kl(int k) const { return kl_[static_cast<size_t>(k)]; }
     int minrec() const { return minrec_; }
     int offset(int k) const { return (kl(k) + 1) & ~1; }
-    int ncomp(int k) const { return k == 0 ? kl(0) : offset(k) + kl(0); }
     std::string key(const std::string& rec, int k) const {
         return rec.substr(static_cast<size_t>(pos_[static_cast<size_t>(k)]), static_cast<size_t>(kl(k)));
     }
     // The compared part of the index item of rec under key k.
-    std::string item(const std::string& rec, int k) const {
-        if (k == 0) return key(rec, 0);
-        return make_item(k, key(rec, k), key(rec, 0));
-    }
+    std::string item(const std::string& rec, int k) const { return make_item(k, key(rec, k), key(rec, 0)); }
     std::string make_item(int k, const std::string& value, const std::string& key0) const {
         std::string it = value;
         if (kl(k) & 1) it += '\0';
@@ -110,19 +89,11 @@ protected:
         rng_.seed(seed_);
         ASSERT_EQ(is_init(), 0);
         path_ = inst_.path("model.ism");
-        niscr_ctl(1, sh.magic);
+        niscr_ctl(0, sh.magic);  // the key option, if any, comes from a negative key count
         Sp_half = sh.split_half;
         int n = static_cast<int>(sh.keylens.size());
         fd_ = niscreate(path_.c_str(), sh.keyopt ? -n : n, sh.keylens.data());
         ASSERT_GE(fd_, 0);
-        if (!sh.keyopt) {
-            // The key option comes from the create options when the count is positive.
-            ASSERT_EQ(nisclose(fd_), 0);
-            ::unlink(path_.c_str());
-            niscr_ctl(0, sh.magic);
-            fd_ = niscreate(path_.c_str(), n, sh.keylens.data());
-            ASSERT_GE(fd_, 0);
-        }
         model_ = std::make_unique<Model>(sh.keylens);
         cur_.assign(sh.keylens.size(), Cursor());
         for (int k = 0; k < n; ++k) {
@@ -136,6 +107,7 @@ protected:
         if (fd_ >= 0) nisclose(fd_);
         nisunisam();
         Sp_half = 1;
+        niscr_ctl(1, 1024);
     }
 
     std::string random_bytes(int n) {
@@ -192,13 +164,8 @@ protected:
         }
         int n = std::min(recsize, static_cast<int>(want->size()));
         ASSERT_EQ(got, n) << what << " key0 " << ::testing::PrintToString(model_->key(*want, 0));
-        if (std::memcmp(buf_.data(), want->data(), static_cast<size_t>(n)) != 0) {
-            size_t diff = 0;
-            while (buf_[diff] == (*want)[diff]) ++diff;
-            FAIL() << what << ": record " << ::testing::PrintToString(model_->key(*want, 0)) << " of "
-                   << want->size() << " bytes differs at byte " << diff << "; got key0 "
-                   << ::testing::PrintToString(std::string(buf_.data(), static_cast<size_t>(model_->kl(0))));
-        }
+        ASSERT_EQ(std::memcmp(buf_.data(), want->data(), static_cast<size_t>(n)), 0)
+            << what << ": record " << ::testing::PrintToString(model_->key(*want, 0)) << " differs";
     }
 
     // nisread (dir 0) or nispread (dir 2) on key k, against the model cursor.
@@ -301,9 +268,8 @@ protected:
     void bad_size_step() {
         std::string rec = make_record(key0(static_cast<unsigned>(rng_() % kIds)), nullptr, false);
         int n = rng_() % 2 ? model_->minrec() - 1 : 65535;
-        if (n > static_cast<int>(rec.size())) rec.resize(static_cast<size_t>(n));
-        int r = rng_() % 2 ? niswrite(fd_, rec.data(), n) : nisupdate(fd_, rec.data(), n);
-        ASSERT_EQ(r, -1);
+        rec.resize(std::max(rec.size(), static_cast<size_t>(n)));
+        ASSERT_EQ(rng_() % 2 ? niswrite(fd_, rec.data(), n) : nisupdate(fd_, rec.data(), n), -1);
         ASSERT_EQ(is_errno, ISE_RSIZE);
     }
 
@@ -383,153 +349,5 @@ INSTANTIATE_TEST_SUITE_P(
                       Shape{{6, 12}, true, 0, 1024, 8000}),
     [](const ::testing::TestParamInfo<Shape>& info) { return "shape" + std::to_string(info.index); });
 
-
-// Hand-picked cases of the record operations that a random mix reaches rarely.
-class RecordEdges : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_EQ(is_init(), 0); }
-    void TearDown() override {
-        for (int fd : fds_) nisclose(fd);
-        nisunisam();
-    }
-    // Creates a file; nkeys negative switches the key option on.
-    int create(const char* name, int nkeys, std::vector<int> lens, bool keyopt) {
-        niscr_ctl(keyopt ? 1 : 0, 1024);
-        int fd = niscreate(inst_.path(name).c_str(), nkeys, lens.data());
-        EXPECT_GE(fd, 0);
-        fds_.push_back(fd);
-        return fd;
-    }
-    static std::string rec(const std::string& k0, const std::string& k1, size_t len, char fill) {
-        std::string r = k0 + k1;
-        r.resize(std::max(len, r.size()), fill);
-        return r;
-    }
-    int write(int fd, const std::string& r) { return niswrite(fd, r.data(), static_cast<int>(r.size())); }
-    std::string read(int fd, int key, int dir = 0, int recsize = 70000) {
-        std::vector<char> b(70000);
-        int n = dir == 0 ? nisread(fd, key, b.data(), recsize) : nispread(fd, key, b.data(), recsize);
-        return n <= 0 ? std::to_string(n) : std::string(b.data(), static_cast<size_t>(n));
-    }
-    std::string find(int fd, int key, const std::string& v, int recsize = 70000) {
-        std::vector<char> b(70000);
-        int n = nisfind(fd, key, v.data(), b.data(), recsize);
-        return n <= 0 ? std::to_string(n) : std::string(b.data(), static_cast<size_t>(n));
-    }
-    std::string check(const char* name) {
-        auto rep = kisam::check::check_file(inst_.path(name));
-        return rep.ok ? std::string() : rep.error;
-    }
-
-    kt::Installation inst_;
-    std::vector<int> fds_;
-};
-
-// The random mix covers sizes, missing keys and cursors; these are what it cannot see.
-TEST_F(RecordEdges, DuplicateSpaceShortBufferAndReadOnly) {
-    int fd = create("dup.ism", 2, {4, 2}, false);
-    const std::string a = rec("aaaa", "zz", 3000, 'a');
-    ASSERT_EQ(write(fd, a), 0);
-    ASSERT_EQ(nisgetctl(fd), 0);
-    IS_FCP* fcp = is_curfcp;
-    ASSERT_EQ(nisrelctl(fd), 0);
-    const PAGE last = fcp->is_lastpage;
-
-    // A duplicate key 0 is not stored, sets no error and gives its space back.
-    is_errno = 0;
-    EXPECT_EQ(write(fd, rec("aaaa", "yy", 5000, 'b')), 1);
-    EXPECT_EQ(is_errno, 0);
-    EXPECT_EQ(find(fd, 0, "aaaa"), a);
-    EXPECT_EQ(find(fd, 1, "yy"), "0");
-    EXPECT_EQ(fcp->is_lastpage, last + 5 * 1024);   // pages were used, then freed...
-    EXPECT_EQ(write(fd, rec("gggg", "yy", 5000, 'g')), 0);
-    EXPECT_EQ(fcp->is_lastpage, last + 5 * 1024);   // ...and are used again
-    EXPECT_EQ(nisdelete(fd, "gggg"), 0);
-    ASSERT_EQ(write(fd, rec("bbbb", "zz", 6, 'c')), 0);
-
-    // A buffer that cannot hold key 0 is refused and leaves the cursor alone.
-    ASSERT_EQ(nisseek(fd, 0, "aaaa"), 0);
-    EXPECT_EQ(read(fd, 0, 0, 3), "-1");
-    EXPECT_EQ(is_errno, ISE_RSIZE);
-    EXPECT_EQ(read(fd, 0).substr(0, 4), "aaaa");
-    EXPECT_EQ(check("dup.ism"), "");
-
-    // A file open only read-only in this process reads but neither writes, updates nor
-    // deletes.  (Read-only is a property of the process's open file, not of a handle.)
-    ASSERT_EQ(nisclose(fd), 0);
-    fds_.clear();
-    int ro = nisopen(inst_.path("dup.ism").c_str(), ISO_RDONLY);
-    fds_.push_back(ro);
-    EXPECT_EQ(write(ro, rec("ffff", "zz", 6, 'f')), -1);
-    EXPECT_EQ(is_errno, ISE_RONLY);
-    EXPECT_EQ(nisupdate(ro, rec("bbbb", "zz", 6, 'f').data(), 6), -1);
-    EXPECT_EQ(is_errno, ISE_RONLY);
-    EXPECT_EQ(nisdelete(ro, "bbbb"), -1);
-    EXPECT_EQ(is_errno, ISE_RONLY);
-    EXPECT_EQ(find(ro, 0, "bbbb"), rec("bbbb", "zz", 6, 'c'));
-    EXPECT_EQ(find(ro, 0, "ffff"), "0");
-}
-
-TEST_F(RecordEdges, KeyZeroHeldOnlyInTheIndex) {
-    // Key 0 alone: a record of just the key uses no data page.
-    int fd = create("opt.ism", -1, {6}, true);
-    ASSERT_EQ(write(fd, "k00001"), 0);
-    ASSERT_EQ(write(fd, rec("k00002", "", 3000, 'x')), 0);
-    EXPECT_EQ(find(fd, 0, "k00001"), "k00001");
-    EXPECT_EQ(find(fd, 0, "k00002", 6), "k00002");       // only the key fits
-    EXPECT_EQ(find(fd, 0, "k00002", 100), rec("k00002", "", 100, 'x'));
-    EXPECT_EQ(find(fd, 0, "k00002"), rec("k00002", "", 3000, 'x'));
-    // The key is not stored in the data: 2994 data bytes, two overflow pages + tail.
-    ASSERT_EQ(nisfwrite(fd, "k00002", 6), 0);             // frees the old data unread
-    EXPECT_EQ(find(fd, 0, "k00002"), "k00002");
-    ASSERT_EQ(nisdelete(fd, "k00001"), 0);
-    ASSERT_EQ(nisdelete(fd, "k00002"), 0);
-    EXPECT_EQ(read(fd, 0), "0");
-    EXPECT_EQ(check("opt.ism"), "");
-    IS_FCP* fcp = is_curfcp;
-    EXPECT_EQ(fcp->is_cdp[0], 0u);
-
-    // With alternate keys the old key fields come from the data part.
-    int f2 = create("opt2.ism", -2, {3, 2}, true);
-    ASSERT_EQ(write(f2, rec("abc", "10", 50, 'p')), 0);
-    ASSERT_EQ(nisfwrite(f2, rec("abc", "20", 60, 'q').data(), 60), 0);
-    EXPECT_EQ(find(f2, 1, "10"), "0");
-    EXPECT_EQ(find(f2, 1, "20"), rec("abc", "20", 60, 'q'));
-    ASSERT_EQ(nisdelete(f2, "abc"), 0);
-    EXPECT_EQ(find(f2, 1, "20"), "0");
-    EXPECT_EQ(check("opt2.ism"), "");
-}
-
-
-// Copies `from` to `to` and overwrites `bytes` at `off` in the copy.
-void damaged_copy(const std::string& from, const std::string& to, off_t off, const std::string& bytes) {
-    std::string cmd = "cp '" + from + "' '" + to + "'";
-    ASSERT_EQ(std::system(cmd.c_str()), 0);
-    int fd = ::open(to.c_str(), O_RDWR);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(::pwrite(fd, bytes.data(), bytes.size(), off), static_cast<ssize_t>(bytes.size()));
-    ::close(fd);
-}
-
-TEST_F(RecordEdges, CheckerSeesDamagedDataPages) {
-    int fd = create("good.ism", 1, {4}, false);
-    // Tail of 968 bytes at offset 54 of page 1024 (52 free bytes in front), overflow
-    // pages 2048 (second block) and 3072 (first block), then the index root.
-    ASSERT_EQ(write(fd, rec("aaaa", "", 3000, 'a')), 0);
-    ASSERT_EQ(nisclose(fd), 0);
-    fds_.clear();
-    const std::string good = inst_.path("good.ism");
-    ASSERT_EQ(check("good.ism"), "");
-
-    auto error_of = [&](const char* name) { return kisam::check::check_file(inst_.path(name)).error; };
-    damaged_copy(good, inst_.path("segx.ism"), 3072 + 2, std::string("\x07\x00", 2));
-    EXPECT_NE(error_of("segx.ism").find("segx"), std::string::npos) << error_of("segx.ism");
-    damaged_copy(good, inst_.path("chunk.ism"), 1024 + 4, std::string("\x3c\x00", 2));   // 60 bytes
-    EXPECT_NE(error_of("chunk.ism").find("overlaps"), std::string::npos) << error_of("chunk.ism");
-    damaged_copy(good, inst_.path("cdp.ism"), 16, std::string("\x32\x04\x00\x00", 4));   // 50 free
-    EXPECT_NE(error_of("cdp.ism").find("is_cdp[0]"), std::string::npos) << error_of("cdp.ism");
-    damaged_copy(good, inst_.path("min.ism"), 96, std::string("\xff\xff", 2));
-    EXPECT_NE(error_of("min.ism").find("is_mincdpi"), std::string::npos) << error_of("min.ism");
-}
 
 }  // namespace
