@@ -26,13 +26,12 @@ inline int stack_depth() { return is_etop ? static_cast<int>(is_etop - is_estk) 
 inline IS_FCP* shared_fcp(int isfd) { return kisam::pfo_fcp(is_db[isfd]->uniqueid); }
 inline IS_PFI* pfi_of(int isfd) { return &is_pfi[is_db[isfd]->uniqueid]; }
 
-// The first 512 bytes of a file.
+// The first n bytes of a file.
 inline std::vector<unsigned char> read_head(const std::string& path, size_t n = 512) {
     std::vector<unsigned char> b(n);
     int fd = ::open(path.c_str(), O_RDONLY);
-    if (fd < 0) return {};
-    ssize_t got = ::pread(fd, b.data(), n, 0);
-    ::close(fd);
+    ssize_t got = fd < 0 ? 0 : ::pread(fd, b.data(), n, 0);
+    if (fd >= 0) ::close(fd);
     b.resize(got > 0 ? static_cast<size_t>(got) : 0);
     return b;
 }
@@ -41,10 +40,6 @@ inline void write_bytes(const std::string& path, const void* p, size_t n, off_t 
     ASSERT_GE(fd, 0);
     ASSERT_EQ(::pwrite(fd, p, n, off), static_cast<ssize_t>(n));
     ::close(fd);
-}
-inline off_t file_size(const std::string& path) {
-    struct stat st;
-    return ::stat(path.c_str(), &st) == 0 ? st.st_size : -1;
 }
 
 // Number of processes registered in the process table.
