@@ -1,6 +1,5 @@
 // Helpers of the support-library tests: a private temporary directory with the
-// settings variables pointed into it, small file helpers, and checks for code that
-// runs in a forked child (where gtest assertions cannot report).
+// settings variables pointed into it, file helpers, checks inside a forked child.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -18,28 +17,20 @@
 
 namespace st {
 
-// A temporary directory holding home/ and q9/; HOME, HOME_Q9 and PROFILEQ9ENV point
-// into it, so nothing reads or writes the real home or installation directories.
+// home/ and q9/ in a temporary directory; HOME, HOME_Q9 and PROFILEQ9ENV point there.
 class Sandbox {
 public:
     Sandbox() {
         char tmpl[] = "/tmp/kisam-sup-XXXXXX";
-        char *d = ::mkdtemp(tmpl);
-        if (d == nullptr) std::abort();
-        dir_ = d;
+        if (::mkdtemp(tmpl) == nullptr) std::abort();
+        dir_ = tmpl;
         std::filesystem::create_directories(home());
         std::filesystem::create_directories(q9());
         ::setenv("HOME", home().c_str(), 1);
         ::setenv("HOME_Q9", q9().c_str(), 1);
         ::setenv("PROFILEQ9ENV", (home() + "/.Q9.profile").c_str(), 1);
     }
-    ~Sandbox() {
-        std::error_code ec;
-        std::filesystem::remove_all(dir_, ec);
-    }
-    Sandbox(const Sandbox &) = delete;
-    Sandbox &operator=(const Sandbox &) = delete;
-
+    ~Sandbox() { std::error_code ec; std::filesystem::remove_all(dir_, ec); }
     const std::string &dir() const { return dir_; }
     std::string home() const { return dir_ + "/home"; }
     std::string q9() const { return dir_ + "/q9"; }
@@ -50,35 +41,20 @@ private:
 };
 
 inline void write_file(const std::string &path, const std::string &text) {
-    std::ofstream f(path, std::ios::binary | std::ios::trunc);
-    f << text;
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
-
 inline std::string read_file(const std::string &path) {
     std::ifstream f(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
 }
+inline bool exists(const std::string &path) { struct stat s; return ::lstat(path.c_str(), &s) == 0; }
+inline bool is_dir(const std::string &path) { struct stat s; return ::stat(path.c_str(), &s) == 0 && S_ISDIR(s.st_mode); }
 
-inline bool exists(const std::string &path) {
-    struct stat st;
-    return ::lstat(path.c_str(), &st) == 0;
-}
-
-inline bool is_dir(const std::string &path) {
-    struct stat st;
-    return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-// Runs fn in a forked child so that it gets a fresh settings store; fn returns 0 on
-// success, non-zero on failure (see CHILD_CHECK).  Returns the child's exit status.
+// Runs fn in a forked child (a fresh settings store); returns the child's exit status.
 inline int in_child(const std::function<int()> &fn) {
     std::fflush(nullptr);
     pid_t pid = ::fork();
-    if (pid == 0) {
-        int rc = fn();
-        std::fflush(nullptr);
-        ::_exit(rc == 0 ? 0 : 1);
-    }
+    if (pid == 0) { int rc = fn(); std::fflush(nullptr); ::_exit(rc == 0 ? 0 : 1); }
     int status = 0;
     ::waitpid(pid, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
@@ -86,11 +62,6 @@ inline int in_child(const std::function<int()> &fn) {
 
 }  // namespace st
 
-// Inside an in_child function: report the failing line on standard error and fail.
-#define CHILD_CHECK(cond)                                                         \
-    do {                                                                          \
-        if (!(cond)) {                                                            \
-            std::fprintf(stderr, "child check failed at line %d: %s\n", __LINE__, #cond); \
-            return 1;                                                             \
-        }                                                                         \
-    } while (0)
+// Inside an in_child function: report the failing line and fail.
+#define CHILD_CHECK(cond) \
+    do { if (!(cond)) { std::fprintf(stderr, "child check failed at line %d: %s\n", __LINE__, #cond); return 1; } } while (0)
