@@ -140,11 +140,7 @@ protected:
     }
 
     // A small pool, so that the writers take slots from each other all the time.
-    static kt::Config small_pool() {
-        kt::Config c;
-        c.maxbuf = 24;
-        return c;
-    }
+    static kt::Config small_pool() { kt::Config c; c.maxbuf = 24; return c; }
     kt::Installation inst_{small_pool()};
     std::string path_;
 };
