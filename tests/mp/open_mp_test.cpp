@@ -76,30 +76,28 @@ TEST_F(OpenMp, RefusedWaitForOpclLockFailsCleanly) {
     int b = create("b", {4});
     ASSERT_GE(a, 0);
     ASSERT_GE(b, 0);
-    {
-        ASSERT_EQ(nisgetctl(a), 0);
-        kt::Pipe ready;
-        pid_t child = kt::start_child([&] {
-            if (is_chinit() != 0) return 1;
-            ready.signal();
-            return nisclose(a) == 0 ? 0 : 2;
-        });
-        ASSERT_EQ(ready.wait(), 'x');
-        // Wait until the child sleeps on a's control lock.
-        for (bool asleep = false; !asleep; ::usleep(1000))
-            for (int i = 0; i < isam_com->maxusers; ++i)
-                asleep |= is_env.pid_[i] == child && is_env.needs_[i] != 0 &&
-                          isam_com->opcl_lock == static_cast<uint32_t>(child);
-        ::usleep(20000);  // the entry is set just before the child blocks
-        short files = n_ufiles;
-        EXPECT_EQ(nisclose(b), -1);
-        EXPECT_EQ(is_errno, ISE_DEADLOCK);
-        EXPECT_EQ(stack_code(), 0x3101);
-        EXPECT_EQ(n_ufiles, files);
-        EXPECT_NE(isam_com->opcl_lock, static_cast<uint32_t>(is_pid));
-        EXPECT_EQ(nisrelctl(a), 0);
-        EXPECT_EQ(kt::wait_child(child), 0);
-    }
+    ASSERT_EQ(nisgetctl(a), 0);
+    kt::Pipe ready;
+    pid_t child = kt::start_child([&] {
+        if (is_chinit() != 0) return 1;
+        ready.signal();
+        return nisclose(a) == 0 ? 0 : 2;
+    });
+    ASSERT_EQ(ready.wait(), 'x');
+    // Wait until the child sleeps on a's control lock.
+    for (bool asleep = false; !asleep; ::usleep(1000))
+        for (int i = 0; i < isam_com->maxusers; ++i)
+            asleep |= is_env.pid_[i] == child && is_env.needs_[i] != 0 &&
+                      isam_com->opcl_lock == static_cast<uint32_t>(child);
+    ::usleep(20000);  // the entry is set just before the child blocks
+    short files = n_ufiles;
+    EXPECT_EQ(nisclose(b), -1);
+    EXPECT_EQ(is_errno, ISE_DEADLOCK);
+    EXPECT_EQ(stack_code(), 0x3101);
+    EXPECT_EQ(n_ufiles, files);
+    EXPECT_NE(isam_com->opcl_lock, static_cast<uint32_t>(is_pid));
+    EXPECT_EQ(nisrelctl(a), 0);
+    EXPECT_EQ(kt::wait_child(child), 0);
     EXPECT_EQ(ot::shared_fcp(a)->is_usecnt, 1);
     int keylens[1];
     EXPECT_EQ(nisstat(b, 1, keylens), 1) << "the refused close left b open";
