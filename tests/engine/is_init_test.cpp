@@ -4,7 +4,6 @@
 #include <kisam/ztsupport.h>
 
 #include <sys/shm.h>
-#include <sys/stat.h>
 
 #include "is_common.h"
 
@@ -21,22 +20,19 @@ protected:
 TEST_F(IsInit, RefusesUnusableConfigurations) {
     struct Case {
         const char* what;
-        kt::Config cfg;
+        void (*edit)(kt::Config&);
         int detail;
+    } cases[] = {
+        {"47 bytes", [](kt::Config& c) { c.length = 47; }, 3},
+        {"empty", [](kt::Config& c) { c.length = 0; }, 2},
+        {"heap too large", [](kt::Config& c) { c.maxopen = c.alenlock = c.anumlock = 32000; }, 7},
+        {"no buffers", [](kt::Config& c) { c.maxbuf = 0; }, 10},
     };
-    std::vector<Case> cases;
-    auto add = [&](const char* what, auto edit, int detail) {
-        kt::Config c;
-        edit(c);
-        cases.push_back({what, c, detail});
-    };
-    add("47 bytes", [](kt::Config& c) { c.length = 47; }, 3);
-    add("empty", [](kt::Config& c) { c.length = 0; }, 2);
-    add("heap too large", [](kt::Config& c) { c.maxopen = 32000; c.alenlock = 32000; c.anumlock = 32000; }, 7);
-    add("no buffers", [](kt::Config& c) { c.maxbuf = 0; }, 10);
     for (const Case& k : cases) {
         SCOPED_TRACE(k.what);
-        start(k.cfg);
+        kt::Config c;
+        k.edit(c);
+        start(c);
         EXPECT_EQ(is_init(), -1);
         EXPECT_EQ(is_errno, ISE_INITERR);
         EXPECT_EQ(stack_code(), 0x2200 + k.detail);
