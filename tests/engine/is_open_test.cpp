@@ -2,7 +2,6 @@
 // sharing of one slot by several handles, and the levels of close.
 #include "open_fixture.h"
 
-#include "bt_key.h"
 #include "is_file.h"
 
 #include <sys/shm.h>
