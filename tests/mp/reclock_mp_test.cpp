@@ -14,6 +14,7 @@ class RecLock : public Env {};
 struct Lock {
     int isfd;
     std::string key;
+    bool operator==(const Lock& o) const { return isfd == o.isfd && key == o.key; }
 };
 
 bool overlap(const std::string& a, const std::string& b) {
@@ -80,14 +81,10 @@ TEST_F(RecLock, MatchesTheModel) {
             h[which] = nisopen(path("f").c_str(), ISO_RDWR);
             ASSERT_EQ(h[which], fd) << "the freed number is reused";
         }
-        ASSERT_EQ(got, want) << "seed " << seed << " step " << step << ": " << what << " '" << key << "'";
-        auto live = chain(f);
-        ASSERT_EQ(live.size(), model.size()) << "seed " << seed << " step " << step;
-        for (size_t i = 0; i < live.size(); ++i) {
-            ASSERT_EQ(live[i].isfd, model[i].isfd) << "seed " << seed << " step " << step;
-            ASSERT_EQ(live[i].key, model[i].key) << "seed " << seed << " step " << step;
-        }
-        ASSERT_EQ(isam_com->curusrlocks, model.size()) << "seed " << seed << " step " << step;
+        SCOPED_TRACE("seed " + std::to_string(seed) + " step " + std::to_string(step) + ": " + what + " '" + key + "'");
+        ASSERT_EQ(got, want);
+        ASSERT_TRUE(chain(f) == model) << "the lock chain differs from the model";
+        ASSERT_EQ(isam_com->curusrlocks, model.size());
     }
     EXPECT_EQ(nisclose(h[0]), 0);
     EXPECT_EQ(nisclose(h[1]), 0);
