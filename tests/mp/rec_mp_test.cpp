@@ -182,7 +182,7 @@ TEST_F(ConcurrentRecords, WritersKeepTheirOwnRangesAndTheIndexesWhole) {
                   if (fd < 0) return 2;
                   std::vector<char> buf(70000);
                   size_t mine = 0;
-                  int shared = 0, r;
+                  int r;
                   while ((r = nisread(fd, 0, buf.data(), static_cast<int>(buf.size()))) > 0) {
                       std::string rec(buf.data(), static_cast<size_t>(r));
                       unsigned id = 0;
@@ -194,8 +194,6 @@ TEST_F(ConcurrentRecords, WritersKeepTheirOwnRangesAndTheIndexesWhole) {
                           ++mine;
                       } else if (!well_formed(rec.data(), r)) {
                           return 5;
-                      } else {
-                          ++shared;
                       }
                   }
                   if (r < 0) return 6;
