@@ -9,6 +9,7 @@
 #include "is_common.h"
 
 #include "is_heap.h"
+#include "isx_area.h"
 #include "os.h"
 
 #include <kisam/ztsupport.h>
@@ -33,6 +34,7 @@ KISAM_API const char* hexchars = "0123456789abcdef";
 
 int is_shmid = -1;
 int is_firstcomf = 0;
+size_t is_shmsize = 0;
 
 namespace {
 
@@ -57,16 +59,34 @@ void fill_info(const struct stat& st, struct file_info* fi) {
 
 char* getcomm(key_t key, int size) noexcept {
     is_firstcomf = 0;
+    is_shmsize = 0;
     is_shmid = kisam::os.shmget(key, static_cast<size_t>(size), IPC_CREAT | 0666);
+    struct shmid_ds ds;
     if (is_shmid < 0) {
-        VError("shmget fail. errno = %d\n", errno);
+        const int e = errno;
+        // Too small a segment under the key: learn its size, so that the caller can say
+        // what kind of segment it is.
+        int old = e == EINVAL ? ::shmget(key, 0, 0) : -1;
+        if (old >= 0 && ::shmctl(old, IPC_STAT, &ds) == 0) {
+            is_shmid = old;
+            is_shmsize = ds.shm_segsz;
+        }
+        errno = e;
+        VError("shmget fail. errno = %d\n", e);
+        errno = e;
         return reinterpret_cast<char*>(-1);
     }
-    struct shmid_ds ds;
-    if (::shmctl(is_shmid, IPC_STAT, &ds) == 0 && ds.shm_nattch == 0) is_firstcomf = 1;
+    if (::shmctl(is_shmid, IPC_STAT, &ds) == 0) {
+        is_shmsize = ds.shm_segsz;
+        if (ds.shm_nattch == 0) is_firstcomf = 1;
+    }
     void* p = ::shmat(is_shmid, attach_hint(), SHM_RND);
     if (p == reinterpret_cast<void*>(-1)) {
-        VError("shmget fail. errno = %d\n", errno);
+        const int e = errno;
+        // A segment nobody is attached to is of no use to anyone: do not leave it behind.
+        if (is_firstcomf) ::shmctl(is_shmid, IPC_RMID, nullptr);
+        VError("shmget fail. errno = %d\n", e);
+        errno = e;
         return reinterpret_cast<char*>(-1);
     }
     // A segment nobody had attached may hold what its last users left: start clean.
@@ -76,6 +96,7 @@ char* getcomm(key_t key, int size) noexcept {
 
 void freecom(void) noexcept {
     if (isam_com == nullptr) return;
+    isx_area = nullptr;
     ::shmdt(isam_com);
     struct shmid_ds ds;
     if (::shmctl(is_shmid, IPC_STAT, &ds) == 0 && ds.shm_nattch == 0)

@@ -9,6 +9,9 @@
 
 extern int is_shmid;
 extern int is_firstcomf;
+// Size in bytes of the segment under the key of the last getcomm (0 when unknown); set
+// also when the attach failed because the segment was smaller than asked for.
+extern size_t is_shmsize;
 
 char* getcomm(key_t key, int size) noexcept;   // address, or (char *) -1
 void freecom(void) noexcept;                   // detach isam_com; remove when last

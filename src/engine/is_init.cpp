@@ -10,10 +10,14 @@
 //       wrongly or be useless, so it is never created from such a record;
 //   11  the start-up lock on the lock file could not be taken;
 //   12  is_chinit: the wait for opcl_lock was refused as a deadlock (ISE_DEADLOCK).
+//   14  the segment under the key holds no extension area laid out for its header: it
+//       was made by a library that does not keep the shared state this one relies on,
+//       and can only be used once every program attached to it has detached.
 #include "is_common.h"
 #include "is_error.h"
 #include "is_file.h"
 #include "is_lock.h"
+#include "isx_area.h"
 #include "v_pool.h"
 
 #include <kisam/ztsupport.h>
@@ -71,6 +75,15 @@ int _is_mkpid(void) noexcept {
     }
     isam_com = nullptr;  // the segment stays attached; the caller detaches it
     return -1;
+}
+
+// Refuses a segment without the extension area, saying why.
+template <class Fail>
+int foreign_segment(Fail& fail) noexcept {
+    VError("kisam: the shared area (shmid %d) was made by a library without the state this "
+           "library keeps in it; it can be used once every program attached to it has "
+           "detached\n", is_shmid);
+    return fail(ISE_INITERR, 14);
 }
 
 bool config_usable(const is_config& c) {
@@ -163,14 +176,24 @@ extern "C" KISAM_API int is_init(void) {
     if (sizecomm(&conf) != 0) return fail(ISE_INITERR, 7);
     if (!layout_usable(conf)) return fail(ISE_INITERR, 10);
 
-    char* base = getcomm(key, conf.co_comsize);
-    if (base == reinterpret_cast<char*>(-1)) return fail(ISE_INITERR, 4);
+    const int xsize = static_cast<int>(isx_size(conf.co_maxopen, conf.co_maxusers, conf.co_maxbuf));
+    char* base = getcomm(key, conf.co_comsize + xsize);
+    if (base == reinterpret_cast<char*>(-1)) {
+        // A segment that is too small for the area is one a library without it made.
+        if (is_shmsize > 0 && is_shmsize < static_cast<size_t>(conf.co_comsize) + xsize)
+            return foreign_segment(fail);
+        return fail(ISE_INITERR, 4);
+    }
     if (::setuid(::getuid()) != 0) { /* already the real user */ }
     isam_com = reinterpret_cast<struct isam_com*>(base);
 
-    if (is_firstcomf || isam_com->maxopen == 0) is_comlayout(&conf);
+    if (is_firstcomf || isam_com->maxopen == 0) {
+        is_comlayout(&conf);
+        isx_layout();
+    }
     if (isam_com->iscom_magicval != ISCOM_MAGIC) return fail(ISE_MAGICVALERR, 1);
     if (isam_com->iscom_version != ISCOM_VERSION) return fail(ISE_VERSIONERR, 1);
+    if (!isx_attach(is_shmsize)) return foreign_segment(fail);
     is_setenv();
 
     if (_is_mkpid() != 0) {

@@ -6,6 +6,7 @@
 #include <sys/shm.h>
 
 #include "is_common.h"
+#include "isx_area.h"
 
 namespace {
 
@@ -66,6 +67,37 @@ TEST_F(IsInit, ForeignSegmentsAreRefused) {
     isam_com->iscom_magicval = 0x1411;
     EXPECT_EQ(kt::run_child(attach_again), 2);
     isam_com->iscom_magicval = ISCOM_MAGIC;
+}
+
+// A segment made by a library that keeps no extension area is refused with detail 14,
+// whether it is just large enough for the documented regions or large enough for the
+// area but without one laid out; nothing of it is changed.
+TEST_F(IsInit, SegmentsWithoutTheExtensionAreaAreRefused) {
+    kt::Config c;
+    start(c);
+    struct is_config conf = kt::to_record(c);
+    conf.co_maxufile = conf.co_maxopen;
+    ASSERT_EQ(sizecomm(&conf), 0);
+    const size_t xsize = isx_size(conf.co_maxopen, conf.co_maxusers, conf.co_maxbuf);
+    for (size_t size : {static_cast<size_t>(conf.co_comsize), conf.co_comsize + xsize}) {
+        SCOPED_TRACE(size);
+        int id = ::shmget(inst_->key(), size, IPC_CREAT | 0666);
+        ASSERT_GE(id, 0);
+        char* p = static_cast<char*>(::shmat(id, nullptr, 0));
+        ASSERT_NE(p, reinterpret_cast<char*>(-1));
+        // The documented regions as another library lays them out; the area left zero.
+        isam_com = reinterpret_cast<struct isam_com*>(p);
+        is_comlayout(&conf);
+        isam_com = nullptr;
+        std::string err = kt::capture_output(2, [] { EXPECT_EQ(is_init(), -1); });
+        EXPECT_EQ(is_errno, ISE_INITERR);
+        EXPECT_EQ(stack_code(), 0x220E);
+        EXPECT_NE(err.find("made by a library without"), std::string::npos) << err;
+        EXPECT_EQ(isam_com, nullptr);
+        EXPECT_EQ(reinterpret_cast<struct isam_com*>(p)->iscom_magicval, ISCOM_MAGIC);
+        ::shmdt(p);
+        ::shmctl(id, IPC_RMID, nullptr);
+    }
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <kisam/ztsupport.h>
 
 #include "is_common.h"
+#include "isx_area.h"
 #include "os.h"
 
 #include <fcntl.h>
@@ -92,10 +93,15 @@ int attach_raw(const Installation& inst, const Config& c) {
     if (sizecomm(&conf) != 0) return -1;
     is_lockfd = ::open((inst.config_path() + ".lk").c_str(), O_RDWR);
     if (is_lockfd < 0) return -1;
-    char* base = getcomm(inst.key(), conf.co_comsize);
+    const int xsize = static_cast<int>(isx_size(conf.co_maxopen, conf.co_maxusers, conf.co_maxbuf));
+    char* base = getcomm(inst.key(), conf.co_comsize + xsize);
     if (base == reinterpret_cast<char*>(-1)) return -1;
     isam_com = reinterpret_cast<struct isam_com*>(base);
-    if (is_firstcomf || isam_com->maxopen == 0) is_comlayout(&conf);
+    if (is_firstcomf || isam_com->maxopen == 0) {
+        is_comlayout(&conf);
+        isx_layout();
+    }
+    if (!isx_attach(is_shmsize)) return -1;
     is_setenv();
     is_pid = ::getpid();
     for (int i = 0; i < isam_com->maxusers; ++i) {

@@ -1,0 +1,74 @@
+// The extension area: sizing, layout and the attach check.
+#include "isx_area.h"
+
+#include <cstring>
+
+isx_head* isx_area = nullptr;
+
+namespace {
+
+constexpr uint32_t kLine = 64;
+
+inline uint32_t round_line(uint64_t n) { return static_cast<uint32_t>((n + kLine - 1) / kLine * kLine); }
+
+struct Geometry {
+    uint32_t file_base, proc_base, open_base, open_bytes, ref_base, size;
+};
+
+Geometry geometry(int maxopen, int maxusers, int maxbufs) {
+    const uint64_t no = maxopen > 0 ? maxopen : 0;
+    const uint64_t nu = maxusers > 0 ? maxusers : 0;
+    const uint64_t nb = maxbufs > 0 ? maxbufs : 0;
+    Geometry g{};
+    g.file_base = sizeof(isx_head);
+    g.proc_base = round_line(g.file_base + no * sizeof(isx_file));
+    g.open_bytes = static_cast<uint32_t>((no + 63) / 64 * 8);
+    g.open_base = round_line(g.proc_base + nu * sizeof(isx_proc));
+    g.ref_base = round_line(g.open_base + nu * g.open_bytes);
+    g.size = round_line(g.ref_base + nb);
+    return g;
+}
+
+}  // namespace
+
+uint32_t isx_size(int maxopen, int maxusers, int maxbufs) noexcept {
+    return geometry(maxopen, maxusers, maxbufs).size;
+}
+
+void isx_layout(void) noexcept {
+    char* base = reinterpret_cast<char*>(isam_com) + isam_com->comsize;
+    const Geometry g = geometry(isam_com->maxopen, isam_com->maxusers, isam_com->maxbufs);
+    std::memset(base, 0, g.size);
+    isx_head* h = reinterpret_cast<isx_head*>(base);
+    h->xh_version = ISX_VERSION;
+    h->xh_size = g.size;
+    h->xh_maxopen = isam_com->maxopen;
+    h->xh_maxusers = isam_com->maxusers;
+    h->xh_maxbufs = isam_com->maxbufs;
+    h->xh_file_base = g.file_base;
+    h->xh_proc_base = g.proc_base;
+    h->xh_open_base = g.open_base;
+    h->xh_open_bytes = g.open_bytes;
+    h->xh_ref_base = g.ref_base;
+    isx_file* f = reinterpret_cast<isx_file*>(base + g.file_base);
+    for (int u = 0; u < isam_com->maxopen; ++u) f[u].xf_hand = -1;
+    // The magic goes in last: a head with the magic is a complete layout.
+    h->xh_magic = ISX_MAGIC;
+}
+
+bool isx_attach(size_t segsize) noexcept {
+    isx_area = nullptr;
+    if (isam_com->comsize <= 0) return false;
+    const Geometry g = geometry(isam_com->maxopen, isam_com->maxusers, isam_com->maxbufs);
+    const size_t at = static_cast<size_t>(isam_com->comsize);
+    if (segsize < at + g.size) return false;
+    isx_head* h = reinterpret_cast<isx_head*>(reinterpret_cast<char*>(isam_com) + at);
+    if (h->xh_magic != ISX_MAGIC || h->xh_version != ISX_VERSION || h->xh_size != g.size ||
+        h->xh_maxopen != isam_com->maxopen || h->xh_maxusers != isam_com->maxusers ||
+        h->xh_maxbufs != isam_com->maxbufs || h->xh_file_base != g.file_base ||
+        h->xh_proc_base != g.proc_base || h->xh_open_base != g.open_base ||
+        h->xh_open_bytes != g.open_bytes || h->xh_ref_base != g.ref_base)
+        return false;
+    isx_area = h;
+    return true;
+}

@@ -1,0 +1,117 @@
+// The extension area: shared state of our own, laid out after the documented regions of
+// the common segment (at offset comsize, past the heap).
+//
+// The documented regions stay byte for byte as every release lays them out; whatever
+// this library adds to the shared state lives here: per-file change counts (the pool's
+// knowledge of a file's chain, the readers that take no lock), clock hands and reference
+// bits of the pool, pending rollbacks of the undo journal, and which files each attached
+// process has open (so that the process can be cleaned up after it dies).
+//
+// Layout (offsets from the area's start; each table's base is in the head):
+//   isx_head                 64 bytes
+//   isx_file[maxopen]        64 bytes each, one per shared-file slot (a cache line each,
+//                            so that counts of different files do not share a line)
+//   isx_proc[maxusers]       16 bytes each, one per process-table slot
+//   open sets[maxusers]      maxopen bits each, rounded up to 8 bytes: bit u set while
+//                            the process holds shared-file slot u open (is_usecnt share)
+//   reference bytes[maxbufs] one per buffer slot, for the pool's clock
+//
+// The area is zeroed with the segment and laid out by the first attacher under the
+// start-up lock.  A segment made without it (by a library that does not know it) is
+// refused at attach: every attached program must keep these counts, or the others would
+// trust counts that nobody advanced.
+#pragma once
+
+#include "layout.h"
+
+struct isx_head {
+    uint32_t xh_magic;       //  0-3   ISX_MAGIC once laid out
+    uint16_t xh_version;     //  4-5   ISX_VERSION
+    uint16_t xh_pad0;        //  6-7
+    uint32_t xh_size;        //  8-11  bytes of the whole area
+    int16_t xh_maxopen;      // 12-13  the tables are sized for these
+    int16_t xh_maxusers;     // 14-15
+    int16_t xh_maxbufs;      // 16-17
+    int16_t xh_pad1;         // 18-19
+    uint32_t xh_file_base;   // 20-23  offsets from the area's start
+    uint32_t xh_proc_base;   // 24-27
+    uint32_t xh_open_base;   // 28-31
+    uint32_t xh_open_bytes;  // 32-35  bytes of one open set
+    uint32_t xh_ref_base;    // 36-39
+    uint32_t xh_steal_hand;  // 40-43  the pool's clock hand over all slots
+    uint32_t xh_cleaned;     // 44-47  statistics: dead processes cleaned up
+    uint32_t xh_rolledback;  // 48-51  statistics: calls rolled back
+    uint32_t xh_spare[3];    // 52-63
+};
+KISAM_RECORD(isx_head, 64);
+KISAM_AT(isx_head, xh_magic, 0);       KISAM_AT(isx_head, xh_version, 4);
+KISAM_AT(isx_head, xh_size, 8);        KISAM_AT(isx_head, xh_maxopen, 12);
+KISAM_AT(isx_head, xh_maxusers, 14);   KISAM_AT(isx_head, xh_maxbufs, 16);
+KISAM_AT(isx_head, xh_file_base, 20);  KISAM_AT(isx_head, xh_proc_base, 24);
+KISAM_AT(isx_head, xh_open_base, 28);  KISAM_AT(isx_head, xh_open_bytes, 32);
+KISAM_AT(isx_head, xh_ref_base, 36);   KISAM_AT(isx_head, xh_steal_hand, 40);
+KISAM_AT(isx_head, xh_cleaned, 44);    KISAM_AT(isx_head, xh_rolledback, 48);
+KISAM_AT(isx_head, xh_spare, 52);
+
+// One per shared-file slot.  Reset when the slot is taken by a new file (open) so that
+// nothing learnt about the slot's previous file carries over.
+struct isx_file {
+    uint32_t xf_seq;         //  0-3   change count: odd while the holder of the file's
+                             //        control lock changes its pages, slots or control
+                             //        page; readers without the lock compare it
+    uint32_t xf_chaingen;    //  4-7   advanced whenever a slot of the file is attached
+                             //        to its chain, re-tagged or taken away
+    int16_t xf_hand;         //  8-9   the file's own clock hand (a slot on its chain), -1
+    int16_t xf_pad;          // 10-11
+    uint32_t xf_undo;        // 12-15  1 + process slot whose rolled-back call has not yet
+                             //        fully reached the disk; 0 none
+    uint32_t xf_spare[12];   // 16-63
+};
+KISAM_RECORD(isx_file, 64);
+KISAM_AT(isx_file, xf_seq, 0);   KISAM_AT(isx_file, xf_chaingen, 4);
+KISAM_AT(isx_file, xf_hand, 8);  KISAM_AT(isx_file, xf_undo, 12);
+KISAM_AT(isx_file, xf_spare, 16);
+
+// One per process-table slot.
+struct isx_proc {
+    int32_t xp_pid;          //  0-3   the process that claimed the slot (0 when free)
+    uint32_t xp_flags;       //  4-7
+    uint32_t xp_spare[2];    //  8-15
+};
+KISAM_RECORD(isx_proc, 16);
+KISAM_AT(isx_proc, xp_pid, 0); KISAM_AT(isx_proc, xp_flags, 4); KISAM_AT(isx_proc, xp_spare, 8);
+
+inline constexpr uint32_t ISX_MAGIC = 0x3158414Bu;  // "KAX1"
+inline constexpr uint16_t ISX_VERSION = 1;
+
+// This process's view of the attached area; null when not attached.
+extern isx_head* isx_area;
+
+// Bytes the area needs for a configuration (a multiple of 64).
+uint32_t isx_size(int maxopen, int maxusers, int maxbufs) noexcept;
+// Lays the area out at isam_com + comsize for the header's table sizes.  Requires the
+// start-up lock (first attacher), the area zeroed.
+void isx_layout(void) noexcept;
+// Sets isx_area for the attached segment of `segsize` bytes; false when the segment holds
+// no area laid out for its header (made by a library without it, or too small).
+bool isx_attach(size_t segsize) noexcept;
+
+namespace kisam {
+
+inline isx_file* isx_file_of(int u) {
+    return reinterpret_cast<isx_file*>(reinterpret_cast<char*>(isx_area) + isx_area->xh_file_base) + u;
+}
+inline isx_proc* isx_proc_of(int i) {
+    return reinterpret_cast<isx_proc*>(reinterpret_cast<char*>(isx_area) + isx_area->xh_proc_base) + i;
+}
+// Open set of process slot i: maxopen bits.
+inline uint8_t* isx_open_set(int i) {
+    return reinterpret_cast<uint8_t*>(isx_area) + isx_area->xh_open_base +
+           static_cast<size_t>(i) * isx_area->xh_open_bytes;
+}
+// Reference byte of buffer slot s (the pool's clock).
+inline uint8_t* isx_ref(int s) {
+    return reinterpret_cast<uint8_t*>(isx_area) + isx_area->xh_ref_base + s;
+}
+
+}  // namespace kisam
