@@ -166,6 +166,24 @@ int   ZTKISAMGetLastError(void);
 int   ZTKISAMGetLastErrorMsg(char *buf, int buflen);
 void *ZTKISAMGetComAddr(void);
 
+/* ==== Extensions: functions of this library beyond the classic interface ==== */
+
+/* Cleans up after processes that died while attached: the call each was making, if
+ * any, is rolled back; its record locks, its share of each file's count of users and
+ * its process slot are released.  (Attaching, opening and closing do the same for the
+ * processes they notice.)  Fills pids[0 .. maxpids) with the process ids cleaned up
+ * and returns how many were cleaned; 0 when not attached.  Takes other files' control
+ * locks only when they are free: a process whose files are held elsewhere is cleaned
+ * up at a later call. */
+int kisam_reap(int *pids, int maxpids);
+
+/* Figures of recovery since the shared area was made: *cleaned processes that died
+ * attached and were cleaned up, *rolledback calls rolled back (of killed processes, or
+ * that failed part way).  Fills recent[0 .. maxrecent) with the pids of the processes
+ * cleaned up most recently (newest first, at most 8) and returns how many it filled;
+ * -1 when not attached.  Null pointers are skipped. */
+int kisam_recovery_stats(unsigned *cleaned, unsigned *rolledback, int *recent, int maxrecent);
+
 #ifdef __cplusplus
 }
 #endif

@@ -17,6 +17,7 @@
 
 #include "bt_key.h"
 #include "is_error.h"
+#include "jn.h"
 #include "v_pool.h"
 
 #include <cstring>
@@ -75,6 +76,10 @@ int bt_delete(int keyno, PAGE page, char* item, PAGE parent) noexcept {
 
     if (j < n && is_same(item, d->c + bt_item_off(j, inc), static_cast<short>(kp->k_ncomp))) {
         if (child == KISAM_NOPAGE) {
+            if (jn_touch(page, d) != 0) {
+                v_unsafe(page, d->c);
+                return is_push(PROC(P_BT_DELETE, 3));
+            }
             char* at = d->c + bt_item_off(j, inc);
             std::memmove(at, at + inc, sz((n - 1 - j) * inc));
             d->bt.bt_nitems = static_cast<int16_t>(n - 1);
@@ -128,6 +133,11 @@ int bt_getnxt(int keyno, PAGE ins_pg, int offset, PAGE parent, PAGE page) noexce
     // ins_pg is read before the leaf changes, so a failed read leaves the leaf intact.
     IS_DATA* ip = v_read(ins_pg);
     if (ip == nullptr) return is_push(PROC(P_BT_GETNXT, 3));
+    if (jn_touch(page, d) != 0 || jn_touch(ins_pg, ip) != 0) {
+        v_unsafe(ins_pg, ip->c);
+        v_unsafe(page, d->c);
+        return is_push(PROC(P_BT_GETNXT, 4));
+    }
     d->bt.bt_nitems = static_cast<int16_t>(n - 1);
     std::memcpy(ip->c + offset, d->c + bt_item_off(n - 1, inc), sz(len));
     if (v_write(ins_pg, ip) != 0) return is_push(PROC(P_BT_GETNXT, 4));
@@ -153,6 +163,10 @@ int bt_unflow(int keyno, PAGE parent, PAGE page) noexcept {
     const int nu = d->bt.bt_nitems;
 
     if (parent == KISAM_NOPAGE) {
+        if (jn_touch(page, d) != 0) {
+            v_unsafe(page, d->c);
+            return is_push(PROC(P_BT_UNFLOW, nu == 0 ? 2 : 3));
+        }
         if (nu == 0) {
             // An empty root gives way to its only child (none when the tree is now empty).
             kp->k_root = bt_ptr(d, 0, inc);
@@ -187,6 +201,12 @@ int bt_unflow(int keyno, PAGE parent, PAGE page) noexcept {
             v_unsafe(parent, pp->c);
             v_unsafe(rpno, rd->c);
             return is_raise(ISE_BTS, PROC(P_BT_UNFLOW, 0x0D));
+        }
+        if (jn_touch(page, d) != 0 || jn_touch(parent, pp) != 0 || jn_touch(rpno, rd) != 0) {
+            v_unsafe(page, d->c);
+            v_unsafe(parent, pp->c);
+            v_unsafe(rpno, rd->c);
+            return is_push(PROC(P_BT_UNFLOW, nb - nu < 2 ? 0x11 : 0x0E));
         }
         char* s = pp->c + bt_item_off(k, inc);
         std::memcpy(d->c + bt_item_off(nu, inc), s, sz(len));
@@ -241,6 +261,12 @@ int bt_unflow(int keyno, PAGE parent, PAGE page) noexcept {
         v_unsafe(parent, pp->c);
         v_unsafe(lpno, ld->c);
         return is_raise(ISE_BTS, PROC(P_BT_UNFLOW, 6));
+    }
+    if (jn_touch(page, d) != 0 || jn_touch(parent, pp) != 0 || jn_touch(lpno, ld) != 0) {
+        v_unsafe(page, d->c);
+        v_unsafe(parent, pp->c);
+        v_unsafe(lpno, ld->c);
+        return is_push(PROC(P_BT_UNFLOW, nl - nu < 2 ? 0x0A : 7));
     }
     char* s = pp->c + bt_item_off(np - 1, inc);
 

@@ -17,6 +17,7 @@
 
 #include "bt_key.h"
 #include "is_error.h"
+#include "jn.h"
 #include "v_pool.h"
 
 #include <cstdlib>
@@ -136,6 +137,10 @@ int bt_insert(int keyno, PAGE page, char* item, int depth, int forcef) noexcept 
         if (is_same(item, x, static_cast<short>(kp->k_ncomp))) {
             cur->currpage = pno;
             if (forcef) {
+                if (jn_touch(pno, d) != 0) {
+                    v_unsafe(pno, d->c);
+                    return is_push(PROC(P_BT_INSERT, 4));
+                }
                 // The tree takes the caller's record address; the caller gets the old one.
                 char* a = item + kp->k_offset;
                 char* b = x + kp->k_offset;
@@ -168,6 +173,10 @@ int bt_insert(int keyno, PAGE page, char* item, int depth, int forcef) noexcept 
         new_page = KISAM_NOPAGE;
     }
 
+    if (jn_touch(pno, d) != 0) {
+        v_unsafe(pno, d->c);
+        return is_push(PROC(P_BT_INSERT, n < order ? 7 : 9));
+    }
     if (n < order) {
         // Room here: open slot j (items j.. move up with the pointers right of them).
         char* at = d->c + bt_item_off(j, inc);

@@ -13,6 +13,7 @@
 #include "dr.h"
 
 #include "is_error.h"
+#include "jn.h"
 #include "v_pool.h"
 
 #include <cstring>
@@ -240,7 +241,8 @@ PAGE dr_put(const char* recptr, int reclen) noexcept {
             return KISAM_NOPAGE;
         }
         IS_DATA* pg = v_read(p);
-        if (pg == nullptr) {
+        if (pg == nullptr || jn_touch(p, pg) != 0) {
+            if (pg) v_unsafe(p, pg->c);
             is_push(PROC(P_DR_PUT, 1));
             return KISAM_NOPAGE;
         }
@@ -331,6 +333,10 @@ int dr_rel(PAGE drp) noexcept {
     if (drp == KISAM_NOPAGE || (drp & 1) != 0 || !page_ok(p)) return is_push(PROC(P_DR_REL, 1));
     IS_DATA* pg = v_read(p);
     if (pg == nullptr) return is_push(PROC(P_DR_REL, 1));
+    if (jn_touch(p, pg) != 0) {
+        v_unsafe(p, pg->c);
+        return is_push(PROC(P_DR_REL, 1));
+    }
     char* bp = pg->c;
     const unsigned char* ub = reinterpret_cast<const unsigned char*>(bp);
 

@@ -15,6 +15,7 @@
 #include "is_heap.h"
 #include "is_lock.h"
 #include "is_rec.h"
+#include "jn.h"
 #include "os.h"
 #include "v_pool.h"
 
@@ -65,6 +66,9 @@ extern "C" {
 
 KISAM_API int nisclose(int isfd) {
     if (is_isin(kClose, isfd, 0) != 0) return -1;
+    // Processes that died with the file open still count as its users: clean them up
+    // first, so that a last close really is the last.
+    if (is_curpfi->pfi_refcnt == 1) is_reap_holders(is_curdb->uniqueid);
     if (is_lock(&isam_com->opcl_lock) != 0) {
         is_raise(ISE_DEADLOCK, PROC(P_ISCLOSE, 1));
         is_isout();
@@ -89,7 +93,14 @@ KISAM_API int nisclose(int isfd) {
         release_handle_locks(isfd);
         is_relctl();
         is_dbfree(isfd);
-    } else if (--fcp->is_usecnt > 0) {
+        is_unlock(&isam_com->opcl_lock);
+        is_isout();
+        return 0;
+    }
+    // This process no longer has the file open.
+    is_open_note(u, false);
+    jn_setpath(u, nullptr);
+    if (--fcp->is_usecnt > 0) {
         // Other processes keep the shared copy.
         v_flush();
         release_handle_locks(isfd);
@@ -146,6 +157,8 @@ KISAM_API int nisunisam(void) {
     is_curfcp = nullptr;
     n_ufiles = 0;
 
+    is_live_release();
+    jn_close();
     is_env.pid_[is_env.useridx] = 0;
     freecom();
     isam_com = nullptr;

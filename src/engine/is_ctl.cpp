@@ -1,9 +1,20 @@
 // The control lock of the current file: one lock word per shared file, held per process
 // with a nesting count so that operations can bracket each other.  Every release writes
 // the dirty buffers back; only the outermost one gives the word up.
+//
+// Taking the word over from a holder that died repairs what it left: its fixes on the
+// file's slots, and the unit it was running (rolled back through its journal).  A
+// rollback still pending on the file is settled by every taker before anything else.
+//
+// Detail of procedure isgetctl (0x36) raised or pushed here besides the documented ones:
+//   1  ISE_DEADLOCK: the wait for the word was refused
+//   2  a pending rollback could not be completed (pushed over the I/O error); nothing
+//      is held afterwards
 #include "is_error.h"
 #include "is_lock.h"
 #include "is_rec.h"
+#include "isx_area.h"
+#include "jn.h"
 #include "v_pool.h"
 
 int is_getctl(void) noexcept {
@@ -16,9 +27,19 @@ int is_getctl(void) noexcept {
         pfi->pfi_ctlcnt = 0;
         return is_raise(ISE_DEADLOCK, PROC(P_ISGETCTL, 1));
     }
-    // The previous holder died inside its hold: the pages it had fixed are still marked
-    // in use and must be freed before this process relies on them.
-    if (is_lock_stale == 1) v_stale_fcplock(fcp);
+    if (is_lock_stale == 1) {
+        // The previous holder died inside its hold: the pages it had fixed are still
+        // marked in use, and the call it was making may be half done.
+        v_stale_fcplock(fcp);
+        jn_note_stale(fcp, is_lock_stale_pid);
+    }
+    const int u = static_cast<int>(pfi - is_pfi);
+    if (isx_area && kisam::isx_file_of(u)->xf_undo != 0 && jn_settle(fcp, u) != 0) {
+        // Nothing may read or build on a half-undone call: give the word back and fail.
+        pfi->pfi_ctlcnt = 0;
+        is_unlock(&fcp->jd_fcplock);
+        return is_push(PROC(P_ISGETCTL, 2));
+    }
     return 0;
 }
 
@@ -32,6 +53,8 @@ int is_relctl(void) noexcept {
     // A failed flush keeps the word even at count 0: the unwritten buffers are this
     // process's, and nobody else may see the file half written.
     if (v_flush() != 0) return is_push(PROC(P_IS_RELCTL, 2));
+    // The release that ends a unit's hold ends the unit: all of it is on disk.
+    jn_release(fcp, pfi->pfi_ctlcnt);
     if (pfi->pfi_ctlcnt == 0) {
         if (!(pfi->pfi_bits & PFI_RDONLY) &&
             (fcp->is_optbits & (ISO_DIRTYMARK | ISO_CLEARREL | ISO_SEQ)) ==
@@ -40,4 +63,13 @@ int is_relctl(void) noexcept {
         is_unlock(&fcp->jd_fcplock);
     }
     return 0;
+}
+
+void is_relctl_again(void) noexcept {
+    IS_PFI* pfi = is_curpfi;
+    IS_FCP* fcp = is_curfcp;
+    if (pfi->pfi_ctlcnt != 0 || fcp->jd_fcplock != static_cast<unsigned>(is_pid)) return;
+    const int u = static_cast<int>(pfi - is_pfi);
+    const bool pending = isx_area && kisam::isx_file_of(u)->xf_undo != 0;
+    if (v_flush() == 0 || pending) is_unlock(&fcp->jd_fcplock);
 }

@@ -196,3 +196,20 @@ KISAM_API int niserrmsgget(char* buf, int buflen) {
 KISAM_API void is_msg(short proc, short detail) { VError("proc: %d, det: %d\n", proc, detail); }
 
 }  // extern "C"
+
+namespace kisam {
+
+ErrorKeep::ErrorKeep() noexcept
+    : err_(is_errno), top_(is_etop), all_(is_eall), sys_(errno) {
+    std::memcpy(stk_, is_estk, sizeof stk_);
+}
+
+ErrorKeep::~ErrorKeep() {
+    is_errno = err_;
+    std::memcpy(is_estk, stk_, sizeof stk_);
+    is_etop = top_;
+    is_eall = all_;
+    errno = sys_;
+}
+
+}  // namespace kisam

@@ -32,6 +32,24 @@ int is_raise(int code, int proccode) noexcept;
 int is_push(int proccode) noexcept;
 
 namespace kisam {
+
+// Keeps the error state (is_errno, the stack, errno) of a failure while clean-up work
+// that may raise errors of its own runs; restores it when it goes out of scope.
+class ErrorKeep {
+public:
+    ErrorKeep() noexcept;
+    ~ErrorKeep();
+    ErrorKeep(const ErrorKeep&) = delete;
+    ErrorKeep& operator=(const ErrorKeep&) = delete;
+
+private:
+    short err_;
+    struct is_etrace stk_[20];
+    struct is_etrace* top_;
+    int64_t all_;
+    int sys_;
+};
+
 // The message table (31 entries, entry 0 empty) and the procedure table (42 rows + null).
 extern const char* const msg_tbl[31];
 extern const char* const proc_tbl[43];

@@ -18,6 +18,7 @@
 #include "is_file.h"
 #include "is_lock.h"
 #include "isx_area.h"
+#include "jn.h"
 #include "v_pool.h"
 
 #include <kisam/ztsupport.h>
@@ -28,7 +29,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/ipc.h>
 #include <unistd.h>
 
@@ -47,10 +47,11 @@ void make_name(char* fnbuf, const char* prefix, const char* suffix) {
 }
 
 // Claims a slot of the process table for this process: the first free one, else the
-// first one whose process no longer exists (a process killed while attached never frees
-// its slot, and the table would fill up with the dead).  The claim is a compare-and-swap,
-// so two processes never take the same slot, also from is_chinit, which runs without the
-// start-up lock.
+// first one whose process died (a process killed while attached never frees its slot,
+// and the table would fill up with the dead); a dead process's slot is cleaned up --
+// its unit rolled back, its locks and counts released -- before it is taken.  The claim
+// is a compare-and-swap, so two processes never take the same slot, also from
+// is_chinit, which runs without the start-up lock.
 bool claim_slot(int i, int32_t expect) noexcept {
     std::atomic_ref<int32_t> e(is_env.pid_[i]);
     if (!e.compare_exchange_strong(expect, is_pid)) return false;
@@ -59,19 +60,16 @@ bool claim_slot(int i, int32_t expect) noexcept {
     return true;
 }
 
-bool process_gone(int32_t pid) noexcept {
-    return pid > 0 && ::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH;
-}
-
 int _is_mkpid(void) noexcept {
     is_pid = static_cast<int>(::getpid());
     int n = isam_com->maxusers;
+    // A free slot whose journal still holds a unit (its owner detached with a rollback
+    // pending) is taken only once that unit is settled.
     for (int i = 0; i < n; ++i) {
-        if (is_env.pid_[i] == 0 && claim_slot(i, 0)) return 0;
+        if (is_env.pid_[i] == 0 && jn_clear_slot(i) == 0 && claim_slot(i, 0)) return 0;
     }
     for (int i = 0; i < n; ++i) {
-        const int32_t old = is_env.pid_[i];
-        if (process_gone(old) && claim_slot(i, old)) return 0;
+        if (is_slot_dead(i) && is_reap_slot(i) == 1 && claim_slot(i, 0)) return 0;
     }
     isam_com = nullptr;  // the segment stays attached; the caller detaches it
     return -1;
@@ -156,6 +154,8 @@ extern "C" KISAM_API int is_init(void) {
         lfd = kisam::os_open(name, O_RDWR | O_CLOEXEC);
         if (lfd < 0) return fail(ISE_INITERR, 9);
     }
+    // The journals of the installation's processes live beside its lock file.
+    jn_setbase(have_lk ? lkname : name);
     if (is_lockfd >= 0 && is_lockfd != lfd && !isam_com) kisam::os_close(is_lockfd);
     is_lockfd = lfd;
 
@@ -188,6 +188,9 @@ extern "C" KISAM_API int is_init(void) {
     isam_com = reinterpret_cast<struct isam_com*>(base);
 
     if (is_firstcomf || isam_com->maxopen == 0) {
+        // Nobody is attached, so nobody holds a file: a unit that a killed process left
+        // half done can only be on disk, and goes back before anybody uses the files.
+        jn_recover_all();
         is_comlayout(&conf);
         isx_layout();
     }
@@ -200,6 +203,10 @@ extern "C" KISAM_API int is_init(void) {
         // _is_mkpid leaves the segment attached but forgets it; detach it here.
         isam_com = reinterpret_cast<struct isam_com*>(base);
         return fail(ISE_INITERR, 5);
+    }
+    if (is_live_claim() != 0) {
+        is_env.pid_[is_env.useridx] = 0;
+        return fail(ISE_INITERR, 11);
     }
 
     int maxopen = isam_com->maxopen;
@@ -227,8 +234,11 @@ extern "C" KISAM_API int is_init(void) {
     }
 
     kisam::os_close(conffd);
-    ISUnlockFile(is_lockfd, 0, 2);
     v_reset_process();
+    jn_close();
+    // Whoever attaches cleans up after the processes that died attached.
+    is_reap_dead(nullptr, 0);
+    ISUnlockFile(is_lockfd, 0, 2);
     return 0;
 }
 
@@ -238,6 +248,11 @@ extern "C" KISAM_API int is_chinit(void) {
     // the area); its inherited mapping goes away when it exits.
     if (_is_mkpid() != 0) return is_raise(ISE_INITERR, PROC(P_IS_INIT, 8));
     v_reset_process();
+    jn_close();  // the parent's journal is the parent's
+    if (is_live_claim() != 0) {
+        is_env.pid_[is_env.useridx] = 0;
+        return is_raise(ISE_INITERR, PROC(P_IS_INIT, 8));
+    }
     // The parent's holds are the parent's: the kernel gave this process none of its
     // locks, so no control-lock hold may be believed in.
     int maxopen = isam_com->maxopen;
@@ -249,7 +264,10 @@ extern "C" KISAM_API int is_chinit(void) {
     }
     for (int i = 0; is_pfi && i < maxopen; ++i) {
         if (is_pfi[i].pfi_osfd < 0) continue;
-        if (IS_FCP* fcp = kisam::pfo_fcp(i)) ++fcp->is_usecnt;
+        if (IS_FCP* fcp = kisam::pfo_fcp(i)) {
+            ++fcp->is_usecnt;
+            is_open_note(i, true);
+        }
     }
     is_unlock(&isam_com->opcl_lock);
     return 0;

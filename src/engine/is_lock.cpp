@@ -26,6 +26,7 @@
 #include <ctime>
 
 int is_lock_stale = 0;
+uint32_t is_lock_stale_pid = 0;
 
 namespace {
 
@@ -76,17 +77,20 @@ int is_lock(volatile unsigned* lockidp) noexcept {
         if (errno != EDEADLK) fatal("is lockitw fail - errno = %d\n");
         set_need(0);
         is_lock_stale = 0;
+        is_lock_stale_pid = 0;
         return -1;
     }
     const uint32_t cur = w.load(std::memory_order_acquire);
     const uint32_t me = static_cast<uint32_t>(is_pid);
     if (cur == me) {
         is_lock_stale = 0;
+        is_lock_stale_pid = 0;
         return 0;
     }
     // Rule 1: a non-zero word that is not ours once the range is ours was left by a
     // holder that died; the caller may have to repair what it was doing.
     is_lock_stale = cur != 0 ? 1 : 0;
+    is_lock_stale_pid = cur;
     w.store(me, std::memory_order_release);
     is_incsyslocks();
     return 0;

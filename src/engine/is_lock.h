@@ -31,5 +31,7 @@ void is_incsyslocks(void) noexcept;
 int is_fwait(volatile unsigned* lockidp) noexcept;
 int is_fdone(unsigned* lockidp) noexcept;
 
-// Set by is_lock: 1 when the word it just took was left by a holder that died.
+// Set by is_lock: 1 when the word it just took was left by a holder that died, and
+// that holder's pid (0 otherwise).
 extern int is_lock_stale;
+extern uint32_t is_lock_stale_pid;

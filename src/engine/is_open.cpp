@@ -21,6 +21,8 @@
 #include "is_heap.h"
 #include "is_lock.h"
 #include "is_rec.h"
+#include "isx_area.h"
+#include "jn.h"
 #include "os.h"
 #include "v_pool.h"
 
@@ -174,7 +176,15 @@ KISAM_API int niscreate(const char* filename, int nkeys, const int* key_lens) {
             IS_FCP* f = kisam::pfo_fcp(u);
             if (f && same_file(f, fi)) {
                 is_unlock(&isam_com->opcl_lock);
-                return fail(ISE_CREATEISOPEN, 1);
+                // Processes that died with the file open do not keep it open: clean them
+                // up, and look again.
+                if (is_reap_holders(u) == 0) return fail(ISE_CREATEISOPEN, 1);
+                if (is_lock(&isam_com->opcl_lock) != 0) return fail(ISE_DEADLOCK, 9);
+                f = kisam::pfo_fcp(u);
+                if (f && same_file(f, fi)) {
+                    is_unlock(&isam_com->opcl_lock);
+                    return fail(ISE_CREATEISOPEN, 1);
+                }
             }
         }
     }
@@ -275,6 +285,8 @@ KISAM_API int nisopen(const char* filename, int access) {
             }
             v_forget_file(u);
             ++fcp->is_usecnt;
+            is_open_note(u, true);
+            jn_setpath(u, filename);
             pfi->pfi_osfd = fd;
             pfi->pfi_nkeys = static_cast<int8_t>(fcp->is_nkeys);
             pfi->pfi_bits = static_cast<uint8_t>((seqf ? PFI_SEQ : 0) | (rdonly ? PFI_RDONLY : 0) |
@@ -295,6 +307,8 @@ KISAM_API int nisopen(const char* filename, int access) {
             ++pfi->pfi_refcnt;
         }
         is_unlock(&isam_com->opcl_lock);
+        // Processes that died with the file open still count as its users.
+        is_reap_holders(u);
         is_isout();
         return isfd;
     }
@@ -329,6 +343,14 @@ KISAM_API int nisopen(const char* filename, int access) {
             return fail_fd(ISE_NOTISAM, 6);
         if (magic == ISMAGIC_OLD512 || magic == ISMAGIC_OLD1024) kisam::fcp_convert_old(fcp_scratch);
         if (!key_table_ok(scratch)) return fail_fd(ISE_NOTISAM, 6);
+        // A file left marked with a unit of a killed process still in its journal is
+        // rolled back, and is then sound: read its control page again.
+        if ((scratch->is_optbits & ISO_DIRTYMARK) &&
+            jn_recover_file(static_cast<uint64_t>(fi.f_dev), static_cast<uint64_t>(fi.f_inode))) {
+            if (kisam::os_pread_full(fd, fcp_scratch + IS_FCP_JDSIZE, kisam::kFcpImage, 0) < kisam::kFcpImage)
+                return fail_fd(ISE_NOTISAM, 5);
+            if (!key_table_ok(scratch)) return fail_fd(ISE_NOTISAM, 6);
+        }
         if (!noverify && (scratch->is_optbits & ISO_DIRTYMARK)) return fail_fd(ISE_INCONSISTENT, 14);
     }
 
@@ -338,8 +360,9 @@ KISAM_API int nisopen(const char* filename, int access) {
     if (!fcp) return fail_fd(ISE_NOFCP, 7);
     std::memcpy(fcp, scratch, size);
     auto fail_fcp = [&](int code, int detail) noexcept {
-        freencom(reinterpret_cast<char*>(fcp), size);
         is_env.pfo_tbl[u] = -1;
+        is_open_note(u, false);
+        freencom(reinterpret_cast<char*>(fcp), size);
         return fail_fd(code, detail);
     };
 
@@ -363,6 +386,12 @@ KISAM_API int nisopen(const char* filename, int access) {
     fcp->jd_ino = static_cast<uint64_t>(fi.f_inode);
     fcp->jd_lock_hd = KISAM_NOREL;
     fcp->jd_bits = 0;
+    // Nothing learnt about the slot's previous file carries over; this process counts
+    // among the file's users before the file can be found.
+    isx_file* xf = kisam::isx_file_of(u);
+    std::memset(xf, 0, sizeof *xf);
+    xf->xf_hand = -1;
+    is_open_note(u, true);
     is_env.pfo_tbl[u] = static_cast<int32_t>(kisam::rel_of(fcp));
 
     IS_PFI* pfi = &is_pfi[u];
@@ -371,6 +400,7 @@ KISAM_API int nisopen(const char* filename, int access) {
         return fail_fcp(ISE_OPENF, 9);
     }
     v_forget_file(u);
+    jn_setpath(u, filename);
     pfi->pfi_osfd = fd;
     pfi->pfi_nkeys = static_cast<int8_t>(nkeys);
     pfi->pfi_bits = static_cast<uint8_t>((deferf ? PFI_DEFER : 0) | (seqf ? PFI_SEQ : 0) |

@@ -7,6 +7,10 @@
 // refused as a deadlock (ISE_DEADLOCK raised, nothing taken).
 int is_getctl(void) noexcept;
 int is_relctl(void) noexcept;   // 0, -1 when the flush failed (lock kept)
+// After an outermost release that failed and the rollback of the unit it ended: flush
+// again and give the word up when that succeeds, or when a rollback is still pending on
+// the file (every later taker settles it before using the file).
+void is_relctl_again(void) noexcept;
 
 int is_read(int keyno, char* record, int recsize, int dir) noexcept;
 int is_write(const char* record, int recsize, int force) noexcept;

@@ -12,7 +12,7 @@ constexpr uint32_t kLine = 64;
 inline uint32_t round_line(uint64_t n) { return static_cast<uint32_t>((n + kLine - 1) / kLine * kLine); }
 
 struct Geometry {
-    uint32_t file_base, proc_base, open_base, open_bytes, ref_base, size;
+    uint32_t file_base, proc_base, open_base, open_bytes, ref_base, reaped_base, size;
 };
 
 Geometry geometry(int maxopen, int maxusers, int maxbufs) {
@@ -25,7 +25,8 @@ Geometry geometry(int maxopen, int maxusers, int maxbufs) {
     g.open_bytes = static_cast<uint32_t>((no + 63) / 64 * 8);
     g.open_base = round_line(g.proc_base + nu * sizeof(isx_proc));
     g.ref_base = round_line(g.open_base + nu * g.open_bytes);
-    g.size = round_line(g.ref_base + nb);
+    g.reaped_base = round_line(g.ref_base + nb);
+    g.size = round_line(g.reaped_base + ISX_NREAPED * sizeof(isx_reaped));
     return g;
 }
 
@@ -50,6 +51,7 @@ void isx_layout(void) noexcept {
     h->xh_open_base = g.open_base;
     h->xh_open_bytes = g.open_bytes;
     h->xh_ref_base = g.ref_base;
+    h->xh_reaped_base = g.reaped_base;
     isx_file* f = reinterpret_cast<isx_file*>(base + g.file_base);
     for (int u = 0; u < isam_com->maxopen; ++u) f[u].xf_hand = -1;
     // The magic goes in last: a head with the magic is a complete layout.
@@ -67,7 +69,8 @@ bool isx_attach(size_t segsize) noexcept {
         h->xh_maxopen != isam_com->maxopen || h->xh_maxusers != isam_com->maxusers ||
         h->xh_maxbufs != isam_com->maxbufs || h->xh_file_base != g.file_base ||
         h->xh_proc_base != g.proc_base || h->xh_open_base != g.open_base ||
-        h->xh_open_bytes != g.open_bytes || h->xh_ref_base != g.ref_base)
+        h->xh_open_bytes != g.open_bytes || h->xh_ref_base != g.ref_base ||
+        h->xh_reaped_base != g.reaped_base)
         return false;
     isx_area = h;
     return true;

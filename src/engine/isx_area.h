@@ -15,6 +15,7 @@
 //   open sets[maxusers]      maxopen bits each, rounded up to 8 bytes: bit u set while
 //                            the process holds shared-file slot u open (is_usecnt share)
 //   reference bytes[maxbufs] one per buffer slot, for the pool's clock
+//   isx_reaped[ISX_NREAPED]  the processes cleaned up most recently (a ring)
 //
 // The area is zeroed with the segment and laid out by the first attacher under the
 // start-up lock.  A segment made without it (by a library that does not know it) is
@@ -41,7 +42,9 @@ struct isx_head {
     uint32_t xh_steal_hand;  // 40-43  the pool's clock hand over all slots
     uint32_t xh_cleaned;     // 44-47  statistics: dead processes cleaned up
     uint32_t xh_rolledback;  // 48-51  statistics: calls rolled back
-    uint32_t xh_spare[3];    // 52-63
+    uint32_t xh_reaped_base; // 52-55  the ring of cleaned processes; entry xh_cleaned %
+                             //        ISX_NREAPED is the next to be written
+    uint32_t xh_spare[2];    // 56-63
 };
 KISAM_RECORD(isx_head, 64);
 KISAM_AT(isx_head, xh_magic, 0);       KISAM_AT(isx_head, xh_version, 4);
@@ -51,7 +54,7 @@ KISAM_AT(isx_head, xh_file_base, 20);  KISAM_AT(isx_head, xh_proc_base, 24);
 KISAM_AT(isx_head, xh_open_base, 28);  KISAM_AT(isx_head, xh_open_bytes, 32);
 KISAM_AT(isx_head, xh_ref_base, 36);   KISAM_AT(isx_head, xh_steal_hand, 40);
 KISAM_AT(isx_head, xh_cleaned, 44);    KISAM_AT(isx_head, xh_rolledback, 48);
-KISAM_AT(isx_head, xh_spare, 52);
+KISAM_AT(isx_head, xh_reaped_base, 52); KISAM_AT(isx_head, xh_spare, 56);
 
 // One per shared-file slot.  Reset when the slot is taken by a new file (open) so that
 // nothing learnt about the slot's previous file carries over.
@@ -80,6 +83,15 @@ struct isx_proc {
 };
 KISAM_RECORD(isx_proc, 16);
 KISAM_AT(isx_proc, xp_pid, 0); KISAM_AT(isx_proc, xp_flags, 4); KISAM_AT(isx_proc, xp_spare, 8);
+
+// A process cleaned up after it died attached.
+struct isx_reaped {
+    int32_t xr_pid;          //  0-3
+    uint32_t xr_time;        //  4-7   when, in seconds since 1970 (low 32 bits)
+};
+KISAM_RECORD(isx_reaped, 8);
+KISAM_AT(isx_reaped, xr_pid, 0); KISAM_AT(isx_reaped, xr_time, 4);
+inline constexpr int ISX_NREAPED = 8;
 
 inline constexpr uint32_t ISX_MAGIC = 0x3158414Bu;  // "KAX1"
 inline constexpr uint16_t ISX_VERSION = 1;
@@ -112,6 +124,9 @@ inline uint8_t* isx_open_set(int i) {
 // Reference byte of buffer slot s (the pool's clock).
 inline uint8_t* isx_ref(int s) {
     return reinterpret_cast<uint8_t*>(isx_area) + isx_area->xh_ref_base + s;
+}
+inline isx_reaped* isx_reaped_at(int k) {
+    return reinterpret_cast<isx_reaped*>(reinterpret_cast<char*>(isx_area) + isx_area->xh_reaped_base) + k;
 }
 
 }  // namespace kisam

@@ -1,8 +1,11 @@
 // Public record operations: each frames the call and hands the work to the record layer.
 //
-// nisread, nispread, nisfind, niswrite and nisfwrite take no control lock themselves:
-// the record layer brackets its own work.  nisdelete and nisupdate hold the lock around
-// their work, so that an update's delete and re-write are one unit for other processes.
+// nisread, nispread and nisfind take no control lock themselves: the record layer
+// brackets its own work.  The changing calls (niswrite, nisfwrite, nisupdate, nisdelete)
+// each run as one unit of the undo journal under one hold of the control lock: all of
+// the call reaches the file, or none of it.  A call that fails part way is rolled back
+// before it returns -1; so is a call whose closing flush fails (the caller then learns
+// that its change did not happen: -1, with is_relctl's 0x2402 on the stack).
 //
 // Refused before anything changes: nisfind without a key (ISE_INVKL, isfind 1), and an
 // update that could not write its record again (read-only file, bad size), so that the
@@ -13,6 +16,7 @@
 #include "is_error.h"
 #include "is_file.h"
 #include "is_rec.h"
+#include "jn.h"
 
 #include <cstring>
 
@@ -25,6 +29,27 @@ void set_search(int keyno, const char* key) {
     IS_DBKEY* cur = db_cursor(is_curdb, keyno);
     std::memcpy(cur->currkey, key, static_cast<size_t>(fcp_key(is_curfcp, keyno)->k_keylen));
     cur->curr_kstate = 1;
+}
+
+// Runs work() as one unit: under the control lock, with every page it changes saved
+// first, rolled back when it fails.  Returns work's result, or -1.
+template <class Work>
+int unit(Work work) noexcept {
+    if (is_getctl() < 0) return -1;
+    // A read-only handle changes nothing (the work refuses): no unit to keep.
+    if (!(is_curpfi->pfi_bits & PFI_RDONLY) && jn_begin() != 0) {
+        is_relctl();
+        return -1;
+    }
+    int r = work();
+    if (r < 0) jn_abort();
+    if (is_relctl() != 0) {
+        // The closing flush failed: undo what the call wrote, and say so.
+        jn_abort();
+        is_relctl_again();
+        r = -1;
+    }
+    return r;
 }
 
 }  // namespace
@@ -67,14 +92,14 @@ KISAM_API int nisseek(int isfd, int keyno, const char* key) {
 
 KISAM_API int niswrite(int isfd, const char* record, int recsize) {
     if (is_isin(PROC(P_ISWRITE), isfd, 0) < 0) return -1;
-    int r = is_write(record, recsize, 0);
+    int r = unit([&] { return is_write(record, recsize, 0); });
     is_isout();
     return r;
 }
 
 KISAM_API int nisfwrite(int isfd, const char* record, int recsize) {
     if (is_isin(PROC(P_ISFWRITE), isfd, 0) < 0) return -1;
-    int r = is_write(record, recsize, 1);
+    int r = unit([&] { return is_write(record, recsize, 1); });
     is_isout();
     return r;
 }
@@ -89,12 +114,11 @@ KISAM_API int nisupdate(int isfd, const char* record, int recsize) {
         // Refused before the delete: a record that cannot be written again must not be
         // removed first.
         r = is_raise(ISE_RSIZE, PROC(P_IS_WRITE, 2));
-    } else if (is_getctl() < 0) {
-        r = -1;
     } else {
-        r = is_delete(record);
-        if (r >= 0) r = is_write(record, recsize, 0);
-        is_relctl();
+        r = unit([&] {
+            int d = is_delete(record);
+            return d >= 0 ? is_write(record, recsize, 0) : d;
+        });
     }
     is_isout();
     return static_cast<short>(r);
@@ -102,13 +126,7 @@ KISAM_API int nisupdate(int isfd, const char* record, int recsize) {
 
 KISAM_API int nisdelete(int isfd, const char* primekey) {
     if (is_isin(PROC(P_ISDELETE), isfd, 0) < 0) return -1;
-    int r;
-    if (is_getctl() < 0) {
-        r = -1;
-    } else {
-        r = is_delete(primekey);
-        is_relctl();
-    }
+    int r = unit([&] { return is_delete(primekey); });
     is_isout();
     return static_cast<short>(r);
 }

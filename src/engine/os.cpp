@@ -14,11 +14,14 @@ namespace {
 int real_fcntl_lock(int fd, int cmd, struct flock* fl) { return ::fcntl(fd, cmd, fl); }
 int real_open(const char* path, int flags, mode_t mode) { return ::open(path, flags, mode); }
 int real_fstat(int fd, struct stat* st) { return ::fstat(fd, st); }
+int real_fallocate(int fd, off_t off, off_t len) { return ::posix_fallocate(fd, off, len); }
+int real_ftruncate(int fd, off_t len) { return ::ftruncate(fd, len); }
 
 }  // namespace
 
 const os_table os_real = {
     ::pread, ::pwrite, ::fdatasync, real_fcntl_lock, ::shmget, real_open, real_fstat,
+    real_fallocate, real_ftruncate,
 };
 os_table os = os_real;
 
@@ -74,6 +77,38 @@ int os_open(const char* path, int flags, mode_t mode) noexcept {
 int os_close(int fd) noexcept {
     // note: no retry on EINTR; on Linux the descriptor is gone whatever close returned.
     return ::close(fd);
+}
+
+int os_fallocate(int fd, off_t off, off_t len) noexcept {
+    int r;
+    do {
+        r = os.fallocate(fd, off, len);
+    } while (r == EINTR);
+    if (r == 0) return 0;
+    errno = r;
+    return -1;
+}
+
+int os_ftruncate(int fd, off_t len) noexcept {
+    int r;
+    do {
+        r = os.ftruncate(fd, len);
+    } while (r != 0 && errno == EINTR);
+    return r;
+}
+
+int os_testlock(int fd, off_t start, off_t len) noexcept {
+    struct flock fl {};
+    fl.l_type = F_WRLCK;
+    fl.l_whence = SEEK_SET;
+    fl.l_start = start;
+    fl.l_len = len;
+    int r;
+    do {
+        r = os.fcntl_lock(fd, F_GETLK, &fl);
+    } while (r != 0 && errno == EINTR);
+    if (r != 0) return -1;
+    return fl.l_type == F_UNLCK ? 0 : 1;
 }
 
 int os_lock(int fd, int cmd, short type, off_t start, off_t len) noexcept {

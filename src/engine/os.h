@@ -20,6 +20,8 @@ struct os_table {
     int (*shmget)(key_t, size_t, int);
     int (*open)(const char*, int, mode_t);
     int (*fstat)(int, struct stat*);
+    int (*fallocate)(int fd, off_t off, off_t len);  // posix_fallocate: 0 or an error number
+    int (*ftruncate)(int fd, off_t len);
 };
 // The live table; tests may replace entries and must restore them.
 extern os_table os;
@@ -33,6 +35,12 @@ int os_pwrite_full(int fd, const void* buf, size_t n, off_t off) noexcept;
 int os_fdatasync(int fd) noexcept;
 int os_open(const char* path, int flags, mode_t mode = 0) noexcept;
 int os_close(int fd) noexcept;
+// Reserves disk space for [off, off + len) of fd; 0, or -1 with errno set.
+int os_fallocate(int fd, off_t off, off_t len) noexcept;
+int os_ftruncate(int fd, off_t len) noexcept;
+// Whether another process holds a lock over [start, start + len) of fd: 1 yes, 0 no,
+// -1 the question failed.
+int os_testlock(int fd, off_t start, off_t len) noexcept;
 // fcntl record lock with EINTR retried for waiting commands.
 int os_lock(int fd, int cmd, short type, off_t start, off_t len) noexcept;
 

@@ -7,6 +7,7 @@
 
 #include "is_common.h"
 #include "is_error.h"
+#include "jn.h"
 #include "os.h"
 
 #include <cerrno>
@@ -63,6 +64,12 @@ IS_DATA* v_new(PAGE* pno) noexcept {
         pg = v_read(next);
         if (!pg) return nullptr;
         if (pg->fp.fp_ident == -2) {
+            // The free page is about to become the caller's: its free-chain form is part
+            // of what an undo must give back.
+            if (jn_touch(next, pg) != 0) {
+                v_unsafe(next, pg->c);
+                return nullptr;
+            }
             fcp->is_nextfree = pg->fp.fp_nextpage;
         } else {
             // Every page put on the chain carries the free mark; one without it means
@@ -112,6 +119,7 @@ int v_dispose(PAGE pno, IS_DATA* bp) noexcept {
         bp = v_read(pno);
         if (!bp) return -1;
     }
+    if (jn_touch(pno, bp) != 0) return -1;
     std::memset(bp->c + 2, 0xFF, 30);
     bp->fp.fp_ident = kFreeMark;
     bp->fp.fp_nextpage = fcp->is_nextfree;

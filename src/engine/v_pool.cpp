@@ -59,6 +59,7 @@
 
 #include <kisam/ztsupport.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
@@ -412,6 +413,31 @@ bool fixed_by_us_only() noexcept {
     return true;
 }
 
+// Puts back on the free list every slot that is on no list: a process killed while it
+// moved a slot from one list to another (every move is done under buf_lock, with the
+// slot unlinked before it is linked again) can leave one on none.  Requires buf_lock,
+// which is why no list changes meanwhile.
+void repair_lists() noexcept {
+    const int nb = isam_com->maxbufs;
+    uint8_t* on = static_cast<uint8_t*>(std::calloc(static_cast<size_t>(nb), 1));
+    if (!on) return;
+    int n = 0;
+    for (int s = isam_com->buf_free; valid_slot(s) && n < nb && !on[s]; s = slot(s)->bu_next, ++n) on[s] = 1;
+    for (int u = 0; u < isam_com->maxopen; ++u) {
+        const IS_FCP* f = pfo_fcp(u);
+        if (!f) continue;
+        n = 0;
+        for (int s = f->jd_buf_hd; valid_slot(s) && n < nb && !on[s]; s = slot(s)->bu_next, ++n) on[s] = 1;
+    }
+    for (int s = 0; s < nb; ++s) {
+        if (on[s]) continue;
+        clear_tag(slot(s));
+        slot(s)->bu_next = isam_com->buf_free;
+        isam_com->buf_free = static_cast<int16_t>(s);
+    }
+    std::free(on);
+}
+
 // The lock-holding part of a miss: a free slot or a victim, attached to u's chain and
 // loaded with pno.  Returns the slot or -1 (error raised, nothing of ours left locked).
 int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb) noexcept {
@@ -419,6 +445,7 @@ int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb) noexcept {
     const int nb = com->maxbufs;
     for (;;) {
         if (is_lock(&com->buf_lock) != 0) return is_raise(ISE_DEADLOCK, PROC(P_V_READ, 6));
+        if (is_lock_stale) repair_lists();
         int S = com->buf_free;
         if (S != -1) {
             if (!valid_slot(S)) {
@@ -766,28 +793,49 @@ int v_flush(void) noexcept {
     return rc;
 }
 
-void v_relbuf(void) noexcept {
-    IS_FCP* fcp = is_curfcp;
-    const int u = current_file();
-    v_flush();
+namespace {
+
+// Gives fcp's whole chain to the free list.  The stores are ordered so that a process
+// killed between any two of them leaves every slot on at most one list (at worst some
+// slots on none, which the steal scan's repair finds again).
+void chain_to_free_list(IS_FCP* fcp) noexcept {
     const int nb = isam_com->maxbufs;
-    int head = fcp->jd_buf_hd;
+    const int head = fcp->jd_buf_hd;
     int last = -1;
     int n = 0;
     for (int s = head; valid_slot(s) && n < nb; s = slot(s)->bu_next, ++n) {
         clear_tag(slot(s));
         last = s;
     }
+    struct isam_com* com = isam_com;
+    while (is_lock(&com->buf_lock) != 0) ZTSleepMS(1);
+    fcp->jd_buf_hd = -1;
     if (last >= 0) {
-        struct isam_com* com = isam_com;
-        while (is_lock(&com->buf_lock) != 0) ZTSleepMS(1);
         slot(last)->bu_next = com->buf_free;
         com->buf_free = static_cast<int16_t>(head);
-        is_unlock(&com->buf_lock);
     }
+    is_unlock(&com->buf_lock);
+}
+
+}  // namespace
+
+void v_relbuf(void) noexcept {
+    IS_FCP* fcp = is_curfcp;
+    const int u = current_file();
+    v_flush();
     // The chain now belongs to the free list; the control page is about to be discarded.
-    fcp->jd_buf_hd = -1;
+    chain_to_free_list(fcp);
     v_forget_file(u);
+}
+
+bool v_giveback(IS_FCP* fcp, int u) noexcept {
+    const int nb = isam_com->maxbufs;
+    int n = 0;
+    for (int s = fcp->jd_buf_hd; valid_slot(s) && n < nb; s = slot(s)->bu_next, ++n)
+        if (slot(s)->bu_id & BU_DIRTY) return false;
+    chain_to_free_list(fcp);
+    v_forget_file(u);
+    return true;
 }
 
 int fcp_setdatachanged(IS_FCP* fcp, IS_PFI* pfi, int datachangedf, int syncf) noexcept {
@@ -823,6 +871,22 @@ void v_stale_fcplock(IS_FCP* fcp) noexcept {
         is_etop = top;
         is_eall = all;
         return;
+    }
+}
+
+void v_discard(IS_FCP* fcp, int u, PAGE* pages, int n, PAGE from) noexcept {
+    if (n > 1) std::sort(pages, pages + n);
+    const int nb = isam_com->maxbufs;
+    int len = 0;
+    for (int s = fcp->jd_buf_hd; valid_slot(s) && len < nb; s = slot(s)->bu_next, ++len) {
+        IS_BUF* b = slot(s);
+        const PAGE p = b->bu_pno;
+        if (file_of(b) != u || p == KISAM_NOPAGE) continue;
+        if (n < 0 || p >= from || std::binary_search(pages, pages + n, p)) {
+            // Rule 1: on its chain, holding no page.
+            b->bu_pno = KISAM_NOPAGE;
+            b->bu_id = static_cast<uint16_t>(u);
+        }
     }
 }
 

@@ -38,5 +38,13 @@ void v_forget_file(int u) noexcept;
 // (is_getctl after is_lock reported a stale word, or the pool's own no-wait scan): clears
 // the fixes (BU_INUSE) that holder left on the file's slots.  Requires that control lock.
 void v_stale_fcplock(IS_FCP* fcp) noexcept;
+// Drops the cached copies of file u's pages that an undo rewrites on disk: every page in
+// pages[0..n) (n < 0: every page) and every page from `from` on.  Their slots stay on
+// the chain holding no page, unfixed and clean.  Requires u's control lock.
+void v_discard(IS_FCP* fcp, int u, PAGE* pages, int n, PAGE from) noexcept;
+// Gives the whole chain of fcp (slot u) to the free list without writing anything, for a
+// file that nobody has open any more; false (nothing done) when a slot holds a page not
+// yet on disk.  Requires fcp's control lock.
+bool v_giveback(IS_FCP* fcp, int u) noexcept;
 // Drop the whole per-process bookkeeping (after attach, detach or fork).
 void v_reset_process(void) noexcept;

@@ -12,7 +12,7 @@ nm -D --defined-only "$lib" | awk 'NF >= 3 && $2 != "A" { print $3 }' | sed 's/@
     sort -u >"$tmp/exported" || exit 1
 # Names between "global:" and "local:", comments removed.
 sed -e 's#/\*.*\*/##g' "$map" |
-    awk '/global:/ { g = 1; sub(/.*global:/, "") } /local:/ { g = 0 } g' |
+    awk '/global:/ { g = 1; sub(/.*global:/, "") } /local:/ || /^}/ { g = 0 } g' |
     tr ';{} \t' '\n\n\n\n\n' | grep -v '^$' | sort -u >"$tmp/mapped" || exit 1
 
 rc=0

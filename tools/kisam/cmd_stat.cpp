@@ -113,16 +113,29 @@ void print_once(const void* area, int shmid, const std::vector<std::pair<std::st
         if (pid == ::getpid())
             state = " (this kisam stat)";
         else if (::kill(pid, 0) != 0 && errno == ESRCH) {
-            state = " NO LONGER EXISTS: it ended without detaching; its slot stays taken";
+            state = " NO LONGER EXISTS: it ended without detaching";
             ++gone;
         }
         if (needs[i] != 0) state += ", waiting for the lock at offset " + std::to_string(needs[i]);
         std::printf("  slot %-3d pid %d%s\n", i, pid, state.c_str());
     }
     if (gone)
-        std::printf("          %d slot(s) held by processes that no longer exist; they are freed when the area is "
-                    "rebuilt after every program has detached\n",
+        std::printf("          %d slot(s) held by processes that no longer exist; they are cleaned up as soon as "
+                    "the locks they need are free\n",
                     gone);
+    unsigned cleaned = 0, rolledback = 0;
+    int recent[8];
+    const int nrecent = kisam_recovery_stats(&cleaned, &rolledback, recent, 8);
+    if (nrecent >= 0) {
+        std::printf("recovery  %u dead %s cleaned up, %u %s rolled back", cleaned,
+                    plural(long(cleaned), "process", "processes"), rolledback,
+                    plural(long(rolledback), "call", "calls"));
+        if (nrecent > 0) {
+            std::printf("; last cleaned up:");
+            for (int k = 0; k < nrecent; ++k) std::printf(" pid %d", recent[k]);
+        }
+        std::printf("\n");
+    }
     std::fflush(stdout);
 }
 
@@ -188,6 +201,14 @@ int cmd_stat(std::vector<std::string> words) {
             for (unsigned left = unsigned(every); left > 0 && !g_interrupted;) left = ::sleep(left);
         }
         if (g_interrupted) break;
+        if (!ro) {
+            // Processes that died attached are cleaned up by whoever notices them.
+            int pids[64];
+            const int n = kisam_reap(pids, 64);
+            for (int k = 0; k < n && k < 64; ++k)
+                std::printf("cleaned up after pid %d, which died attached: its unfinished call rolled back, "
+                            "its locks and slot released\n", pids[k]);
+        }
         print_once(area, id, named);
     }
     if (ro) ::shmdt(ro);

@@ -1,0 +1,268 @@
+// Processes that died while attached: telling them from live ones, and cleaning up what
+// they held in the common area.
+//
+// Every attached process holds, for as long as it is attached, a write lock on one byte
+// of the lock file at the offset of its process-table entry (the process table is no
+// lock word, so nothing else locks there).  The kernel drops that lock with the process,
+// so a slot whose byte nobody holds belongs to a process that is gone -- a test that a
+// reused process id cannot fool.  (A process between claiming its slot and taking the
+// lock, or attached by a tool that takes none, is judged by whether its pid exists.)
+//
+// Cleaning a dead process's slot, in this order: its journal's unit is rolled back (the
+// file's control lock is taken over for that); under opcl_lock, for each file in its
+// open set, its record locks go and the file's count of processes is recounted from the
+// open sets of the processes still attached (so that a process killed half way through
+// an open or a close leaves no count wrong); a file that nobody has open any more is
+// released as the last close would; finally the slot is freed.  Control locks are only
+// tried, never waited for: a file whose lock another process holds is cleaned later.
+// Reads and writes: the process table, the waiting table, isx_area (open sets, process
+// records, statistics), pfo_tbl, the files' record-lock chains and use counts.
+#include "is_common.h"
+#include "is_error.h"
+#include "is_file.h"
+#include "is_heap.h"
+#include "is_lock.h"
+#include "isx_area.h"
+#include "jn.h"
+#include "os.h"
+#include "v_pool.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <signal.h>
+
+namespace {
+
+constexpr uint32_t kLive = 0x1;  // xp_flags: the process holds its liveness lock
+
+inline off_t live_offset(int i) {
+    return static_cast<off_t>(isam_com->pid_base) + 4 * static_cast<off_t>(i);
+}
+
+inline bool bit(const uint8_t* set, int u) { return (set[u >> 3] >> (u & 7)) & 1; }
+inline void set_bit(uint8_t* set, int u, bool on) {
+    std::atomic_ref<uint8_t> b(set[u >> 3]);
+    if (on)
+        b.fetch_or(static_cast<uint8_t>(1u << (u & 7)));
+    else
+        b.fetch_and(static_cast<uint8_t>(~(1u << (u & 7))));
+}
+
+// A control word taken without waiting; `took` says whether it must be given back.
+struct TryWord {
+    unsigned* word;
+    bool ok = false;
+    bool took = false;
+    explicit TryWord(unsigned* w) : word(w) {
+        if (*w == static_cast<unsigned>(is_pid)) {
+            ok = true;  // already this process's (an application's bracket)
+            return;
+        }
+        if (is_lockitnw(kisam::com_offset(w)) != 0) return;
+        const unsigned prev = std::atomic_ref<uint32_t>(*w).load();
+        std::atomic_ref<uint32_t>(*w).store(static_cast<uint32_t>(is_pid));
+        is_incsyslocks();
+        ok = took = true;
+        if (prev != 0) {
+            IS_FCP* fcp = reinterpret_cast<IS_FCP*>(reinterpret_cast<char*>(w) - offsetof(IS_FCP, jd_fcplock));
+            v_stale_fcplock(fcp);
+            jn_note_stale(fcp, prev);
+        }
+    }
+    ~TryWord() {
+        if (took) is_unlock(word);
+    }
+    TryWord(const TryWord&) = delete;
+    TryWord& operator=(const TryWord&) = delete;
+};
+
+// Removes the record locks that pid left on fcp's chain (their ranges must be free:
+// a live process that reuses the pid holds its own).  Requires fcp's control lock.
+void drop_dead_locks(IS_FCP* fcp, uint32_t pid) noexcept {
+    RELt* link = &fcp->jd_lock_hd;
+    int steps = 0;
+    while (*link != KISAM_NOREL && steps++ < 1 << 20) {
+        IS_RC* e = kisam::rel_ptr<IS_RC>(*link);
+        if (e->rc_lock != pid) {
+            link = &e->rc_next;
+            continue;
+        }
+        const unsigned long o = kisam::com_offset(&e->rc_next);
+        if (is_lockitnw(o) != 0) {
+            link = &e->rc_next;
+            continue;
+        }
+        is_unlockit(o);
+        uint32_t cur = isam_com->curusrlocks;
+        if (cur > 0) isam_com->curusrlocks = cur - 1;
+        if (e->rc_waitcount == 0) {
+            *link = e->rc_next;
+            freencom(reinterpret_cast<char*>(e), static_cast<unsigned>(e->rc_len) + 16u);
+        } else {
+            e->rc_lock = 0;
+            link = &e->rc_next;
+        }
+    }
+}
+
+// Processes still attached that have file u open, not counting slot `skip`.
+int16_t holders(int u, int skip) noexcept {
+    int16_t n = 0;
+    for (int j = 0; j < isam_com->maxusers; ++j) {
+        if (j == skip || is_env.pid_[j] == 0) continue;
+        if (bit(kisam::isx_open_set(j), u)) ++n;
+    }
+    return n;
+}
+
+// Nobody has file u open any more: release its shared copy as the last close does.
+// Requires opcl_lock and u's control lock.  False when pages or the control page are
+// still due to be written (nobody has a descriptor to write them with): the copy stays,
+// with no process counted, and the next open of the file finds it again.
+bool release_file(IS_FCP* fcp, int u) noexcept {
+    if (fcp->is_optbits & ISO_CHANGED) return false;
+    if (!v_giveback(fcp, u)) return false;
+    RELt rel = fcp->jd_lock_hd;
+    fcp->jd_lock_hd = KISAM_NOREL;
+    for (int steps = 0; rel != KISAM_NOREL && steps < 1 << 20; ++steps) {
+        IS_RC* rc = kisam::rel_ptr<IS_RC>(rel);
+        const RELt next = rc->rc_next;
+        freencom(reinterpret_cast<char*>(rc), static_cast<unsigned>(rc->rc_len) + 16u);
+        rel = next;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool is_slot_dead(int i) noexcept {
+    if (!isam_com || !isx_area || i < 0 || i >= isam_com->maxusers) return false;
+    const int32_t pid = std::atomic_ref<int32_t>(is_env.pid_[i]).load();
+    if (pid <= 0 || pid == is_pid) return false;
+    const isx_proc* p = kisam::isx_proc_of(i);
+    if (p->xp_pid == pid && (p->xp_flags & kLive))
+        return kisam::os_testlock(is_lockfd, live_offset(i), 1) == 0;
+    return ::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH;
+}
+
+int is_live_claim(void) noexcept {
+    const int i = is_env.useridx;
+    isx_proc* p = kisam::isx_proc_of(i);
+    p->xp_flags = 0;
+    p->xp_pid = is_pid;
+    std::memset(kisam::isx_open_set(i), 0, isx_area->xh_open_bytes);
+    if (kisam::os_lock(is_lockfd, F_SETLK, F_WRLCK, live_offset(i), 1) != 0) return -1;
+    std::atomic_ref<uint32_t>(p->xp_flags).store(kLive);
+    return 0;
+}
+
+void is_live_release(void) noexcept {
+    if (!isam_com || !isx_area) return;
+    const int i = is_env.useridx;
+    if (i < 0 || i >= isam_com->maxusers) return;
+    isx_proc* p = kisam::isx_proc_of(i);
+    if (p->xp_pid != is_pid) return;
+    p->xp_flags = 0;
+    p->xp_pid = 0;
+    kisam::os_lock(is_lockfd, F_SETLK, F_UNLCK, live_offset(i), 1);
+}
+
+void is_open_note(int u, bool open) noexcept {
+    if (!isx_area || u < 0 || u >= isam_com->maxopen) return;
+    set_bit(kisam::isx_open_set(is_env.useridx), u, open);
+}
+
+int is_reap_slot(int i) noexcept {
+    if (!is_slot_dead(i)) return 0;
+    const int32_t pid = is_env.pid_[i];
+    // A unit the process was making is rolled back before anything else of it goes.
+    if (jn_clear_slot(i) != 0) return -1;
+    if (is_lock(&isam_com->opcl_lock) != 0) return -1;
+    if (is_env.pid_[i] != pid) {  // cleaned by somebody else meanwhile
+        is_unlock(&isam_com->opcl_lock);
+        return 0;
+    }
+    uint8_t* set = kisam::isx_open_set(i);
+    const int maxopen = isam_com->maxopen;
+    for (int u = 0; u < maxopen; ++u) {
+        if (!bit(set, u)) continue;
+        IS_FCP* fcp = kisam::pfo_fcp(u);
+        if (!fcp) {
+            set_bit(set, u, false);
+            continue;
+        }
+        TryWord w(&fcp->jd_fcplock);
+        if (!w.ok) {
+            // Another process holds the file: the rest is done at a later look.
+            is_unlock(&isam_com->opcl_lock);
+            return -1;
+        }
+        drop_dead_locks(fcp, static_cast<uint32_t>(pid));
+        set_bit(set, u, false);
+        fcp->is_usecnt = holders(u, i);
+        if (fcp->is_usecnt == 0 && fcp->jd_fcplock == static_cast<unsigned>(is_pid) && w.took &&
+            release_file(fcp, u)) {
+            w.took = false;
+            is_unlock(&fcp->jd_fcplock);
+            is_env.pfo_tbl[u] = -1;
+            freencom(reinterpret_cast<char*>(fcp), IS_FCP_SIZE(fcp->is_nkeys));
+        }
+    }
+    isx_proc* p = kisam::isx_proc_of(i);
+    p->xp_flags = 0;
+    p->xp_pid = 0;
+    is_env.needs_[i] = 0;
+    std::atomic_ref<int32_t>(is_env.pid_[i]).store(0);
+    const uint32_t k = std::atomic_ref<uint32_t>(isx_area->xh_cleaned).fetch_add(1);
+    isx_reaped* r = kisam::isx_reaped_at(static_cast<int>(k % ISX_NREAPED));
+    r->xr_pid = pid;
+    r->xr_time = static_cast<uint32_t>(::time(nullptr));
+    is_unlock(&isam_com->opcl_lock);
+    return 1;
+}
+
+int is_reap_dead(int* pids, int maxpids) noexcept {
+    if (!isam_com || !isx_area) return 0;
+    int n = 0;
+    for (int i = 0; i < isam_com->maxusers; ++i) {
+        const int32_t pid = is_env.pid_[i];
+        if (is_reap_slot(i) == 1) {
+            if (pids && n < maxpids) pids[n] = pid;
+            ++n;
+        }
+    }
+    return n;
+}
+
+int is_reap_holders(int u) noexcept {
+    if (!isam_com || !isx_area || u < 0 || u >= isam_com->maxopen) return 0;
+    int n = 0;
+    for (int i = 0; i < isam_com->maxusers; ++i) {
+        if (is_env.pid_[i] == 0 || !bit(kisam::isx_open_set(i), u)) continue;
+        if (is_reap_slot(i) == 1) ++n;
+    }
+    return n;
+}
+
+extern "C" {
+
+KISAM_API int kisam_reap(int* pids, int maxpids) {
+    if (!isam_com) return 0;
+    return is_reap_dead(pids, maxpids < 0 ? 0 : maxpids);
+}
+
+KISAM_API int kisam_recovery_stats(unsigned* cleaned, unsigned* rolledback, int* recent, int maxrecent) {
+    if (!isam_com || !isx_area) return -1;
+    const uint32_t n = std::atomic_ref<uint32_t>(isx_area->xh_cleaned).load();
+    if (cleaned) *cleaned = n;
+    if (rolledback) *rolledback = std::atomic_ref<uint32_t>(isx_area->xh_rolledback).load();
+    int got = 0;
+    // Newest first.
+    for (uint32_t k = 0; recent && got < maxrecent && k < n && k < static_cast<uint32_t>(ISX_NREAPED); ++k)
+        recent[got++] = kisam::isx_reaped_at(static_cast<int>((n - 1 - k) % ISX_NREAPED))->xr_pid;
+    return got;
+}
+
+}  // extern "C"

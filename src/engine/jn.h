@@ -1,0 +1,84 @@
+// The undo journal: every changing call is whole or absent, also when its process dies.
+//
+// Each attached process owns one journal, a file beside the lock file named after its
+// process-table slot ("<lock file>.u<slot>"), mapped shared: saving a page's
+// before-image is a memory copy, and the kernel keeps the copy when the process dies.
+// Rules (README.journal.md states them with the tests that check them):
+//
+//  1. A unit is one public changing call (niswrite, nisfwrite, nisupdate, nisdelete).
+//     jn_begin, under the file's control lock, saves the shared control page and marks
+//     the journal ACTIVE; before a page of the file is first changed in the unit,
+//     jn_touch saves its before-image; pages the unit adds past the file's old end need
+//     none (the rollback cuts the file back).  The unit ends (jn_commit: IDLE, one store)
+//     after its last flush succeeded and before the control word is given up.
+//  2. A journal that is ACTIVE or UNDO while its owner no longer holds the file's control
+//     lock describes a unit that must be rolled back before anybody changes the file
+//     again: its before-images go back to disk, the cached copies of those pages and of
+//     the pages past the old end are dropped from the pool, the shared control page is
+//     restored and written, and the file is cut back to its old end.  Rolling back is
+//     idempotent, so a rollback cut short by another death is simply done again.
+//  3. xf_undo of the file (extension area) names such a journal once somebody has
+//     noticed it: the owner itself when its call failed, or whoever took over the
+//     control word its dead owner left.  Every taker of the control lock (is_getctl)
+//     settles a named journal first; while that fails (the disk still refuses writes),
+//     every call on the file fails with the I/O error, so nothing wrong is ever read and
+//     nothing is built on a half-undone call.
+//  4. A journal slot is reused only when its journal is IDLE (process slots are claimed
+//     again only after the dead owner's journal is settled).
+//  5. When the common segment is rebuilt (no process attached), every journal still
+//     ACTIVE or UNDO is rolled back straight to disk first.
+//
+// Requires: jn_begin, jn_touch, jn_commit, jn_abort and jn_settle run with the current
+// file's control lock held; the others hold nothing in particular (stated per function).
+#pragma once
+
+#include "layout.h"
+
+// States of a journal.
+enum : uint32_t { JN_IDLE = 0, JN_ACTIVE = 1, JN_UNDO = 2 };
+
+// Sets where journals live: the lock file's name ("<name>.u<slot>").  Called by is_init.
+void jn_setbase(const char* lockname) noexcept;
+// Forgets this process's journal mapping (detach, or a forked child before it claims a
+// slot of its own).  The file stays; it is IDLE unless a rollback is still pending.
+void jn_close(void) noexcept;
+
+// Starts a unit on the current file.  0, or -1 (error raised, nothing changed) when the
+// journal cannot be opened or grown.
+int jn_begin(void) noexcept;
+// Saves the before-image of page pno of the current file (d: its content now) unless
+// the unit saved it already.  0, or -1 (error raised: ISE_RDWT, v_write detail 1) when
+// the journal cannot take it; the caller then fails before changing the page.
+int jn_touch(PAGE pno, const IS_DATA* d) noexcept;
+// True while a unit is running in this process.
+bool jn_active(void) noexcept;
+// The release that ends the unit's hold: called by is_relctl after a successful flush
+// with the hold count it left.
+void jn_release(IS_FCP* fcp, int ctlcnt) noexcept;
+// Rolls the running unit back now (its call failed).  The error state of the failure
+// is kept.  When its pages could not all be written back, the rollback stays pending
+// (xf_undo) and every later call on the file retries it first.
+void jn_abort(void) noexcept;
+
+// After this process took over the control word of fcp from dead holder `pid`: names
+// the dead holder's journal in xf_undo when it holds a unit of this file.
+void jn_note_stale(IS_FCP* fcp, uint32_t pid) noexcept;
+// Settles a rollback named in xf_undo of the file of fcp (slot u).  Requires its
+// control lock.  0 when nothing is pending (any more); -1 with the error raised when
+// the rollback could not be completed.
+int jn_settle(IS_FCP* fcp, int u) noexcept;
+// Makes the journal of process slot i IDLE (rolling its unit back when needed) so that
+// the slot can be given to another process.  Takes the file's control lock itself;
+// requires that the caller holds no control lock.  0, or -1 when it could not.
+int jn_clear_slot(int i) noexcept;
+// Rolls back, straight to disk, every journal found ACTIVE or UNDO: for start-up when
+// the segment is new and nobody can hold a file.  Requires the start-up lock.
+void jn_recover_all(void) noexcept;
+// Rolls back, straight to disk, a journal found ACTIVE or UNDO for the file of device
+// dev and inode ino, clearing the file's data-changed mark.  For the first open of a
+// file that carries the mark.  True when one was rolled back.  Requires opcl_lock.
+bool jn_recover_file(uint64_t dev, uint64_t ino) noexcept;
+
+// Remembers the path of shared-file slot u as this process opened it (used to reopen
+// the file for a rollback).  Null forgets it.
+void jn_setpath(int u, const char* filename) noexcept;

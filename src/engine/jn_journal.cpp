@@ -1,0 +1,654 @@
+// The undo journal (rules in jn.h and README.journal.md).
+//
+// File layout ("<lock file>.u<slot>", machine byte order):
+//   0     jn_head, 4096 bytes: state, owner, the file of the unit (slot, device, inode,
+//         path) and its control page as it was when the unit began
+//   4096  jn_image[capacity]: page number and before-image of each page the unit
+//         changed, in the order they were first changed; jh_npages of them are valid
+// The owner writes the images before it raises jh_npages, and everything before it
+// sets jh_state ACTIVE, so another process reading the file after the owner died sees
+// only complete images.  The file's blocks are reserved (posix_fallocate) before they
+// are used, so that a full disk stops a call before its first change, never a journal
+// half way through one.
+//
+// Reads and writes: isam_com (tables), isx_area (xf_undo, statistics), is_pfi (the
+// descriptors of open files), is_env.useridx (this process's slot).
+#include "jn.h"
+
+#include "fcp.h"
+#include "is_error.h"
+#include "is_lock.h"
+#include "isx_area.h"
+#include "os.h"
+#include "v_pool.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <limits.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr uint32_t kMagic = 0x314E4A4Bu;  // "KJN1"
+constexpr size_t kHeadBytes = 4096;
+constexpr uint32_t kFirstCapacity = 256;   // before-images reserved at first use
+constexpr size_t kPathBytes = 3536;
+
+struct jn_head {
+    uint32_t jh_magic;          //    0-3
+    uint32_t jh_state;          //    4-7    JN_IDLE, JN_ACTIVE, JN_UNDO
+    int32_t jh_pid;             //    8-11   owner
+    int16_t jh_slot;            //   12-13   owner's process slot
+    int16_t jh_file;            //   14-15   shared-file slot of the unit's file
+    uint64_t jh_dev;            //   16-23   the file's identity
+    uint64_t jh_ino;            //   24-31
+    uint32_t jh_npages;         //   32-35   valid images
+    uint32_t jh_capacity;       //   36-39   images the file has room for
+    uint32_t jh_units;          //   40-43   units begun (statistics)
+    uint32_t jh_fcplen;         //   44-47   bytes of jh_fcp in use
+    uint8_t jh_fcp[kisam::kFcpImage];  // 48-559  control page from is_magic on
+    char jh_path[kPathBytes];   //  560-4095 the file's path (absolute when it could be made so)
+};
+KISAM_RECORD(jn_head, kHeadBytes);
+KISAM_AT(jn_head, jh_state, 4); KISAM_AT(jn_head, jh_npages, 32); KISAM_AT(jn_head, jh_fcp, 48);
+KISAM_AT(jn_head, jh_path, 560);
+
+struct jn_image {
+    uint32_t ji_pno;            // 0-3
+    uint32_t ji_pad;            // 4-7
+    IS_DATA ji_data;            // 8-1031
+};
+KISAM_RECORD(jn_image, 1032);
+
+inline size_t bytes_for(uint32_t capacity) { return kHeadBytes + capacity * sizeof(jn_image); }
+
+inline std::atomic_ref<uint32_t> state_of(jn_head* h) { return std::atomic_ref<uint32_t>(h->jh_state); }
+inline jn_image* images(jn_head* h) {
+    return reinterpret_cast<jn_image*>(reinterpret_cast<char*>(h) + kHeadBytes);
+}
+
+// A journal mapped into this process: its own, or another slot's for a rollback.
+struct Map {
+    int fd = -1;
+    jn_head* h = nullptr;
+    size_t len = 0;
+};
+
+void unmap(Map& m) noexcept {
+    if (m.h) ::munmap(m.h, m.len);
+    if (m.fd >= 0) kisam::os_close(m.fd);
+    m = Map();
+}
+
+char jbase[PATH_MAX];  // the lock file's name
+
+void journal_name(char* out, size_t n, int slot) {
+    std::snprintf(out, n, "%s.u%d", jbase, slot);
+}
+
+// Maps journal file fd whole; false when it holds no complete head.
+bool map_fd(Map& m) noexcept {
+    struct stat st;
+    if (kisam::os.fstat(m.fd, &st) != 0 || st.st_size < static_cast<off_t>(kHeadBytes)) return false;
+    void* p = ::mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ | PROT_WRITE, MAP_SHARED, m.fd, 0);
+    if (p == MAP_FAILED) return false;
+    m.h = static_cast<jn_head*>(p);
+    m.len = static_cast<size_t>(st.st_size);
+    return true;
+}
+
+// Opens another slot's journal; false when there is none (or it cannot be read).
+bool open_other(int slot, Map& m) noexcept {
+    char name[PATH_MAX + 16];
+    journal_name(name, sizeof name, slot);
+    m.fd = kisam::os_open(name, O_RDWR | O_CLOEXEC);
+    if (m.fd < 0) return false;
+    if (!map_fd(m) || m.h->jh_magic != kMagic) {
+        unmap(m);
+        return false;
+    }
+    return true;
+}
+
+// The images of m that lie inside the mapping (a damaged count never reads past it).
+uint32_t valid_images(const Map& m) {
+    const uint32_t n = std::atomic_ref<uint32_t>(m.h->jh_npages).load(std::memory_order_acquire);
+    const size_t room = (m.len - kHeadBytes) / sizeof(jn_image);
+    return n < room ? n : static_cast<uint32_t>(room);
+}
+
+// This process's journal and the unit it runs.
+struct Own {
+    Map m;
+    int slot = -1;
+    int pid = 0;
+    bool active = false;
+    IS_FCP* fcp = nullptr;
+    int u = -1;
+    int depth = 0;
+    PAGE oldlast = 0;
+    // Pages saved in this unit: open addressing, a slot is valid when its stamp is gen.
+    uint32_t* pno = nullptr;
+    uint32_t* stamp = nullptr;
+    uint32_t cap = 0;
+    uint32_t gen = 0;
+    // The file whose path jh_path holds.
+    int path_u = -1;
+    uint64_t path_dev = 0, path_ino = 0;
+};
+Own own;
+
+// Paths of the files this process has open, by shared-file slot.
+char** paths = nullptr;
+int npaths = 0;
+
+inline int current_file() { return is_curdb ? is_curdb->uniqueid : static_cast<int>(is_curpfi - is_pfi); }
+
+bool seen_grow() noexcept {
+    const uint32_t ncap = own.cap ? own.cap * 2 : 1024;
+    uint32_t* np = static_cast<uint32_t*>(std::calloc(ncap, sizeof(uint32_t)));
+    uint32_t* ns = static_cast<uint32_t*>(std::calloc(ncap, sizeof(uint32_t)));
+    if (!np || !ns) {
+        std::free(np);
+        std::free(ns);
+        return false;
+    }
+    for (uint32_t i = 0; i < own.cap; ++i) {
+        if (own.stamp[i] != own.gen) continue;
+        uint32_t k = (own.pno[i] >> 10) * 0x9E3779B1u & (ncap - 1);
+        while (ns[k] == own.gen) k = (k + 1) & (ncap - 1);
+        np[k] = own.pno[i];
+        ns[k] = own.gen;
+    }
+    std::free(own.pno);
+    std::free(own.stamp);
+    own.pno = np;
+    own.stamp = ns;
+    own.cap = ncap;
+    return true;
+}
+
+// True when pno was saved in this unit; otherwise records it (false).  A table that
+// cannot grow answers false, and the page is saved again: harmless, only slower.
+bool seen(PAGE pno, uint32_t count) noexcept {
+    if (2 * (count + 1) > own.cap && !seen_grow()) return false;
+    uint32_t k = (pno >> 10) * 0x9E3779B1u & (own.cap - 1);
+    while (own.stamp[k] == own.gen) {
+        if (own.pno[k] == pno) return true;
+        k = (k + 1) & (own.cap - 1);
+    }
+    own.pno[k] = pno;
+    own.stamp[k] = own.gen;
+    return false;
+}
+
+int fail(int detail, int code = ISE_RDWT) noexcept { return is_raise(code, PROC(P_V_WRITE, detail)); }
+
+// Opens (creating when needed) and maps this process's journal for its slot.
+int open_own() noexcept {
+    if (own.m.h && own.pid == is_pid && own.slot == is_env.useridx) return 0;
+    if (own.m.h && own.pid != is_pid) {
+        // Inherited through fork: the mapping is the parent's journal, never ours.
+        ::munmap(own.m.h, own.m.len);
+        kisam::os_close(own.m.fd);
+        own.m = Map();
+    } else {
+        unmap(own.m);
+    }
+    own.path_u = -1;
+    char name[PATH_MAX + 16];
+    journal_name(name, sizeof name, is_env.useridx);
+    Map m;
+    m.fd = kisam::os_open(name, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    if (m.fd < 0) return fail(3, ISE_OPENF);
+    // Every user of the installation may have to roll this journal back.
+    struct stat lk;
+    if (kisam::os.fstat(is_lockfd, &lk) == 0) ::fchmod(m.fd, lk.st_mode & 0666);
+    struct stat st;
+    if (kisam::os.fstat(m.fd, &st) != 0) {
+        unmap(m);
+        return fail(3, ISE_OPENF);
+    }
+    if (st.st_size < static_cast<off_t>(bytes_for(kFirstCapacity)) &&
+        kisam::os_fallocate(m.fd, 0, static_cast<off_t>(bytes_for(kFirstCapacity))) != 0) {
+        unmap(m);
+        return fail(4);
+    }
+    if (!map_fd(m)) {
+        unmap(m);
+        return fail(4);
+    }
+    jn_head* h = m.h;
+    if (h->jh_magic == kMagic && state_of(h).load() != JN_IDLE) {
+        // A unit of the slot's previous owner that nobody rolled back yet: never
+        // overwrite it (slots are handed out only once it is settled).
+        unmap(m);
+        return fail(2);
+    }
+    h->jh_magic = kMagic;
+    h->jh_pid = is_pid;
+    h->jh_slot = is_env.useridx;
+    h->jh_capacity = static_cast<uint32_t>((m.len - kHeadBytes) / sizeof(jn_image));
+    own.m = m;
+    own.pid = is_pid;
+    own.slot = is_env.useridx;
+    return 0;
+}
+
+int grow_own() noexcept {
+    jn_head* h = own.m.h;
+    const uint32_t cap = h->jh_capacity * 2;
+    const size_t len = bytes_for(cap);
+    if (kisam::os_fallocate(own.m.fd, 0, static_cast<off_t>(len)) != 0) return -1;
+    void* p = ::mremap(own.m.h, own.m.len, len, MREMAP_MAYMOVE);
+    if (p == MAP_FAILED) return -1;
+    own.m.h = static_cast<jn_head*>(p);
+    own.m.len = len;
+    own.m.h->jh_capacity = cap;
+    return 0;
+}
+
+// A scratch control page built from a journal's image, for offsets and the disk image.
+struct OldFcp {
+    alignas(8) char buf[IS_FCP_JDSIZE + kisam::kFcpImage] = {};
+    explicit OldFcp(const jn_head* h) {
+        const uint32_t n = h->jh_fcplen <= kisam::kFcpImage ? h->jh_fcplen : kisam::kFcpImage;
+        std::memcpy(buf + IS_FCP_JDSIZE, h->jh_fcp, n);
+    }
+    const IS_FCP* fcp() const { return reinterpret_cast<const IS_FCP*>(buf); }
+};
+
+// Puts the images of m back on disk through fd and cuts the file back to the unit's
+// old end; writes the control page image unless the caller restores a shared copy.
+// Returns the number of writes that failed (the first one raised).
+int undo_disk(const Map& m, int fd, bool write_fcp, bool clear_mark) noexcept {
+    jn_head* h = m.h;
+    OldFcp old(h);
+    int bad = 0;
+    const uint32_t n = valid_images(m);
+    jn_image* im = images(h);
+    for (uint32_t i = 0; i < n; ++i) {
+        const off_t off = v_fileoffset(old.fcp(), im[i].ji_pno);
+        if (off < 0 || kisam::os_pwrite_full(fd, im[i].ji_data.c, kisam::kPage, off) != 0) {
+            if (bad++ == 0) fail(5);
+        }
+    }
+    if (write_fcp && !(old.fcp()->is_optbits & ISO_SEQ)) {
+        unsigned char img[kisam::kFcpImage];
+        std::memcpy(img, old.buf + IS_FCP_JDSIZE, sizeof img);
+        IS_FCP* f = reinterpret_cast<IS_FCP*>(old.buf);
+        uint8_t bits = static_cast<uint8_t>(f->is_optbits & ~ISO_CHANGED);
+        if (clear_mark) bits = static_cast<uint8_t>(bits & ~ISO_DIRTYMARK);
+        img[offsetof(IS_FCP, is_optbits) - IS_FCP_JDSIZE] = bits;
+        if (kisam::os_pwrite_full(fd, img, sizeof img, 0) != 0 && bad++ == 0) fail(5);
+    }
+    // Pages the unit added lie past the old end: nothing refers to them any more.
+    const off_t end = v_fileoffset(old.fcp(), old.fcp()->is_lastpage);
+    struct stat st;
+    if (end > 0 && kisam::os.fstat(fd, &st) == 0 && st.st_size > end) kisam::os_ftruncate(fd, end);
+    return bad;
+}
+
+// Full rollback of m's unit on the shared file fcp (slot u), whose control lock the
+// caller holds: disk, pool and shared control page.  0, or -1 (error raised).
+int undo_shared(const Map& m, IS_FCP* fcp, int u, int fd) noexcept {
+    jn_head* h = m.h;
+    int bad = undo_disk(m, fd, false, false);
+
+    // The shared control page as it was, but for the count of processes, which no unit
+    // changes and which others may have changed since.
+    const int16_t usecnt = fcp->is_usecnt;
+    const uint32_t len = h->jh_fcplen <= kisam::kFcpImage ? h->jh_fcplen : 0;
+    if (len == static_cast<uint32_t>(IS_FCP_SIZE(fcp->is_nkeys) - IS_FCP_JDSIZE))
+        std::memcpy(&fcp->is_magic, h->jh_fcp, len);
+    fcp->is_usecnt = usecnt;
+
+    // Cached copies of the changed pages and of the pages past the old end go.
+    const uint32_t n = valid_images(m);
+    PAGE* pages = static_cast<PAGE*>(std::malloc((n ? n : 1) * sizeof(PAGE)));
+    if (pages) {
+        for (uint32_t i = 0; i < n; ++i) pages[i] = images(h)[i].ji_pno;
+        v_discard(fcp, u, pages, static_cast<int>(n), fcp->is_lastpage);
+        std::free(pages);
+    } else {
+        v_discard(fcp, u, nullptr, -1, fcp->is_lastpage);  // all of the file's pages
+    }
+
+    if (!(fcp->is_optbits & ISO_SEQ)) {
+        unsigned char img[kisam::kFcpImage];
+        kisam::fcp_image(fcp, img);
+        if (kisam::os_pwrite_full(fd, img, sizeof img, 0) != 0) {
+            fcp->is_optbits |= ISO_CHANGED;
+            if (bad++ == 0) fail(5);
+        }
+    }
+    if (isx_area) std::atomic_ref<uint32_t>(isx_area->xh_rolledback).fetch_add(1);
+    return bad ? -1 : 0;
+}
+
+// A descriptor through which the file of h can be written: this process's own when
+// writable, else the path reopened (and checked to be the same file).  `opened` says
+// whether the caller must close it.
+int writable_fd(const jn_head* h, int u, bool& opened) noexcept {
+    opened = false;
+    if (is_pfi && u >= 0 && u < isam_com->maxopen && is_pfi[u].pfi_osfd >= 0 &&
+        !(is_pfi[u].pfi_bits & PFI_RDONLY))
+        return is_pfi[u].pfi_osfd;
+    char path[kPathBytes];
+    std::memcpy(path, h->jh_path, sizeof path);
+    path[sizeof path - 1] = '\0';
+    int fd = kisam::os_open(path, O_RDWR | O_CLOEXEC);
+    if (fd < 0) return -1;
+    struct stat st;
+    if (kisam::os.fstat(fd, &st) != 0 || static_cast<uint64_t>(st.st_dev) != h->jh_dev ||
+        static_cast<uint64_t>(st.st_ino) != h->jh_ino) {
+        kisam::os_close(fd);
+        errno = ESTALE;
+        return -1;
+    }
+    opened = true;
+    return fd;
+}
+
+inline isx_file* xfile(int u) { return kisam::isx_file_of(u); }
+
+// Shared-file slot of fcp, or -1.
+int slot_of(const IS_FCP* fcp) {
+    const int32_t rel = static_cast<int32_t>(kisam::rel_of(fcp));
+    for (int u = 0; u < isam_com->maxopen; ++u)
+        if (is_env.pfo_tbl[u] == rel) return u;
+    return -1;
+}
+
+// Calls fn(map) for every journal file of this installation.
+template <class Fn>
+void each_journal(Fn fn) noexcept {
+    char dir[PATH_MAX];
+    std::snprintf(dir, sizeof dir, "%s", jbase);
+    char* slash = std::strrchr(dir, '/');
+    const char* prefix;
+    if (slash) {
+        *slash = '\0';
+        prefix = slash + 1;
+        if (dir[0] == '\0') std::strcpy(dir, "/");
+    } else {
+        std::strcpy(dir, ".");
+        prefix = jbase;
+    }
+    const size_t plen = std::strlen(prefix);
+    DIR* d = ::opendir(dir);
+    if (!d) return;
+    while (struct dirent* e = ::readdir(d)) {
+        const char* n = e->d_name;
+        if (std::strncmp(n, prefix, plen) != 0 || std::strncmp(n + plen, ".u", 2) != 0) continue;
+        char* end = nullptr;
+        long slot = std::strtol(n + plen + 2, &end, 10);
+        if (end == n + plen + 2 || *end != '\0' || slot < 0 || slot > 0x7FFF) continue;
+        Map m;
+        if (!open_other(static_cast<int>(slot), m)) continue;
+        fn(m);
+        unmap(m);
+    }
+    ::closedir(d);
+}
+
+}  // namespace
+
+void jn_setbase(const char* lockname) noexcept {
+    std::snprintf(jbase, sizeof jbase, "%s", lockname ? lockname : "");
+}
+
+void jn_close(void) noexcept {
+    if (own.m.h && own.pid != is_pid) {
+        ::munmap(own.m.h, own.m.len);
+        kisam::os_close(own.m.fd);
+        own.m = Map();
+    } else {
+        unmap(own.m);
+    }
+    own.active = false;
+    own.slot = -1;
+    own.path_u = -1;
+}
+
+void jn_setpath(int u, const char* filename) noexcept {
+    if (u < 0) return;
+    if (u >= npaths) {
+        if (!filename) return;
+        const int n = isam_com && isam_com->maxopen > u ? isam_com->maxopen : u + 1;
+        char** p = static_cast<char**>(std::realloc(paths, static_cast<size_t>(n) * sizeof(char*)));
+        if (!p) return;
+        for (int i = npaths; i < n; ++i) p[i] = nullptr;
+        paths = p;
+        npaths = n;
+    }
+    std::free(paths[u]);
+    paths[u] = nullptr;
+    if (filename) {
+        paths[u] = ::realpath(filename, nullptr);
+        if (!paths[u]) paths[u] = ::strdup(filename);
+    }
+    if (own.path_u == u) own.path_u = -1;
+}
+
+int jn_begin(void) noexcept {
+    if (open_own() != 0) return -1;
+    IS_FCP* fcp = is_curfcp;
+    const int u = current_file();
+    jn_head* h = own.m.h;
+    if (++own.gen == 0) {
+        if (own.stamp) std::memset(own.stamp, 0, own.cap * sizeof(uint32_t));
+        own.gen = 1;
+    }
+    h->jh_file = static_cast<int16_t>(u);
+    h->jh_dev = fcp->jd_dev;
+    h->jh_ino = fcp->jd_ino;
+    if (own.path_u != u || own.path_dev != fcp->jd_dev || own.path_ino != fcp->jd_ino) {
+        const char* p = u < npaths && paths[u] ? paths[u] : "";
+        std::snprintf(h->jh_path, sizeof h->jh_path, "%s", p);
+        own.path_u = u;
+        own.path_dev = fcp->jd_dev;
+        own.path_ino = fcp->jd_ino;
+    }
+    const uint32_t len = static_cast<uint32_t>(IS_FCP_SIZE(fcp->is_nkeys) - IS_FCP_JDSIZE);
+    h->jh_fcplen = len;
+    std::memcpy(h->jh_fcp, &fcp->is_magic, len);
+    std::atomic_ref<uint32_t>(h->jh_npages).store(0, std::memory_order_relaxed);
+    h->jh_units++;
+    state_of(h).store(JN_ACTIVE, std::memory_order_release);
+    own.active = true;
+    own.fcp = fcp;
+    own.u = u;
+    own.depth = is_curpfi->pfi_ctlcnt;
+    own.oldlast = fcp->is_lastpage;
+    return 0;
+}
+
+int jn_touch(PAGE pno, const IS_DATA* d) noexcept {
+    if (!own.active || pno >= own.oldlast || pno == 0) return 0;
+    jn_head* h = own.m.h;
+    const uint32_t n = h->jh_npages;
+    if (seen(pno, n)) return 0;
+    if (n >= h->jh_capacity) {
+        if (grow_own() != 0) {
+            // Forget the page again: it was not saved.
+            uint32_t k = (pno >> 10) * 0x9E3779B1u & (own.cap - 1);
+            while (own.stamp[k] == own.gen && own.pno[k] != pno) k = (k + 1) & (own.cap - 1);
+            own.stamp[k] = 0;
+            return fail(1);
+        }
+        h = own.m.h;
+    }
+    jn_image* e = images(h) + n;
+    e->ji_pno = pno;
+    std::memcpy(&e->ji_data, d, sizeof e->ji_data);
+    std::atomic_ref<uint32_t>(h->jh_npages).store(n + 1, std::memory_order_release);
+    return 0;
+}
+
+bool jn_active(void) noexcept { return own.active; }
+
+void jn_release(IS_FCP* fcp, int ctlcnt) noexcept {
+    if (!own.active || own.fcp != fcp || ctlcnt >= own.depth) return;
+    state_of(own.m.h).store(JN_IDLE, std::memory_order_release);
+    own.active = false;
+}
+
+void jn_abort(void) noexcept {
+    if (!own.active) return;
+    own.active = false;
+    kisam::ErrorKeep keep;
+    jn_head* h = own.m.h;
+    const int u = own.u;
+    if (isx_area) xfile(u)->xf_undo = static_cast<uint32_t>(own.slot + 1);
+    state_of(h).store(JN_UNDO, std::memory_order_release);
+    bool opened = false;
+    const int fd = writable_fd(h, u, opened);
+    if (fd >= 0 && undo_shared(own.m, own.fcp, u, fd) == 0) {
+        state_of(h).store(JN_IDLE, std::memory_order_release);
+        if (isx_area) xfile(u)->xf_undo = 0;
+    }
+    if (opened) kisam::os_close(fd);
+}
+
+void jn_note_stale(IS_FCP* fcp, uint32_t pid) noexcept {
+    if (!isam_com || !isx_area || !fcp || pid == 0) return;
+    const int u = slot_of(fcp);
+    if (u < 0 || xfile(u)->xf_undo != 0) return;
+    for (int i = 0; i < isam_com->maxusers; ++i) {
+        if (static_cast<uint32_t>(is_env.pid_[i]) != pid || i == own.slot) continue;
+        Map m;
+        if (!open_other(i, m)) return;
+        const jn_head* h = m.h;
+        if (state_of(m.h).load(std::memory_order_acquire) != JN_IDLE && h->jh_file == u &&
+            h->jh_dev == fcp->jd_dev && h->jh_ino == fcp->jd_ino)
+            xfile(u)->xf_undo = static_cast<uint32_t>(i + 1);
+        unmap(m);
+        return;
+    }
+}
+
+int jn_settle(IS_FCP* fcp, int u) noexcept {
+    if (!isx_area || u < 0) return 0;
+    const uint32_t x = xfile(u)->xf_undo;
+    if (x == 0) return 0;
+    const int i = static_cast<int>(x) - 1;
+    Map other;
+    const bool mine = i == own.slot && own.pid == is_pid && own.m.h;
+    if (!mine && !open_other(i, other)) {
+        xfile(u)->xf_undo = 0;  // no journal there: nothing can be rolled back
+        return 0;
+    }
+    const Map& m = mine ? own.m : other;
+    jn_head* h = m.h;
+    if (state_of(h).load(std::memory_order_acquire) == JN_IDLE || h->jh_file != u ||
+        h->jh_dev != fcp->jd_dev || h->jh_ino != fcp->jd_ino) {
+        xfile(u)->xf_undo = 0;
+        unmap(other);
+        return 0;
+    }
+    state_of(h).store(JN_UNDO, std::memory_order_release);
+    bool opened = false;
+    const int fd = writable_fd(h, u, opened);
+    int rc;
+    if (fd < 0) {
+        rc = fail(3, ISE_OPENF);
+    } else {
+        rc = undo_shared(m, fcp, u, fd);
+        if (opened) kisam::os_close(fd);
+    }
+    if (rc == 0) {
+        state_of(h).store(JN_IDLE, std::memory_order_release);
+        xfile(u)->xf_undo = 0;
+    }
+    unmap(other);
+    return rc;
+}
+
+int jn_clear_slot(int i) noexcept {
+    if (!isam_com) return 0;
+    Map m;
+    if (!open_other(i, m)) return 0;
+    jn_head* h = m.h;
+    int rc = 0;
+    if (state_of(h).load(std::memory_order_acquire) != JN_IDLE) {
+        const int u = h->jh_file;
+        IS_FCP* fcp = u >= 0 && u < isam_com->maxopen ? kisam::pfo_fcp(u) : nullptr;
+        if (fcp && (fcp->jd_dev != h->jh_dev || fcp->jd_ino != h->jh_ino)) fcp = nullptr;
+        if (fcp) {
+            // The unit's file is shared: roll back under its control lock, which is only
+            // tried -- a live holder has taken the dead one's word over and settles the
+            // unit itself.
+            unsigned* w = &fcp->jd_fcplock;
+            const bool mine = *w == static_cast<unsigned>(is_pid);
+            if (!mine) {
+                if (is_lockitnw(kisam::com_offset(w)) != 0) {
+                    unmap(m);
+                    return -1;
+                }
+                const unsigned prev = std::atomic_ref<uint32_t>(*w).load();
+                std::atomic_ref<uint32_t>(*w).store(static_cast<uint32_t>(is_pid));
+                is_incsyslocks();
+                if (prev != 0) v_stale_fcplock(fcp);
+            }
+            if (state_of(h).load(std::memory_order_acquire) != JN_IDLE && isx_area &&
+                xfile(u)->xf_undo == 0)
+                xfile(u)->xf_undo = static_cast<uint32_t>(i + 1);
+            rc = jn_settle(fcp, u);
+            if (!mine) is_unlock(w);
+        } else {
+            // Open nowhere: nothing but the disk holds the unit.
+            bool opened = false;
+            const int fd = writable_fd(h, -1, opened);
+            if (fd < 0) {
+                rc = fail(3, ISE_OPENF);
+            } else {
+                if (undo_disk(m, fd, true, false) != 0) rc = -1;
+                kisam::os_close(fd);
+            }
+            if (rc == 0) state_of(h).store(JN_IDLE, std::memory_order_release);
+        }
+    }
+    if (state_of(h).load(std::memory_order_acquire) != JN_IDLE) rc = -1;
+    unmap(m);
+    return rc;
+}
+
+void jn_recover_all(void) noexcept {
+    kisam::ErrorKeep keep;
+    each_journal([](Map& m) {
+        jn_head* h = m.h;
+        if (state_of(h).load(std::memory_order_acquire) == JN_IDLE) return;
+        bool opened = false;
+        const int fd = writable_fd(h, -1, opened);
+        if (fd < 0) return;  // the file is gone or not ours to write: leave the journal
+        if (undo_disk(m, fd, true, false) == 0) state_of(h).store(JN_IDLE, std::memory_order_release);
+        kisam::os_close(fd);
+    });
+}
+
+bool jn_recover_file(uint64_t dev, uint64_t ino) noexcept {
+    kisam::ErrorKeep keep;
+    bool done = false;
+    each_journal([&](Map& m) {
+        jn_head* h = m.h;
+        if (state_of(h).load(std::memory_order_acquire) == JN_IDLE || h->jh_dev != dev || h->jh_ino != ino)
+            return;
+        bool opened = false;
+        int wfd = writable_fd(h, -1, opened);
+        if (wfd < 0) return;
+        // A file rolled back to its state before the unit is sound: its mark may go.
+        if (undo_disk(m, wfd, true, true) == 0) {
+            state_of(h).store(JN_IDLE, std::memory_order_release);
+            done = true;
+        }
+        kisam::os_close(wfd);
+    });
+    return done;
+}
