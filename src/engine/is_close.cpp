@@ -99,7 +99,6 @@ KISAM_API int nisclose(int isfd) {
     }
     // This process no longer has the file open.
     is_open_note(u, false);
-    jn_setpath(u, nullptr);
     if (--fcp->is_usecnt > 0) {
         // Other processes keep the shared copy.
         v_flush();

@@ -57,7 +57,7 @@ void fill_info(const struct stat& st, struct file_info* fi) {
 
 }  // namespace
 
-char* getcomm(key_t key, int size) noexcept {
+char* getcomm(key_t key, int size, void (*leftover)(char*, size_t)) noexcept {
     is_firstcomf = 0;
     is_shmsize = 0;
     is_shmid = kisam::os.shmget(key, static_cast<size_t>(size), IPC_CREAT | 0666);
@@ -90,7 +90,10 @@ char* getcomm(key_t key, int size) noexcept {
         return reinterpret_cast<char*>(-1);
     }
     // A segment nobody had attached may hold what its last users left: start clean.
-    if (is_firstcomf) std::memset(p, 0, static_cast<size_t>(size));
+    if (is_firstcomf) {
+        if (leftover) leftover(static_cast<char*>(p), is_shmsize);
+        std::memset(p, 0, static_cast<size_t>(size));
+    }
     return static_cast<char*>(p);
 }
 

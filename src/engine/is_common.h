@@ -13,7 +13,10 @@ extern int is_firstcomf;
 // also when the attach failed because the segment was smaller than asked for.
 extern size_t is_shmsize;
 
-char* getcomm(key_t key, int size) noexcept;   // address, or (char *) -1
+// Creates or attaches the segment; address, or (char *) -1.  A segment that no process
+// had attached is zeroed -- after `leftover` (when given) has looked at what its last
+// users left in it.
+char* getcomm(key_t key, int size, void (*leftover)(char* base, size_t segsize) = nullptr) noexcept;
 void freecom(void) noexcept;                   // detach isam_com; remove when last
 int ISLockFile(int fd, long sofst, long eofst) noexcept;
 int ISUnlockFile(int fd, long sofst, long eofst) noexcept;

@@ -177,7 +177,7 @@ extern "C" KISAM_API int is_init(void) {
     if (!layout_usable(conf)) return fail(ISE_INITERR, 10);
 
     const int xsize = static_cast<int>(isx_size(conf.co_maxopen, conf.co_maxusers, conf.co_maxbuf));
-    char* base = getcomm(key, conf.co_comsize + xsize);
+    char* base = getcomm(key, conf.co_comsize + xsize, jn_leftover);
     if (base == reinterpret_cast<char*>(-1)) {
         // A segment that is too small for the area is one a library without it made.
         if (is_shmsize > 0 && is_shmsize < static_cast<size_t>(conf.co_comsize) + xsize)
@@ -188,9 +188,6 @@ extern "C" KISAM_API int is_init(void) {
     isam_com = reinterpret_cast<struct isam_com*>(base);
 
     if (is_firstcomf || isam_com->maxopen == 0) {
-        // Nobody is attached, so nobody holds a file: a unit that a killed process left
-        // half done can only be on disk, and goes back before anybody uses the files.
-        jn_recover_all();
         is_comlayout(&conf);
         isx_layout();
     }

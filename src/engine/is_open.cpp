@@ -286,7 +286,7 @@ KISAM_API int nisopen(const char* filename, int access) {
             v_forget_file(u);
             ++fcp->is_usecnt;
             is_open_note(u, true);
-            jn_setpath(u, filename);
+            if (kisam::isx_path(u)[0] == '\0') jn_setpath(u, filename);
             pfi->pfi_osfd = fd;
             pfi->pfi_nkeys = static_cast<int8_t>(fcp->is_nkeys);
             pfi->pfi_bits = static_cast<uint8_t>((seqf ? PFI_SEQ : 0) | (rdonly ? PFI_RDONLY : 0) |

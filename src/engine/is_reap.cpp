@@ -124,6 +124,9 @@ int16_t holders(int u, int skip) noexcept {
 bool release_file(IS_FCP* fcp, int u) noexcept {
     if (fcp->is_optbits & ISO_CHANGED) return false;
     if (!v_giveback(fcp, u)) return false;
+    // Every call on it is whole (the dead process's was rolled back): the file is sound,
+    // and its mark goes as a last close would take it away.
+    if ((fcp->is_optbits & (ISO_DIRTYMARK | ISO_SEQ)) == ISO_DIRTYMARK) jn_clear_mark(kisam::isx_path(u), fcp);
     RELt rel = fcp->jd_lock_hd;
     fcp->jd_lock_hd = KISAM_NOREL;
     for (int steps = 0; rel != KISAM_NOREL && steps < 1 << 20; ++steps) {

@@ -12,7 +12,7 @@ constexpr uint32_t kLine = 64;
 inline uint32_t round_line(uint64_t n) { return static_cast<uint32_t>((n + kLine - 1) / kLine * kLine); }
 
 struct Geometry {
-    uint32_t file_base, proc_base, open_base, open_bytes, ref_base, reaped_base, size;
+    uint32_t file_base, proc_base, open_base, open_bytes, ref_base, reaped_base, path_base, size;
 };
 
 Geometry geometry(int maxopen, int maxusers, int maxbufs) {
@@ -26,7 +26,8 @@ Geometry geometry(int maxopen, int maxusers, int maxbufs) {
     g.open_base = round_line(g.proc_base + nu * sizeof(isx_proc));
     g.ref_base = round_line(g.open_base + nu * g.open_bytes);
     g.reaped_base = round_line(g.ref_base + nb);
-    g.size = round_line(g.reaped_base + ISX_NREAPED * sizeof(isx_reaped));
+    g.path_base = round_line(g.reaped_base + ISX_NREAPED * sizeof(isx_reaped));
+    g.size = round_line(g.path_base + no * ISX_PATHLEN);
     return g;
 }
 
@@ -52,26 +53,31 @@ void isx_layout(void) noexcept {
     h->xh_open_bytes = g.open_bytes;
     h->xh_ref_base = g.ref_base;
     h->xh_reaped_base = g.reaped_base;
+    h->xh_path_base = g.path_base;
     isx_file* f = reinterpret_cast<isx_file*>(base + g.file_base);
     for (int u = 0; u < isam_com->maxopen; ++u) f[u].xf_hand = -1;
     // The magic goes in last: a head with the magic is a complete layout.
     h->xh_magic = ISX_MAGIC;
 }
 
-bool isx_attach(size_t segsize) noexcept {
-    isx_area = nullptr;
-    if (isam_com->comsize <= 0) return false;
-    const Geometry g = geometry(isam_com->maxopen, isam_com->maxusers, isam_com->maxbufs);
-    const size_t at = static_cast<size_t>(isam_com->comsize);
-    if (segsize < at + g.size) return false;
-    isx_head* h = reinterpret_cast<isx_head*>(reinterpret_cast<char*>(isam_com) + at);
+isx_head* isx_find(char* base, size_t segsize) noexcept {
+    const struct isam_com* com = reinterpret_cast<const struct isam_com*>(base);
+    if (segsize < sizeof(struct isam_com) || com->comsize <= 0 || com->maxopen <= 0) return nullptr;
+    const Geometry g = geometry(com->maxopen, com->maxusers, com->maxbufs);
+    const size_t at = static_cast<size_t>(com->comsize);
+    if (segsize < at + g.size) return nullptr;
+    isx_head* h = reinterpret_cast<isx_head*>(base + at);
     if (h->xh_magic != ISX_MAGIC || h->xh_version != ISX_VERSION || h->xh_size != g.size ||
-        h->xh_maxopen != isam_com->maxopen || h->xh_maxusers != isam_com->maxusers ||
-        h->xh_maxbufs != isam_com->maxbufs || h->xh_file_base != g.file_base ||
+        h->xh_maxopen != com->maxopen || h->xh_maxusers != com->maxusers ||
+        h->xh_maxbufs != com->maxbufs || h->xh_file_base != g.file_base ||
         h->xh_proc_base != g.proc_base || h->xh_open_base != g.open_base ||
         h->xh_open_bytes != g.open_bytes || h->xh_ref_base != g.ref_base ||
-        h->xh_reaped_base != g.reaped_base)
-        return false;
-    isx_area = h;
-    return true;
+        h->xh_reaped_base != g.reaped_base || h->xh_path_base != g.path_base)
+        return nullptr;
+    return h;
+}
+
+bool isx_attach(size_t segsize) noexcept {
+    isx_area = isx_find(reinterpret_cast<char*>(isam_com), segsize);
+    return isx_area != nullptr;
 }

@@ -16,6 +16,9 @@
 //                            the process holds shared-file slot u open (is_usecnt share)
 //   reference bytes[maxbufs] one per buffer slot, for the pool's clock
 //   isx_reaped[ISX_NREAPED]  the processes cleaned up most recently (a ring)
+//   paths[maxopen]           ISX_PATHLEN bytes each: the absolute path by which the file
+//                            in each shared-file slot was first opened ("" when unknown),
+//                            so that another process can reopen it to roll a call back
 //
 // The area is zeroed with the segment and laid out by the first attacher under the
 // start-up lock.  A segment made without it (by a library that does not know it) is
@@ -44,7 +47,8 @@ struct isx_head {
     uint32_t xh_rolledback;  // 48-51  statistics: calls rolled back
     uint32_t xh_reaped_base; // 52-55  the ring of cleaned processes; entry xh_cleaned %
                              //        ISX_NREAPED is the next to be written
-    uint32_t xh_spare[2];    // 56-63
+    uint32_t xh_path_base;   // 56-59  the path table
+    uint32_t xh_spare[1];    // 60-63
 };
 KISAM_RECORD(isx_head, 64);
 KISAM_AT(isx_head, xh_magic, 0);       KISAM_AT(isx_head, xh_version, 4);
@@ -54,7 +58,8 @@ KISAM_AT(isx_head, xh_file_base, 20);  KISAM_AT(isx_head, xh_proc_base, 24);
 KISAM_AT(isx_head, xh_open_base, 28);  KISAM_AT(isx_head, xh_open_bytes, 32);
 KISAM_AT(isx_head, xh_ref_base, 36);   KISAM_AT(isx_head, xh_steal_hand, 40);
 KISAM_AT(isx_head, xh_cleaned, 44);    KISAM_AT(isx_head, xh_rolledback, 48);
-KISAM_AT(isx_head, xh_reaped_base, 52); KISAM_AT(isx_head, xh_spare, 56);
+KISAM_AT(isx_head, xh_reaped_base, 52); KISAM_AT(isx_head, xh_path_base, 56);
+KISAM_AT(isx_head, xh_spare, 60);
 
 // One per shared-file slot.  Reset when the slot is taken by a new file (open) so that
 // nothing learnt about the slot's previous file carries over.
@@ -92,6 +97,7 @@ struct isx_reaped {
 KISAM_RECORD(isx_reaped, 8);
 KISAM_AT(isx_reaped, xr_pid, 0); KISAM_AT(isx_reaped, xr_time, 4);
 inline constexpr int ISX_NREAPED = 8;
+inline constexpr int ISX_PATHLEN = 256;
 
 inline constexpr uint32_t ISX_MAGIC = 0x3158414Bu;  // "KAX1"
 inline constexpr uint16_t ISX_VERSION = 1;
@@ -107,6 +113,9 @@ void isx_layout(void) noexcept;
 // Sets isx_area for the attached segment of `segsize` bytes; false when the segment holds
 // no area laid out for its header (made by a library without it, or too small).
 bool isx_attach(size_t segsize) noexcept;
+// The area of a segment at `base` of `segsize` bytes that nobody is attached to, or null
+// when it holds none that is complete.  For looking at what its last users left.
+isx_head* isx_find(char* base, size_t segsize) noexcept;
 
 namespace kisam {
 
@@ -124,6 +133,9 @@ inline uint8_t* isx_open_set(int i) {
 // Reference byte of buffer slot s (the pool's clock).
 inline uint8_t* isx_ref(int s) {
     return reinterpret_cast<uint8_t*>(isx_area) + isx_area->xh_ref_base + s;
+}
+inline char* isx_path(int u) {
+    return reinterpret_cast<char*>(isx_area) + isx_area->xh_path_base + static_cast<size_t>(u) * ISX_PATHLEN;
 }
 inline isx_reaped* isx_reaped_at(int k) {
     return reinterpret_cast<isx_reaped*>(reinterpret_cast<char*>(isx_area) + isx_area->xh_reaped_base) + k;

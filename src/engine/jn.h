@@ -26,7 +26,9 @@
 //  4. A journal slot is reused only when its journal is IDLE (process slots are claimed
 //     again only after the dead owner's journal is settled).
 //  5. When the common segment is rebuilt (no process attached), every journal still
-//     ACTIVE or UNDO is rolled back straight to disk first.
+//     ACTIVE or UNDO is rolled back straight to disk first, unless it was written before
+//     the machine last started (a crash of the machine is not covered: what of a journal
+//     reached the disk then is unknown, so it is never applied).
 //
 // Requires: jn_begin, jn_touch, jn_commit, jn_abort and jn_settle run with the current
 // file's control lock held; the others hold nothing in particular (stated per function).
@@ -79,6 +81,17 @@ void jn_recover_all(void) noexcept;
 // file that carries the mark.  True when one was rolled back.  Requires opcl_lock.
 bool jn_recover_file(uint64_t dev, uint64_t ino) noexcept;
 
-// Remembers the path of shared-file slot u as this process opened it (used to reopen
-// the file for a rollback).  Null forgets it.
+// Records in the extension area the absolute path of the file in shared-file slot u,
+// by which a process that does not have the file open can reopen it to roll a call
+// back.  Requires opcl_lock.
 void jn_setpath(int u, const char* filename) noexcept;
+// Called when a segment that nobody is attached to is about to be zeroed (base, segsize:
+// what its last users left): rolls back every journal still holding a unit, then clears
+// the data-changed mark of every file that was open in it and is now sound -- the
+// processes that had it open died, but none of them left it half changed.  Requires
+// the start-up lock.
+void jn_leftover(char* base, size_t segsize) noexcept;
+// Clears the data-changed mark on disk of the file at path, which must be the file of
+// the shared copy f (device and inode are checked), with f's synchronisation options.
+// For files nobody has open any more that are known to be sound.
+void jn_clear_mark(const char* path, const IS_FCP* f) noexcept;

@@ -38,7 +38,8 @@ namespace {
 constexpr uint32_t kMagic = 0x314E4A4Bu;  // "KJN1"
 constexpr size_t kHeadBytes = 4096;
 constexpr uint32_t kFirstCapacity = 256;   // before-images reserved at first use
-constexpr size_t kPathBytes = 3536;
+constexpr size_t kBootBytes = 48;
+constexpr size_t kPathBytes = 3488;
 
 struct jn_head {
     uint32_t jh_magic;          //    0-3
@@ -53,11 +54,12 @@ struct jn_head {
     uint32_t jh_units;          //   40-43   units begun (statistics)
     uint32_t jh_fcplen;         //   44-47   bytes of jh_fcp in use
     uint8_t jh_fcp[kisam::kFcpImage];  // 48-559  control page from is_magic on
-    char jh_path[kPathBytes];   //  560-4095 the file's path (absolute when it could be made so)
+    char jh_boot[kBootBytes];   //  560-607  the kernel's boot id when the journal was opened
+    char jh_path[kPathBytes];   //  608-4095 the file's path (absolute when it could be made so)
 };
 KISAM_RECORD(jn_head, kHeadBytes);
 KISAM_AT(jn_head, jh_state, 4); KISAM_AT(jn_head, jh_npages, 32); KISAM_AT(jn_head, jh_fcp, 48);
-KISAM_AT(jn_head, jh_path, 560);
+KISAM_AT(jn_head, jh_boot, 560); KISAM_AT(jn_head, jh_path, 608);
 
 struct jn_image {
     uint32_t ji_pno;            // 0-3
@@ -87,6 +89,33 @@ void unmap(Map& m) noexcept {
 }
 
 char jbase[PATH_MAX];  // the lock file's name
+
+// The running kernel's boot id, "" when it cannot be read.  A journal written before the
+// machine last started is not rolled back: its pages were kept by no kernel, and what
+// reached the disk of it is anybody's guess.
+const char* boot_id() noexcept {
+    static char id[kBootBytes];
+    static bool read = false;
+    if (!read) {
+        read = true;
+        int fd = ::open("/proc/sys/kernel/random/boot_id", O_RDONLY | O_CLOEXEC);
+        if (fd >= 0) {
+            ssize_t n = ::read(fd, id, sizeof id - 1);
+            ::close(fd);
+            id[n > 0 ? n : 0] = '\0';
+            if (char* nl = std::strchr(id, '\n')) *nl = '\0';
+        }
+    }
+    return id;
+}
+
+// Whether a journal found in a state other than IDLE may be rolled back.
+bool trustworthy(const jn_head* h) {
+    char b[kBootBytes];
+    std::memcpy(b, h->jh_boot, sizeof b);
+    b[sizeof b - 1] = '\0';
+    return b[0] == '\0' || boot_id()[0] == '\0' || std::strcmp(b, boot_id()) == 0;
+}
 
 void journal_name(char* out, size_t n, int slot) {
     std::snprintf(out, n, "%s.u%d", jbase, slot);
@@ -143,10 +172,6 @@ struct Own {
     uint64_t path_dev = 0, path_ino = 0;
 };
 Own own;
-
-// Paths of the files this process has open, by shared-file slot.
-char** paths = nullptr;
-int npaths = 0;
 
 inline int current_file() { return is_curdb ? is_curdb->uniqueid : static_cast<int>(is_curpfi - is_pfi); }
 
@@ -232,6 +257,7 @@ int open_own() noexcept {
         return fail(2);
     }
     h->jh_magic = kMagic;
+    std::snprintf(h->jh_boot, sizeof h->jh_boot, "%s", boot_id());
     h->jh_pid = is_pid;
     h->jh_slot = is_env.useridx;
     h->jh_capacity = static_cast<uint32_t>((m.len - kHeadBytes) / sizeof(jn_image));
@@ -418,21 +444,14 @@ void jn_close(void) noexcept {
 }
 
 void jn_setpath(int u, const char* filename) noexcept {
-    if (u < 0) return;
-    if (u >= npaths) {
-        if (!filename) return;
-        const int n = isam_com && isam_com->maxopen > u ? isam_com->maxopen : u + 1;
-        char** p = static_cast<char**>(std::realloc(paths, static_cast<size_t>(n) * sizeof(char*)));
-        if (!p) return;
-        for (int i = npaths; i < n; ++i) p[i] = nullptr;
-        paths = p;
-        npaths = n;
-    }
-    std::free(paths[u]);
-    paths[u] = nullptr;
-    if (filename) {
-        paths[u] = ::realpath(filename, nullptr);
-        if (!paths[u]) paths[u] = ::strdup(filename);
+    if (!isx_area || u < 0 || u >= isam_com->maxopen) return;
+    char* slot = kisam::isx_path(u);
+    slot[0] = '\0';
+    if (char* p = filename ? ::realpath(filename, nullptr) : nullptr) {
+        // A path too long for the table is left out: a rollback by another process then
+        // needs a descriptor of its own to write with.
+        if (std::strlen(p) < static_cast<size_t>(ISX_PATHLEN)) std::strcpy(slot, p);
+        std::free(p);
     }
     if (own.path_u == u) own.path_u = -1;
 }
@@ -450,8 +469,7 @@ int jn_begin(void) noexcept {
     h->jh_dev = fcp->jd_dev;
     h->jh_ino = fcp->jd_ino;
     if (own.path_u != u || own.path_dev != fcp->jd_dev || own.path_ino != fcp->jd_ino) {
-        const char* p = u < npaths && paths[u] ? paths[u] : "";
-        std::snprintf(h->jh_path, sizeof h->jh_path, "%s", p);
+        std::snprintf(h->jh_path, sizeof h->jh_path, "%.*s", ISX_PATHLEN - 1, kisam::isx_path(u));
         own.path_u = u;
         own.path_dev = fcp->jd_dev;
         own.path_ino = fcp->jd_ino;
@@ -506,6 +524,12 @@ void jn_abort(void) noexcept {
     kisam::ErrorKeep keep;
     jn_head* h = own.m.h;
     const int u = own.u;
+    // A call refused before it changed anything (a missing record, say) has nothing to
+    // undo.
+    if (h->jh_npages == 0 && std::memcmp(h->jh_fcp, &own.fcp->is_magic, h->jh_fcplen) == 0) {
+        state_of(h).store(JN_IDLE, std::memory_order_release);
+        return;
+    }
     if (isx_area) xfile(u)->xf_undo = static_cast<uint32_t>(own.slot + 1);
     state_of(h).store(JN_UNDO, std::memory_order_release);
     bool opened = false;
@@ -625,6 +649,11 @@ void jn_recover_all(void) noexcept {
     each_journal([](Map& m) {
         jn_head* h = m.h;
         if (state_of(h).load(std::memory_order_acquire) == JN_IDLE) return;
+        if (!trustworthy(h)) {
+            // From before the machine last started: nothing of it can be relied on.
+            state_of(h).store(JN_IDLE, std::memory_order_release);
+            return;
+        }
         bool opened = false;
         const int fd = writable_fd(h, -1, opened);
         if (fd < 0) return;  // the file is gone or not ours to write: leave the journal
@@ -638,7 +667,8 @@ bool jn_recover_file(uint64_t dev, uint64_t ino) noexcept {
     bool done = false;
     each_journal([&](Map& m) {
         jn_head* h = m.h;
-        if (state_of(h).load(std::memory_order_acquire) == JN_IDLE || h->jh_dev != dev || h->jh_ino != ino)
+        if (state_of(h).load(std::memory_order_acquire) == JN_IDLE || h->jh_dev != dev || h->jh_ino != ino ||
+            !trustworthy(h))
             return;
         bool opened = false;
         int wfd = writable_fd(h, -1, opened);
@@ -651,4 +681,78 @@ bool jn_recover_file(uint64_t dev, uint64_t ino) noexcept {
         kisam::os_close(wfd);
     });
     return done;
+}
+
+void jn_leftover(char* base, size_t segsize) noexcept {
+    if (jbase[0] == '\0') return;
+    kisam::ErrorKeep keep;
+    jn_recover_all();
+    const struct isam_com* com = reinterpret_cast<const struct isam_com*>(base);
+    if (com->iscom_magicval != ISCOM_MAGIC || com->iscom_version != ISCOM_VERSION) return;
+    isx_head* x = isx_find(base, segsize);
+    if (!x || com->pfo_base <= 0 || com->heap_base <= 0 || com->buf_base <= 0) return;
+
+    // Files that some journal still holds a unit of (it could not be rolled back) keep
+    // their mark.
+    struct Id {
+        uint64_t dev, ino;
+    } held[64];
+    int nheld = 0;
+    bool overflow = false;
+    each_journal([&](Map& m) {
+        if (state_of(m.h).load(std::memory_order_acquire) == JN_IDLE) return;
+        if (nheld < 64)
+            held[nheld++] = {m.h->jh_dev, m.h->jh_ino};
+        else
+            overflow = true;
+    });
+    if (overflow) return;
+
+    const size_t heap_end = static_cast<size_t>(com->comsize);
+    const int32_t* pfo = reinterpret_cast<const int32_t*>(base + com->pfo_base);
+    const IS_BUF* bufs = reinterpret_cast<const IS_BUF*>(base + com->buf_base);
+    for (int u = 0; u < com->maxopen; ++u) {
+        const int32_t rel = pfo[u];
+        if (rel < 0 || static_cast<size_t>(com->heap_base) + static_cast<size_t>(rel) + sizeof(IS_FCP) > heap_end)
+            continue;
+        const IS_FCP* f = reinterpret_cast<const IS_FCP*>(base + com->heap_base + rel);
+        // Only a file with nothing left to undo.  (Its control page in the segment may
+        // show the state of a call that a journal has just undone on disk: the disk
+        // copy is the one that counts.)
+        if (f->is_optbits & ISO_SEQ) continue;
+        const isx_file* xf = reinterpret_cast<const isx_file*>(reinterpret_cast<char*>(x) + x->xh_file_base) + u;
+        if (xf->xf_undo != 0) continue;
+        bool dirty = false;
+        int n = 0;
+        for (int sl = f->jd_buf_hd; sl >= 0 && sl < com->maxbufs && n < com->maxbufs; sl = bufs[sl].bu_next, ++n)
+            dirty |= (bufs[sl].bu_id & BU_DIRTY) != 0;
+        if (dirty) continue;
+        bool busy = false;
+        for (int k = 0; k < nheld; ++k) busy |= held[k].dev == f->jd_dev && held[k].ino == f->jd_ino;
+        if (busy) continue;
+
+        char path[ISX_PATHLEN];
+        std::memcpy(path, reinterpret_cast<char*>(x) + x->xh_path_base + static_cast<size_t>(u) * ISX_PATHLEN, sizeof path);
+        path[sizeof path - 1] = '\0';
+        jn_clear_mark(path, f);
+    }
+}
+
+void jn_clear_mark(const char* path, const IS_FCP* f) noexcept {
+    if (!path || path[0] == '\0') return;
+    int fd = kisam::os_open(path, O_RDWR | O_CLOEXEC);
+    if (fd < 0) return;
+    struct stat st;
+    unsigned char img[kisam::kFcpImage];
+    const size_t at = offsetof(IS_FCP, is_optbits) - IS_FCP_JDSIZE;
+    const bool sync = (f->is_optbits & (ISO_SYNC | ISO_CLEARREL)) != 0;
+    if (kisam::os.fstat(fd, &st) == 0 && static_cast<uint64_t>(st.st_dev) == f->jd_dev &&
+        static_cast<uint64_t>(st.st_ino) == f->jd_ino &&
+        kisam::os_pread_full(fd, img, sizeof img, 0) == static_cast<ssize_t>(sizeof img) &&
+        (img[at] & ISO_DIRTYMARK) && kisam::load_at<uint16_t>(img) == f->is_magic) {
+        img[at] = static_cast<uint8_t>(img[at] & ~ISO_DIRTYMARK);
+        if (sync) kisam::os_fdatasync(fd);
+        if (kisam::os_pwrite_full(fd, img, sizeof img, 0) == 0 && sync) kisam::os_fdatasync(fd);
+    }
+    kisam::os_close(fd);
 }

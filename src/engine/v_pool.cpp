@@ -55,6 +55,7 @@
 #include "is_common.h"
 #include "is_error.h"
 #include "is_lock.h"
+#include "jn.h"
 #include "os.h"
 
 #include <kisam/ztsupport.h>
@@ -391,9 +392,12 @@ bool reap_dead_holders() noexcept {
             is_unlockit(off);
             continue;
         }
+        const unsigned dead = f->jd_fcplock;
         f->jd_fcplock = static_cast<unsigned>(is_pid);
         is_incsyslocks();
         v_stale_fcplock(f);
+        // The call it was making is rolled back by the file's next user.
+        jn_note_stale(f, dead);
         is_unlock(&f->jd_fcplock);
         found = true;
     }
@@ -474,13 +478,17 @@ int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb) noexcept {
                 if (ofcp != bestfcp) {
                     if (ofcp->jd_fcplock != static_cast<unsigned>(is_pid)) {
                         if (is_lockitnw(kisam::com_offset(&ofcp->jd_fcplock)) != 0) continue;
-                        bool stale = ofcp->jd_fcplock != 0 &&
-                                     ofcp->jd_fcplock != static_cast<unsigned>(is_pid);
+                        const unsigned prev = ofcp->jd_fcplock;
+                        bool stale = prev != 0 && prev != static_cast<unsigned>(is_pid);
                         ofcp->jd_fcplock = static_cast<unsigned>(is_pid);
                         is_incsyslocks();
                         took = true;
-                        // A holder that died may have left fixes on its file's slots.
-                        if (stale) v_stale_fcplock(ofcp);
+                        // A holder that died may have left fixes on its file's slots, and
+                        // a call half done, which the file's next user rolls back.
+                        if (stale) {
+                            v_stale_fcplock(ofcp);
+                            jn_note_stale(ofcp, prev);
+                        }
                     }
                     if (bestlocked) is_unlock(&bestfcp->jd_fcplock);
                     bestfcp = ofcp;
@@ -537,9 +545,9 @@ int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb) noexcept {
         fcp->jd_buf_hd = static_cast<int16_t>(S);
         b->bu_id = static_cast<uint16_t>(u);
         b->bu_cnt = clock_now();
-        b->bu_pno = pno;
+        b->bu_pno = KISAM_NOPAGE;  // named only once loaded (readbuf)
         b->bu_wcnt = clock_advance(com->lru_wcnt);
-        if (readbuf(b) != 0) {
+        if (readbuf(b, pno) != 0) {
             // Give the slot back rather than leave a page-less slot on the chain.
             fcp->jd_buf_hd = b->bu_next;
             clear_tag(b);
@@ -628,13 +636,10 @@ IS_DATA* v_read(PAGE pno) noexcept {
         IS_BUF* b = slot(cand);
         if ((b->bu_id & BU_DIRTY) && writebuf(b) != 0) return nullptr;
         b->bu_cnt = clock_now();
-        b->bu_pno = pno;
+        b->bu_pno = KISAM_NOPAGE;  // stays on the chain, holding no page until loaded
         b->bu_wcnt = clock_advance(isam_com->lru_wcnt);
         if (hb) index_erase(cand);
-        if (readbuf(b) != 0) {
-            b->bu_pno = KISAM_NOPAGE;  // stays on the chain, holding no page
-            return nullptr;
-        }
+        if (readbuf(b, pno) != 0) return nullptr;
         count(isam_com->missfree);
         b->bu_id |= BU_INUSE;
         if (hb) {
@@ -648,9 +653,8 @@ IS_DATA* v_read(PAGE pno) noexcept {
     return s < 0 ? nullptr : &slot(s)->bu_data;
 }
 
-int readbuf(IS_BUF* b) noexcept {
+int readbuf(IS_BUF* b, PAGE pno) noexcept {
     IS_FCP* fcp = is_curfcp;
-    const PAGE pno = b->bu_pno;
     const off_t off = v_fileoffset(fcp, pno);
     // A page must start at a valid offset and end within the 32-bit numbering.
     if (off < 0 || pno > KISAM_NOPAGE - kisam::kPage) return is_raise(ISE_RDSK, PROC(P_V_READ, 4));
@@ -668,6 +672,9 @@ int readbuf(IS_BUF* b) noexcept {
             fcp->is_nextfree = fcp->is_lastpage = pno + kisam::kPage;
     }
     count(isam_com->sysread);
+    // Only a complete page gets a name: a process killed during the read leaves the
+    // slot holding no page, never a page made of another page's bytes.
+    std::atomic_ref<uint32_t>(b->bu_pno).store(pno, std::memory_order_release);
     return 0;
 }
 

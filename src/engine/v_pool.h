@@ -15,9 +15,10 @@ int v_flush(void) noexcept;                         // 0, -1
 void v_relbuf(void) noexcept;                       // flush, then give the chain back
 int fcp_setdatachanged(IS_FCP* fcp, IS_PFI* pfi, int datachangedf, int syncf) noexcept;
 
-// Page I/O of one slot.  readbuf loads b->bu_pno of the current file into b; writebuf
-// writes b to its owner file (bu_id) and clears BU_DIRTY.  0, or -1 with the error raised.
-int readbuf(IS_BUF* b) noexcept;
+// Page I/O of one slot.  readbuf loads page pno of the current file into b and only then
+// sets bu_pno (the slot holds no page until the load is complete); writebuf writes b to
+// its owner file (bu_id) and clears BU_DIRTY.  0, or -1 with the error raised.
+int readbuf(IS_BUF* b, PAGE pno) noexcept;
 int writebuf(IS_BUF* b) noexcept;
 // Slot whose bu_data is at addr, or -1 when addr is not the data of a slot.
 int v_slot_of(const void* addr) noexcept;

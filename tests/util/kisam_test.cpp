@@ -238,6 +238,73 @@ FailIo::~FailIo() {
     kisam::os.pwrite = kisam::os_real.pwrite;
 }
 
+namespace {
+struct FaultState {
+    int counts[Faults::kKinds] = {};
+    Faults::Kind kind = Faults::kWrite;
+    int at = 0;   // 0: not armed
+    Faults::Mode mode = Faults::kOnce;
+    int err = EIO;
+    bool hit = false;
+};
+FaultState fs;
+
+// True when this call of kind k must fail (errno set); kills when so armed.
+bool fault(Faults::Kind k) {
+    const int n = ++fs.counts[k];
+    if (fs.at == 0 || k != fs.kind) return false;
+    if (n == fs.at || (fs.mode == Faults::kFromThenOn && n > fs.at)) {
+        fs.hit = true;
+        if (fs.mode == Faults::kKill) {
+            std::fflush(nullptr);
+            ::kill(::getpid(), SIGKILL);
+        }
+        errno = fs.err;
+        return true;
+    }
+    return false;
+}
+ssize_t f_pread(int fd, void* b, size_t n, off_t off) {
+    return fault(Faults::kRead) ? -1 : kisam::os_real.pread(fd, b, n, off);
+}
+ssize_t f_pwrite(int fd, const void* b, size_t n, off_t off) {
+    return fault(Faults::kWrite) ? -1 : kisam::os_real.pwrite(fd, b, n, off);
+}
+int f_fdatasync(int fd) { return fault(Faults::kSync) ? -1 : kisam::os_real.fdatasync(fd); }
+int f_fcntl(int fd, int cmd, struct flock* fl) {
+    return fault(Faults::kLock) ? -1 : kisam::os_real.fcntl_lock(fd, cmd, fl);
+}
+int f_fallocate(int fd, off_t off, off_t len) {
+    return fault(Faults::kAlloc) ? errno : kisam::os_real.fallocate(fd, off, len);
+}
+}  // namespace
+
+Faults::Faults() {
+    fs = FaultState();
+    kisam::os.pread = f_pread;
+    kisam::os.pwrite = f_pwrite;
+    kisam::os.fdatasync = f_fdatasync;
+    kisam::os.fcntl_lock = f_fcntl;
+    kisam::os.fallocate = f_fallocate;
+}
+Faults::~Faults() {
+    kisam::os = kisam::os_real;
+    fs = FaultState();
+}
+void Faults::arm(Kind kind, int n, Mode mode, int err) {
+    fs = FaultState();
+    fs.kind = kind;
+    fs.at = n;
+    fs.mode = mode;
+    fs.err = err;
+}
+void Faults::disarm() {
+    fs.at = 0;
+    for (int& c : fs.counts) c = 0;
+}
+int Faults::calls(Kind kind) { return fs.counts[kind]; }
+bool Faults::hit() { return fs.hit; }
+
 uint64_t test_seed(uint64_t fallback) {
     uint64_t seed = fallback;
     if (const char* s = std::getenv("KISAM_SEED")) seed = std::strtoull(s, nullptr, 0);

@@ -106,6 +106,27 @@ public:
     FailIo& operator=(const FailIo&) = delete;
 };
 
+// Fault injection at the OS boundary, for sweeps over every system call of a workload.
+// Counts the calls of each kind made through the engine's OS table while alive (and,
+// with a fault set, makes the nth call fail with err, once or from then on, or kills
+// the process with SIGKILL just before the nth call runs).
+class Faults {
+public:
+    enum Kind { kRead, kWrite, kSync, kLock, kAlloc, kKinds };
+    enum Mode { kOnce, kFromThenOn, kKill };
+    Faults();   // counting only
+    ~Faults();
+    Faults(const Faults&) = delete;
+    Faults& operator=(const Faults&) = delete;
+    // Arms the fault: the nth call of `kind` from now on.  Counts restart at 0.
+    void arm(Kind kind, int n, Mode mode, int err = EIO);
+    void disarm();
+    // Calls of `kind` made since the last arm (or since construction).
+    static int calls(Kind kind);
+    // Whether the armed fault has been hit.
+    static bool hit();
+};
+
 // Seed for randomized tests: KISAM_SEED from the environment, else a fixed default.
 // The seed is printed so that a failure can be replayed.
 uint64_t test_seed(uint64_t fallback);
