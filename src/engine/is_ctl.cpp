@@ -30,8 +30,8 @@ int is_getctl(void) noexcept {
     if (is_lock_stale == 1) {
         // The previous holder died inside its hold: the pages it had fixed are still
         // marked in use, and the call it was making may be half done.
-        v_stale_fcplock(fcp);
         jn_note_stale(fcp, is_lock_stale_pid);
+        v_stale_fcplock(fcp);
     }
     const int u = static_cast<int>(pfi - is_pfi);
     if (isx_area && kisam::isx_file_of(u)->xf_undo != 0 && jn_settle(fcp, u) != 0) {

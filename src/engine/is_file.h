@@ -32,9 +32,11 @@ void is_live_release(void) noexcept;      // give it up (detach)
 void is_open_note(int u, bool open) noexcept;
 // Cleans dead slot i up (journal, record locks, use counts, the slot): 1 cleaned, 0
 // nothing to do, -1 not now (a lock it needs is held elsewhere).  Requires: no
-// opcl_lock held; control locks it needs are only tried.
-int is_reap_slot(int i) noexcept;
-// Cleans every dead slot; returns how many, their pids in pids[0..maxpids).
+// opcl_lock held.  With `wait` the files' control locks are waited for (only for a
+// process that holds none, attaching); otherwise they are only tried.
+int is_reap_slot(int i, bool wait) noexcept;
+// Cleans every dead slot whose locks are free; returns how many, their pids in
+// pids[0..maxpids).
 int is_reap_dead(int* pids, int maxpids) noexcept;
 // Cleans the dead slots that hold file slot u open; returns how many.
 int is_reap_holders(int u) noexcept;

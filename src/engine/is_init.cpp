@@ -66,10 +66,10 @@ int _is_mkpid(void) noexcept {
     // A free slot whose journal still holds a unit (its owner detached with a rollback
     // pending) is taken only once that unit is settled.
     for (int i = 0; i < n; ++i) {
-        if (is_env.pid_[i] == 0 && jn_clear_slot(i) == 0 && claim_slot(i, 0)) return 0;
+        if (is_env.pid_[i] == 0 && jn_clear_slot(i, true) == 0 && claim_slot(i, 0)) return 0;
     }
     for (int i = 0; i < n; ++i) {
-        if (is_slot_dead(i) && is_reap_slot(i) == 1 && claim_slot(i, 0)) return 0;
+        if (is_slot_dead(i) && is_reap_slot(i, true) == 1 && claim_slot(i, 0)) return 0;
     }
     isam_com = nullptr;  // the segment stays attached; the caller detaches it
     return -1;

@@ -50,25 +50,31 @@ inline void set_bit(uint8_t* set, int u, bool on) {
         b.fetch_and(static_cast<uint8_t>(~(1u << (u & 7))));
 }
 
-// A control word taken without waiting; `took` says whether it must be given back.
+// A control word taken, waiting for it or not; `took` says whether it must be given back.
 struct TryWord {
     unsigned* word;
     bool ok = false;
     bool took = false;
-    explicit TryWord(unsigned* w) : word(w) {
+    TryWord(unsigned* w, bool wait) : word(w) {
         if (*w == static_cast<unsigned>(is_pid)) {
             ok = true;  // already this process's (an application's bracket)
             return;
         }
-        if (is_lockitnw(kisam::com_offset(w)) != 0) return;
-        const unsigned prev = std::atomic_ref<uint32_t>(*w).load();
-        std::atomic_ref<uint32_t>(*w).store(static_cast<uint32_t>(is_pid));
-        is_incsyslocks();
+        unsigned prev = 0;
+        if (wait) {
+            if (is_lock(w) != 0) return;
+            prev = is_lock_stale ? is_lock_stale_pid : 0;
+        } else {
+            if (is_lockitnw(kisam::com_offset(w)) != 0) return;
+            prev = std::atomic_ref<uint32_t>(*w).load();
+            std::atomic_ref<uint32_t>(*w).store(static_cast<uint32_t>(is_pid));
+            is_incsyslocks();
+        }
         ok = took = true;
         if (prev != 0) {
             IS_FCP* fcp = reinterpret_cast<IS_FCP*>(reinterpret_cast<char*>(w) - offsetof(IS_FCP, jd_fcplock));
-            v_stale_fcplock(fcp);
             jn_note_stale(fcp, prev);
+            v_stale_fcplock(fcp);
         }
     }
     ~TryWord() {
@@ -177,11 +183,11 @@ void is_open_note(int u, bool open) noexcept {
     set_bit(kisam::isx_open_set(is_env.useridx), u, open);
 }
 
-int is_reap_slot(int i) noexcept {
+int is_reap_slot(int i, bool wait) noexcept {
     if (!is_slot_dead(i)) return 0;
     const int32_t pid = is_env.pid_[i];
     // A unit the process was making is rolled back before anything else of it goes.
-    if (jn_clear_slot(i) != 0) return -1;
+    if (jn_clear_slot(i, wait) != 0) return -1;
     if (is_lock(&isam_com->opcl_lock) != 0) return -1;
     if (is_env.pid_[i] != pid) {  // cleaned by somebody else meanwhile
         is_unlock(&isam_com->opcl_lock);
@@ -196,7 +202,7 @@ int is_reap_slot(int i) noexcept {
             set_bit(set, u, false);
             continue;
         }
-        TryWord w(&fcp->jd_fcplock);
+        TryWord w(&fcp->jd_fcplock, wait);
         if (!w.ok) {
             // Another process holds the file: the rest is done at a later look.
             is_unlock(&isam_com->opcl_lock);
@@ -231,7 +237,7 @@ int is_reap_dead(int* pids, int maxpids) noexcept {
     int n = 0;
     for (int i = 0; i < isam_com->maxusers; ++i) {
         const int32_t pid = is_env.pid_[i];
-        if (is_reap_slot(i) == 1) {
+        if (is_reap_slot(i, false) == 1) {
             if (pids && n < maxpids) pids[n] = pid;
             ++n;
         }
@@ -244,7 +250,7 @@ int is_reap_holders(int u) noexcept {
     int n = 0;
     for (int i = 0; i < isam_com->maxusers; ++i) {
         if (is_env.pid_[i] == 0 || !bit(kisam::isx_open_set(i), u)) continue;
-        if (is_reap_slot(i) == 1) ++n;
+        if (is_reap_slot(i, false) == 1) ++n;
     }
     return n;
 }

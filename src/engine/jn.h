@@ -70,9 +70,10 @@ void jn_note_stale(IS_FCP* fcp, uint32_t pid) noexcept;
 // the rollback could not be completed.
 int jn_settle(IS_FCP* fcp, int u) noexcept;
 // Makes the journal of process slot i IDLE (rolling its unit back when needed) so that
-// the slot can be given to another process.  Takes the file's control lock itself;
-// requires that the caller holds no control lock.  0, or -1 when it could not.
-int jn_clear_slot(int i) noexcept;
+// the slot can be given to another process.  Takes the file's control lock itself:
+// waiting for it with `wait` (the caller then holds no control lock), else only trying.
+// 0, or -1 when it could not.
+int jn_clear_slot(int i, bool wait) noexcept;
 // Rolls back, straight to disk, every journal found ACTIVE or UNDO: for start-up when
 // the segment is new and nobody can hold a file.  Requires the start-up lock.
 void jn_recover_all(void) noexcept;

@@ -545,16 +545,22 @@ void jn_note_stale(IS_FCP* fcp, uint32_t pid) noexcept {
     if (!isam_com || !isx_area || !fcp || pid == 0) return;
     const int u = slot_of(fcp);
     if (u < 0 || xfile(u)->xf_undo != 0) return;
+    // A journal that holds a unit of this file belongs to a process that died: a live
+    // one would hold the word now being taken over.  It need not be the dead holder's
+    // own: a process that took the word over from it may have died before noting it.
+    // So every slot's journal is looked at (this happens only after a death).
     for (int i = 0; i < isam_com->maxusers; ++i) {
-        if (static_cast<uint32_t>(is_env.pid_[i]) != pid || i == own.slot) continue;
+        if (i == own.slot && own.pid == is_pid) continue;
         Map m;
-        if (!open_other(i, m)) return;
+        if (!open_other(i, m)) continue;
         const jn_head* h = m.h;
-        if (state_of(m.h).load(std::memory_order_acquire) != JN_IDLE && h->jh_file == u &&
-            h->jh_dev == fcp->jd_dev && h->jh_ino == fcp->jd_ino)
-            xfile(u)->xf_undo = static_cast<uint32_t>(i + 1);
+        const bool holds = state_of(m.h).load(std::memory_order_acquire) != JN_IDLE && h->jh_file == u &&
+                           h->jh_dev == fcp->jd_dev && h->jh_ino == fcp->jd_ino;
         unmap(m);
-        return;
+        if (holds) {
+            xfile(u)->xf_undo = static_cast<uint32_t>(i + 1);
+            return;
+        }
     }
 }
 
@@ -595,7 +601,7 @@ int jn_settle(IS_FCP* fcp, int u) noexcept {
     return rc;
 }
 
-int jn_clear_slot(int i) noexcept {
+int jn_clear_slot(int i, bool wait) noexcept {
     if (!isam_com) return 0;
     Map m;
     if (!open_other(i, m)) return 0;
@@ -612,14 +618,29 @@ int jn_clear_slot(int i) noexcept {
             unsigned* w = &fcp->jd_fcplock;
             const bool mine = *w == static_cast<unsigned>(is_pid);
             if (!mine) {
-                if (is_lockitnw(kisam::com_offset(w)) != 0) {
-                    unmap(m);
-                    return -1;
+                unsigned prev = 0;
+                if (wait) {
+                    if (is_lock(w) != 0) {
+                        unmap(m);
+                        return -1;
+                    }
+                    prev = is_lock_stale ? is_lock_stale_pid : 0;
+                } else {
+                    if (is_lockitnw(kisam::com_offset(w)) != 0) {
+                        unmap(m);
+                        return -1;
+                    }
+                    prev = std::atomic_ref<uint32_t>(*w).load();
+                    std::atomic_ref<uint32_t>(*w).store(static_cast<uint32_t>(is_pid));
+                    is_incsyslocks();
                 }
-                const unsigned prev = std::atomic_ref<uint32_t>(*w).load();
-                std::atomic_ref<uint32_t>(*w).store(static_cast<uint32_t>(is_pid));
-                is_incsyslocks();
-                if (prev != 0) v_stale_fcplock(fcp);
+                if (prev != 0) {
+                    jn_note_stale(fcp, prev);
+                    if (state_of(h).load(std::memory_order_acquire) != JN_IDLE && isx_area &&
+                        xfile(u)->xf_undo == 0)
+                        xfile(u)->xf_undo = static_cast<uint32_t>(i + 1);
+                    v_stale_fcplock(fcp);
+                }
             }
             if (state_of(h).load(std::memory_order_acquire) != JN_IDLE && isx_area &&
                 xfile(u)->xf_undo == 0)

@@ -331,8 +331,10 @@ int write_fcp(IS_FCP* fcp, int fd) noexcept {
 // here; stops at the first failing write (-1, error raised with the flush codes when
 // `flush_codes`, else by writebuf).
 int walk_unfix(IS_FCP* fcp, int u, bool flush_codes) noexcept {
-    IS_PFI* pfi = &is_pfi[u];
-    const bool wr = writable(pfi);
+    // A process still attaching (cleaning up after the dead) has no tables yet: it
+    // cannot write anything, and only unfixes.
+    IS_PFI* pfi = is_pfi ? &is_pfi[u] : nullptr;
+    const bool wr = pfi && writable(pfi);
     int n = 0;
     for (int s = fcp->jd_buf_hd; valid_slot(s) && n < isam_com->maxbufs; s = slot(s)->bu_next, ++n) {
         IS_BUF* b = slot(s);
@@ -395,9 +397,10 @@ bool reap_dead_holders() noexcept {
         const unsigned dead = f->jd_fcplock;
         f->jd_fcplock = static_cast<unsigned>(is_pid);
         is_incsyslocks();
-        v_stale_fcplock(f);
-        // The call it was making is rolled back by the file's next user.
+        // The call it was making is rolled back by the file's next user (noted first: a
+        // death of this process meanwhile must not lose it).
         jn_note_stale(f, dead);
+        v_stale_fcplock(f);
         is_unlock(&f->jd_fcplock);
         found = true;
     }
@@ -473,7 +476,7 @@ int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb) noexcept {
                 if (w >= com->maxopen) continue;
                 IS_FCP* ofcp = pfo_fcp(w);
                 if (!ofcp) continue;
-                if ((id & BU_DIRTY) && !writable(&is_pfi[w])) continue;
+                if ((id & BU_DIRTY) && (!is_pfi || !writable(&is_pfi[w]))) continue;
                 bool took = false;
                 if (ofcp != bestfcp) {
                     if (ofcp->jd_fcplock != static_cast<unsigned>(is_pid)) {
@@ -486,8 +489,8 @@ int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb) noexcept {
                         // A holder that died may have left fixes on its file's slots, and
                         // a call half done, which the file's next user rolls back.
                         if (stale) {
-                            v_stale_fcplock(ofcp);
                             jn_note_stale(ofcp, prev);
+                            v_stale_fcplock(ofcp);
                         }
                     }
                     if (bestlocked) is_unlock(&bestfcp->jd_fcplock);

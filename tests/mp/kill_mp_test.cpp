@@ -142,8 +142,12 @@ std::string last_line(const std::string& path) {
     return nl == std::string::npos ? s : s.substr(nl + 1);
 }
 
+volatile sig_atomic_t g_stop = 0;
+void on_stop(int) { g_stop = 1; }
+
 [[noreturn]] void worker(int slot, const std::string& file, const std::string& logpath, uint64_t seed) {
     ot::become_unattached();
+    ::signal(SIGUSR1, on_stop);
     int fd = nisopen(file.c_str(), ISO_RDWR);
     if (fd < 0) {
         std::fprintf(stderr, "worker %d: open fails, errno %d\n", slot, is_errno);
@@ -162,6 +166,11 @@ std::string last_line(const std::string& path) {
     const int base = slot_base(slot);
     char buf[4000];
     for (seq = 0;; ++seq) {
+        if (g_stop) {
+            nisclose(fd);
+            nisunisam();
+            std::_Exit(0);
+        }
         const int roll = static_cast<int>(rng() % 100);
         id = base + static_cast<int>(rng() % kIdsPerSlot);
         const int gen = static_cast<int>(rng() % 0xFFFF);
@@ -295,7 +304,9 @@ protected:
     // with the model, detach, and run the structural checker on the file.
     void check_round(const std::string& file, int workers) {
         int fd = nisopen(file.c_str(), ISO_RDWR);
-        ASSERT_GE(fd, 0) << is_errno;
+        char msg[256];
+        niserrmsgget(msg, sizeof msg);
+        ASSERT_GE(fd, 0) << msg;
         for (int s = 0; s < workers; ++s) {
             replay(s);
             SlotModel& m = model_[s];
@@ -334,6 +345,11 @@ protected:
         ASSERT_EQ(nisclose(fd), 0);
         nisunisam();
         kisam::check::Report rep = kisam::check::check_file(file);
+        if (!rep.ok && std::getenv("KISAM_KEEP")) {
+            // Keep the evidence: the file and the workers' logs.
+            std::string cmd = "cp -r '" + inst_->dir() + "' '" + std::getenv("KISAM_KEEP") + "'";
+            if (std::system(cmd.c_str()) != 0) std::printf("could not keep %s\n", inst_->dir().c_str());
+        }
         ASSERT_TRUE(rep.ok) << rep.error;
         records_ = static_cast<long>(seen.size());
     }
@@ -358,31 +374,35 @@ protected:
         model_.assign(kMaxWorkers, SlotModel());
         live_.assign(kMaxWorkers, 0);
 
+        // KISAM_GRACEFUL: workers are asked to stop between calls instead of being killed
+        // (to tell faults of the engine from faults of its recovery).
+        const bool graceful = std::getenv("KISAM_GRACEFUL") != nullptr;
+        auto stop = [&](pid_t p) {
+            ::kill(p, graceful ? SIGUSR1 : SIGKILL);
+            int st = 0;
+            ::waitpid(p, &st, 0);
+            // (A worker asked to stop before it set its handler up ends by the signal.)
+            return graceful ? (WIFEXITED(st) && WEXITSTATUS(st) == 0) || (WIFSIGNALED(st) && WTERMSIG(st) == SIGUSR1)
+                            : WIFSIGNALED(st) && WTERMSIG(st) == SIGKILL;
+        };
         auto spawn = [&](int s) {
             const uint64_t seed = rng();
             live_[s] = kt::start_child([&, s, seed]() -> int { worker(s, file, logs_[s], seed); });
         };
         int done = 0, rounds = 0;
         while (done < kills) {
-            const int workers = 2 + static_cast<int>(rng() % (kMaxWorkers - 1));
+            int workers = 2 + static_cast<int>(rng() % (kMaxWorkers - 1));
+            if (const char* w = std::getenv("KISAM_WORKERS")) workers = std::atoi(w);
             for (int s = 0; s < workers; ++s) spawn(s);
             for (int k = 0; k < 50 && done < kills; ++k, ++done) {
                 ::usleep(static_cast<useconds_t>(rng() % 50000));
                 const int s = static_cast<int>(rng() % workers);
-                ::kill(live_[s], SIGKILL);
-                int st = 0;
-                ::waitpid(live_[s], &st, 0);
-                ASSERT_TRUE(WIFSIGNALED(st) && WTERMSIG(st) == SIGKILL)
-                    << "worker " << s << " ended by itself, status " << (WIFEXITED(st) ? WEXITSTATUS(st) : -1);
+                ASSERT_TRUE(stop(live_[s])) << "worker " << s << " ended by itself";
                 live_[s] = 0;
                 spawn(s);
             }
             for (int s = 0; s < workers; ++s) {
-                ::kill(live_[s], SIGKILL);
-                int st = 0;
-                ::waitpid(live_[s], &st, 0);
-                ASSERT_TRUE(WIFSIGNALED(st)) << "worker " << s << " ended by itself, status "
-                                             << (WIFEXITED(st) ? WEXITSTATUS(st) : -1);
+                ASSERT_TRUE(stop(live_[s])) << "worker " << s << " ended by itself";
                 live_[s] = 0;
             }
             check_round(file, kMaxWorkers);
