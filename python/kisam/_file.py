@@ -14,6 +14,13 @@ from ._lib import LOCK, MAX_KEYS, MAX_RECORD
 from .errors import DuplicateKeyError, LockError, NotFoundError
 
 
+def _show(b):
+    """A value for a message: its first bytes, and its length when it is long."""
+    if len(b) <= 40:
+        return repr(b)
+    return "%r... (%d bytes)" % (b[:40], len(b))
+
+
 def pad(value, length, fill=b" "):
     """``value`` (bytes, or str as UTF-8) filled up to ``length`` bytes with ``fill``.
 
@@ -21,12 +28,12 @@ def pad(value, length, fill=b" "):
     must be filled the same way each time it is stored or looked up.  A value longer than
     ``length`` raises ValueError rather than being cut.
     """
-    b = value.encode("utf-8") if isinstance(value, str) else bytes(value)
-    fill = fill.encode("latin-1") if isinstance(fill, str) else bytes(fill)
+    b = value.encode("utf-8") if isinstance(value, str) else _bytes(value, "a key value")
+    fill = fill.encode("latin-1") if isinstance(fill, str) else _bytes(fill, "fill")
     if len(fill) != 1:
         raise ValueError("fill must be one byte")
     if len(b) > length:
-        raise ValueError("value of %d bytes is longer than %d: %r" % (len(b), length, b))
+        raise ValueError("value of %d bytes is longer than %d: %s" % (len(b), length, _show(b)))
     return b + fill * (length - len(b))
 
 
@@ -36,6 +43,16 @@ def _bytes(value, what):
     if isinstance(value, (bytearray, memoryview)):
         return bytes(value)
     raise TypeError("%s must be bytes, not %s" % (what, type(value).__name__))
+
+
+def _size(b, limit):
+    """The length to pass with `b`: its own, or just past `limit`, so that the library
+    refuses an over-long value with its own error instead of a C int wrapping round."""
+    return min(len(b), limit + 1)
+
+
+INT_MAX = 2**31 - 1
+MAX_LOCK_KEY = 32767
 
 
 def _path(path):
@@ -106,6 +123,8 @@ class File:
 
     def _keyno(self, keyno):
         keyno = operator.index(keyno)
+        if not -INT_MAX - 1 <= keyno <= INT_MAX:
+            raise ValueError("key number out of range: %d" % keyno)
         return keyno, 0 <= keyno < len(self.key_lengths)
 
     def _key(self, value, keyno):
@@ -118,8 +137,8 @@ class File:
         b = _bytes(value, "a key value")
         n = self.key_lengths[keyno]
         if len(b) != n:
-            raise ValueError("key %d is %d bytes long, the value has %d: %r (kisam.pad() fills a shorter one)"
-                             % (keyno, n, len(b), b))
+            raise ValueError("key %d is %d bytes long, the value has %d: %s (kisam.pad() fills a shorter one)"
+                             % (keyno, n, len(b), _show(b)))
         return keyno, b
 
     def key_of(self, record, keyno=0):
@@ -150,7 +169,7 @@ class File:
     def __getitem__(self, key):
         rec = self.get(key)
         if rec is None:
-            raise NotFoundError("no record with key 0 value %r" % (key,))
+            raise NotFoundError("no record with key 0 value %s" % _show(bytes(key)))
         return rec
 
     def __contains__(self, key):
@@ -159,20 +178,20 @@ class File:
     def put(self, record):
         """Adds a record.  DuplicateKeyError when its key 0 value is stored already."""
         rec = _bytes(record, "a record")
-        rc = _lib.call("niswrite", self._handle(), rec, len(rec))
+        rc = _lib.call("niswrite", self._handle(), rec, _size(rec, MAX_RECORD))
         if rc == 1:
-            raise DuplicateKeyError("a record with key 0 value %r exists already" % self.key_of(rec))
+            raise DuplicateKeyError("a record with key 0 value %s exists already" % _show(self.key_of(rec)))
 
     def replace(self, record):
         """Adds a record, or replaces the one with the same key 0 value."""
         rec = _bytes(record, "a record")
-        _lib.call("nisfwrite", self._handle(), rec, len(rec))
+        _lib.call("nisfwrite", self._handle(), rec, _size(rec, MAX_RECORD))
 
     def update(self, record):
         """Replaces the record with the same key 0 value; NotFoundError when there is
         none."""
         rec = _bytes(record, "a record")
-        _lib.call("nisupdate", self._handle(), rec, len(rec))
+        _lib.call("nisupdate", self._handle(), rec, _size(rec, MAX_RECORD))
 
     def delete(self, key):
         """Deletes the record with key 0 value ``key``; NotFoundError when there is
@@ -239,7 +258,7 @@ class File:
         return RecordLock(self, k)
 
     def _lock_once(self, k, rtnopt):
-        rc, err = _lib.raw("nislock", self._handle(), k, len(k), rtnopt)
+        rc, err = _lib.raw("nislock", self._handle(), k, _size(k, MAX_LOCK_KEY), rtnopt)
         if err is None:
             return
         if err.code is not None:
@@ -250,23 +269,23 @@ class File:
             why = "waiting would close a cycle of waits between processes (deadlock)"
         else:
             why = "the shared area's heap has no room for another lock"
-        raise LockError("record lock on %r refused: %s" % (k, why), None, (), err.errno)
+        raise LockError("record lock on %s refused: %s" % (_show(k), why), None, (), err.errno)
 
     def unlock(self, key):
         """Releases this file's lock on exactly ``key``; LockError when it holds
         none."""
         k = _bytes(key, "a lock key")
-        rc, err = _lib.raw("nisunlock", self._handle(), k, len(k), 0)
+        rc, err = _lib.raw("nisunlock", self._handle(), k, _size(k, MAX_LOCK_KEY), 0)
         if err is not None:
             if err.code is not None:
                 raise err
-            raise LockError("no record lock on %r is held through this file" % (k,))
+            raise LockError("no record lock on %s is held through this file" % _show(k))
 
     def unlock_all(self, prefix=b""):
         """Releases every lock of this file that overlaps ``prefix`` (all of them for
         b""); returns how many."""
         k = _bytes(prefix, "a lock key")
-        return _lib.call("nisunlock", self._handle(), k, len(k), 1)
+        return _lib.call("nisunlock", self._handle(), k, _size(k, MAX_LOCK_KEY), 1)
 
     def control(self):
         """A context manager that holds the file's control lock: other processes wait
@@ -291,7 +310,7 @@ class RecordLock:
 
     def release(self):
         if not self._held:
-            raise RuntimeError("record lock on %r released already" % (self.key,))
+            raise RuntimeError("record lock on %s released already" % _show(self.key))
         self._held = False
         if not self.file.closed:
             self.file.unlock(self.key)
@@ -304,7 +323,7 @@ class RecordLock:
             self.release()
 
     def __repr__(self):
-        return "<kisam.RecordLock %r %s>" % (self.key, "held" if self.held else "released")
+        return "<kisam.RecordLock %s %s>" % (_show(self.key), "held" if self.held else "released")
 
 
 class _Control:
@@ -345,8 +364,8 @@ class _Scan:
         fill = b"\xff" if self.reverse else b"\x00"
         start = b"" if start is None else _bytes(start, "a start value")
         if len(start) > n:
-            raise ValueError("start value of %d bytes is longer than key %d (%d bytes): %r"
-                             % (len(start), self.keyno, n, start))
+            raise ValueError("start value of %d bytes is longer than key %d (%d bytes): %s"
+                             % (len(start), self.keyno, n, _show(start)))
         self.start = start + fill * (n - len(start))
 
     def __iter__(self):
@@ -421,10 +440,14 @@ def create(path, key_lengths, *, key_in_index=False, small_header=False, replace
     replaced (ISE_CREATEISOPEN).
     """
     lens = [operator.index(n) for n in key_lengths]
+    if not lens:
+        raise ValueError("a file needs at least one key")
+    if not all(-INT_MAX - 1 <= n <= INT_MAX for n in lens):
+        raise ValueError("key lengths out of range: %r" % (lens,))
     p = _path(path)
     if not replace and os.path.lexists(p):
         raise FileExistsError(errno.EEXIST, "exists already (replace=True re-creates it)", os.fsdecode(p))
-    arr = (ctypes.c_int * max(1, len(lens)))(*lens)
+    arr = (ctypes.c_int * len(lens))(*lens)
     with LOCK:
         _lib.attach(config)
         try:

@@ -22,7 +22,6 @@ from __future__ import annotations
 
 import atexit
 import ctypes
-import errno as _errno
 import os
 import sys
 import threading
@@ -394,5 +393,3 @@ def attached():
         return state.pid is not None
 
 
-def errno_name(n):
-    return _errno.errorcode.get(n, str(n))

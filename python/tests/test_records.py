@@ -194,6 +194,8 @@ def test_keys_must_have_their_length(f):
         f.get("00000001")
     with pytest.raises(TypeError):
         f.put("a str record")
+    with pytest.raises(ValueError):
+        f.get(b"00000001", keyno=2**32)                  # never wraps round to key 0
     # A key number the file does not have: the library's own refusal.
     for call in (lambda: f.get(b"x", keyno=2), lambda: next(f.scan(keyno=-1))):
         with pytest.raises(kisam.KisamError) as e:
@@ -209,6 +211,8 @@ def test_padding_helpers(f):
         kisam.pad(b"123456789", 8)
     with pytest.raises(ValueError):
         kisam.pad(b"1", 8, fill=b"ab")
+    with pytest.raises(TypeError):
+        kisam.pad(5, 8)
     r = kisam.pad(b"42", 8) + kisam.pad(b"x", 4) + b"rest"
     f.put(r)
     assert f.get(kisam.pad(b"42", 8)) == r
@@ -242,6 +246,14 @@ def test_open_modes_and_file_errors(inst):
     with pytest.raises(kisam.KisamError) as e:
         kisam.create(inst.path("wide"), [8] * 26)
     assert e.value.code == kisam.ISE_NKEYERR
+    with pytest.raises(kisam.KisamError) as e:
+        kisam.create(inst.path("deep"), [600])
+    assert e.value.code == kisam.ISE_INVKL
+    with pytest.raises(ValueError):
+        kisam.create(inst.path("none"), [])
+    with pytest.raises(kisam.KisamError) as e:
+        kisam.create(inst.path("n" * 130), [4])           # names are kept in 128 bytes
+    assert e.value.code == kisam.ISE_CREATF
     with pytest.raises(ValueError):
         kisam.open(inst.path("a\0b"))
     with pytest.raises(ValueError):
@@ -277,7 +289,7 @@ def test_closed_files_and_attachment(inst):
     assert not kisam.attached()                          # the last close detached
     # A hold keeps the attachment without open files; detach() closes everything.
     with kisam.attach():
-        with kisam.open(inst.path("c")) as h:
+        with kisam.open(inst.path("c")):
             pass
         assert kisam.attached()
         h2 = kisam.open(inst.path("c"))
@@ -336,7 +348,41 @@ def test_record_locks_in_one_process(f):
     assert f.unlock_all(b"0") == 3 and f.unlock_all() == 1 and f.unlock_all() == 0
     with pytest.raises(TypeError):
         f.lock("0001")
+    with pytest.raises(kisam.LockError, match="heap has no room") as e:
+        f.lock(b"k" * 30000)                             # more than the shared heap holds
+    assert len(str(e.value)) < 200
+    with pytest.raises(kisam.KisamError) as e:
+        f.lock(b"k" * 40000)                             # longer than a lock key can be
+    assert e.value.code == kisam.ISE_INVKL
     last = f.lock(b"9")
     f.close()
     assert not last.held
     last.release()                                       # the close released it already
+
+
+def test_threads_share_a_file(f):
+    """The package serialises its calls: threads writing and scanning one file at once
+    neither corrupt it nor see another thread's error state."""
+    import threading
+    errors = []
+
+    def work(t):
+        try:
+            for i in range(150):
+                f.put(rec(t * 1000 + i))
+                if i % 50 == 0:
+                    assert all(len(r) == 12 for r in f.scan(keyno=1))
+                with pytest.raises(kisam.DuplicateKeyError):
+                    f.put(rec(t * 1000 + i))
+                with pytest.raises(kisam.NotFoundError):
+                    f.delete(b"%08d" % (t * 1000 + 999))
+        except BaseException as e:  # reported below
+            errors.append(e)
+
+    threads = [threading.Thread(target=work, args=(t,)) for t in range(4)]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join()
+    assert not errors, errors
+    assert [r[:8] for r in f] == [b"%08d" % (t * 1000 + i) for t in range(4) for i in range(150)]
