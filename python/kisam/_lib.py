@@ -120,6 +120,7 @@ class _State:
         self.generation = 0
         self.pending = []        # (generation, isfd) of files collected while open
         self.atexit = False
+        self.forked = False      # this process is a fork child that has not registered yet
 
 
 state = _State()
@@ -130,11 +131,16 @@ def _before_fork():
     LOCK.acquire()
 
 
-def _after_fork():
+def _after_fork_parent():
     LOCK.release()
 
 
-os.register_at_fork(before=_before_fork, after_in_parent=_after_fork, after_in_child=_after_fork)
+def _after_fork_child():
+    state.forked = state.pid is not None
+    LOCK.release()
+
+
+os.register_at_fork(before=_before_fork, after_in_parent=_after_fork_parent, after_in_child=_after_fork_child)
 
 
 # ---- loading ---------------------------------------------------------------------------
@@ -262,8 +268,9 @@ def _ready():
     """The library, with a forked child registered and collected files closed.  Called
     with LOCK held before every call."""
     L = lib()
-    if state.pid is not None and state.pid != os.getpid():
+    if state.forked:
         # A forked child: the library still carries the parent's identity.
+        state.forked = False
         if L.is_chinit() != 0:
             err = capture_error(L, ctypes.get_errno())
             state.pid = None
