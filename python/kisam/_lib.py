@@ -269,13 +269,19 @@ def _ready():
     with LOCK held before every call."""
     L = lib()
     if state.forked:
-        # A forked child: the library still carries the parent's identity.
-        state.forked = False
+        # A forked child: the library still carries the parent's identity, under which
+        # no call may run.
+        L.is_etop.value = None
         if L.is_chinit() != 0:
             err = capture_error(L, ctypes.get_errno())
-            state.pid = None
-            state.generation += 1
+            if not L.ZTKISAMGetComAddr():
+                # Refused (no process slot): the library has let the area go, so this
+                # process is not attached and its inherited handles are gone.
+                state.forked = False
+                state.pid, state.users, state.external = None, 0, False
+                state.generation += 1
             raise err
+        state.forked = False
         state.pid = os.getpid()
         state.external = False
         _detach_at_exit_of_child()

@@ -163,3 +163,36 @@ def test_forked_child_that_never_calls_claims_nothing(inst, path):
         os.waitpid(pid, 0)
         f.put(b"00000001aaaa")                           # the parent is still itself
         assert f.get(b"00000001") == b"00000001aaaa"
+
+
+def test_forked_child_without_a_process_slot_is_refused(inst, child):
+    """With every process slot taken, a forked child cannot register: its first call
+    fails, its inherited files are closed to it, and nothing runs under the parent's
+    identity."""
+    kisam.write_config(inst.config, users=2, overwrite=True)
+    p = inst.path("full")
+    with kisam.create(p, [4]) as f:
+        f.put(b"0001")
+        c = child("""
+            with kisam.open(%r):
+                say("attached")
+                wait()
+        """ % p)
+        c.expect("attached")                             # both slots are taken now
+        with f.lock(b"0001"):
+            pid = os.fork()
+            if pid == 0:
+                code = 1
+                try:
+                    f.lock(b"0001", wait=False)          # as the parent it would succeed
+                except kisam.KisamError as e:
+                    if e.code == kisam.ISE_INITERR and f.closed and not kisam.attached():
+                        code = 0
+                except BaseException:
+                    pass
+                os._exit(code)
+            _, status = os.waitpid(pid, 0)
+            assert os.waitstatus_to_exitcode(status) == 0
+        c.send()
+        assert c.finish() == 0
+        assert f.get(b"0001") == b"0001"
