@@ -1,5 +1,6 @@
 """`pip install ./python` without a package index, and the installed copy at work."""
 
+import glob
 import importlib.util
 import os
 import subprocess
@@ -7,7 +8,7 @@ import sys
 
 import pytest
 
-from conftest import PACKAGE_DIR
+from conftest import PACKAGE_DIR, ftok, segments
 
 
 @pytest.mark.skipif(importlib.util.find_spec("pip") is None, reason="pip is not installed for %s" % sys.executable)
@@ -34,3 +35,20 @@ with kisam.create(sys.argv[2], [4]) as f:
                          env=run_env, cwd=str(tmp_path), timeout=60)
     assert out.returncode == 0, out.stderr
     assert out.stdout.strip() == "0001installed"
+
+
+def test_readme_example_runs(inst, tmp_path):
+    """The example of both READMEs, run as a user would (its own installation in a new
+    temporary directory) and giving the output python/README.md states."""
+    examples = []
+    for readme in (os.path.join(PACKAGE_DIR, "README.md"), os.path.join(os.path.dirname(PACKAGE_DIR), "README.md")):
+        text = open(readme, encoding="utf-8").read()
+        examples.append(text.split("```python\n", 1)[1].split("```", 1)[0])
+    assert examples[0] == examples[1] and len(examples[0].splitlines()) <= 10
+    env = dict(os.environ, TMPDIR=str(tmp_path), PYTHONPATH=PACKAGE_DIR)
+    env.pop("KISCONFIG")
+    out = subprocess.run([sys.executable, "-c", examples[0]], capture_output=True, text=True, env=env, timeout=60)
+    assert out.returncode == 0, out.stderr
+    assert out.stdout.splitlines() == ["b'00000042Smith       Leeds'", "b'00000043Jones       Paris'"]
+    [lock_file] = glob.glob(str(tmp_path / "*" / "kisamconfig.lk"))
+    assert segments(ftok(lock_file)) == []
