@@ -69,18 +69,25 @@ class Installation:
         return segments(self.key)
 
 
-@pytest.fixture
-def inst(tmp_path, monkeypatch):
-    """A fresh installation: a configuration with its lock file, and the settings
-    variables pointing into the test's directory.  After the test the process is
-    detached, and no shared segment of the installation may remain."""
+@pytest.fixture(autouse=True)
+def private_env(tmp_path, monkeypatch):
+    """Every test, and every process it starts, sees only its own directory as home,
+    installation home and profile, and KISCONFIG names a file there."""
     for sub in ("home", "q9"):
         (tmp_path / sub).mkdir()
     monkeypatch.setenv("HOME", str(tmp_path / "home"))
     monkeypatch.setenv("HOME_Q9", str(tmp_path / "q9"))
     monkeypatch.setenv("PROFILEQ9ENV", str(tmp_path / "home" / ".Q9.profile"))
-    i = Installation(tmp_path)
-    monkeypatch.setenv("KISCONFIG", i.config)
+    monkeypatch.setenv("KISCONFIG", str(tmp_path / "kisamconfig"))
+    return tmp_path
+
+
+@pytest.fixture
+def inst(private_env):
+    """A fresh installation: a configuration with its lock file in the test's
+    directory.  After the test the process is detached, and no shared segment of the
+    installation may remain."""
+    i = Installation(private_env)
     kisam.write_config(i.config, files=16, buffers=64, users=16, locks_per_file=16)
     key = i.key
     yield i

@@ -55,7 +55,7 @@ def test_missing_configuration_is_explained(inst, monkeypatch):
         kisam.attach(config=inst.config).close()         # the same one is fine
 
 
-def test_configuration_found_under_home_q9(inst, monkeypatch, tmp_path):
+def test_configuration_found_under_home_q9(inst, monkeypatch):
     monkeypatch.delenv("KISCONFIG")
     q9 = os.environ["HOME_Q9"]
     kisam.write_config(os.path.join(q9, "kisamconfig"), buffers=32)
@@ -81,7 +81,6 @@ def test_library_search_order(tmp_path):
     os.makedirs(os.path.dirname(copy))
     shutil.copy(built, copy)
     base = {k: v for k, v in os.environ.items() if k not in ("KISAM_LIBRARY", "LD_LIBRARY_PATH")}
-    base["HOME"] = str(tmp_path)
 
     # 1. An explicit path, before KISAM_LIBRARY.
     out = run_loader("print(kisam.load_library(%r))" % copy, dict(base, KISAM_LIBRARY=built))
