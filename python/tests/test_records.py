@@ -386,3 +386,19 @@ def test_threads_share_a_file(f):
         t.join()
     assert not errors, errors
     assert [r[:8] for r in f] == [b"%08d" % (t * 1000 + i) for t in range(4) for i in range(150)]
+
+
+def test_attachment_made_by_other_code_is_left_to_it(inst):
+    """Code of the process that attached without the package (a C extension, say) keeps
+    its attachment: the package neither attaches a second time nor detaches it."""
+    L = kisam._lib.lib()
+    L.ZTPutEnv(b"KISCONFIG", inst.config.encode())
+    assert L.is_init() == 0
+    with kisam.create(inst.path("x"), [4]) as f:
+        f.put(b"0001")
+    assert kisam.attached() is False and L.ZTKISAMGetComAddr()
+    [shmid] = inst.segment_ids()
+    with open("/proc/sysvipc/shm") as shm:
+        nattch = [int(line.split()[6]) for line in shm if line.split()[1] == str(shmid)]
+    assert nattch == [1]                                 # one attachment, not two
+    L.nisunisam()
