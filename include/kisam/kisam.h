@@ -184,6 +184,12 @@ int kisam_reap(int *pids, int maxpids);
  * -1 when not attached.  Null pointers are skipped. */
 int kisam_recovery_stats(unsigned *cleaned, unsigned *rolledback, int *recent, int maxrecent);
 
+/* Bytes that this library lays out in the shared segment after the regions of the
+ * configuration record (co_comsize bytes): its own state for a configuration of `files`
+ * shared files (co_maxopen), `users` processes (co_maxusers) and `buffers` page buffers
+ * (co_maxbuf).  The segment is co_comsize plus this; -1 for a count below 1. */
+long kisam_area_bytes(int files, int users, int buffers);
+
 #ifdef __cplusplus
 }
 #endif

@@ -80,6 +80,7 @@ _PROTOTYPES = {
     "ZTGetEnvX": (c_char_p, [c_char_p]),
     "ZTPutEnv": (None, [c_char_p, c_char_p]),
     "ZTKISAMGetComAddr": (c_void_p, []),
+    "kisam_area_bytes": (ctypes.c_long, [c_int, c_int, c_int]),
 }
 
 

@@ -76,8 +76,9 @@ class Config:
 
     @property
     def segment_size(self):
-        """Bytes of the shared segment this configuration leads to."""
-        return self.layout().segment_size
+        """Bytes of the shared segment this configuration leads to: the regions the
+        record lays out, and the state the library keeps after them."""
+        return self.layout().segment_size + _area_bytes(self.files, self.users, self.buffers)
 
     def to_bytes(self):
         """The 52-byte record, its computed fields filled as start-up fills them."""
@@ -97,6 +98,16 @@ class Config:
         return cls(files=v[0], buffers=v[1], users=v[2], keys=v[3], avg_alt_keys=v[4],
                    lock_key_len=v[5], locks_per_file=v[6], file_buffers=v[8],
                    files_per_process=v[16], bits=v[17] if bits_present else 0)
+
+
+def _area_bytes(files, users, buffers):
+    """What the library adds after the record's regions (0 when it cannot be asked)."""
+    try:
+        from . import _lib
+        n = _lib.lib().kisam_area_bytes(files, users, buffers)
+    except Exception:  # no library at hand: the record's own size is the best estimate
+        return 0
+    return n if n > 0 else 0
 
 
 def _kernel_limit(name):
@@ -167,7 +178,7 @@ def write_config(path, *, files=64, buffers=256, users=32, keys=25, files_per_pr
                          "or the heap sizing values" % (lay.heap_size // 1024, MAX_HEAP // 1024))
     if lay.segment_size > 0x7FFFFFFF:
         raise ValueError("the shared segment would exceed 2 GiB")
-    why = _kernel_refusal(lay.segment_size)
+    why = _kernel_refusal(c.segment_size)
     if why:
         raise ValueError(why + "; lower buffers or files, or raise the limit with sysctl")
 

@@ -81,3 +81,8 @@ bool isx_attach(size_t segsize) noexcept {
     isx_area = isx_find(reinterpret_cast<char*>(isam_com), segsize);
     return isx_area != nullptr;
 }
+
+extern "C" KISAM_API long kisam_area_bytes(int files, int users, int buffers) {
+    if (files < 1 || users < 1 || buffers < 1) return -1;
+    return static_cast<long>(isx_size(files, users, buffers));
+}
