@@ -43,6 +43,20 @@ int is_getctl(void) noexcept {
     return 0;
 }
 
+namespace {
+
+// With the option, the outermost release syncs the data and clears the mark; 0, or -1
+// (error raised) when that failed.
+int clear_mark(IS_FCP* fcp, IS_PFI* pfi) noexcept {
+    if (!(pfi->pfi_bits & PFI_RDONLY) &&
+        (fcp->is_optbits & (ISO_DIRTYMARK | ISO_CLEARREL | ISO_SEQ)) == (ISO_DIRTYMARK | ISO_CLEARREL) &&
+        fcp_setdatachanged(fcp, pfi, 0, 1) < 0)
+        return -1;
+    return 0;
+}
+
+}  // namespace
+
 int is_relctl(void) noexcept {
     IS_PFI* pfi = is_curpfi;
     IS_FCP* fcp = is_curfcp;
@@ -53,23 +67,20 @@ int is_relctl(void) noexcept {
     // A failed flush keeps the word even at count 0: the unwritten buffers are this
     // process's, and nobody else may see the file half written.
     if (v_flush() != 0) return is_push(PROC(P_IS_RELCTL, 2));
+    // A sync that fails at the outermost release is a failed release like a failed flush.
+    if (pfi->pfi_ctlcnt == 0 && clear_mark(fcp, pfi) != 0) return is_push(PROC(P_IS_RELCTL, 2));
     // The release that ends a unit's hold ends the unit: all of it is on disk.
     jn_release(fcp, pfi->pfi_ctlcnt);
-    if (pfi->pfi_ctlcnt == 0) {
-        if (!(pfi->pfi_bits & PFI_RDONLY) &&
-            (fcp->is_optbits & (ISO_DIRTYMARK | ISO_CLEARREL | ISO_SEQ)) ==
-                (ISO_DIRTYMARK | ISO_CLEARREL))
-            fcp_setdatachanged(fcp, pfi, 0, 1);
-        is_unlock(&fcp->jd_fcplock);
-    }
+    if (pfi->pfi_ctlcnt == 0) is_unlock(&fcp->jd_fcplock);
     return 0;
 }
 
 void is_relctl_again(void) noexcept {
+    kisam::ErrorKeep keep;  // the caller reports the release that failed first
     IS_PFI* pfi = is_curpfi;
     IS_FCP* fcp = is_curfcp;
     if (pfi->pfi_ctlcnt != 0 || fcp->jd_fcplock != static_cast<unsigned>(is_pid)) return;
     const int u = static_cast<int>(pfi - is_pfi);
     const bool pending = isx_area && kisam::isx_file_of(u)->xf_undo != 0;
-    if (v_flush() == 0 || pending) is_unlock(&fcp->jd_fcplock);
+    if ((v_flush() == 0 && clear_mark(fcp, pfi) == 0) || pending) is_unlock(&fcp->jd_fcplock);
 }

@@ -17,6 +17,7 @@
 // Reads: isam_com, is_env (need table), is_pid, is_lockfd, is_curfcp (is_fwait).
 #include "is_lock.h"
 
+#include "is_common.h"
 #include "os.h"
 
 #include <atomic>
@@ -41,6 +42,14 @@ inline std::atomic_ref<uint32_t> word(volatile unsigned* p) {
     int e = errno;
     std::printf(fmt, e);
     std::fflush(stdout);
+    // Standard output may go anywhere (or nowhere); the reason a process ends must not.
+    std::fprintf(stderr, fmt, e);
+    std::fflush(stderr);
+    // Leave no segment that nobody is attached to.  (A call this process was making
+    // stays in its journal and is rolled back by the next process that takes the file,
+    // or at the next start.)
+    freecom();
+    isam_com = nullptr;
     std::abort();
 }
 

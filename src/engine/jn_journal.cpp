@@ -525,8 +525,12 @@ void jn_abort(void) noexcept {
     jn_head* h = own.m.h;
     const int u = own.u;
     // A call refused before it changed anything (a missing record, say) has nothing to
-    // undo.
+    // undo -- but for a page it may have added to the file before it failed.
     if (h->jh_npages == 0 && std::memcmp(h->jh_fcp, &own.fcp->is_magic, h->jh_fcplen) == 0) {
+        const int fd = is_pfi[u].pfi_osfd;
+        const off_t end = v_fileoffset(own.fcp, own.fcp->is_lastpage);
+        struct stat st;
+        if (fd >= 0 && end > 0 && kisam::os.fstat(fd, &st) == 0 && st.st_size > end) kisam::os_ftruncate(fd, end);
         state_of(h).store(JN_IDLE, std::memory_order_release);
         return;
     }

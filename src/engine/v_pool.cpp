@@ -852,14 +852,26 @@ int fcp_setdatachanged(IS_FCP* fcp, IS_PFI* pfi, int datachangedf, int syncf) no
     if ((fcp->is_optbits & ISO_SEQ) || (pfi->pfi_bits & PFI_RDONLY)) return 0;
     const bool marked = fcp->is_optbits & ISO_DIRTYMARK;
     if ((datachangedf != 0) == marked) return 0;
+    // The data must be on disk before a mark that says it is clean, and a mark that says
+    // it is being changed before the data: a synchronisation that fails leaves the mark
+    // as it was, and says so.
+    if (syncf && kisam::os_fdatasync(pfi->pfi_osfd) != 0) {
+        is_raise(ISE_FLFCP, PROC(P_V_READ, 1));
+        return -1;
+    }
     if (datachangedf)
         fcp->is_optbits |= ISO_DIRTYMARK;
     else
         fcp->is_optbits &= static_cast<uint8_t>(~ISO_DIRTYMARK);
-    if (syncf) kisam::os_fdatasync(pfi->pfi_osfd);
     fcp->is_optbits &= static_cast<uint8_t>(~ISO_CHANGED);
-    if (write_fcp(fcp, pfi->pfi_osfd) != 0) return -1;
-    if (syncf) kisam::os_fdatasync(pfi->pfi_osfd);
+    if (write_fcp(fcp, pfi->pfi_osfd) != 0) {
+        is_raise(ISE_FLFCP, PROC(P_V_READ, 1));
+        return -1;
+    }
+    if (syncf && kisam::os_fdatasync(pfi->pfi_osfd) != 0) {
+        is_raise(ISE_FLFCP, PROC(P_V_READ, 1));
+        return -1;
+    }
     return 1;
 }
 

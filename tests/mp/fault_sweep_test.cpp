@@ -1,0 +1,280 @@
+// Failing system calls at every point of a workload: the nth page read, page write,
+// data synchronisation, journal reservation or lock call of a run of writes, forced
+// writes, updates, deletes and reads of records of 18 to 3,000 bytes on a 3-key file
+// fails -- once, or from then on (a disk that stays full) -- for every n.  Every call
+// either succeeds or fails with an error code; once the fault is gone, the file holds
+// exactly what the calls that succeeded made of it, and the structural checker finds it
+// sound.  Lock calls that fail end the process with the lock layer's message; the calls
+// it completed before are all there for the next process.
+#include "../engine/open_fixture.h"
+
+#include "kcheck.h"
+
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <map>
+#include <random>
+
+namespace {
+
+using ot::Env;
+using kt::Faults;
+
+constexpr int kLens[3] = {6, 8, 4};
+constexpr int kMin = 18;
+
+struct Step {
+    char op;   // w write, f forced write, u update, d delete, r read along key 1
+    int id, gen, size;
+};
+
+std::string record(int id, int gen, int size) {
+    std::string r(static_cast<size_t>(size), '.');
+    char k[32];
+    std::snprintf(k, sizeof k, "%06d%08d%04d", id, (id * 31 + gen * 7) % 100000000, gen % 10000);
+    std::memcpy(&r[0], k, kMin);
+    for (size_t i = kMin; i < r.size(); ++i) r[i] = static_cast<char>('a' + (id + gen + i) % 26);
+    return r;
+}
+
+std::vector<Step> workload() {
+    std::mt19937 rng(11);
+    auto size = [&] { return rng() % 3 == 0 ? kMin + static_cast<int>(rng() % 2980) : kMin + static_cast<int>(rng() % 120); };
+    std::vector<Step> w;
+    for (int i = 0; i < 24; ++i) w.push_back({'w', static_cast<int>(rng() % 40), 0, size()});
+    const char ops[] = {'w', 'f', 'u', 'u', 'd', 'r'};
+    for (int i = 0; i < 26; ++i) w.push_back({ops[rng() % 6], static_cast<int>(rng() % 40), i + 1, size()});
+    return w;
+}
+
+// Runs the workload on fd, keeping `model` to what the calls that succeeded did.  A
+// failing call must carry an error code.
+void run(int fd, const std::vector<Step>& w, std::map<int, std::string>& model, bool* coded) {
+    char buf[4000];
+    for (const Step& s : w) {
+        const std::string r = record(s.id, s.gen, s.size);
+        const bool had = model.count(s.id) != 0;
+        int rc = 0;
+        switch (s.op) {
+            case 'w': rc = niswrite(fd, r.data(), s.size); if (rc == 0) model[s.id] = r; break;
+            case 'f': rc = nisfwrite(fd, r.data(), s.size); if (rc == 0) model[s.id] = r; break;
+            case 'u': rc = nisupdate(fd, r.data(), s.size); if (rc == 0) model[s.id] = r; break;
+            case 'd': rc = nisdelete(fd, r.data()); if (rc == 0) model.erase(s.id); break;
+            case 'r':
+                nisseek(fd, 1, "");
+                while ((rc = nisread(fd, 1, buf, sizeof buf)) > 0) {}
+                break;
+        }
+        // Every failure carries a code.  Before the fault, the only failure is a record
+        // that is not there; afterwards a failed search also ends as ISE_NOKEY (the
+        // delete's own code for any search that does not find the record).
+        if (rc < 0 && is_errno <= 0) *coded = false;
+        if (rc < 0 && is_errno == ISE_NOKEY && had && !Faults::hit()) *coded = false;
+    }
+}
+
+class Sweep : public Env {
+protected:
+    void SetUp() override { ::alarm(600); }
+    void TearDown() override {
+        ::alarm(0);
+        Env::TearDown();
+    }
+
+    // Creates the file afresh (no fault), with the options of `bits`.
+    int fresh(const std::string& f) {
+        ::unlink(f.c_str());
+        int fd = niscreate(f.c_str(), 3, const_cast<int*>(kLens));
+        EXPECT_GE(fd, 0);
+        return fd;
+    }
+
+    // The file as the next process finds it, compared with the model; then the checker.
+    ::testing::AssertionResult matches(const std::string& f, const std::map<int, std::string>& model) {
+        int fd = nisopen(f.c_str(), ISO_RDONLY | ISF_NOVERIFY);
+        if (fd < 0) return ::testing::AssertionFailure() << "open fails: " << is_errno;
+        std::map<int, std::string> got;
+        char buf[4000];
+        int n;
+        while ((n = nisread(fd, 0, buf, sizeof buf)) > 0) got[std::atoi(std::string(buf, 6).c_str())] = std::string(buf, n);
+        nisclose(fd);
+        nisunisam();
+        if (n < 0) return ::testing::AssertionFailure() << "read fails: " << is_errno;
+        if (got != model) {
+            for (const auto& [id, r] : model)
+                if (!got.count(id) || got[id] != r)
+                    return ::testing::AssertionFailure() << "record " << id << " is not as the calls made it";
+            return ::testing::AssertionFailure() << "a record no call left there";
+        }
+        kisam::check::Report rep = kisam::check::check_file(f);
+        if (!rep.ok) return ::testing::AssertionFailure() << rep.error;
+        return ::testing::AssertionSuccess();
+    }
+
+    // Sweeps kind over every n (every `stride`th), once and from then on.
+    void sweep(Faults::Kind kind, const char* what, int stride = 1) {
+        const std::string f = path("s");
+        const std::vector<Step> w = workload();
+        int total;
+        {
+            int fd = fresh(f);
+            std::map<int, std::string> model;
+            bool coded = true;
+            Faults count;
+            run(fd, w, model, &coded);
+            total = Faults::calls(kind);
+            nisclose(fd);
+            nisunisam();
+            ASSERT_TRUE(coded);
+            ASSERT_TRUE(matches(f, model));
+        }
+        ASSERT_GT(total, 0) << what;
+        int failed_calls = 0;
+        for (Faults::Mode mode : {Faults::kOnce, Faults::kFromThenOn}) {
+            for (int n = 1; n <= total; n += stride) {
+                SCOPED_TRACE(std::string(what) + (mode == Faults::kOnce ? " failing once" : " failing from then on") +
+                             " at call " + std::to_string(n) + " of " + std::to_string(total));
+                int fd = fresh(f);
+                std::map<int, std::string> model;
+                bool coded = true;
+                {
+                    Faults fail;
+                    fail.arm(kind, n, mode, kind == Faults::kWrite && mode == Faults::kFromThenOn ? ENOSPC : EIO);
+                    run(fd, w, model, &coded);
+                    failed_calls += Faults::hit();
+                }
+                ASSERT_TRUE(coded) << "a call failed without an error code";
+                nisclose(fd);
+                nisunisam();
+                ASSERT_TRUE(matches(f, model));
+                ASSERT_LT(::shmget(inst_->key(), 0, 0), 0) << "a segment was left behind";
+            }
+        }
+        std::printf("[ sweep    ] %s: %d points, each once and from then on\n", what, (total + stride - 1) / stride);
+    }
+};
+
+TEST_F(Sweep, PageWrites) {
+    start();
+    sweep(Faults::kWrite, "page writes");
+}
+
+TEST_F(Sweep, PageReads) {
+    // A pool smaller than the file, so that reads keep going to the disk.
+    kt::Config c;
+    c.maxbuf = 10;
+    start(c);
+    sweep(Faults::kRead, "page reads");
+}
+
+TEST_F(Sweep, SynchronisationsWithTheMark) {
+    kt::Config c;
+    c.bits = 0x1 | 0x2;  // keep the mark, sync when it changes
+    start(c);
+    sweep(Faults::kSync, "synchronisations (mark on change)");
+}
+
+TEST_F(Sweep, SynchronisationsAtRelease) {
+    kt::Config c;
+    c.bits = 0x1 | 0x4;  // keep the mark, clear it (syncing) at every final release
+    start(c);
+    sweep(Faults::kSync, "synchronisations (every release)", 5);
+}
+
+TEST_F(Sweep, JournalReservations) {
+    start();
+    sweep(Faults::kAlloc, "journal reservations");
+}
+
+// A failing lock call ends the process with the lock layer's message on standard error
+// (or, where the failure is an answer -- a range found busy -- the call goes on); the
+// calls it completed are there for the next process, and the segment is not left behind.
+TEST_F(Sweep, LockCalls) {
+    start();
+    const std::string f = path("s");
+    const std::vector<Step> w = workload();
+    int total;
+    {
+        int fd = fresh(f);
+        std::map<int, std::string> model;
+        bool coded = true;
+        Faults count;
+        run(fd, w, model, &coded);
+        total = Faults::calls(Faults::kLock);
+        nisclose(fd);
+        nisunisam();
+    }
+    int aborted = 0;
+    for (int n = 1; n <= total; n += 2) {
+        SCOPED_TRACE("lock call " + std::to_string(n) + " of " + std::to_string(total));
+        {
+            int fd = fresh(f);
+            nisclose(fd);
+            nisunisam();
+        }
+        // The child logs each call it completed; the parent replays the log.
+        const std::string log = path("acked");
+        ::unlink(log.c_str());
+        std::string err;
+        int st = 0;
+        err = kt::capture_output(2, [&] {
+            st = kt::run_child([&] {
+                int fd = nisopen(f.c_str(), ISO_RDWR);
+                if (fd < 0) return 3;
+                FILE* lg = std::fopen(log.c_str(), "w");
+                std::map<int, std::string> model;
+                bool coded = true;
+                Faults fail;
+                fail.arm(Faults::kLock, n, Faults::kOnce);
+                for (size_t i = 0; i < w.size(); ++i) {
+                    std::vector<Step> one{w[i]};
+                    run(fd, one, model, &coded);
+                    std::fprintf(lg, "%zu\n", i);
+                    std::fflush(lg);
+                }
+                fail.disarm();
+                nisclose(fd);
+                nisunisam();
+                return coded ? 0 : 4;
+            });
+        });
+        if (st == 128 + SIGABRT) {
+            ++aborted;
+            EXPECT_NE(err.find("fail - errno = "), std::string::npos) << "no message: " << err;
+        } else {
+            ASSERT_EQ(st, 0) << err;
+        }
+        // What the acknowledged calls made; the one cut short is whole or absent.
+        std::map<int, std::string> model;
+        bool coded = true;
+        size_t acked = 0;
+        if (FILE* lg = std::fopen(log.c_str(), "r")) {
+            size_t i;
+            while (std::fscanf(lg, "%zu", &i) == 1) acked = i + 1;
+            std::fclose(lg);
+        }
+        // Replay in this process on a copy, to learn what the calls did.
+        const std::string copy = path("replay");
+        ::unlink(copy.c_str());
+        int fd = niscreate(copy.c_str(), 3, const_cast<int*>(kLens));
+        ASSERT_GE(fd, 0);
+        std::vector<Step> done(w.begin(), w.begin() + static_cast<long>(acked));
+        run(fd, done, model, &coded);
+        std::map<int, std::string> with_next = model;
+        if (acked < w.size()) {
+            std::vector<Step> next{w[acked]};
+            run(fd, next, with_next, &coded);
+        }
+        nisclose(fd);
+        nisunisam();
+        ::testing::AssertionResult a = matches(f, model);
+        if (!a) {
+            EXPECT_TRUE(matches(f, with_next)) << a.message();
+        }
+        ASSERT_LT(::shmget(inst_->key(), 0, 0), 0) << "a segment was left behind";
+    }
+    std::printf("[ sweep    ] lock calls: %d points, %d ended the process\n", (total + 1) / 2, aborted);
+}
+
+}  // namespace
