@@ -5,7 +5,7 @@ JOBS       ?= $(shell nproc)
 PREFIX     ?= /usr/local
 CMAKE_ARGS ?=
 
-.PHONY: all test asan test-asan demo install bench clean
+.PHONY: all test asan test-asan soak demo install bench clean
 
 all: $(BUILD)/CMakeCache.txt
 	cmake --build $(BUILD) -j $(JOBS)
@@ -22,6 +22,12 @@ test-asan asan:
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=0:abort_on_error=1 \
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest --output-on-failure -j $(JOBS)
+
+# Processes killed under load, at length: KILLS kills in each of the two kill tests
+# (10,000 in all by default), every worker's calls checked; prints the figures.
+KILLS ?= 5000
+soak: all
+	cd $(BUILD) && KISAM_KILLS=$(KILLS) ./tests/kill_mp_test
 
 demo: all
 	@if [ -x tools/demo.sh ]; then tools/demo.sh $(BUILD); else echo "demo: not available yet"; exit 1; fi

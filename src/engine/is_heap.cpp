@@ -10,6 +10,9 @@
 //  4. Every link is a heap offset, never an address; every block starts on a 16-byte
 //     boundary from the heap's start, which itself is only 4-aligned in the segment,
 //     so headers are reached only through Cheader (declared 4-aligned).
+//  5. A process killed between any two stores of an allocation or a release leaves no
+//     two free blocks overlapping: a block is taken out of the list before it shrinks
+//     or is handed out, and linked in only once complete; at worst a block is lost.
 // Reads and writes: isam_com->free_base, free_lock; is_env.heap_ as the heap's start.
 #include "is_heap.h"
 
@@ -131,8 +134,10 @@ void freencom(char* ap, unsigned int nbytes) noexcept {
         b->Cnext = next;
     }
     if (p_off + p->Csize * kUnit == b_off) {  // merge into the block below
-        p->Csize += b->Csize;
+        // Link first, grow second: a process killed between the two leaves the block
+        // out of the list (lost to use), never a free block that overlaps another.
         p->Cnext = b->Cnext;
+        p->Csize += b->Csize;
     } else {
         p->Cnext = b_off;
     }

@@ -745,8 +745,7 @@ void jn_leftover(char* base, size_t segsize) noexcept {
         // show the state of a call that a journal has just undone on disk: the disk
         // copy is the one that counts.)
         if (f->is_optbits & ISO_SEQ) continue;
-        const isx_file* xf = reinterpret_cast<const isx_file*>(reinterpret_cast<char*>(x) + x->xh_file_base) + u;
-        if (xf->xf_undo != 0) continue;
+        // (A rollback it names is settled by now, or its journal is among the busy ones.)
         bool dirty = false;
         int n = 0;
         for (int sl = f->jd_buf_hd; sl >= 0 && sl < com->maxbufs && n < com->maxbufs; sl = bufs[sl].bu_next, ++n)

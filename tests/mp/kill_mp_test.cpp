@@ -345,7 +345,7 @@ protected:
         ASSERT_EQ(nisclose(fd), 0);
         nisunisam();
         kisam::check::Report rep = kisam::check::check_file(file);
-        if (!rep.ok && std::getenv("KISAM_KEEP")) {
+        if ((!rep.ok || HasFailure()) && std::getenv("KISAM_KEEP")) {
             // Keep the evidence: the file and the workers' logs.
             std::string cmd = "cp -r '" + inst_->dir() + "' '" + std::getenv("KISAM_KEEP") + "'";
             if (std::system(cmd.c_str()) != 0) std::printf("could not keep %s\n", inst_->dir().c_str());
