@@ -912,6 +912,8 @@ void v_discard(IS_FCP* fcp, int u, PAGE* pages, int n, PAGE from) noexcept {
     }
 }
 
+void v_repair_lists(void) noexcept { repair_lists(); }
+
 void v_forget_file(int u) noexcept {
     if (!isam_com || bk.com != isam_com || !bk.ok || u < 0 || u >= bk.nopen) return;
     bk.auth_gen[u] = 0;

@@ -47,5 +47,9 @@ void v_discard(IS_FCP* fcp, int u, PAGE* pages, int n, PAGE from) noexcept;
 // file that nobody has open any more; false (nothing done) when a slot holds a page not
 // yet on disk.  Requires fcp's control lock.
 bool v_giveback(IS_FCP* fcp, int u) noexcept;
+// Puts every slot that is on no list (left by a process killed while it moved one) back
+// on the free list.  Requires buf_lock; done by the first miss after a dead holder of
+// buf_lock.
+void v_repair_lists(void) noexcept;
 // Drop the whole per-process bookkeeping (after attach, detach or fork).
 void v_reset_process(void) noexcept;

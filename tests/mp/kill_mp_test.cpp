@@ -16,6 +16,8 @@
 #include "../engine/open_fixture.h"
 
 #include "kcheck.h"
+#include "is_lock.h"
+#include "v_pool.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -145,6 +147,31 @@ std::string last_line(const std::string& path) {
 volatile sig_atomic_t g_stop = 0;
 void on_stop(int) { g_stop = 1; }
 
+// Opens and closes a second file, locks records of it and writes to it: opens and
+// closes anywhere (the first open enters the file in the shared table, the last close
+// frees its control page and buffers), heap blocks for record locks, buffers moving
+// between files -- so that kills land in those too.
+void churn(const std::string& file, std::mt19937_64& rng) {
+    int fd = nisopen(file.c_str(), ISO_RDWR);
+    if (fd < 0) {
+        std::fprintf(stderr, "churn: open fails, errno %d\n", is_errno);
+        std::_Exit(58);
+    }
+    const int id = 5000 + static_cast<int>(rng() % 300);
+    std::string r = record(id, static_cast<int>(rng() % 100), kMinRec + static_cast<int>(rng() % 1500));
+    if (nislock(fd, r.data(), kL0, 1) == 0) {
+        if (niswrite(fd, r.data(), static_cast<int>(r.size())) < 0 ||
+            nisunlock(fd, r.data(), kL0, 0) != 0) {
+            std::fprintf(stderr, "churn: write or unlock fails, errno %d\n", is_errno);
+            std::_Exit(59);
+        }
+    }
+    char buf[4000];
+    if (nisread(fd, 1, buf, sizeof buf) < 0) std::_Exit(61);
+    if (rng() % 4 == 0) nisdelete(fd, r.data());
+    nisclose(fd);
+}
+
 [[noreturn]] void worker(int slot, const std::string& file, const std::string& logpath, uint64_t seed) {
     ot::become_unattached();
     ::signal(SIGUSR1, on_stop);
@@ -176,6 +203,10 @@ void on_stop(int) { g_stop = 1; }
         const int gen = static_cast<int>(rng() % 0xFFFF);
         const int size = rng() % 4 == 0 ? kMinRec + static_cast<int>(rng() % (3000 - kMinRec))
                                         : kMinRec + static_cast<int>(rng() % 200);
+        if (roll < 8) {
+            churn(file + ".churn", rng);
+            continue;
+        }
         if (roll < 35) {
             // Reads along every key, from anywhere: whatever comes back must be whole.
             const int key = static_cast<int>(rng() % 3);
@@ -300,9 +331,55 @@ protected:
         ++m.killed;
     }
 
+    // The shared structures as the dead left them, with this process attached all along:
+    // the heap's free list and the buffer lists are whole (slots that a killed mover left
+    // on no list are put back by the first taker of buf_lock, as a miss would).
+    void check_shared() {
+        ASSERT_EQ(is_lock(&isam_com->free_lock), 0);
+        const RELt limit = static_cast<RELt>(isam_com->comsize - isam_com->heap_base);
+        RELt p = 0;
+        int wraps = 0, blocks = 0;
+        do {
+            const Cheader* b = kisam::rel_ptr<Cheader>(p);
+            const RELt next = b->Cnext;
+            ASSERT_LT(next, limit) << "heap: a link out of the heap";
+            ASSERT_EQ(next % 16, 0u);
+            if (next <= p) {
+                ++wraps;
+            } else {
+                ASSERT_LE(p + b->Csize * 16, next) << "heap: free blocks overlap at " << p;
+            }
+            if (p != 0) {
+                ASSERT_GT(b->Csize, 0u);
+            }
+            p = next;
+            ASSERT_LT(++blocks, 100000) << "heap: the free list runs in a circle";
+        } while (p != 0);
+        EXPECT_LE(wraps, 1) << "heap: the free list is not in order";
+        is_unlock(&isam_com->free_lock);
+
+        ASSERT_EQ(is_lock(&isam_com->buf_lock), 0);
+        if (is_lock_stale) v_repair_lists();
+        const int nb = isam_com->maxbufs;
+        std::vector<int> seen(static_cast<size_t>(nb), 0);
+        auto walk = [&](int head) {
+            for (int sl = head, n = 0; sl >= 0 && n <= nb; sl = is_env.buf_[sl].bu_next, ++n) {
+                ASSERT_LT(sl, nb);
+                ++seen[static_cast<size_t>(sl)];
+            }
+        };
+        walk(isam_com->buf_free);
+        for (int u = 0; u < isam_com->maxopen; ++u)
+            if (const IS_FCP* f = kisam::pfo_fcp(u)) walk(f->jd_buf_hd);
+        for (int sl = 0; sl < nb; ++sl)
+            EXPECT_EQ(seen[static_cast<size_t>(sl)], 1) << "buffer " << sl << " is on " << seen[static_cast<size_t>(sl)] << " lists";
+        is_unlock(&isam_com->buf_lock);
+    }
+
     // Every worker is dead: attach, settle the calls they were making, compare the file
     // with the model, detach, and run the structural checker on the file.
     void check_round(const std::string& file, int workers) {
+        if (isam_com) check_shared();
         int fd = nisopen(file.c_str(), ISO_RDWR);
         char msg[256];
         niserrmsgget(msg, sizeof msg);
@@ -345,6 +422,8 @@ protected:
         ASSERT_EQ(nisclose(fd), 0);
         nisunisam();
         kisam::check::Report rep = kisam::check::check_file(file);
+        kisam::check::Report crep = kisam::check::check_file(file + ".churn");
+        ASSERT_TRUE(crep.ok) << "the churned file: " << crep.error;
         if ((!rep.ok || HasFailure()) && std::getenv("KISAM_KEEP")) {
             // Keep the evidence: the file and the workers' logs.
             std::string cmd = "cp -r '" + inst_->dir() + "' '" + std::getenv("KISAM_KEEP") + "'";
@@ -364,9 +443,11 @@ protected:
         ASSERT_EQ(kt::run_child([&] {
             ot::become_unattached();
             const int lens[3] = {kL0, kL1, kL2};
-            int fd = niscreate(file.c_str(), 3, const_cast<int*>(lens));
-            if (fd < 0) return 1;
-            nisclose(fd);
+            for (const std::string& f : {file, file + ".churn"}) {
+                int fd = niscreate(f.c_str(), 3, const_cast<int*>(lens));
+                if (fd < 0) return 1;
+                nisclose(fd);
+            }
             nisunisam();
             return 0;
         }), 0);
@@ -393,6 +474,11 @@ protected:
         while (done < kills) {
             int workers = 2 + static_cast<int>(rng() % (kMaxWorkers - 1));
             if (const char* w = std::getenv("KISAM_WORKERS")) workers = std::atoi(w);
+            // Every other round this process stays attached, so that the segment (and
+            // whatever the killed left in it) outlives the workers.
+            if (rounds % 2 == 1) {
+                ASSERT_GE(nisopen(file.c_str(), ISO_RDONLY), 0);
+            }
             for (int s = 0; s < workers; ++s) spawn(s);
             for (int k = 0; k < 50 && done < kills; ++k, ++done) {
                 ::usleep(static_cast<useconds_t>(rng() % 50000));
