@@ -62,7 +62,7 @@ void run(int fd, const std::vector<Step>& w, std::map<int, std::string>& model, 
             case 'u': rc = nisupdate(fd, r.data(), s.size); if (rc == 0) model[s.id] = r; break;
             case 'd': rc = nisdelete(fd, r.data()); if (rc == 0) model.erase(s.id); break;
             case 'r':
-                nisseek(fd, 1, "");
+                nisseek(fd, 1, "\0\0\0\0\0\0\0\0");
                 while ((rc = nisread(fd, 1, buf, sizeof buf)) > 0) {}
                 break;
         }

@@ -342,15 +342,16 @@ protected:
         do {
             const Cheader* b = kisam::rel_ptr<Cheader>(p);
             const RELt next = b->Cnext;
+            const uint64_t size = kisam::load_at<uint64_t>(&b->Csize);  // 4-aligned in the heap
             ASSERT_LT(next, limit) << "heap: a link out of the heap";
             ASSERT_EQ(next % 16, 0u);
             if (next <= p) {
                 ++wraps;
             } else {
-                ASSERT_LE(p + b->Csize * 16, next) << "heap: free blocks overlap at " << p;
+                ASSERT_LE(p + size * 16, next) << "heap: free blocks overlap at " << p;
             }
             if (p != 0) {
-                ASSERT_GT(b->Csize, 0u);
+                ASSERT_GT(size, 0u);
             }
             p = next;
             ASSERT_LT(++blocks, 100000) << "heap: the free list runs in a circle";
