@@ -304,7 +304,8 @@ protected:
                 m.op = op, m.id = id, m.gen = gen, m.size = size;
                 ++m.calls;
             } else if (std::sscanf(line, "E %d %d %d", &seq, &rc, &err) == 3) {
-                ASSERT_TRUE(m.pending) << "slot " << s << ": an end without a start";
+                ASSERT_TRUE(m.pending) << "slot " << s << ": an end without a start at offset " << m.offset
+                                       << ": " << line;
                 if (rc >= 0) m.recs[m.id] = after(m.op, m.recs[m.id], m.gen, m.size);
                 m.pending = false;
             } else if (std::sscanf(line, "R %d %d %d", &id, &gen, &size) == 3) {
@@ -390,7 +391,7 @@ protected:
             SlotModel& m = model_[s];
             if (m.pending) {
                 Rec now = stored(fd, m.id);
-                Log(logs_[s]).line("R %d %d %d\n", m.id, now.gen, now.size);
+                Log(logs_[s]).line("R %d %d %d supervisor\n", m.id, now.gen, now.size);
                 resolve(s, now);
                 FILE* f = std::fopen(logs_[s].c_str(), "r");
                 std::fseek(f, 0, SEEK_END);
