@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 
 #include <cstdio>
+#include <algorithm>
 #include <random>
 
 namespace {
@@ -277,6 +278,51 @@ TEST_F(Undo, FailureAtEveryPageWriteIsUndone) {
             }
         }
     }
+}
+
+}  // namespace
+
+namespace {
+
+// A write whose closing flush cannot write the control page learns it: -1 with the
+// release's 0x2402 over the flush's ISE_FLFCP, and the record is not there once writes
+// succeed again -- nor is anything else of the call.
+TEST_F(Undo, AFailedControlPageWriteFailsTheCallAndUndoesIt) {
+    const std::string f = path("c");
+    const int lens[3] = {kL0, kL1, kL2};
+    int fd = niscreate(f.c_str(), 3, const_cast<int*>(lens));
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(apply(fd, {"", kWrite, 1, 0, 500}), 0);
+    const std::string before = slurp(f);
+    int writes;
+    {
+        // The same call on a copy, to count its page writes: the last one is the control
+        // page at the closing release.
+        const std::string g = path("c2");
+        spit(g, before);
+        int gd = nisopen(g.c_str(), ISO_RDWR);
+        ASSERT_GE(gd, 0);
+        Faults count;
+        ASSERT_EQ(apply(gd, {"", kWrite, 2, 0, 500}), 0);
+        writes = Faults::calls(Faults::kWrite);
+        nisclose(gd);
+    }
+    {
+        Faults fail;
+        fail.arm(Faults::kWrite, writes, Faults::kFromThenOn, ENOSPC);
+        EXPECT_EQ(apply(fd, {"", kWrite, 2, 0, 500}), -1);
+        EXPECT_EQ(is_errno, ISE_FLFCP);
+        const std::vector<int> stack = kt::error_stack();
+        EXPECT_NE(std::find(stack.begin(), stack.end(), 0x2402), stack.end());
+    }
+    char buf[600];
+    std::string k2 = record(2, 0, 500);
+    EXPECT_EQ(nisfind(fd, 0, k2.data(), buf, sizeof buf), 0);
+    std::string k1 = record(1, 0, 500);
+    EXPECT_EQ(nisfind(fd, 0, k1.data(), buf, sizeof buf), 500);
+    ASSERT_EQ(nisclose(fd), 0);
+    nisunisam();
+    EXPECT_TRUE(same_file(slurp(f), before));
 }
 
 }  // namespace
