@@ -25,9 +25,6 @@ namespace {
 
 constexpr int kClose = 0x3100;
 
-inline bool held_by_me(uint32_t word) {
-    return (word & 0x7FFFFFFFu) == static_cast<uint32_t>(is_pid);
-}
 
 // Releases this handle's record locks and keeps the live-lock figure true.
 void release_handle_locks(int isfd) noexcept {
@@ -141,9 +138,9 @@ KISAM_API int isallclose(void) {
 KISAM_API int nisunisam(void) {
     if (!isam_com) return 0;
     // Words left by an interrupted call of this process.
-    if (held_by_me(isam_com->opcl_lock)) is_unlock(&isam_com->opcl_lock);
-    if (held_by_me(isam_com->free_lock)) is_unlock(&isam_com->free_lock);
-    if (held_by_me(isam_com->buf_lock)) is_unlock(&isam_com->buf_lock);
+    if (is_lock_mine(&isam_com->opcl_lock)) is_unlock(&isam_com->opcl_lock);
+    if (is_lock_mine(&isam_com->free_lock)) is_unlock(&isam_com->free_lock);
+    if (is_lock_mine(&isam_com->buf_lock)) is_unlock(&isam_com->buf_lock);
     is_env.needs_[is_env.useridx] = 0;
 
     isallclose();
@@ -158,6 +155,7 @@ KISAM_API int nisunisam(void) {
 
     is_live_release();
     jn_close();
+    is_lock_forget();
     is_env.pid_[is_env.useridx] = 0;
     freecom();
     isam_com = nullptr;

@@ -79,7 +79,7 @@ void is_relctl_again(void) noexcept {
     kisam::ErrorKeep keep;  // the caller reports the release that failed first
     IS_PFI* pfi = is_curpfi;
     IS_FCP* fcp = is_curfcp;
-    if (pfi->pfi_ctlcnt != 0 || fcp->jd_fcplock != static_cast<unsigned>(is_pid)) return;
+    if (pfi->pfi_ctlcnt != 0 || !is_lock_mine(&fcp->jd_fcplock)) return;
     const int u = static_cast<int>(pfi - is_pfi);
     const bool pending = isx_area && kisam::isx_file_of(u)->xf_undo != 0;
     if ((v_flush() == 0 && clear_mark(fcp, pfi) == 0) || pending) is_unlock(&fcp->jd_fcplock);

@@ -26,10 +26,6 @@ constexpr int kCreate = 0x3200;
 constexpr int kOpen = 0x3800;
 constexpr int kSeqCreate = 0x5000;
 
-inline bool held_by_me(uint32_t word) {
-    return (word & 0x7FFFFFFFu) == static_cast<uint32_t>(is_pid);
-}
-
 int refuse(int code, int procid, int detail) noexcept {
     is_raise(code, procid + detail);
     Iscurfun = static_cast<short>(-procid);
@@ -44,9 +40,9 @@ int is_isin(int procid, int isfd, int keyno) noexcept {
     // A positive Iscurfun means the previous framed call never left: give back the
     // locks it may still hold, so this call does not wait on its own process.
     if (Iscurfun > 0 && isam_com) {
-        if (is_curfcp && is_curpfi && held_by_me(is_curfcp->jd_fcplock)) is_relctl();
-        if (held_by_me(isam_com->opcl_lock)) is_unlock(&isam_com->opcl_lock);
-        if (held_by_me(isam_com->free_lock)) is_unlock(&isam_com->free_lock);
+        if (is_curfcp && is_curpfi && is_lock_mine(&is_curfcp->jd_fcplock)) is_relctl();
+        if (is_lock_mine(&isam_com->opcl_lock)) is_unlock(&isam_com->opcl_lock);
+        if (is_lock_mine(&isam_com->free_lock)) is_unlock(&isam_com->free_lock);
     }
 
     Islastfun = Iscurfun;

@@ -162,6 +162,7 @@ extern "C" KISAM_API int is_init(void) {
     key_t key = ::ftok(have_lk ? lkname : name, 1);
 
     if (ISLockFile(is_lockfd, 0, 2) != 0) return fail(ISE_INITERR, 11);
+    is_lock_forget();  // no word of the segment about to be attached is this process's
     locked = true;
 
     alignas(8) unsigned char buf[kConfigRead];
@@ -246,6 +247,7 @@ extern "C" KISAM_API int is_chinit(void) {
     if (_is_mkpid() != 0) return is_raise(ISE_INITERR, PROC(P_IS_INIT, 8));
     v_reset_process();
     jn_close();  // the parent's journal is the parent's
+    is_lock_forget();  // and so are its locks
     if (is_live_claim() != 0) {
         is_env.pid_[is_env.useridx] = 0;
         return is_raise(ISE_INITERR, PROC(P_IS_INIT, 8));

@@ -53,6 +53,37 @@ inline std::atomic_ref<uint32_t> word(volatile unsigned* p) {
     std::abort();
 }
 
+// The words this process holds (their offsets), so that a word holding this process's
+// pid is known to be this process's -- and not left by a dead one with the same pid.
+// A process holds a handful at once; should more ever be held, the rest are trusted by
+// their pid alone.
+constexpr int kHeld = 64;
+unsigned long held[kHeld];
+int nheld = 0;
+bool held_overflow = false;
+
+bool registered(unsigned long o) {
+    for (int i = 0; i < nheld; ++i)
+        if (held[i] == o) return true;
+    return held_overflow;
+}
+void enter(unsigned long o) {
+    for (int i = 0; i < nheld; ++i)
+        if (held[i] == o) return;
+    if (nheld < kHeld)
+        held[nheld++] = o;
+    else
+        held_overflow = true;
+}
+void leave(unsigned long o) {
+    for (int i = 0; i < nheld; ++i) {
+        if (held[i] == o) {
+            held[i] = held[--nheld];
+            return;
+        }
+    }
+}
+
 void set_need(unsigned long ofst) {
     if (is_env.needs_ != nullptr && is_env.useridx >= 0)
         is_env.needs_[is_env.useridx] = static_cast<uint32_t>(ofst);
@@ -91,27 +122,52 @@ int is_lock(volatile unsigned* lockidp) noexcept {
     }
     const uint32_t cur = w.load(std::memory_order_acquire);
     const uint32_t me = static_cast<uint32_t>(is_pid);
-    if (cur == me) {
+    if (cur == me && registered(o)) {
         is_lock_stale = 0;
         is_lock_stale_pid = 0;
         return 0;
     }
     // Rule 1: a non-zero word that is not ours once the range is ours was left by a
-    // holder that died; the caller may have to repair what it was doing.
+    // holder that died (even when it holds our pid: a dead process may have had it);
+    // the caller may have to repair what it was doing.
     is_lock_stale = cur != 0 ? 1 : 0;
     is_lock_stale_pid = cur;
     w.store(me, std::memory_order_release);
+    enter(o);
     is_incsyslocks();
     return 0;
+}
+
+bool is_lock_mine(const volatile unsigned* lockidp) noexcept {
+    const uint32_t cur = std::atomic_ref<uint32_t>(*const_cast<uint32_t*>(lockidp)).load(std::memory_order_acquire);
+    return cur == static_cast<uint32_t>(is_pid) && registered(kisam::com_offset(lockidp));
+}
+
+uint32_t is_lock_claim(volatile unsigned* lockidp) noexcept {
+    auto w = word(lockidp);
+    const uint32_t cur = w.load(std::memory_order_acquire);
+    const unsigned long o = kisam::com_offset(lockidp);
+    w.store(static_cast<uint32_t>(is_pid), std::memory_order_release);
+    enter(o);
+    is_incsyslocks();
+    return cur;
+}
+
+void is_lock_forget(void) noexcept {
+    nheld = 0;
+    held_overflow = false;
 }
 
 void is_unlock(unsigned* lockidp) noexcept {
     auto w = word(lockidp);
     const uint32_t cur = w.load(std::memory_order_acquire);
-    if (cur == 0 || cur != static_cast<uint32_t>(is_pid)) return;
+    const unsigned long o = kisam::com_offset(lockidp);
+    // A word holding our pid that we did not take is a dead process's: not ours to clear.
+    if (cur == 0 || cur != static_cast<uint32_t>(is_pid) || !registered(o)) return;
     w.store(0, std::memory_order_release);
+    leave(o);
     isam_com->cursyslocks--;
-    if (is_unlockit(kisam::com_offset(lockidp)) != 0) fatal("is unlockit fail - errno = %d\n");
+    if (is_unlockit(o) != 0) fatal("is unlockit fail - errno = %d\n");
 }
 
 void is_incsyslocks(void) noexcept {

@@ -35,3 +35,14 @@ int is_fdone(unsigned* lockidp) noexcept;
 // that holder's pid (0 otherwise).
 extern int is_lock_stale;
 extern uint32_t is_lock_stale_pid;
+
+// Whether this process holds lockidp: the word holds is_pid and this process took it.
+// (Process ids are reused: a word may hold this process's pid left by a dead process
+// that had it, and that word is not this process's.)
+bool is_lock_mine(const volatile unsigned* lockidp) noexcept;
+// After the range of lockidp was granted to this process without waiting (is_lockitnw):
+// makes the word this process's and counts it.  Returns the pid of a holder that died
+// holding it (the word was set and not this process's), else 0.
+uint32_t is_lock_claim(volatile unsigned* lockidp) noexcept;
+// Forgets every word this process believed it held (a child after fork holds none).
+void is_lock_forget(void) noexcept;

@@ -56,7 +56,7 @@ struct TryWord {
     bool ok = false;
     bool took = false;
     TryWord(unsigned* w, bool wait) : word(w) {
-        if (*w == static_cast<unsigned>(is_pid)) {
+        if (is_lock_mine(w)) {
             ok = true;  // already this process's (an application's bracket)
             return;
         }
@@ -66,9 +66,7 @@ struct TryWord {
             prev = is_lock_stale ? is_lock_stale_pid : 0;
         } else {
             if (is_lockitnw(kisam::com_offset(w)) != 0) return;
-            prev = std::atomic_ref<uint32_t>(*w).load();
-            std::atomic_ref<uint32_t>(*w).store(static_cast<uint32_t>(is_pid));
-            is_incsyslocks();
+            prev = is_lock_claim(w);
         }
         ok = took = true;
         if (prev != 0) {
@@ -211,7 +209,7 @@ int is_reap_slot(int i, bool wait) noexcept {
         drop_dead_locks(fcp, static_cast<uint32_t>(pid));
         set_bit(set, u, false);
         fcp->is_usecnt = holders(u, i);
-        if (fcp->is_usecnt == 0 && fcp->jd_fcplock == static_cast<unsigned>(is_pid) && w.took &&
+        if (fcp->is_usecnt == 0 && w.took &&
             release_file(fcp, u)) {
             w.took = false;
             is_unlock(&fcp->jd_fcplock);

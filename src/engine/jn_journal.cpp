@@ -620,7 +620,7 @@ int jn_clear_slot(int i, bool wait) noexcept {
             // tried -- a live holder has taken the dead one's word over and settles the
             // unit itself.
             unsigned* w = &fcp->jd_fcplock;
-            const bool mine = *w == static_cast<unsigned>(is_pid);
+            const bool mine = is_lock_mine(w);
             if (!mine) {
                 unsigned prev = 0;
                 if (wait) {
@@ -634,9 +634,7 @@ int jn_clear_slot(int i, bool wait) noexcept {
                         unmap(m);
                         return -1;
                     }
-                    prev = std::atomic_ref<uint32_t>(*w).load();
-                    std::atomic_ref<uint32_t>(*w).store(static_cast<uint32_t>(is_pid));
-                    is_incsyslocks();
+                    prev = is_lock_claim(w);
                 }
                 if (prev != 0) {
                     jn_note_stale(fcp, prev);

@@ -385,7 +385,7 @@ bool reap_dead_holders() noexcept {
         IS_FCP* f = pfo_fcp(u);
         if (!f) continue;
         const unsigned w = f->jd_fcplock;
-        if (w == 0 || w == static_cast<unsigned>(is_pid)) continue;
+        if (w == 0 || is_lock_mine(&f->jd_fcplock)) continue;
         const unsigned long off = kisam::com_offset(&f->jd_fcplock);
         if (is_lockitnw(off) != 0) continue;  // a live holder
         // The word is cleared before its range is released, so a word still set once the
@@ -394,9 +394,7 @@ bool reap_dead_holders() noexcept {
             is_unlockit(off);
             continue;
         }
-        const unsigned dead = f->jd_fcplock;
-        f->jd_fcplock = static_cast<unsigned>(is_pid);
-        is_incsyslocks();
+        const unsigned dead = is_lock_claim(&f->jd_fcplock);
         // The call it was making is rolled back by the file's next user (noted first: a
         // death of this process meanwhile must not lose it).
         jn_note_stale(f, dead);
@@ -415,7 +413,7 @@ bool fixed_by_us_only() noexcept {
         if (!(b->bu_id & BU_INUSE)) return false;
         const int w = b->bu_id & BU_FILEMASK;
         const IS_FCP* f = w < isam_com->maxopen ? pfo_fcp(w) : nullptr;
-        if (!f || f->jd_fcplock != static_cast<unsigned>(is_pid)) return false;
+        if (!f || !is_lock_mine(&f->jd_fcplock)) return false;
     }
     return true;
 }
@@ -445,14 +443,21 @@ void repair_lists() noexcept {
     std::free(on);
 }
 
+// Takes buf_lock; whoever takes it over from a holder that died first puts back the
+// slots that holder may have left on no list.  0, or -1 (deadlock refused).
+int lock_bufs() noexcept {
+    if (is_lock(&isam_com->buf_lock) != 0) return -1;
+    if (is_lock_stale) repair_lists();
+    return 0;
+}
+
 // The lock-holding part of a miss: a free slot or a victim, attached to u's chain and
 // loaded with pno.  Returns the slot or -1 (error raised, nothing of ours left locked).
 int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb) noexcept {
     struct isam_com* com = isam_com;
     const int nb = com->maxbufs;
     for (;;) {
-        if (is_lock(&com->buf_lock) != 0) return is_raise(ISE_DEADLOCK, PROC(P_V_READ, 6));
-        if (is_lock_stale) repair_lists();
+        if (lock_bufs() != 0) return is_raise(ISE_DEADLOCK, PROC(P_V_READ, 6));
         int S = com->buf_free;
         if (S != -1) {
             if (!valid_slot(S)) {
@@ -479,12 +484,10 @@ int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb) noexcept {
                 if ((id & BU_DIRTY) && (!is_pfi || !writable(&is_pfi[w]))) continue;
                 bool took = false;
                 if (ofcp != bestfcp) {
-                    if (ofcp->jd_fcplock != static_cast<unsigned>(is_pid)) {
+                    if (!is_lock_mine(&ofcp->jd_fcplock)) {
                         if (is_lockitnw(kisam::com_offset(&ofcp->jd_fcplock)) != 0) continue;
-                        const unsigned prev = ofcp->jd_fcplock;
-                        bool stale = prev != 0 && prev != static_cast<unsigned>(is_pid);
-                        ofcp->jd_fcplock = static_cast<unsigned>(is_pid);
-                        is_incsyslocks();
+                        const unsigned prev = is_lock_claim(&ofcp->jd_fcplock);
+                        const bool stale = prev != 0;
                         took = true;
                         // A holder that died may have left fixes on its file's slots, and
                         // a call half done, which the file's next user rolls back.
@@ -818,7 +821,7 @@ void chain_to_free_list(IS_FCP* fcp) noexcept {
         last = s;
     }
     struct isam_com* com = isam_com;
-    while (is_lock(&com->buf_lock) != 0) ZTSleepMS(1);
+    while (lock_bufs() != 0) ZTSleepMS(1);
     fcp->jd_buf_hd = -1;
     if (last >= 0) {
         slot(last)->bu_next = com->buf_free;
