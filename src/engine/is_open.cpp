@@ -391,6 +391,7 @@ KISAM_API int nisopen(const char* filename, int access) {
     isx_file* xf = kisam::isx_file_of(u);
     std::memset(xf, 0, sizeof *xf);
     xf->xf_hand = -1;
+    jn_setpath(u, filename);
     is_open_note(u, true);
     is_env.pfo_tbl[u] = static_cast<int32_t>(kisam::rel_of(fcp));
 
@@ -400,7 +401,6 @@ KISAM_API int nisopen(const char* filename, int access) {
         return fail_fcp(ISE_OPENF, 9);
     }
     v_forget_file(u);
-    jn_setpath(u, filename);
     pfi->pfi_osfd = fd;
     pfi->pfi_nkeys = static_cast<int8_t>(nkeys);
     pfi->pfi_bits = static_cast<uint8_t>((deferf ? PFI_DEFER : 0) | (seqf ? PFI_SEQ : 0) |

@@ -128,6 +128,19 @@ Rec stored(int fd, int id) {
     std::_Exit(52);
 }
 
+// A worker killed while it wrote a line may leave part of it (a write to a file can be
+// cut short by SIGKILL): the part goes, as if the line had not been written.  (A cut
+// "E" line then reads as a call cut short, which it was as far as the log knows.)
+void heal(const std::string& path) {
+    int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+    if (fd < 0) return;
+    off_t end = ::lseek(fd, 0, SEEK_END);
+    char c = '\n';
+    while (end > 0 && ::pread(fd, &c, 1, end - 1) == 1 && c != '\n') --end;
+    if (::ftruncate(fd, end) != 0) std::_Exit(62);
+    ::close(fd);
+}
+
 // The last line of a log, or "".
 std::string last_line(const std::string& path) {
     int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -180,6 +193,7 @@ void churn(const std::string& file, std::mt19937_64& rng) {
         std::fprintf(stderr, "worker %d: open fails, errno %d\n", slot, is_errno);
         std::_Exit(50);
     }
+    heal(logpath);
     Log log(logpath);
     // How did the call of the worker before me end?
     std::string last = last_line(logpath);
@@ -292,6 +306,7 @@ protected:
     // Replays slot s's log from where it was left; checks each resolution line.
     void replay(int s) {
         SlotModel& m = model_[s];
+        heal(logs_[s]);
         FILE* f = std::fopen(logs_[s].c_str(), "r");
         if (!f) return;  // the slot had no worker yet
         std::fseek(f, m.offset, SEEK_SET);
@@ -426,11 +441,7 @@ protected:
         kisam::check::Report rep = kisam::check::check_file(file);
         kisam::check::Report crep = kisam::check::check_file(file + ".churn");
         ASSERT_TRUE(crep.ok) << "the churned file: " << crep.error;
-        if ((!rep.ok || HasFailure()) && std::getenv("KISAM_KEEP")) {
-            // Keep the evidence: the file and the workers' logs.
-            std::string cmd = "cp -r '" + inst_->dir() + "' '" + std::getenv("KISAM_KEEP") + "'";
-            if (std::system(cmd.c_str()) != 0) std::printf("could not keep %s\n", inst_->dir().c_str());
-        }
+        if (!rep.ok || HasFailure()) keep();
         ASSERT_TRUE(rep.ok) << rep.error;
         records_ = static_cast<long>(seen.size());
     }
@@ -485,7 +496,8 @@ protected:
             for (int k = 0; k < 50 && done < kills; ++k, ++done) {
                 ::usleep(static_cast<useconds_t>(rng() % 50000));
                 const int s = static_cast<int>(rng() % workers);
-                ASSERT_TRUE(stop(live_[s])) << "worker " << s << " ended by itself";
+                if (!stop(live_[s])) keep();
+                ASSERT_FALSE(HasFailure() || kept_) << "worker " << s << " ended by itself";
                 live_[s] = 0;
                 spawn(s);
             }
@@ -505,6 +517,16 @@ protected:
         EXPECT_LT(::shmget(inst_->key(), 0, 0), 0) << "a segment was left behind";
     }
 
+    // Keeps the evidence (the files, the journals and the workers' logs) where
+    // KISAM_KEEP says.
+    void keep() {
+        kept_ = true;
+        if (!std::getenv("KISAM_KEEP")) return;
+        std::string cmd = "cp -r '" + inst_->dir() + "' '" + std::getenv("KISAM_KEEP") + "'";
+        if (std::system(cmd.c_str()) != 0) std::printf("could not keep %s\n", inst_->dir().c_str());
+    }
+
+    bool kept_ = false;
     std::vector<std::string> logs_;
     std::vector<SlotModel> model_;
     std::vector<pid_t> live_;
