@@ -135,14 +135,14 @@ typedef struct ZTMutex {
     struct ZTMutex *m_localmp;  /* companion local mutex (global kind), owned */
 } ZTMutex;
 
-#define ZTMTX_INIT    0x1u
-#define ZTMTX_GLOBAL  0x2u
-#define ZTMTX_ONFORK  0x4u
+#define ZTMTX_INIT    0x1u   /* m_bits: initialised */
+#define ZTMTX_GLOBAL  0x2u   /* m_bits: a global (cross-process) mutex */
+#define ZTMTX_ONFORK  0x4u   /* m_bits: held across fork() (ZTMutexLockOnFork) */
 
+/* mtx_headp, mtx_tailp: first and last of the list of every local mutex of the process,
+ * in order of creation (read-only). */
 extern ZTMutex *mtx_headp;
 extern ZTMutex *mtx_tailp;
-
-/* mtx_headp, mtx_tailp: the list of every local mutex of the process (read-only). */
 
 /* A local mutex is a recursive thread mutex of one process.  A global mutex is a named
  * lock shared by every process of the machine: a lock file name + ".lck" (under
@@ -177,8 +177,9 @@ void     ZTMutexFree(ZTMutex *mp);
  * finds it in a consistent state. */
 void     ZTMutexLockOnFork(ZTMutex *mp);
 /* The fork handlers, registered with pthread_atfork at the first mutex initialisation:
- * prepare locks the marked mutexes, parent unlocks them, child re-creates every local
- * mutex unlocked.  A program never needs to call them. */
+ * ZT_PrepareForkCB locks the marked mutexes, ZT_ParentForkCB unlocks them,
+ * ZT_ChildForkCB re-creates every local mutex unlocked.  A program never needs to call
+ * them. */
 void     ZT_PrepareForkCB(void);
 void     ZT_ParentForkCB(void);
 void     ZT_ChildForkCB(void);
@@ -235,7 +236,8 @@ void  ZTSetNoExport(void);
  * message through VError) when one cannot be made.  ZTSysMutexFree frees both. */
 int   ZTSysMutexAlloc(void);
 void  ZTSysMutexFree(void);
-/* Empty the user store, or the system store (and free the system mutexes).  The stores
+/* FreeUsrEnv, FreeSysEnv: empty the user store, or the system store (and free the
+ * system mutexes).  The stores
  * are not loaded again afterwards, and no directory may be looked up any more. */
 void  FreeUsrEnv(void);
 void  FreeSysEnv(void);
@@ -267,7 +269,8 @@ typedef struct ParmData {
 int     ParmOpen(const char *path);
 /* Reads the next record: 1 a record, 0 end of file, -1 read error, -2 no file open. */
 int     ParmRead(void);
-/* The current record's identifier; its value (null when it has none). */
+/* ParmID: the current record's identifier.  ParmValue: its value (null when it has
+ * none). */
 char   *ParmID(void);
 char   *ParmValue(void);
 /* The value split into at most 50 arguments: words and numbers (C syntax: 0x1F, 010),
@@ -355,7 +358,8 @@ int   ZTFileExists(char *path);
  * 0 when it is something else, -1 when it cannot be examined. */
 int   ZTFileIsDir(const char *path);
 int   ZTFileIsFile(const char *path);
-/* POSIX dirname and basename; path may be changed, the result may point into it. */
+/* ZTDirname, ZTBasename: POSIX dirname and basename; path may be changed, the result
+ * may point into it. */
 char *ZTDirname(char *path);
 char *ZTBasename(char *path);
 /* Installs handler for sig with sigaction and returns the previous one (SIG_ERR on
@@ -371,7 +375,7 @@ char *ZTGetUserName(void);
 int   ZTGetUIDFromName(const char *name);
 /* The host name (cached), null on failure. */
 char *ZTGetComputerName(void);
-/* "UNIX", "LINUX", 0 and 0. */
+/* ZTGetOsType: "UNIX".  ZTGetOsName: "LINUX".  ZTGetOsVer, ZTGetOsPlatform: 0. */
 char *ZTGetOsType(void);
 char *ZTGetOsName(void);
 int   ZTGetOsVer(void);
@@ -447,14 +451,16 @@ int   icissubstr(const char *a, const char *b);
 int   cmpbuf(const void *p, const void *q, int n);
 
 /* Big-endian numbers in buffers (most significant byte first, whatever the processor):
- * 2 bytes (W), 4 (L), 8 (L64).  Such keys sort as unsigned numbers. */
+ * ToWBuf, FromWBuf 2 bytes; ToLBuf, FromLBuf 4; ToL64Buf, FromL64Buf 8.  The From forms
+ * return the value signed.  Keys stored so sort as unsigned numbers. */
 void    ToWBuf(void *buf, int v);
 int16_t FromWBuf(const void *buf);
 void    ToLBuf(void *buf, int32_t v);
 int32_t FromLBuf(const void *buf);
 void    ToL64Buf(void *buf, int64_t v);
 int64_t FromL64Buf(const void *buf);
-/* Format n right-aligned in at least w characters into s; return s. */
+/* ZTLtoA, ZTItoA, ZTLongtoA, ZTL64toA: format n right-aligned in at least w characters
+ * into s; return s. */
 char   *ZTLtoA(int32_t n, char *s, int w);
 char   *ZTItoA(int n, char *s, int w);
 char   *ZTLongtoA(int64_t n, char *s, int w);
