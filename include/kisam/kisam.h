@@ -77,7 +77,8 @@ extern "C" {
                                  name is null or longer than 127 characters */
 #define ISE_INVKL         8   /* niscreate: a key length below 1 or too long for an index page;
                                  nisfind without a key; nislock, nisunlock: bad key length */
-#define ISE_RONLY         9   /* niswrite, nisfwrite, nisupdate, nisdelete on a read-only handle */
+#define ISE_RONLY         9   /* niswrite, nisfwrite, nisupdate, nisdelete in a process that
+                                 has the file open read-only only */
 #define ISE_RSIZE         10  /* record size below the sum of the key lengths or above 65534
                                  (writes), or a buffer shorter than key 0 (reads) */
 #define ISE_BADFD         11  /* the descriptor is not open in this process (or the process
@@ -225,7 +226,9 @@ int  niscreate(const char *filename, int nkeys, const int *key_lens);
  * key, each at no position.  access: ISO_RDONLY or ISO_RDWR, plus ISF_* flags.  Opening a
  * file that is open already (in this or another process) shares it; opening it
  * read-write in a process that has it read-only reopens this process's descriptor
- * read-write.  Attaches first when not attached (after checking that the file exists).
+ * read-write.  Read-only belongs to the process's hold of the file, not to one
+ * descriptor: once the process has the file open read-write, each of its descriptors of
+ * the file may write, also those opened with ISO_RDONLY.  Attaches first when not attached (after checking that the file exists).
  * Returns -1 with is_errno:
  *   ISE_OPENF (no such file, null or too long name, open failed), ISE_NOTISAM (no control
  *   page, unknown magic or key table), ISE_INCONSISTENT (data-changed mark set and no
