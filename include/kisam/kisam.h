@@ -40,7 +40,8 @@
  *     that dies, so no lock stays held.  A call interrupted by the kill of its process is
  *     rolled back by the next process that takes the file's control lock.  A record lock
  *     of a dead process is removed by the next nislock() that meets it.  Its slot of the
- *     process table is reused by a later process.
+ *     process table is reused by a later process; if it was the last process attached,
+ *     the shared area stays until a later process attaches and detaches again.
  *   - A failed write.  A niswrite(), nisfwrite(), nisupdate() or nisdelete() that fails
  *     part-way with an error (a full disk, say) leaves the steps already done; the file
  *     stays structurally sound, and "kisam check" shows what is left.

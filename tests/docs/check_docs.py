@@ -15,6 +15,7 @@ Exit status 0 when all is well, 1 with the list of faults otherwise.
 """
 import os
 import re
+import shutil
 import subprocess
 import sys
 
@@ -177,6 +178,8 @@ def plain_text(path):
 
 
 def check_render(man_dir):
+    if shutil.which("man") is None:
+        return ["man not found: install man-db to check the manual pages"]
     faults = []
     for f in sorted(os.listdir(man_dir)):
         if not f.endswith(".3"):
