@@ -28,6 +28,11 @@
  * call: look at it only after a call has failed.  A read that finds no record returns 0,
  * which is not a failure.
  *
+ * Holding.  An operation on a descriptor needs it open in this process (which implies
+ * being attached; otherwise ISE_BADFD).  No operation needs a lock held by the caller:
+ * each takes what it needs and gives it back before it returns, except nisgetctl and
+ * nislock, whose locks the caller gives back with nisrelctl and nisunlock.
+ *
  * Caveats
  *   - One thread at a time.  All of the engine's state (the error state, the current
  *     file, the handle tables) is per process and unguarded: a process must not run two
