@@ -39,8 +39,8 @@
  *     operations at once, from two threads or from a signal handler.
  *   - fork().  A child inherits the parent's attachment and handles but none of its
  *     locks; it must call is_chinit() before any other call of the library, and then
- *     may use the inherited descriptors.  A child that wants its own attachment instead
- *     calls nothing inherited: it may exec, or the parent forks before it attaches.
+ *     may use the inherited descriptors.  A child that exec()s, or whose parent had not
+ *     attached when it forked, starts afresh and attaches on its own.
  *   - A killed process.  Locks are POSIX record locks: the kernel frees those of a process
  *     that dies, so no lock stays held.  A call interrupted by the kill of its process is
  *     rolled back by the next process that takes the file's control lock.  A record lock
