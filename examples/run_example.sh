@@ -17,6 +17,8 @@ HOME=$dir/home
 HOME_Q9=$dir/q9
 PROFILEQ9ENV=$dir/home/.Q9.profile
 KISCONFIG=$dir/kisamconfig
+# EXAMPLE_NO_CONFIG=1: the program runs as on a machine without a configuration.
+[ "${EXAMPLE_NO_CONFIG:-}" = 1 ] && KISCONFIG=$dir/no-such-dir/kisamconfig
 export HOME HOME_Q9 PROFILEQ9ENV KISCONFIG
 (cd "$dir" && "$prog" "$@")
 rc=$?

@@ -5,7 +5,8 @@
  * the common area is shared by every process of an installation, and the control
  * page, B-tree pages and data pages are the file format.  All multi-byte fields
  * are in the machine's byte order (little-endian on x86-64).  Tools may read the
- * common area through these definitions (see ZTKISAMGetComAddr()).
+ * common area through these definitions (see ZTKISAMGetComAddr()); programs never
+ * write it.  A file's size is limited to 4 GiB by its 32-bit page positions.
  */
 #ifndef KISAM_ISAMDB_H
 #define KISAM_ISAMDB_H
@@ -26,11 +27,11 @@ typedef uint32_t LRUt;    /* buffer clock value; skips 0 when it wraps */
 typedef uint16_t MAGICt;  /* magic number of a control page or of the common area */
 typedef unsigned char CmpType;
 
-#define KISAM_NOPAGE   ((PAGE)0xFFFFFFFFu)
-#define KISAM_NOREL    ((RELt)0xFFFFFFFFu)
-#define KISAM_PAGESIZE 1024
-#define KISAM_MAXKEYS  25
-#define KISAM_MAXREC   65534
+#define KISAM_NOPAGE   ((PAGE)0xFFFFFFFFu)  /* no page; also "no record" as a record address */
+#define KISAM_NOREL    ((RELt)0xFFFFFFFFu)  /* no object of the common heap */
+#define KISAM_PAGESIZE 1024                 /* bytes of every page of a file and of a buffer */
+#define KISAM_MAXKEYS  25                   /* most keys a file may have */
+#define KISAM_MAXREC   65534                /* longest record, in bytes */
 
 /* Control-page magics. */
 #define ISMAGIC_1024   0xAB55   /* 1024-byte control page */
@@ -51,7 +52,15 @@ typedef unsigned char CmpType;
 #define ISCOM_MAGIC    0x1412
 #define ISCOM_VERSION  7
 
-/* ---- configuration record (first 52 bytes of the configuration file) ---- */
+/* ---- configuration record (first 52 bytes of the configuration file) ----
+ * co_maxopen: files open at once in the installation, and descriptors per process;
+ * co_maxbuf: page buffers; co_maxusers: processes attached at once; co_maxnkeys: most
+ * keys per file; co_avgalts, co_alenlock, co_anumlock: average alternate keys per file,
+ * record-lock key length and record locks per file, which size the common heap;
+ * co_maxufile: descriptors per process, 0 for co_maxopen; co_bits: 0x1 keep each file's
+ * data-changed mark, with 0x4 clear it at every final control-lock release, or with 0x2
+ * synchronise the file when the mark changes.  The base and size fields are computed at
+ * start-up; stored values are ignored.  "kisam config init" writes the file. */
 struct is_config {
     int16_t  co_maxopen;    /*  0 */
     int16_t  co_maxbuf;     /*  2 */
@@ -74,7 +83,16 @@ struct is_config {
     uint32_t co_bits;       /* 48 */
 };
 
-/* ---- common area header (156 bytes at the start of the shared segment) ---- */
+/* ---- common area header (156 bytes at the start of the shared segment) ----
+ * The first fields repeat the configuration.  Statistics (read them through
+ * ZTKISAMGetComAddr(); they are updated without a common lock, so concurrent updates may
+ * be lost): hit, missfree, misswrite, missread (buffer lookups: found; loaded into a
+ * free buffer; into one whose page had to be written first; into a clean one taken
+ * over), syswrite, sysread (page writes and reads), syswaits (waits for an internal
+ * lock), usrwaits (waits for a record lock), totsyslocks, cursyslocks, maxsyslocks and
+ * totusrlocks, curusrlocks, maxusrlocks (internal and record locks: taken in all, held
+ * now, most held at once).  Lock words (buf_lock, free_lock, opcl_lock) hold the pid of
+ * their holder or 0. */
 struct isam_com {
     int16_t  maxopen;        /*   0 */
     int16_t  maxbufs;        /*   2 */
@@ -166,9 +184,9 @@ struct dr_ctlstruct {        /* segment header of a continued segment */
 };
 
 /* ---- buffer slot (1040 bytes, maxbufs of them at buf_base) ---- */
-#define BU_DIRTY    0x8000
-#define BU_INUSE    0x4000
-#define BU_FILEMASK 0x3FFF
+#define BU_DIRTY    0x8000   /* bu_id: the page was changed and is due to be written */
+#define BU_INUSE    0x4000   /* bu_id: a call holding the file's control lock uses the page */
+#define BU_FILEMASK 0x3FFF   /* bu_id: the owner's slot in the shared-file table */
 
 typedef struct IS_BUF {
     int16_t  bu_next;   /* 0: next slot in the same list, -1 ends */
@@ -231,8 +249,8 @@ typedef struct IS_FCP {
     IS_KEY      is_keys[1];    /* 132 (disk 100): is_nkeys descriptors */
 } IS_FCP;
 
-#define IS_FCP_JDSIZE   32
-#define IS_FCP_SIZE(nkeys) (136 + 16 * (nkeys))
+#define IS_FCP_JDSIZE   32                   /* bytes of the sharing header before is_magic */
+#define IS_FCP_SIZE(nkeys) (136 + 16 * (nkeys))  /* bytes of a shared control page */
 
 /* ---- record-lock entry in the common heap ---- */
 typedef struct IS_RC {
@@ -261,10 +279,10 @@ typedef struct IS_PFI {
     int16_t  pfi_ctlcnt;  /* nesting depth of this process's control-lock hold */
 } IS_PFI;
 
-#define PFI_RDONLY 0x01
-#define PFI_BIGFCP 0x02
-#define PFI_SEQ    0x04
-#define PFI_DEFER  0x08
+#define PFI_RDONLY 0x01   /* pfi_bits: this process has the file read-only */
+#define PFI_BIGFCP 0x02   /* pfi_bits: 1024-byte control page (magic 0xAB55) */
+#define PFI_SEQ    0x04   /* pfi_bits: opened with ISF_SEQ */
+#define PFI_DEFER  0x08   /* pfi_bits: opened with ISF_DEFER */
 
 typedef struct IS_DBKEY {
     PAGE    currpage;     /* page hint, 0xFFFFFFFF none */

@@ -84,6 +84,16 @@ int foreign_segment(Fail& fail) noexcept {
     return fail(ISE_INITERR, 14);
 }
 
+// The last configuration file name kiopenconfigfile tried, for kisam_config_path; empty
+// until the first search.
+char last_config[kNameBuf];
+
+// Opens fnbuf read-only and remembers it as the last name tried.
+int open_config(const char* fnbuf) noexcept {
+    std::snprintf(last_config, sizeof last_config, "%s", fnbuf);
+    return kisam::os_open(fnbuf, O_RDONLY | O_CLOEXEC);
+}
+
 bool config_usable(const is_config& c) {
     return c.co_maxopen >= 1 && c.co_maxbuf >= 1 && c.co_maxusers >= 1 &&
            c.co_maxnkeys <= KISAM_MAXKEYS && c.co_maxufile >= 0;
@@ -106,13 +116,17 @@ int kiopenconfigfile(char* fnbuf, int /*util*/) noexcept {
     const char* conf = ZTGetEnvX("KISCONFIG");
     if (conf && *conf) {
         make_name(fnbuf, conf, "");
-        return kisam::os_open(fnbuf, O_RDONLY | O_CLOEXEC);
+        return open_config(fnbuf);
     }
     make_name(fnbuf, ZTGetEnvX("etc_dir"), "/kisamconfig");
-    int fd = kisam::os_open(fnbuf, O_RDONLY | O_CLOEXEC);
+    int fd = open_config(fnbuf);
     if (fd >= 0 || errno != ENOENT) return fd;
     make_name(fnbuf, ZTGetEnvX("HOME_Q9"), "/kisamconfig");
-    return kisam::os_open(fnbuf, O_RDONLY | O_CLOEXEC);
+    return open_config(fnbuf);
+}
+
+extern "C" KISAM_API const char* kisam_config_path(void) {
+    return last_config[0] ? last_config : nullptr;
 }
 
 extern "C" KISAM_API int is_init(void) {

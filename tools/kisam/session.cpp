@@ -120,12 +120,15 @@ int lib_error(const std::string& cmd, const std::string& what, const std::string
     int proc = static_cast<uint8_t>(is_estk[0].is_eproc);
     int detail = static_cast<uint8_t>(is_estk[0].is_euid);
     std::string hint;
+    // The configuration file the library tried, so that a failed start-up names it.
+    const char* tried = kisam_config_path();
+    const std::string conf = std::string("the configuration file ") + (tried ? std::string(tried) + " " : "");
     switch (is_errno) {
     case ISE_INITERR:
         if (proc != 0x22) break;
         switch (detail) {
-        case 1: hint = "the configuration file cannot be read; create one with 'kisam config init PATH'"; break;
-        case 2: case 3: hint = "the configuration file is empty or shorter than 48 bytes; rewrite it with 'kisam config init PATH --force'"; break;
+        case 1: hint = conf + "cannot be read; create one with 'kisam config init PATH'"; break;
+        case 2: case 3: hint = conf + "is empty or shorter than 48 bytes; rewrite it with 'kisam config init PATH --force'"; break;
         case 4:
             hint = "the kernel refused the shared segment: it may exceed the kernel's shared-memory limits "
                    "(kernel.shmmax, kernel.shmall, kernel.shmmni), or a smaller segment of the same installation "

@@ -1,0 +1,209 @@
+#!/usr/bin/env python3
+"""Checks that the documentation covers the library.
+
+  check_docs.py names MAP HEADER_DIR MAN_DIR
+      Every name that the version script MAP exports is declared in a public header
+      under a comment of its own, and has a section-3 manual page: a page of its name,
+      or a link listed in MAN_DIR/links, whose page mentions it.  Every constant the
+      headers define carries a comment.  New exports (kisam_* extensions among them)
+      are picked up from MAP: document them and the test passes.
+
+  check_docs.py render MAN_DIR
+      Every page renders with man -l without a warning.
+
+Exit status 0 when all is well, 1 with the list of faults otherwise.
+"""
+import os
+import re
+import shutil
+import subprocess
+import sys
+
+
+def exported_names(map_path):
+    text = re.sub(r"/\*.*?\*/", " ", open(map_path).read(), flags=re.S)
+    glob = text.split("global:", 1)[1].split("local:", 1)[0]
+    return sorted({n for n in re.split(r"[\s;{}]+", glob) if n})
+
+
+def read_links(path):
+    """(page, [names]) of man/links: "page:" starts a page, further words name links,
+    and lines may continue on the next lines."""
+    out = []
+    for line in open(path):
+        words = line.split("#", 1)[0].split()
+        if words and words[0].endswith(":"):
+            out.append((words[0][:-1], []))
+            words = words[1:]
+        if words:
+            out[-1][1].extend(words)
+    return out
+
+
+def header_lines(header_dir):
+    out = []
+    for name in sorted(os.listdir(header_dir)):
+        if name.endswith(".h"):
+            path = os.path.join(header_dir, name)
+            out.extend((name, i, line) for i, line in enumerate(open(path).read().split("\n")))
+    return out
+
+
+def is_comment_line(line):
+    s = line.strip()
+    return s.startswith("/*") or s.startswith("*")
+
+
+def attached_comment(lines, i):
+    """The comment block directly above the group of declarations holding line i (the
+    lines up to a blank line or the end of a comment that stands on lines of its own),
+    and the number of lines of code in the group."""
+    j = i
+    decls = 0
+    while j >= 0 and lines[j].strip() and not (is_comment_line(lines[j]) and
+                                               lines[j].rstrip().endswith("*/")):
+        if not is_comment_line(lines[j]):
+            decls += 1
+        j -= 1
+    if j < 0 or not lines[j].strip():
+        return None, decls
+    end = j
+    while j >= 0 and "/*" not in lines[j]:
+        j -= 1
+    return "\n".join(lines[j:end + 1]), decls
+
+
+def declaration(name, hlines):
+    pat = re.compile(r"^(?!\s*(?:/\*|\*|#|typedef\s+struct)).*?[\s*]" + re.escape(name) +
+                     r"\s*(\(|\[|;)")
+    for file, i, line in hlines:
+        code = line.split("/*", 1)[0].rstrip()
+        if code.endswith(";") and pat.match(" " + line):
+            return file, i
+    return None, None
+
+
+def check_names(map_path, header_dir, man_dir):
+    faults = []
+    hlines = header_lines(header_dir)
+    by_file = {}
+    for file, i, line in hlines:
+        by_file.setdefault(file, []).append(line)
+
+    # Header comments of exported functions and globals.
+    names = exported_names(map_path)
+    for name in names:
+        file, i = declaration(name, hlines)
+        if file is None:
+            faults.append(f"{name}: exported but declared in no public header")
+            continue
+        lines = by_file[file]
+        if "/*" in lines[i].split(name, 1)[1]:
+            continue  # a comment of its own beside it
+        comment, decls = attached_comment(lines, i)
+        if comment is None:
+            faults.append(f"{name}: no comment above its declaration ({file}:{i + 1})")
+        elif decls > 1 and not re.search(r"\b" + re.escape(name) + r"\b", comment):
+            faults.append(f"{name}: its declaration shares a comment that does not name it "
+                          f"({file}:{i + 1})")
+
+    # Constants.
+    for file, lines in by_file.items():
+        for i, line in enumerate(lines):
+            m = re.match(r"#define\s+(\w+)", line)
+            if not m or m.group(1).endswith("_H"):
+                continue
+            if "/*" in line or attached_comment(lines, i)[0] is not None:
+                continue
+            faults.append(f"{m.group(1)}: constant without a comment ({file}:{i + 1})")
+
+    # Manual pages: a page of the name, or a link to a page that mentions it.
+    pages = {f[:-2] for f in os.listdir(man_dir) if f.endswith(".3")}
+    links = {}
+    for page, rest in read_links(os.path.join(man_dir, "links")):
+        if page not in pages:
+            faults.append(f"links: {page}.3 is no page")
+        for n in rest:
+            if n in links or n in pages:
+                faults.append(f"links: {n} is listed twice or is a page itself")
+            links[n] = page
+    texts = {p: plain_text(os.path.join(man_dir, p + ".3")) for p in pages}
+    faults.extend(check_error_texts(map_path, by_file.get("kisam.h", []), man_dir))
+    for name in names:
+        page = name if name in pages else links.get(name)
+        if page is None:
+            faults.append(f"{name}: no section-3 page and no link (man/links)")
+        elif not re.search(r"(?<![\w])" + re.escape(name) + r"(?![\w])", texts[page]):
+            faults.append(f"{name}: linked to {page}(3), which does not mention it")
+    return faults
+
+
+def rendered(page, width=80):
+    env = dict(os.environ, MANWIDTH=str(width), LC_ALL="C.UTF-8", MAN_DISABLE_SECCOMP="1")
+    return subprocess.run(["man", "--warnings", "-l", page], stdout=subprocess.PIPE,
+                          stderr=subprocess.PIPE, env=env)
+
+
+def check_error_texts(map_path, kisam_h, man_dir):
+    """niserrmsg(3) names every ISE_* code and gives each message exactly as the
+    library's table has it (a tab written <tab>; runs of blanks compare as one)."""
+    faults = []
+    src = os.path.join(os.path.dirname(os.path.abspath(map_path)), "engine", "is_error.cpp")
+    table = open(src).read().split("msg_tbl[", 1)[1].split("};", 1)[0]
+    msgs = [bytes(m, "ascii").decode("unicode_escape") for m in re.findall(r'"((?:[^"\\]|\\.)*)"', table)]
+    page = rendered(os.path.join(man_dir, "niserrmsg.3"), 1000).stdout.decode()
+    norm = lambda t: " ".join(t.split())
+    flat = norm(page)
+    for code, msg in enumerate(msgs):
+        # Trailing blanks are part of a text; the page says how many.
+        text, blanks = msg.rstrip(" "), len(msg) - len(msg.rstrip(" "))
+        want = "\u201c" + text.replace("\t", "<tab>") + "\u201d"
+        if blanks:
+            want += f" followed by {blanks} blanks"
+        if code and norm(want) not in flat:
+            faults.append(f"niserrmsg(3): message of code {code} missing or changed: {msg!r}")
+    for line in kisam_h:
+        m = re.match(r"#define\s+(ISE_\w+)", line)
+        if m and not re.search(r"\b" + m.group(1) + r"\b", flat):
+            faults.append(f"niserrmsg(3): {m.group(1)} is not listed")
+    return faults
+
+
+def plain_text(path):
+    """The page's words without font changes and escapes, enough to find names in."""
+    t = open(path).read()
+    t = re.sub(r"\\f(\[[^]]*\]|\(..|.)", "", t)
+    t = t.replace("\\-", "-").replace("\\e", "\\").replace("\\&", "")
+    return t
+
+
+def check_render(man_dir):
+    if shutil.which("man") is None:
+        return ["man not found: install man-db to check the manual pages"]
+    faults = []
+    for f in sorted(os.listdir(man_dir)):
+        if not f.endswith(".3"):
+            continue
+        r = rendered(os.path.join(man_dir, f))
+        if r.returncode != 0 or r.stderr.strip() or len(r.stdout) < 200:
+            faults.append(f"{f}: man -l exit {r.returncode}: {r.stderr.decode(errors='replace').strip()}")
+    return faults
+
+
+def main(argv):
+    if len(argv) == 5 and argv[1] == "names":
+        faults = check_names(argv[2], argv[3], argv[4])
+    elif len(argv) == 3 and argv[1] == "render":
+        faults = check_render(argv[2])
+    else:
+        print(__doc__)
+        return 2
+    for f in faults:
+        print(f)
+    if not faults:
+        print(f"check_docs {argv[1]}: ok")
+    return 1 if faults else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv))
