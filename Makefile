@@ -5,7 +5,7 @@ JOBS       ?= $(shell nproc)
 PREFIX     ?= /usr/local
 CMAKE_ARGS ?=
 
-.PHONY: all test asan test-asan demo install bench clean
+.PHONY: all test asan test-asan demo install bench clean fuzz
 
 all: $(BUILD)/CMakeCache.txt
 	cmake --build $(BUILD) -j $(JOBS)
@@ -23,6 +23,12 @@ test-asan asan:
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=0:abort_on_error=1 \
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest --output-on-failure -j $(JOBS)
 
+# Fuzz targets (clang, libFuzzer, sanitizers) in their own tree, each run FUZZ_SECONDS.
+FUZZ_BUILD   ?= build-fuzz
+FUZZ_SECONDS ?= 180
+fuzz:
+	fuzz/run.sh $(FUZZ_BUILD) $(FUZZ_SECONDS)
+
 demo: all
 	@if [ -x tools/demo.sh ]; then tools/demo.sh $(BUILD); else echo "demo: not available yet"; exit 1; fi
 
@@ -33,4 +39,4 @@ bench: all
 	@ls $(BUILD)/bench 2>/dev/null || true
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)
