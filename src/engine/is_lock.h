@@ -10,7 +10,9 @@
 // A waiting request that the kernel refuses with EDEADLK (a cycle of waits between
 // processes) does not abort: the waiting call returns -1, the word is left as it was,
 // and the operation that waited fails with ISE_DEADLOCK, holding nothing it did not hold
-// before.  Every other failure of the lock file aborts the process with a message.
+// before -- except a record-lock wait whose control lock cannot be taken back (is_fwait
+// -2), after which the caller holds that control lock no more.  Every other failure of
+// the lock file aborts the process with a message.
 #pragma once
 
 #include "layout.h"
