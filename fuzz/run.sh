@@ -44,15 +44,19 @@ run_one() {
     local corpus="$build/corpus/$t" found="$build/findings/$t" log="$build/logs/$t.log"
     mkdir -p "$corpus" "$found" "$build/logs"
     cp -n "$src/fuzz/corpus/$t/"* "$corpus/" 2>/dev/null
-    "$build/fuzz/fuzz_$t" "$corpus" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 \
-        -max_len="${max_len[$t]:-8192}" -print_final_stats=1 -artifact_prefix="$found/" >"$log" 2>&1
+    local TIMEFORMAT='%U %S'
+    { time "$build/fuzz/fuzz_$t" "$corpus" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 \
+        -max_len="${max_len[$t]:-8192}" -print_final_stats=1 -artifact_prefix="$found/" >"$log" 2>&1 ; } \
+        2>"$build/logs/$t.cpu"
     local rc=$?
-    local execs cov ft
+    local execs cov ft cpu
+    cpu=$(awk '{ printf "%.1f", ($1 + $2) / 60 }' "$build/logs/$t.cpu")
     execs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -1)
     cov=$(grep -o 'cov: [0-9]*' "$log" | tail -1 | cut -d' ' -f2)
     ft=$(grep -o 'ft: [0-9]*' "$log" | tail -1 | cut -d' ' -f2)
     if [ $rc -eq 0 ] && [ -z "$(ls -A "$found")" ]; then
-        printf 'fuzz %-8s ok      %10s runs  cov %6s  ft %6s  (%ss)\n' "$t" "${execs:-?}" "${cov:-?}" "${ft:-?}" "$seconds"
+        printf 'fuzz %-8s ok  %10s runs  cov %5s  ft %6s  corpus %5s  (%ss, %s CPU-min)\n' "$t" "${execs:-?}" \
+            "${cov:-?}" "${ft:-?}" "$(ls "$corpus" | wc -l)" "$seconds" "$cpu"
     else
         printf 'fuzz %-8s FINDING (exit %d): %s; log %s\n' "$t" "$rc" "$(ls "$found" | head -3 | tr '\n' ' ')" "$log"
         grep -m3 -E 'ERROR|runtime error|finding|SUMMARY' "$log" | sed 's/^/    /'
