@@ -5,7 +5,7 @@ JOBS       ?= $(shell nproc)
 PREFIX     ?= /usr/local
 CMAKE_ARGS ?=
 
-.PHONY: all test asan test-asan soak demo install bench clean
+.PHONY: all test asan test-asan soak fuzz demo install bench clean
 
 all: $(BUILD)/CMakeCache.txt
 	cmake --build $(BUILD) -j $(JOBS)
@@ -29,6 +29,12 @@ KILLS ?= 5000
 soak: all
 	cd $(BUILD) && KISAM_KILLS=$(KILLS) ./tests/kill_mp_test
 
+# Fuzz targets (clang, libFuzzer, sanitizers) in their own tree, each run FUZZ_SECONDS.
+FUZZ_BUILD   ?= build-fuzz
+FUZZ_SECONDS ?= 180
+fuzz:
+	fuzz/run.sh $(FUZZ_BUILD) $(FUZZ_SECONDS)
+
 demo: all
 	@if [ -x tools/demo.sh ]; then tools/demo.sh $(BUILD); else echo "demo: not available yet"; exit 1; fi
 
@@ -39,4 +45,4 @@ bench: all
 	@ls $(BUILD)/bench 2>/dev/null || true
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)

@@ -111,7 +111,12 @@ extern "C" {
 #define ISE_NWSK          21  /* a new page could not be added: the file would pass 4 GiB */
 #define ISE_NWWT          22  /* a new page could not be written (a full disk, say) */
 #define ISE_FLFCP         23  /* the file's control page could not be written */
-#define ISE_BTS           24  /* an index page is not what it should be: the file is damaged */
+/* The file is damaged: a page, link or record met on the way breaks the structure
+ * of the file -- of an index, a data page, an overflow chain or the free chain, not
+ * only of a B-tree.  Every failure that is found in the contents of the file (rather
+ * than in reading or writing it) is reported with this code, and the stack says where
+ * it was found. */
+#define ISE_BTS           24
 #define ISE_KEYSAVE       25  /* no memory to hold a record's key fields */
 #define ISE_TMFILES       26  /* nisopen: this process holds co_maxufile handles already */
 #define ISE_MAGICVALERR   27  /* is_init: the shared area was made by an older library */
@@ -121,7 +126,11 @@ extern "C" {
                                  interrupted); ISF_NOVERIFY opens it all the same */
 /* A wait for a lock that the kernel refused because it would close a cycle of
  * waits between processes (errno EDEADLK).  The operation fails and holds nothing
- * it did not hold before.  It has no text of its own: reports use the
+ * it did not hold before.  One case gives up more: nislock, having waited for a
+ * record lock, must take the file's control lock back; when that is refused again
+ * and again for about a second, it returns -1 with this code and this process then
+ * holds the file's control lock no more, also where it had taken it with nisgetctl
+ * (a later nisrelctl is harmless).  It has no text of its own: reports use the
  * "isam error #31" form followed by the system error. */
 #define ISE_DEADLOCK      31
 

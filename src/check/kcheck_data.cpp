@@ -225,9 +225,11 @@ private:
                 return rep_.fail(fmt("data: shared page %u: page word 0x%04x", p, pw));
             int total = 0, n = 0;
             for (int c = pw & 0x7FFF; c != 0; c = s16(*d, c)) {
+                // The chunk's place first: its size is read from inside the page only.
+                if ((c & 1) || c < 2 || c > kPageSize - 4 || ++n > kPageSize / 4)
+                    return rep_.fail(fmt("data: shared page %u: free chunk at %d", p, c));
                 const int a = s16(*d, c + 2);
-                if ((c & 1) || c < 2 || c > kPageSize - 4 || a < 4 || (a & 1) || c + a > kPageSize ||
-                    ++n > kPageSize / 4)
+                if (a < 4 || (a & 1) || c + a > kPageSize)
                     return rep_.fail(fmt("data: shared page %u: free chunk at %d of %d bytes", p, c, a));
                 if (!pieces.empty() && !pieces.back().segment && c <= pieces.back().start)
                     return rep_.fail(fmt("data: shared page %u: free list not ascending at %d", p, c));

@@ -4,6 +4,11 @@
 // A record longer than the caller's buffer is cut without error.  Overflow pages are
 // released as soon as they are copied; the shared page stays fixed until the flush at
 // the release of the control lock.
+//
+// Failures: a page that cannot be read keeps the buffer pool's error, with dr_get's
+// detail pushed on it; damage found here (an address that leads to no page of data, a
+// segment chain that leaves its page or loops) raises ISE_BTS, the code of a damaged
+// file, with the same details: 1 the overflow chain, 2 the shared page, 3 its segments.
 #include "dr.h"
 
 #include "is_error.h"
@@ -30,7 +35,7 @@ int dr_get(PAGE drp, char* recptr, int maxlen) noexcept {
     // Overflow chain: whole 1016-byte blocks of the front of the record.
     while (maxlen > 0 && drp != KISAM_NOPAGE && (drp & kDrLowMask) == 1) {
         PAGE pno = drp & ~kDrLowMask;
-        if (!dr_pageok(pno)) return is_push(PROC(P_DR_GET, 1));
+        if (!dr_pageok(pno)) return is_raise(ISE_BTS, PROC(P_DR_GET, 1));
         IS_DATA* pg = v_read(pno);
         if (pg == nullptr) return is_push(PROC(P_DR_GET, 1));
         const BDR* b = reinterpret_cast<const BDR*>(pg);
@@ -46,9 +51,9 @@ int dr_get(PAGE drp, char* recptr, int maxlen) noexcept {
 
     // The tail, or the whole of a short record, in one shared page.
     int s = static_cast<int>(drp & kDrLowMask);
-    if ((drp & 1) != 0 || s == 0) return is_push(PROC(P_DR_GET, 1));
+    if ((drp & 1) != 0 || s == 0) return is_raise(ISE_BTS, PROC(P_DR_GET, 1));
     PAGE pno = drp & ~kDrLowMask;
-    if (!dr_pageok(pno)) return is_push(PROC(P_DR_GET, 2));
+    if (!dr_pageok(pno)) return is_raise(ISE_BTS, PROC(P_DR_GET, 2));
     IS_DATA* pg = v_read(pno);
     if (pg == nullptr) return is_push(PROC(P_DR_GET, 2));
     const unsigned char* page = reinterpret_cast<const unsigned char*>(pg->c);
@@ -70,7 +75,7 @@ int dr_get(PAGE drp, char* recptr, int maxlen) noexcept {
             len = ctlw & 0x3FF;
             hdr = 3;
             next = ((ctlw >> 2) & 0x300) + page[s + 2];
-            if (next & 1) return is_push(PROC(P_DR_GET, 3));
+            if (next & 1) return is_raise(ISE_BTS, PROC(P_DR_GET, 3));
         }
         if (s + hdr + len > kPage) break;    // a segment never crosses the page end
 
@@ -86,5 +91,5 @@ int dr_get(PAGE drp, char* recptr, int maxlen) noexcept {
         s = next;
     }
     // The segment chain leaves the page or loops: the page is damaged.
-    return is_push(PROC(P_DR_GET, 3));
+    return is_raise(ISE_BTS, PROC(P_DR_GET, 3));
 }

@@ -10,6 +10,12 @@
 // Free-space table invariants: used entries are packed from entry 0; each holds a page
 // position plus that page's free total (1..1019) in the low 10 bits; is_mincdpi is the
 // first used entry with the least free bytes, -1 when there is none.
+//
+// Failures: where a call below (buffer pool, page allocation) failed, its error stays and
+// the detail of dr_put, dr_sync or dr_rel is pushed on it.  Where the damage is found
+// here -- a free-space entry or record address that names no page of data, a free list
+// or segment chain that breaks the invariants above -- ISE_BTS, the code of a damaged
+// file, is raised with that same detail, so the stack is the same either way.
 #include "dr.h"
 
 #include "is_error.h"
@@ -159,7 +165,7 @@ static int dr_sync(PAGE drp, char* bp, int cdpx) noexcept {
     IS_FCP* fcp = is_curfcp;
     const PAGE p = drp & ~kDrLowMask;
     const int f = free_total(bp);
-    if (f < 0) return is_push(PROC(P_DR_SYNC, 2));
+    if (f < 0) return is_raise(ISE_BTS, PROC(P_DR_SYNC, 2));
 
     int at = -1;
     if (cdpx >= 0 && cdpx < kCdp && fcp->is_cdp[cdpx] != 0 &&
@@ -211,7 +217,7 @@ static int dr_sync(PAGE drp, char* bp, int cdpx) noexcept {
 PAGE dr_put(const char* recptr, int reclen) noexcept {
     IS_FCP* fcp = is_curfcp;
     if (reclen < 1 || reclen > KISAM_MAXREC) {
-        is_push(PROC(P_DR_PUT, 2));
+        is_raise(ISE_RSIZE, PROC(P_DR_PUT, 2));
         return KISAM_NOPAGE;
     }
 
@@ -237,7 +243,7 @@ PAGE dr_put(const char* recptr, int reclen) noexcept {
         if (need > static_cast<int>(e & kDrLowMask)) continue;
         const PAGE p = e & ~kDrLowMask;
         if (!page_ok(p)) {
-            is_push(PROC(P_DR_PUT, 1));
+            is_raise(ISE_BTS, PROC(P_DR_PUT, 1));
             return KISAM_NOPAGE;
         }
         IS_DATA* pg = v_read(p);
@@ -247,8 +253,8 @@ PAGE dr_put(const char* recptr, int reclen) noexcept {
             return KISAM_NOPAGE;
         }
         PAGE a = dr_putrec(tail, t, p, pg->c);
-        if (a == KISAM_NOPAGE) {
-            is_push(PROC(P_DR_PUT, 2));
+        if (a == KISAM_NOPAGE) {   // the page's free list is damaged
+            is_raise(ISE_BTS, PROC(P_DR_PUT, 2));
             return KISAM_NOPAGE;
         }
         if (a != 0) {
@@ -271,7 +277,7 @@ PAGE dr_put(const char* recptr, int reclen) noexcept {
         set_chunk(pg->c, 2, 0, kPage - 2);
         PAGE a = dr_putrec(tail, t, p, pg->c);
         if (a == KISAM_NOPAGE || a == 0) {
-            is_push(PROC(P_DR_PUT, a == 0 ? 5 : 4));
+            is_raise(ISE_BTS, PROC(P_DR_PUT, a == 0 ? 5 : 4));
             return KISAM_NOPAGE;
         }
         addr = a;
@@ -316,12 +322,12 @@ int dr_rel(PAGE drp) noexcept {
     for (int n = 0; drp != KISAM_NOPAGE && (drp & kDrLowMask) == 1; ++n) {
         const PAGE p = drp - 1;
         // A record has at most 64 overflow pages; a longer chain is damage.
-        if (!page_ok(p) || n > KISAM_MAXREC / kDrOverflowData) return is_push(PROC(P_DR_REL, 1));
+        if (!page_ok(p) || n > KISAM_MAXREC / kDrOverflowData) return is_raise(ISE_BTS, PROC(P_DR_REL, 1));
         IS_DATA* pg = v_read(p);
         if (pg == nullptr) return is_push(PROC(P_DR_REL, 1));
         const BDR* b = reinterpret_cast<const BDR*>(pg);
         // Never hand a page that is not an overflow page to the free chain.
-        if (b->bdr_magic != kDrOverflowMagic) return is_push(PROC(P_DR_REL, 1));
+        if (b->bdr_magic != kDrOverflowMagic) return is_raise(ISE_BTS, PROC(P_DR_REL, 1));
         const PAGE link = b->bdr_link;
         if (v_dispose(p, pg) != 0) return is_push(PROC(P_DR_REL, 2));
         // A long record has more overflow pages than a small pool has slots: unfix each.
@@ -330,7 +336,7 @@ int dr_rel(PAGE drp) noexcept {
     }
 
     const PAGE p = drp & ~kDrLowMask;
-    if (drp == KISAM_NOPAGE || (drp & 1) != 0 || !page_ok(p)) return is_push(PROC(P_DR_REL, 1));
+    if (drp == KISAM_NOPAGE || (drp & 1) != 0 || !page_ok(p)) return is_raise(ISE_BTS, PROC(P_DR_REL, 1));
     IS_DATA* pg = v_read(p);
     if (pg == nullptr) return is_push(PROC(P_DR_REL, 1));
     if (jn_touch(p, pg) != 0) {
@@ -341,10 +347,10 @@ int dr_rel(PAGE drp) noexcept {
     const unsigned char* ub = reinterpret_cast<const unsigned char*>(bp);
 
     int s = static_cast<int>(drp & kDrLowMask);
-    if (s != 0 && free_total(bp) < 0) return is_push(PROC(P_DR_REL, 3));
+    if (s != 0 && free_total(bp) < 0) return is_raise(ISE_BTS, PROC(P_DR_REL, 3));
     for (int steps = 0; s != 0; ++steps) {
         if ((s & 1) != 0 || s < 2 || s > kPage - 4 || steps >= kPage / 4)
-            return is_push(PROC(P_DR_REL, 3));
+            return is_raise(ISE_BTS, PROC(P_DR_REL, 3));
         const uint16_t ctlw = load_at<uint16_t>(bp + s);
         int size, next = 0;
         if ((ctlw & 0x8000) == 0) {
@@ -367,10 +373,10 @@ int dr_rel(PAGE drp) noexcept {
             before = after;
             after = chunk_next(bp, after);
         }
-        if (after == s) return is_push(PROC(P_DR_REL, 2));
-        if (e > kPage || (after != 0 && e > after)) return is_push(PROC(P_DR_REL, 3));
+        if (after == s) return is_raise(ISE_BTS, PROC(P_DR_REL, 2));
+        if (e > kPage || (after != 0 && e > after)) return is_raise(ISE_BTS, PROC(P_DR_REL, 3));
         if (before != 0 && before + chunk_avail(bp, before) > s)
-            return is_push(PROC(P_DR_REL, 4));
+            return is_raise(ISE_BTS, PROC(P_DR_REL, 4));
 
         int merged;
         if (before != 0 && s - (before + chunk_avail(bp, before)) <= 3) {

@@ -3,6 +3,11 @@
 // Raising (at the point where a failure arises) sets is_errno and restarts the stack with
 // one entry; pushing (every caller on the way out) appends its own code.  Codes are
 // procedure character * 256 + detail.  Pushes beyond the 20th entry are dropped.
+//
+// Every failure ends with a code: a routine that finds damage in the contents of a file
+// (a link to no page, a page of the wrong kind, a chain that loops or leaves its page)
+// raises ISE_BTS, the code that says "the file is damaged", even where it would only
+// push its own entry over the failure of a routine it called.
 #pragma once
 
 #include "layout.h"

@@ -190,12 +190,15 @@ int is_fwait(volatile unsigned* lockidp) noexcept {
     } else if (is_unlockit(o) != 0) {
         fatal("is unlockit fail - errno = %d\n");
     }
-    // The caller expects its control lock back in every case.  A refusal here would
-    // need another process to wait for this one while holding the control lock, which
-    // the lock order excludes (no record-lock wait under a control lock); should the
-    // kernel still refuse, try again after a pause rather than return without it.
-    while (is_lock(&is_curfcp->jd_fcplock) != 0) {
-        struct timespec ts {0, 1000000};
+    // The control lock is retaken.  The kernel refuses this wait only when a process
+    // that holds it waits, directly or through others, for a lock this process still
+    // holds -- another file's control lock kept with nisgetctl, say.  Such a cycle may
+    // clear when the other side gives up, so the wait is tried again after a pause; but
+    // while this process keeps its locks it may never clear, so the tries are bounded
+    // and the caller then fails without the control lock rather than hang.
+    for (int tries = 0; is_lock(&is_curfcp->jd_fcplock) != 0; ++tries) {
+        if (tries == kFwaitRetakeTries) return -2;
+        struct timespec ts {0, kFwaitRetakePauseNs};
         ::nanosleep(&ts, nullptr);
     }
     return rc;

@@ -10,7 +10,9 @@
 // A waiting request that the kernel refuses with EDEADLK (a cycle of waits between
 // processes) does not abort: the waiting call returns -1, the word is left as it was,
 // and the operation that waited fails with ISE_DEADLOCK, holding nothing it did not hold
-// before.  Every other failure of the lock file aborts the process with a message.
+// before -- except a record-lock wait whose control lock cannot be taken back (is_fwait
+// -2), after which the caller holds that control lock no more.  Every other failure of
+// the lock file aborts the process with a message.
 #pragma once
 
 #include "layout.h"
@@ -27,8 +29,13 @@ int is_lock(volatile unsigned* lockidp) noexcept;
 void is_unlock(unsigned* lockidp) noexcept;
 void is_incsyslocks(void) noexcept;
 // Wait until lockidp is released, giving up the current file's control lock meanwhile.
-// 0; -1 for EDEADLK (the control lock has been retaken either way).
+// 0; -1 when the wait for lockidp was refused with EDEADLK (the control lock has been
+// retaken); -2 when retaking the control lock afterwards was refused with EDEADLK at
+// every one of 1 + kFwaitRetakeTries tries, kFwaitRetakePauseNs apart (about a second in
+// all): the control lock is then NOT held.  Nothing is raised; the caller reports.
 int is_fwait(volatile unsigned* lockidp) noexcept;
+inline constexpr int kFwaitRetakeTries = 1000;
+inline constexpr long kFwaitRetakePauseNs = 1000000;
 int is_fdone(unsigned* lockidp) noexcept;
 
 // Set by is_lock: 1 when the word it just took was left by a holder that died, and

@@ -4,14 +4,24 @@
 // carries the key and the holder.  The list of a file is read and changed only under the
 // file's control lock, and no process sleeps on a record lock while it holds that lock.
 //
-// Detail of procedure islock (0x37) raised here: 2, ISE_INVKL, for a negative or too
-// large key length, or a null key with a positive length.
+// Details of procedure islock (0x37) raised here:
+//   2  ISE_INVKL: a negative or too large key length, or a null key with a positive
+//      length;
+//   3  ISE_DEADLOCK: the wait for a conflicting lock was refused (the kernel saw a cycle
+//      of waits); no lock was added and the control lock is held as before the call;
+//   4  ISE_DEADLOCK: after the wait, taking the file's control lock back was refused
+//      again and again for about a second (see is_fwait): no lock was added, and this
+//      process no longer holds the file's control lock, nor any hold on it that the
+//      application had taken with nisgetctl (a later nisrelctl is harmless);
+//   5  ISE_DEADLOCK: the range of the new lock could not be taken; no lock was added.
+// A conflict under rtnopt > 0 and an exhausted heap return -1 with no code.
 #include "is_error.h"
 #include "is_file.h"
 #include "is_heap.h"
 #include "is_lock.h"
 #include "is_rec.h"
 
+#include <atomic>
 #include <cstring>
 
 namespace {
@@ -130,10 +140,20 @@ rescan:
         if (rtnopt > 0) return leave(-1);
         ++e->rc_waitcount;
         int w = is_fwait(range_of(e));
+        if (w == -2) {
+            // The control lock stays with the others: the count drops outside it, as one
+            // atomic step, and every hold of this process on the file is gone.
+            std::atomic_ref<int16_t>(e->rc_waitcount).fetch_sub(1);
+            is_curpfi->pfi_ctlcnt = 0;
+            is_raise(ISE_DEADLOCK, PROC(P_ISLOCK, 4));
+            is_isout();
+            return -1;
+        }
         --e->rc_waitcount;
-        // A wait refused as a deadlock fails like a conflict; the control lock is ours
-        // again either way.
-        if (w != 0) return leave(-1);
+        if (w != 0) {
+            is_raise(ISE_DEADLOCK, PROC(P_ISLOCK, 3));
+            return leave(-1);
+        }
         goto rescan;
     }
     if (already_held) return leave(1);
@@ -150,6 +170,7 @@ rescan:
     if (is_lockitw(kisam::com_offset(range_of(e))) != 0) {
         fcp->jd_lock_hd = e->rc_next;
         freencom(reinterpret_cast<char*>(e), static_cast<unsigned>(keylen) + 16u);
+        is_raise(ISE_DEADLOCK, PROC(P_ISLOCK, 5));
         return leave(-1);
     }
 

@@ -3,6 +3,10 @@
 //
 // Requires the current file's control lock.  Both operations change the shared control
 // page (ISO_CHANGED); it reaches the disk at the next flush.
+//
+// v_dispose (0x41) raises ISE_BTS, the code of a damaged file, for a page that is not a
+// page of the file (detail 1: a damaged link led there) and for a buffer that does not
+// hold the page it is given (detail 2); a failing read or write keeps its own error.
 #include "v_pool.h"
 
 #include "is_common.h"
@@ -110,11 +114,12 @@ IS_DATA* v_new(PAGE* pno) noexcept {
 
 int v_dispose(PAGE pno, IS_DATA* bp) noexcept {
     IS_FCP* fcp = is_curfcp;
-    if (pno == 0 || pno >= fcp->is_lastpage || pno % KISAM_PAGESIZE != 0) return -1;
+    if (pno == 0 || pno >= fcp->is_lastpage || pno % KISAM_PAGESIZE != 0)
+        return is_raise(ISE_BTS, PROC(P_V_DISPOSE, 1));
     if (bp) {
         // The caller's buffer must hold the page: nothing is changed otherwise.
         const int s = v_slot_of(bp);
-        if (s < 0 || is_env.buf_[s].bu_pno != pno) return -1;
+        if (s < 0 || is_env.buf_[s].bu_pno != pno) return is_raise(ISE_BTS, PROC(P_V_DISPOSE, 2));
     } else {
         bp = v_read(pno);
         if (!bp) return -1;

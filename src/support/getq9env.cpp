@@ -333,6 +333,13 @@ int q9dir(const char *word, char *out, bool override) {
 
 }  // namespace
 
+void zt_reload_usr_env() {
+    emptyvl(&UsrEnvHdp);
+    LoadUsrEnv();
+}
+
+int zt_load_settings_file(const char *path) { return doload(nullptr, path); }
+
 bool is_a_dir(const char *path) {
     if (path == nullptr || *path == '\0') return false;
     char buf[ZT_SCRATCH];

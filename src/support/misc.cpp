@@ -503,9 +503,11 @@ KISAM_API uint32_t ZTStringHash(const char *s) {
 KISAM_API uint32_t ZTICStringHash(const char *s) {
     uint32_t h = 0;
     if (s == nullptr) return 0;
+    // Every byte goes through the C library as the signed character it is, also from
+    // 0x80 up: glibc's tables cover -128..255 (in the C locale toupper(-3) is 253), so
+    // the value follows the library and the locale rather than a rule of our own.
     for (; *s; ++s) {
-        int c = static_cast<signed char>(*s);
-        if (c >= 0) c = std::toupper(c);
+        int c = std::toupper(static_cast<signed char>(*s));
         h = h * 31u + static_cast<uint32_t>(static_cast<int32_t>(c));
     }
     return h;

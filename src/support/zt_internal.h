@@ -19,6 +19,11 @@ char *__GetUsrEnv(const char *name);
 char *__GetSysEnv(const char *name);
 char *__GetUsrEnvX(const char *name);
 bool  is_a_dir(const char *path);
+// For tests and fuzzing: read the user profile again into an emptied user store; read
+// one settings file, directives included, into the system store (0 when it cannot be
+// opened, else 1).
+void  zt_reload_usr_env();
+int   zt_load_settings_file(const char *path);
 // ZTExpand that also tells whether the result was cut to fit: a cut path names some
 // other file and must not be acted upon.
 int   zt_expand(const char *text, char *out, int size, bool *cut);

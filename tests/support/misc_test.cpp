@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <bitset>
+#include <cctype>
 #include <cstring>
 #include <random>
 #include <string>
@@ -51,6 +52,14 @@ TEST(Hashes, KnownValuesSignednessAndChecksum) {
     EXPECT_EQ(ZTICStringHash("ab"), 2081u);
     EXPECT_EQ(ZTICStringHash("AB"), 2081u);
     EXPECT_EQ(ZTStringHash("\xFF"), 0xFFFFFFFFu);   // characters are signed
+    // From 0x80 up the case-blind hash takes the C library's upper-case form of the
+    // signed character: in the C locale toupper(-3) is 253, so 0xFD adds 253, not -3.
+    EXPECT_EQ(ZTICStringHash("\xFD"), 253u);
+    EXPECT_EQ(ZTICStringHash("a\xFD\x80"), (65u * 31u + 253u) * 31u + 128u);
+    for (int b = 1; b < 256; ++b) {
+        const char one[2] = {static_cast<char>(b), 0};
+        ASSERT_EQ(ZTICStringHash(one), static_cast<uint32_t>(std::toupper(static_cast<signed char>(b)))) << b;
+    }
     EXPECT_EQ(ZTBufHash("\xFF", 1), 255u);          // bytes are not
     const unsigned char one_two[2] = {1, 2};
     EXPECT_EQ(Fletcher16CSum(one_two, 2), 0x0403);

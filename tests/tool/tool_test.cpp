@@ -276,6 +276,19 @@ TEST_F(DamagedFile, FreeChainLoops) {
     poke(off_t(head) + 4, std::string(reinterpret_cast<const char*>(&head), 4));   // points to itself
 }
 
+TEST_F(DamagedFile, DumpStopsAtADamagedDataPage) {
+    // The segment header in front of a record's bytes: its length now runs off the page.
+    size_t at = slurp(f).find("R00005ALT");
+    ASSERT_NE(at, std::string::npos);
+    const char runs_off[2] = {char(0xFF), char(0x83)};
+    poke(off_t(at) - 2, std::string(runs_off, 2));
+    Result r = run({"dump", f});
+    EXPECT_EQ(r.rc, 1);
+    EXPECT_TRUE(has(r.err, "ISE_BTS") && has(r.err, "dr_get")) << r.err;
+    EXPECT_TRUE(has(r.out, "R00004ALT")) << "the records before it are written";
+    EXPECT_FALSE(has(r.out, "# end")) << "a dump cut short has no closing line";
+}
+
 TEST_F(Tool, StatSeesProcessesAndTheDead) {
     init_config();
     const std::string f = path("s");
