@@ -364,6 +364,7 @@ KISAM_API int nisopen(const char* filename, int access) {
     fcp->jd_lock_hd = KISAM_NOREL;
     fcp->jd_bits = 0;
     is_env.pfo_tbl[u] = static_cast<int32_t>(kisam::rel_of(fcp));
+    v_enter_file(u);
 
     IS_PFI* pfi = &is_pfi[u];
     if (pfi->pfi_osfd >= 0) {

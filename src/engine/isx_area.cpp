@@ -12,8 +12,17 @@ constexpr uint32_t kLine = 64;
 inline uint32_t round_line(uint64_t n) { return static_cast<uint32_t>((n + kLine - 1) / kLine * kLine); }
 
 struct Geometry {
-    uint32_t file_base, proc_base, open_base, open_bytes, ref_base, size;
+    uint32_t file_base, proc_base, open_base, open_bytes, ref_base, link_base, log_base, log_len, size;
 };
+
+// Entries of one chain log: a process that fell further behind than this walks the
+// chain instead, so one walk (at most maxbufs slots) is paid for by at least maxbufs / 8
+// changes of others.
+uint32_t log_entries(uint64_t nb) {
+    uint32_t n = 64;
+    while (n < nb / 8) n <<= 1;
+    return n;
+}
 
 Geometry geometry(int maxopen, int maxusers, int maxbufs) {
     const uint64_t no = maxopen > 0 ? maxopen : 0;
@@ -25,7 +34,10 @@ Geometry geometry(int maxopen, int maxusers, int maxbufs) {
     g.open_bytes = static_cast<uint32_t>((no + 63) / 64 * 8);
     g.open_base = round_line(g.proc_base + nu * sizeof(isx_proc));
     g.ref_base = round_line(g.open_base + nu * g.open_bytes);
-    g.size = round_line(g.ref_base + nb);
+    g.link_base = round_line(g.ref_base + nb);
+    g.log_base = round_line(g.link_base + nb * sizeof(int16_t));
+    g.log_len = log_entries(nb);
+    g.size = round_line(g.log_base + no * g.log_len * sizeof(int16_t));
     return g;
 }
 
@@ -50,6 +62,9 @@ void isx_layout(void) noexcept {
     h->xh_open_base = g.open_base;
     h->xh_open_bytes = g.open_bytes;
     h->xh_ref_base = g.ref_base;
+    h->xh_link_base = g.link_base;
+    h->xh_log_base = g.log_base;
+    h->xh_log_len = static_cast<uint16_t>(g.log_len);
     isx_file* f = reinterpret_cast<isx_file*>(base + g.file_base);
     for (int u = 0; u < isam_com->maxopen; ++u) f[u].xf_hand = -1;
     // The magic goes in last: a head with the magic is a complete layout.
@@ -67,7 +82,9 @@ bool isx_attach(size_t segsize) noexcept {
         h->xh_maxopen != isam_com->maxopen || h->xh_maxusers != isam_com->maxusers ||
         h->xh_maxbufs != isam_com->maxbufs || h->xh_file_base != g.file_base ||
         h->xh_proc_base != g.proc_base || h->xh_open_base != g.open_base ||
-        h->xh_open_bytes != g.open_bytes || h->xh_ref_base != g.ref_base)
+        h->xh_open_bytes != g.open_bytes || h->xh_ref_base != g.ref_base ||
+        h->xh_link_base != g.link_base || h->xh_log_base != g.log_base ||
+        h->xh_log_len != g.log_len)
         return false;
     isx_area = h;
     return true;
