@@ -27,7 +27,7 @@
 //     control lock, nobody else can change a slot tagged u meanwhile, so a validated
 //     entry is the page.
 //  3. Chain knowledge.  Every change of u's chain or of the tag of one of its slots goes
-//     through load_slot, take_away or release_chain, under u's control lock, and ends in
+//     through load_slot, take_away or v_relbuf, under u's control lock, and ends in
 //     chain_changed: xf_chaingen advances by one and u's chain log names the slot.  This
 //     process "knows" u as of change count g when every slot that was on u's chain at g
 //     is in the index.  Knowing u as of the current count, a page missing from the index
@@ -428,7 +428,7 @@ int chain_find(const IS_FCP* fcp, PAGE pno) noexcept {
 }
 
 // ---- Chain changes ----------------------------------------------------------------------
-// load_slot, take_away and release_chain (v_relbuf) are the only places where a slot joins
+// load_slot, take_away and v_relbuf are the only places where a slot joins
 // a chain, gets another page, or leaves a chain.  Each requires the control lock of the
 // chain's file and records the change (chain_changed or chain_reset).
 
