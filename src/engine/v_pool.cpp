@@ -298,6 +298,9 @@ void learn(IS_FCP* fcp, int u) noexcept {
     int n = 0;
     for (int s = fcp->jd_buf_hd; valid_slot(s) && n < nb; s = slot(s)->bu_next, ++n)
         index_put(u, slot(s)->bu_pno, s);
+    // The shared length is only as good as the last change: a process that died in the
+    // middle of one may have left it off.  The walk knows it exactly.
+    xfile(u)->xf_chainlen = static_cast<uint32_t>(n);
     bk.known[u] = 1;
     bk.known_gen[u] = now;
     bk.known_fcp[u] = is_env.pfo_tbl[u];
