@@ -8,7 +8,8 @@
 // settings variables pointing there), creates a file with three keys of 8, 12 and 4 bytes
 // and runs the workload of workload.h, one call per record of 100 bytes, plus the random
 // reads again bracketed by nisgetctl/nisrelctl in batches of 1000.  For each phase it
-// prints operations per second and the pool's counters from the common area header: hits,
+// prints operations per second, processor time per operation (user and system, which a
+// busy machine disturbs less than the wall time) and the pool's counters from the common area header: hits,
 // misses served from the file's quota or the free list, steals (a dirty victim written
 // first, or a clean one), pages read and written, and one-second waits.  The segment and
 // the directory are removed at the end.
@@ -29,9 +30,9 @@ Counters counters() {
     return {c->hit, c->missfree, c->misswrite, c->missread, c->sysread, c->syswrite, c->vr_nsleep};
 }
 
-void print(const char* phase, double ops, const Counters& a, const Counters& b) {
-    std::printf("%-36s %10.0f ops/s  hit %9u  miss %8u  steal %7u  sysread %8u  syswrite %8u  waits %u\n",
-                phase, ops, b.hit - a.hit, b.missfree - a.missfree,
+void print(const char* phase, double ops, double cpu, const Counters& a, const Counters& b) {
+    std::printf("%-36s %10.0f ops/s %7.2f cpu us/op  hit %9u  miss %8u  steal %7u  sysread %8u  syswrite %8u  waits %u\n",
+                phase, ops, cpu, b.hit - a.hit, b.missfree - a.missfree,
                 (b.misswrite - a.misswrite) + (b.missread - a.missread), b.sysread - a.sysread,
                 b.syswrite - a.syswrite, static_cast<unsigned>(static_cast<uint16_t>(b.nsleep - a.nsleep)));
     std::fflush(stdout);
@@ -59,7 +60,7 @@ int main(int argc, char** argv) {
         Counters last = counters();
         auto after = [&](const char* name) {
             Counters now = counters();
-            print(name, out.back().ops_per_s, last, now);
+            print(name, out.back().ops_per_s, out.back().cpu_us, last, now);
             last = now;
             if (std::string(name).rfind("read by key 0", 0) != 0) return;
             // The same reads, many calls to one hold of the control lock.
@@ -67,6 +68,7 @@ int main(int argc, char** argv) {
             std::iota(order.begin(), order.end(), 0u);
             std::shuffle(order.begin(), order.end(), std::mt19937(777));
             char key[wl::kKey0], buf[wl::kRecLen + 16];
+            const double c0 = wl::cpu_seconds();
             auto t0 = wl::Clock::now();
             for (size_t i = 0; i < order.size(); ++i) {
                 if (i % 1000 == 0 && nisgetctl(e.fd()) != 0) return;
@@ -76,7 +78,8 @@ int main(int argc, char** argv) {
             }
             double s = std::chrono::duration<double>(wl::Clock::now() - t0).count();
             now = counters();
-            print("read by key 0, batches of 1000", static_cast<double>(n) / s, last, now);
+            print("read by key 0, batches of 1000", static_cast<double>(n) / s,
+                  (wl::cpu_seconds() - c0) * 1e6 / static_cast<double>(n), last, now);
             last = now;
         };
         if (wl::run_all(e, n, procs, out, after)) rc = 0;

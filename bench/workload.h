@@ -8,6 +8,7 @@
 // and delete in random order.
 #pragma once
 
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -66,7 +67,20 @@ public:
 struct Phase {
     std::string name;
     double ops_per_s = 0;
+    double cpu_us = 0;   // processor time (user and system, children included) per operation
 };
+
+// Processor time used so far by this process and its waited-for children, in seconds.
+inline double cpu_seconds() {
+    double t = 0;
+    for (int who : {RUSAGE_SELF, RUSAGE_CHILDREN}) {
+        struct rusage ru;
+        ::getrusage(who, &ru);
+        t += static_cast<double>(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) +
+             static_cast<double>(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
+    }
+    return t;
+}
 
 // Runs every phase on `e`; `after` is called after each phase with its name (for engine
 // figures).  False when an operation failed (reported on stderr).
@@ -77,14 +91,16 @@ inline bool run_all(Engine& e, long n, int procs, std::vector<Phase>& out,
     std::mt19937 rng(12345);
     char rec[kRecLen], buf[kRecLen + 16], key[kKey0];
     auto phase = [&](const char* name, long ops, const std::function<bool()>& body) {
+        const double c0 = cpu_seconds();
         auto t0 = Clock::now();
         bool ok = body();
         double s = std::chrono::duration<double>(Clock::now() - t0).count();
+        const double cpu = (cpu_seconds() - c0) * 1e6 / static_cast<double>(ops);
         if (!ok) {
             std::fprintf(stderr, "%s: phase \"%s\" failed\n", e.name(), name);
             return false;
         }
-        out.push_back({name, static_cast<double>(ops) / s});
+        out.push_back({name, static_cast<double>(ops) / s, cpu});
         if (after) after(name);
         return true;
     };
