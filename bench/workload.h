@@ -139,6 +139,7 @@ inline bool run_all(Engine& e, long n, int procs, std::vector<Phase>& out,
     const std::string mixname = std::to_string(procs) + "-process mix (3 reads : 1 update)";
     if (!phase(mixname.c_str(), n, [&] {
             std::vector<pid_t> kids;
+            std::fflush(nullptr);  // a child must not write the parent's buffered output again
             for (int k = 0; k < procs; ++k) {
                 pid_t pid = ::fork();
                 if (pid < 0) return false;
