@@ -63,4 +63,12 @@ inline void bt_zero_pad(char* item, const IS_KEY* kp) {
     if (kp->k_offset > kp->k_keylen) item[kp->k_keylen] = 0;
 }
 
+// The item of page d at which a scan for `key` stops: scanning the items in the
+// direction of srchflag (backwards with 0x02), the first item x for which
+// is_more(key, x, ncomp, srchflag) is 0; -1 when none stops it.  Found by bisection,
+// which the strict order of a page's items makes equal to the scan; the pad byte of each
+// item compared is zeroed (written only when it is not zero already), as is the key's
+// by the caller.
+int bt_scan(IS_DATA* d, const IS_KEY* kp, const char* key, int ncomp, int srchflag) noexcept;
+
 }  // namespace kisam

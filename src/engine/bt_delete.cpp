@@ -64,14 +64,8 @@ int bt_delete(int keyno, PAGE page, char* item, PAGE parent) noexcept {
     kisam::bt_zero_pad(item, kp);
 
     const int n = d->bt.bt_nitems;
-    int j = 0;
-    for (; j < n; ++j) {
-        char* x = d->c + bt_item_off(j, inc);
-        kisam::bt_zero_pad(x, kp);
-        if (!is_more(reinterpret_cast<const CmpType*>(item), reinterpret_cast<const CmpType*>(x),
-                     kp->k_ncomp, 1))
-            break;
-    }
+    int j = kisam::bt_scan(d, kp, item, kp->k_ncomp, 1);   // the first item not below it
+    if (j < 0) j = n;
     const PAGE child = bt_ptr(d, j, inc);   // left of item j; the last pointer when j == n
 
     if (j < n && is_same(item, d->c + bt_item_off(j, inc), static_cast<short>(kp->k_ncomp))) {

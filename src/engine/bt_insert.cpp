@@ -44,16 +44,8 @@ char split_area[1536];
 
 // The first item not below `item`, or n when every item is below it.
 int scan_insert(IS_DATA* d, const IS_KEY* kp, const char* item) {
-    const int inc = kp->k_itemlen + 4;
-    const int n = d->bt.bt_nitems;
-    for (int i = 0; i < n; ++i) {
-        char* x = d->c + bt_item_off(i, inc);
-        kisam::bt_zero_pad(x, kp);
-        if (!is_more(reinterpret_cast<const CmpType*>(item), reinterpret_cast<const CmpType*>(x),
-                     kp->k_ncomp, 1))
-            return i;
-    }
-    return n;
+    const int j = kisam::bt_scan(d, kp, item, kp->k_ncomp, 1);
+    return j < 0 ? d->bt.bt_nitems : j;
 }
 
 bool reserve_new_item(int len) {

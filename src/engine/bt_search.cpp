@@ -23,35 +23,36 @@
 using kisam::bt_item_off;
 using kisam::bt_ptr;
 
-namespace {
-
-inline int scan_more(const char* key, const char* x, int n, int srchflag) {
-    return is_more(reinterpret_cast<const CmpType*>(key), reinterpret_cast<const CmpType*>(x),
-                   n, srchflag);
-}
-
-// Scans the items of d in the search direction, zeroing each item's pad byte first.
-// Returns the index of the first item that stops the scan, or -1 when none does.
-int scan_page(IS_DATA* d, const IS_KEY* kp, const char* key, int ncomp, int srchflag) {
+int kisam::bt_scan(IS_DATA* d, const IS_KEY* kp, const char* key, int ncomp, int srchflag) noexcept {
     const int inc = kp->k_itemlen + 4;
     const int n = d->bt.bt_nitems;
+    const int pad = kp->k_offset > kp->k_keylen ? kp->k_keylen : -1;
+    const bool eq_goes_on = !(srchflag & 0x01);   // an equal item does not stop the scan
+    const size_t len = ncomp > 0 ? static_cast<size_t>(ncomp) : 0;
+    // Whether the scan goes on past item i: key above it (forward) or below it (backward).
+    auto goes_on = [&](int i) {
+        char* x = d->c + bt_item_off(i, inc);
+        if (pad >= 0 && x[pad] != 0) x[pad] = 0;
+        const int c = std::memcmp(key, x, len);
+        return (srchflag & 0x02) ? (c < 0 || (c == 0 && eq_goes_on)) : (c > 0 || (c == 0 && eq_goes_on));
+    };
     if (srchflag & 0x02) {
-        for (int i = n - 1; i >= 0; --i) {
-            char* x = d->c + bt_item_off(i, inc);
-            kisam::bt_zero_pad(x, kp);
-            if (!scan_more(key, x, ncomp, srchflag)) return i;
+        // The scan goes on over a run at the top; it stops just below that run.
+        int lo = 0, hi = n;
+        while (lo < hi) {
+            const int mid = lo + (hi - lo) / 2;
+            if (goes_on(mid)) hi = mid; else lo = mid + 1;
         }
-    } else {
-        for (int i = 0; i < n; ++i) {
-            char* x = d->c + bt_item_off(i, inc);
-            kisam::bt_zero_pad(x, kp);
-            if (!scan_more(key, x, ncomp, srchflag)) return i;
-        }
+        return lo - 1;
     }
-    return -1;
+    // The scan goes on over a run at the bottom; it stops at the first item after it.
+    int lo = 0, hi = n;
+    while (lo < hi) {
+        const int mid = lo + (hi - lo) / 2;
+        if (goes_on(mid)) lo = mid + 1; else hi = mid;
+    }
+    return lo < n ? lo : -1;
 }
-
-}  // namespace
 
 int bt_search(int keyno, PAGE page, int srchflag, char* item, int depth) noexcept {
     IS_KEY* kp = kisam::fcp_key(is_curfcp, keyno);
@@ -77,7 +78,7 @@ int bt_search(int keyno, PAGE page, int srchflag, char* item, int depth) noexcep
             if (h == nullptr) return is_push(PROC(P_BT_SEARCH, 1));
             const int n = h->bt.bt_nitems;
             if (h->bt.bt_keyno == keyno && n > 0 && n <= kp->k_order) {
-                x = scan_page(h, kp, item, ncomp, srchflag);
+                x = kisam::bt_scan(h, kp, item, ncomp, srchflag);
                 if (x >= 0 && (srchflag & 0x01) &&
                     is_same(item, h->c + bt_item_off(x, inc), static_cast<short>(ncomp))) {
                     std::memcpy(item, h->c + bt_item_off(x, inc), static_cast<size_t>(len));
@@ -104,7 +105,7 @@ int bt_search(int keyno, PAGE page, int srchflag, char* item, int depth) noexcep
         if (d->bt.bt_nitems <= 0) {
             x = -1;
         } else {
-            x = scan_page(d, kp, item, ncomp, srchflag);
+            x = kisam::bt_scan(d, kp, item, ncomp, srchflag);
         }
     }
 

@@ -394,6 +394,7 @@ KISAM_API int nisopen(const char* filename, int access) {
     jn_setpath(u, filename);
     is_open_note(u, true);
     is_env.pfo_tbl[u] = static_cast<int32_t>(kisam::rel_of(fcp));
+    v_enter_file(u);
 
     IS_PFI* pfi = &is_pfi[u];
     if (pfi->pfi_osfd >= 0) {

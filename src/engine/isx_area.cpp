@@ -12,8 +12,18 @@ constexpr uint32_t kLine = 64;
 inline uint32_t round_line(uint64_t n) { return static_cast<uint32_t>((n + kLine - 1) / kLine * kLine); }
 
 struct Geometry {
-    uint32_t file_base, proc_base, open_base, open_bytes, ref_base, reaped_base, path_base, size;
+    uint32_t file_base, proc_base, open_base, open_bytes, ref_base, reaped_base, path_base, link_base,
+        log_base, log_len, size;
 };
+
+// Entries of one chain log: a process that fell further behind than this walks the
+// chain instead, so one walk (at most maxbufs slots) is paid for by at least maxbufs / 8
+// changes of others.
+uint32_t log_entries(uint64_t nb) {
+    uint32_t n = 64;
+    while (n < nb / 8) n <<= 1;
+    return n;
+}
 
 Geometry geometry(int maxopen, int maxusers, int maxbufs) {
     const uint64_t no = maxopen > 0 ? maxopen : 0;
@@ -27,7 +37,10 @@ Geometry geometry(int maxopen, int maxusers, int maxbufs) {
     g.ref_base = round_line(g.open_base + nu * g.open_bytes);
     g.reaped_base = round_line(g.ref_base + nb);
     g.path_base = round_line(g.reaped_base + ISX_NREAPED * sizeof(isx_reaped));
-    g.size = round_line(g.path_base + no * ISX_PATHLEN);
+    g.link_base = round_line(g.path_base + no * ISX_PATHLEN);
+    g.log_base = round_line(g.link_base + nb * sizeof(int16_t));
+    g.log_len = log_entries(nb);
+    g.size = round_line(g.log_base + no * g.log_len * sizeof(int16_t));
     return g;
 }
 
@@ -54,6 +67,9 @@ void isx_layout(void) noexcept {
     h->xh_ref_base = g.ref_base;
     h->xh_reaped_base = g.reaped_base;
     h->xh_path_base = g.path_base;
+    h->xh_link_base = g.link_base;
+    h->xh_log_base = g.log_base;
+    h->xh_log_len = static_cast<uint16_t>(g.log_len);
     isx_file* f = reinterpret_cast<isx_file*>(base + g.file_base);
     for (int u = 0; u < isam_com->maxopen; ++u) f[u].xf_hand = -1;
     // The magic goes in last: a head with the magic is a complete layout.
@@ -72,7 +88,8 @@ isx_head* isx_find(char* base, size_t segsize) noexcept {
         h->xh_maxbufs != com->maxbufs || h->xh_file_base != g.file_base ||
         h->xh_proc_base != g.proc_base || h->xh_open_base != g.open_base ||
         h->xh_open_bytes != g.open_bytes || h->xh_ref_base != g.ref_base ||
-        h->xh_reaped_base != g.reaped_base || h->xh_path_base != g.path_base)
+        h->xh_reaped_base != g.reaped_base || h->xh_path_base != g.path_base ||
+        h->xh_link_base != g.link_base || h->xh_log_base != g.log_base || h->xh_log_len != g.log_len)
         return nullptr;
     return h;
 }

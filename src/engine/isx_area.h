@@ -3,12 +3,12 @@
 //
 // The documented regions stay byte for byte as every release lays them out; whatever
 // this library adds to the shared state lives here: per-file change counts (the pool's
-// knowledge of a file's chain, the readers that take no lock), clock hands and reference
-// bits of the pool, pending rollbacks of the undo journal, and which files each attached
-// process has open (so that the process can be cleaned up after it dies).
+// knowledge of a file's chain, the readers that take no lock), clock hands, reference
+// bits and chain logs of the pool, pending rollbacks of the undo journal, and which files
+// each attached process has open (so that the process can be cleaned up after it dies).
 //
 // Layout (offsets from the area's start; each table's base is in the head):
-//   isx_head                 64 bytes
+//   isx_head                 128 bytes
 //   isx_file[maxopen]        64 bytes each, one per shared-file slot (a cache line each,
 //                            so that counts of different files do not share a line)
 //   isx_proc[maxusers]       16 bytes each, one per process-table slot
@@ -19,6 +19,11 @@
 //   paths[maxopen]           ISX_PATHLEN bytes each: the absolute path by which the file
 //                            in each shared-file slot was first opened ("" when unknown),
 //                            so that another process can reopen it to roll a call back
+//   back links[maxbufs]      int16 per buffer slot: the slot before it on its chain (-1
+//                            at the head), so that a slot leaves a chain without a walk;
+//                            a hint, checked against bu_next before use
+//   chain logs[maxopen]      xh_log_len int16 slot numbers each: the slots of the file's
+//                            latest chain changes, entry g % xh_log_len for change g
 //
 // The area is zeroed with the segment and laid out by the first attacher under the
 // start-up lock.  A segment made without it (by a library that does not know it) is
@@ -36,7 +41,7 @@ struct isx_head {
     int16_t xh_maxopen;      // 12-13  the tables are sized for these
     int16_t xh_maxusers;     // 14-15
     int16_t xh_maxbufs;      // 16-17
-    int16_t xh_pad1;         // 18-19
+    uint16_t xh_log_len;     // 18-19  entries of one chain log (a power of two)
     uint32_t xh_file_base;   // 20-23  offsets from the area's start
     uint32_t xh_proc_base;   // 24-27
     uint32_t xh_open_base;   // 28-31
@@ -48,9 +53,11 @@ struct isx_head {
     uint32_t xh_reaped_base; // 52-55  the ring of cleaned processes; entry xh_cleaned %
                              //        ISX_NREAPED is the next to be written
     uint32_t xh_path_base;   // 56-59  the path table
-    uint32_t xh_spare[1];    // 60-63
+    uint32_t xh_link_base;   // 60-63  the chain back links
+    uint32_t xh_log_base;    // 64-67  the chain logs
+    uint32_t xh_spare[15];   // 68-127
 };
-KISAM_RECORD(isx_head, 64);
+KISAM_RECORD(isx_head, 128);
 KISAM_AT(isx_head, xh_magic, 0);       KISAM_AT(isx_head, xh_version, 4);
 KISAM_AT(isx_head, xh_size, 8);        KISAM_AT(isx_head, xh_maxopen, 12);
 KISAM_AT(isx_head, xh_maxusers, 14);   KISAM_AT(isx_head, xh_maxbufs, 16);
@@ -58,8 +65,10 @@ KISAM_AT(isx_head, xh_file_base, 20);  KISAM_AT(isx_head, xh_proc_base, 24);
 KISAM_AT(isx_head, xh_open_base, 28);  KISAM_AT(isx_head, xh_open_bytes, 32);
 KISAM_AT(isx_head, xh_ref_base, 36);   KISAM_AT(isx_head, xh_steal_hand, 40);
 KISAM_AT(isx_head, xh_cleaned, 44);    KISAM_AT(isx_head, xh_rolledback, 48);
+KISAM_AT(isx_head, xh_log_len, 18);
 KISAM_AT(isx_head, xh_reaped_base, 52); KISAM_AT(isx_head, xh_path_base, 56);
-KISAM_AT(isx_head, xh_spare, 60);
+KISAM_AT(isx_head, xh_link_base, 60);   KISAM_AT(isx_head, xh_log_base, 64);
+KISAM_AT(isx_head, xh_spare, 68);
 
 // One per shared-file slot.  Reset when the slot is taken by a new file (open) so that
 // nothing learnt about the slot's previous file carries over.
@@ -68,17 +77,19 @@ struct isx_file {
                              //        control lock changes its pages, slots or control
                              //        page; readers without the lock compare it
     uint32_t xf_chaingen;    //  4-7   advanced whenever a slot of the file is attached
-                             //        to its chain, re-tagged or taken away
+                             //        to its chain, re-tagged or taken away; the file's
+                             //        chain log names the slot of each change
     int16_t xf_hand;         //  8-9   the file's own clock hand (a slot on its chain), -1
     int16_t xf_pad;          // 10-11
     uint32_t xf_undo;        // 12-15  1 + process slot whose rolled-back call has not yet
                              //        fully reached the disk; 0 none
-    uint32_t xf_spare[12];   // 16-63
+    uint32_t xf_chainlen;    // 16-19  slots on the file's chain
+    uint32_t xf_spare[11];   // 20-63
 };
 KISAM_RECORD(isx_file, 64);
 KISAM_AT(isx_file, xf_seq, 0);   KISAM_AT(isx_file, xf_chaingen, 4);
 KISAM_AT(isx_file, xf_hand, 8);  KISAM_AT(isx_file, xf_undo, 12);
-KISAM_AT(isx_file, xf_spare, 16);
+KISAM_AT(isx_file, xf_chainlen, 16); KISAM_AT(isx_file, xf_spare, 20);
 
 // One per process-table slot.
 struct isx_proc {
@@ -100,7 +111,7 @@ inline constexpr int ISX_NREAPED = 8;
 inline constexpr int ISX_PATHLEN = 256;
 
 inline constexpr uint32_t ISX_MAGIC = 0x3158414Bu;  // "KAX1"
-inline constexpr uint16_t ISX_VERSION = 1;
+inline constexpr uint16_t ISX_VERSION = 2;
 
 // This process's view of the attached area; null when not attached.
 extern isx_head* isx_area;
@@ -139,6 +150,15 @@ inline char* isx_path(int u) {
 }
 inline isx_reaped* isx_reaped_at(int k) {
     return reinterpret_cast<isx_reaped*>(reinterpret_cast<char*>(isx_area) + isx_area->xh_reaped_base) + k;
+}
+// Back link of buffer slot s (the slot before it on its chain).
+inline int16_t* isx_link(int s) {
+    return reinterpret_cast<int16_t*>(reinterpret_cast<char*>(isx_area) + isx_area->xh_link_base) + s;
+}
+// Chain log of shared-file slot u: xh_log_len entries.
+inline int16_t* isx_log(int u) {
+    return reinterpret_cast<int16_t*>(reinterpret_cast<char*>(isx_area) + isx_area->xh_log_base) +
+           static_cast<size_t>(u) * isx_area->xh_log_len;
 }
 
 }  // namespace kisam

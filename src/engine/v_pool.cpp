@@ -1,15 +1,17 @@
 // The buffer pool: one array of page slots in the common area, shared by every process.
 //
 // Shared state (guarded as stated):
-//   - a file's chain (jd_buf_hd, bu_next of its slots), its slots' marks and contents:
-//     that file's control lock;
-//   - the free list (buf_free) and moving a slot from one chain to another: buf_lock,
-//     taken after the current file's control lock; another file's control lock is then
-//     only tried without waiting;
-//   - lru_cnt, lru_wcnt and the statistics: no lock (atomic updates).
+//   - a file's chain (jd_buf_hd, bu_next of its slots), its slots' marks and contents, and
+//     its record in the extension area (change count, chain log, clock hand, chain
+//     length): that file's control lock;
+//   - the free list (buf_free), the steal hand and moving a slot from one chain to
+//     another: buf_lock, taken after the current file's control lock; another file's
+//     control lock is then only tried without waiting;
+//   - lru_cnt, lru_wcnt, the reference bytes and the statistics: no lock (atomic
+//     updates).
 //
-// Per-process bookkeeping keeps hits and releases independent of the pool's size.  The
-// rules below are what makes it agree with the shared slots (numbered as in
+// Per-process bookkeeping keeps hits, misses and releases independent of the pool's
+// size.  The rules below are what makes it agree with the shared slots (numbered as in
 // README.pool.md; the tests check them):
 //
 //  1. Tags are truthful.  A slot's (bu_id & BU_FILEMASK, bu_pno) names what it holds: a
@@ -24,13 +26,14 @@
 //     slot's tag and drops an entry that no longer matches.  Since the caller holds u's
 //     control lock, nobody else can change a slot tagged u meanwhile, so a validated
 //     entry is the page.
-//  3. "Authority" for u means: every slot on u's chain is in the index, and chain_len[u]
-//     is the chain's length.  It is gained by walking the whole chain under u's control
-//     lock.  Every attach of a slot to a chain, and every re-tag in place, happens inside
-//     some v_read that first advanced lru_cnt while holding that chain's control lock.
-//     This process advances lru_cnt by compare-and-swap; when the old value is not the
-//     one it produced last, another process ran v_read since, and all authority is
-//     dropped.  Removals by others only make index entries fail rule 2.
+//  3. Chain knowledge.  Every change of u's chain or of the tag of one of its slots goes
+//     through load_slot, take_away or v_relbuf, under u's control lock, and ends in
+//     chain_changed: xf_chaingen advances by one and u's chain log names the slot.  This
+//     process "knows" u as of change count g when every slot that was on u's chain at g
+//     is in the index.  Knowing u as of the current count, a page missing from the index
+//     is not cached.  Behind by at most the log's length, it re-files the logged slots;
+//     further behind (or never), it walks the chain once.  A chain's length is shared
+//     (xf_chainlen), so nobody counts it.
 //  4. The fix list holds every slot this process set BU_INUSE on (or found fixed) while
 //     holding the slot's file's control lock, each slot once.  v_flush of u clears the
 //     fixes and writes the dirty slots of u that are on the list; nothing else walks the
@@ -40,10 +43,13 @@
 //     (that wait counts usrwaits; a flush that sees usrwaits moved since its last full
 //     walk of the file walks the chain once, as a full flush does).
 //     The first flush of a file in a process walks its chain once as well.
-//  5. The steal scan over all slots is the miss path when the free list is empty.  It
-//     clears the victim's tag before giving up the victim owner's control lock (rule 1),
-//     updates that file's chain length, and, before waiting for a slot, takes over the
-//     control words of holders that died so that their fixes do not block it forever.
+//  5. Victims by clock.  A use sets the slot's reference byte.  A file at its quota turns
+//     its own hand (xf_hand) along its chain; the steal scan turns the hand over all slots
+//     (xh_steal_hand).  A hand clears the reference byte of an unfixed candidate and
+//     passes it over; the first unfixed candidate without one is the victim.  A stolen
+//     victim's tag is cleared before its owner's control lock is given up (rule 1);
+//     before waiting for a slot, the scan takes over the control words of holders that
+//     died so that their fixes do not block it for ever.
 //  6. The bookkeeping belongs to one attachment: it is rebuilt when the segment changes
 //     (v_reset_process after attach and fork), and v_forget_file(u) when u's file goes.
 //
@@ -56,6 +62,7 @@
 #include "is_error.h"
 #include "is_lock.h"
 #include "jn.h"
+#include "isx_area.h"
 #include "os.h"
 
 #include <kisam/ztsupport.h>
@@ -90,13 +97,11 @@ struct PoolBook {
     int shift = 64;
     uint64_t* key_of = nullptr;
 
-    // Authority (rule 3): auth_gen[u] == gen means authoritative for u.
-    LRUt last_lru = 0;
-    bool have_lru = false;
-    uint32_t gen = 1;
-    uint32_t* auth_gen = nullptr;
-    int32_t* chain_len = nullptr;
-    int32_t* auth_fcp = nullptr;     // pfo_tbl entry the authority was gained for
+    // Chain knowledge (rule 3): known[u] says valid, for the file whose control page is
+    // known_fcp[u], as of change count known_gen[u].
+    uint8_t* known = nullptr;
+    uint32_t* known_gen = nullptr;
+    int32_t* known_fcp = nullptr;
 
     // Fix list (rule 4).
     int16_t* fixed = nullptr;
@@ -106,6 +111,11 @@ struct PoolBook {
     // usrwaits at this process's last full flush walk of each file; walked[u] says valid.
     uint32_t* walk_waits = nullptr;
     uint8_t* walked = nullptr;
+
+    // Steal scans: an owner whose control lock was refused in scan number scan_no has
+    // refused[w] == scan_no, so that one scan asks the kernel once per file.
+    uint32_t* refused = nullptr;
+    uint32_t scan_no = 0;
 };
 
 PoolBook bk;
@@ -113,13 +123,14 @@ PoolBook bk;
 void book_free() noexcept {
     std::free(bk.tab);
     std::free(bk.key_of);
-    std::free(bk.auth_gen);
-    std::free(bk.chain_len);
-    std::free(bk.auth_fcp);
+    std::free(bk.known);
+    std::free(bk.known_gen);
+    std::free(bk.known_fcp);
     std::free(bk.fixed);
     std::free(bk.listed);
     std::free(bk.walk_waits);
     std::free(bk.walked);
+    std::free(bk.refused);
     bk = PoolBook();
 }
 
@@ -136,13 +147,14 @@ void book_setup() noexcept {
         bk.key_of = static_cast<uint64_t*>(std::malloc((nb + 1) * sizeof(uint64_t)));
         bk.fixed = static_cast<int16_t*>(std::malloc((nb + 1) * sizeof(int16_t)));
         bk.listed = static_cast<uint8_t*>(std::malloc(nb + 1));
-        bk.auth_gen = static_cast<uint32_t*>(std::malloc((no + 1) * sizeof(uint32_t)));
-        bk.chain_len = static_cast<int32_t*>(std::malloc((no + 1) * sizeof(int32_t)));
-        bk.auth_fcp = static_cast<int32_t*>(std::malloc((no + 1) * sizeof(int32_t)));
+        bk.known = static_cast<uint8_t*>(std::malloc(no + 1));
+        bk.known_gen = static_cast<uint32_t*>(std::malloc((no + 1) * sizeof(uint32_t)));
+        bk.known_fcp = static_cast<int32_t*>(std::malloc((no + 1) * sizeof(int32_t)));
         bk.walk_waits = static_cast<uint32_t*>(std::malloc((no + 1) * sizeof(uint32_t)));
         bk.walked = static_cast<uint8_t*>(std::malloc(no + 1));
-        bk.ok = bk.tab && bk.key_of && bk.fixed && bk.listed && bk.auth_gen && bk.chain_len &&
-                bk.auth_fcp && bk.walk_waits && bk.walked;
+        bk.refused = static_cast<uint32_t*>(std::malloc((no + 1) * sizeof(uint32_t)));
+        bk.ok = bk.tab && bk.key_of && bk.fixed && bk.listed && bk.known && bk.known_gen &&
+                bk.known_fcp && bk.walk_waits && bk.walked && bk.refused;
         if (!bk.ok) {
             book_free();
         } else {
@@ -156,12 +168,12 @@ void book_setup() noexcept {
         std::memset(bk.tab, 0xFF, (bk.mask + 1) * sizeof(int16_t));
         for (int i = 0; i < nb; ++i) bk.key_of[i] = kNoKey;
         std::memset(bk.listed, 0, nb + 1);
-        std::memset(bk.auth_gen, 0, (no + 1) * sizeof(uint32_t));
+        std::memset(bk.known, 0, no + 1);
         std::memset(bk.walked, 0, no + 1);
-        bk.gen = 1;
+        std::memset(bk.refused, 0, (no + 1) * sizeof(uint32_t));
+        bk.scan_no = 0;
         bk.nfixed = 0;
     }
-    bk.have_lru = false;
     bk.com = isam_com;
     bk.shmid = is_shmid;
 }
@@ -174,12 +186,14 @@ inline bool book() noexcept {
 inline uint64_t page_key(int u, PAGE pno) {
     return (static_cast<uint64_t>(static_cast<uint32_t>(u)) << 32) | pno;
 }
+inline int key_file(uint64_t key) { return static_cast<int>(key >> 32); }
 inline uint32_t home_of(uint64_t key) {
     return static_cast<uint32_t>((key * 0x9E3779B97F4A7C15ull) >> bk.shift);
 }
 
 inline IS_BUF* slot(int s) { return is_env.buf_ + s; }
 inline int file_of(const IS_BUF* b) { return b->bu_id & BU_FILEMASK; }
+inline isx_file* xfile(int u) { return kisam::isx_file_of(u); }
 
 // Position in tab of slot s filed under key, or -1.
 int index_pos(uint64_t key) noexcept {
@@ -231,6 +245,16 @@ void index_put(int u, PAGE pno, int s) noexcept {
     bk.key_of[s] = key;
 }
 
+// Files slot s as its tag says when it is u's; drops an entry of u's that it no longer
+// deserves.
+inline void index_refile(int u, int s) noexcept {
+    const IS_BUF* b = slot(s);
+    if (file_of(b) == u)
+        index_put(u, b->bu_pno, s);
+    else if (bk.key_of[s] != kNoKey && key_file(bk.key_of[s]) == u)
+        index_erase(s);
+}
+
 // Slot of page (u, pno) by the index, validated against the shared tag (rule 2); -1.
 inline int index_find(int u, PAGE pno) noexcept {
     int pos = index_pos(page_key(u, pno));
@@ -242,26 +266,78 @@ inline int index_find(int u, PAGE pno) noexcept {
     return -1;
 }
 
-inline bool authoritative(int u) noexcept {
-    return bk.auth_gen[u] == bk.gen && bk.auth_fcp[u] == is_env.pfo_tbl[u];
+inline bool valid_slot(int s) { return s >= 0 && s < isam_com->maxbufs; }
+
+inline uint32_t chaingen(int u) noexcept {
+    return std::atomic_ref<uint32_t>(xfile(u)->xf_chaingen).load(std::memory_order_acquire);
 }
-inline void drop_all_authority() noexcept {
-    if (++bk.gen == 0) {
-        std::memset(bk.auth_gen, 0, (bk.nopen + 1) * sizeof(uint32_t));
-        bk.gen = 1;
+inline uint32_t log_mask() noexcept { return isx_area->xh_log_len - 1; }
+
+// Knowledge of u that is valid for the file now in slot u (rule 3), at whatever count.
+inline bool knows(int u) noexcept {
+    return bk.known[u] && bk.known_fcp[u] == is_env.pfo_tbl[u];
+}
+
+// Brings this process's knowledge of u up to the current change count: re-files the
+// slots of the changes it missed, or walks the chain when it missed more than the log
+// holds.  Requires u's control lock.
+void learn(IS_FCP* fcp, int u) noexcept {
+    const uint32_t now = chaingen(u);
+    if (knows(u)) {
+        const uint32_t behind = now - bk.known_gen[u];
+        if (behind == 0) return;
+        if (behind <= isx_area->xh_log_len) {
+            const int16_t* log = kisam::isx_log(u);
+            for (uint32_t g = bk.known_gen[u] + 1; g != now + 1; ++g) {
+                const int s = log[g & log_mask()];
+                if (valid_slot(s)) index_refile(u, s);
+            }
+            bk.known_gen[u] = now;
+            return;
+        }
+    }
+    const int nb = isam_com->maxbufs;
+    int n = 0;
+    for (int s = fcp->jd_buf_hd; valid_slot(s) && n < nb; s = slot(s)->bu_next, ++n)
+        index_put(u, slot(s)->bu_pno, s);
+    // The shared length is only as good as the last change: a process that died in the
+    // middle of one may have left it off.  The walk knows it exactly.
+    xfile(u)->xf_chainlen = static_cast<uint32_t>(n);
+    bk.known[u] = 1;
+    bk.known_gen[u] = now;
+    bk.known_fcp[u] = is_env.pfo_tbl[u];
+}
+
+// The one place where a chain change is recorded (rule 3): slot s of file u was attached
+// to u's chain, re-tagged or loaded, or taken away.  Called after the change, under u's
+// control lock.  A process that knew u up to the change keeps knowing it.
+void chain_changed(int u, int s) noexcept {
+    isx_file* f = xfile(u);
+    const uint32_t g = f->xf_chaingen + 1;
+    kisam::isx_log(u)[g & log_mask()] = static_cast<int16_t>(s);
+    std::atomic_ref<uint32_t>(f->xf_chaingen).store(g, std::memory_order_release);
+    if (bk.com == isam_com && bk.ok && u < bk.nopen && knows(u) && bk.known_gen[u] == g - 1) {
+        index_refile(u, s);
+        bk.known_gen[u] = g;
     }
 }
-inline void set_authority(int u, int len) noexcept {
-    bk.auth_gen[u] = bk.gen;
-    bk.chain_len[u] = len;
-    bk.auth_fcp[u] = is_env.pfo_tbl[u];
+
+// A whole chain changed at once (given back, or the file slot taken by a new file):
+// whoever knew it must walk it again.
+void chain_reset(int u) noexcept {
+    isx_file* f = xfile(u);
+    f->xf_hand = -1;
+    f->xf_chainlen = 0;
+    std::atomic_ref<uint32_t>(f->xf_chaingen)
+        .store(f->xf_chaingen + isx_area->xh_log_len + 1, std::memory_order_release);
 }
-// Authority may be used without advancing the clock (v_hit) only if nobody advanced it.
-inline void check_authority() noexcept {
-    if (!bk.have_lru ||
-        std::atomic_ref<uint32_t>(isam_com->lru_cnt).load(std::memory_order_acquire) !=
-            bk.last_lru)
-        drop_all_authority();
+
+// Makes everyone's knowledge of u's chain out of date, so that the next miss walks it (and
+// counts its length again).  Requires u's control lock.
+void chain_forget(int u) noexcept {
+    isx_file* f = xfile(u);
+    std::atomic_ref<uint32_t>(f->xf_chaingen)
+        .store(f->xf_chaingen + isx_area->xh_log_len + 1, std::memory_order_release);
 }
 
 inline void fix_note(int s) noexcept {
@@ -281,22 +357,6 @@ inline LRUt clock_advance(LRUt& clock) noexcept {
     return nv;
 }
 
-// Advances lru_cnt; drops all authority when another process advanced it meanwhile.
-inline LRUt use_clock(bool have_book) noexcept {
-    std::atomic_ref<uint32_t> c(isam_com->lru_cnt);
-    uint32_t old = c.load(std::memory_order_relaxed), nv;
-    do {
-        nv = old + 1;
-        if (nv == 0) nv = 1;
-    } while (!c.compare_exchange_weak(old, nv, std::memory_order_acq_rel));
-    if (have_book) {
-        if (!bk.have_lru || old != bk.last_lru) drop_all_authority();
-        bk.last_lru = nv;
-        bk.have_lru = true;
-    }
-    return nv;
-}
-
 inline void count(uint32_t& stat) noexcept {
     std::atomic_ref<uint32_t>(stat).fetch_add(1, std::memory_order_relaxed);
 }
@@ -304,13 +364,25 @@ inline LRUt clock_now() noexcept {
     return std::atomic_ref<uint32_t>(isam_com->lru_cnt).load(std::memory_order_relaxed);
 }
 
+// Reference bytes (rule 5): set at every use, cleared by a passing hand.  Written only
+// when they change, so that hits on a hot slot do not bounce its cache line.
+inline void ref_set(int s) noexcept {
+    std::atomic_ref<uint8_t> r(*kisam::isx_ref(s));
+    if (r.load(std::memory_order_relaxed) == 0) r.store(1, std::memory_order_relaxed);
+}
+// Clears the reference byte; true when it was set.
+inline bool ref_take(int s) noexcept {
+    std::atomic_ref<uint8_t> r(*kisam::isx_ref(s));
+    if (r.load(std::memory_order_relaxed) == 0) return false;
+    r.store(0, std::memory_order_relaxed);
+    return true;
+}
+
 inline int current_file() noexcept {
     return is_curdb ? is_curdb->uniqueid : static_cast<int>(is_curpfi - is_pfi);
 }
 
 inline bool writable(const IS_PFI* pfi) { return pfi->pfi_osfd >= 0 && !(pfi->pfi_bits & PFI_RDONLY); }
-
-inline bool valid_slot(int s) { return s >= 0 && s < isam_com->maxbufs; }
 
 // A failing pread/pwrite stands for a failing seek when the offset was the problem.
 inline bool seek_errno(int e) { return e == EINVAL || e == ESPIPE || e == EOVERFLOW; }
@@ -355,25 +427,120 @@ int walk_unfix(IS_FCP* fcp, int u, bool flush_codes) noexcept {
     return 0;
 }
 
-// Unlinks slot v from the chain of fcp; false when v is not on it.
-bool chain_unlink(IS_FCP* fcp, int v) noexcept {
-    if (fcp->jd_buf_hd == v) {
-        fcp->jd_buf_hd = slot(v)->bu_next;
-        return true;
-    }
-    int n = 0;
-    for (int s = fcp->jd_buf_hd; valid_slot(s) && n < isam_com->maxbufs; s = slot(s)->bu_next, ++n) {
-        if (slot(s)->bu_next == v) {
-            slot(s)->bu_next = slot(v)->bu_next;
-            return true;
-        }
-    }
-    return false;
-}
-
 inline void clear_tag(IS_BUF* b) {
     b->bu_id = BU_FILEMASK;
     b->bu_pno = KISAM_NOPAGE;
+}
+
+// Slot of page pno on the chain of fcp found by walking it; -1.
+int chain_find(const IS_FCP* fcp, PAGE pno) noexcept {
+    if (pno == KISAM_NOPAGE) return -1;
+    const int nb = isam_com->maxbufs;
+    int n = 0;
+    for (int s = fcp->jd_buf_hd; valid_slot(s) && n < nb; s = slot(s)->bu_next, ++n)
+        if (slot(s)->bu_pno == pno) return s;
+    return -1;
+}
+
+// ---- Chain changes ----------------------------------------------------------------------
+// load_slot, take_away and v_relbuf are the only places where a slot joins
+// a chain, gets another page, or leaves a chain.  Each requires the control lock of the
+// chain's file and records the change (chain_changed or chain_reset).
+
+// Puts page pno of the current file u into slot s and loads it.  `attach`: s comes off the
+// free list or another chain (buf_lock held) and goes to the head of u's chain; else s is
+// one of u's own slots, re-tagged in place.  A failed load gives an attached slot back to
+// the free list and leaves a slot in place on the chain holding no page (rule 1).
+// 0, or -1 with the error raised.
+int load_slot(IS_FCP* fcp, int u, int s, PAGE pno, bool attach) noexcept {
+    IS_BUF* b = slot(s);
+    isx_file* f = xfile(u);
+    if (attach) {
+        const int head = fcp->jd_buf_hd;
+        b->bu_next = static_cast<int16_t>(head);
+        *kisam::isx_link(s) = -1;
+        if (valid_slot(head)) *kisam::isx_link(head) = static_cast<int16_t>(s);
+        fcp->jd_buf_hd = static_cast<int16_t>(s);
+        b->bu_id = static_cast<uint16_t>(u);
+        f->xf_chainlen++;
+    }
+    b->bu_cnt = clock_now();
+    b->bu_pno = KISAM_NOPAGE;  // named only once loaded (readbuf)
+    b->bu_wcnt = clock_advance(isam_com->lru_wcnt);
+    const int rc = readbuf(b, pno);
+    if (rc == 0) {
+        ref_set(s);
+    } else if (attach) {
+        fcp->jd_buf_hd = b->bu_next;
+        if (valid_slot(b->bu_next)) *kisam::isx_link(b->bu_next) = -1;
+        f->xf_chainlen--;
+        clear_tag(b);
+        b->bu_next = isam_com->buf_free;
+        isam_com->buf_free = static_cast<int16_t>(s);
+    }
+    chain_changed(u, s);
+    return rc;
+}
+
+// Takes slot v off the chain of file w (control page wfcp) and tags it as moving (rule 1).
+// Requires w's control lock and buf_lock.  False when v is not on that chain.
+bool take_away(IS_FCP* wfcp, int w, int v) noexcept {
+    IS_BUF* b = slot(v);
+    // The back link is a hint (a process that died may have left it stale): it is used
+    // only when the chain confirms it, else the chain is walked.
+    int prev = *kisam::isx_link(v);
+    const bool linked = valid_slot(prev) ? slot(prev)->bu_next == v && file_of(slot(prev)) == w
+                                         : wfcp->jd_buf_hd == v;
+    if (!linked) {
+        prev = -1;
+        if (wfcp->jd_buf_hd != v) {
+            const int nb = isam_com->maxbufs;
+            int n = 0, s = wfcp->jd_buf_hd;
+            while (valid_slot(s) && n < nb && slot(s)->bu_next != v) s = slot(s)->bu_next, ++n;
+            if (!valid_slot(s) || n >= nb) return false;
+            prev = s;
+        }
+    }
+    const int next = b->bu_next;
+    if (prev < 0)
+        wfcp->jd_buf_hd = static_cast<int16_t>(next);
+    else
+        slot(prev)->bu_next = static_cast<int16_t>(next);
+    if (valid_slot(next)) *kisam::isx_link(next) = static_cast<int16_t>(prev);
+    isx_file* f = xfile(w);
+    if (f->xf_hand == v) f->xf_hand = static_cast<int16_t>(next);
+    if (f->xf_chainlen > 0) f->xf_chainlen--;
+    clear_tag(b);
+    chain_changed(w, v);
+    return true;
+}
+
+// ---- Victims ----------------------------------------------------------------------------
+
+// Own-quota victim of the current file u (rule 5): u's hand turns along its chain from
+// where it stopped last.  -1 when no slot qualifies: every one is fixed or, for a read-only
+// opener, dirty.  Two turns at most: the first clears the reference bytes it passes.
+int own_victim(IS_FCP* fcp, int u, bool rdonly) noexcept {
+    isx_file* f = xfile(u);
+    int h = f->xf_hand;
+    if (!valid_slot(h) || file_of(slot(h)) != u) h = fcp->jd_buf_hd;
+    if (!valid_slot(h)) return -1;
+    const int nb = isam_com->maxbufs;
+    const long len = f->xf_chainlen < 1 ? 1 : f->xf_chainlen > static_cast<uint32_t>(nb) ? nb : f->xf_chainlen;
+    int victim = -1;
+    for (long step = 0; step < 2 * len + 1; ++step) {
+        const int s = h;
+        const IS_BUF* b = slot(s);
+        h = b->bu_next;
+        if (!valid_slot(h)) h = fcp->jd_buf_hd;
+        const uint16_t id = b->bu_id;
+        if ((id & BU_INUSE) || (rdonly && (id & BU_DIRTY))) continue;
+        if (ref_take(s)) continue;
+        victim = s;
+        break;
+    }
+    f->xf_hand = static_cast<int16_t>(h);
+    return victim;
 }
 
 // Takes over, without waiting, the control word of every open file whose holder died,
@@ -451,11 +618,69 @@ int lock_bufs() noexcept {
     return 0;
 }
 
+// A slot that the steal scan may take as it stands: unfixed, of an open file, and, when
+// dirty, of a file this process can write.
+inline bool stealable(uint16_t id, int w) noexcept {
+    if (id & BU_INUSE) return false;
+    if (w >= isam_com->maxopen || !pfo_fcp(w)) return false;
+    return !(id & BU_DIRTY) || (is_pfi && writable(&is_pfi[w]));
+}
+
+// The steal scan (rule 5): the hand over all slots turns from where it stopped last.  A
+// slot whose owner's control lock this process does not hold is taken only when that
+// lock can be had without waiting; the lock is then this process's (*took) until the
+// slot has moved.  -1 when no slot qualifies within two turns.  Requires buf_lock.
+int steal_victim(bool hb, bool* took) noexcept {
+    const int nb = isam_com->maxbufs;
+    *took = false;
+    if (hb && ++bk.scan_no == 0) {
+        std::memset(bk.refused, 0, (bk.nopen + 1) * sizeof(uint32_t));
+        bk.scan_no = 1;
+    }
+    uint32_t h = isx_area->xh_steal_hand;
+    if (h >= static_cast<uint32_t>(nb)) h = 0;
+    int victim = -1;
+    for (long step = 0; step < 2L * nb + 1 && victim < 0; ++step) {
+        const int i = static_cast<int>(h);
+        h = h + 1 == static_cast<uint32_t>(nb) ? 0 : h + 1;
+        IS_BUF* b = slot(i);
+        const uint16_t id = b->bu_id;
+        const int w = id & BU_FILEMASK;
+        if (!stealable(id, w)) continue;
+        if (ref_take(i)) continue;
+        IS_FCP* ofcp = pfo_fcp(w);
+        if (!is_lock_mine(&ofcp->jd_fcplock)) {
+            if (hb && bk.refused[w] == bk.scan_no) continue;
+            if (is_lockitnw(kisam::com_offset(&ofcp->jd_fcplock)) != 0) {
+                if (hb) bk.refused[w] = bk.scan_no;
+                continue;
+            }
+            const unsigned prev = is_lock_claim(&ofcp->jd_fcplock);
+            // A holder that died may have left fixes on its file's slots, and a call half
+            // done, which the file's next user rolls back (noted first: a death of this
+            // process meanwhile must not lose it).
+            if (prev != 0) {
+                jn_note_stale(ofcp, prev);
+                v_stale_fcplock(ofcp);
+            }
+            // The owner may have changed the slot before its lock came free.
+            const uint16_t now = b->bu_id;
+            if ((now & BU_FILEMASK) != w || !stealable(now, w)) {
+                is_unlock(&ofcp->jd_fcplock);
+                continue;
+            }
+            *took = true;
+        }
+        victim = i;
+    }
+    isx_area->xh_steal_hand = h;
+    return victim;
+}
+
 // The lock-holding part of a miss: a free slot or a victim, attached to u's chain and
 // loaded with pno.  Returns the slot or -1 (error raised, nothing of ours left locked).
 int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb) noexcept {
     struct isam_com* com = isam_com;
-    const int nb = com->maxbufs;
     for (;;) {
         if (lock_bufs() != 0) return is_raise(ISE_DEADLOCK, PROC(P_V_READ, 6));
         int S = com->buf_free;
@@ -467,43 +692,9 @@ int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb) noexcept {
             com->buf_free = slot(S)->bu_next;
             count(com->missfree);
         } else {
-            // Least recently used slot whose owner file this process can lock now.
-            int best = -1;
-            LRUt bestcnt = 0;
-            IS_FCP* bestfcp = nullptr;
-            bool bestlocked = false;  // the scan took bestfcp's control word
-            for (int i = 0; i < nb; ++i) {
-                IS_BUF* b = slot(i);
-                uint16_t id = b->bu_id;
-                if (id & BU_INUSE) continue;
-                if (best >= 0 && !(b->bu_cnt < bestcnt)) continue;
-                int w = id & BU_FILEMASK;
-                if (w >= com->maxopen) continue;
-                IS_FCP* ofcp = pfo_fcp(w);
-                if (!ofcp) continue;
-                if ((id & BU_DIRTY) && (!is_pfi || !writable(&is_pfi[w]))) continue;
-                bool took = false;
-                if (ofcp != bestfcp) {
-                    if (!is_lock_mine(&ofcp->jd_fcplock)) {
-                        if (is_lockitnw(kisam::com_offset(&ofcp->jd_fcplock)) != 0) continue;
-                        const unsigned prev = is_lock_claim(&ofcp->jd_fcplock);
-                        const bool stale = prev != 0;
-                        took = true;
-                        // A holder that died may have left fixes on its file's slots, and
-                        // a call half done, which the file's next user rolls back.
-                        if (stale) {
-                            jn_note_stale(ofcp, prev);
-                            v_stale_fcplock(ofcp);
-                        }
-                    }
-                    if (bestlocked) is_unlock(&bestfcp->jd_fcplock);
-                    bestfcp = ofcp;
-                    bestlocked = took;
-                }
-                best = i;
-                bestcnt = b->bu_cnt;
-            }
-            if (best < 0) {
+            bool took = false;
+            const int v = steal_victim(hb, &took);
+            if (v < 0) {
                 // Fixes left by a holder that died are never unfixed by a flush; clear
                 // them and look again before waiting for slots that no one will release.
                 if (reap_dead_holders()) {
@@ -522,11 +713,12 @@ int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb) noexcept {
                 ZTSleep(1);
                 continue;
             }
-            IS_BUF* v = slot(best);
-            const int w = file_of(v);
-            if (v->bu_id & BU_DIRTY) {
-                if (writebuf(v) != 0) {
-                    if (bestlocked) is_unlock(&bestfcp->jd_fcplock);
+            IS_BUF* b = slot(v);
+            const int w = file_of(b);
+            IS_FCP* wfcp = pfo_fcp(w);
+            if (b->bu_id & BU_DIRTY) {
+                if (writebuf(b) != 0) {
+                    if (took) is_unlock(&wfcp->jd_fcplock);
                     is_unlock(&com->buf_lock);
                     return -1;
                 }
@@ -534,42 +726,23 @@ int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb) noexcept {
             } else {
                 count(com->missread);
             }
-            if (!chain_unlink(bestfcp, best)) {
-                if (bestlocked) is_unlock(&bestfcp->jd_fcplock);
+            // Off its chain the slot must not keep a tag that names it (rule 1): once the
+            // owner's lock is given up, its next holder would take it for the page.
+            const bool moved = take_away(wfcp, w, v);
+            if (took) is_unlock(&wfcp->jd_fcplock);
+            if (!moved) {
                 is_unlock(&com->buf_lock);
                 return is_raise(ISE_BUFLINK, PROC(P_V_READ, 1));
             }
-            // Off its chain the slot must not keep a tag that names it (rule 1): once the
-            // owner's lock is given up, its next holder would take it for the page.
-            clear_tag(v);
-            if (hb && bk.auth_gen[w] == bk.gen) bk.chain_len[w]--;
-            if (bestlocked) is_unlock(&bestfcp->jd_fcplock);
-            S = best;
+            S = v;
         }
-        IS_BUF* b = slot(S);
-        b->bu_next = fcp->jd_buf_hd;
-        fcp->jd_buf_hd = static_cast<int16_t>(S);
-        b->bu_id = static_cast<uint16_t>(u);
-        b->bu_cnt = clock_now();
-        b->bu_pno = KISAM_NOPAGE;  // named only once loaded (readbuf)
-        b->bu_wcnt = clock_advance(com->lru_wcnt);
-        if (readbuf(b, pno) != 0) {
-            // Give the slot back rather than leave a page-less slot on the chain.
-            fcp->jd_buf_hd = b->bu_next;
-            clear_tag(b);
-            b->bu_next = com->buf_free;
-            com->buf_free = static_cast<int16_t>(S);
-            if (hb) index_erase(S);
+        if (load_slot(fcp, u, S, pno, true) != 0) {
             is_unlock(&com->buf_lock);
             return -1;
         }
-        b->bu_id |= BU_INUSE;
+        slot(S)->bu_id |= BU_INUSE;
         is_unlock(&com->buf_lock);
-        if (hb) {
-            if (authoritative(u)) bk.chain_len[u]++;
-            index_put(u, pno, S);
-            fix_note(S);
-        }
+        if (hb) fix_note(S);
         return S;
     }
 }
@@ -589,73 +762,43 @@ IS_DATA* v_read(PAGE pno) noexcept {
     IS_FCP* fcp = is_curfcp;
     const int u = current_file();
     const bool hb = book();
-    const LRUt C = use_clock(hb);
+    const LRUt C = clock_advance(isam_com->lru_cnt);
 
+    int s;
     if (hb) {
-        int s = index_find(u, pno);
-        if (s >= 0) {
-            IS_BUF* b = slot(s);
-            count(isam_com->hit);
-            b->bu_cnt = C;
+        s = index_find(u, pno);
+        if (s < 0 && !(knows(u) && bk.known_gen[u] == chaingen(u))) {
+            learn(fcp, u);
+            s = index_find(u, pno);
+        }
+    } else {
+        s = chain_find(fcp, pno);
+    }
+    if (s >= 0) {
+        IS_BUF* b = slot(s);
+        count(isam_com->hit);
+        b->bu_cnt = C;
+        b->bu_id |= BU_INUSE;
+        ref_set(s);
+        if (hb) fix_note(s);
+        return &b->bu_data;
+    }
+
+    // A miss.  At its quota the file reuses one of its own slots in place: no buf_lock.
+    if (static_cast<int64_t>(xfile(u)->xf_chainlen) >= isam_com->maxfbuf) {
+        const int v = own_victim(fcp, u, is_curpfi->pfi_bits & PFI_RDONLY);
+        if (v >= 0) {
+            IS_BUF* b = slot(v);
+            if ((b->bu_id & BU_DIRTY) && writebuf(b) != 0) return nullptr;
+            if (load_slot(fcp, u, v, pno, false) != 0) return nullptr;
+            count(isam_com->missfree);
             b->bu_id |= BU_INUSE;
-            fix_note(s);
+            if (hb) fix_note(v);
             return &b->bu_data;
         }
     }
 
-    // Walk the chain when the index cannot answer: count the slots and pick the own-quota
-    // candidate (smallest bu_cnt, first met on a tie; unfixed; clean for a read-only opener).
-    const bool rdonly = is_curpfi->pfi_bits & PFI_RDONLY;
-    const int nb = isam_com->maxbufs;
-    int len = 0;
-    int cand = -1;
-    if (!hb || !authoritative(u) || bk.chain_len[u] >= isam_com->maxfbuf) {
-        const bool lookup = !hb || !authoritative(u);
-        LRUt candcnt = 0;
-        for (int s = fcp->jd_buf_hd; valid_slot(s) && len < nb; s = slot(s)->bu_next) {
-            IS_BUF* b = slot(s);
-            ++len;
-            if (lookup && b->bu_pno == pno && pno != KISAM_NOPAGE) {
-                count(isam_com->hit);
-                b->bu_cnt = C;
-                b->bu_id |= BU_INUSE;
-                if (hb) {
-                    index_put(u, pno, s);
-                    fix_note(s);
-                }
-                return &b->bu_data;
-            }
-            if (hb) index_put(u, b->bu_pno, s);
-            uint16_t id = b->bu_id;
-            if (!(id & BU_INUSE) && !(rdonly && (id & BU_DIRTY)) && (cand < 0 || b->bu_cnt < candcnt)) {
-                cand = s;
-                candcnt = b->bu_cnt;
-            }
-        }
-        if (hb) set_authority(u, len);
-    } else {
-        len = bk.chain_len[u];
-    }
-
-    if (len >= isam_com->maxfbuf && cand >= 0) {
-        // Own-quota reuse: the slot stays on this file's chain; no buf_lock needed.
-        IS_BUF* b = slot(cand);
-        if ((b->bu_id & BU_DIRTY) && writebuf(b) != 0) return nullptr;
-        b->bu_cnt = clock_now();
-        b->bu_pno = KISAM_NOPAGE;  // stays on the chain, holding no page until loaded
-        b->bu_wcnt = clock_advance(isam_com->lru_wcnt);
-        if (hb) index_erase(cand);
-        if (readbuf(b, pno) != 0) return nullptr;
-        count(isam_com->missfree);
-        b->bu_id |= BU_INUSE;
-        if (hb) {
-            index_put(u, pno, cand);
-            fix_note(cand);
-        }
-        return &b->bu_data;
-    }
-
-    int s = take_slot(fcp, u, pno, hb);
+    s = take_slot(fcp, u, pno, hb);
     return s < 0 ? nullptr : &slot(s)->bu_data;
 }
 
@@ -721,24 +864,15 @@ int v_unsafe(PAGE pno, char* addr) noexcept {
 int v_hit(PAGE pno, int keyno) noexcept {
     IS_FCP* fcp = is_curfcp;
     const int u = current_file();
-    const bool hb = book();
-    int s = -1;
-    if (hb) {
+    int s;
+    if (book()) {
         s = index_find(u, pno);
-        if (s < 0) {
-            check_authority();
-            if (authoritative(u)) return 0;
+        if (s < 0 && !(knows(u) && bk.known_gen[u] == chaingen(u))) {
+            learn(fcp, u);
+            s = index_find(u, pno);
         }
-    }
-    if (s < 0 && pno != KISAM_NOPAGE) {
-        const int nb = isam_com->maxbufs;
-        int len = 0;
-        for (int t = fcp->jd_buf_hd; valid_slot(t) && len < nb; t = slot(t)->bu_next, ++len) {
-            if (slot(t)->bu_pno == pno) {
-                s = t;
-                break;
-            }
-        }
+    } else {
+        s = chain_find(fcp, pno);
     }
     return s >= 0 && slot(s)->bu_data.bt.bt_keyno == keyno ? 1 : 0;
 }
@@ -838,6 +972,7 @@ void v_relbuf(void) noexcept {
     v_flush();
     // The chain now belongs to the free list; the control page is about to be discarded.
     chain_to_free_list(fcp);
+    chain_reset(u);
     v_forget_file(u);
 }
 
@@ -847,6 +982,7 @@ bool v_giveback(IS_FCP* fcp, int u) noexcept {
     for (int s = fcp->jd_buf_hd; valid_slot(s) && n < nb; s = slot(s)->bu_next, ++n)
         if (slot(s)->bu_id & BU_DIRTY) return false;
     chain_to_free_list(fcp);
+    chain_reset(u);
     v_forget_file(u);
     return true;
 }
@@ -883,6 +1019,9 @@ void v_stale_fcplock(IS_FCP* fcp) noexcept {
     const int32_t rel = static_cast<int32_t>(kisam::rel_of(fcp));
     for (int u = 0; u < isam_com->maxopen; ++u) {
         if (is_env.pfo_tbl[u] != rel) continue;
+        // The holder may have died in the middle of a chain change, before recording it:
+        // whatever anyone knew of the chain is suspect, and the next miss walks it.
+        if (isx_area) chain_forget(u);
         // Errors of the writes stay with the slots (still dirty); the caller's operation
         // goes on and its own flush tries again.
         const short err = is_errno;
@@ -911,6 +1050,7 @@ void v_discard(IS_FCP* fcp, int u, PAGE* pages, int n, PAGE from) noexcept {
             // Rule 1: on its chain, holding no page.
             b->bu_pno = KISAM_NOPAGE;
             b->bu_id = static_cast<uint16_t>(u);
+            chain_changed(u, s);
         }
     }
 }
@@ -919,8 +1059,14 @@ void v_repair_lists(void) noexcept { repair_lists(); }
 
 void v_forget_file(int u) noexcept {
     if (!isam_com || bk.com != isam_com || !bk.ok || u < 0 || u >= bk.nopen) return;
-    bk.auth_gen[u] = 0;
+    bk.known[u] = 0;
     bk.walked[u] = 0;
+}
+
+void v_enter_file(int u) noexcept {
+    if (!isam_com || !isx_area || u < 0 || u >= isam_com->maxopen) return;
+    chain_reset(u);
+    v_forget_file(u);
 }
 
 void v_reset_process(void) noexcept {

@@ -35,6 +35,10 @@ inline off_t v_fileoffset(const IS_FCP* fcp, PAGE pno) {
 // Per-process pool bookkeeping: drop everything known about shared-file slot u (its
 // file was closed everywhere or its slot is being reused).
 void v_forget_file(int u) noexcept;
+// Shared-file slot u has just been taken by a newly opened file (whose chain is empty):
+// resets the pool's shared record of the slot, so that nothing learnt about the previous
+// file carries over in any process.  Requires opcl_lock.
+void v_enter_file(int u) noexcept;
 // Called when this process takes over the control word of fcp from a holder that died
 // (is_getctl after is_lock reported a stale word, or the pool's own no-wait scan): clears
 // the fixes (BU_INUSE) that holder left on the file's slots.  Requires that control lock.

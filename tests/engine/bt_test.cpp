@@ -1,8 +1,13 @@
 // B-tree: exact page images of inserts, splits, merges and given-back pages (even split).
 #include "bt_fixture.h"
 
+#include "bt.h"
+#include "bt_key.h"
 #include "kcheck.h"
 
+#include <iterator>
+#include <random>
+#include <set>
 #include <string>
 
 using btt::BtFile;
@@ -130,4 +135,75 @@ TEST(BtPages, MergeCollapsesRootAndFreePagesAreReusedLastFirst) {
     kisam::check::Report rep = kisam::check::check_file(f.path(), kTreesAndFree);
     ASSERT_TRUE(rep.ok) << rep.error;
     EXPECT_TRUE(rep.free_chain.empty());
+}
+
+// The item where a search stops, found by bisection, is the one that a scan from the
+// first item in the search direction stops at, for every mode, with duplicates over the
+// key part (mode 5), odd keys whose pad byte the page holds as non-zero, and keys below,
+// among, between and above the items.  KISAM_SEED replays a run.
+TEST(BtScan, BisectionStopsWhereTheScanStops) {
+    const uint64_t seed = kt::test_seed(0xB15EC7);
+    std::mt19937_64 rng(seed);
+    SCOPED_TRACE("KISAM_SEED=" + std::to_string(seed));
+    for (int keylen : {1, 3, 4, 7}) {
+        // A key other than 0 with a 2-byte key 0: the compared bytes cover the pad.
+        IS_KEY k{};
+        k.k_keylen = static_cast<int16_t>(keylen);
+        k.k_offset = static_cast<int16_t>((keylen + 1) & ~1);
+        k.k_itemlen = static_cast<int16_t>(k.k_offset + 2);
+        k.k_ncomp = static_cast<int16_t>(k.k_offset + 2);
+        k.k_order = static_cast<int16_t>(bt_order(k.k_itemlen, 1024));
+        const int len = k.k_itemlen, inc = len + 4;
+        for (int round = 0; round < 300; ++round) {
+            // Distinct items in order over k_ncomp bytes from a small alphabet, so that the
+            // key part repeats; the pad byte counts as zero in the order.
+            std::set<std::string> items;
+            const int n = static_cast<int>(rng() % (k.k_order + 1));
+            while (static_cast<int>(items.size()) < n) {
+                std::string it(static_cast<size_t>(len), '\0');
+                for (char& c : it) c = static_cast<char>("\x01\x02\x7E\x7F\x80\x81\xFE\xFF"[rng() % 8]);
+                if (k.k_offset > keylen) it[keylen] = 0;
+                items.insert(it);
+            }
+            IS_DATA page{};
+            page.bt.bt_nitems = static_cast<int16_t>(n);
+            int i = 0;
+            for (const std::string& it : items) {
+                char* x = page.c + kisam::bt_item_off(i++, inc);
+                std::memcpy(x, it.data(), it.size());
+                if (k.k_offset > keylen && rng() % 2) x[keylen] = static_cast<char>(0x5A);
+            }
+            std::string key(static_cast<size_t>(len), '\0');
+            if (n > 0 && rng() % 2) {
+                key = *std::next(items.begin(), static_cast<long>(rng() % n));
+            } else {
+                for (char& c : key) c = static_cast<char>("\x00\x01\x7F\x80\xFF"[rng() % 5]);
+            }
+            if (k.k_offset > keylen) key[keylen] = 0;
+            for (int flag : {0, 1, 2, 3, 5}) {
+                const int ncomp = flag == 5 ? keylen : k.k_ncomp;
+                // The scan as the pages' order defines it, on a copy with the pads zeroed.
+                IS_DATA ref = page;
+                int want = -1;
+                for (int j = 0; j < n; ++j) {
+                    const int at = flag & 2 ? n - 1 - j : j;
+                    char* x = ref.c + kisam::bt_item_off(at, inc);
+                    kisam::bt_zero_pad(x, &k);
+                    if (!is_more(reinterpret_cast<const CmpType*>(key.data()),
+                                 reinterpret_cast<const CmpType*>(x), ncomp, flag)) {
+                        want = at;
+                        break;
+                    }
+                }
+                IS_DATA d = page;
+                const int got = kisam::bt_scan(&d, &k, key.data(), ncomp, flag);
+                ASSERT_EQ(got, want) << "keylen " << keylen << " n " << n << " flag " << flag;
+                if (got >= 0) {
+                    EXPECT_EQ(std::memcmp(d.c + kisam::bt_item_off(got, inc),
+                                          ref.c + kisam::bt_item_off(got, inc), static_cast<size_t>(len)), 0)
+                        << "the item found carries a zero pad byte";
+                }
+            }
+        }
+    }
 }

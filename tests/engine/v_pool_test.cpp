@@ -2,6 +2,7 @@
 // randomized run against a model of the slots.
 #include "pool_fixture.h"
 
+#include "isx_area.h"
 #include "os.h"
 
 #include <map>
@@ -81,47 +82,61 @@ TEST_F(Pool, FailedLoadNeverLeavesASlotForThePage) {
     }
 }
 
-// The slots as the pool's rules place them, for one process that owns every file.
+// The slots as the pool's rules place them, for one process that owns every file: a
+// page found on its file's chain is a hit; a file at its quota turns its own clock hand
+// along its chain; otherwise the free list serves, else the hand over all slots turns.
+// A hand passes fixed slots, and clears and passes referenced ones.
 struct Model {
-    struct Slot { int file = -1; PAGE page = 0; LRUt cnt = 0; bool fixed = false; int next = -1; };
+    struct Slot { int file = -1; PAGE page = 0; bool fixed = false, ref = false; int next = -1; };
     std::vector<Slot> s;
-    std::map<int, int> head;
-    int freehd = 0, maxfbuf;
-    LRUt lru = 0;
+    std::map<int, int> head, hand, len;
+    int freehd = 0, maxfbuf, steal = 0;
     uint32_t hit = 0, missfree = 0, missread = 0;
     Model(int n, int q) : s(static_cast<size_t>(n)), maxfbuf(q) {
         for (int i = 0; i < n; ++i) s[i].next = i + 1 < n ? i + 1 : -1;
     }
+    // The first slot that a hand starting at h passes without a second chance, within
+    // two turns of n slots; h ends after it.
+    template <class Next>
+    int turn(int& h, int n, Next next) {
+        for (int k = 0; k < 2 * n + 1; ++k) {
+            int i = h;
+            h = next(i);
+            if (s[i].fixed) continue;
+            if (s[i].ref) { s[i].ref = false; continue; }
+            return i;
+        }
+        return -1;
+    }
+    int use(int i, PAGE p) { s[i].page = p; s[i].fixed = s[i].ref = true; return i; }
     int read(int f, PAGE p) {
-        lru = lru == 0xFFFFFFFFu ? 1 : lru + 1;
-        if (!head.count(f)) head[f] = -1;
-        int n = 0, cand = -1;
-        for (int i = head[f]; i >= 0; i = s[i].next, ++n) {
-            Slot& b = s[i];
-            if (b.page == p) { ++hit; b.cnt = lru; b.fixed = true; return i; }
-            if (!b.fixed && (cand < 0 || b.cnt < s[cand].cnt)) cand = i;
+        if (!head.count(f)) head[f] = hand[f] = -1, len[f] = 0;
+        for (int i = head[f]; i >= 0; i = s[i].next)
+            if (s[i].page == p) { ++hit; return use(i, p); }
+        if (len[f] >= maxfbuf) {
+            int& h = hand[f];
+            if (h < 0 || s[h].file != f) h = head[f];
+            int v = turn(h, len[f], [&](int i) { return s[i].next >= 0 ? s[i].next : head[f]; });
+            if (v >= 0) { ++missfree; return use(v, p); }
         }
-        if (n >= maxfbuf && cand >= 0) {
-            Slot& b = s[cand];
-            b.cnt = lru; b.page = p; b.fixed = true; ++missfree;
-            return cand;
-        }
-        int v = -1;
-        if (freehd >= 0) {
-            v = freehd; freehd = s[v].next; ++missfree;
+        int v = freehd;
+        if (v >= 0) {
+            freehd = s[v].next; ++missfree;
         } else {
-            for (int i = 0; i < static_cast<int>(s.size()); ++i)
-                if (!s[i].fixed && (v < 0 || s[i].cnt < s[v].cnt)) v = i;
+            const int n = static_cast<int>(s.size());
+            v = turn(steal, n, [&](int i) { return (i + 1) % n; });
             if (v < 0) return -1;
             ++missread;
-            int& h = head[s[v].file];
+            const int w = s[v].file;
+            if (hand[w] == v) hand[w] = s[v].next;
+            --len[w];
+            int& h = head[w];
             if (h == v) h = s[v].next;
             else for (int i = h; i >= 0; i = s[i].next)
                 if (s[i].next == v) { s[i].next = s[v].next; break; }
         }
-        Slot& b = s[v];
-        b.next = head[f]; head[f] = v; b.file = f; b.cnt = lru; b.page = p; b.fixed = true;
-        return v;
+        s[v].next = head[f]; head[f] = v; s[v].file = f; ++len[f];
+        return use(v, p);
     }
     void release(int f) {
         for (int i = head.count(f) ? head[f] : -1; i >= 0; i = s[i].next) s[i].fixed = false;
@@ -139,7 +154,6 @@ TEST_F(Pool, RandomizedRunAgreesWithModel) {
     for (int i = 0; i < 3; ++i) fds[i] = make_file("f" + std::to_string(i) + ".ism", npages);
     Model m(nbuf, quota);
     isam_com->lru_cnt = 0xFFFFFF00u;  // the clock wraps during the run
-    m.lru = isam_com->lru_cnt;
     for (int step = 0; step < 300; ++step) {
         SCOPED_TRACE("step " + std::to_string(step) + ", KISAM_SEED=" + std::to_string(seed));
         const int fd = fds[rng() % 3];
@@ -164,6 +178,8 @@ TEST_F(Pool, RandomizedRunAgreesWithModel) {
                 ASSERT_NE(d, nullptr);
                 ASSERT_EQ(slot_of(d), want);
                 ASSERT_EQ(stamp_of(d), p);
+                ASSERT_EQ(slot(want).bu_cnt, isam_com->lru_cnt) << "stamped with the clock";
+                ASSERT_NE(isam_com->lru_cnt, 0u);
                 if (rng() % 3 == 0) {
                     ASSERT_EQ(v_unsafe(p, d->c), 0);
                     m.s[want].fixed = false;
@@ -180,9 +196,12 @@ TEST_F(Pool, RandomizedRunAgreesWithModel) {
             ASSERT_EQ(slot(i).bu_id & BU_FILEMASK, m.s[i].file) << "slot " << i;
             ASSERT_EQ(slot(i).bu_pno, m.s[i].page) << "slot " << i;
             ASSERT_EQ(stamp_of(&slot(i).bu_data), m.s[i].page) << "slot " << i;
+            ASSERT_EQ(*kisam::isx_ref(i) != 0, m.s[i].ref) << "slot " << i;
         }
-        m.lru = isam_com->lru_cnt;  // children advance the same clock
+        for (int f = 0; f < 3; ++f)
+            ASSERT_EQ(kisam::isx_file_of(uid(fds[f]))->xf_chainlen, chain_pages(uid(fds[f])).size());
     }
+    EXPECT_LT(isam_com->lru_cnt, 0xFFFFFF00u) << "the clock wrapped";
 }
 
 }  // namespace

@@ -1,0 +1,188 @@
+// The workload that kisam_bench and peer_bench run on every engine: records of 100 bytes
+// with a unique 8-byte key 0, a 12-byte key 1 that changes on update and a 4-byte key 2 of
+// few values; one call (one transaction) per operation.
+//
+// Phases, each timed on its own: insert in random key order, read by key 0 in random
+// order, scan along key 1, update changing key 1 in random order, a mix of reads (3 in 4)
+// and updates run by several processes at once (each on its own share of the records),
+// and delete in random order.
+#pragma once
+
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <numeric>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace wl {
+
+using Clock = std::chrono::steady_clock;
+constexpr int kRecLen = 100;
+constexpr int kKey0 = 8, kKey1 = 12, kKey2 = 4;
+
+// Key 0 from the record number; key 1 changes with `gen`; key 2 takes 97 values.
+inline void make_record(char* r, unsigned id, unsigned gen) {
+    char t[16];
+    std::snprintf(t, sizeof t, "%08u", id);
+    std::memcpy(r, t, 8);
+    std::snprintf(t, sizeof t, "%04u%08u", gen % 10000, (id * 2654435761u) % 100000000u);
+    std::memcpy(r + 8, t, 12);
+    std::snprintf(t, sizeof t, "%04u", id % 97);
+    std::memcpy(r + 20, t, 4);
+    std::memset(r + 24, 'a' + static_cast<int>(id % 26), kRecLen - 24);
+}
+inline void make_key0(char* k, unsigned id) {
+    char t[16];
+    std::snprintf(t, sizeof t, "%08u", id);
+    std::memcpy(k, t, 8);
+}
+
+// One engine under test.  Every call is one complete operation; a call that returned
+// survives the kill of its process.
+class Engine {
+public:
+    virtual ~Engine() = default;
+    virtual const char* name() const = 0;
+    // Creates the store in dir with a page cache of cache_bytes.
+    virtual bool open(const std::string& dir, long cache_bytes) = 0;
+    virtual void close() = 0;
+    // In a forked child: handles of its own (child_open), closed before it exits.
+    virtual bool child_open() = 0;
+    virtual void child_close() = 0;
+    virtual bool insert(const char* rec) = 0;
+    virtual bool find(const char* key0, char* rec) = 0;  // the record whose key 0 it is
+    virtual long scan_key1() = 0;                         // records seen in key 1 order, -1
+    virtual bool update(const char* rec) = 0;             // same key 0, new key 1 and rest
+    virtual bool remove(const char* key0) = 0;
+};
+
+struct Phase {
+    std::string name;
+    double ops_per_s = 0;
+    double cpu_us = 0;   // processor time (user and system, children included) per operation
+};
+
+// Processor time used so far by this process and its waited-for children, in seconds.
+inline double cpu_seconds() {
+    double t = 0;
+    for (int who : {RUSAGE_SELF, RUSAGE_CHILDREN}) {
+        struct rusage ru;
+        ::getrusage(who, &ru);
+        t += static_cast<double>(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) +
+             static_cast<double>(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
+    }
+    return t;
+}
+
+// Runs every phase on `e`; `after` is called after each phase with its name (for engine
+// figures).  False when an operation failed (reported on stderr).
+inline bool run_all(Engine& e, long n, int procs, std::vector<Phase>& out,
+                    const std::function<void(const char*)>& after = {}) {
+    std::vector<unsigned> order(static_cast<size_t>(n));
+    std::iota(order.begin(), order.end(), 0u);
+    std::mt19937 rng(12345);
+    char rec[kRecLen], buf[kRecLen + 16], key[kKey0];
+    auto phase = [&](const char* name, long ops, const std::function<bool()>& body) {
+        const double c0 = cpu_seconds();
+        auto t0 = Clock::now();
+        bool ok = body();
+        double s = std::chrono::duration<double>(Clock::now() - t0).count();
+        const double cpu = (cpu_seconds() - c0) * 1e6 / static_cast<double>(ops);
+        if (!ok) {
+            std::fprintf(stderr, "%s: phase \"%s\" failed\n", e.name(), name);
+            return false;
+        }
+        out.push_back({name, static_cast<double>(ops) / s, cpu});
+        if (after) after(name);
+        return true;
+    };
+
+    std::shuffle(order.begin(), order.end(), rng);
+    if (!phase("insert, random order", n, [&] {
+            for (unsigned id : order) {
+                make_record(rec, id, 0);
+                if (!e.insert(rec)) return false;
+            }
+            return true;
+        }))
+        return false;
+    std::shuffle(order.begin(), order.end(), rng);
+    if (!phase("read by key 0, random", n, [&] {
+            for (unsigned id : order) {
+                make_key0(key, id);
+                if (!e.find(key, buf) || std::memcmp(buf, key, kKey0) != 0) return false;
+            }
+            return true;
+        }))
+        return false;
+    if (!phase("scan along key 1", n, [&] { return e.scan_key1() == n; })) return false;
+    std::shuffle(order.begin(), order.end(), rng);
+    if (!phase("update changing key 1", n, [&] {
+            for (unsigned id : order) {
+                make_record(rec, id, 1);
+                if (!e.update(rec)) return false;
+            }
+            return true;
+        }))
+        return false;
+
+    // The mix: process k works on the records with id % procs == k, in random order.
+    std::shuffle(order.begin(), order.end(), rng);
+    const std::string mixname = std::to_string(procs) + "-process mix (3 reads : 1 update)";
+    if (!phase(mixname.c_str(), n, [&] {
+            std::vector<pid_t> kids;
+            std::fflush(nullptr);  // a child must not write the parent's buffered output again
+            for (int k = 0; k < procs; ++k) {
+                pid_t pid = ::fork();
+                if (pid < 0) return false;
+                if (pid == 0) {
+                    int rc = e.child_open() ? 0 : 1;
+                    char r[kRecLen], b[kRecLen + 16], k0[kKey0];
+                    std::mt19937 mr(static_cast<unsigned>(k) + 7);
+                    for (size_t i = 0; rc == 0 && i < order.size(); ++i) {
+                        const unsigned id = order[i];
+                        if (static_cast<int>(id % static_cast<unsigned>(procs)) != k) continue;
+                        if (mr() % 4 == 0) {
+                            make_record(r, id, 2);
+                            if (!e.update(r)) rc = 2;
+                        } else {
+                            make_key0(k0, id);
+                            if (!e.find(k0, b) || std::memcmp(b, k0, kKey0) != 0) rc = 3;
+                        }
+                    }
+                    e.child_close();
+                    std::fflush(nullptr);
+                    ::_exit(rc);
+                }
+                kids.push_back(pid);
+            }
+            bool ok = true;
+            for (pid_t pid : kids) {
+                int st = 0;
+                if (::waitpid(pid, &st, 0) != pid || !WIFEXITED(st) || WEXITSTATUS(st) != 0) ok = false;
+            }
+            return ok;
+        }))
+        return false;
+
+    std::shuffle(order.begin(), order.end(), rng);
+    if (!phase("delete, random order", n, [&] {
+            for (unsigned id : order) {
+                make_key0(key, id);
+                if (!e.remove(key)) return false;
+            }
+            return true;
+        }))
+        return false;
+    return true;
+}
+
+}  // namespace wl
