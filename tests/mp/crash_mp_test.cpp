@@ -203,4 +203,30 @@ TEST_F(CrashMarked, MarkOfADeadWriterIsClearedByTheLastToLeave) {
     EXPECT_EQ(nisfind(fd, 0, kRec, buf, sizeof buf), static_cast<int>(sizeof kRec));
 }
 
+
+// A writer killed in its close, between clearing the mark in the shared copy and on the
+// disk: the copy must go on saying "marked", so that the last close clears the disk.
+TEST_F(CrashMarked, WriterKilledWhileItsCloseClearsTheMark) {
+    int fd = create("f", {4});
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(niswrite(fd, const_cast<char*>(kRec), sizeof kRec), 0);
+    const int rc = kt::run_child([&] {
+        ot::become_unattached();
+        int f = nisopen(path("f").c_str(), ISO_RDWR);
+        if (f < 0) return 20;
+        char r[] = "wxyz-record";
+        if (niswrite(f, r, sizeof r) != 0) return 21;
+        kt::Faults kill;
+        kill.arm(kt::Faults::kWrite, 1, kt::Faults::kKill);
+        nisclose(f);  // its first page write is the mark cleared
+        return 22;
+    });
+    ASSERT_EQ(rc, 128 + SIGKILL);
+    ASSERT_EQ(ot::read_head(path("f"))[88] & ISO_DIRTYMARK, ISO_DIRTYMARK);
+    ASSERT_EQ(nisclose(fd), 0);
+    EXPECT_EQ(ot::read_head(path("f"))[88] & ISO_DIRTYMARK, 0) << "the last close leaves the file clean";
+    fd = nisopen(path("f").c_str(), ISO_RDWR);
+    EXPECT_GE(fd, 0) << "is_errno " << is_errno;
+}
+
 }  // namespace
