@@ -51,6 +51,9 @@ if(TARGET kisam_tool)
   install(TARGETS kisam_tool RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
   install(FILES ${PROJECT_SOURCE_DIR}/tools/kisam/kisam.1
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime)
+  # bash completion, where bash-completion looks for it by the command's name.
+  install(FILES ${PROJECT_SOURCE_DIR}/tools/kisam/kisam.bash
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME kisam COMPONENT runtime)
 endif()
 
 # Section-3 manual pages of the library, and a link for every other name a page

@@ -30,7 +30,9 @@ export HOME HOME_Q9 PROFILEQ9ENV KISCONFIG
 mkdir -p "$HOME" "$HOME_Q9"
 cd "$work"
 
-step() { printf '\n\033[1m== %s\033[0m\n' "$*"; }
+# Headings in bold on a terminal only: a log or a pipe gets plain text.
+if [ -t 1 ]; then bold=$(printf '\033[1m'); plain=$(printf '\033[0m'); else bold=""; plain=""; fi
+step() { printf '\n%s== %s%s\n' "$bold" "$*" "$plain"; }
 # Prints a command as one would type it, then runs it.
 show() {
     printf '$'

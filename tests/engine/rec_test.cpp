@@ -24,6 +24,14 @@ struct Shape {
     int ops;
 };
 
+// How GoogleTest shows a shape (in test listings too): in words, not as a byte dump.
+void PrintTo(const Shape& s, std::ostream* os) {
+    *os << "keys";
+    for (size_t i = 0; i < s.keylens.size(); ++i) *os << (i ? "," : " ") << s.keylens[i];
+    *os << (s.keyopt ? " key-in-index" : "") << (s.split_half ? ", split half, " : ", split at point, ")
+        << s.magic << "-byte header, " << s.ops << " ops";
+}
+
 class Model {
 public:
     explicit Model(const std::vector<int>& kl) : kl_(kl), items_(kl.size()) {

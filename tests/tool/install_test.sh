@@ -46,6 +46,12 @@ done
 [ -f "$libdir/cmake/kisam/kisamConfig.cmake" ] || fail "kisamConfig.cmake not installed"
 [ -f "$libdir/cmake/kisam/kisamConfigVersion.cmake" ] || fail "kisamConfigVersion.cmake not installed"
 [ -f "$prefix/share/man/man1/kisam.1" ] || fail "manual page not installed"
+comp="$prefix/share/bash-completion/completions/kisam"
+[ -f "$comp" ] || fail "bash completion not installed"
+if command -v bash >/dev/null 2>&1; then
+    words=$(bash -c '. "$1"; COMP_WORDS=(kisam sc); COMP_CWORD=1; _kisam; echo "${COMPREPLY[*]}"' _ "$comp")
+    [ "$words" = scan ] || fail "bash completion of 'kisam sc' gives '$words'"
+fi
 
 # The installed tool finds its library without help.
 "$prefix/bin/kisam" --version | grep -q '^kisam [0-9]' || fail "installed kisam does not run"

@@ -7,6 +7,7 @@
 // made of its own key value and its key 0 value, and no index may hold any other item.
 // This file reads the records directly (no engine) to rebuild the items each index must
 // hold and compares them with the items it does hold.
+#include "json.h"
 #include "tool.h"
 
 #include <algorithm>
@@ -53,6 +54,27 @@ int open_in_area(const std::string& path) {
     }
     ::shmdt(p);
     return found;
+}
+
+// Reads the whole file once; "" when every byte could be read, else what failed.
+std::string unreadable(const std::string& file) {
+    int fd = ::open(file.c_str(), O_RDONLY);
+    if (fd < 0) return std::strerror(errno);
+    std::vector<char> buf(1 << 16);
+    std::string why;
+    for (off_t at = 0;;) {
+        if (g_interrupted) break;
+        ssize_t n = ::pread(fd, buf.data(), buf.size(), at);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+            why = std::string(std::strerror(errno)) + " (at byte " + std::to_string(at) + ")";
+            break;
+        }
+        if (n == 0) break;
+        at += n;
+    }
+    ::close(fd);
+    return why;
 }
 
 }  // namespace
@@ -126,40 +148,73 @@ std::string compared(const std::string& item, const IS_KEY& k) {
 int cmd_check(std::vector<std::string> words) {
     Args a("check", std::move(words));
     a.flag("clear-mark");
+    a.flag("json");
     if (!a.parse()) return EXIT_USAGE;
+    const bool json = a.has("json");
+    // Under --json the same findings make one document, written by verdict().
+    JsonObject doc;
+    JsonArray jproblems;
+    auto line = [&](const std::string& text) {
+        if (!json) std::printf("%s\n", text.c_str());
+    };
+    auto verdict = [&](int rc, const char* status, const std::string& text) {
+        if (json) {
+            doc.str("file", a.pos()[0]).str("status", status).str("message", text).raw("problems", jproblems.done());
+            std::printf("%s\n", doc.done().c_str());
+        } else {
+            std::printf("%s: %s\n", a.pos()[0].c_str(), text.c_str());
+        }
+        return rc;
+    };
     if (a.pos().size() != 1) return usage_error("check", "expected one FILE");
     const std::string& file = a.pos()[0];
     if (::access(file.c_str(), R_OK) != 0) return fail("check", file + ": " + std::strerror(errno));
     int in_use = open_in_area(file);
     if (in_use == 1)
-        std::printf("note: %s is open in the shared area; changes not yet flushed are not seen\n", file.c_str());
+        line("note: " + file + " is open in the shared area; changes not yet flushed are not seen");
+    doc.boolean("open_in_shared_area", in_use == 1);
+
+    // A file that cannot be read is not a damaged file: read it all once first, so that
+    // an I/O error gets its own message and status instead of a verdict on the structure.
+    if (std::string why = unreadable(file); !why.empty()) {
+        verdict(EXIT_IO, "unreadable", "CANNOT BE READ: " + why);
+        fail("check", file + ": read error: " + why);
+        return EXIT_IO;
+    }
+    if (g_interrupted) return interrupted("check");
 
     kc::Report rep = kc::check_file(file);
     kc::FileImage img;
     std::string err;
-    if (!kc::open_image(file, &img, &err)) {
-        std::printf("%s: DAMAGED: %s\n", file.c_str(), err.c_str());
-        return EXIT_FAIL;
+    if (!kc::open_image(file, &img, &err)) return verdict(EXIT_FAIL, "damaged", "DAMAGED: " + err);
+    JsonArray jkeys;
+    for (size_t k = 0; k < rep.keys.size(); ++k) {
+        line("key " + std::to_string(k) + ": " + std::to_string(rep.keys[k].items) + " items in " +
+             std::to_string(rep.keys[k].pages) + " pages, depth " + std::to_string(rep.keys[k].depth));
+        jkeys.add(JsonObject()
+                      .num("key", long(k))
+                      .num("items", rep.keys[k].items)
+                      .num("pages", rep.keys[k].pages)
+                      .num("depth", rep.keys[k].depth)
+                      .done());
     }
-    for (size_t k = 0; k < rep.keys.size(); ++k)
-        std::printf("key %zu: %ld items in %ld pages, depth %d\n", k, rep.keys[k].items, rep.keys[k].pages,
-                    rep.keys[k].depth);
-    std::printf("free chain: %zu pages\n", rep.free_chain.size());
-    if (rep.data_accounted) std::printf("data: %ld pages, %ld records\n", rep.data_pages, rep.records);
+    doc.raw("keys", jkeys.done()).num("free_pages", long(rep.free_chain.size()));
+    line("free chain: " + std::to_string(rep.free_chain.size()) + " pages");
+    if (rep.data_accounted) {
+        line("data: " + std::to_string(rep.data_pages) + " pages, " + std::to_string(rep.records) + " records");
+        doc.num("data_pages", rep.data_pages).num("records", rep.records);
+    }
     if (!rep.ok) {
-        std::printf("%s: DAMAGED: %s\n", file.c_str(), rep.error.c_str());
-        return EXIT_FAIL;
+        jproblems.add(json_str(rep.error));
+        return verdict(EXIT_FAIL, "damaged", "DAMAGED: " + rep.error);
     }
 
-    if (img.nkeys < 1) {
-        std::printf("%s: sound (a file without keys holds no records)\n", file.c_str());
-        return EXIT_OK;
-    }
+    if (img.nkeys < 1) return verdict(EXIT_OK, "sound", "sound (a file without keys holds no records)");
     // Cross-check: rebuild every alternate index from the records of key 0.
     std::vector<std::string> items0;
     if (kc::list_items(file, 0, &items0, &err) < 0) {
-        std::printf("%s: DAMAGED: %s\n", file.c_str(), err.c_str());
-        return EXIT_FAIL;
+        jproblems.add(json_str(err));
+        return verdict(EXIT_FAIL, "damaged", "DAMAGED: " + err);
     }
     const IS_KEY& k0 = img.keys[0];
     const bool keyopt = img.optbits & ISO_KEYOPT;
@@ -176,7 +231,7 @@ int cmd_check(std::vector<std::string> words) {
     uint64_t done = 0;
     std::string rec, data;
     for (const std::string& it : items0) {
-        if (g_interrupted) return fail("check", "interrupted");
+        if (g_interrupted) return interrupted("check");
         ++done;
         prog.update(done, done);
         std::string key0 = it.substr(0, size_t(k0.k_keylen));
@@ -227,16 +282,17 @@ int cmd_check(std::vector<std::string> words) {
         }
     }
     if (!problems.empty()) {
-        for (const auto& p : problems) std::printf("problem: %s\n", p.c_str());
-        std::printf("%s: DAMAGED: the indexes do not agree with the records of key 0\n", file.c_str());
-        return EXIT_FAIL;
-    }
-    std::printf("cross-check: every index reaches exactly the %zu records of key 0\n", items0.size());
-    if (img.optbits & ISO_DIRTYMARK) {
-        if (!a.has("clear-mark")) {
-            std::printf("%s: sound, but its data-changed mark is set (clear it with --clear-mark)\n", file.c_str());
-            return EXIT_OK;
+        for (const auto& p : problems) {
+            line("problem: " + p);
+            jproblems.add(json_str(p));
         }
+        return verdict(EXIT_FAIL, "damaged", "DAMAGED: the indexes do not agree with the records of key 0");
+    }
+    line("cross-check: every index reaches exactly the " + std::to_string(items0.size()) + " records of key 0");
+    doc.boolean("data_changed_mark", img.optbits & ISO_DIRTYMARK);
+    if (img.optbits & ISO_DIRTYMARK) {
+        if (!a.has("clear-mark"))
+            return verdict(EXIT_OK, "sound", "sound, but its data-changed mark is set (clear it with --clear-mark)");
         if (in_use != 0)
             return fail("check", file + ": the mark is left set: the file is open in the shared area, or that cannot be told");
         int fd = ::open(file.c_str(), O_RDWR);
@@ -250,11 +306,9 @@ int cmd_check(std::vector<std::string> words) {
         int saved = errno;
         if (fd >= 0) ::close(fd);
         if (!ok) return fail("check", file + ": cannot clear the mark: " + std::strerror(saved));
-        std::printf("%s: sound; data-changed mark cleared\n", file.c_str());
-        return EXIT_OK;
+        return verdict(EXIT_OK, "sound", "sound; data-changed mark cleared");
     }
-    std::printf("%s: sound\n", file.c_str());
-    return EXIT_OK;
+    return verdict(EXIT_OK, "sound", "sound");
 }
 
 #else
@@ -262,6 +316,7 @@ int cmd_check(std::vector<std::string> words) {
 int cmd_check(std::vector<std::string> words) {
     (void)words;
     (void)open_in_area;
+    (void)unreadable;
     return fail("check", "this build of kisam has no structural checker");
 }
 

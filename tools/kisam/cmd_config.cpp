@@ -22,6 +22,8 @@ constexpr int64_t kMaxHeap = 2147483647;
 // library runs at start-up, so that a configuration can be judged before it is used.
 struct Layout {
     int64_t bufbase, pfobase, pidbase, needbase, heapbase, heap, comsize;
+    int64_t own;       // the library's own state, after comsize; -1 when the counts are not usable
+    int64_t segment;   // the whole segment: comsize plus own
 };
 
 Layout layout_of(const struct is_config& c) {
@@ -37,6 +39,8 @@ Layout layout_of(const struct is_config& c) {
     s = (s + 8191) / 8192 * 8192;
     l.heap = (s - l.heapbase) / 4 * 4;
     l.comsize = l.heapbase + l.heap;
+    l.own = kisam_area_bytes(c.co_maxopen, c.co_maxusers, c.co_maxbuf);
+    l.segment = l.comsize + (l.own > 0 ? l.own : 0);
     return l;
 }
 
@@ -69,6 +73,24 @@ std::string kib(int64_t bytes) {
     else
         std::snprintf(b, sizeof b, "%.1f KiB", bytes / 1024.0);
     return b;
+}
+
+// Why the record read from a file of `n` bytes cannot be a configuration, or "".
+std::string not_a_configuration(const struct is_config& c, ssize_t n) {
+    if (n > 512) return std::to_string(n) + " bytes or more; a configuration record has 52";
+    const std::pair<const char*, int> counts[] = {
+        {"files", c.co_maxopen},         {"buffers", c.co_maxbuf},      {"users", c.co_maxusers},
+        {"keys", c.co_maxnkeys},         {"avg-alt-keys", c.co_avgalts}, {"lock-key-len", c.co_alenlock},
+        {"locks-per-file", c.co_anumlock}, {"file-buffers", c.co_maxfbuf}, {"files-per-process", c.co_maxufile}};
+    for (const auto& [name, v] : counts)
+        if (v < 0) return std::string("a negative count of ") + name + " (" + std::to_string(v) + ")";
+    if (c.co_maxnkeys > 255) return "a count of keys of " + std::to_string(c.co_maxnkeys);
+    if (c.co_bits & ~0x7u) {
+        char b[64];
+        std::snprintf(b, sizeof b, "unknown option bits 0x%x", c.co_bits);
+        return b;
+    }
+    return "";
 }
 
 int config_init(std::vector<std::string> words) {
@@ -113,8 +135,8 @@ int config_init(std::vector<std::string> words) {
         return fail("config", "the common heap would be " + std::to_string(l.heap / 1024) +
                                   "K bytes, above the maximum of " + std::to_string(kMaxHeap / 1024) +
                                   "K bytes; lower --files or the heap sizing options");
-    if (l.comsize > INT32_MAX) return fail("config", "the shared segment would exceed 2 GiB");
-    if (std::string why = kernel_refusal(l.comsize); !why.empty())
+    if (l.segment > INT32_MAX) return fail("config", "the shared segment would exceed 2 GiB");
+    if (std::string why = kernel_refusal(l.segment); !why.empty())
         return fail("config", why + "; lower --buffers or --files, or raise the limit with sysctl");
     // Fill the computed fields as start-up would; it recomputes them anyway.
     c.co_comsize = int32_t(l.comsize);
@@ -143,7 +165,7 @@ int config_init(std::vector<std::string> words) {
     if (lfd < 0) return fail("config", lk + ": cannot create the lock file: " + std::strerror(errno));
     ::close(lfd);
     std::printf("wrote %s and its lock file %s (shared segment of %lld bytes)\n", path.c_str(), lk.c_str(),
-                static_cast<long long>(l.comsize));
+                static_cast<long long>(l.segment));
     // A running installation keeps the area it was started with.
     long key = installation_key(path);
     if (key != -1 && ::shmget(key_t(key), 0, 0) >= 0)
@@ -176,11 +198,15 @@ int config_show(std::vector<std::string> words) {
     ::close(fd);
     if (n < 0) return fail("config", path + ": " + std::strerror(errno));
     if (n < kMinRecord)
-        return fail("config", path + ": not a configuration file: " + std::to_string(n) +
-                                  " bytes, a configuration record has at least 48");
+        return fail("config", "not a kisam configuration: " + path + " (" + std::to_string(n) +
+                                  " bytes; a configuration record has at least 48)");
     struct is_config c;
     std::memcpy(&c, buf, sizeof c);
     if (n < kRecordSize) c.co_bits = 0;
+    // A record that no writer of configurations produces -- text, another program's
+    // binary file -- is refused rather than shown as figures that mean nothing.
+    if (std::string why = not_a_configuration(c, n); !why.empty())
+        return fail("config", "not a kisam configuration: " + path + " (" + why + ")");
     Layout l = layout_of(c);
     int ufile = c.co_maxufile ? c.co_maxufile : c.co_maxopen;
 
@@ -208,13 +234,16 @@ int config_show(std::vector<std::string> words) {
         opts = "none";
     }
     std::printf("options                 %s (bits 0x%x)\n", opts.c_str(), c.co_bits);
-    std::printf("shared segment          %lld bytes (%s)\n", static_cast<long long>(l.comsize), kib(l.comsize).c_str());
+    std::printf("shared segment          %lld bytes (%s)\n", static_cast<long long>(l.segment), kib(l.segment).c_str());
     std::printf("  buffers               at %lld\n", static_cast<long long>(l.bufbase));
     std::printf("  shared-file table     at %lld\n", static_cast<long long>(l.pfobase));
     std::printf("  process table         at %lld\n", static_cast<long long>(l.pidbase));
     std::printf("  waiting table         at %lld\n", static_cast<long long>(l.needbase));
     std::printf("  heap                  at %lld, %lld bytes\n", static_cast<long long>(l.heapbase),
                 static_cast<long long>(l.heap));
+    if (l.own > 0)
+        std::printf("  library state         at %lld, %lld bytes\n", static_cast<long long>(l.comsize),
+                    static_cast<long long>(l.own));
     int rc = EXIT_OK;
     std::vector<std::string> problems;
     if (c.co_maxbuf < 1) problems.push_back("no page buffers: the library refuses it");
@@ -222,7 +251,7 @@ int config_show(std::vector<std::string> words) {
     if (c.co_maxusers < 1) problems.push_back("no process may attach");
     if (c.co_maxnkeys > KISAM_MAXKEYS) problems.push_back("more than 25 keys per file cannot be stored");
     if (l.heap > kMaxHeap) problems.push_back("the common heap exceeds 2 GiB: the library refuses it");
-    if (std::string why = kernel_refusal(l.comsize); !why.empty()) problems.push_back(why);
+    if (std::string why = kernel_refusal(l.segment); !why.empty()) problems.push_back(why);
     for (const auto& p : problems) {
         std::printf("problem                 %s\n", p.c_str());
         rc = EXIT_FAIL;
@@ -239,7 +268,7 @@ int config_show(std::vector<std::string> words) {
         ::shmctl(id, IPC_STAT, &ds);
         std::printf("shared area             in use: id %d, %zu bytes, %lu attached\n", id,
                     static_cast<size_t>(ds.shm_segsz), static_cast<unsigned long>(ds.shm_nattch));
-        if (int64_t(ds.shm_segsz) != l.comsize)
+        if (int64_t(ds.shm_segsz) != l.segment)
             std::printf("                        it was made with another configuration; changes take effect "
                         "once every program has detached\n");
     }

@@ -5,6 +5,7 @@
 // of an installation that is not running.  Pages that other processes have changed in
 // the shared pool but not yet written are not seen; every changed page is written at
 // once, only the control page lags until the next flush.
+#include "json.h"
 #include "tool.h"
 
 #include <algorithm>
@@ -20,6 +21,12 @@ namespace {
 uint16_t u16(const unsigned char* p) { return uint16_t(p[0] | (p[1] << 8)); }
 int16_t i16(const unsigned char* p) { return int16_t(u16(p)); }
 uint32_t u32(const unsigned char* p) { return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24; }
+
+// printf when `on`: the text form of info, left out under --json.
+template <typename... A>
+void say(bool on, const char* fmt, A... args) {
+    if (on) std::printf(fmt, args...);
+}
 
 std::string page_name(uint32_t p) { return p == KISAM_NOPAGE ? std::string("none") : std::to_string(p); }
 
@@ -180,7 +187,11 @@ TreeFigures walk_tree(const PageReader& r, int keyno, const KeyDesc& k, uint64_t
 
 int cmd_info(std::vector<std::string> words) {
     Args a("info", std::move(words));
+    a.flag("json");
     if (!a.parse()) return EXIT_USAGE;
+    const bool json = a.has("json");
+    JsonObject doc;
+    JsonArray jkeys, jroom, jproblems;
     if (a.pos().size() != 1) return usage_error("info", "expected one FILE");
     const std::string& file = a.pos()[0];
     int fd = ::open(file.c_str(), O_RDONLY);
@@ -203,30 +214,40 @@ int cmd_info(std::vector<std::string> words) {
                          : cp.magic == ISMAGIC_512 ? "512-byte control page"
                          : cp.magic == ISMAGIC_OLD1024 ? "old layout, 1024-byte control page (converted at open)"
                                                        : "old layout, 512-byte control page (converted at open)";
-    std::printf("file                 %s\n", file.c_str());
-    std::printf("format               %s (magic 0x%04x)\n", format, cp.magic);
-    std::printf("size                 %llu bytes, %llu pages of 1024 bytes\n", static_cast<unsigned long long>(fsize),
+    say(!json, "file                 %s\n", file.c_str());
+    say(!json, "format               %s (magic 0x%04x)\n", format, cp.magic);
+    say(!json, "size                 %llu bytes, %llu pages of 1024 bytes\n", static_cast<unsigned long long>(fsize),
                 static_cast<unsigned long long>(npages > 0 ? npages - 1 : 0));
-    std::printf("minimum record       %d bytes (the keys together)\n", cp.minrec);
-    std::printf("key 0 stored         %s\n", (cp.optbits & ISO_KEYOPT) ? "only in its index" : "in the records");
-    std::printf("data-changed mark    %s\n", (cp.optbits & ISO_DIRTYMARK)
+    say(!json, "minimum record       %d bytes (the keys together)\n", cp.minrec);
+    say(!json, "key 0 stored         %s\n", (cp.optbits & ISO_KEYOPT) ? "only in its index" : "in the records");
+    say(!json, "data-changed mark    %s\n", (cp.optbits & ISO_DIRTYMARK)
                                                  ? "SET: the file was being changed when last used; run 'kisam check'"
                                                  : "clear");
-    std::printf("end of file          page %u\n", cp.lastpage);
-    std::printf("keys                 %d\n", cp.nkeys);
-    std::printf("  key  length  item  order  root        depth  pages     items\n");
+    say(!json, "end of file          page %u\n", cp.lastpage);
+    say(!json, "keys                 %d\n", cp.nkeys);
+    say(!json, "  key  length  item  order  root        depth  pages     items\n");
     uint64_t records = 0;
     std::vector<std::string> troubles;
     for (int i = 0; i < cp.nkeys; ++i) {
         const KeyDesc& k = cp.keys[size_t(i)];
         TreeFigures t = walk_tree(r, i, k, npages);
         if (i == 0) records = t.items;
-        std::printf("  %-4d %-7d %-5d %-6d %-11s %-6d %-9llu %llu\n", i, k.keylen, k.itemlen, k.order,
+        say(!json, "  %-4d %-7d %-5d %-6d %-11s %-6d %-9llu %llu\n", i, k.keylen, k.itemlen, k.order,
                     page_name(k.root).c_str(), t.depth, static_cast<unsigned long long>(t.pages),
                     static_cast<unsigned long long>(t.items));
+        jkeys.add(JsonObject()
+                      .num("key", i)
+                      .num("length", k.keylen)
+                      .num("item", k.itemlen)
+                      .num("order", k.order)
+                      .raw("root", k.root == KISAM_NOPAGE ? "null" : std::to_string(k.root))
+                      .num("depth", t.depth)
+                      .unum("pages", t.pages)
+                      .unum("items", t.items)
+                      .done());
         if (!t.trouble.empty()) troubles.push_back("index of key " + std::to_string(i) + ": " + t.trouble);
     }
-    std::printf("records              %llu\n", static_cast<unsigned long long>(records));
+    say(!json, "records              %llu\n", static_cast<unsigned long long>(records));
 
     // Free chain: ends at the end of the file; every link is a free page.
     uint64_t chain = 0;
@@ -253,17 +274,19 @@ int cmd_info(std::vector<std::string> words) {
             p = u32(b + 4);
         }
     }
-    std::printf("free chain           %llu pages%s%s\n", static_cast<unsigned long long>(chain),
+    say(!json, "free chain           %llu pages%s%s\n", static_cast<unsigned long long>(chain),
                 chain ? ", first " : "", chain ? std::to_string(cp.nextfree).c_str() : "");
     if (!chain_trouble.empty()) troubles.push_back("free chain: " + chain_trouble);
 
     int used = 0;
     while (used < 16 && cp.cdp[used] != 0) ++used;
-    std::printf("data pages with room %d", used);
+    say(!json, "data pages with room %d", used);
     for (int i = 0; i < used; ++i)
-        std::printf("%s%u (%u free)", i == 0 ? "\n                     " : i % 4 == 0 ? ",\n                     " : ", ",
+        jroom.add(JsonObject().unum("page", cp.cdp[i] & ~1023u).unum("free", cp.cdp[i] & 1023u).done());
+    for (int i = 0; i < used; ++i)
+        say(!json, "%s%u (%u free)", i == 0 ? "\n                     " : i % 4 == 0 ? ",\n                     " : ", ",
                     cp.cdp[i] & ~1023u, cp.cdp[i] & 1023u);
-    std::printf("\n");
+    say(!json, "\n");
 
     // Pages by kind, from the first word of each page, up to the recorded end of file
     // (a file extended behind the engine's back is not read to its end).
@@ -273,7 +296,10 @@ int cmd_info(std::vector<std::string> words) {
         const uint64_t end = std::min<uint64_t>(npages, cp.lastpage / 1024);
         Progress prog("info " + file, end, "pages");
         for (uint64_t i = 1; i < end; ++i) {
-            if (g_interrupted) break;
+            if (g_interrupted) {
+                ::close(fd);
+                return interrupted("info");
+            }
             prog.update(i, i);
             if (!r.read(uint32_t(i * 1024), b)) break;
             uint16_t w = u16(b);
@@ -291,19 +317,47 @@ int cmd_info(std::vector<std::string> words) {
                 ++other;
         }
     }
-    std::printf("pages by kind        %llu index, %llu shared data, %llu overflow, %llu free, %llu never used",
+    say(!json, "pages by kind        %llu index, %llu shared data, %llu overflow, %llu free, %llu never used",
                 static_cast<unsigned long long>(btree), static_cast<unsigned long long>(shared),
                 static_cast<unsigned long long>(overflow), static_cast<unsigned long long>(freep),
                 static_cast<unsigned long long>(fresh));
-    if (other) std::printf(", %llu unknown", static_cast<unsigned long long>(other));
-    std::printf("\n");
+    if (other) say(!json, ", %llu unknown", static_cast<unsigned long long>(other));
+    say(!json, "\n");
     if (uint64_t(cp.lastpage) != (logical_end + 1023) / 1024 * 1024)
-        std::printf("note                 the stored end of file (%u) differs from the file's size; it is\n"
+        say(!json, "note                 the stored end of file (%u) differs from the file's size; it is\n"
                     "                     brought up to date at the next page allocation\n",
                     cp.lastpage);
-    for (const auto& t : troubles) std::printf("problem              %s (run 'kisam check')\n", t.c_str());
+    for (const auto& t : troubles) say(!json, "problem              %s (run 'kisam check')\n", t.c_str());
     ::close(fd);
-    return EXIT_OK;
+    if (json) {
+        for (const auto& t : troubles) jproblems.add(json_str(t));
+        doc.str("file", file)
+            .num("magic", cp.magic)
+            .boolean("small_header", cp.small_header())
+            .boolean("old_layout", cp.old_layout())
+            .unum("size", fsize)
+            .unum("pages", npages > 0 ? npages - 1 : 0)
+            .num("minimum_record", cp.minrec)
+            .boolean("key_in_index", cp.optbits & ISO_KEYOPT)
+            .boolean("data_changed_mark", cp.optbits & ISO_DIRTYMARK)
+            .unum("end_of_file", cp.lastpage)
+            .raw("keys", jkeys.done())
+            .unum("records", records)
+            .unum("free_chain", chain)
+            .raw("data_pages_with_room", jroom.done())
+            .raw("pages_by_kind", JsonObject()
+                                      .unum("index", btree)
+                                      .unum("shared_data", shared)
+                                      .unum("overflow", overflow)
+                                      .unum("free", freep)
+                                      .unum("never_used", fresh)
+                                      .unum("unknown", other)
+                                      .done())
+            .raw("problems", jproblems.done());
+        std::printf("%s\n", doc.done().c_str());
+    }
+    // Problems listed are damage found: the status says so, as check's does.
+    return troubles.empty() ? EXIT_OK : EXIT_FAIL;
 }
 
 }  // namespace kisam_tool

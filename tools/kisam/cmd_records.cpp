@@ -3,14 +3,14 @@
 // Records are shown one per line in the escaped text form (tool.h); a record image
 // begins with the key values in key order, so the value of key i sits at the sum of the
 // lengths of keys 0 .. i-1.
+#include "json.h"
 #include "tool.h"
 
 #include <algorithm>
+#include <climits>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <fstream>
-#include <iostream>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -81,10 +81,35 @@ bool key_number(const Args& a, const OpenFile& f, int& keyno) {
     return true;
 }
 
+// How get and scan write records: the escaped text form, one line each; one JSON
+// object per line (--json); or the bytes as they are, nothing added (--raw).
+enum class Form { text, json, raw };
+
+bool output_form(const Args& a, Form& form) {
+    if (a.has("json") && a.has("raw")) {
+        usage_error(a.cmd(), "--json and --raw exclude each other");
+        return false;
+    }
+    form = a.has("json") ? Form::json : a.has("raw") ? Form::raw : Form::text;
+    return true;
+}
+
 // False when the output cannot take more (a closed pipe, a full disk).
-bool print_record(const char* rec, int n) {
-    std::string line = escape(std::string_view(rec, size_t(n)));
-    line += '\n';
+bool print_record(const OpenFile& f, Form form, const char* rec, int n) {
+    const std::string_view r(rec, size_t(n));
+    std::string line;
+    if (form == Form::raw) {
+        line.assign(r);
+    } else if (form == Form::json) {
+        JsonArray keys;
+        for (size_t k = 0; k < f.keylens.size(); ++k) {
+            size_t off = size_t(f.key_offset(int(k)));
+            keys.add(json_str(off < r.size() ? r.substr(off, size_t(f.keylens[k])) : std::string_view()));
+        }
+        line = JsonObject().num("length", n).raw("keys", keys.done()).str("record", r).done() + "\n";
+    } else {
+        line = escape(r) + "\n";
+    }
     if (std::fwrite(line.data(), 1, line.size(), stdout) == line.size()) return true;
     if (!g_write_errno) g_write_errno = errno;
     return false;
@@ -98,8 +123,12 @@ int cmd_get(std::vector<std::string> words) {
     Args a("get", std::move(words));
     a.option("key");
     a.flag("ignore-mark");
+    a.flag("json");
+    a.flag("raw");
     if (!a.parse()) return EXIT_USAGE;
     if (a.pos().size() != 2) return usage_error("get", "expected FILE and VALUE");
+    Form form;
+    if (!output_form(a, form)) return EXIT_USAGE;
     Session s("get");
     OpenFile f(s);
     if (!f.open(a.pos()[0], read_access(a))) return EXIT_FAIL;
@@ -123,7 +152,7 @@ int cmd_get(std::vector<std::string> words) {
     if (n == 0 || n < koff + klen || std::memcmp(rec.data() + koff, v->data(), v->size()) != 0)
         return fail("get", "no record with key " + std::to_string(keyno) + (int(v->size()) < klen ? " beginning with \"" : " = \"") +
                                escape(*v) + "\"");
-    print_record(rec.data(), n);
+    print_record(f, form, rec.data(), n);
     return EXIT_OK;
 }
 
@@ -136,8 +165,12 @@ int cmd_scan(std::vector<std::string> words) {
     a.flag("backward");
     a.flag("count");
     a.flag("ignore-mark");
+    a.flag("json");
+    a.flag("raw");
     if (!a.parse()) return EXIT_USAGE;
     if (a.pos().size() != 1) return usage_error("scan", "expected one FILE");
+    Form form;
+    if (!output_form(a, form)) return EXIT_USAGE;
     long limit = -1;
     if (!a.get_int("limit", 0, INT32_MAX, limit)) return EXIT_USAGE;
     Session s("scan");
@@ -149,11 +182,6 @@ int cmd_scan(std::vector<std::string> words) {
     const bool back = a.has("backward");
     // A shorter start value is a prefix: forwards it starts before every key with that
     // prefix, backwards after every one.
-    if (auto from = a.get("from")) {
-        std::string key;
-        if (!key_value("scan", *from, klen, back ? '\xff' : '\0', key)) return EXIT_USAGE;
-        nisseek(f.fd, keyno, key.data());
-    }
     std::string to;
     if (auto t = a.get("to")) {
         auto v = unescape(*t);
@@ -161,11 +189,29 @@ int cmd_scan(std::vector<std::string> words) {
         if (int(v->size()) > klen) return usage_error("scan", "the --to value is longer than the key");
         to = *v;
     }
+    if (auto from = a.get("from")) {
+        std::string key;
+        if (!key_value("scan", *from, klen, back ? '\xff' : '\0', key)) return EXIT_USAGE;
+        // A range whose ends are the wrong way round selects nothing; that is a slip,
+        // not an empty answer.  Values compare over the bytes both give (a prefix
+        // reaches every value it begins).
+        if (a.get("to")) {
+            const std::string fv = *unescape(*from);
+            const size_t common = std::min(fv.size(), to.size());
+            const int c = std::memcmp(fv.data(), to.data(), common);
+            if (back ? c < 0 : c > 0)
+                return usage_error("scan", "the range is reversed: --from \"" + *from + "\" comes " +
+                                               (back ? "before" : "after") + " --to \"" + *a.get("to") + "\"" +
+                                               (back ? " (with --backward, --from is the high end)"
+                                                     : " (use --backward to read downwards)"));
+        }
+        nisseek(f.fd, keyno, key.data());
+    }
     const bool bounded = a.get("to").has_value();
     std::vector<char> rec(kRecBuf);
     uint64_t count = 0;
     while (limit < 0 || count < uint64_t(limit)) {
-        if (g_interrupted) return fail("scan", "interrupted");
+        if (g_interrupted) return interrupted("scan");
         int n = back ? nispread(f.fd, keyno, rec.data(), kRecBuf) : nisread(f.fd, keyno, rec.data(), kRecBuf);
         if (n < 0) return lib_error("scan", a.pos()[0]);
         if (n == 0) break;
@@ -174,10 +220,16 @@ int cmd_scan(std::vector<std::string> words) {
             if (back ? c < 0 : c > 0) break;
         }
         ++count;
-        if (!a.has("count") && !print_record(rec.data(), n)) break;   // main reports it
+        if (!a.has("count") && !print_record(f, form, rec.data(), n)) break;   // main reports it
     }
-    if (a.has("count")) std::printf("%llu\n", static_cast<unsigned long long>(count));
-    return EXIT_OK;
+    if (a.has("count")) {
+        if (form == Form::json)
+            std::printf("%s\n", JsonObject().unum("count", count).done().c_str());
+        else
+            std::printf("%llu\n", static_cast<unsigned long long>(count));
+    }
+    // As get: nothing found is status 1 (with --count the 0 printed says it too).
+    return count == 0 ? EXIT_FAIL : EXIT_OK;
 }
 
 int cmd_put(std::vector<std::string> words) {
@@ -238,35 +290,99 @@ int cmd_put(std::vector<std::string> words) {
         put_one(a.pos()[1], "");
         return rc;
     }
+    LineReader in;
+    in.open("-");
     std::string line;
-    uint64_t lineno = 0;
-    while (!g_interrupted && std::getline(std::cin, line)) {
-        ++lineno;
+    while (!g_interrupted && in.next(line)) {
         if (line.empty()) continue;
-        if (!put_one(line, "line " + std::to_string(lineno) + ": ")) break;
+        if (!put_one(line, "line " + std::to_string(in.lineno()) + ": ")) return rc;
     }
     if (refused > 10) fail("put", std::to_string(refused) + " records refused in all");
-    if (g_interrupted) return fail("put", "interrupted");
+    if (g_interrupted) return interrupted("put");
+    if (in.error()) return fail("put", "standard input: read error after line " + std::to_string(in.lineno()) + ": " +
+                                           std::strerror(in.error()));
     return rc;
 }
 
 int cmd_del(std::vector<std::string> words) {
     Args a("del", std::move(words));
     if (!a.parse()) return EXIT_USAGE;
-    if (a.pos().size() < 2) return usage_error("del", "expected FILE and at least one KEY0 value");
+    if (a.pos().size() < 2) return usage_error("del", "expected FILE and at least one KEY0 value (or - to read them from standard input)");
+    const bool from_stdin = a.pos().size() == 2 && a.pos()[1] == "-";
     const std::string& file = a.pos()[0];
     Session s("del");
     OpenFile f(s);
     if (!f.open(file, ISO_RDWR)) return EXIT_FAIL;
+    const int k0 = f.keylens[0];
     int rc = EXIT_OK;
-    for (size_t i = 1; i < a.pos().size(); ++i) {
-        std::string key;
-        if (!key_value("del", a.pos()[i], f.keylens[0], '\0', key)) return EXIT_USAGE;
-        if (nisdelete(f.fd, key.data()) < 0) {
-            if (is_errno != ISE_NOKEY) return lib_error("del", file);
-            rc = fail("del", "no record with key 0 = \"" + escape(key) + "\"");
+    std::vector<char> rec(kRecBuf);
+    // Deletes the record named by `text`: a value as long as key 0 names it exactly, a
+    // shorter one is a prefix that must match exactly one record.  False on a library
+    // failure (then rc holds its status).
+    auto del_one = [&](const std::string& text, const std::string& where) {
+        auto v = unescape(text);
+        if (!v) {
+            rc = fail("del", where + "malformed escape in \"" + text + "\"");
+            return true;
         }
+        if (v->empty() || int(v->size()) > k0) {
+            rc = fail("del", where + "the value \"" + text + "\" is " + std::to_string(v->size()) +
+                                 " bytes; key 0 is " + std::to_string(k0));
+            return true;
+        }
+        std::string key = *v;
+        key.append(size_t(k0) - v->size(), '\0');
+        if (int(v->size()) < k0) {
+            nisseek(f.fd, 0, key.data());
+            int n = nisread(f.fd, 0, rec.data(), kRecBuf);
+            if (n < 0) {
+                rc = lib_error("del", file);
+                return false;
+            }
+            auto begins = [&](int len) { return len >= k0 && std::memcmp(rec.data(), v->data(), v->size()) == 0; };
+            if (n == 0 || !begins(n)) {
+                rc = fail("del", where + "no record with key 0 beginning with \"" + escape(*v) + "\"");
+                return true;
+            }
+            key.assign(rec.data(), size_t(k0));
+            n = nisread(f.fd, 0, rec.data(), kRecBuf);
+            if (n < 0) {
+                rc = lib_error("del", file);
+                return false;
+            }
+            if (n > 0 && begins(n)) {
+                rc = fail("del", where + "more than one record has key 0 beginning with \"" + escape(*v) + "\" (\"" +
+                                     escape(key) + "\", \"" + escape(std::string_view(rec.data(), size_t(k0))) +
+                                     "\", ...); give the whole value");
+                return true;
+            }
+        }
+        if (nisdelete(f.fd, key.data()) < 0) {
+            if (is_errno != ISE_NOKEY) {
+                rc = lib_error("del", file);
+                return false;
+            }
+            rc = fail("del", where + "no record with key 0 = \"" + escape(key) + "\"");
+        }
+        return true;
+    };
+    if (!from_stdin) {
+        for (size_t i = 1; i < a.pos().size(); ++i) {
+            if (g_interrupted) return interrupted("del");
+            if (!del_one(a.pos()[i], "")) break;
+        }
+        return rc;
     }
+    LineReader in;
+    in.open("-");
+    std::string line;
+    while (!g_interrupted && in.next(line)) {
+        if (line.empty()) continue;
+        if (!del_one(line, "line " + std::to_string(in.lineno()) + ": ")) return rc;
+    }
+    if (g_interrupted) return interrupted("del");
+    if (in.error()) return fail("del", "standard input: read error after line " + std::to_string(in.lineno()) + ": " +
+                                           std::strerror(in.error()));
     return rc;
 }
 
@@ -317,7 +433,7 @@ int cmd_dump(std::vector<std::string> words) {
     std::string line;
     while (true) {
         if (g_interrupted) {
-            rc = fail("dump", "interrupted; the output is incomplete");
+            rc = interrupted("dump", "; the output is incomplete");
             break;
         }
         int n = nisread(f.fd, 0, rec.data(), kRecBuf);
@@ -333,11 +449,18 @@ int cmd_dump(std::vector<std::string> words) {
         if (std::fwrite(line.data(), 1, line.size(), out) != line.size()) break;
         prog.update(++count);
     }
-    if (rc == EXIT_OK) std::fprintf(out, "# end %llu records\n", static_cast<unsigned long long>(count));
-    bool write_ok = std::fflush(out) == 0 && !std::ferror(out);
+    // The closing line vouches for a complete dump: it is written only when every
+    // record was read and written.
+    bool write_ok = !std::ferror(out);
+    if (rc == EXIT_OK && write_ok) std::fprintf(out, "# end %llu records\n", static_cast<unsigned long long>(count));
+    write_ok = std::fflush(out) == 0 && !std::ferror(out);
     int saved = errno;
     if (out != stdout && std::fclose(out) != 0) write_ok = false;
-    if (!write_ok) return fail("dump", outname + ": cannot write: " + std::strerror(saved));
+    if (out == stdout && !write_ok && !g_write_errno) g_write_errno = saved;
+    if (!write_ok) {
+        if (saved == EPIPE) return EXIT_FAIL;   // the reader went away ('| head')
+        return fail("dump", outname + ": cannot write: " + std::strerror(saved) + "; the output is incomplete");
+    }
     return rc;
 }
 
@@ -346,28 +469,22 @@ int cmd_load(std::vector<std::string> words) {
     if (!a.parse()) return EXIT_USAGE;
     if (a.pos().empty() || a.pos().size() > 2) return usage_error("load", "expected FILE [INPUT]");
     const std::string& file = a.pos()[0];
-    std::ifstream fin;
-    std::istream* in = &std::cin;
-    std::string inname = "standard input";
-    uint64_t total = 0;
-    if (a.pos().size() == 2 && a.pos()[1] != "-") {
-        inname = a.pos()[1];
-        fin.open(inname, std::ios::binary);
-        if (!fin) return fail("load", inname + ": " + std::strerror(errno));
-        in = &fin;
-        struct stat st;
-        if (::stat(inname.c_str(), &st) == 0 && S_ISREG(st.st_mode)) total = uint64_t(st.st_size);
-    }
-    std::string line;
-    uint64_t lineno = 0, consumed = 0;
-    auto next = [&]() {
-        if (!std::getline(*in, line)) return false;
-        ++lineno;
-        consumed += line.size() + 1;
-        return true;
+    LineReader in;
+    if (!in.open(a.pos().size() == 2 ? a.pos()[1] : "-")) return fail("load", a.pos()[1] + ": " + std::strerror(errno));
+    const std::string& inname = in.name();
+    auto read_error = [&]() {
+        return fail("load", inname + ": read error after line " + std::to_string(in.lineno()) + ": " +
+                                std::strerror(in.error()));
     };
-    if (!next() || line != kDumpMagic) return fail("load", inname + ": not a kisam dump (its first line is not \"" + std::string(kDumpMagic) + "\")");
-    if (!next() || line.rfind("# keys ", 0) != 0) return fail("load", inname + ": line 2: expected \"# keys L0,L1,...\"");
+    std::string line;
+    if (!in.next(line) || line != kDumpMagic) {
+        if (in.error()) return read_error();
+        return fail("load", inname + ": not a kisam dump (its first line is not \"" + std::string(kDumpMagic) + "\")");
+    }
+    if (!in.next(line) || line.rfind("# keys ", 0) != 0) {
+        if (in.error()) return read_error();
+        return fail("load", inname + ": line 2: expected \"# keys L0,L1,...\"");
+    }
     std::vector<int> lens;
     bool keyopt = false;
     {
@@ -398,34 +515,47 @@ int cmd_load(std::vector<std::string> words) {
         return fail("load", file + " has keys of lengths " + have + ", the dump was made from other keys");
     }
 
-    Progress prog("load " + file, total);
-    uint64_t loaded = 0, duplicates = 0, bad = 0;
+    Progress prog("load " + file, in.size());
+    uint64_t loaded = 0, duplicates = 0, bad = 0, lines = 0;
     bool ended = false, failed = false;
+    long long declared = -1;   // the count on the closing line
     // Batches under one hold of the control lock spare a lock round trip per record;
     // other processes get the file between batches.
     constexpr int kBatch = 256;
     int in_batch = 0;
     int rc = EXIT_OK;
-    while (!g_interrupted && next()) {
+    while (!g_interrupted && in.next(line)) {
+        const uint64_t lineno = in.lineno();
         if (ended) {
             rc = fail("load", inname + ": line " + std::to_string(lineno) + ": text after the closing line");
             break;
         }
         if (line.rfind("# end ", 0) == 0) {
             ended = true;
+            long n = -1;
+            const std::string rest = line.substr(6);
+            const size_t sp = rest.find(' ');
+            if (sp == std::string::npos || rest.substr(sp) != " records" || !parse_long(rest.substr(0, sp), 0, LONG_MAX, n)) {
+                rc = fail("load", inname + ": line " + std::to_string(lineno) + ": malformed closing line (expected \"# end N records\")");
+                break;
+            }
+            declared = n;
             continue;
         }
         if (line.empty() || line[0] == '#') continue;
+        ++lines;
         size_t sp = line.find(' ');
         long len = -1;
         std::optional<std::string> rec;
         if (sp != std::string::npos && parse_long(line.substr(0, sp), 1, KISAM_MAXREC, len))
             rec = unescape(std::string_view(line).substr(sp + 1));
         if (!rec || long(rec->size()) != len) {
-            if (++bad <= 10)
+            if (++bad <= 10) {
+                progress_clear();
                 std::fprintf(stderr, "kisam load: %s: line %llu: malformed record line%s\n", inname.c_str(),
                              static_cast<unsigned long long>(lineno),
                              rec ? " (its length does not match its bytes)" : "");
+            }
             continue;
         }
         if (in_batch == 0) nisgetctl(f.fd);
@@ -440,20 +570,29 @@ int cmd_load(std::vector<std::string> words) {
             break;
         }
         if (r == 1) {
-            if (++duplicates <= 10)
+            if (++duplicates <= 10) {
+                progress_clear();
                 std::fprintf(stderr, "kisam load: line %llu: key 0 = \"%s\" exists already; record skipped\n",
                              static_cast<unsigned long long>(lineno),
                              escape(std::string_view(*rec).substr(0, size_t(f.keylens[0]))).c_str());
+            }
             continue;
         }
-        prog.update(++loaded, consumed);
+        prog.update(++loaded, in.consumed());
     }
     if (in_batch) nisrelctl(f.fd);
-    if (g_interrupted) return fail("load", "interrupted after " + std::to_string(loaded) + " records");
+    progress_clear();
+    if (g_interrupted) return interrupted("load", " after " + std::to_string(loaded) + " records");
     if (failed) return rc;
     if (duplicates > 10) std::fprintf(stderr, "kisam load: ... %llu duplicates in all\n", static_cast<unsigned long long>(duplicates));
     if (bad > 10) std::fprintf(stderr, "kisam load: ... %llu malformed lines in all\n", static_cast<unsigned long long>(bad));
-    if (!ended) rc = fail("load", inname + ": the dump has no closing line: it may have been cut short");
+    if (in.error())
+        rc = read_error();
+    else if (!ended)
+        rc = fail("load", inname + ": the dump has no closing line: it may have been cut short");
+    else if (declared >= 0 && uint64_t(declared) != lines)
+        rc = fail("load", inname + ": the closing line counts " + std::to_string(declared) + " records, the dump holds " +
+                              std::to_string(lines) + ": records were lost or added");
     std::fprintf(stderr, "loaded %llu records into %s", static_cast<unsigned long long>(loaded), file.c_str());
     if (duplicates) std::fprintf(stderr, ", %llu duplicates skipped", static_cast<unsigned long long>(duplicates));
     if (bad) std::fprintf(stderr, ", %llu malformed lines skipped", static_cast<unsigned long long>(bad));

@@ -4,6 +4,7 @@
 // engine itself keeps without strict exclusion, and a monitor must never make the
 // programs it watches wait.  Chains are walked with a bound so that a torn read can
 // only give a wrong figure, never a loop.
+#include "json.h"
 #include "tool.h"
 
 #include <cerrno>
@@ -139,13 +140,90 @@ void print_once(const void* area, int shmid, const std::vector<std::pair<std::st
     std::fflush(stdout);
 }
 
+// The same figures as one JSON document (one line) per sample.
+void print_json(const void* area, int shmid, const std::vector<std::pair<std::string, struct stat>>& named) {
+    const auto* com = static_cast<const struct isam_com*>(area);
+    const char* base = reinterpret_cast<const char*>(com);
+    struct shmid_ds ds;
+    std::memset(&ds, 0, sizeof ds);
+    ::shmctl(shmid, IPC_STAT, &ds);
+    const IS_BUF* bufs = reinterpret_cast<const IS_BUF*>(base + com->buf_base);
+    int nfree = 0, dirty = 0, fixed = 0;
+    for (int i = com->buf_free, guard = 0; i >= 0 && i < com->maxbufs && guard < com->maxbufs; i = bufs[i].bu_next, ++guard)
+        ++nfree;
+    for (int i = 0; i < com->maxbufs; ++i) {
+        if (bufs[i].bu_id & BU_DIRTY) ++dirty;
+        if (bufs[i].bu_id & BU_INUSE) ++fixed;
+    }
+    JsonObject doc;
+    doc.num("time", static_cast<long long>(std::time(nullptr)))
+        .num("shmid", shmid)
+        .unum("segment_bytes", static_cast<unsigned long long>(ds.shm_segsz))
+        .unum("attached", static_cast<unsigned long long>(ds.shm_nattch));
+    doc.raw("buffers", JsonObject()
+                           .num("total", com->maxbufs)
+                           .num("free", nfree)
+                           .num("in_use", fixed)
+                           .num("dirty", dirty)
+                           .unum("hits", com->hit)
+                           .unum("misses_free", com->missfree)
+                           .unum("misses_clean", com->missread)
+                           .unum("misses_dirty", com->misswrite)
+                           .unum("disk_reads", com->sysread)
+                           .unum("disk_writes", com->syswrite)
+                           .unum("waits", com->vr_nsleep)
+                           .done());
+    doc.raw("locks", JsonObject()
+                         .unum("internal_held", com->cursyslocks)
+                         .unum("internal_highest", com->maxsyslocks)
+                         .unum("internal_taken", com->totsyslocks)
+                         .unum("internal_busy", com->syswaits)
+                         .unum("record_held", com->curusrlocks)
+                         .unum("record_highest", com->maxusrlocks)
+                         .unum("record_taken", com->totusrlocks)
+                         .unum("record_waits", com->usrwaits)
+                         .done());
+    const int32_t* pfo = reinterpret_cast<const int32_t*>(base + com->pfo_base);
+    const char* heap = base + com->heap_base;
+    const int64_t heapsize = int64_t(com->comsize) - com->heap_base;
+    JsonArray files;
+    for (int i = 0; i < com->maxopen; ++i) {
+        if (pfo[i] == -1 || pfo[i] < 0 || pfo[i] + int64_t(IS_FCP_SIZE(0)) > heapsize) continue;
+        const IS_FCP* fcp = reinterpret_cast<const IS_FCP*>(heap + pfo[i]);
+        JsonObject f;
+        f.num("slot", i).unum("device", fcp->jd_dev).unum("inode", fcp->jd_ino);
+        for (const auto& [path, st] : named)
+            if (uint64_t(st.st_ino) == fcp->jd_ino && uint64_t(st.st_dev) == fcp->jd_dev) f.str("name", path);
+        f.num("keys", fcp->is_nkeys)
+            .num("users", fcp->is_usecnt)
+            .boolean("data_changed_mark", fcp->is_optbits & ISO_DIRTYMARK);
+        files.add(f.done());
+    }
+    doc.num("files_max", com->maxopen).raw("files", files.done());
+    const int32_t* pids = reinterpret_cast<const int32_t*>(base + com->pid_base);
+    JsonArray procs;
+    for (int i = 0; i < com->maxusers; ++i) {
+        if (pids[i] == 0) continue;
+        const bool gone = pids[i] != ::getpid() && ::kill(pids[i], 0) != 0 && errno == ESRCH;
+        procs.add(JsonObject().num("slot", i).num("pid", pids[i]).boolean("exists", !gone).done());
+    }
+    doc.num("processes_max", com->maxusers).raw("processes", procs.done());
+    unsigned cleaned = 0, rolledback = 0;
+    if (kisam_recovery_stats(&cleaned, &rolledback, nullptr, 0) >= 0)
+        doc.raw("recovery", JsonObject().unum("cleaned_up", cleaned).unum("rolled_back", rolledback).done());
+    std::printf("%s\n", doc.done().c_str());
+    std::fflush(stdout);
+}
+
 }  // namespace
 
 int cmd_stat(std::vector<std::string> words) {
     Args a("stat", std::move(words));
     a.option("every");
     a.option("count");
+    a.flag("json");
     if (!a.parse()) return EXIT_USAGE;
+    const bool json = a.has("json");
     // Files named on the command line are recognised in the table by device and inode.
     std::vector<std::pair<std::string, struct stat>> named;
     for (const auto& p : a.pos()) {
@@ -168,9 +246,22 @@ int cmd_stat(std::vector<std::string> words) {
     long key = installation_key(conf);
     if (key == -1) return fail("stat", conf + ": " + std::strerror(errno));
     int id = ::shmget(key_t(key), 0, 0);
+    if (id < 0 && errno == ENOENT && every > 0) {
+        // A monitor started before the programs it watches waits for the area to appear.
+        if (!json) std::printf("no shared area yet: waiting for a program to attach to the installation of %s\n", conf.c_str());
+        std::fflush(stdout);
+        while (id < 0 && errno == ENOENT && !g_interrupted) {
+            for (unsigned left = unsigned(every); left > 0 && !g_interrupted;) left = ::sleep(left);
+            if (!g_interrupted) id = ::shmget(key_t(key), 0, 0);
+        }
+        if (g_interrupted) return interrupted("stat");
+    }
     if (id < 0) {
         if (errno != ENOENT) return fail("stat", std::string("cannot look at the shared area: ") + std::strerror(errno));
-        std::printf("no shared area: no program is attached to the installation of %s\n", conf.c_str());
+        if (json)
+            std::printf("%s\n", JsonObject().raw("shmid", "null").str("configuration", conf).done().c_str());
+        else
+            std::printf("no shared area: no program is attached to the installation of %s\n", conf.c_str());
         return EXIT_OK;
     }
     Session s("stat");
@@ -188,7 +279,7 @@ int cmd_stat(std::vector<std::string> words) {
             ::shmdt(ro);
             return fail("stat", "the shared area was made by another release of the library");
         }
-        std::printf("note: the process table is full; the area is read without taking a slot\n");
+        if (!json) std::printf("note: the process table is full; the area is read without taking a slot\n");
         area = ro;
     } else {
         s.report_attach_failure();
@@ -196,7 +287,7 @@ int cmd_stat(std::vector<std::string> words) {
     }
     for (long i = 0; count < 0 || i < count; ++i) {
         if (i > 0) {
-            std::printf("\n");
+            if (!json) std::printf("\n");
             // sleep() returns early when a signal arrives.
             for (unsigned left = unsigned(every); left > 0 && !g_interrupted;) left = ::sleep(left);
         }
@@ -205,14 +296,17 @@ int cmd_stat(std::vector<std::string> words) {
             // Processes that died attached are cleaned up by whoever notices them.
             int pids[64];
             const int n = kisam_reap(pids, 64);
-            for (int k = 0; k < n && k < 64; ++k)
+            for (int k = 0; k < n && k < 64 && !json; ++k)
                 std::printf("cleaned up after pid %d, which died attached: its unfinished call rolled back, "
                             "its locks and slot released\n", pids[k]);
         }
-        print_once(area, id, named);
+        if (json)
+            print_json(area, id, named);
+        else
+            print_once(area, id, named);
     }
     if (ro) ::shmdt(ro);
-    return EXIT_OK;
+    return g_interrupted ? EXIT_INTERRUPTED : EXIT_OK;
 }
 
 }  // namespace kisam_tool

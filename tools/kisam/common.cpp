@@ -1,9 +1,11 @@
 // Option parsing, the escaped text form of records, messages and progress display.
 #include "tool.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace kisam_tool {
@@ -112,6 +114,7 @@ bool Args::get_int(const char* name, long lo, long hi, long& out) const {
 }
 
 int usage_error(const std::string& cmd, const std::string& msg) {
+    progress_clear();
     std::string who = cmd.empty() ? "kisam" : "kisam " + cmd;
     std::fprintf(stderr, "%s: %s\n", who.c_str(), msg.c_str());
     std::fprintf(stderr, "Try '%s' for more information.\n", cmd.empty() ? "kisam help" : ("kisam help " + cmd).c_str());
@@ -119,9 +122,15 @@ int usage_error(const std::string& cmd, const std::string& msg) {
 }
 
 int fail(const std::string& cmd, const std::string& msg) {
+    progress_clear();
     std::string who = cmd.empty() ? "kisam" : "kisam " + cmd;
     std::fprintf(stderr, "%s: %s\n", who.c_str(), msg.c_str());
     return EXIT_FAIL;
+}
+
+int interrupted(const std::string& cmd, const std::string& what) {
+    fail(cmd, "interrupted" + what);
+    return EXIT_INTERRUPTED;
 }
 
 // ---- text form ---------------------------------------------------------------------------------
@@ -181,18 +190,61 @@ std::optional<std::string> unescape(std::string_view text) {
     return out;
 }
 
+// ---- input lines ----------------------------------------------------------------------------------
+
+LineReader::~LineReader() {
+    std::free(buf_);
+    if (owned_ && f_) std::fclose(f_);
+}
+
+bool LineReader::open(const std::string& path) {
+    if (path.empty() || path == "-") {
+        f_ = stdin;
+    } else {
+        f_ = std::fopen(path.c_str(), "rb");
+        if (!f_) return false;
+        owned_ = true;
+        name_ = path;
+    }
+    struct stat st;
+    if (::fstat(fileno(f_), &st) == 0 && S_ISREG(st.st_mode)) size_ = uint64_t(st.st_size);
+    return true;
+}
+
+bool LineReader::next(std::string& line) {
+    if (!f_ || err_) return false;
+    errno = 0;
+    ssize_t n = ::getline(&buf_, &cap_, f_);
+    if (n < 0) {
+        if (std::ferror(f_)) err_ = errno ? errno : EIO;
+        return false;
+    }
+    consumed_ += uint64_t(n);
+    ++lineno_;
+    if (n > 0 && buf_[n - 1] == '\n') --n;
+    line.assign(buf_, size_t(n));
+    return true;
+}
+
 // ---- progress ------------------------------------------------------------------------------------
 
 Progress::Progress(std::string what, uint64_t total, const char* unit)
     : what_(std::move(what)), unit_(unit), total_(total), on_(!g.quiet && ::isatty(STDERR_FILENO)) {}
 
-Progress::~Progress() {
-    // Clear the line so that a following message starts at the margin.
-    if (shown_) std::fputs("\r\033[K", stderr);
+// True while a progress line stands on standard error without its newline.
+static bool g_progress_shown = false;
+
+void progress_clear() {
+    if (!g_progress_shown) return;
+    std::fputs("\r\033[K", stderr);
+    std::fflush(stderr);
+    g_progress_shown = false;
 }
 
+Progress::~Progress() { progress_clear(); }
+
 void Progress::show(uint64_t records, uint64_t done) {
-    shown_ = true;
+    g_progress_shown = true;
     if (total_)
         std::fprintf(stderr, "\r%s: %llu %s (%3llu%%)", what_.c_str(), static_cast<unsigned long long>(records), unit_,
                      static_cast<unsigned long long>(done * 100 / total_));

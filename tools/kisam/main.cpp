@@ -29,9 +29,12 @@ const char* const kOverview =
     "                               read records in key order\n"
     "  put FILE [RECORD|-] [--replace|--update]\n"
     "                               add, replace or update records\n"
-    "  del FILE KEY0 [KEY0...]      delete records by their key 0 value\n"
+    "  del FILE KEY0 [KEY0...|-]    delete records by their key 0 value\n"
     "  dump FILE [OUTPUT]           all records, in key 0 order, as portable text\n"
     "  load FILE [INPUT]            add the records of a dump (creates FILE if needed)\n"
+    "  import FILE CSV [--fields F] add the records of a CSV file, by a field layout\n"
+    "  export FILE [OUTPUT] [--csv|--json] [--fields F]\n"
+    "                               every record as CSV or JSON lines, by a field layout\n"
     "  stat [FILE...] [--every SECONDS]\n"
     "                               figures of the shared area for monitoring\n"
     "  help [COMMAND]               this text, or the details of one command\n"
@@ -44,10 +47,16 @@ const char* const kOverview =
     "Records and key values are given and shown as text: printable characters stand\n"
     "for themselves, a backslash is written \\\\ and any other byte \\xHH (\\n, \\t, \\r\n"
     "and \\0 are accepted too).  Key values are matched byte for byte; to get and scan\n"
-    "a value shorter than its key is a prefix, to del it is filled with zero bytes.\n"
+    "a value shorter than its key is a prefix (to del, of exactly one record).\n"
+    "get, scan, info, check and stat take --json: JSON objects, one per line, in which\n"
+    "bytes that are not UTF-8 are written \\udcXX (XX the byte, as Python's\n"
+    "surrogateescape reads them).  get and scan take --raw: the records' bytes as they\n"
+    "are, nothing added.\n"
     "\n"
-    "Exit status: 0 success; 1 the operation failed, damage was found, or no record\n"
-    "matched; 2 the command line is wrong.\n";
+    "Exit status: 0 success; 1 the operation failed, damage was found (also problems\n"
+    "listed by info), or no record matched (get, scan, del); 2 the command line is\n"
+    "wrong; 3 check could not read the file (an I/O error, not damage); 130\n"
+    "interrupted.\n";
 
 const std::map<std::string, const char*>& details() {
     static const std::map<std::string, const char*> m = {
@@ -92,18 +101,20 @@ const std::map<std::string, const char*>& details() {
          "\n"
          "Reads FILE directly (no shared area is needed) and prints its control page in\n"
          "words: format, keys with their roots, tree depths and item counts, the free-page\n"
-         "chain, the data pages with free space, the page counts by kind, and the marks.\n"},
+         "chain, the data pages with free space, the page counts by kind, and the marks.\n"
+         "Exit status 1 when it lists a problem (then run 'kisam check').\n"},
         {"check",
          "Usage: kisam check FILE [--clear-mark]\n"
          "\n"
          "Reads FILE directly and checks every index (order, fill, links, depth), the data\n"
          "pages and the free chain, and that every index reaches exactly the records of\n"
          "key 0.  Prints one line per problem found and exits with status 1 when the file\n"
-         "is damaged.  Run it on a file no program is changing.\n"
+         "is damaged, 3 when it cannot be read (an I/O error says nothing about the\n"
+         "structure).  Run it on a file no program is changing.\n"
          "  --clear-mark   when the file is sound, clear its data-changed mark so that it\n"
          "                 opens again (the file must not be open anywhere)\n"},
         {"get",
-         "Usage: kisam get FILE VALUE [--key N] [--ignore-mark]\n"
+         "Usage: kisam get FILE VALUE [--key N] [--ignore-mark] [--json | --raw]\n"
          "\n"
          "Prints the first record, in the order of key N (default 0), whose key begins\n"
          "with VALUE: a value as long as the key must match it exactly, a shorter one is a\n"
@@ -112,13 +123,15 @@ const std::map<std::string, const char*>& details() {
          "a value: 'scan --key N --from VALUE --to VALUE'.\n"},
         {"scan",
          "Usage: kisam scan FILE [--key N] [--from V] [--to V] [--backward] [--limit N]\n"
-         "                  [--count] [--ignore-mark]\n"
+         "                  [--count] [--ignore-mark] [--json | --raw]\n"
          "\n"
          "Prints records in the order of key N (default 0), one per line.  Forwards, it\n"
          "starts at the first key at or after --from and stops after the last key that\n"
          "begins with or precedes --to; with --backward, it starts at the last key that\n"
          "begins with or precedes --from and stops before keys below --to.  A shorter\n"
-         "value is a prefix.  --count prints only the number of records.\n"},
+         "value is a prefix.  --count prints only the number of records.  A range whose\n"
+         "ends are the wrong way round for the direction is refused.  Exit status 1 when\n"
+         "no record is found.\n"},
         {"put",
          "Usage: kisam put FILE RECORD [--replace | --update]\n"
          "       kisam put FILE - [--replace | --update]    (records from standard input,\n"
@@ -129,9 +142,13 @@ const std::map<std::string, const char*>& details() {
          "is given.\n"},
         {"del",
          "Usage: kisam del FILE KEY0 [KEY0...]\n"
+         "       kisam del FILE -          (key 0 values from standard input, one per line)\n"
          "\n"
-         "Deletes the records with these key 0 values.  Exit status 1 when one of them\n"
-         "does not exist (the others are still deleted).\n"},
+         "Deletes the records with these key 0 values.  A value as long as key 0 names a\n"
+         "record exactly; a shorter one is a prefix that must match exactly one record\n"
+         "(when it matches several, nothing is deleted and the first two are named).\n"
+         "Exit status 1 when one of them names no record or several (the others are\n"
+         "still deleted).\n"},
         {"dump",
          "Usage: kisam dump FILE [OUTPUT] [--ignore-mark]\n"
          "\n"
@@ -145,7 +162,9 @@ const std::map<std::string, const char*>& details() {
          "\n"
          "Adds the records of a dump (default: standard input) to FILE, creating FILE\n"
          "with the dump's keys when it does not exist.  Records whose key 0 value is\n"
-         "already present are reported and skipped; the exit status is then 1.\n"},
+         "already present are reported and skipped; the exit status is then 1.  A dump\n"
+         "without its closing line, or whose closing line counts other records than it\n"
+         "holds, is reported (status 1) after the records it holds were added.\n"},
         {"stat",
          "Usage: kisam stat [FILE...] [--every SECONDS] [--count N]\n"
          "\n"
@@ -154,8 +173,30 @@ const std::map<std::string, const char*>& details() {
          "waits), the files open with their use counts, and the processes attached,\n"
          "flagging those that no longer exist.  With --every it repeats until interrupted\n"
          "(or N times with --count).  Files named are shown by name in the table of open\n"
-         "files.  When no program is attached it says so and creates nothing; when the\n"
-         "process table is full it reads the area without taking a slot.\n"},
+         "files.  When no program is attached it says so and creates nothing (with\n"
+         "--every it waits for the area to appear); when the process table is full it\n"
+         "reads the area without taking a slot.\n"},
+        {"import",
+         "Usage: kisam import FILE CSV [--fields NAME:WIDTH,...] [--no-header] [--replace]\n"
+         "\n"
+         "Adds the records of a CSV file (RFC 4180; - for standard input) to FILE, which\n"
+         "must exist.  --fields gives the layout of a record: name:width pairs, the key\n"
+         "fields first, the last may be NAME:* (any length), e.g. id:8,name:20,rest:*.\n"
+         "Without it: key0:L0,key1:L1,...,rest:*.  The header line names the columns (in\n"
+         "any order; exactly the fields); with --no-header the columns are the fields in\n"
+         "order.  Values are padded with blanks to their width, or cut to it with a\n"
+         "warning, never inside a UTF-8 character.  A line with bad quoting, another\n"
+         "number of fields or bytes that are not UTF-8 is rejected and named; a record\n"
+         "whose key 0 exists is not loaded unless --replace.  The summary says how many\n"
+         "records were loaded and which lines were not; exit status 1 when any was not.\n"},
+        {"export",
+         "Usage: kisam export FILE [OUTPUT] [--csv | --json] [--fields NAME:WIDTH,...]\n"
+         "                    [--ignore-mark]\n"
+         "\n"
+         "Writes every record in key 0 order, split by the field layout (as for import),\n"
+         "as CSV with a header line (the default) or as JSON lines, one object per record.\n"
+         "Blanks at the end of a fixed-width field are dropped.  Records with bytes beyond\n"
+         "the fields are reported (status 1): add a field NAME:*.\n"},
         {"help", "Usage: kisam help [COMMAND]\n"},
     };
     return m;
@@ -209,6 +250,7 @@ int run(int argc, char** argv) {
         {"config", cmd_config}, {"create", cmd_create}, {"info", cmd_info}, {"check", cmd_check},
         {"get", cmd_get},       {"scan", cmd_scan},     {"put", cmd_put},   {"del", cmd_del},
         {"dump", cmd_dump},     {"load", cmd_load},     {"stat", cmd_stat},
+        {"import", cmd_import}, {"export", cmd_export},
     };
     catch_interrupts();
     auto it = table.find(cmd);
@@ -230,5 +272,7 @@ int main(int argc, char** argv) {
         if (e != EPIPE) std::fprintf(stderr, "kisam: cannot write the output: %s\n", std::strerror(e));
         rc = kisam_tool::EXIT_FAIL;
     }
+    // Messages that could not be written (stderr on a full disk) make a success doubtful too.
+    if (rc == 0 && (std::fflush(stderr) != 0 || std::ferror(stderr))) rc = kisam_tool::EXIT_FAIL;
     return rc;
 }

@@ -38,7 +38,7 @@ std::string find_config(std::vector<std::string>* tried) {
     std::string kc = value("KISCONFIG");
     if (!kc.empty()) {
         kc = fold_slashes(kc);
-        if (tried) tried->push_back(kc + " (KISCONFIG)");
+        if (tried) tried->push_back(kc + (g.config.empty() ? " (KISCONFIG)" : " (--config)"));
         return ::access(kc.c_str(), R_OK) == 0 ? kc : "";
     }
     std::string first = fold_slashes(value("etc_dir") + "/kisamconfig");
@@ -113,6 +113,7 @@ static std::string magic_of(const std::string& file) {
 
 int lib_error(const std::string& cmd, const std::string& what, const std::string& file) {
     int sys = errno;
+    progress_clear();
     char buf[1100];
     niserrmsgget(buf, sizeof buf);
     std::fprintf(stderr, "kisam %s: %s: %s\n", cmd.c_str(), what.c_str(), buf[0] ? buf : "failed");

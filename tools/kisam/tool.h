@@ -2,7 +2,8 @@
 //
 // Every subcommand is a function taking its own arguments (the subcommand name and the
 // global options already removed) and returning the process exit status:
-//   0 success, 1 the operation failed / damage found / nothing found, 2 usage error.
+//   0 success, 1 the operation failed / damage found / nothing found, 2 usage error,
+//   3 a file could not be read (check: an I/O error, not damage), 130 interrupted.
 // Subcommands that need the engine attach through a Session, which detaches on every
 // path so that the last user of an installation removes the shared segment.
 #pragma once
@@ -18,7 +19,7 @@
 
 namespace kisam_tool {
 
-enum Exit : int { EXIT_OK = 0, EXIT_FAIL = 1, EXIT_USAGE = 2 };
+enum Exit : int { EXIT_OK = 0, EXIT_FAIL = 1, EXIT_USAGE = 2, EXIT_IO = 3, EXIT_INTERRUPTED = 130 };
 
 // ---- options ---------------------------------------------------------------------
 
@@ -57,6 +58,8 @@ private:
 int usage_error(const std::string& cmd, const std::string& msg);
 // Prints "kisam CMD: message"; returns EXIT_FAIL.
 int fail(const std::string& cmd, const std::string& msg);
+// Prints "kisam CMD: interrupted..." (with `what` appended); returns EXIT_INTERRUPTED.
+int interrupted(const std::string& cmd, const std::string& what = "");
 bool parse_long(const std::string& s, long lo, long hi, long& out);
 // "L0,L1,..." into key lengths of 1 to 500 bytes; false on anything else.
 bool parse_key_lengths(const std::string& text, std::vector<int>& lens);
@@ -70,6 +73,36 @@ std::string escape(std::string_view bytes);
 // Inverse of escape(); also accepts \n \r \t \0 \\ and \xHH with either case of hex.
 // nullopt when the text holds a malformed escape.
 std::optional<std::string> unescape(std::string_view text);
+
+// Lines of a text input (a file, or standard input for "-"), read with the C library
+// so that a read error is told from the end of the input.
+class LineReader {
+public:
+    LineReader() = default;
+    ~LineReader();
+    LineReader(const LineReader&) = delete;
+    LineReader& operator=(const LineReader&) = delete;
+    // Opens `path` ("-" or empty: standard input); false with errno set when it cannot.
+    bool open(const std::string& path);
+    // The next line without its newline; false at the end of the input or on an error.
+    bool next(std::string& line);
+    // errno of the read error that ended the input, 0 when it ended normally.
+    int error() const { return err_; }
+    // Bytes consumed so far, and the input's size when it is a regular file (else 0).
+    uint64_t consumed() const { return consumed_; }
+    uint64_t size() const { return size_; }
+    uint64_t lineno() const { return lineno_; }
+    const std::string& name() const { return name_; }
+
+private:
+    FILE* f_ = nullptr;
+    bool owned_ = false;
+    char* buf_ = nullptr;
+    size_t cap_ = 0;
+    int err_ = 0;
+    uint64_t consumed_ = 0, size_ = 0, lineno_ = 0;
+    std::string name_ = "standard input";
+};
 
 // ---- the engine ----------------------------------------------------------------------------
 
@@ -138,6 +171,10 @@ inline uint64_t page_offset(const ControlPage& cp, uint32_t p) { return cp.small
 
 // ---- progress on a terminal ------------------------------------------------------------------
 
+// Erases the progress line, if one is shown, so that the next message starts at the
+// margin.  Every message on standard error goes through it (usage_error, fail, lib_error).
+void progress_clear();
+
 class Progress {
 public:
     // Shows "WHAT: N records" on standard error when it is a terminal, with a percentage
@@ -154,7 +191,6 @@ private:
     const char* unit_;
     uint64_t total_;
     bool on_;
-    bool shown_ = false;
 };
 
 // Set by SIGINT/SIGTERM while a long subcommand runs; it then stops cleanly and detaches.
@@ -176,5 +212,8 @@ int cmd_del(std::vector<std::string> args);
 int cmd_dump(std::vector<std::string> args);
 int cmd_load(std::vector<std::string> args);
 int cmd_stat(std::vector<std::string> args);
+// In data/ (they need libcsv): CSV and JSON lines in and out.
+int cmd_import(std::vector<std::string> args);
+int cmd_export(std::vector<std::string> args);
 
 }  // namespace kisam_tool
