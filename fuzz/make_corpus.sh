@@ -34,8 +34,8 @@ records() {   # COUNT SIZE,SIZE,... -> lines
     }'
 }
 
-rm -rf "$corpus"/{isam,config,load,parm,cfentry,vallist,profile}
-mkdir -p "$corpus"/{isam,config,load,parm,cfentry,vallist,profile}
+rm -rf "$corpus"/{isam,config,load,import,parm,cfentry,vallist,profile}
+mkdir -p "$corpus"/{isam,config,load,import,parm,cfentry,vallist,profile}
 
 # ---- ISAM files ------------------------------------------------------------------------
 f="$work/one_key";     k create "$f" 8;        records 30 "12,40,90,300" | k put "$f" - >/dev/null
@@ -50,6 +50,15 @@ for f in one_key three_keys key_in_index small_header empty two_levels; do
     cp "$work/$f" "$corpus/isam/$f"
     k dump "$work/$f" "$corpus/load/$f.dump"
 done
+
+# ---- CSV for import: the first byte chooses the options (fuzz_import.cpp) ----------------
+imp="$corpus/import"
+{ printf '\x00'; k export "$work/three_keys" --csv; } >"$imp/export_three_keys"
+printf '\x00key0,key1,key2,rest\r\n0001,abcdef,xyz,hello world\r\n0002,"a,b",q,"quoted ""text"" here"\r\n0003,\xc3\xa9t\xc3\xa9s,\xe2\x82\xac,multi\nline\r\n0004,toolongvalue,zz,\r\n' >"$imp/default_header"
+printf '\x010010,name,abc,x\n0011,n2,de,"y"\n' >"$imp/no_header"
+printf '\x06id,name,code,rest\n0001,aaaaaa,bbb,r1\n0001,cccccc,ddd,r2\n0002,eeeeee,fff,\n' >"$imp/replace_fields"
+printf '\x08b,a,code,name,id\n12,abcde,c1,nm,0007\n13,xx,c2,nm2,0008\n,,,,\n' >"$imp/fields_reordered"
+printf '\x0dwhole,tail\n0001aaaaaabbb,t\n0002cccccc,short\n' >"$imp/whole_tail"
 
 # ---- configuration records -------------------------------------------------------------
 c() { local name=$1; shift; "$kisam" config init "$corpus/config/$name" "$@" >/dev/null; rm -f "$corpus/config/$name.lk"; }
