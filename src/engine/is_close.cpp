@@ -144,6 +144,7 @@ KISAM_API int nisunisam(void) {
     is_env.needs_[is_env.useridx] = 0;
 
     isallclose();
+    v_peek_fold();  // the pages its reads without the lock found
 
     std::free(is_db);
     is_db = nullptr;
