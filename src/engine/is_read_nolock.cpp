@@ -38,6 +38,8 @@ TestHook test_hook = nullptr;
 bool test_locked_reads = false;
 }  // namespace kisam
 
+unsigned long is_nolock_reads = 0;
+
 using namespace kisam;
 
 namespace {
@@ -133,10 +135,16 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
     const char* d = nullptr;
     int x = -1, n = 0;
 
-    // The hint, exactly as the locked search takes it.
+    // The hint, exactly as the locked search takes it: where it lands among equal items
+    // of an alternate key depends on the hint, so a hint the locked read would have found
+    // in the pool must be found here too.
     const PAGE h = *hint;
     if (h != KISAM_NOPAGE) {
         const IS_DATA* hp = page_ok(h) ? v_peek(s.u, h) : nullptr;
+        if (!hp && page_ok(h) && !v_peek_knows(s.u)) {
+            s.fail = kMiss;
+            return -1;
+        }
         if (hp) {
             const char* hd = hp->c;
             n = items_of(hd, keyno, order, inc);
@@ -154,8 +162,11 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
         }
     }
 
-    // The deepest page on the way down whose scan stopped at an item: its item is the
-    // answer when nothing below it is (the locked search returns through it).
+    // The page on the way down whose item is the answer when no exact match turns up:
+    // the locked search returns up through every page whose scan stopped at an item; a
+    // nearest search stops at the deepest such page (a 1 from below goes straight up),
+    // an exact one (whose nearest is a 0) lets each of them replace the item, so the
+    // highest one wins.
     const char* best = nullptr;
     PAGE bestp = KISAM_NOPAGE;
     for (int depth = 0;; ++depth) {
@@ -189,14 +200,12 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
                 *hint = pno;
                 return 1;
             }
-            child = ld32(d + bt_ptr_off(back ? x + 1 : x, inc));
-            if (child == KISAM_NOPAGE) {
-                take(xp);
-                *hint = pno;
-                return nothing;
+            if (!best || !exact5) {
+                best = xp;
+                bestp = pno;
             }
-            best = xp;
-            bestp = pno;
+            child = ld32(d + bt_ptr_off(back ? x + 1 : x, inc));
+            if (child == KISAM_NOPAGE) break;
         } else {
             child = ld32(d + bt_ptr_off(back ? 0 : n, inc));
             if (child == KISAM_NOPAGE) break;
@@ -394,5 +403,6 @@ int is_read_nolock(int keyno, char* record, int recsize, int dir) noexcept {
     cur->curr_kstate = kstate;
     cur->currpage = hint;
     if (keyno >= 1) cur0->currpage = hint0;
+    ++is_nolock_reads;
     return result;
 }

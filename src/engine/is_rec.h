@@ -19,6 +19,8 @@ int is_read(int keyno, char* record, int recsize, int dir) noexcept;
 inline constexpr int kReadAgain = -2;
 inline constexpr int kReadLocked = -3;
 int is_read_nolock(int keyno, char* record, int recsize, int dir) noexcept;
+// Reads this process completed without the lock (a figure for tests and benchmarks).
+extern unsigned long is_nolock_reads;
 int is_write(const char* record, int recsize, int force) noexcept;
 int is_delete(const char* primekey) noexcept;
 

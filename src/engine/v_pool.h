@@ -72,5 +72,8 @@ void v_seq_adopt(IS_FCP* fcp, int u) noexcept;
 // every 4096 pages, the pool's hit count.  What it returns may change at any moment: the
 // caller validates what it read with the file's change count.
 const IS_DATA* v_peek(int u, PAGE pno) noexcept;
+// Whether this process knows u's chain as of its current change count: a page v_peek
+// does not find is then not in the pool (a locked read would find it no better).
+bool v_peek_knows(int u) noexcept;
 // Adds the pages v_peek found since the last fold to the pool's hit count.
 void v_peek_fold(void) noexcept;
