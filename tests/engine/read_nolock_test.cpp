@@ -138,8 +138,9 @@ TEST_P(ReadNoLock, AgreesWithLockedReads) {
             const int il = kisam::fcp_key(ot::shared_fcp(a), k)->k_itemlen;
             ASSERT_EQ(ca->curr_kstate, cb->curr_kstate) << "cursor " << k;
             ASSERT_EQ(ca->currpage, cb->currpage) << "cursor " << k;
-            if (ca->curr_kstate != 0)
+            if (ca->curr_kstate != 0) {
                 ASSERT_EQ(std::memcmp(ca->currkey, cb->currkey, static_cast<size_t>(il)), 0) << "cursor " << k;
+            }
         }
     }
     // The path was taken, and mostly so when the pool holds the file.
