@@ -494,7 +494,8 @@ int jn_begin(void) noexcept {
 }
 
 int jn_touch(PAGE pno, const IS_DATA* d) noexcept {
-    v_changing(is_curfcp, current_file());
+    // A unit made the count odd when it began; a change outside one makes sure here.
+    if (!own.active) v_changing(is_curfcp, current_file());
     if (kisam::test_hook) kisam::test_hook(kisam::kHookTouch, current_file());
     if (!own.active || pno >= own.oldlast || pno == 0) return 0;
     jn_head* h = own.m.h;
