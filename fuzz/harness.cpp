@@ -82,6 +82,10 @@ void write_default_config(const std::string& path) {
 }
 
 void write_file(const std::string& path, const uint8_t* data, size_t n) {
+    // A new file each time: truncating one that holds data makes the file system write
+    // it out at the close (its guard for files replaced in place), which costs every run
+    // a disk write and leaves the fuzzer waiting instead of running.
+    ::unlink(path.c_str());
     int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (fd < 0) finding("cannot write %s", path.c_str());
     for (size_t done = 0; done < n;) {

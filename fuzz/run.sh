@@ -33,9 +33,16 @@ cmake --build "$build" -j "$(nproc)" --target "${targets[@]/#/fuzz_}" >"$build/b
 # few pages.
 declare -A max_len=([isam]=65536 [load]=65536 [config]=512)
 # Private temporary files of the harnesses; a killed run may leave its sandbox here.
-export TMPDIR="$build/tmp"
-rm -rf "$TMPDIR"
-mkdir -p "$TMPDIR"
+# In memory where the machine has it: the text targets write their input to a file on
+# every run, and a disk's metadata writes would leave the fuzzer waiting.
+if [ -d /dev/shm ] && [ -w /dev/shm ]; then
+    export TMPDIR="$(mktemp -d /dev/shm/kisam-fuzz.XXXXXX)"
+else
+    export TMPDIR="$build/tmp"
+    rm -rf "$TMPDIR"
+    mkdir -p "$TMPDIR"
+fi
+trap 'rm -rf "$TMPDIR"' EXIT
 export ASAN_OPTIONS="abort_on_error=1:detect_leaks=1:allocator_may_return_null=1${ASAN_OPTIONS:+:$ASAN_OPTIONS}"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1${UBSAN_OPTIONS:+:$UBSAN_OPTIONS}"
 
@@ -73,5 +80,4 @@ for t in "${targets[@]}"; do
     if [ "$running" -ge "$jobs" ]; then wait -n || status=1; running=$((running - 1)); fi
 done
 while [ "$running" -gt 0 ]; do wait -n || status=1; running=$((running - 1)); done
-rm -rf "$TMPDIR"
 exit $status

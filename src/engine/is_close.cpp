@@ -20,6 +20,7 @@
 #include "v_pool.h"
 
 #include <cstdlib>
+#include <sys/shm.h>
 
 namespace {
 
@@ -145,6 +146,12 @@ KISAM_API int nisunisam(void) {
 
     isallclose();
     v_peek_fold();  // the pages its reads without the lock found
+    // The last process to leave removes the shared area, and with it whatever processes
+    // that died attached left in it: their units are rolled back and their files'
+    // data-changed marks cleared first, or the next first open would find a file marked
+    // that is sound.
+    struct shmid_ds ds;
+    if (::shmctl(is_shmid, IPC_STAT, &ds) == 0 && ds.shm_nattch <= 1) is_reap_dead(nullptr, 0);
 
     std::free(is_db);
     is_db = nullptr;

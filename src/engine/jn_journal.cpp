@@ -216,17 +216,22 @@ bool seen(PAGE pno, uint32_t count) noexcept {
 
 int fail(int detail, int code = ISE_RDWT) noexcept { return is_raise(code, PROC(P_V_WRITE, detail)); }
 
-// Opens (creating when needed) and maps this process's journal for its slot.
-int open_own() noexcept {
-    if (own.m.h && own.pid == is_pid && own.slot == is_env.useridx) return 0;
+// Lets go of the journal mapped now.  One inherited through fork is the parent's journal,
+// never ours: it is unmapped without touching the file.
+void drop_own() noexcept {
     if (own.m.h && own.pid != is_pid) {
-        // Inherited through fork: the mapping is the parent's journal, never ours.
         ::munmap(own.m.h, own.m.len);
         kisam::os_close(own.m.fd);
         own.m = Map();
     } else {
         unmap(own.m);
     }
+}
+
+// Opens (creating when needed) and maps this process's journal for its slot.
+int open_own() noexcept {
+    if (own.m.h && own.pid == is_pid && own.slot == is_env.useridx) return 0;
+    drop_own();
     own.path_u = -1;
     char name[PATH_MAX + 16];
     journal_name(name, sizeof name, is_env.useridx);
@@ -433,13 +438,7 @@ void jn_setbase(const char* lockname) noexcept {
 }
 
 void jn_close(void) noexcept {
-    if (own.m.h && own.pid != is_pid) {
-        ::munmap(own.m.h, own.m.len);
-        kisam::os_close(own.m.fd);
-        own.m = Map();
-    } else {
-        unmap(own.m);
-    }
+    drop_own();
     own.active = false;
     own.slot = -1;
     own.path_u = -1;

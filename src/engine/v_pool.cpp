@@ -1017,15 +1017,23 @@ int fcp_setdatachanged(IS_FCP* fcp, IS_PFI* pfi, int datachangedf, int syncf) no
         is_raise(ISE_FLFCP, PROC(P_V_READ, 1));
         return -1;
     }
-    if (datachangedf)
-        fcp->is_optbits |= ISO_DIRTYMARK;
-    else
-        fcp->is_optbits &= static_cast<uint8_t>(~ISO_DIRTYMARK);
-    fcp->is_optbits &= static_cast<uint8_t>(~ISO_CHANGED);
-    if (write_fcp(fcp, pfi->pfi_osfd) != 0) {
+    // The shared copy says "marked" whenever the disk may be: a mark is set in the copy
+    // before it is written, and cleared in the copy only once the disk has it cleared.  A
+    // process killed in between leaves at worst a copy marked over a clean disk, which a
+    // later clear writes again -- never a mark on the disk that the copy has forgotten,
+    // which a last close would leave behind on a sound file.
+    if (datachangedf) fcp->is_optbits |= ISO_DIRTYMARK;
+    unsigned char img[kisam::kFcpImage];
+    kisam::fcp_image(fcp, img);
+    constexpr size_t kOptbitsAt = offsetof(IS_FCP, is_optbits) - offsetof(IS_FCP, is_magic);
+    if (!datachangedf) img[kOptbitsAt] = static_cast<unsigned char>(img[kOptbitsAt] & ~ISO_DIRTYMARK);
+    if (kisam::os_pwrite_full(pfi->pfi_osfd, img, sizeof img, 0) != 0) {
+        fcp->is_optbits |= ISO_CHANGED;  // still due: the next flush tries again
         is_raise(ISE_FLFCP, PROC(P_V_READ, 1));
         return -1;
     }
+    count(isam_com->syswrite);
+    if (!datachangedf) fcp->is_optbits &= static_cast<uint8_t>(~ISO_DIRTYMARK);
     if (syncf && kisam::os_fdatasync(pfi->pfi_osfd) != 0) {
         is_raise(ISE_FLFCP, PROC(P_V_READ, 1));
         return -1;

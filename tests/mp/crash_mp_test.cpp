@@ -167,3 +167,68 @@ TEST(CrashTable, SlotOfAKilledProcessIsReused) {
 }
 
 }  // namespace
+
+namespace {
+
+// A process that changed a file with the data-changed mark configured and died with it
+// open leaves the mark on the disk.  When the last living process leaves, the shared
+// area goes with whatever the dead left in it: the file must not then be refused as
+// unsound at its next first open.
+class CrashMarked : public Crash {
+protected:
+    void SetUp() override {
+        kt::Config c;
+        c.bits = 0x1;
+        start(c);
+        ::alarm(60);
+    }
+};
+
+TEST_F(CrashMarked, MarkOfADeadWriterIsClearedByTheLastToLeave) {
+    int fd = create("f", {4});
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(nisclose(fd), 0);
+    int other = create("g", {4});
+    ASSERT_GE(other, 0);
+    pid_t pid = hold([&] {
+        ot::become_unattached();
+        int f = nisopen(path("f").c_str(), ISO_RDWR);
+        return f >= 0 && niswrite(f, const_cast<char*>(kRec), sizeof kRec) == 0 ? 0 : 1;
+    });
+    ASSERT_EQ(ot::read_head(path("f"))[88] & ISO_DIRTYMARK, ISO_DIRTYMARK) << "the mark is on the disk";
+    kill(pid);
+    ASSERT_EQ(nisclose(other), 0);
+    nisunisam();  // the last to leave: the area goes
+    fd = nisopen(path("f").c_str(), ISO_RDWR);
+    ASSERT_GE(fd, 0) << "is_errno " << is_errno;
+    char buf[32];
+    EXPECT_EQ(nisfind(fd, 0, kRec, buf, sizeof buf), static_cast<int>(sizeof kRec));
+}
+
+
+// A writer killed in its close, between clearing the mark in the shared copy and on the
+// disk: the copy must go on saying "marked", so that the last close clears the disk.
+TEST_F(CrashMarked, WriterKilledWhileItsCloseClearsTheMark) {
+    int fd = create("f", {4});
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(niswrite(fd, const_cast<char*>(kRec), sizeof kRec), 0);
+    const int rc = kt::run_child([&] {
+        ot::become_unattached();
+        int f = nisopen(path("f").c_str(), ISO_RDWR);
+        if (f < 0) return 20;
+        char r[] = "wxyz-record";
+        if (niswrite(f, r, sizeof r) != 0) return 21;
+        kt::Faults kill;
+        kill.arm(kt::Faults::kWrite, 1, kt::Faults::kKill);
+        nisclose(f);  // its first page write is the mark cleared
+        return 22;
+    });
+    ASSERT_EQ(rc, 128 + SIGKILL);
+    ASSERT_EQ(ot::read_head(path("f"))[88] & ISO_DIRTYMARK, ISO_DIRTYMARK);
+    ASSERT_EQ(nisclose(fd), 0);
+    EXPECT_EQ(ot::read_head(path("f"))[88] & ISO_DIRTYMARK, 0) << "the last close leaves the file clean";
+    fd = nisopen(path("f").c_str(), ISO_RDWR);
+    EXPECT_GE(fd, 0) << "is_errno " << is_errno;
+}
+
+}  // namespace
