@@ -3,7 +3,7 @@
 // few values; one call (one transaction) per operation.
 //
 // Phases, each timed on its own: insert in random key order, read by key 0 in random
-// order, scan along key 1, update changing key 1 in random order, a mix of reads (3 in 4)
+// order (by one process, then by several at once), scan along key 1, update changing key 1 in random order, a mix of reads (3 in 4)
 // and updates run by several processes at once (each on its own share of the records),
 // and delete in random order.
 #pragma once
@@ -121,6 +121,38 @@ inline bool run_all(Engine& e, long n, int procs, std::vector<Phase>& out,
                 if (!e.find(key, buf) || std::memcmp(buf, key, kKey0) != 0) return false;
             }
             return true;
+        }))
+        return false;
+    // The same reads by several processes at once, each over all the records in an order
+    // of its own: their sum of operations per second against the one process above.
+    const std::string readname = std::to_string(procs) + "-process reads by key 0, random";
+    if (!phase(readname.c_str(), n * procs, [&] {
+            std::vector<pid_t> kids;
+            std::fflush(nullptr);
+            for (int k = 0; k < procs; ++k) {
+                pid_t pid = ::fork();
+                if (pid < 0) return false;
+                if (pid == 0) {
+                    int rc = e.child_open() ? 0 : 1;
+                    std::vector<unsigned> mine(order);
+                    std::shuffle(mine.begin(), mine.end(), std::mt19937(static_cast<unsigned>(k) + 99));
+                    char b[kRecLen + 16], k0[kKey0];
+                    for (size_t i = 0; rc == 0 && i < mine.size(); ++i) {
+                        make_key0(k0, mine[i]);
+                        if (!e.find(k0, b) || std::memcmp(b, k0, kKey0) != 0) rc = 3;
+                    }
+                    e.child_close();
+                    std::fflush(nullptr);
+                    ::_exit(rc);
+                }
+                kids.push_back(pid);
+            }
+            bool ok = true;
+            for (pid_t pid : kids) {
+                int st = 0;
+                if (::waitpid(pid, &st, 0) != pid || !WIFEXITED(st) || WEXITSTATUS(st) != 0) ok = false;
+            }
+            return ok;
         }))
         return false;
     if (!phase("scan along key 1", n, [&] { return e.scan_key1() == n; })) return false;

@@ -145,6 +145,7 @@ KISAM_API int nisunisam(void) {
     is_env.needs_[is_env.useridx] = 0;
 
     isallclose();
+    v_peek_fold();  // the pages its reads without the lock found
     // The last process to leave removes the shared area, and with it whatever processes
     // that died attached left in it: their units are rolled back and their files'
     // data-changed marks cleared first, or the next first open would find a file marked

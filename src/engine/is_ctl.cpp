@@ -34,6 +34,9 @@ int is_getctl(void) noexcept {
         v_stale_fcplock(fcp);
     }
     const int u = static_cast<int>(pfi - is_pfi);
+    // Only a holder changes the file's change count, so a count found odd was left by
+    // one that died (or could not register it): this hold makes it even at its end.
+    v_seq_adopt(fcp, u);
     if (isx_area && kisam::isx_file_of(u)->xf_undo != 0 && jn_settle(fcp, u) != 0) {
         // Nothing may read or build on a half-undone call: give the word back and fail.
         pfi->pfi_ctlcnt = 0;

@@ -57,27 +57,33 @@ inline std::atomic_ref<uint32_t> word(volatile unsigned* p) {
 // pid is known to be this process's -- and not left by a dead one with the same pid.
 // A process holds a handful at once; should more ever be held, the rest are trusted by
 // their pid alone.
+// Each entry may carry a change count that this hold made odd (is_lock_set_seq); the
+// release makes it even again before the word is given up.
 constexpr int kHeld = 64;
-unsigned long held[kHeld];
+struct Held {
+    unsigned long off;
+    uint32_t* seq;
+};
+Held held[kHeld];
 int nheld = 0;
 bool held_overflow = false;
 
-bool registered(unsigned long o) {
+Held* entry(unsigned long o) {
     for (int i = 0; i < nheld; ++i)
-        if (held[i] == o) return true;
-    return held_overflow;
+        if (held[i].off == o) return &held[i];
+    return nullptr;
 }
+bool registered(unsigned long o) { return entry(o) != nullptr || held_overflow; }
 void enter(unsigned long o) {
-    for (int i = 0; i < nheld; ++i)
-        if (held[i] == o) return;
+    if (entry(o)) return;
     if (nheld < kHeld)
-        held[nheld++] = o;
+        held[nheld++] = Held{o, nullptr};
     else
         held_overflow = true;
 }
 void leave(unsigned long o) {
     for (int i = 0; i < nheld; ++i) {
-        if (held[i] == o) {
+        if (held[i].off == o) {
             held[i] = held[--nheld];
             return;
         }
@@ -153,6 +159,18 @@ uint32_t is_lock_claim(volatile unsigned* lockidp) noexcept {
     return cur;
 }
 
+bool is_lock_set_seq(const volatile unsigned* lockidp, uint32_t* seq) noexcept {
+    Held* e = entry(kisam::com_offset(lockidp));
+    if (!e) return false;
+    e->seq = seq;
+    return true;
+}
+
+bool is_lock_has_seq(const volatile unsigned* lockidp) noexcept {
+    const Held* e = entry(kisam::com_offset(lockidp));
+    return e && e->seq;
+}
+
 void is_lock_forget(void) noexcept {
     nheld = 0;
     held_overflow = false;
@@ -164,6 +182,15 @@ void is_unlock(unsigned* lockidp) noexcept {
     const unsigned long o = kisam::com_offset(lockidp);
     // A word holding our pid that we did not take is a dead process's: not ours to clear.
     if (cur == 0 || cur != static_cast<uint32_t>(is_pid) || !registered(o)) return;
+    // A change count this hold made odd becomes even after the hold's last change and
+    // before anyone else can take the word: readers without the lock see it even only
+    // when no change is under way.
+    if (Held* e = entry(o); e && e->seq) {
+        std::atomic_ref<uint32_t> q(*e->seq);
+        const uint32_t v = q.load(std::memory_order_relaxed);
+        if (v & 1) q.store(v + 1, std::memory_order_release);
+        e->seq = nullptr;
+    }
     w.store(0, std::memory_order_release);
     leave(o);
     isam_com->cursyslocks--;

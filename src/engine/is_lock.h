@@ -51,5 +51,13 @@ bool is_lock_mine(const volatile unsigned* lockidp) noexcept;
 // makes the word this process's and counts it.  Returns the pid of a holder that died
 // holding it (the word was set and not this process's), else 0.
 uint32_t is_lock_claim(volatile unsigned* lockidp) noexcept;
+// Change counts tied to a hold (the readers that take no lock, README.reads.md): the
+// holder of lockidp makes `seq` odd and registers it here; is_unlock of lockidp makes it
+// even again just before the word is given up, whatever path gives it up.  False when
+// lockidp is not a word this process holds in its table (more than 64 held at once):
+// the count then stays odd until the next holder of the word adopts it.
+bool is_lock_set_seq(const volatile unsigned* lockidp, uint32_t* seq) noexcept;
+// Whether this hold of lockidp carries a change count (made odd in this hold).
+bool is_lock_has_seq(const volatile unsigned* lockidp) noexcept;
 // Forgets every word this process believed it held (a child after fork holds none).
 void is_lock_forget(void) noexcept;

@@ -1,4 +1,6 @@
-// Keyed read: the next, previous or an exactly matching record along any key.
+// Keyed read: the next, previous or an exactly matching record along any key.  A read
+// is first tried without the control lock (is_read_nolock.cpp); what that cannot do is
+// done here, under the lock, as it always was.
 //
 // A cursor is a key value, not a place in a page: every read searches the index again
 // from the value it remembers, so inserts, deletions and splits made by other processes
@@ -86,6 +88,13 @@ char* is_tbufp = tbuf;
 // The result is the read's: a release whose flush fails has pushed its own entry and
 // kept the control lock, and the next release of this process writes the pages again.
 int is_read(int keyno, char* record, int recsize, int dir) noexcept {
+    // Without the lock first: twice at most, since a change under way may well still be
+    // under way at a third look, and the locked read then waits for its end.
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        const int r = is_read_nolock(keyno, record, recsize, dir);
+        if (r >= 0) return r;
+        if (r == kReadLocked) break;
+    }
     if (is_getctl() < 0) return -1;
     int r = read_locked(keyno, record, recsize, dir);
     is_relctl();

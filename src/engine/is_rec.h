@@ -13,6 +13,14 @@ int is_relctl(void) noexcept;   // 0, -1 when the flush failed (lock kept)
 void is_relctl_again(void) noexcept;
 
 int is_read(int keyno, char* record, int recsize, int dir) noexcept;
+// The same read without the control lock (README.reads.md): its result (>= 0) when it
+// stands, else kReadAgain (the file changed meanwhile: try once more) or kReadLocked
+// (only the locked read can do it), with nothing changed.  Requires the call frame.
+inline constexpr int kReadAgain = -2;
+inline constexpr int kReadLocked = -3;
+int is_read_nolock(int keyno, char* record, int recsize, int dir) noexcept;
+// Reads this process completed without the lock (a figure for tests and benchmarks).
+extern unsigned long is_nolock_reads;
 int is_write(const char* record, int recsize, int force) noexcept;
 int is_delete(const char* primekey) noexcept;
 

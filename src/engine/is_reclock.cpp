@@ -20,6 +20,8 @@
 #include "is_heap.h"
 #include "is_lock.h"
 #include "is_rec.h"
+#include "jn.h"
+#include "v_pool.h"
 
 #include <atomic>
 #include <cstring>
@@ -140,6 +142,13 @@ rescan:
         if (rtnopt > 0) return leave(-1);
         ++e->rc_waitcount;
         int w = is_fwait(range_of(e));
+        if (w != -2 && is_lock_stale) {
+            // The control word was retaken from a holder that died meanwhile: its fixes
+            // and its change count are this hold's to clear, its call is rolled back by
+            // the file's next taker.
+            jn_note_stale(fcp, is_lock_stale_pid);
+            v_stale_fcplock(fcp);
+        }
         if (w == -2) {
             // The control lock stays with the others: the count drops outside it, as one
             // atomic step, and every hold of this process on the file is gone.

@@ -26,9 +26,10 @@
 //                            latest chain changes, entry g % xh_log_len for change g
 //
 // The area is zeroed with the segment and laid out by the first attacher under the
-// start-up lock.  A segment made without it (by a library that does not know it) is
-// refused at attach: every attached program must keep these counts, or the others would
-// trust counts that nobody advanced.
+// start-up lock.  A segment made without it (by a library that does not know it), or
+// with an area of another version, is refused at attach: every attached program must keep
+// these counts, or the others would trust counts that nobody advanced -- above all the
+// change counts that readers without the lock rely on (README.reads.md).
 #pragma once
 
 #include "layout.h"
@@ -111,7 +112,10 @@ inline constexpr int ISX_NREAPED = 8;
 inline constexpr int ISX_PATHLEN = 256;
 
 inline constexpr uint32_t ISX_MAGIC = 0x3158414Bu;  // "KAX1"
-inline constexpr uint16_t ISX_VERSION = 2;
+// 3: readers without the lock trust xf_seq, so every library attached to the area must
+// keep it; an area of version 2 (kept by a library that does not) is refused, and such
+// a library refuses this one.
+inline constexpr uint16_t ISX_VERSION = 3;
 
 // This process's view of the attached area; null when not attached.
 extern isx_head* isx_area;

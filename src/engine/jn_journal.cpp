@@ -20,6 +20,7 @@
 #include "is_lock.h"
 #include "isx_area.h"
 #include "os.h"
+#include "test_hook.h"
 #include "v_pool.h"
 
 #include <atomic>
@@ -330,6 +331,7 @@ int undo_disk(const Map& m, int fd, bool write_fcp, bool clear_mark) noexcept {
 // caller holds: disk, pool and shared control page.  0, or -1 (error raised).
 int undo_shared(const Map& m, IS_FCP* fcp, int u, int fd) noexcept {
     jn_head* h = m.h;
+    v_changing(fcp, u);
     int bad = undo_disk(m, fd, false, false);
 
     // The shared control page as it was, but for the count of processes, which no unit
@@ -459,6 +461,9 @@ int jn_begin(void) noexcept {
     if (open_own() != 0) return -1;
     IS_FCP* fcp = is_curfcp;
     const int u = current_file();
+    // The unit is about to change the file (the control page first, often): readers
+    // without the lock wait for its end from here on.
+    v_changing(fcp, u);
     jn_head* h = own.m.h;
     if (++own.gen == 0) {
         if (own.stamp) std::memset(own.stamp, 0, own.cap * sizeof(uint32_t));
@@ -488,6 +493,9 @@ int jn_begin(void) noexcept {
 }
 
 int jn_touch(PAGE pno, const IS_DATA* d) noexcept {
+    // A unit made the count odd when it began; a change outside one makes sure here.
+    if (!own.active) v_changing(is_curfcp, current_file());
+    if (kisam::test_hook) kisam::test_hook(kisam::kHookTouch, current_file());
     if (!own.active || pno >= own.oldlast || pno == 0) return 0;
     jn_head* h = own.m.h;
     const uint32_t n = h->jh_npages;

@@ -64,6 +64,7 @@
 #include "jn.h"
 #include "isx_area.h"
 #include "os.h"
+#include "test_hook.h"
 
 #include <kisam/ztsupport.h>
 
@@ -455,26 +456,33 @@ int chain_find(const IS_FCP* fcp, PAGE pno) noexcept {
 int load_slot(IS_FCP* fcp, int u, int s, PAGE pno, bool attach) noexcept {
     IS_BUF* b = slot(s);
     isx_file* f = xfile(u);
+    v_changing(fcp, u);
+    // The slot names no page before it is on the chain (a slot never used carries page
+    // 0), and none until the load is complete (readbuf).
+    b->bu_pno = KISAM_NOPAGE;
     if (attach) {
         const int head = fcp->jd_buf_hd;
         b->bu_next = static_cast<int16_t>(head);
         *kisam::isx_link(s) = -1;
         if (valid_slot(head)) *kisam::isx_link(head) = static_cast<int16_t>(s);
         fcp->jd_buf_hd = static_cast<int16_t>(s);
-        b->bu_id = static_cast<uint16_t>(u);
         f->xf_chainlen++;
     }
+    // Every slot on u's chain carries u (an untagged one left by a process killed in
+    // take_away gets its tag back when it is reused in place).
+    b->bu_id = static_cast<uint16_t>(u);
+    if (kisam::test_hook) kisam::test_hook(kisam::kHookLoad, u);
     b->bu_cnt = clock_now();
-    b->bu_pno = KISAM_NOPAGE;  // named only once loaded (readbuf)
     b->bu_wcnt = clock_advance(isam_com->lru_wcnt);
     const int rc = readbuf(b, pno);
     if (rc == 0) {
         ref_set(s);
     } else if (attach) {
+        // Untagged first: a slot on no list must never name a page of u (rule 1).
+        clear_tag(b);
         fcp->jd_buf_hd = b->bu_next;
         if (valid_slot(b->bu_next)) *kisam::isx_link(b->bu_next) = -1;
         f->xf_chainlen--;
-        clear_tag(b);
         b->bu_next = isam_com->buf_free;
         isam_com->buf_free = static_cast<int16_t>(s);
     }
@@ -486,6 +494,7 @@ int load_slot(IS_FCP* fcp, int u, int s, PAGE pno, bool attach) noexcept {
 // Requires w's control lock and buf_lock.  False when v is not on that chain.
 bool take_away(IS_FCP* wfcp, int w, int v) noexcept {
     IS_BUF* b = slot(v);
+    v_changing(wfcp, w);
     // The back link is a hint (a process that died may have left it stale): it is used
     // only when the chain confirms it, else the chain is walked.
     int prev = *kisam::isx_link(v);
@@ -501,6 +510,12 @@ bool take_away(IS_FCP* wfcp, int w, int v) noexcept {
             prev = s;
         }
     }
+    // The tag goes before the slot leaves the chain: a process killed in between
+    // leaves an untagged slot on the chain (harmless: it holds no page) rather than a
+    // slot on no chain that still names a page of w -- which, once the count is even
+    // again, a reader without the lock would take for the page.
+    clear_tag(b);
+    if (kisam::test_hook) kisam::test_hook(kisam::kHookTakeAway, w);
     const int next = b->bu_next;
     if (prev < 0)
         wfcp->jd_buf_hd = static_cast<int16_t>(next);
@@ -510,7 +525,6 @@ bool take_away(IS_FCP* wfcp, int w, int v) noexcept {
     isx_file* f = xfile(w);
     if (f->xf_hand == v) f->xf_hand = static_cast<int16_t>(next);
     if (f->xf_chainlen > 0) f->xf_chainlen--;
-    clear_tag(b);
     chain_changed(w, v);
     return true;
 }
@@ -716,6 +730,9 @@ int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb) noexcept {
             IS_BUF* b = slot(v);
             const int w = file_of(b);
             IS_FCP* wfcp = pfo_fcp(w);
+            // The stealer holds w's control lock: it changes w's chain (and, writing a
+            // dirty victim, maybe w's mark) under w's change count.
+            v_changing(wfcp, w);
             if (b->bu_id & BU_DIRTY) {
                 if (writebuf(b) != 0) {
                     if (took) is_unlock(&wfcp->jd_fcplock);
@@ -945,7 +962,8 @@ namespace {
 // Gives fcp's whole chain to the free list.  The stores are ordered so that a process
 // killed between any two of them leaves every slot on at most one list (at worst some
 // slots on none, which the steal scan's repair finds again).
-void chain_to_free_list(IS_FCP* fcp) noexcept {
+void chain_to_free_list(IS_FCP* fcp, int u) noexcept {
+    v_changing(fcp, u);
     const int nb = isam_com->maxbufs;
     const int head = fcp->jd_buf_hd;
     int last = -1;
@@ -971,7 +989,7 @@ void v_relbuf(void) noexcept {
     const int u = current_file();
     v_flush();
     // The chain now belongs to the free list; the control page is about to be discarded.
-    chain_to_free_list(fcp);
+    chain_to_free_list(fcp, u);
     chain_reset(u);
     v_forget_file(u);
 }
@@ -981,7 +999,7 @@ bool v_giveback(IS_FCP* fcp, int u) noexcept {
     int n = 0;
     for (int s = fcp->jd_buf_hd; valid_slot(s) && n < nb; s = slot(s)->bu_next, ++n)
         if (slot(s)->bu_id & BU_DIRTY) return false;
-    chain_to_free_list(fcp);
+    chain_to_free_list(fcp, u);
     chain_reset(u);
     v_forget_file(u);
     return true;
@@ -991,6 +1009,7 @@ int fcp_setdatachanged(IS_FCP* fcp, IS_PFI* pfi, int datachangedf, int syncf) no
     if ((fcp->is_optbits & ISO_SEQ) || (pfi->pfi_bits & PFI_RDONLY)) return 0;
     const bool marked = fcp->is_optbits & ISO_DIRTYMARK;
     if ((datachangedf != 0) == marked) return 0;
+    if (pfi >= is_pfi && pfi < is_pfi + isam_com->maxopen) v_changing(fcp, static_cast<int>(pfi - is_pfi));
     // The data must be on disk before a mark that says it is clean, and a mark that says
     // it is being changed before the data: a synchronisation that fails leaves the mark
     // as it was, and says so.
@@ -1030,6 +1049,9 @@ void v_stale_fcplock(IS_FCP* fcp) noexcept {
         // The holder may have died in the middle of a chain change, before recording it:
         // whatever anyone knew of the chain is suspect, and the next miss walks it.
         if (isx_area) chain_forget(u);
+        // A change count it left odd is now this hold's to make even at its release,
+        // after the repairs (readers meanwhile take the lock and wait for them).
+        v_seq_adopt(fcp, u);
         // Errors of the writes stay with the slots (still dirty); the caller's operation
         // goes on and its own flush tries again.
         const short err = is_errno;
@@ -1047,6 +1069,7 @@ void v_stale_fcplock(IS_FCP* fcp) noexcept {
 }
 
 void v_discard(IS_FCP* fcp, int u, PAGE* pages, int n, PAGE from) noexcept {
+    v_changing(fcp, u);
     if (n > 1) std::sort(pages, pages + n);
     const int nb = isam_com->maxbufs;
     int len = 0;
@@ -1074,10 +1097,77 @@ void v_forget_file(int u) noexcept {
 void v_enter_file(int u) noexcept {
     if (!isam_com || !isx_area || u < 0 || u >= isam_com->maxopen) return;
     chain_reset(u);
+    // Nobody has the slot's old file open any more; whatever count it left, the new
+    // file starts with no change under way.
+    std::atomic_ref<uint32_t> q(xfile(u)->xf_seq);
+    if (q.load(std::memory_order_relaxed) & 1) q.fetch_add(1, std::memory_order_release);
     v_forget_file(u);
 }
 
 void v_reset_process(void) noexcept {
     bk.com = nullptr;
     bk.shmid = -1;
+}
+
+// ---- Change counts and reads without the lock (README.reads.md) ------------------------
+
+void v_changing(IS_FCP* fcp, int u) noexcept {
+    if (!isx_area || !fcp || u < 0 || u >= isam_com->maxopen) return;
+    if (is_lock_has_seq(&fcp->jd_fcplock)) return;  // odd already, by this hold
+    uint32_t* seq = &xfile(u)->xf_seq;
+    std::atomic_ref<uint32_t> q(*seq);
+    const uint32_t v = q.load(std::memory_order_relaxed);
+    if (!(v & 1)) q.store(v + 1, std::memory_order_relaxed);
+    // Nothing that follows may become visible before the odd count.
+    std::atomic_thread_fence(std::memory_order_release);
+    is_lock_set_seq(&fcp->jd_fcplock, seq);
+}
+
+void v_seq_adopt(IS_FCP* fcp, int u) noexcept {
+    if (!isx_area || !fcp || u < 0 || u >= isam_com->maxopen) return;
+    uint32_t* seq = &xfile(u)->xf_seq;
+    if (std::atomic_ref<uint32_t>(*seq).load(std::memory_order_acquire) & 1)
+        is_lock_set_seq(&fcp->jd_fcplock, seq);
+}
+
+namespace {
+// Pages found by reads without the lock, not yet added to the shared hit count: added in
+// batches, so that readers of one file do not all write one cache line per page.
+uint32_t peek_hits = 0;
+constexpr uint32_t kPeekFold = 4096;
+}  // namespace
+
+const IS_DATA* v_peek(int u, PAGE pno) noexcept {
+    if (bk.com != isam_com || bk.shmid != is_shmid || !bk.ok || u < 0 || u >= bk.nopen) return nullptr;
+    // Along the probe sequence of (u, pno), the slot whose tag names the page is the
+    // page (rule 1); the tags are compared instead of the index's keys, which saves a
+    // memory access per page, since the slot's tag must be read in any case.  The index
+    // itself is left as it is.
+    for (uint32_t i = home_of(page_key(u, pno));; i = (i + 1) & bk.mask) {
+        const int s = bk.tab[i];
+        if (s < 0) return nullptr;
+        IS_BUF* b = slot(s);
+        const PAGE p = std::atomic_ref<uint32_t>(b->bu_pno).load(std::memory_order_acquire);
+        const uint16_t id = std::atomic_ref<uint16_t>(b->bu_id).load(std::memory_order_relaxed);
+        if (p != pno || (id & BU_FILEMASK) != u) continue;
+        // The reference byte keeps the clock's meaning (a page in use is passed over);
+        // it is written only when a hand has cleared it, not at every read.
+        ref_set(s);
+        if (++peek_hits == kPeekFold) v_peek_fold();
+        return &b->bu_data;
+    }
+}
+
+bool v_peek_knows(int u) noexcept {
+    return bk.com == isam_com && bk.shmid == is_shmid && bk.ok && u >= 0 && u < bk.nopen && knows(u) &&
+           bk.known_gen[u] == chaingen(u);
+}
+
+void v_peek_fold(void) noexcept {
+    if (peek_hits == 0 || !isam_com || bk.com != isam_com) {
+        peek_hits = 0;
+        return;
+    }
+    std::atomic_ref<uint32_t>(isam_com->hit).fetch_add(peek_hits, std::memory_order_relaxed);
+    peek_hits = 0;
 }

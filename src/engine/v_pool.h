@@ -57,3 +57,23 @@ bool v_giveback(IS_FCP* fcp, int u) noexcept;
 void v_repair_lists(void) noexcept;
 // Drop the whole per-process bookkeeping (after attach, detach or fork).
 void v_reset_process(void) noexcept;
+
+// ---- Change counts: reads that take no lock (README.reads.md) --------------------------
+// The holder of fcp's control lock (file slot u) is about to change a page, a slot, the
+// chain or the shared control page of u: makes u's change count (xf_seq) odd, once per
+// hold; the release of the control word makes it even again (is_unlock).
+void v_changing(IS_FCP* fcp, int u) noexcept;
+// After this process took fcp's control word over: a count left odd by a holder that died
+// becomes this hold's, made even at its release.
+void v_seq_adopt(IS_FCP* fcp, int u) noexcept;
+// For a reader that holds no lock: the slot data of page pno of file u when this
+// process's page index names a slot whose tag says it holds that page; null otherwise.
+// Writes nothing shared but the slot's reference byte (only when a hand cleared it) and,
+// every 4096 pages, the pool's hit count.  What it returns may change at any moment: the
+// caller validates what it read with the file's change count.
+const IS_DATA* v_peek(int u, PAGE pno) noexcept;
+// Whether this process knows u's chain as of its current change count: a page v_peek
+// does not find is then not in the pool (a locked read would find it no better).
+bool v_peek_knows(int u) noexcept;
+// Adds the pages v_peek found since the last fold to the pool's hit count.
+void v_peek_fold(void) noexcept;

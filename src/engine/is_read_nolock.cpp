@@ -1,0 +1,408 @@
+// Keyed reads without the control lock: nisread, nispread and nisfind of a file whose
+// pages are in the pool, at the cost of memory reads alone.
+//
+// A read takes the file's change count (xf_seq, even when no change is under way), walks
+// the trees and the record's pages straight in the pool's slots -- found through this
+// process's page index, each slot's tag checked, nothing fixed, nothing shared written
+// (README.reads.md lists the exceptions) -- copies the record into the caller's buffer,
+// and takes the count again.  Equal: nothing changed meanwhile, and what was read is what
+// a locked read would have read at that moment; only then do the cursors move.  A read
+// that cannot say so (the count moved, a page is not in the pool, anything that a locked
+// read would report, repair or write) leaves the cursors alone and says which way to go
+// on: once more, or the locked read.
+//
+// Everything read from a slot may be torn by a change under way: every count, offset and
+// length taken from a page is bounded before it is used (an index never leaves its page,
+// a copy never leaves the slot or the caller's buffer, every chain is walked a bounded
+// number of steps), so a torn page costs a retry, never a fault.  Values that bound
+// something are read once, through volatile loads, so that the bound checked is the
+// value used.
+//
+// Requires: the call frame (is_curdb, is_curpfi, is_curfcp); no lock.
+#include "is_rec.h"
+
+#include "bt.h"
+#include "bt_key.h"
+#include "dr.h"
+#include "isx_area.h"
+#include "test_hook.h"
+#include "v_pool.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstddef>
+#include <cstring>
+
+namespace kisam {
+TestHook test_hook = nullptr;
+bool test_locked_reads = false;
+}  // namespace kisam
+
+unsigned long is_nolock_reads = 0;
+
+using namespace kisam;
+
+namespace {
+
+// Offsets handed to these are even (items and segments start at even offsets, slots at
+// multiples of 4), so 16-bit loads are aligned.
+inline int ld16(const char* p) { return *reinterpret_cast<const volatile int16_t*>(p); }
+inline unsigned ldu16(const char* p) { return *reinterpret_cast<const volatile uint16_t*>(p); }
+inline PAGE ld32(const char* p) {
+    const volatile uint16_t* q = reinterpret_cast<const volatile uint16_t*>(p);
+    return static_cast<PAGE>(q[0]) | (static_cast<PAGE>(q[1]) << 16);
+}
+inline unsigned ld8(const char* p) { return *reinterpret_cast<const volatile uint8_t*>(p); }
+
+// A page position a tree or a record may lead to: on a page boundary, not the control page.
+inline bool page_ok(PAGE p) { return p != 0 && p != KISAM_NOPAGE && (p & kDrLowMask) == 0; }
+
+// Why an attempt gave up.
+enum Fail { kNone, kMiss, kTorn };
+
+struct Search {
+    int u;
+    Fail fail = kNone;
+};
+
+// Compares key with the item at x over len bytes, the item's pad byte (at pad, when pad
+// >= 0) taken as 0 -- as the locked search compares after zeroing it in the page.
+inline int cmp_item(const char* key, const char* x, size_t len, int pad) {
+    if (pad < 0 || static_cast<size_t>(pad) >= len) return std::memcmp(key, x, len);
+    const size_t p = static_cast<size_t>(pad);
+    if (int c = std::memcmp(key, x, p)) return c;
+    if (key[p] != 0) return 1;
+    return std::memcmp(key + p + 1, x + p + 1, len - p - 1);
+}
+
+// bt_scan of a page in the pool, writing nothing; n within the page's order.
+int scan(const char* d, int n, const IS_KEY* kp, const char* key, int ncomp, int srchflag) {
+    const int inc = kp->k_itemlen + 4;
+    const int pad = kp->k_offset > kp->k_keylen ? kp->k_keylen : -1;
+    const bool eq_goes_on = !(srchflag & 0x01);
+    const size_t len = ncomp > 0 ? static_cast<size_t>(ncomp) : 0;
+    auto goes_on = [&](int i) {
+        const int c = cmp_item(key, d + bt_item_off(i, inc), len, pad);
+        return (srchflag & 0x02) ? (c < 0 || (c == 0 && eq_goes_on)) : (c > 0 || (c == 0 && eq_goes_on));
+    };
+    int lo = 0, hi = n;
+    if (srchflag & 0x02) {
+        while (lo < hi) {
+            const int mid = lo + (hi - lo) / 2;
+            if (goes_on(mid)) hi = mid; else lo = mid + 1;
+        }
+        return lo - 1;
+    }
+    while (lo < hi) {
+        const int mid = lo + (hi - lo) / 2;
+        if (goes_on(mid)) lo = mid + 1; else hi = mid;
+    }
+    return lo < n ? lo : -1;
+}
+
+// Item count of tree page d of key keyno, or -1 when d is no such page.  The lines the
+// search will look at are asked for at once: a bisection reads them one after another,
+// and waiting for each in turn is most of what a page costs when it is not in a cache.
+inline int items_of(const char* d, int keyno, int order, int inc) {
+    const int n = ld16(d + 2);
+    if (ld16(d) != keyno || n < 0 || n > order) return -1;
+    const int end = bt_item_off(n, inc);
+    for (int off = 64; off < end; off += 64) __builtin_prefetch(d + off);
+    return n;
+}
+
+// bt_search without the lock: 1 found (item filled), 0 none, -1 gave up (s.fail).
+// *hint is the cursor's page hint, updated as the locked search updates it.
+int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint) {
+    const IS_KEY* kp = fcp_key(is_curfcp, keyno);
+    const int len = kp->k_itemlen;
+    const int inc = len + 4;
+    const int order = kp->k_order;
+    const bool exact5 = srchflag == 5;
+    const int ncomp = exact5 ? kp->k_keylen : kp->k_ncomp;
+    const bool back = (srchflag & 0x02) != 0;
+    const int nothing = exact5 ? 0 : 1;
+    const int pad = kp->k_offset > kp->k_keylen ? kp->k_keylen : -1;
+    const size_t cl = static_cast<size_t>(ncomp);
+    auto take = [&](const char* xp) {
+        std::memcpy(item, xp, static_cast<size_t>(len));
+        bt_zero_pad(item, kp);
+    };
+
+    bt_zero_pad(item, kp);
+    if (root == KISAM_NOPAGE) return 0;
+    PAGE pno = root;
+    const char* d = nullptr;
+    int x = -1, n = 0;
+
+    // The hint, exactly as the locked search takes it: where it lands among equal items
+    // of an alternate key depends on the hint, so a hint the locked read would have found
+    // in the pool must be found here too.
+    const PAGE h = *hint;
+    if (h != KISAM_NOPAGE) {
+        const IS_DATA* hp = page_ok(h) ? v_peek(s.u, h) : nullptr;
+        if (!hp && page_ok(h) && !v_peek_knows(s.u)) {
+            s.fail = kMiss;
+            return -1;
+        }
+        if (hp) {
+            const char* hd = hp->c;
+            n = items_of(hd, keyno, order, inc);
+            if (n > 0) {
+                x = scan(hd, n, kp, item, ncomp, srchflag);
+                if (x >= 0 && (srchflag & 0x01) && cmp_item(item, hd + bt_item_off(x, inc), cl, pad) == 0) {
+                    take(hd + bt_item_off(x, inc));
+                    return 1;
+                }
+                if (x >= 0 && x != (back ? n - 1 : 0)) {
+                    d = hd;
+                    pno = h;
+                }
+            }
+        }
+    }
+
+    // The page on the way down whose item is the answer when no exact match turns up:
+    // the locked search returns up through every page whose scan stopped at an item; a
+    // nearest search stops at the deepest such page (a 1 from below goes straight up),
+    // an exact one (whose nearest is a 0) lets each of them replace the item, so the
+    // highest one wins.
+    const char* best = nullptr;
+    PAGE bestp = KISAM_NOPAGE;
+    for (int depth = 0;; ++depth) {
+        if (depth > kBtMaxDepth) {
+            s.fail = kTorn;
+            return -1;
+        }
+        if (d == nullptr) {
+            if (!page_ok(pno)) {
+                s.fail = kTorn;
+                return -1;
+            }
+            const IS_DATA* p = v_peek(s.u, pno);
+            if (!p) {
+                s.fail = kMiss;
+                return -1;
+            }
+            d = p->c;
+            n = items_of(d, keyno, order, inc);
+            if (n < 0) {
+                s.fail = kTorn;
+                return -1;
+            }
+            x = n == 0 ? -1 : scan(d, n, kp, item, ncomp, srchflag);
+        }
+        PAGE child;
+        if (x >= 0) {
+            const char* xp = d + bt_item_off(x, inc);
+            if ((srchflag & 0x01) && cmp_item(item, xp, cl, pad) == 0) {
+                take(xp);
+                *hint = pno;
+                return 1;
+            }
+            if (!best || !exact5) {
+                best = xp;
+                bestp = pno;
+            }
+            child = ld32(d + bt_ptr_off(back ? x + 1 : x, inc));
+            if (child == KISAM_NOPAGE) break;
+        } else {
+            child = ld32(d + bt_ptr_off(back ? 0 : n, inc));
+            if (child == KISAM_NOPAGE) break;
+        }
+        pno = child;
+        d = nullptr;
+    }
+    if (!best) return 0;
+    take(best);
+    *hint = bestp;
+    return nothing;
+}
+
+// dr_get without the lock: bytes copied, or -1 (s.fail).
+int fetch(Search& s, PAGE drp, char* recptr, int maxlen) {
+    int got = 0;
+    if (maxlen < 0) maxlen = 0;
+    // A record of at most KISAM_MAXREC bytes spans at most this many overflow pages; a
+    // longer chain is damage or a torn link, which the locked read deals with.
+    constexpr int kMaxOverflow = KISAM_MAXREC / kDrOverflowData + 1;
+    for (int steps = 0; maxlen > 0 && drp != KISAM_NOPAGE && (drp & kDrLowMask) == 1; ++steps) {
+        const PAGE pno = drp & ~kDrLowMask;
+        if (steps >= kMaxOverflow || !page_ok(pno)) {
+            s.fail = kTorn;
+            return -1;
+        }
+        const IS_DATA* pg = v_peek(s.u, pno);
+        if (!pg) {
+            s.fail = kMiss;
+            return -1;
+        }
+        const int n = std::min(kDrOverflowData, maxlen - got);
+        std::memcpy(recptr, pg->c + offsetof(BDR, bdr_data), static_cast<size_t>(n));
+        drp = ld32(pg->c + offsetof(BDR, bdr_link));
+        recptr += n;
+        got += n;
+        if (got >= maxlen) return got;
+    }
+
+    int sx = static_cast<int>(drp & kDrLowMask);
+    const PAGE pno = drp & ~kDrLowMask;
+    if ((drp & 1) != 0 || sx == 0 || !page_ok(pno)) {
+        s.fail = kTorn;
+        return -1;
+    }
+    const IS_DATA* pg = v_peek(s.u, pno);
+    if (!pg) {
+        s.fail = kMiss;
+        return -1;
+    }
+    const char* page = pg->c;
+    for (int steps = 0; steps < kPage / 4; ++steps) {
+        if (sx < 2 || sx > kPage - 2) break;
+        const unsigned ctlw = ldu16(page + sx);
+        int len, hdr, next = 0;
+        if ((ctlw & 0x8000) == 0) {
+            len = static_cast<int>(ctlw & 0xFF);  // the length byte comes first
+            hdr = 1;
+        } else if ((ctlw & 0x4000) == 0) {
+            len = static_cast<int>(ctlw & 0x3FF);
+            hdr = 2;
+        } else {
+            if (sx + 3 > kPage) break;
+            len = static_cast<int>(ctlw & 0x3FF);
+            hdr = 3;
+            next = static_cast<int>(((ctlw >> 2) & 0x300) + ld8(page + sx + 2));
+            if (next & 1) break;
+        }
+        if (sx + hdr + len > kPage) break;
+        const char* data = page + sx + hdr;
+        got += len;
+        if (got > maxlen) {
+            std::memcpy(recptr, data, static_cast<size_t>(len - (got - maxlen)));
+            return maxlen;
+        }
+        std::memcpy(recptr, data, static_cast<size_t>(len));
+        if (next == 0) return got;
+        recptr += len;
+        sx = next;
+    }
+    s.fail = kTorn;
+    return -1;
+}
+
+// The largest item a read without the lock keeps a copy of: every key's fits (two items
+// must fit in a page).
+constexpr int kItemMax = kPage;
+
+}  // namespace
+
+int is_read_nolock(int keyno, char* record, int recsize, int dir) noexcept {
+    IS_PFI* pfi = is_curpfi;
+    IS_FCP* fcp = is_curfcp;
+    IS_DB* db = is_curdb;
+    if (!isx_area || test_locked_reads) return kReadLocked;
+    // A hold of this process's own (an application's bracket) makes the locked read as
+    // cheap, and it sees this process's changes under way.
+    if (pfi->pfi_ctlcnt != 0 || (pfi->pfi_bits & PFI_SEQ)) return kReadLocked;
+    const int nkeys = fcp->is_nkeys;
+    if (nkeys < 1 || keyno >= nkeys) return kReadLocked;
+    const IS_KEY* k0 = fcp_key(fcp, 0);
+    const IS_KEY* kd = fcp_key(fcp, keyno);
+    // What the locked read reports as an error, it reports.
+    if (record == nullptr || recsize < k0->k_keylen) return kReadLocked;
+    if (kd->k_itemlen > kItemMax || k0->k_itemlen > kItemMax) return kReadLocked;
+    const bool exact = dir == 5;
+    char saved[512];
+    if (exact && kd->k_itemlen > static_cast<int>(sizeof saved)) return kReadLocked;
+
+    const int u = db->uniqueid;
+    isx_file* xf = isx_file_of(u);
+    std::atomic_ref<uint32_t> seq(xf->xf_seq);
+    const uint32_t s0 = seq.load(std::memory_order_acquire);
+    if (s0 & 1) return kReadAgain;
+    auto same = [&] {
+        std::atomic_thread_fence(std::memory_order_acquire);
+        return seq.load(std::memory_order_relaxed) == s0;
+    };
+    // A rollback still pending, a control page still due to be written by this
+    // process's release, or a data-changed mark that the release would clear: the
+    // locked read does more than read.
+    const unsigned opt = ld8(reinterpret_cast<const char*>(&fcp->is_optbits));
+    const bool writable = pfi->pfi_osfd >= 0 && !(pfi->pfi_bits & PFI_RDONLY);
+    if (std::atomic_ref<uint32_t>(xf->xf_undo).load(std::memory_order_relaxed) != 0 ||
+        (opt & ISO_SEQ) || ((opt & ISO_CHANGED) && writable) ||
+        (writable && (opt & (ISO_DIRTYMARK | ISO_CLEARREL)) == (ISO_DIRTYMARK | ISO_CLEARREL)))
+        return same() ? kReadLocked : kReadAgain;
+
+    // The cursors as the locked read would leave them, kept aside until the count says
+    // the read stands.
+    IS_DBKEY* cur = db_cursor(db, keyno);
+    IS_DBKEY* cur0 = db_cursor(db, 0);
+    const int ilen = kd->k_itemlen;
+    char ck[kItemMax];
+    char k0item[kItemMax];
+    std::memcpy(ck, cur->currkey, static_cast<size_t>(ilen));
+    int16_t kstate = cur->curr_kstate;
+    PAGE hint = cur->currpage;
+    PAGE hint0 = cur0->currpage;
+
+    Search s{u};
+    const char pad = dir == 2 ? static_cast<char>(0xFF) : 0;
+    if (kstate == 0) is_pad(ck, kd->k_keylen, pad);
+    int mode = kstate == 2 ? dir : (dir | 1);
+    char* item = ck;
+    int result = -1;
+    if (keyno >= 1) {
+        if (kstate != 2) is_pad(ck + kd->k_offset, ilen - kd->k_offset, pad);
+        kstate = 2;
+        if (exact) std::memcpy(saved, ck, static_cast<size_t>(ilen));
+        const int r = search(s, keyno, ld32(reinterpret_cast<const char*>(&kd->k_root)), mode, ck, &hint);
+        if (r < 0) return s.fail == kMiss && same() ? kReadLocked : kReadAgain;
+        if (r == 0 && exact) std::memcpy(ck, saved, static_cast<size_t>(ilen));
+        if (r != 1) {
+            result = r;
+        } else {
+            item = k0item;
+            std::memcpy(item, ck + kd->k_offset, static_cast<size_t>(k0->k_keylen));
+            mode = 1;
+        }
+    } else {
+        kstate = 2;
+        if (exact) std::memcpy(saved, ck, static_cast<size_t>(ilen));
+    }
+
+    if (result < 0) {
+        PAGE* h0 = keyno == 0 ? &hint : &hint0;
+        const int r = search(s, 0, ld32(reinterpret_cast<const char*>(&k0->k_root)), mode, item, h0);
+        if (r < 0) return s.fail == kMiss && same() ? kReadLocked : kReadAgain;
+        if (r == 0 && exact && keyno == 0) std::memcpy(ck, saved, static_cast<size_t>(ilen));
+        if (r != 1) {
+            result = r;
+        } else if (keyno >= 1 &&
+                   std::memcmp(item, ck + kd->k_offset, static_cast<size_t>(k0->k_keylen)) != 0) {
+            result = 0;
+        } else {
+            const PAGE addr = load_at<PAGE>(item + k0->k_offset);
+            int kl = 0;
+            if (opt & ISO_KEYOPT) {
+                kl = k0->k_keylen;
+                std::memcpy(record, item, static_cast<size_t>(kl));
+            }
+            if ((opt & ISO_KEYOPT) && (addr == KISAM_NOPAGE || recsize == kl)) {
+                result = kl;
+            } else {
+                const int n = fetch(s, addr, record + kl, recsize - kl);
+                if (n < 0) return s.fail == kMiss && same() ? kReadLocked : kReadAgain;
+                result = n + kl;
+            }
+        }
+    }
+
+    if (!same()) return kReadAgain;
+    std::memcpy(cur->currkey, ck, static_cast<size_t>(ilen));
+    cur->curr_kstate = kstate;
+    cur->currpage = hint;
+    if (keyno >= 1) cur0->currpage = hint0;
+    ++is_nolock_reads;
+    return result;
+}

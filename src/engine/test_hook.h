@@ -1,0 +1,22 @@
+// Switches for the tests, reached through the static library only: the shared library
+// never exports them (src/kisam.map), and every program but a test leaves them alone.
+#pragma once
+
+namespace kisam {
+
+// Called, when set, in the middle of changes that readers without the lock must never
+// see half done: `where` says which, `u` is the file's slot.  A test pauses or kills the
+// process there.
+enum : int {
+    kHookTouch = 1,     // a unit is about to change a page (its before-image is saved)
+    kHookLoad = 2,      // a slot is on its chain and tagged, its page not yet read
+    kHookTakeAway = 3,  // a victim's tag is cleared, the slot not yet off its chain
+};
+using TestHook = void (*)(int where, int u);
+extern TestHook test_hook;
+
+// True: nisread, nispread and nisfind always take the control lock (the path a read
+// without the lock falls back to), so that tests can compare the two.
+extern bool test_locked_reads;
+
+}  // namespace kisam

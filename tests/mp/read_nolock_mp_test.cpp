@@ -1,0 +1,385 @@
+// Readers without the lock beside writers in other processes.  Every record says what it
+// must hold: its key 0 and its generation determine all of its bytes, so a reader checks
+// every record it gets -- by every key, in every mode, cut short or whole -- against what
+// they make, and that the generations it sees of one record never go back.  Writers are
+// also paused and killed in the middle of a change (through the test hook), where only
+// the change count keeps the readers from seeing half of it.
+#include "kisam_test.h"
+
+#include "is_rec.h"
+#include "isx_area.h"
+#include "kcheck.h"
+#include "test_hook.h"
+
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr int kK0 = 8, kK1 = 6, kK2 = 3;
+constexpr int kGenAt = kK0 + kK1 + kK2;  // 4 bytes of generation follow the keys
+constexpr unsigned kIds = 400;
+constexpr int kBuf = 4000;
+
+uint32_t mix(uint32_t a, uint32_t b) {
+    uint64_t x = (static_cast<uint64_t>(a) << 32 | b) * 0x9E3779B97F4A7C15ull;
+    return static_cast<uint32_t>(x >> 29);
+}
+
+// The record of id at generation gen.  Key 1 has few values (long runs of equal keys),
+// key 2 is of odd length; about one record in eight spans overflow pages.
+std::string record(unsigned id, uint32_t gen) {
+    char t[16];
+    std::string r;
+    std::snprintf(t, sizeof t, "%08u", id);
+    r.append(t, kK0);
+    std::snprintf(t, sizeof t, "%06u", mix(id, gen) % 50);
+    r.append(t, kK1);
+    std::snprintf(t, sizeof t, "g%02u", gen % 7);
+    r.append(t, kK2);
+    r.append(reinterpret_cast<const char*>(&gen), 4);
+    const uint32_t h = mix(gen, id);
+    const size_t len = h % 8 == 0 ? 1017 + h % 1500 : h % 120;
+    std::mt19937 g(h);
+    for (size_t i = 0; i < len; ++i) r += static_cast<char>(g());
+    return r;
+}
+
+// What a reader checks of a record it got: n bytes (cut at size) of some generation of
+// some id, exactly.  Returns the id and generation, or false.
+bool genuine(const char* p, int n, int size, unsigned* id, uint32_t* gen) {
+    if (n < kGenAt + 4) return false;
+    char t[kK0 + 1];
+    std::memcpy(t, p, kK0);
+    t[kK0] = 0;
+    char* end;
+    const unsigned long v = std::strtoul(t, &end, 10);
+    if (end != t + kK0 || v >= kIds) return false;
+    std::memcpy(gen, p + kGenAt, 4);
+    *id = static_cast<unsigned>(v);
+    const std::string r = record(*id, *gen);
+    const int want = static_cast<int>(r.size()) < size ? static_cast<int>(r.size()) : size;
+    return n == want && std::memcmp(p, r.data(), static_cast<size_t>(n)) == 0;
+}
+
+// Key k's ordering bytes of a record: the key, then key 0 (which makes it unique).
+std::string order_key(const char* p, int k) {
+    const int off[3] = {0, kK0, kK0 + kK1};
+    const int len[3] = {kK0, kK1, kK2};
+    std::string s(p + off[k], static_cast<size_t>(len[k]));
+    if (k) s.append(p, kK0);
+    return s;
+}
+
+class ReadNoLockMp : public ::testing::Test {
+protected:
+    void start(int buffers) {
+        kt::Config c;
+        c.maxbuf = static_cast<int16_t>(buffers);
+        c.maxusers = 16;
+        inst_ = std::make_unique<kt::Installation>(c);
+        path_ = inst_->path("r.ism");
+        other_ = inst_->path("other.ism");
+        seed_ = kt::test_seed(0xC0FFEE);
+        int lens[3] = {kK0, kK1, kK2};
+        ASSERT_EQ(kt::run_child([&] {
+                      if (is_init() != 0) return 1;
+                      int fd = niscreate(path_.c_str(), 3, lens);
+                      int fo = niscreate(other_.c_str(), 1, lens);
+                      if (fd < 0 || fo < 0) return 2;
+                      for (unsigned id = 0; id < kIds; ++id) {
+                          const std::string r = record(id, 1);
+                          if (niswrite(fd, r.data(), static_cast<int>(r.size())) != 0) return 3;
+                      }
+                      nisclose(fo);
+                      nisclose(fd);
+                      return nisunisam() == 0 ? 0 : 4;
+                  }),
+                  0);
+    }
+    void TearDown() override { inst_.reset(); }
+
+    std::string stop_file() const { return inst_->path("stop"); }
+    bool stopped() const { return ::access(stop_file().c_str(), F_OK) == 0; }
+
+    // A writer owning the ids of residue w modulo `of`: new generations by update, by
+    // delete and write again, and by forced write; with `other`, a record of the other
+    // file after each change, so that its misses take slots of the read file.
+    int writer(int w, int of, int changes, bool other) {
+        if (is_init() != 0) return 50;
+        int fd = nisopen(path_.c_str(), ISO_RDWR);
+        int fo = other ? nisopen(other_.c_str(), ISO_RDWR) : -1;
+        if (fd < 0 || (other && fo < 0)) return 51;
+        std::mt19937 rng(static_cast<unsigned>(seed_) * 7 + static_cast<unsigned>(w));
+        std::vector<char> buf(kBuf);
+        for (int i = 0; i < changes && !stopped(); ++i) {
+            const unsigned id = static_cast<unsigned>(w) + of * (rng() % (kIds / of));
+            // The current generation is what the file holds (an earlier writer may have
+            // been killed part way): read it back under the lock's protection of writes.
+            const std::string k0 = record(id, 0).substr(0, kK0);
+            const int n = nisfind(fd, 0, k0.data(), buf.data(), kBuf);
+            unsigned got;
+            uint32_t gen = 1;
+            if (n > 0 && !genuine(buf.data(), n, kBuf, &got, &gen)) return 52;
+            const std::string r = record(id, gen + 1);
+            const int len = static_cast<int>(r.size());
+            const unsigned op = rng() % 10;
+            if (n <= 0) {
+                if (niswrite(fd, r.data(), len) != 0) return 53;
+            } else if (op < 7) {
+                if (nisupdate(fd, r.data(), len) != 0) return 54;
+            } else if (op < 9) {
+                if (nisdelete(fd, k0.data()) != 0 || niswrite(fd, r.data(), len) != 0) return 55;
+            } else if (nisfwrite(fd, r.data(), len) != 0) {
+                return 56;
+            }
+            if (other) {
+                std::string o = record(static_cast<unsigned>(rng()), static_cast<uint32_t>(i));
+                if (nisfwrite(fo, o.data(), static_cast<int>(o.size())) != 0) return 57;
+            }
+        }
+        if (fo >= 0) nisclose(fo);
+        nisclose(fd);
+        nisunisam();
+        return 0;
+    }
+
+    // A reader: random finds and scans by every key in both directions, whole records
+    // and cut ones, until the stop file appears.  Writes how many reads it made and how
+    // many of them took no lock to reads.<r>.
+    int reader(int r) {
+        if (is_init() != 0) return 60;
+        int fd = nisopen(path_.c_str(), ISO_RDWR);
+        if (fd < 0) return 61;
+        std::mt19937 rng(static_cast<unsigned>(seed_) * 13 + static_cast<unsigned>(r));
+        std::vector<char> buf(kBuf);
+        std::vector<uint32_t> last(kIds, 0);
+        long reads = 0;
+        const unsigned long nolock0 = is_nolock_reads;
+        int rc = 0;
+        auto check = [&](int n, int size) {
+            unsigned id;
+            uint32_t gen;
+            if (!genuine(buf.data(), n, size, &id, &gen)) return 70;
+            if (gen < last[id]) return 71;  // a later read saw an older generation
+            last[id] = gen;
+            return 0;
+        };
+        for (long i = 0; rc == 0 && (i % 64 != 0 || !stopped()); ++i) {
+            const int size = rng() % 4 == 0 ? kGenAt + 4 + static_cast<int>(rng() % 200) : kBuf;
+            const unsigned mode = rng() % 3;
+            if (mode == 0) {
+                const std::string k0 = record(rng() % kIds, 0).substr(0, kK0);
+                const int n = nisfind(fd, 0, k0.data(), buf.data(), size);
+                ++reads;
+                if (n < 0) rc = 72;
+                else if (n > 0 && (rc = check(n, size)) == 0 && std::memcmp(buf.data(), k0.data(), kK0) != 0) rc = 73;
+                continue;
+            }
+            const int k = static_cast<int>(rng() % 3);
+            const bool back = mode == 2;
+            // Start anywhere: a key value of some record.
+            const std::string from = record(rng() % kIds, 1 + rng() % 3);
+            const int off[3] = {0, kK0, kK0 + kK1};
+            if (nisseek(fd, k, from.data() + off[k]) != 0) rc = 74;
+            std::string prev;
+            for (int step = 0; rc == 0 && step < 20; ++step) {
+                const int n = back ? nispread(fd, k, buf.data(), size) : nisread(fd, k, buf.data(), size);
+                ++reads;
+                if (n < 0) rc = 75;
+                if (n <= 0) break;
+                if ((rc = check(n, size)) != 0) break;
+                // A cursor steps strictly along its key, whatever changes meanwhile.
+                const std::string o = order_key(buf.data(), k);
+                if (!prev.empty() && (back ? !(o < prev) : !(prev < o))) rc = 76;
+                prev = o;
+            }
+        }
+        FILE* f = std::fopen(inst_->path("reads." + std::to_string(r)).c_str(), "w");
+        if (f) {
+            std::fprintf(f, "%ld %lu\n", reads, is_nolock_reads - nolock0);
+            std::fclose(f);
+        }
+        nisclose(fd);
+        nisunisam();
+        return rc;
+    }
+
+    void stop() {
+        FILE* f = std::fopen(stop_file().c_str(), "w");
+        ASSERT_NE(f, nullptr);
+        std::fclose(f);
+    }
+
+    // Reads and reads without the lock of reader r.
+    std::pair<long, long> figures(int r) {
+        long a = 0, b = 0;
+        FILE* f = std::fopen(inst_->path("reads." + std::to_string(r)).c_str(), "r");
+        if (f) {
+            if (std::fscanf(f, "%ld %ld", &a, &b) != 2) a = b = 0;
+            std::fclose(f);
+        }
+        return {a, b};
+    }
+
+    // After everything: the change count is even, no rollback pending, every id there
+    // once at some generation, and the file sound.
+    void final_check() {
+        ASSERT_EQ(kt::run_child([&] {
+                      if (is_init() != 0) return 1;
+                      int fd = nisopen(path_.c_str(), ISO_RDWR);
+                      if (fd < 0) return 2;
+                      std::vector<char> buf(kBuf);
+                      for (unsigned id = 0; id < kIds; ++id) {
+                          const std::string k0 = record(id, 0).substr(0, kK0);
+                          const int n = nisfind(fd, 0, k0.data(), buf.data(), kBuf);
+                          unsigned got;
+                          uint32_t gen;
+                          // A writer killed between a delete and its write again leaves the
+                          // id absent: that is a whole call, not a half one.
+                          if (n < 0 || (n > 0 && !genuine(buf.data(), n, kBuf, &got, &gen))) return 3;
+                      }
+                      const isx_file* xf = kisam::isx_file_of(is_db[fd]->uniqueid);
+                      if (xf->xf_seq % 2 != 0) return 4;
+                      if (xf->xf_undo != 0) return 5;
+                      nisclose(fd);
+                      nisunisam();
+                      return 0;
+                  }),
+                  0);
+        kisam::check::Report rep = kisam::check::check_file(path_);
+        EXPECT_TRUE(rep.ok) << rep.error;
+    }
+
+    std::unique_ptr<kt::Installation> inst_;
+    std::string path_, other_;
+    uint64_t seed_ = 0;
+};
+
+// Two writers and two readers at once, the file in the pool: every record the readers
+// get is whole and of a generation no older than one they saw before, and most reads
+// take no lock.
+TEST_F(ReadNoLockMp, ReadersCheckEveryRecordWhileWritersChangeThem) {
+    start(2000);
+    std::vector<pid_t> readers;
+    for (int r = 0; r < 2; ++r) readers.push_back(kt::start_child([&, r] { return reader(r); }));
+    std::vector<pid_t> writers;
+    for (int w = 0; w < 2; ++w) writers.push_back(kt::start_child([&, w] { return writer(w, 2, 1500, false); }));
+    for (pid_t p : writers) EXPECT_EQ(kt::wait_child(p), 0);
+    stop();
+    for (pid_t p : readers) EXPECT_EQ(kt::wait_child(p), 0);
+    for (int r = 0; r < 2; ++r) {
+        auto [reads, nolock] = figures(r);
+        EXPECT_GT(reads, 1000);
+        EXPECT_GT(nolock, reads / 10) << "reader " << r;
+    }
+    final_check();
+}
+
+// The same with a pool far smaller than the files, and a writer that also fills another
+// file: misses, loads in place and steals of the read file's slots go on all the time.
+TEST_F(ReadNoLockMp, ReadersCheckEveryRecordInASmallPool) {
+    start(96);
+    std::vector<pid_t> readers;
+    for (int r = 0; r < 2; ++r) readers.push_back(kt::start_child([&, r] { return reader(r); }));
+    pid_t w0 = kt::start_child([&] { return writer(0, 2, 250, true); });
+    pid_t w1 = kt::start_child([&] { return writer(1, 2, 250, false); });
+    EXPECT_EQ(kt::wait_child(w0), 0);
+    EXPECT_EQ(kt::wait_child(w1), 0);
+    stop();
+    for (pid_t p : readers) EXPECT_EQ(kt::wait_child(p), 0);
+    for (int r = 0; r < 2; ++r) EXPECT_GT(figures(r).first, 100);
+    final_check();
+}
+
+// Where a writer stops in the middle of a change, and what it does there.
+struct Stop {
+    int where;      // kisam::kHook*
+    bool kill;      // killed there, else paused for a while
+    int buffers;
+};
+
+class ReadNoLockStop : public ReadNoLockMp, public ::testing::WithParamInterface<Stop> {};
+
+// State of the hook in the writer that stops (a forked child: its own copy).
+int hook_where = 0;
+int hook_count = 0;
+int hook_at = 0;
+bool hook_kill = false;
+kt::Pipe* hook_pipe = nullptr;  // to the parent: 'p' stopped with the count odd, 'r' going on
+int hook_file = -1;              // shared-file slot of the read file
+
+void stop_hook(int where, int u) {
+    if (where != hook_where || u != hook_file || ++hook_count != hook_at) return;
+    // The file's change count is odd here, whatever else is half done.
+    hook_pipe->signal(kisam::isx_file_of(u)->xf_seq % 2 ? 'p' : 'e');
+    if (hook_kill) ::kill(::getpid(), SIGKILL);
+    ::usleep(400000);
+    hook_pipe->signal('r');
+}
+
+// A writer stops in the middle of a change -- a page of a unit, a slot being loaded, a
+// victim being taken from the read file -- while two readers read on.  Paused, it holds
+// the readers up (they fall back to the lock and wait) and then goes on; killed, the
+// next taker of the lock repairs what it left.  Either way every record read is right,
+// nobody hangs, and a second writer works on the file afterwards.
+TEST_P(ReadNoLockStop, ReadersStayRight) {
+    const Stop st = GetParam();
+    start(st.buffers);
+    kt::Pipe hook;
+    std::vector<pid_t> readers;
+    for (int r = 0; r < 2; ++r) readers.push_back(kt::start_child([&, r] { return reader(r); }));
+    const int at = 3 + static_cast<int>(std::mt19937(static_cast<unsigned>(seed_))() % 20);
+    pid_t w = kt::start_child([&] {
+        hook_where = st.where;
+        hook_kill = st.kill;
+        hook_at = at;
+        hook_pipe = &hook;
+        hook.close_read();
+        if (is_init() != 0) return 80;
+        int fd = nisopen(path_.c_str(), ISO_RDWR);
+        if (fd < 0) return 81;
+        hook_file = is_db[fd]->uniqueid;
+        kisam::test_hook = stop_hook;
+        const int rc = writer(0, 1, 400, st.where == kisam::kHookTakeAway);
+        kisam::test_hook = nullptr;
+        return rc;
+    });
+    hook.close_write();
+    const char first = hook.wait();
+    EXPECT_EQ(first, 'p') << "the writer did not stop where it should (seed " << seed_ << ")";
+    if (!st.kill && first == 'p') {
+        EXPECT_EQ(hook.wait(), 'r');
+    }
+    const int wrc = kt::wait_child(w);
+    if (st.kill)
+        EXPECT_EQ(wrc, 128 + SIGKILL);
+    else
+        EXPECT_EQ(wrc, 0);
+    // The next writer repairs (when it comes first) and changes the file further.
+    EXPECT_EQ(kt::run_child([&] { return writer(0, 1, 300, false); }), 0);
+    stop();
+    for (pid_t p : readers) EXPECT_EQ(kt::wait_child(p), 0);
+    for (int r = 0; r < 2; ++r) EXPECT_GT(figures(r).first, 50);
+    final_check();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Hooks, ReadNoLockStop,
+    ::testing::Values(Stop{kisam::kHookTouch, false, 2000}, Stop{kisam::kHookTouch, true, 2000},
+                      Stop{kisam::kHookLoad, true, 96}, Stop{kisam::kHookTakeAway, false, 96},
+                      Stop{kisam::kHookTakeAway, true, 96}),
+    [](const ::testing::TestParamInfo<Stop>& i) {
+        const char* w = i.param.where == kisam::kHookTouch ? "Touch" : i.param.where == kisam::kHookLoad ? "Load" : "TakeAway";
+        return std::string(i.param.kill ? "Kill" : "Pause") + w;
+    });
+
+}  // namespace
