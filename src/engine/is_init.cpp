@@ -259,7 +259,9 @@ extern "C" KISAM_API int is_chinit(void) {
     // A child that finds the process table full is left unattached (_is_mkpid forgets
     // the area); its inherited mapping goes away when it exits.
     if (_is_mkpid() != 0) return is_raise(ISE_INITERR, PROC(P_IS_INIT, 8));
-    v_reset_process();
+    // What the parent knew of the pool is as good for the child: it need not learn every
+    // page again through the locked reads.
+    v_fork_process();
     jn_close();  // the parent's journal is the parent's
     is_lock_forget();  // and so are its locks
     if (is_live_claim() != 0) {

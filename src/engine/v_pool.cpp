@@ -51,7 +51,7 @@
 //     before waiting for a slot, the scan takes over the control words of holders that
 //     died so that their fixes do not block it for ever.
 //  6. The bookkeeping belongs to one attachment: it is rebuilt when the segment changes
-//     (v_reset_process after attach and fork), and v_forget_file(u) when u's file goes.
+//     (v_reset_process after attach; v_fork_process keeps it in a child), and v_forget_file(u) when u's file goes.
 //
 // A process whose bookkeeping could not be allocated works without it: every lookup
 // walks the chain and every flush walks it too.
@@ -1170,4 +1170,19 @@ void v_peek_fold(void) noexcept {
     }
     std::atomic_ref<uint32_t>(isam_com->hit).fetch_add(peek_hits, std::memory_order_relaxed);
     peek_hits = 0;
+}
+
+void v_fork_process(void) noexcept {
+    peek_hits = 0;  // the parent adds its own
+    if (bk.com != isam_com || bk.shmid != is_shmid || !bk.ok) {
+        v_reset_process();
+        return;
+    }
+    // A fork happens between calls, when no page is fixed; the fixes of the parent, if
+    // any, stay the parent's to release.
+    bk.nfixed = 0;
+    std::memset(bk.listed, 0, bk.nbufs + 1);
+    std::memset(bk.walked, 0, bk.nopen + 1);
+    std::memset(bk.refused, 0, (bk.nopen + 1) * sizeof(uint32_t));
+    bk.scan_no = 0;
 }

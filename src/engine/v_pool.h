@@ -55,8 +55,12 @@ bool v_giveback(IS_FCP* fcp, int u) noexcept;
 // on the free list.  Requires buf_lock; done by the first miss after a dead holder of
 // buf_lock.
 void v_repair_lists(void) noexcept;
-// Drop the whole per-process bookkeeping (after attach, detach or fork).
+// Drop the whole per-process bookkeeping (after attach or detach).
 void v_reset_process(void) noexcept;
+// In a child after fork: keeps what the parent knew of the files' chains (dated by the
+// shared change counts, so the child checks it as the parent would have), drops what was
+// the parent's alone (its fix list, flush walks, steal scans, uncounted hits).
+void v_fork_process(void) noexcept;
 
 // ---- Change counts: reads that take no lock (README.reads.md) --------------------------
 // The holder of fcp's control lock (file slot u) is about to change a page, a slot, the
