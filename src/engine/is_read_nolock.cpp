@@ -65,6 +65,21 @@ struct Search {
     Fail fail = kNone;
 };
 
+// Page pno of the search's file in the pool, or null with the reason in s.fail: a
+// position no page can have (torn), or a page not in the pool (miss).
+inline const char* page_at(Search& s, PAGE pno) {
+    if (!page_ok(pno)) {
+        s.fail = kTorn;
+        return nullptr;
+    }
+    const IS_DATA* p = v_peek(s.u, pno);
+    if (!p) {
+        s.fail = kMiss;
+        return nullptr;
+    }
+    return p->c;
+}
+
 // Compares key with the item at x over len bytes, the item's pad byte (at pad, when pad
 // >= 0) taken as 0 -- as the locked search compares after zeroing it in the page.
 inline int cmp_item(const char* key, const char* x, size_t len, int pad) {
@@ -175,16 +190,8 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
             return -1;
         }
         if (d == nullptr) {
-            if (!page_ok(pno)) {
-                s.fail = kTorn;
-                return -1;
-            }
-            const IS_DATA* p = v_peek(s.u, pno);
-            if (!p) {
-                s.fail = kMiss;
-                return -1;
-            }
-            d = p->c;
+            d = page_at(s, pno);
+            if (!d) return -1;
             n = items_of(d, keyno, order, inc);
             if (n < 0) {
                 s.fail = kTorn;
@@ -228,18 +235,15 @@ int fetch(Search& s, PAGE drp, char* recptr, int maxlen) {
     constexpr int kMaxOverflow = KISAM_MAXREC / kDrOverflowData + 1;
     for (int steps = 0; maxlen > 0 && drp != KISAM_NOPAGE && (drp & kDrLowMask) == 1; ++steps) {
         const PAGE pno = drp & ~kDrLowMask;
-        if (steps >= kMaxOverflow || !page_ok(pno)) {
+        if (steps >= kMaxOverflow) {
             s.fail = kTorn;
             return -1;
         }
-        const IS_DATA* pg = v_peek(s.u, pno);
-        if (!pg) {
-            s.fail = kMiss;
-            return -1;
-        }
+        const char* pg = page_at(s, pno);
+        if (!pg) return -1;
         const int n = std::min(kDrOverflowData, maxlen - got);
-        std::memcpy(recptr, pg->c + offsetof(BDR, bdr_data), static_cast<size_t>(n));
-        drp = ld32(pg->c + offsetof(BDR, bdr_link));
+        std::memcpy(recptr, pg + offsetof(BDR, bdr_data), static_cast<size_t>(n));
+        drp = ld32(pg + offsetof(BDR, bdr_link));
         recptr += n;
         got += n;
         if (got >= maxlen) return got;
@@ -247,16 +251,12 @@ int fetch(Search& s, PAGE drp, char* recptr, int maxlen) {
 
     int sx = static_cast<int>(drp & kDrLowMask);
     const PAGE pno = drp & ~kDrLowMask;
-    if ((drp & 1) != 0 || sx == 0 || !page_ok(pno)) {
+    if ((drp & 1) != 0 || sx == 0) {
         s.fail = kTorn;
         return -1;
     }
-    const IS_DATA* pg = v_peek(s.u, pno);
-    if (!pg) {
-        s.fail = kMiss;
-        return -1;
-    }
-    const char* page = pg->c;
+    const char* page = page_at(s, pno);
+    if (!page) return -1;
     for (int steps = 0; steps < kPage / 4; ++steps) {
         if (sx < 2 || sx > kPage - 2) break;
         const unsigned ctlw = ldu16(page + sx);

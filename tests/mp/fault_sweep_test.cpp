@@ -112,23 +112,30 @@ protected:
         return ::testing::AssertionSuccess();
     }
 
+    // Runs the workload on a fresh file f with no fault: the number of calls of kind it
+    // makes.  With verify, every call must have given a code and the file must match.
+    int calls_of(const std::string& f, const std::vector<Step>& w, Faults::Kind kind, bool verify) {
+        int fd = fresh(f);
+        std::map<int, std::string> model;
+        bool coded = true;
+        Faults count;
+        run(fd, w, model, &coded);
+        const int total = Faults::calls(kind);
+        nisclose(fd);
+        nisunisam();
+        if (verify) {
+            EXPECT_TRUE(coded);
+            EXPECT_TRUE(matches(f, model));
+        }
+        return total;
+    }
+
     // Sweeps kind over every n (every `stride`th), once and from then on.
     void sweep(Faults::Kind kind, const char* what, int stride = 1) {
         const std::string f = path("s");
         const std::vector<Step> w = workload();
-        int total;
-        {
-            int fd = fresh(f);
-            std::map<int, std::string> model;
-            bool coded = true;
-            Faults count;
-            run(fd, w, model, &coded);
-            total = Faults::calls(kind);
-            nisclose(fd);
-            nisunisam();
-            ASSERT_TRUE(coded);
-            ASSERT_TRUE(matches(f, model));
-        }
+        const int total = calls_of(f, w, kind, true);
+        if (HasFailure()) return;
         ASSERT_GT(total, 0) << what;
         int failed_calls = 0;
         for (Faults::Mode mode : {Faults::kOnce, Faults::kFromThenOn}) {
@@ -194,17 +201,7 @@ TEST_F(Sweep, LockCalls) {
     start();
     const std::string f = path("s");
     const std::vector<Step> w = workload();
-    int total;
-    {
-        int fd = fresh(f);
-        std::map<int, std::string> model;
-        bool coded = true;
-        Faults count;
-        run(fd, w, model, &coded);
-        total = Faults::calls(Faults::kLock);
-        nisclose(fd);
-        nisunisam();
-    }
+    const int total = calls_of(f, w, Faults::kLock, false);
     int aborted = 0;
     for (int n = 1; n <= total; n += 2) {
         SCOPED_TRACE("lock call " + std::to_string(n) + " of " + std::to_string(total));

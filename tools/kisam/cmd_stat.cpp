@@ -29,12 +29,62 @@ std::string pct(uint64_t part, uint64_t whole) {
     return b;
 }
 
-void print_once(const void* area, int shmid, const std::vector<std::pair<std::string, struct stat>>& named) {
-    const auto* com = static_cast<const struct isam_com*>(area);
-    const char* base = reinterpret_cast<const char*>(com);
+// What both printers read of the area: its header, the segment's figures, and the
+// buffers counted by state.
+struct View {
+    const struct isam_com* com;
+    const char* base;
     struct shmid_ds ds;
-    std::memset(&ds, 0, sizeof ds);
-    ::shmctl(shmid, IPC_STAT, &ds);
+    const IS_BUF* bufs;
+    int nfree = 0, dirty = 0, fixed = 0;
+};
+
+View view_of(const void* area, int shmid) {
+    View v;
+    v.com = static_cast<const struct isam_com*>(area);
+    v.base = reinterpret_cast<const char*>(v.com);
+    std::memset(&v.ds, 0, sizeof v.ds);
+    ::shmctl(shmid, IPC_STAT, &v.ds);
+    const auto* com = v.com;
+    v.bufs = reinterpret_cast<const IS_BUF*>(v.base + com->buf_base);
+    for (int i = com->buf_free, guard = 0; i >= 0 && i < com->maxbufs && guard < com->maxbufs;
+         i = v.bufs[i].bu_next, ++guard)
+        ++v.nfree;
+    for (int i = 0; i < com->maxbufs; ++i) {
+        if (v.bufs[i].bu_id & BU_DIRTY) ++v.dirty;
+        if (v.bufs[i].bu_id & BU_INUSE) ++v.fixed;
+    }
+    return v;
+}
+
+// The control page of file slot i; null when the slot is free or (damaged set) when its
+// offset leads outside the heap.
+const IS_FCP* file_at(const View& v, int i, bool& damaged) {
+    const int32_t* pfo = reinterpret_cast<const int32_t*>(v.base + v.com->pfo_base);
+    const int64_t heapsize = int64_t(v.com->comsize) - v.com->heap_base;
+    damaged = false;
+    if (pfo[i] == -1) return nullptr;
+    if (pfo[i] < 0 || pfo[i] + int64_t(IS_FCP_SIZE(0)) > heapsize) {
+        damaged = true;
+        return nullptr;
+    }
+    return reinterpret_cast<const IS_FCP*>(v.base + v.com->heap_base + pfo[i]);
+}
+
+// The name given on the command line for the file of fcp, or "".
+std::string name_of(const std::vector<std::pair<std::string, struct stat>>& named, const IS_FCP* fcp) {
+    for (const auto& [path, st] : named)
+        if (uint64_t(st.st_ino) == fcp->jd_ino && uint64_t(st.st_dev) == fcp->jd_dev) return path;
+    return "";
+}
+
+// True when pid, attached, is another process that no longer exists.
+bool exited(int32_t pid) { return pid != ::getpid() && ::kill(pid, 0) != 0 && errno == ESRCH; }
+
+void print_once(const void* area, int shmid, const std::vector<std::pair<std::string, struct stat>>& named) {
+    const View v = view_of(area, shmid);
+    const auto* com = v.com;
+    const struct shmid_ds& ds = v.ds;
 
     char when[64];
     std::time_t now = std::time(nullptr);
@@ -44,17 +94,9 @@ void print_once(const void* area, int shmid, const std::vector<std::pair<std::st
                 plural(long(ds.shm_nattch), "process", "processes"));
 
     // Buffers.
-    const IS_BUF* bufs = reinterpret_cast<const IS_BUF*>(base + com->buf_base);
-    int nfree = 0, dirty = 0, fixed = 0;
-    for (int i = com->buf_free, guard = 0; i >= 0 && i < com->maxbufs && guard < com->maxbufs; i = bufs[i].bu_next, ++guard)
-        ++nfree;
-    for (int i = 0; i < com->maxbufs; ++i) {
-        if (bufs[i].bu_id & BU_DIRTY) ++dirty;
-        if (bufs[i].bu_id & BU_INUSE) ++fixed;
-    }
     uint64_t hit = com->hit, mfree = com->missfree, mwrite = com->misswrite, mread = com->missread;
     uint64_t req = hit + mfree + mwrite + mread;
-    std::printf("buffers   %d pages of 1024 bytes: %d free, %d in use now, %d dirty\n", com->maxbufs, nfree, fixed, dirty);
+    std::printf("buffers   %d pages of 1024 bytes: %d free, %d in use now, %d dirty\n", com->maxbufs, v.nfree, v.fixed, v.dirty);
     std::printf("          requests %llu: hits %llu (%s), misses %llu\n", static_cast<unsigned long long>(req),
                 static_cast<unsigned long long>(hit), pct(hit, req).c_str(),
                 static_cast<unsigned long long>(mfree + mwrite + mread));
@@ -74,26 +116,22 @@ void print_once(const void* area, int shmid, const std::vector<std::pair<std::st
                 holder(com->free_lock).c_str(), holder(com->buf_lock).c_str());
 
     // Files.
-    const int32_t* pfo = reinterpret_cast<const int32_t*>(base + com->pfo_base);
-    const char* heap = base + com->heap_base;
-    const int64_t heapsize = int64_t(com->comsize) - com->heap_base;
+    const int32_t* pfo = reinterpret_cast<const int32_t*>(v.base + com->pfo_base);
     int nopen = 0;
     for (int i = 0; i < com->maxopen; ++i) nopen += pfo[i] != -1;
     std::printf("files     %d open of %d\n", nopen, com->maxopen);
     for (int i = 0; i < com->maxopen; ++i) {
-        if (pfo[i] == -1) continue;
-        if (pfo[i] < 0 || pfo[i] + int64_t(IS_FCP_SIZE(0)) > heapsize) {
-            std::printf("  slot %-3d damaged entry %d\n", i, pfo[i]);
-            continue;
-        }
-        const IS_FCP* fcp = reinterpret_cast<const IS_FCP*>(heap + pfo[i]);
+        bool damaged;
+        const IS_FCP* fcp = file_at(v, i, damaged);
+        if (damaged) std::printf("  slot %-3d damaged entry %d\n", i, pfo[i]);
+        if (!fcp) continue;
         int nb = 0;
-        for (int b = fcp->jd_buf_hd, guard = 0; b >= 0 && b < com->maxbufs && guard < com->maxbufs; b = bufs[b].bu_next, ++guard)
+        for (int b = fcp->jd_buf_hd, guard = 0; b >= 0 && b < com->maxbufs && guard < com->maxbufs;
+             b = v.bufs[b].bu_next, ++guard)
             ++nb;
         dev_t dev = dev_t(fcp->jd_dev);
-        std::string name;
-        for (const auto& [path, st] : named)
-            if (uint64_t(st.st_ino) == fcp->jd_ino && uint64_t(st.st_dev) == fcp->jd_dev) name = path + ", ";
+        std::string name = name_of(named, fcp);
+        if (!name.empty()) name += ", ";
         std::printf("  slot %-3d %sdevice %u:%u inode %llu: %d keys, used by %d %s, %d buffers, control lock %s%s%s\n",
                     i, name.c_str(), major(dev), minor(dev), static_cast<unsigned long long>(fcp->jd_ino), fcp->is_nkeys,
                     fcp->is_usecnt, plural(fcp->is_usecnt, "process", "processes"), nb, holder(fcp->jd_fcplock).c_str(),
@@ -102,8 +140,8 @@ void print_once(const void* area, int shmid, const std::vector<std::pair<std::st
     }
 
     // Processes.
-    const int32_t* pids = reinterpret_cast<const int32_t*>(base + com->pid_base);
-    const uint32_t* needs = reinterpret_cast<const uint32_t*>(base + com->need_base);
+    const int32_t* pids = reinterpret_cast<const int32_t*>(v.base + com->pid_base);
+    const uint32_t* needs = reinterpret_cast<const uint32_t*>(v.base + com->need_base);
     int nproc = 0, gone = 0;
     for (int i = 0; i < com->maxusers; ++i) nproc += pids[i] != 0;
     std::printf("processes %d attached of %d\n", nproc, com->maxusers);
@@ -113,7 +151,7 @@ void print_once(const void* area, int shmid, const std::vector<std::pair<std::st
         std::string state;
         if (pid == ::getpid())
             state = " (this kisam stat)";
-        else if (::kill(pid, 0) != 0 && errno == ESRCH) {
+        else if (exited(pid)) {
             state = " NO LONGER EXISTS: it ended without detaching";
             ++gone;
         }
@@ -142,19 +180,9 @@ void print_once(const void* area, int shmid, const std::vector<std::pair<std::st
 
 // The same figures as one JSON document (one line) per sample.
 void print_json(const void* area, int shmid, const std::vector<std::pair<std::string, struct stat>>& named) {
-    const auto* com = static_cast<const struct isam_com*>(area);
-    const char* base = reinterpret_cast<const char*>(com);
-    struct shmid_ds ds;
-    std::memset(&ds, 0, sizeof ds);
-    ::shmctl(shmid, IPC_STAT, &ds);
-    const IS_BUF* bufs = reinterpret_cast<const IS_BUF*>(base + com->buf_base);
-    int nfree = 0, dirty = 0, fixed = 0;
-    for (int i = com->buf_free, guard = 0; i >= 0 && i < com->maxbufs && guard < com->maxbufs; i = bufs[i].bu_next, ++guard)
-        ++nfree;
-    for (int i = 0; i < com->maxbufs; ++i) {
-        if (bufs[i].bu_id & BU_DIRTY) ++dirty;
-        if (bufs[i].bu_id & BU_INUSE) ++fixed;
-    }
+    const View v = view_of(area, shmid);
+    const auto* com = v.com;
+    const struct shmid_ds& ds = v.ds;
     JsonObject doc;
     doc.num("time", static_cast<long long>(std::time(nullptr)))
         .num("shmid", shmid)
@@ -162,9 +190,9 @@ void print_json(const void* area, int shmid, const std::vector<std::pair<std::st
         .unum("attached", static_cast<unsigned long long>(ds.shm_nattch));
     doc.raw("buffers", JsonObject()
                            .num("total", com->maxbufs)
-                           .num("free", nfree)
-                           .num("in_use", fixed)
-                           .num("dirty", dirty)
+                           .num("free", v.nfree)
+                           .num("in_use", v.fixed)
+                           .num("dirty", v.dirty)
                            .unum("hits", com->hit)
                            .unum("misses_free", com->missfree)
                            .unum("misses_clean", com->missread)
@@ -183,29 +211,25 @@ void print_json(const void* area, int shmid, const std::vector<std::pair<std::st
                          .unum("record_taken", com->totusrlocks)
                          .unum("record_waits", com->usrwaits)
                          .done());
-    const int32_t* pfo = reinterpret_cast<const int32_t*>(base + com->pfo_base);
-    const char* heap = base + com->heap_base;
-    const int64_t heapsize = int64_t(com->comsize) - com->heap_base;
     JsonArray files;
     for (int i = 0; i < com->maxopen; ++i) {
-        if (pfo[i] == -1 || pfo[i] < 0 || pfo[i] + int64_t(IS_FCP_SIZE(0)) > heapsize) continue;
-        const IS_FCP* fcp = reinterpret_cast<const IS_FCP*>(heap + pfo[i]);
+        bool damaged;
+        const IS_FCP* fcp = file_at(v, i, damaged);
+        if (!fcp) continue;
         JsonObject f;
         f.num("slot", i).unum("device", fcp->jd_dev).unum("inode", fcp->jd_ino);
-        for (const auto& [path, st] : named)
-            if (uint64_t(st.st_ino) == fcp->jd_ino && uint64_t(st.st_dev) == fcp->jd_dev) f.str("name", path);
+        if (std::string name = name_of(named, fcp); !name.empty()) f.str("name", name);
         f.num("keys", fcp->is_nkeys)
             .num("users", fcp->is_usecnt)
             .boolean("data_changed_mark", fcp->is_optbits & ISO_DIRTYMARK);
         files.add(f.done());
     }
     doc.num("files_max", com->maxopen).raw("files", files.done());
-    const int32_t* pids = reinterpret_cast<const int32_t*>(base + com->pid_base);
+    const int32_t* pids = reinterpret_cast<const int32_t*>(v.base + com->pid_base);
     JsonArray procs;
     for (int i = 0; i < com->maxusers; ++i) {
         if (pids[i] == 0) continue;
-        const bool gone = pids[i] != ::getpid() && ::kill(pids[i], 0) != 0 && errno == ESRCH;
-        procs.add(JsonObject().num("slot", i).num("pid", pids[i]).boolean("exists", !gone).done());
+        procs.add(JsonObject().num("slot", i).num("pid", pids[i]).boolean("exists", !exited(pids[i])).done());
     }
     doc.num("processes_max", com->maxusers).raw("processes", procs.done());
     unsigned cleaned = 0, rolledback = 0;

@@ -116,6 +116,29 @@ bool key_lengths(int fd, std::vector<int>& lens) {
     return true;
 }
 
+// Closes a file of the session when the command returns.
+struct FdCloser {
+    Session& s;
+    int fd;
+    ~FdCloser() { s.close(fd); }
+};
+
+// The key lengths of the file open as fd, and the field layout the command was given
+// (--fields) or the default one: EXIT_OK, or the exit status of the message given.
+int file_layout(const char* cmd, int fd, const std::string& file, const Args& a, std::vector<int>& keylens,
+                Layout& lay) {
+    if (!key_lengths(fd, keylens)) return fail(cmd, file + ": the file has no keys, so it holds no records");
+    int minrec = 0;
+    for (int l : keylens) minrec += l;
+    if (auto f = a.get("fields")) {
+        std::string err;
+        if (!parse_layout(*f, minrec, lay, err)) return usage_error(cmd, "--fields: " + err);
+    } else {
+        lay = default_layout(keylens);
+    }
+    return EXIT_OK;
+}
+
 }  // namespace
 
 int cmd_import(std::vector<std::string> words) {
@@ -142,22 +165,10 @@ int cmd_import(std::vector<std::string> words) {
     Session s("import");
     int fd = s.open(file, ISO_RDWR);
     if (fd < 0) return EXIT_FAIL;
-    struct FdCloser {
-        Session& s;
-        int fd;
-        ~FdCloser() { s.close(fd); }
-    } fdcloser{s, fd};
+    FdCloser fdcloser{s, fd};
     std::vector<int> keylens;
-    if (!key_lengths(fd, keylens)) return fail("import", file + ": the file has no keys, so it holds no records");
-    int minrec = 0;
-    for (int l : keylens) minrec += l;
     Layout lay;
-    if (auto f = a.get("fields")) {
-        std::string err;
-        if (!parse_layout(*f, minrec, lay, err)) return usage_error("import", "--fields: " + err);
-    } else {
-        lay = default_layout(keylens);
-    }
+    if (int rc = file_layout("import", fd, file, a, keylens, lay); rc != EXIT_OK) return rc;
     const bool header = !a.has("no-header");
     // Column of each field; from the header when there is one.
     std::vector<size_t> col(lay.fields.size());
@@ -385,22 +396,10 @@ int cmd_export(std::vector<std::string> words) {
     Session s("export");
     int fd = s.open(file, ISO_RDONLY | (a.has("ignore-mark") ? ISF_NOVERIFY : 0));
     if (fd < 0) return EXIT_FAIL;
-    struct FdCloser {
-        Session& s;
-        int fd;
-        ~FdCloser() { s.close(fd); }
-    } fdcloser{s, fd};
+    FdCloser fdcloser{s, fd};
     std::vector<int> keylens;
-    if (!key_lengths(fd, keylens)) return fail("export", file + ": the file has no keys, so it holds no records");
-    int minrec = 0;
-    for (int l : keylens) minrec += l;
     Layout lay;
-    if (auto f = a.get("fields")) {
-        std::string err;
-        if (!parse_layout(*f, minrec, lay, err)) return usage_error("export", "--fields: " + err);
-    } else {
-        lay = default_layout(keylens);
-    }
+    if (int rc = file_layout("export", fd, file, a, keylens, lay); rc != EXIT_OK) return rc;
     FILE* out = stdout;
     std::string outname = "standard output";
     if (a.pos().size() == 2 && a.pos()[1] != "-") {
