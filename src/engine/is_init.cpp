@@ -191,8 +191,13 @@ extern "C" KISAM_API int is_init(void) {
     if (sizecomm(&conf) != 0) return fail(ISE_INITERR, 7);
     if (!layout_usable(conf)) return fail(ISE_INITERR, 10);
 
-    const int xsize = static_cast<int>(isx_size(conf.co_maxopen, conf.co_maxusers, conf.co_maxbuf));
-    char* base = getcomm(key, conf.co_comsize + xsize, jn_leftover);
+    // The documented area and ours after it make one segment, whose size is an int: a
+    // configuration whose area fits alone but not with ours is as unusable as one whose
+    // area does not fit.
+    const int64_t whole = int64_t(conf.co_comsize) + isx_size(conf.co_maxopen, conf.co_maxusers, conf.co_maxbuf);
+    if (whole > INT32_MAX) return fail(ISE_INITERR, 7);
+    const int xsize = static_cast<int>(whole - conf.co_comsize);
+    char* base = getcomm(key, static_cast<int>(whole), jn_leftover);
     if (base == reinterpret_cast<char*>(-1)) {
         // A segment that is too small for the area is one a library without it made.
         if (is_shmsize > 0 && is_shmsize < static_cast<size_t>(conf.co_comsize) + xsize)
