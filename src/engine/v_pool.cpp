@@ -90,10 +90,12 @@ struct PoolBook {
     int nbufs = 0;
     int nopen = 0;
 
-    // Page index: open addressing over slot numbers; key_of[s] is the key slot s is
-    // filed under (kNoKey: not in the index), so each slot appears at most once and the
-    // table never holds more than nbufs entries.
-    int16_t* tab = nullptr;
+    // Page index: open addressing; an entry holds its key and its slot together
+    // (entry_of), so that a probe reads one table and no per-slot array: in a large pool
+    // each further array read is a cache miss at every page miss.  key_of[s] is the key
+    // slot s is filed under (kNoKey: not in the index), so each slot appears at most once
+    // and the table never holds more than nbufs entries.
+    uint64_t* tab = nullptr;
     uint32_t mask = 0;
     int shift = 64;
     uint64_t* key_of = nullptr;
@@ -144,7 +146,7 @@ void book_setup() noexcept {
         uint32_t cap = 16;
         int bits = 4;
         while (cap < 2u * static_cast<uint32_t>(nb)) cap <<= 1, ++bits;
-        bk.tab = static_cast<int16_t*>(std::malloc(cap * sizeof(int16_t)));
+        bk.tab = static_cast<uint64_t*>(std::malloc(cap * sizeof(uint64_t)));
         bk.key_of = static_cast<uint64_t*>(std::malloc((nb + 1) * sizeof(uint64_t)));
         bk.fixed = static_cast<int16_t*>(std::malloc((nb + 1) * sizeof(int16_t)));
         bk.listed = static_cast<uint8_t*>(std::malloc(nb + 1));
@@ -166,7 +168,7 @@ void book_setup() noexcept {
         }
     }
     if (bk.ok) {
-        std::memset(bk.tab, 0xFF, (bk.mask + 1) * sizeof(int16_t));
+        std::memset(bk.tab, 0xFF, (bk.mask + 1) * sizeof(uint64_t));  // kEmpty
         for (int i = 0; i < nb; ++i) bk.key_of[i] = kNoKey;
         std::memset(bk.listed, 0, nb + 1);
         std::memset(bk.known, 0, no + 1);
@@ -184,10 +186,18 @@ inline bool book() noexcept {
     return bk.ok;
 }
 
+// A key is 48 bits: the page above the file slot (file slots are a 16-bit field).
 inline uint64_t page_key(int u, PAGE pno) {
-    return (static_cast<uint64_t>(static_cast<uint32_t>(u)) << 32) | pno;
+    return (static_cast<uint64_t>(pno) << 16) | static_cast<uint16_t>(u);
 }
-inline int key_file(uint64_t key) { return static_cast<int>(key >> 32); }
+inline int key_file(uint64_t key) { return static_cast<int>(key & 0xFFFF); }
+
+// An index entry: the key above the slot number.  Slots are below 32768, so no entry is
+// all ones.
+constexpr uint64_t kEmpty = ~uint64_t{0};
+inline uint64_t entry_of(uint64_t key, int s) { return (key << 16) | static_cast<uint16_t>(s); }
+inline uint64_t entry_key(uint64_t e) { return e >> 16; }
+inline int entry_slot(uint64_t e) { return static_cast<int>(e & 0xFFFF); }
 inline uint32_t home_of(uint64_t key) {
     return static_cast<uint32_t>((key * 0x9E3779B97F4A7C15ull) >> bk.shift);
 }
@@ -196,12 +206,12 @@ inline IS_BUF* slot(int s) { return is_env.buf_ + s; }
 inline int file_of(const IS_BUF* b) { return b->bu_id & BU_FILEMASK; }
 inline isx_file* xfile(int u) { return kisam::isx_file_of(u); }
 
-// Position in tab of slot s filed under key, or -1.
+// Position in tab of the entry filed under key, or -1.
 int index_pos(uint64_t key) noexcept {
     for (uint32_t i = home_of(key);; i = (i + 1) & bk.mask) {
-        int s = bk.tab[i];
-        if (s < 0) return -1;
-        if (bk.key_of[s] == key) return static_cast<int>(i);
+        const uint64_t e = bk.tab[i];
+        if (e == kEmpty) return -1;
+        if (entry_key(e) == key) return static_cast<int>(i);
     }
 }
 
@@ -209,21 +219,22 @@ void index_erase(int s) noexcept {
     uint64_t key = bk.key_of[s];
     if (key == kNoKey) return;
     bk.key_of[s] = kNoKey;
+    const uint64_t mine = entry_of(key, s);
     uint32_t i = home_of(key);
-    while (bk.tab[i] != s) i = (i + 1) & bk.mask;
+    while (bk.tab[i] != mine) i = (i + 1) & bk.mask;
     // Backward-shift deletion keeps every probe sequence unbroken without tombstones.
     for (uint32_t j = i;;) {
         j = (j + 1) & bk.mask;
-        int t = bk.tab[j];
-        if (t < 0) break;
-        uint32_t k = home_of(bk.key_of[t]);
+        const uint64_t t = bk.tab[j];
+        if (t == kEmpty) break;
+        uint32_t k = home_of(entry_key(t));
         bool movable = (j > i) ? (k <= i || k > j) : (k <= i && k > j);
         if (movable) {
-            bk.tab[i] = static_cast<int16_t>(t);
+            bk.tab[i] = t;
             i = j;
         }
     }
-    bk.tab[i] = -1;
+    bk.tab[i] = kEmpty;
 }
 
 void index_put(int u, PAGE pno, int s) noexcept {
@@ -236,12 +247,12 @@ void index_put(int u, PAGE pno, int s) noexcept {
     index_erase(s);
     int pos = index_pos(key);
     if (pos >= 0) {
-        bk.key_of[bk.tab[pos]] = kNoKey;
-        bk.tab[pos] = static_cast<int16_t>(s);
+        bk.key_of[entry_slot(bk.tab[pos])] = kNoKey;
+        bk.tab[pos] = entry_of(key, s);
     } else {
         uint32_t i = home_of(key);
-        while (bk.tab[i] >= 0) i = (i + 1) & bk.mask;
-        bk.tab[i] = static_cast<int16_t>(s);
+        while (bk.tab[i] != kEmpty) i = (i + 1) & bk.mask;
+        bk.tab[i] = entry_of(key, s);
     }
     bk.key_of[s] = key;
 }
@@ -260,7 +271,7 @@ inline void index_refile(int u, int s) noexcept {
 inline int index_find(int u, PAGE pno) noexcept {
     int pos = index_pos(page_key(u, pno));
     if (pos < 0) return -1;
-    int s = bk.tab[pos];
+    int s = entry_slot(bk.tab[pos]);
     const IS_BUF* b = slot(s);
     if (file_of(b) == u && b->bu_pno == pno) return s;
     index_erase(s);
@@ -1139,17 +1150,19 @@ constexpr uint32_t kPeekFold = 4096;
 
 const IS_DATA* v_peek(int u, PAGE pno) noexcept {
     if (bk.com != isam_com || bk.shmid != is_shmid || !bk.ok || u < 0 || u >= bk.nopen) return nullptr;
-    // Along the probe sequence of (u, pno), the slot whose tag names the page is the
-    // page (rule 1); the tags are compared instead of the index's keys, which saves a
-    // memory access per page, since the slot's tag must be read in any case.  The index
-    // itself is left as it is.
-    for (uint32_t i = home_of(page_key(u, pno));; i = (i + 1) & bk.mask) {
-        const int s = bk.tab[i];
-        if (s < 0) return nullptr;
+    // The index names at most one slot for (u, pno); that slot is the page when its tag
+    // says so (rule 1).  A stale entry sends the reader to the locked path, which mends
+    // the index; this path leaves the index as it is.
+    const uint64_t key = page_key(u, pno);
+    for (uint32_t i = home_of(key);; i = (i + 1) & bk.mask) {
+        const uint64_t e = bk.tab[i];
+        if (e == kEmpty) return nullptr;
+        if (entry_key(e) != key) continue;
+        const int s = entry_slot(e);
         IS_BUF* b = slot(s);
         const PAGE p = std::atomic_ref<uint32_t>(b->bu_pno).load(std::memory_order_acquire);
         const uint16_t id = std::atomic_ref<uint16_t>(b->bu_id).load(std::memory_order_relaxed);
-        if (p != pno || (id & BU_FILEMASK) != u) continue;
+        if (p != pno || (id & BU_FILEMASK) != u) return nullptr;
         // The reference byte keeps the clock's meaning (a page in use is passed over);
         // it is written only when a hand has cleared it, not at every read.
         ref_set(s);
