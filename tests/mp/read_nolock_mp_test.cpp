@@ -17,6 +17,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <ostream>
 #include <map>
 #include <random>
 #include <string>
@@ -306,6 +307,11 @@ struct Stop {
     bool kill;      // killed there, else paused for a while
     int buffers;
 };
+
+// Shown by ctest beside the test's name: short, not a dump of the struct's bytes.
+void PrintTo(const Stop& s, std::ostream* os) {
+    *os << (s.kill ? "kill" : "pause") << " at hook " << s.where << ", " << s.buffers << " buffers";
+}
 
 class ReadNoLockStop : public ReadNoLockMp, public ::testing::WithParamInterface<Stop> {};
 
