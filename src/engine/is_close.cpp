@@ -150,6 +150,12 @@ KISAM_API int nisunisam(void) {
     // that died attached left in it: their units are rolled back and their files'
     // data-changed marks cleared first, or the next first open would find a file marked
     // that is sound.
+    //
+    // Leaving holds the start-up lock, as attaching does: otherwise the last process could
+    // find itself alone and remove the segment while another has found it but not yet
+    // attached, and that one would fail to attach or, worse, keep a segment nobody else
+    // can find -- a second pool over the same files.
+    const bool startup = is_lockfd >= 0 && ISLockFile(is_lockfd, 0, 2) == 0;
     struct shmid_ds ds;
     if (::shmctl(is_shmid, IPC_STAT, &ds) == 0 && ds.shm_nattch <= 1) is_reap_dead(nullptr, 0);
 
@@ -167,6 +173,7 @@ KISAM_API int nisunisam(void) {
     is_env.pid_[is_env.useridx] = 0;
     freecom();
     isam_com = nullptr;
+    if (startup) ISUnlockFile(is_lockfd, 0, 2);
     v_reset_process();
     return 0;
 }

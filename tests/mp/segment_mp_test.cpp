@@ -12,6 +12,10 @@
 #include <sys/shm.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <string>
+#include <vector>
+
 namespace {
 
 constexpr uint32_t kMarker = 0x5EED1234;
@@ -56,4 +60,58 @@ TEST(SegmentMp, SecondAttacherFindsItAsLeftAndLastDetachRemovesIt) {
     EXPECT_TRUE(segment_exists(inst));
     kt::detach_raw();
     EXPECT_FALSE(segment_exists(inst));
+}
+
+// Processes that attach and detach over and over while others do the same: the last
+// detacher's removal must never meet an attach in the middle, or one process would end up
+// with a segment nobody else can find (its own pool: increments lost between the two) or
+// fail to attach at all.  Every increment is made under the control lock.
+TEST(SegmentMp, AttachingWhileTheLastDetacherLeavesKeepsOnePool) {
+    kt::Config k;
+    kt::Installation inst(k);
+    const std::string path = inst.path("count.ism");
+    ASSERT_EQ(kt::run_child([&] {
+                  int lens[1] = {8};
+                  int fd = niscreate(path.c_str(), 1, lens);
+                  if (fd < 0 || niswrite(fd, "counter\0\0\0\0\0", 12) != 0) return 1;
+                  nisclose(fd);
+                  return nisunisam() == 0 ? 0 : 2;
+              }),
+              0);
+    constexpr int kProcs = 3;
+    constexpr int kRounds = 1500;
+    std::vector<pid_t> kids;
+    for (int p = 0; p < kProcs; ++p) {
+        kids.push_back(kt::start_child([&]() -> int {
+            for (int r = 0; r < kRounds; ++r) {
+                int fd = nisopen(path.c_str(), ISO_RDWR);
+                if (fd < 0) return 10;
+                char rec[12];
+                if (nisgetctl(fd) != 0) return 11;
+                if (nisfind(fd, 0, "counter\0", rec, sizeof rec) != 12) return 12;
+                uint32_t n;
+                std::memcpy(&n, rec + 8, 4);
+                ++n;
+                std::memcpy(rec + 8, &n, 4);
+                if (nisupdate(fd, rec, sizeof rec) != 0) return 13;
+                if (nisrelctl(fd) != 0) return 14;
+                if (nisclose(fd) != 0) return 15;
+                if (nisunisam() != 0) return 16;
+            }
+            return 0;
+        }));
+    }
+    for (pid_t c : kids) EXPECT_EQ(kt::wait_child(c), 0);
+    EXPECT_FALSE(segment_exists(inst));
+    EXPECT_EQ(kt::run_child([&] {
+                  int fd = nisopen(path.c_str(), ISO_RDONLY);
+                  char rec[12];
+                  if (fd < 0 || nisfind(fd, 0, "counter\0", rec, sizeof rec) != 12) return 1;
+                  uint32_t n;
+                  std::memcpy(&n, rec + 8, 4);
+                  std::fprintf(stderr, "counter %u of %d\n", n, kProcs * kRounds);
+                  nisunisam();
+                  return n == kProcs * kRounds ? 0 : 2;
+              }),
+              0);
 }
