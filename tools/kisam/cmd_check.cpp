@@ -267,8 +267,14 @@ int cmd_check(std::vector<std::string> words) {
         std::sort(want.begin(), want.end());
         std::sort(have.begin(), have.end());
         auto describe = [&](const std::string& item) {
-            return "\"" + escape(item.substr(0, size_t(k.k_keylen))) + "\" of key 0 = \"" +
-                   escape(item.substr(size_t(k.k_offset), size_t(k0.k_keylen))) + "\"";
+            // Appended piece by piece: g++ 12 at -O3 warns (wrongly, -Wrestrict) about a
+            // literal + std::string here.
+            std::string d(1, '"');
+            d += escape(item.substr(0, size_t(k.k_keylen)));
+            d += "\" of key 0 = \"";
+            d += escape(item.substr(size_t(k.k_offset), size_t(k0.k_keylen)));
+            d += '"';
+            return d;
         };
         size_t x = 0, y = 0;
         while (x < want.size() || y < have.size()) {
