@@ -158,10 +158,17 @@ protected:
 
     // A child that opens f and waits; on a signal it reads the whole file along key 0
     // (taking the control lock: a dead holder's unit is rolled back then), closes and
-    // detaches.
-    pid_t peer(const std::string& f, kt::Pipe& ready, kt::Pipe& go) {
-        return kt::start_child([&, f] {
+    // detaches.  Without `opens` it only attaches, and on the signal leaves as the last
+    // process, which rolls the dead holder's unit back on its way out.
+    pid_t peer(const std::string& f, kt::Pipe& ready, kt::Pipe& go, bool opens = true) {
+        return kt::start_child([&, f, opens] {
             ot::become_unattached();
+            if (!opens) {
+                if (is_init() != 0) return 12;
+                ready.signal();
+                go.wait();
+                return nisunisam() == 0 ? 0 : 13;
+            }
             int fd = nisopen(f.c_str(), ISO_RDWR);
             if (fd < 0) return 10;
             ready.signal();
@@ -178,9 +185,10 @@ protected:
 };
 
 // The killed call's process dies before its nth page write, for every n; whether
-// another process was attached all along (and rolls the call back when it next takes
-// the file's control lock) or nobody was (the next process to attach rolls it back),
-// the file is afterwards exactly as it was before the call.
+// another process had the file open all along (and rolls the call back when it next
+// takes the file's control lock), was attached without the file (and rolls it back as
+// the last to leave) or nobody was (the next process to attach rolls it back), the file
+// is afterwards exactly as it was before the call.
 TEST_F(Undo, KillAtEveryPageWriteLeavesTheFileAsBefore) {
     const std::string f = path("k");
     std::vector<Target> targets = build(f);
@@ -193,9 +201,9 @@ TEST_F(Undo, KillAtEveryPageWriteLeavesTheFileAsBefore) {
         for (int n = 1; n <= t.writes; ++n) {
             SCOPED_TRACE("killed before page write " + std::to_string(n) + " of " + std::to_string(t.writes));
             spit(f, t.before);
-            const bool with_peer = n % 2 == 1;
+            const bool with_peer = n % 3 != 0;
             kt::Pipe ready, go;
-            pid_t p = with_peer ? peer(f, ready, go) : 0;
+            pid_t p = with_peer ? peer(f, ready, go, n % 3 == 1) : 0;
             if (with_peer) {
                 ASSERT_EQ(ready.wait(), 'x');
             }
