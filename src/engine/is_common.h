@@ -17,7 +17,11 @@ extern size_t is_shmsize;
 // had attached is zeroed -- after `leftover` (when given) has looked at what its last
 // users left in it.
 char* getcomm(key_t key, int size, void (*leftover)(char* base, size_t segsize) = nullptr) noexcept;
-void freecom(void) noexcept;                   // detach isam_com; remove when last
+// Detaches isam_com and removes the segment when nobody is attached any more.  A caller
+// that may be the last holds the start-up lock (bytes 0-1 of the lock file), as getcomm's
+// caller does: a removal between another process's shmget and shmat would leave that
+// process without a segment, or with one nobody else can find.
+void freecom(void) noexcept;
 int ISLockFile(int fd, long sofst, long eofst) noexcept;
 int ISUnlockFile(int fd, long sofst, long eofst) noexcept;
 int osstat(const char* fn, struct file_info* fi) noexcept;
