@@ -21,6 +21,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <set>
@@ -107,14 +108,21 @@ public:
         if (have_cp_) walk_free_list();
         scan_pages();
         for (auto& [p, sp] : shared_) tile(p, sp);
+        if (g_interrupted) return stopped(error);
         read_tree();
         collect_overflow();
         collect_heads();
+        if (g_interrupted) return stopped(error);
         decide(out);
         return true;
     }
 
 private:
+    static bool stopped(std::string* error) {
+        *error = "interrupted";
+        return false;
+    }
+
     // ---- the file and its control page ------------------------------------------------------
 
     bool setup(std::string* error) {
@@ -234,7 +242,7 @@ private:
 
     void scan_pages() {
         unsigned char b[kPage];
-        for (uint32_t p = kPage; p < end_; p += kPage) {
+        for (uint32_t p = kPage; p < end_ && !g_interrupted; p += kPage) {
             if (free_.count(p)) {
                 ++rep_.free_pages;
                 continue;
@@ -553,6 +561,11 @@ private:
         for (auto& [p, t] : tree_)
             for (size_t i = 0; i < t.keys.size(); ++i) known_.emplace(t.keys[i], t.addrs[i]);
         rep_.index_whole = uncertain_.empty();
+        // The ranges are disjoint (each is a subtree's, or the whole key space alone), so
+        // in rising order of their lower bounds one binary search finds a key's range.
+        std::sort(uncertain_.begin(), uncertain_.end(), [](const Range& a, const Range& b) {
+            return !b.lo ? false : !a.lo || *a.lo < *b.lo;
+        });
         for (auto& [k, a] : known_) item_addrs_.insert(a);
     }
 
@@ -580,9 +593,10 @@ private:
     }
 
     bool in_doubt(const std::string& key) const {
-        for (const Range& r : uncertain_)
-            if (r.holds(key)) return true;
-        return false;
+        // The last range whose lower bound lies below the key is the only one that can hold it.
+        auto it = std::partition_point(uncertain_.begin(), uncertain_.end(),
+                                       [&](const Range& r) { return !r.lo || *r.lo < key; });
+        return it != uncertain_.begin() && std::prev(it)->holds(key);
     }
 
     // ---- what is written ---------------------------------------------------------------------------
@@ -725,6 +739,7 @@ int salvage_dump(const std::string& file, const std::string& output, const Salva
     std::string err;
     const bool ok = salvage_file(fd, opt, &recs, &rep, &err);
     ::close(fd);
+    if (!ok && g_interrupted) return interrupted("dump", "; nothing was written");
     if (!ok) return fail("dump", file + ": " + err);
 
     FILE* out = stdout;
