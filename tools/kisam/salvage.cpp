@@ -790,11 +790,14 @@ int salvage_dump(const std::string& file, const std::string& output, const Salva
                  "%ld other\n",
                  f, rep.pages_read, rep.data_pages, rep.overflow_pages, rep.index_pages, rep.free_pages,
                  rep.damaged_pages, rep.other_pages);
-    if (!rep.index_whole)
+    if (!rep.index_whole && rep.unconfirmed)
         std::fprintf(stderr,
                      "kisam dump: %s: the key-0 index cannot be read whole; %ld records were taken from the data "
                      "pages alone\n",
                      f, rep.unconfirmed);
+    else if (!rep.index_whole)
+        std::fprintf(stderr, "kisam dump: %s: the key-0 index cannot be read whole; its pages that can be read "
+                             "vouch for every record written\n", f);
     std::fprintf(stderr, "kisam dump: %s: %ld records written, %zu skipped\n", f, rep.records, rep.skipped.size());
     size_t shown = 0;
     for (const SalvageSkip& s : rep.skipped) {
