@@ -333,6 +333,26 @@ protected:
         }
         for (uint32_t p : lay.tree) damage(p, garbage, 0, "garbage over key-0 index page " + std::to_string(p));
 
+        // Cut short and a key-0 leaf lost: a record that begins in an overflow page is
+        // whole wherever the index cannot vouch for it; a short one there may be the tail
+        // of a record cut away, so it needs another key's tree to vouch for it.
+        if (!key_in_index) {
+            uint32_t leaf = 0;
+            for (uint32_t p : lay.tree)
+                if (p != lay.root) leaf = p;
+            ASSERT_NE(leaf, 0u) << "the key-0 tree has one level";
+            std::string b = img.substr(0, img.size() - 1024);
+            b.replace(leaf - lay.header, 1024, std::string(1024, '\0'));
+            spit(bad, b);
+            std::set<std::string> must;
+            for (auto& [k, pages] : lay.pages) {
+                bool whole = true;
+                for (uint32_t p : pages) whole = whole && p - lay.header + 1024 <= b.size();
+                if (whole && (pages[0] != leaf || pages.size() > 2)) must.insert(k);
+            }
+            salvage_and_check(bad, intact, by_key, must, "cut short, key-0 leaf " + std::to_string(leaf) + " lost");
+        }
+
         // The control page: without it the key lengths must be given.
         std::string b = img;
         b.replace(0, 512, garbage.substr(0, 512));

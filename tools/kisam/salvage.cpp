@@ -274,6 +274,8 @@ private:
                 }
             } else if (w == 0 && tree_page(b, p)) {
                 ++rep_.index_pages;
+            } else if (w < rep_.keylens.size() && other_tree_page(b, int(w))) {
+                ++rep_.other_pages;
             } else {
                 ++rep_.other_pages;
             }
@@ -332,6 +334,42 @@ private:
             if (a != KISAM_NOPAGE && valid_address(a) && (a & kLow) != 1) anchor(a);
         tree_[p] = std::move(t);
         return true;
+    }
+
+    // A tree page of another key: its items (key value, key 0 value) can vouch for a
+    // record that the key-0 tree lost in a cut file.
+    bool other_tree_page(const unsigned char* b, int k) {
+        const int lk = rep_.keylens[size_t(k)];
+        const int off = lk + (lk & 1), itemlen = off + l0_ + (l0_ & 1);
+        const int n = s16(b, 2);
+        if (n < 1 || n > (kPage - 8) / (itemlen + 4)) return false;
+        std::vector<std::string> items;
+        for (int i = 0; i < n; ++i) {
+            const char* at = reinterpret_cast<const char*>(b + 8 + i * (itemlen + 4));
+            std::string item(1, char(k));
+            item.append(at, size_t(lk));
+            item.append(at + off, size_t(l0_));
+            if (!items.empty() && item <= items.back()) return false;
+            items.push_back(std::move(item));
+        }
+        for (std::string& it : items) other_items_.insert(std::move(it));
+        return true;
+    }
+
+    // True when another key's tree holds the record's items.
+    bool vouched_by_other_key(const std::string& rec) const {
+        size_t pos = size_t(l0_);
+        bool any = false;
+        for (size_t k = 1; k < rep_.keylens.size(); ++k) {
+            const size_t lk = size_t(rep_.keylens[k]);
+            std::string item(1, char(k));
+            item.append(rec, pos, lk);
+            item.append(rec, 0, size_t(l0_));
+            if (!other_items_.count(item)) return false;
+            any = true;
+            pos += lk;
+        }
+        return any;
     }
 
     // ---- pass 2: the segments of a shared page -----------------------------------------------------
@@ -650,9 +688,13 @@ private:
             if (same != known_.end()) {
                 rep_.skipped.push_back({page, at + ": its key 0 value belongs to the record at " +
                                                   hexaddr(same->second) + " (an old piece)"});
-            } else if (in_doubt(key) && rep_.truncated) {
+            } else if (in_doubt(key) && rep_.truncated && (c.addr & kLow) != 1 && vouched_by_other_key(c.data)) {
+                recs.push_back({std::move(c.data), true, c.addr});
+            } else if (in_doubt(key) && rep_.truncated && (c.addr & kLow) != 1) {
                 // The pages past the cut may have held the front of a longer record
                 // whose tail this is: nothing tells the two apart, so it is not written.
+                // A record that begins with the first of its overflow pages is whole, and
+                // one that every other key's tree holds is live.
                 rep_.skipped.push_back({page, at + ": not confirmed by the key-0 index, and the file is cut short "
                                                   "(it may be the tail of a record whose front is lost)"});
             } else if (in_doubt(key)) {
@@ -715,6 +757,7 @@ private:
     std::map<uint32_t, std::map<int, int>> tail_refs_;   // overflow links into a piece
     std::map<uint32_t, int> ovf_in_;                     // overflow links into an overflow page
     std::set<uint32_t> item_addrs_;                      // record addresses the key-0 tree gives
+    std::set<std::string> other_items_;                  // key number, key value, key 0 value
     std::vector<Candidate> cands_;
     std::set<uint32_t> lost_addrs_;
     std::map<std::string, uint32_t> known_;   // key 0 value -> record address, from the tree
