@@ -247,7 +247,10 @@ private:
                 ++rep_.free_pages;
                 continue;
             }
-            if (!read_page(p, b)) break;
+            if (!read_page(p, b)) {   // an I/O error: the pages after it may still be read
+                rep_.skipped.push_back({p, std::string("the page cannot be read: ") + std::strerror(errno)});
+                continue;
+            }
             ++rep_.pages_read;
             const uint16_t w = u16(b, 0);
             if (w == 0x8001) {
