@@ -34,8 +34,8 @@ records() {   # COUNT SIZE,SIZE,... -> lines
     }'
 }
 
-rm -rf "$corpus"/{isam,config,load,import,parm,cfentry,vallist,profile}
-mkdir -p "$corpus"/{isam,config,load,import,parm,cfentry,vallist,profile}
+rm -rf "$corpus"/{isam,config,load,import,parm,cfentry,vallist,profile,salvage}
+mkdir -p "$corpus"/{isam,config,load,import,parm,cfentry,vallist,profile,salvage}
 
 # ---- ISAM files ------------------------------------------------------------------------
 f="$work/one_key";     k create "$f" 8;        records 30 "12,40,90,300" | k put "$f" - >/dev/null
@@ -48,8 +48,12 @@ f="$work/two_levels";  k create "$f" 8;        records 150 "10" | k put "$f" - >
 for f in one_key three_keys key_in_index small_header empty two_levels; do
     k check "$work/$f" >/dev/null
     cp "$work/$f" "$corpus/isam/$f"
+    cp "$work/$f" "$corpus/salvage/$f"
     k dump "$work/$f" "$corpus/load/$f.dump"
 done
+# Salvage reads damaged files: one cut inside a page, one without its control page.
+head -c 9000 "$work/three_keys" >"$corpus/salvage/three_keys_cut"
+{ head -c 512 /dev/zero; tail -c +513 "$work/key_in_index"; } >"$corpus/salvage/key_in_index_no_control"
 
 # ---- CSV for import: the first byte chooses the options (fuzz_import.cpp) ----------------
 imp="$corpus/import"

@@ -4,6 +4,7 @@
 // begins with the key values in key order, so the value of key i sits at the sum of the
 // lengths of keys 0 .. i-1.
 #include "json.h"
+#include "salvage.h"
 #include "tool.h"
 
 #include <algorithm>
@@ -402,9 +403,23 @@ constexpr const char* kDumpMagic = "# kisam dump 1";
 int cmd_dump(std::vector<std::string> words) {
     Args a("dump", std::move(words));
     a.flag("ignore-mark");
+    a.flag("salvage");
+    a.option("keys");
+    a.flag("key-in-index");
     if (!a.parse()) return EXIT_USAGE;
     if (a.pos().empty() || a.pos().size() > 2) return usage_error("dump", "expected FILE [OUTPUT]");
     const std::string& file = a.pos()[0];
+    if (a.has("salvage")) {
+        SalvageOptions opt;
+        if (auto k = a.get("keys"); k && !parse_key_lengths(*k, opt.keylens))
+            return usage_error("dump", "--keys wants key lengths of 1 to 500 bytes, e.g. 8,20");
+        if (a.has("key-in-index") && opt.keylens.empty())
+            return usage_error("dump", "--key-in-index goes with --keys");
+        opt.key_in_index = a.has("key-in-index");
+        return salvage_dump(file, a.pos().size() == 2 ? a.pos()[1] : "", opt);
+    }
+    if (a.has("keys") || a.has("key-in-index"))
+        return usage_error("dump", "--keys and --key-in-index go with --salvage");
     int rawfd = ::open(file.c_str(), O_RDONLY);
     if (rawfd < 0) return fail("dump", file + ": " + std::strerror(errno));
     ControlPage cp;

@@ -47,7 +47,7 @@ _kisam() {
         scan) opts="--key --from --to --backward --limit --count --ignore-mark --json --raw" ;;
         put) opts="--replace --update" ;;
         del) opts="" ;;
-        dump) opts="--ignore-mark" ;;
+        dump) opts="--ignore-mark --salvage --keys --key-in-index" ;;
         load) opts="" ;;
         import) opts="--fields --replace --no-header" ;;
         export) opts="--fields --csv --json --ignore-mark" ;;
