@@ -431,21 +431,11 @@ int cmd_dump(std::vector<std::string> words) {
     Session s("dump");
     OpenFile f(s);
     if (!f.open(file, read_access(a))) return EXIT_FAIL;
-    FILE* out = stdout;
-    std::string outname = "standard output";
-    if (a.pos().size() == 2 && a.pos()[1] != "-") {
-        outname = a.pos()[1];
-        out = std::fopen(outname.c_str(), "w");
-        if (!out) return fail("dump", outname + ": " + std::strerror(errno));
-    }
-    std::string keys;
-    for (size_t i = 0; i < f.keylens.size(); ++i) keys += (i ? "," : "") + std::to_string(f.keylens[i]);
-    std::fprintf(out, "%s\n# keys %s%s\n", kDumpMagic, keys.c_str(), (cp.optbits & ISO_KEYOPT) ? " key-in-index" : "");
+    DumpWriter out;
+    if (!out.open(a.pos().size() == 2 ? a.pos()[1] : "", f.keylens, cp.optbits & ISO_KEYOPT)) return EXIT_FAIL;
     Progress prog("dump " + file, 0);
     std::vector<char> rec(kRecBuf);
-    uint64_t count = 0;
     int rc = EXIT_OK;
-    std::string line;
     while (true) {
         if (g_interrupted) {
             rc = interrupted("dump", "; the output is incomplete");
@@ -456,27 +446,65 @@ int cmd_dump(std::vector<std::string> words) {
             rc = lib_error("dump", file);
             break;
         }
-        if (n == 0) break;
-        line = std::to_string(n);
-        line += ' ';
-        line += escape(std::string_view(rec.data(), size_t(n)));
-        line += '\n';
-        if (std::fwrite(line.data(), 1, line.size(), out) != line.size()) break;
-        prog.update(++count);
+        if (n == 0 || !out.record(std::string_view(rec.data(), size_t(n)))) break;
+        prog.update(out.count());
     }
-    // The closing line vouches for a complete dump: it is written only when every
-    // record was read and written.
-    bool write_ok = !std::ferror(out);
-    if (rc == EXIT_OK && write_ok) std::fprintf(out, "# end %llu records\n", static_cast<unsigned long long>(count));
-    write_ok = std::fflush(out) == 0 && !std::ferror(out);
-    int saved = errno;
-    if (out != stdout && std::fclose(out) != 0) write_ok = false;
-    if (out == stdout && !write_ok && !g_write_errno) g_write_errno = saved;
-    if (!write_ok) {
-        if (saved == EPIPE) return EXIT_FAIL;   // the reader went away ('| head')
-        return fail("dump", outname + ": cannot write: " + std::strerror(saved) + "; the output is incomplete");
+    const int wrc = out.finish(rc == EXIT_OK);
+    return wrc != EXIT_OK ? wrc : rc;
+}
+
+DumpWriter::~DumpWriter() {
+    if (out_ && out_ != stdout) std::fclose(out_);
+}
+
+bool DumpWriter::open(const std::string& output, const std::vector<int>& keylens, bool key_in_index) {
+    out_ = stdout;
+    name_ = "standard output";
+    if (!output.empty() && output != "-") {
+        name_ = output;
+        out_ = std::fopen(output.c_str(), "w");
+        if (!out_) {
+            fail("dump", name_ + ": " + std::strerror(errno));
+            return false;
+        }
     }
-    return rc;
+    std::string keys;
+    for (size_t i = 0; i < keylens.size(); ++i) keys += (i ? "," : "") + std::to_string(keylens[i]);
+    if (std::fprintf(out_, "%s\n# keys %s%s\n", kDumpMagic, keys.c_str(), key_in_index ? " key-in-index" : "") < 0)
+        failed();
+    return true;
+}
+
+bool DumpWriter::failed() {
+    if (!errno_) errno_ = errno ? errno : EIO;
+    return false;
+}
+
+bool DumpWriter::record(std::string_view bytes) {
+    if (errno_) return false;
+    line_ = std::to_string(bytes.size());
+    line_ += ' ';
+    line_ += escape(bytes);
+    line_ += '\n';
+    if (std::fwrite(line_.data(), 1, line_.size(), out_) != line_.size()) return failed();
+    ++count_;
+    return true;
+}
+
+int DumpWriter::finish(bool complete) {
+    if (complete && !errno_ &&
+        std::fprintf(out_, "# end %llu records\n", static_cast<unsigned long long>(count_)) < 0)
+        failed();
+    if (std::fflush(out_) != 0 || std::ferror(out_)) failed();
+    if (out_ != stdout) {
+        if (std::fclose(out_) != 0) failed();
+    } else if (errno_ && !g_write_errno) {
+        g_write_errno = errno_;
+    }
+    out_ = nullptr;
+    if (!errno_) return EXIT_OK;
+    if (errno_ == EPIPE) return EXIT_FAIL;  // the reader went away ('| head')
+    return fail("dump", name_ + ": cannot write: " + std::strerror(errno_) + "; the output is incomplete");
 }
 
 int cmd_load(std::vector<std::string> words) {

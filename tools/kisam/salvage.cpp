@@ -788,34 +788,13 @@ int salvage_dump(const std::string& file, const std::string& output, const Salva
     if (!ok && g_interrupted) return interrupted("dump", "; nothing was written");
     if (!ok) return fail("dump", file + ": " + err);
 
-    FILE* out = stdout;
-    std::string outname = "standard output";
-    if (!output.empty() && output != "-") {
-        outname = output;
-        out = std::fopen(outname.c_str(), "w");
-        if (!out) return fail("dump", outname + ": " + std::strerror(errno));
-    }
     std::string keys;
     for (size_t i = 0; i < rep.keylens.size(); ++i) keys += (i ? "," : "") + std::to_string(rep.keylens[i]);
-    std::fprintf(out, "# kisam dump 1\n# keys %s%s\n", keys.c_str(), rep.key_in_index ? " key-in-index" : "");
-    std::string line;
-    for (const std::string& r : recs) {
-        line = std::to_string(r.size());
-        line += ' ';
-        line += escape(r);
-        line += '\n';
-        if (std::fwrite(line.data(), 1, line.size(), out) != line.size()) break;
-    }
-    bool write_ok = !std::ferror(out);
-    if (write_ok) std::fprintf(out, "# end %zu records\n", recs.size());
-    write_ok = std::fflush(out) == 0 && !std::ferror(out);
-    const int saved = errno;
-    if (out != stdout && std::fclose(out) != 0) write_ok = false;
-    if (out == stdout && !write_ok && !g_write_errno) g_write_errno = saved;
-    if (!write_ok) {
-        if (saved == EPIPE) return EXIT_FAIL;
-        return fail("dump", outname + ": cannot write: " + std::strerror(saved) + "; the output is incomplete");
-    }
+    DumpWriter out;
+    if (!out.open(output, rep.keylens, rep.key_in_index)) return EXIT_FAIL;
+    for (const std::string& r : recs)
+        if (!out.record(r)) break;
+    if (const int wrc = out.finish(true); wrc != EXIT_OK) return wrc;
 
     // The report: what was read, what is in doubt, what was left out and why.
     progress_clear();

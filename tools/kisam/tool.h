@@ -193,6 +193,34 @@ private:
     bool on_;
 };
 
+// Writes the dump form to OUTPUT ("" or "-": standard output): the header, a line per
+// record, and the closing line that vouches for a complete dump.  The errno of the first
+// failed write is the one reported.
+class DumpWriter {
+public:
+    DumpWriter() = default;
+    DumpWriter(const DumpWriter&) = delete;
+    DumpWriter& operator=(const DumpWriter&) = delete;
+    ~DumpWriter();
+    // Opens the output and writes the header; false when the output cannot be opened
+    // (reported).
+    bool open(const std::string& output, const std::vector<int>& keylens, bool key_in_index);
+    // False once a write has failed: stop writing then.
+    bool record(std::string_view bytes);
+    uint64_t count() const { return count_; }
+    // Writes the closing line when `complete` and nothing failed, then flushes and closes.
+    // EXIT_OK, or EXIT_FAIL with "cannot write" reported (quietly when the reader went away).
+    int finish(bool complete);
+
+private:
+    bool failed();
+    FILE* out_ = nullptr;
+    std::string name_;
+    std::string line_;
+    uint64_t count_ = 0;
+    int errno_ = 0;
+};
+
 // Set by SIGINT/SIGTERM while a long subcommand runs; it then stops cleanly and detaches.
 extern volatile int g_interrupted;
 // errno of the first failed write of the output, 0 when none.
