@@ -3,7 +3,7 @@
 // file's key-0 tree (which pages each record needs: its overflow pages, its tail page and
 // the tree page of its item): every record whose pages survive comes back exactly, and
 // nothing appears that was not a live record -- no deleted record, no old version.
-#include <gtest/gtest.h>
+#include "tool_fixture.h"
 
 #include <fcntl.h>
 #include <sys/ipc.h>
@@ -24,16 +24,6 @@
 
 namespace {
 
-struct Result { int rc = -1; std::string out, err; };
-
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-void spit(const std::string& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-}
-bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 std::string escape(const std::string& s) {
     static const char digits[] = "0123456789abcdef";
@@ -119,60 +109,16 @@ Layout layout_of(const std::string& img) {
     return l;
 }
 
-class Salvage : public ::testing::Test {
+class Salvage : public ToolInstallation {
 protected:
-    std::string dir, cfg;
     unsigned seed = 20261125;
 
     void SetUp() override {
-        char tmpl[] = "/tmp/kisam-salvage-XXXXXX";
-        ASSERT_NE(::mkdtemp(tmpl), nullptr);
-        dir = tmpl;
-        cfg = dir + "/kisamconfig";
-        ::mkdir((dir + "/home").c_str(), 0777);
-        ::mkdir((dir + "/q9").c_str(), 0777);
+        ToolInstallation::SetUp();
+        quiet = true;
         if (const char* s = std::getenv("KISAM_SALVAGE_SEED")) seed = unsigned(std::strtoul(s, nullptr, 10));
         Result r = run({"config", "init", cfg, "--buffers", "32", "--files", "8", "--users", "8"});
         ASSERT_EQ(r.rc, 0) << r.err;
-    }
-
-    void TearDown() override {
-        std::string lk = cfg + ".lk";
-        key_t k = ::ftok((::access(lk.c_str(), F_OK) == 0 ? lk : cfg).c_str(), 1);
-        int id = k == -1 ? -1 : ::shmget(k, 0, 0);
-        EXPECT_LT(id, 0) << "a command left the shared segment behind";
-        if (id >= 0) ::shmctl(id, IPC_RMID, nullptr);
-        if (std::system(("rm -rf '" + dir + "'").c_str()) != 0) { /* best effort */ }
-    }
-
-    std::string path(const std::string& name) const { return dir + "/" + name; }
-
-    Result run(const std::vector<std::string>& args, const std::string& input = "") {
-        std::vector<std::string> argv{KISAM_TOOL_PATH, "--config", cfg, "--quiet"};
-        argv.insert(argv.end(), args.begin(), args.end());
-        std::string in = "/dev/null";
-        if (!input.empty()) spit(in = dir + "/.in", input);
-        std::fflush(nullptr);
-        pid_t pid = ::fork();
-        if (pid == 0) {
-            for (auto [var, sub] : {std::pair{"HOME", "/home"}, {"HOME_Q9", "/q9"}, {"PROFILEQ9ENV", "/home/.Q9.profile"}})
-                ::setenv(var, (dir + sub).c_str(), 1);
-            ::unsetenv("KISCONFIG");
-            int fds[3] = {::open(in.c_str(), O_RDONLY),
-                          ::open((dir + "/.out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666),
-                          ::open((dir + "/.err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666)};
-            for (int i = 0; i < 3; ++i)
-                if (fds[i] < 0 || ::dup2(fds[i], i) < 0) ::_exit(126);
-            std::vector<char*> av;
-            for (auto& a : argv) av.push_back(a.data());
-            av.push_back(nullptr);
-            ::execv(av[0], av.data());
-            ::_exit(127);
-        }
-        int status = 0;
-        while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {}
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), slurp(dir + "/.out"),
-                slurp(dir + "/.err")};
     }
 
     // A file of the seeded mix: short records, long ones with overflow chains (some

@@ -1,7 +1,8 @@
 // The kisam tool, run as a separate process in a private installation: a temporary
 // directory with its own configuration file, HOME, HOME_Q9 and PROFILEQ9ENV, checked by
 // output and exit status.  Every test leaves no shared segment behind.
-#include <gtest/gtest.h>
+#include "tool_fixture.h"
+
 #include <nlohmann/json.hpp>
 
 #include <fcntl.h>
@@ -26,86 +27,8 @@
 
 namespace {
 
-struct Result { int rc = -1; std::string out, err; };
-
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void spit(const std::string& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-}
-
-bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
-class Tool : public ::testing::Test {
+class Tool : public ToolInstallation {
 protected:
-    std::string dir, cfg;
-
-    void SetUp() override {
-        char tmpl[] = "/tmp/kisam-tool-XXXXXX";
-        ASSERT_NE(::mkdtemp(tmpl), nullptr);
-        dir = tmpl;
-        cfg = dir + "/kisamconfig";
-        ::mkdir((dir + "/home").c_str(), 0777);
-        ::mkdir((dir + "/q9").c_str(), 0777);
-    }
-
-    void TearDown() override {
-        int id = segment();
-        EXPECT_LT(id, 0) << "a command left the shared segment behind";
-        if (id >= 0) ::shmctl(id, IPC_RMID, nullptr);
-        if (std::system(("rm -rf '" + dir + "'").c_str()) != 0) { /* best effort */ }
-    }
-
-    int segment() const {
-        std::string lk = cfg + ".lk";
-        key_t k = ::ftok((::access(lk.c_str(), F_OK) == 0 ? lk : cfg).c_str(), 1);
-        return k == -1 ? -1 : ::shmget(k, 0, 0);
-    }
-
-    std::string path(const std::string& name) const { return dir + "/" + name; }
-
-    // Starts the tool with `args`; standard input from `input_file`, output into files.
-    pid_t start(const std::vector<std::string>& args, const std::string& input_file = "/dev/null",
-                bool with_config = true) {
-        std::vector<std::string> argv{KISAM_TOOL_PATH};
-        if (with_config) argv.insert(argv.end(), {"--config", cfg});
-        argv.insert(argv.end(), args.begin(), args.end());
-        std::fflush(nullptr);
-        pid_t pid = ::fork();
-        if (pid == 0) {
-            for (auto [var, sub] : {std::pair{"HOME", "/home"}, {"HOME_Q9", "/q9"}, {"PROFILEQ9ENV", "/home/.Q9.profile"}})
-                ::setenv(var, (dir + sub).c_str(), 1);
-            ::unsetenv("KISCONFIG");
-            int fds[3] = {::open(input_file.c_str(), O_RDONLY),
-                          ::open((dir + "/.out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666),
-                          ::open((dir + "/.err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666)};
-            for (int i = 0; i < 3; ++i)
-                if (fds[i] < 0 || ::dup2(fds[i], i) < 0) ::_exit(126);
-            std::vector<char*> av;
-            for (auto& a : argv) av.push_back(a.data());
-            av.push_back(nullptr);
-            ::execv(av[0], av.data());
-            ::_exit(127);
-        }
-        return pid;
-    }
-
-    Result finish(pid_t pid) {
-        int status = 0;
-        while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {}
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), slurp(dir + "/.out"),
-                slurp(dir + "/.err")};
-    }
-
-    Result run(const std::vector<std::string>& args, const std::string& input = "", bool with_config = true) {
-        std::string in = "/dev/null";
-        if (!input.empty()) spit(in = dir + "/.in", input);
-        return finish(start(args, in, with_config));
-    }
-
     void init_config() {
         Result r = run({"config", "init", cfg, "--buffers", "32", "--files", "8", "--users", "8"});
         ASSERT_EQ(r.rc, 0) << r.err;
