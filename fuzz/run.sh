@@ -42,7 +42,19 @@ else
     rm -rf "$TMPDIR"
     mkdir -p "$TMPDIR"
 fi
-trap 'rm -rf "$TMPDIR"' EXIT
+# A harness that aborted (a finding) left its sandbox, and the shared segment keyed on the
+# sandbox's lock file (ftok: project 1, the device's low byte, the inode's low 16 bits):
+# remove that segment when nobody is attached to it, then the sandboxes.
+remove_segments() {
+    local lk dev ino key
+    for lk in "$TMPDIR"/kisam-fuzz-*/kisamconfig.lk; do
+        [ -e "$lk" ] || continue
+        read -r dev ino < <(stat -c '%d %i' "$lk")
+        key=$(printf '0x%08x' $(( (1 << 24) | ((dev & 0xff) << 16) | (ino & 0xffff) )))
+        ipcs -m | awk -v k="$key" '$1 == k && $6 == 0 { print $2 }' | xargs -r -n1 ipcrm -m
+    done
+}
+trap 'remove_segments; rm -rf "$TMPDIR"' EXIT
 export ASAN_OPTIONS="abort_on_error=1:detect_leaks=1:allocator_may_return_null=1${ASAN_OPTIONS:+:$ASAN_OPTIONS}"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1${UBSAN_OPTIONS:+:$UBSAN_OPTIONS}"
 
