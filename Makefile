@@ -5,19 +5,32 @@ JOBS       ?= $(shell nproc)
 PREFIX     ?= /usr/local
 CMAKE_ARGS ?=
 
-.PHONY: all test asan test-asan soak fuzz demo install bench clean
+.PHONY: all test deps-test asan test-asan soak fuzz demo install bench clean
 
-all: $(BUILD)/CMakeCache.txt
+all: $(BUILD)/.configured
 	cmake --build $(BUILD) -j $(JOBS)
 
-$(BUILD)/CMakeCache.txt:
-	cmake -S . -B $(BUILD) -DCMAKE_INSTALL_PREFIX=$(PREFIX) $(CMAKE_ARGS)
+# A build tree counts as configured only once CMake has finished: a configure that
+# failed removes its cache, so the next `make` configures again instead of building in
+# a half-made tree.  The Debian packages the tool (and, with GoogleTest, the tests) need
+# are installed first (tools/deps.sh: as root, or it prints the command and stops).
+$(BUILD)/.configured:
+	tools/deps.sh build $(if $(wildcard /usr/include/gtest/gtest.h),test)
+	@rm -f $@
+	cmake -S . -B $(BUILD) -DCMAKE_INSTALL_PREFIX=$(PREFIX) $(CMAKE_ARGS) \
+	  || { rm -f $(BUILD)/CMakeCache.txt; exit 1; }
+	@touch $@
 
-test: all
+test: deps-test
+	@$(MAKE) --no-print-directory all
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
+# What the tests need, also in a tree configured before they were installed.
+deps-test:
+	@tools/deps.sh --check build test >/dev/null || { tools/deps.sh build test && rm -f $(BUILD)/.configured; }
+
 # The same tests with AddressSanitizer and UndefinedBehaviorSanitizer.
-test-asan asan:
+test-asan asan: deps-test
 	cmake -S . -B $(ASAN_BUILD) -DKISAM_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug $(CMAKE_ARGS)
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=0:abort_on_error=1 \
@@ -33,6 +46,7 @@ soak: all
 FUZZ_BUILD   ?= build-fuzz
 FUZZ_SECONDS ?= 180
 fuzz:
+	tools/deps.sh fuzz
 	fuzz/run.sh $(FUZZ_BUILD) $(FUZZ_SECONDS)
 
 demo: all
