@@ -479,7 +479,7 @@ int kisam_pending(const char *path);
  * writes: it stays pending). */
 int kisam_settle(const char *path);
 
-/* Copies the ISAM file at path to dest exactly as it stood at one moment between calls,
+/* kisam_backup copies the ISAM file at path to dest exactly as it stood at one moment between calls,
  * while other processes go on reading and writing it: the copy holds every call that
  * had completed at that moment and none that had not, and opens as a sound file of its
  * own (without the data-changed mark).  Writers of the file wait only while its image is
@@ -491,9 +491,10 @@ int kisam_settle(const char *path);
  * under dest's name and an existing dest as it was.  Attaches (and detaches again) when
  * not attached.  0, or -1 with is_errno: the open's or the control lock's error, or
  * ISE_CREATF (the copy cannot be created or renamed), ISE_RDRD (the file cannot be
- * read), ISE_FLWT (the copy cannot be written or synced), ISE_BTS (verify refused it). */
-int kisam_backup(const char *path, const char *dest, int (*verify)(const char *copy, void *arg),
-                 void *arg, long *held_us);
+ * read), ISE_FLWT (the copy cannot be written or synced), ISE_BTS (verify refused it).
+ * kisam_verify_fn is the type of verify. */
+typedef int (*kisam_verify_fn)(const char *copy, void *arg);
+int kisam_backup(const char *path, const char *dest, kisam_verify_fn verify, void *arg, long *held_us);
 
 /* Bytes that this library lays out in the shared segment after the regions of the
  * configuration record (co_comsize bytes): its own state for a configuration of `files`
