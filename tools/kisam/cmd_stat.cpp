@@ -328,6 +328,12 @@ int cmd_stat(std::vector<std::string> words) {
             print_json(area, id, named);
         else
             print_once(area, id, named);
+        // An output that takes no more (a closed pipe, a full disk) ends the watch; main
+        // reports it unless the reader just went away.
+        if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+            if (!g_write_errno) g_write_errno = errno ? errno : EIO;
+            break;
+        }
     }
     if (ro) ::shmdt(ro);
     return g_interrupted ? EXIT_INTERRUPTED : EXIT_OK;
