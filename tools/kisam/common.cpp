@@ -285,6 +285,11 @@ bool OutputFile::open(const std::string& name) {
     int fd = ::mkstemp(tmp_.data());
     if (fd < 0) {
         tmp_.clear();
+        // A file that may be written in a directory that may not: write it in place.
+        if (exists && (errno == EACCES || errno == EPERM || errno == EROFS)) {
+            f_ = std::fopen(name.c_str(), "w");
+            return f_ != nullptr;
+        }
         return false;
     }
     if (::fchmod(fd, mode) != 0 || !(f_ = ::fdopen(fd, "w"))) {
