@@ -109,18 +109,23 @@ bool out_text(const std::string& text) {
 // A record as a JSON object: its length, its keys' values and its bytes.  Keys and record
 // that are not valid UTF-8 come exactly in keys_base64 and record_base64 as well.
 std::string record_json(const OpenFile& f, std::string_view r) {
-    JsonArray keys, keys64;
+    const auto key = [&](size_t k) {
+        const size_t off = size_t(f.key_offset(int(k)));
+        return off < r.size() ? r.substr(off, size_t(f.keylens[k])) : std::string_view();
+    };
+    JsonArray keys;
     bool exact = true;
     for (size_t k = 0; k < f.keylens.size(); ++k) {
-        const size_t off = size_t(f.key_offset(int(k)));
-        const std::string_view v = off < r.size() ? r.substr(off, size_t(f.keylens[k])) : std::string_view();
-        keys.add(json_str(v));
-        keys64.add('"' + base64(v) + '"');
-        if (utf8_invalid_at(v) != std::string_view::npos) exact = false;
+        keys.add(json_str(key(k)));
+        if (utf8_invalid_at(key(k)) != std::string_view::npos) exact = false;
     }
     JsonObject o;
     o.num("length", long(r.size())).raw("keys", keys.done());
-    if (!exact) o.raw("keys_base64", keys64.done());
+    if (!exact) {
+        JsonArray keys64;
+        for (size_t k = 0; k < f.keylens.size(); ++k) keys64.add('"' + base64(key(k)) + '"');
+        o.raw("keys_base64", keys64.done());
+    }
     return o.str("record", r).done();
 }
 
@@ -672,15 +677,17 @@ int cmd_load(std::vector<std::string> words) {
         fail("load", "stopped at line " + std::to_string(stopped_at) + "; the lines after it were not read");
     if (duplicates > 10) std::fprintf(stderr, "kisam load: ... %llu duplicates in all\n", static_cast<unsigned long long>(duplicates));
     if (bad > 10) std::fprintf(stderr, "kisam load: ... %llu malformed lines in all\n", static_cast<unsigned long long>(bad));
-    if (failed)
-        ;   // reported above; the summary follows
-    else if (in.error())
+    // After a failure of the library (reported above) the rest of the input is unread.
+    if (failed) {
+        // the summary follows
+    } else if (in.error()) {
         rc = read_error();
-    else if (!ended)
+    } else if (!ended) {
         rc = fail("load", inname + ": the dump has no closing line: it may have been cut short");
-    else if (declared >= 0 && uint64_t(declared) != lines)
+    } else if (declared >= 0 && uint64_t(declared) != lines) {
         rc = fail("load", inname + ": the closing line counts " + std::to_string(declared) + " records, the dump holds " +
                               std::to_string(lines) + ": records were lost or added");
+    }
     std::fprintf(stderr, "loaded %llu records into %s", static_cast<unsigned long long>(loaded), file.c_str());
     if (duplicates) std::fprintf(stderr, ", %llu duplicates skipped", static_cast<unsigned long long>(duplicates));
     if (bad) std::fprintf(stderr, ", %llu malformed lines skipped", static_cast<unsigned long long>(bad));
