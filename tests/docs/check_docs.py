@@ -266,6 +266,19 @@ def check_story(src):
         for name in names:
             if not re.search(pattern, texts[name], flags=re.I):
                 faults.append(f"{name}: does not state: {what} (/{pattern}/)")
+    # Every family of ztsupport(3) has its return values and its errors.
+    sections, current = {}, None
+    for line in open(os.path.join(src, "man", "ztsupport.3"), encoding="utf-8"):
+        if line.startswith(".SH "):
+            current = line[4:].strip().strip('"')
+            sections[current] = []
+        elif line.startswith(".SS ") and current is not None:
+            sections[current].append(line[4:].strip())
+    families = sections.get("DESCRIPTION", [])
+    for part in ("RETURN VALUE", "ERRORS"):
+        if sections.get(part) != families:
+            faults.append(f"ztsupport(3): {part} does not take the families of DESCRIPTION in turn: "
+                          f"{sections.get(part)} against {families}")
     for fact, rel in CODE_FACTS:
         if fact not in open(os.path.join(src, rel), encoding="utf-8").read():
             faults.append(f"{rel}: no longer has {fact}, which the documents name")
