@@ -4,8 +4,8 @@
  * Overview (the manual page kisam(3) says the same at more length):
  *
  * Configuration.  Every process of an installation reads one binary configuration file
- * (52 bytes, written by "kisam config init PATH") that sizes the shared area: buffers,
- * files open at once, processes, keys per file.  It is found through the KISCONFIG
+ * (52 bytes, written by "kisam config init PATH" or kisam_config_write()) that sizes the
+ * shared area: buffers, files open at once, processes, keys per file.  It is found through the KISCONFIG
  * setting (environment or settings files), else as "kisamconfig" under the etc_dir
  * setting, else under $HOME_Q9 (the second place only when the first does not exist).
  * The lock file is the configuration file's name with ".lk" appended; without one the
@@ -64,6 +64,12 @@
  *   - Names.  File names are at most 127 characters.
  *   - Configuration changes take effect only once every process has detached and the
  *     shared area has been removed.
+ *   - Side effects of attaching.  The first attach loads the settings store of
+ *     <kisam/ztsupport.h>: it creates $HOME/.Q9, $HOME/Documents, and $HOME_Q9/share and
+ *     $HOME_Q9/tmp with mode 0777 (HOME_Q9 defaults to /usr/q9), a mutex lock file of
+ *     mode 0666 in share, and appends "$HOME_Q9/bin:" to PATH.  Point HOME, HOME_Q9 and
+ *     PROFILEQ9ENV elsewhere before attaching to keep this out of your home; kisam(3)
+ *     has the details.
  */
 #ifndef KISAM_KISAM_H
 #define KISAM_KISAM_H
