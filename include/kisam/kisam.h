@@ -501,13 +501,14 @@ struct kisam_settings {
 
 /* Writes the configuration file path (the 52-byte configuration record for settings; a
  * null settings means KISAM_SETTINGS_DEFAULT) and creates its lock file, path with ".lk"
- * appended, unless it exists.  New files get mode (before the umask; 0 means 0666).
+ * appended, unless it exists.  New files get mode, permission bits only (0 to 0777,
+ * before the umask; 0 means 0666).
  * flags 0 refuses an existing path; KISAM_CONFIG_REPLACE overwrites it in place (a process
  * attaching meanwhile reads the old record or the new one).  Does not attach and needs
  * no attachment; a running installation keeps its area until every process detached.
  * The kernel's limits on shared memory are not consulted.
  * Returns 0, or -1 with errno: EINVAL (null or empty path, a setting out of range,
- * unknown option, flag or mode bits, KISAM_SYNC_ON_MARK or KISAM_CLEAR_ON_RELEASE without
+ * unknown option or flag bits, mode bits beyond 0777, KISAM_SYNC_ON_MARK or KISAM_CLEAR_ON_RELEASE without
  * KISAM_TRACK_CHANGES), ERANGE (the shared area would exceed what the library can lay
  * out: a heap above maxheapsize or a segment above 2 GiB), EEXIST (path exists, without
  * KISAM_CONFIG_REPLACE), ENAMETOOLONG, or the error of open, write or ftruncate.  A file

@@ -65,7 +65,7 @@ bool make_record(const kisam_settings& s, is_config& c) {
 extern "C" KISAM_API int kisam_config_write(const char* path, const struct kisam_settings* settings, int flags,
                                             int mode) {
     static const kisam_settings defaults = KISAM_SETTINGS_DEFAULT;
-    if (path == nullptr || *path == '\0' || (flags & ~kKnownFlags) != 0 || (mode & ~07777) != 0) {
+    if (path == nullptr || *path == '\0' || (flags & ~kKnownFlags) != 0 || (mode & ~0777) != 0) {
         errno = EINVAL;
         return -1;
     }

@@ -134,6 +134,7 @@ TEST_F(ConfigWrite, RefusesBadSettingsWritingNothing) {
     EXPECT_EQ(kisam_config_write("", nullptr, 0, 0), -1);
     EXPECT_EQ(kisam_config_write(cfg_.c_str(), nullptr, 0x2, 0), -1) << "unknown flag";
     EXPECT_EQ(kisam_config_write(cfg_.c_str(), nullptr, 0, 010000), -1) << "not a mode";
+    EXPECT_EQ(kisam_config_write(cfg_.c_str(), nullptr, 0, 04666), -1) << "no set-id bits";
     EXPECT_EQ(errno, EINVAL);
     std::string long_name(PATH_MAX, 'x');
     EXPECT_EQ(kisam_config_write(long_name.c_str(), nullptr, 0, 0), -1);
