@@ -214,8 +214,8 @@ class File:
 
     def count(self, start: Optional[BytesLike] = None, keyno: int = 0, *, to: Optional[BytesLike] = None) -> int:
         """How many records ``scan(start, keyno, to=to)`` would give, counted under the
-        file's control lock, so the figure holds for one moment (other processes' calls
-        on the file wait meanwhile).  It reads the index of the key: time grows with the
+        file's control lock, so the figure holds for one moment (other processes' changes
+        to the file wait meanwhile).  It reads the index of the key: time grows with the
         number of records counted."""
         with LOCK:
             it = _Scan(self, start, keyno, False, to, self.min_record)
