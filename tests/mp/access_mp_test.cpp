@@ -178,16 +178,22 @@ TEST_F(Access, SegmentsFoundAtTheKeyMustBeTheInstallations) {
         mode_t mode;
         uid_t set_owner;   // IPC_SET after creating, or -1
         uid_t victim;      // who attaches (the lock file's owner)
+        gid_t group;       // the lock file's group and mode
+        mode_t lkmode;
         const char* said;
     } cases[] = {
-        {"created first by another user", kNobody, 0600, uid_t(-1), 0, "created by uid 65534"},
-        {"created by another user and given to the owner", kNobody, 0600, 0, 0, "created by uid 65534, owned by uid 0"},
-        {"created by the owner, wider than the lock file", 0, 0666, uid_t(-1), 0, "mode 0666"},
-        {"that the owner may not even look at", kNobody, 0600, uid_t(-1), kDaemon, "may not even look at it"},
+        {"created first by another user", kNobody, 0600, uid_t(-1), 0, 0, 0600, "created by uid 65534"},
+        {"created by another user and given to the owner", kNobody, 0600, 0, 0, 0, 0600,
+         "created by uid 65534, owned by uid 0"},
+        {"created by the owner, wider than the lock file", 0, 0666, uid_t(-1), 0, 0, 0600, "mode 0666"},
+        {"created by the owner, readable by others", 0, 0604, uid_t(-1), 0, 0, 0600, "mode 0604"},
+        {"created by the owner for another group", 0, 0660, uid_t(-1), 0, kDaemon, 0660, "gid 0 with mode 0660"},
+        {"that the owner may not even look at", kNobody, 0600, uid_t(-1), kDaemon, kDaemon, 0600,
+         "may not even look at it"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
-        lock_mode(c.victim, c.victim, 0600);
+        lock_mode(c.victim, c.group, c.lkmode);
         int id = -1;
         auto squat = [&] {
             id = ::shmget(key, size, IPC_CREAT | IPC_EXCL | c.mode);
@@ -266,23 +272,30 @@ TEST_F(Access, PlantedJournalsAreRefused) {
         ASSERT_NE(f, nullptr);
         ASSERT_EQ(std::fwrite(original.data(), 1, original.size(), f), original.size());
         std::fclose(f);
+        // As the installation's own files are: only the link itself can give it away.
+        ASSERT_EQ(::chmod(victim.c_str(), 0600), 0);
     };
 
-    // A link where this process's journal will go: the first changing call fails.
-    plant_victim();
-    const std::string j0 = lock() + ".u0";
-    ASSERT_EQ(::symlink(victim.c_str(), j0.c_str()), 0);
-    int fd = create("f", {4});
-    ASSERT_GE(fd, 0);
-    std::string err = kt::capture_output(2, [&] {
-        EXPECT_EQ(niswrite(fd, const_cast<char*>("0001rest"), 8), -1);
-        EXPECT_EQ(is_errno, ISE_OPENF);
-    });
-    EXPECT_NE(err.find("symbolic link"), std::string::npos) << err;
-    EXPECT_TRUE(slurp(victim) == original);
-    nisclose(fd);
-    nisunisam();
-    ::unlink(j0.c_str());
+    // A link where this process's journal will go, symbolic or hard: the first changing
+    // call fails, and the file linked to is left alone.
+    std::string err;
+    for (bool symbolic : {true, false}) {
+        SCOPED_TRACE(symbolic ? "symbolic link" : "hard link");
+        plant_victim();
+        const std::string j0 = lock() + ".u0";
+        ASSERT_EQ(symbolic ? ::symlink(victim.c_str(), j0.c_str()) : ::link(victim.c_str(), j0.c_str()), 0);
+        int fd = create("f", {4});
+        ASSERT_GE(fd, 0);
+        err = kt::capture_output(2, [&] {
+            EXPECT_EQ(niswrite(fd, const_cast<char*>("0001rest"), 8), -1);
+            EXPECT_EQ(is_errno, ISE_OPENF);
+        });
+        EXPECT_NE(err.find(symbolic ? "symbolic link" : "links 2"), std::string::npos) << err;
+        EXPECT_TRUE(slurp(victim) == original);
+        nisclose(fd);
+        nisunisam();
+        ::unlink(j0.c_str());
+    }
 
     // A journal left holding a unit that names the victim: found when the segment is
     // made anew, it would be rolled back into the victim.
@@ -309,6 +322,7 @@ TEST_F(Access, PlantedJournalsAreRefused) {
     } cases[] = {
         {"owned by another user", kNobody, 0600, false},
         {"wider than the lock file", 0, 0666, false},
+        {"readable by others", 0, 0604, false},
         {"the installation's own", 0, 0600, true},
     };
     for (const Case& c : cases) {
