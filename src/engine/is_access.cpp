@@ -2,7 +2,6 @@
 // checks of what is found in its place (rules in is_access.h).
 #include "is_access.h"
 
-#include "is_common.h"
 #include "os.h"
 
 #include <kisam/ztsupport.h>
@@ -94,6 +93,14 @@ void say_segment(key_t key, int id, const struct shmid_ds* ds, const is_access& 
     }
 }
 
+void access_from(const struct stat& st, is_access* a) {
+    a->owner = st.st_uid;
+    a->group = st.st_gid;
+    a->lkmode = st.st_mode & kPerm;
+    a->shared = is_shared_mode(st.st_mode);
+    a->everyone = (a->shared & 0006) == 0006;
+}
+
 }  // namespace
 
 mode_t is_shared_mode(mode_t lockmode) noexcept {
@@ -107,11 +114,7 @@ mode_t is_shared_mode(mode_t lockmode) noexcept {
 bool is_access_of(int fd, is_access* a) noexcept {
     struct stat st;
     if (kisam::os.fstat(fd, &st) != 0) return false;
-    a->owner = st.st_uid;
-    a->group = st.st_gid;
-    a->lkmode = st.st_mode & kPerm;
-    a->shared = is_shared_mode(st.st_mode);
-    a->everyone = (a->shared & 0006) == 0006;
+    access_from(st, a);
     return true;
 }
 
@@ -163,9 +166,12 @@ int is_shm_open(key_t key, size_t size, const is_access& a, bool* created) noexc
     return id;
 }
 
-int is_open_beside(const char* path, int flags) noexcept {
+int is_open_beside(const char* lockname, const char* path, int flags) noexcept {
+    // By name: a program may look at an installation's journals without attaching it.
     is_access a;
-    if (!is_access_of(is_lockfd, &a)) return -1;
+    struct stat lk;
+    if (::stat(lockname, &lk) != 0) return -1;
+    access_from(lk, &a);
     flags |= O_NOFOLLOW | O_CLOEXEC;
     int fd = -1;
     bool made = false;

@@ -49,10 +49,11 @@ extern bool is_shm_refused;
 // message written) when it is not the installation's.  `created` tells which.
 int is_shm_open(key_t key, size_t size, const struct is_access& a, bool* created) noexcept;
 
-// Opens a file beside the lock file (is_lockfd): never through a symbolic link, never
-// one with other names (hard links).  One it creates (flags with O_CREAT) gets the
+// Opens `path`, a file beside the lock file `lockname` (the configuration file when the
+// installation has no lock file): never through a symbolic link, never one with other
+// names (hard links).  One it creates (flags with O_CREAT) gets the
 // installation's owner, group and mode; one it finds is refused when its owner is not
 // one of the installation's users, or it grants more than the lock file does.  The
 // descriptor, or -1 with errno (ELOOP for a link, EACCES for a file refused; a message
 // says which).
-int is_open_beside(const char* path, int flags) noexcept;
+int is_open_beside(const char* lockname, const char* path, int flags) noexcept;

@@ -140,7 +140,7 @@ bool open_other(int slot, Map& m) noexcept {
     journal_name(name, sizeof name, slot);
     // One that is not the installation's is never read: its page images and the path
     // it names would be written wherever its maker chose.
-    m.fd = is_open_beside(name, O_RDWR);
+    m.fd = is_open_beside(jbase, name, O_RDWR);
     if (m.fd < 0) return false;
     if (!map_fd(m) || m.h->jh_magic != kMagic) {
         unmap(m);
@@ -241,7 +241,7 @@ int open_own() noexcept {
     Map m;
     // Every user of the installation may have to roll this journal back, and nobody else
     // may read it: it gets the lock file's owner, group and shared mode.
-    m.fd = is_open_beside(name, O_RDWR | O_CREAT);
+    m.fd = is_open_beside(jbase, name, O_RDWR | O_CREAT);
     if (m.fd < 0) return fail(3, ISE_OPENF);
     struct stat st;
     if (kisam::os.fstat(m.fd, &st) != 0) {

@@ -158,7 +158,7 @@ std::string describe_access(int fd) {
         struct passwd* p = ::getpwuid(st.st_uid);
         who = "the user " + (p ? std::string(p->pw_name) : std::to_string(st.st_uid)) + " alone";
     }
-    return who + " (lock file mode " + mode + "; the shared area and journals get the same)";
+    return who + " (lock file mode " + mode + ": the shared area and the journals follow it)";
 }
 
 int config_init(std::vector<std::string> words) {
