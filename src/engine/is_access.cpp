@@ -25,7 +25,7 @@ inline mode_t lock_bits(const is_access& a) { return a.lkmode & 0666; }
 // Whether the group database makes uid a member of gid (its primary group or a
 // supplementary one).  Asked only about a user other than the owner, root and this
 // process's user, so only when a group installation meets a second member.
-bool member_of(uid_t uid, gid_t gid) noexcept {
+bool lookup_member(uid_t uid, gid_t gid) noexcept {
     long want = ::sysconf(_SC_GETPW_R_SIZE_MAX);
     size_t len = want > 0 ? static_cast<size_t>(want) : 4096;
     struct passwd pw, *res = nullptr;
@@ -53,6 +53,23 @@ bool member_of(uid_t uid, gid_t gid) noexcept {
         }
     }
     std::free(buf);
+    return yes;
+}
+
+// lookup_member, remembered: after a death every slot's journal is looked at, and the
+// group database need not be asked about the same user each time.
+bool member_of(uid_t uid, gid_t gid) noexcept {
+    struct Known {
+        uid_t uid;
+        gid_t gid;
+        bool yes;
+    };
+    static Known known[16];
+    static unsigned n = 0;
+    for (unsigned i = 0; i < n && i < 16; ++i)
+        if (known[i].uid == uid && known[i].gid == gid) return known[i].yes;
+    const bool yes = lookup_member(uid, gid);
+    known[n++ % 16] = {uid, gid, yes};
     return yes;
 }
 

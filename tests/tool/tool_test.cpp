@@ -73,6 +73,7 @@ TEST_F(Tool, ConfigurationForOneUserOneGroupOrEveryone) {
                  {"all", 0644, 0666, "every user of this host (lock file mode 0666)"}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.access);
+        if (c.access == "group:65534" && ::geteuid() != 0) continue;  // only members and root may
         ::unlink((cfg + ".lk").c_str());
         ::unlink((cfg + ".lk.u0").c_str());
         Result r = run({"config", "init", cfg, "--buffers", "32", "--files", "8", "--users", "8", "--force",
