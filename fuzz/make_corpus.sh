@@ -34,8 +34,8 @@ records() {   # COUNT SIZE,SIZE,... -> lines
     }'
 }
 
-rm -rf "$corpus"/{isam,config,load,import,parm,cfentry,vallist,profile,salvage}
-mkdir -p "$corpus"/{isam,config,load,import,parm,cfentry,vallist,profile,salvage}
+rm -rf "$corpus"/{isam,config,load,import,parm,cfentry,vallist,profile,salvage,write}
+mkdir -p "$corpus"/{isam,config,load,import,parm,cfentry,vallist,profile,salvage,write}
 
 # ---- ISAM files ------------------------------------------------------------------------
 f="$work/one_key";     k create "$f" 8;        records 30 "12,40,90,300" | k put "$f" - >/dev/null
@@ -54,6 +54,20 @@ done
 # Salvage reads damaged files: one cut inside a page, one without its control page.
 head -c 9000 "$work/three_keys" >"$corpus/salvage/three_keys_cut"
 { head -c 512 /dev/zero; tail -c +513 "$work/key_in_index"; } >"$corpus/salvage/key_in_index_no_control"
+
+# ---- writes on damaged files (fuzz_write.cpp): byte 0 the number of 4-byte commands,
+# the commands, then a sound image.  The calls: writes, an update, a delete, reads along
+# keys, a seek, a find, a forced write, a flush; before them, one kind of damage or none.
+f="$work/keys_8_12_4"; k create "$f" 8,12,4;   records 30 "24,60,1100,30,2500" | k put "$f" - >/dev/null
+k check "$f" >/dev/null
+calls='\x00\x01\x00\x05\x00\x02\x00\x07\x03\x01\x02\x10\x05\x02\x00\x00\x06\x00\x00\x01\x08\x00\x01\x01'
+calls+='\x09\x00\x01\x00\x0a\x03\x00\x00\x02\x01\x03\x20\x0b\x00\x00\x00\x04\x05\x01\x27\x07\x00\x02\x01'
+for f in one_key three_keys key_in_index small_header empty two_levels keys_8_12_4; do
+    { printf '\x0c'; printf "$calls"; cat "$work/$f"; } >"$corpus/write/$f"
+done
+for d in flip:'\x0c\x00\x80\x07' cut:'\x0d\x02\x00\x00' short:'\x0e\x03\x40\x00' zeroed:'\x0f\x01\x00\x00'; do
+    { printf '\x0d'; printf "${d#*:}"; printf "$calls"; cat "$work/keys_8_12_4"; } >"$corpus/write/keys_8_12_4_${d%%:*}"
+done
 
 # ---- CSV for import: the first byte chooses the options (fuzz_import.cpp) ----------------
 imp="$corpus/import"

@@ -16,7 +16,7 @@ build="${1:-build-fuzz}"
 seconds="${2:-${FUZZ_SECONDS:-180}}"
 shift $(( $# > 2 ? 2 : $# ))
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(isam config parm cfentry vallist profile load import salvage)
+[ ${#targets[@]} -gt 0 ] || targets=(isam config parm cfentry vallist profile load import salvage write)
 jobs="${FUZZ_JOBS:-1}"
 
 command -v clang++ >/dev/null || { echo "fuzz: clang++ is needed (Debian: clang, libclang-rt-dev)" >&2; exit 1; }
@@ -31,7 +31,7 @@ cmake --build "$build" -j "$(nproc)" --target "${targets[@]/#/fuzz_}" >"$build/b
 
 # Largest input per target: ISAM images and dumps of a few dozen pages; text files of a
 # few pages.
-declare -A max_len=([isam]=65536 [salvage]=65536 [load]=65536 [import]=65536 [config]=512)
+declare -A max_len=([isam]=65536 [write]=65536 [salvage]=65536 [load]=65536 [import]=65536 [config]=512)
 # Private temporary files of the harnesses; a killed run may leave its sandbox here.
 # In memory where the machine has it: the text targets write their input to a file on
 # every run, and a disk's metadata writes would leave the fuzzer waiting.

@@ -238,10 +238,13 @@ void niscr_ctl(int keyopt, int magicv);
 /* Creates filename with nkeys keys of the lengths key_lens[0 .. nkeys-1] (bytes, each at
  * least 1) and opens it read-write.  A negative nkeys means -nkeys keys with key 0 kept
  * only in its index whatever niscr_ctl chose.  nkeys 0 makes a file without keys, which
- * holds no records.  An existing file of that name is replaced (truncated) unless some
- * process has it open, which fails with ISE_CREATEISOPEN; between processes that check
- * is advisory (nothing holds the name between the check and the creation).  The file is
- * created with mode 0666 less the umask.  Attaches first when not attached.
+ * holds no records.  An existing file of that name is replaced unless some process has
+ * it open, which fails with ISE_CREATEISOPEN; between processes that check is advisory
+ * (nothing holds the name between the check and the creation).  The file is created with
+ * mode 0666 less the umask (a replaced file's permissions are kept), written under a
+ * temporary name beside it and renamed into place: a create that fails leaves no new
+ * file, and a file it would have replaced stays as it was.  Attaches first when not
+ * attached.
  * The longest key: its index item (length rounded up to even, plus key 0's length rounded
  * up to even, or plus 4 for key 0) must be at most 504 bytes; so key 0 is at most 500.
  * Returns the new descriptor (>= 0), or -1 with is_errno:

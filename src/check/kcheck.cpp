@@ -55,15 +55,27 @@ int bt_order_of(int itemlen) {
     return order < 2 ? -1 : order;
 }
 
-// Problems of a key descriptor that make its pages unreadable, or empty.
-std::string key_problem(const IS_KEY& k) {
-    const int even = (k.k_keylen + 1) & ~1;
-    if (k.k_keylen < 1) return fmt("k_keylen %d", k.k_keylen);
-    if (k.k_offset != even) return fmt("k_offset %d for k_keylen %d", k.k_offset, k.k_keylen);
-    if (k.k_itemlen < k.k_offset || (k.k_itemlen & 1)) return fmt("k_itemlen %d", k.k_itemlen);
+// Problems of a key descriptor that make its pages unreadable, or empty.  Every field
+// that sizes a copy (an item, its compared part, the key 0 value it carries) must be
+// the one creation derives from the key lengths: a field that disagrees with the others
+// would have the checks copy past an item, so the file is damaged and the field named.
+std::string key_problem(const IS_KEY& k, int keyno, const IS_KEY& k0) {
+    auto even = [](int n) { return (n + 1) & ~1; };
+    if (k.k_keylen < 1 || k.k_keylen > kPageSize) return fmt("k_keylen %d", k.k_keylen);
+    if (keyno > 0 && (k0.k_keylen < 1 || k0.k_keylen > kPageSize))
+        return fmt("k_keylen %d of key 0", k0.k_keylen);
+    const int l0 = k0.k_keylen;
+    if (k.k_offset != even(k.k_keylen)) return fmt("k_offset %d for k_keylen %d", k.k_offset, k.k_keylen);
+    const int itemlen = keyno == 0 ? even(l0) + 4 : even(k.k_keylen) + even(l0);
+    if (k.k_itemlen != itemlen)
+        return fmt("k_itemlen %d, not %d for k_keylen %d and key 0's %d", k.k_itemlen, itemlen,
+                   k.k_keylen, l0);
     if (k.k_order != bt_order_of(k.k_itemlen))
         return fmt("k_order %d for k_itemlen %d", k.k_order, k.k_itemlen);
-    if (k.k_ncomp < 1 || k.k_ncomp > k.k_itemlen) return fmt("k_ncomp %d", k.k_ncomp);
+    const int ncomp = keyno == 0 ? l0 : even(k.k_keylen) + l0;
+    if (k.k_ncomp != ncomp)
+        return fmt("k_ncomp %d, not %d for k_offset %d and key 0's k_keylen %d", k.k_ncomp, ncomp,
+                   k.k_offset, l0);
     return {};
 }
 
@@ -200,10 +212,17 @@ bool check_control(const FileImage& img, Report& rep) {
     if (static_cast<long long>(img.lastpage) > end)
         return rep.fail(fmt("control page: is_lastpage %u lies beyond the end of the file (%lld)",
                             img.lastpage, end));
+    int sum = 0;
     for (int k = 0; k < img.nkeys; ++k) {
-        std::string why = key_problem(img.keys[static_cast<size_t>(k)]);
+        std::string why = key_problem(img.keys[static_cast<size_t>(k)], k, img.keys[0]);
         if (!why.empty()) return rep.fail(fmt("control page: key %d: %s", k, why.c_str()));
+        sum += img.keys[static_cast<size_t>(k)].k_keylen;
     }
+    // Every record holds all key values: the data check reads them from its first
+    // is_minrec bytes.
+    if (img.nkeys > 0 && img.minrec < sum)
+        return rep.fail(fmt("control page: is_minrec %d is less than the key lengths' sum %d",
+                            img.minrec, sum));
     return true;
 }
 

@@ -56,7 +56,11 @@ int is_delete(const char* primekey) noexcept {
     char* temp = is_curdb->temp;
     std::memset(temp, 0, static_cast<size_t>(k0->k_itemlen));
     std::memcpy(temp, primekey, static_cast<size_t>(k0->k_keylen));
-    if (bt_search(0, k0->k_root, 5, temp, 0) != 1) return is_raise(ISE_NOKEY, PROC(P_IS_DELETE, 2));
+    // Only a search that ran and found nothing means "no such record"; a search that
+    // failed (a page that could not be read) keeps its own code and stack.
+    const int found = bt_search(0, k0->k_root, 5, temp, 0);
+    if (found < 0) return is_push(PROC(P_IS_DELETE, 2));
+    if (found != 1) return is_raise(ISE_NOKEY, PROC(P_IS_DELETE, 2));
     const PAGE addr = load_at<PAGE>(temp + k0->k_offset);
 
     if (fcp->is_nkeys < 2) return delete_items(primekey, nullptr, addr);

@@ -34,6 +34,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <sys/ipc.h>
+#include <sys/shm.h>
 #include <unistd.h>
 
 #include "os.h"
@@ -86,6 +87,18 @@ int foreign_segment(Fail& fail) noexcept {
            "library keeps in it; it can be used once every program attached to it has "
            "detached\n", is_shmid);
     return fail(ISE_INITERR, 14);
+}
+
+// Whether the segment shmid of `size` bytes holds the documented header of this version
+// and the extension area laid out for it: looked at through a read-only attachment.
+bool segment_has_area(int shmid, size_t size) noexcept {
+    void* p = ::shmat(shmid, nullptr, SHM_RDONLY);
+    if (p == reinterpret_cast<void*>(-1)) return false;
+    const auto* com = static_cast<const struct isam_com*>(p);
+    const bool ours = com->iscom_magicval == ISCOM_MAGIC && com->iscom_version == ISCOM_VERSION &&
+                      isx_find(static_cast<char*>(p), size) != nullptr;
+    ::shmdt(p);
+    return ours;
 }
 
 // The last configuration file name kiopenconfigfile tried, for kisam_config_path; empty
@@ -207,9 +220,15 @@ extern "C" KISAM_API int is_init(void) {
     char* base = getcomm(key, static_cast<int>(whole), jn_leftover, &acc);
     if (base == reinterpret_cast<char*>(-1)) {
         if (is_shm_refused) return fail(ISE_INITERR, 16);
-        // A segment that is too small for the area is one a library without it made.
-        if (is_shmsize > 0 && is_shmsize < static_cast<size_t>(conf.co_comsize) + xsize)
-            return foreign_segment(fail);
+        // A segment too small for this configuration: one that this library made for a
+        // smaller configuration (the system's own refusal stands, with how to get rid of
+        // the old segment), or one that a library without the area made.
+        if (is_shmsize > 0 && is_shmsize < static_cast<size_t>(conf.co_comsize) + xsize) {
+            if (!segment_has_area(is_shmid, is_shmsize)) return foreign_segment(fail);
+            VError("kisam: a shared area of the old size (%zu bytes, shmid %d) is still there; "
+                   "once no program uses it, remove it with `ipcrm -m %d`\n",
+                   is_shmsize, is_shmid, is_shmid);
+        }
         return fail(ISE_INITERR, 4);
     }
     if (::setuid(::getuid()) != 0) { /* already the real user */ }

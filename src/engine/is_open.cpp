@@ -13,6 +13,7 @@
 //   iscreate (0x32)  8  ISE_CREATF: null name, or a name longer than 127 characters
 //                    9  ISE_DEADLOCK: the wait for opcl_lock was refused
 //                    3, 4 ISE_INVKL also for a key length below 1 or no length table
+//                    7  ISE_CREATF also when the new file cannot be renamed into place
 #include "bt_key.h"
 #include "fcp.h"
 #include "is_common.h"
@@ -27,9 +28,12 @@
 #include "v_pool.h"
 
 #include <cerrno>
+#include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 short n_ufiles = 0;
@@ -122,6 +126,162 @@ bool key_table_ok(const IS_FCP* fcp) {
     }
     return fcp->is_minrec >= sum;
 }
+
+// Puts a new file's control page at a name.  The page is written into a file made
+// beside the target and renamed over it once complete, so that a create that fails
+// leaves nothing new behind and the file it would have replaced stays as it was; the
+// replaced file is kept under a second link until the new one has been opened, so that
+// a failed open gives it back too.  A name that a rename cannot replace as a truncation
+// would -- not a regular file, a file with other links, a link to nowhere, or a file in
+// a directory where no new name can be made -- is truncated and written in place, and
+// then only a file that the create itself made is removed again.
+class NewFile {
+public:
+    NewFile() = default;
+    NewFile(const NewFile&) = delete;
+    NewFile& operator=(const NewFile&) = delete;
+
+    // Writes the n bytes of image as the file `name`: 0, or the iscreate detail of the
+    // step that failed (5 making the file, 6 writing it, 7 completing it).
+    int make(const char* name, const char* image, size_t n) noexcept {
+        name_ = name;
+        const int saved = errno;  // a name that does not exist yet is no failure
+        struct stat st, lst;
+        existed_ = ::stat(name, &st) == 0;
+        is_link_ = ::lstat(name, &lst) == 0 && S_ISLNK(lst.st_mode);
+        errno = saved;
+        bool replace = existed_ ? S_ISREG(st.st_mode) && st.st_nlink == 1 : !is_link_;
+        if (replace && is_link_) replace = ::realpath(name, target_) != nullptr;
+        else if (replace) replace = fits(target_, "%s", name);
+        if (replace) {
+            const char* slash = std::strrchr(target_, '/');
+            const int dirlen = slash ? static_cast<int>(slash - target_ + 1) : 0;
+            const char* base = target_ + dirlen;
+            const int pid = static_cast<int>(::getpid());
+            replace = fits(temp_, "%.*s.%s.new-%d", dirlen, target_, base, pid) &&
+                      fits(backup_, "%.*s.%s.old-%d", dirlen, target_, base, pid);
+        }
+        errno = saved;
+        if (replace) {
+            // Creating must be allowed to write the file it replaces, as when it truncates.
+            if (existed_) {
+                const int fd = kisam::os_open(target_, O_WRONLY | O_CLOEXEC);
+                if (fd < 0) return 5;
+                kisam::os_close(fd);
+            }
+            int fd = kisam::os_open(temp_, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+            if (fd < 0 && errno == EEXIST) {  // left by a process of this id that died
+                ::unlink(temp_);
+                fd = kisam::os_open(temp_, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+            }
+            if (fd >= 0) return replace_with(fd, st, image, n);
+            if (!existed_) return 5;
+        }
+        return in_place(image, n);
+    }
+
+    // The create is complete: the replaced file is let go.
+    void keep() noexcept {
+        if (backup_made_) ::unlink(backup_);
+        backup_made_ = false;
+    }
+
+    // The new file could not be opened: the name goes back to what it was.
+    void undo() noexcept {
+        const int saved = errno;
+        if (backup_made_) {
+            kisam::os.rename(backup_, target_);
+            backup_made_ = false;
+        } else if (!existed_) {
+            // Only the file this create made: another process may have put its own there.
+            // Through a link to nowhere the file made is the one the link names.
+            struct stat st;
+            const char* made = name_;
+            if (is_link_ && ::realpath(name_, target_) != nullptr) made = target_;
+            if (::stat(made, &st) == 0 && st.st_dev == made_dev_ && st.st_ino == made_ino_)
+                ::unlink(made);
+        }
+        errno = saved;
+    }
+
+private:
+    template <class... A>
+    static bool fits(char (&buf)[PATH_MAX], const char* f, A... a) noexcept {
+        const int n = std::snprintf(buf, sizeof buf, f, a...);
+        return n > 0 && static_cast<size_t>(n) < sizeof buf;
+    }
+
+    bool write_image(int fd, const char* image, size_t n, int* detail) noexcept {
+        struct stat st;
+        if (::fstat(fd, &st) == 0) {
+            made_dev_ = st.st_dev;
+            made_ino_ = st.st_ino;
+        }
+        if (kisam::os_pwrite_full(fd, image, n, 0) != 0) {
+            const int e = errno;
+            kisam::os_close(fd);
+            errno = e;
+            *detail = 6;
+            return false;
+        }
+        if (kisam::os_close(fd) != 0) {
+            *detail = 7;
+            return false;
+        }
+        return true;
+    }
+
+    int replace_with(int fd, const struct stat& old, const char* image, size_t n) noexcept {
+        if (existed_) {
+            // The replacement keeps the permissions (and, where allowed, the owner) that
+            // a truncation would have kept.
+            if (::fchmod(fd, old.st_mode & 07777) != 0) { /* the creation mode stays */ }
+            if (::geteuid() == 0 && ::fchown(fd, old.st_uid, old.st_gid) != 0) { /* ours */ }
+        }
+        int detail = 0;
+        if (!write_image(fd, image, n, &detail)) {
+            remove_temp();
+            return detail;
+        }
+        if (existed_) {
+            ::unlink(backup_);
+            backup_made_ = ::link(target_, backup_) == 0;
+        }
+        if (kisam::os.rename(temp_, target_) != 0) {
+            remove_temp();
+            keep();
+            return 7;
+        }
+        return 0;
+    }
+
+    int in_place(const char* image, size_t n) noexcept {
+        const int fd = kisam::os_open(name_, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+        if (fd < 0) return 5;
+        int detail = 0;
+        if (!write_image(fd, image, n, &detail)) {
+            undo();
+            return detail;
+        }
+        return 0;
+    }
+
+    void remove_temp() noexcept {
+        const int saved = errno;
+        ::unlink(temp_);
+        errno = saved;
+    }
+
+    const char* name_ = nullptr;
+    bool existed_ = false;
+    bool is_link_ = false;
+    bool backup_made_ = false;
+    dev_t made_dev_ = 0;
+    ino_t made_ino_ = 0;
+    char target_[PATH_MAX] = {};
+    char temp_[PATH_MAX] = {};
+    char backup_[PATH_MAX] = {};
+};
 
 bool same_file(const IS_FCP* fcp, const file_info& fi) {
     return fcp->jd_ino == static_cast<uint64_t>(fi.f_inode) &&
@@ -221,16 +381,17 @@ KISAM_API int niscreate(const char* filename, int nkeys, const int* key_lens) {
     }
     fcp->is_minrec = static_cast<int16_t>(minrec);
 
-    int fd = kisam::os_open(filename, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (fd < 0) return fail(ISE_CREATF, 5);
-    if (kisam::os_pwrite_full(fd, fcp_scratch + IS_FCP_JDSIZE, kisam::kFcpImage, 0) != 0) {
-        kisam::os_close(fd);
-        return fail(ISE_CREATF, 6);
-    }
-    if (kisam::os_close(fd) != 0) return fail(ISE_CREATF, 7);
+    NewFile made;
+    if (int detail = made.make(filename, fcp_scratch + IS_FCP_JDSIZE, kisam::kFcpImage))
+        return fail(ISE_CREATF, detail);
 
     is_isout();
-    return nisopen(filename, ISO_RDWR);
+    const int isfd = nisopen(filename, ISO_RDWR);
+    if (isfd < 0)
+        made.undo();
+    else
+        made.keep();
+    return isfd;
 }
 
 KISAM_API int nisopen(const char* filename, int access) {

@@ -4,6 +4,7 @@
 #include "os.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <sys/shm.h>
 #include <unistd.h>
 
@@ -21,7 +22,7 @@ int real_ftruncate(int fd, off_t len) { return ::ftruncate(fd, len); }
 
 const os_table os_real = {
     ::pread, ::pwrite, ::fdatasync, real_fcntl_lock, ::shmget, real_open, real_fstat,
-    real_fallocate, real_ftruncate,
+    real_fallocate, real_ftruncate, ::rename,
 };
 os_table os = os_real;
 

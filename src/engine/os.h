@@ -22,6 +22,7 @@ struct os_table {
     int (*fstat)(int, struct stat*);
     int (*fallocate)(int fd, off_t off, off_t len);  // posix_fallocate: 0 or an error number
     int (*ftruncate)(int fd, off_t len);
+    int (*rename)(const char* from, const char* to);
 };
 // The live table; tests may replace entries and must restore them.
 extern os_table os;

@@ -100,4 +100,41 @@ TEST_F(IsInit, SegmentsWithoutTheExtensionAreaAreRefused) {
     }
 }
 
+// A configuration enlarged while a program still holds the segment of the old size: the
+// system's own refusal (shmget's EINVAL, detail 4), and a line that names the old
+// segment and how to remove it -- not the refusal of a foreign segment, which this
+// library made.  Once the old segment is gone the larger configuration starts.
+TEST_F(IsInit, AnEnlargedConfigurationNamesTheOldSegment) {
+    kt::Config c;
+    start(c);
+    ASSERT_EQ(is_init(), 0);
+    const int old = ::shmget(inst_->key(), 0, 0);
+    ASSERT_GE(old, 0);
+    kt::Config bigger = c;
+    bigger.maxbuf = static_cast<int16_t>(c.maxbuf * 4);
+    kt::write_config(inst_->config_path(), bigger);
+    // In a process that has not attached: its message goes to the parent on stdout.
+    int st = -1;
+    const std::string out = kt::capture_output(1, [&] {
+        st = kt::run_child([] {
+            ot::become_unattached();
+            int r = 0;
+            const std::string err = kt::capture_output(2, [&] { r = is_init(); });
+            if (::write(1, err.data(), err.size()) < 0) return 13;
+            if (r != -1 || isam_com != nullptr) return 10;
+            if (is_errno != ISE_INITERR) return 11;
+            return stack_code() == 0x2204 ? 0 : 12;
+        });
+    });
+    EXPECT_EQ(st, 0) << out;
+    EXPECT_NE(out.find("shmget fail. errno = 22"), std::string::npos) << out;
+    EXPECT_EQ(out.find("made by a library without"), std::string::npos) << out;
+    EXPECT_NE(out.find("old size"), std::string::npos) << out;
+    EXPECT_NE(out.find("ipcrm -m " + std::to_string(old)), std::string::npos) << out;
+    nisunisam();
+    ASSERT_LT(::shmget(inst_->key(), 0, 0), 0);
+    ASSERT_EQ(is_init(), 0);
+    EXPECT_EQ(isam_com->maxbufs, bigger.maxbuf);
+}
+
 }  // namespace

@@ -3,8 +3,16 @@
 #include "open_fixture.h"
 
 #include "is_file.h"
+#include "kcheck.h"
+#include "os.h"
 
+#include <dirent.h>
 #include <sys/shm.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
 
 namespace {
 
@@ -159,3 +167,126 @@ TEST_F(Open, OpenAttachesOnItsOwnAndUnisamDetaches) {
 }
 
 }  // namespace
+
+// A create that fails at any system call leaves nothing new behind: every call that
+// niscreate makes through the OS layer (opens, writes, reads, status queries, the
+// rename) fails in turn.  On a new name no file stays; over an existing file the file
+// stays byte for byte as it was.  A create that succeeds made a sound empty file.
+namespace create_sweep {
+
+int at = 0, calls = 0;   // the call to fail (0: none), calls so far
+const char* what = "";
+bool fails(const char* kind) {
+    if (++calls != at) return false;
+    what = kind;
+    errno = EIO;
+    return true;
+}
+int f_open(const char* p, int fl, mode_t m) { return fails("open") ? -1 : kisam::os_real.open(p, fl, m); }
+ssize_t f_pread(int fd, void* b, size_t n, off_t o) { return fails("pread") ? -1 : kisam::os_real.pread(fd, b, n, o); }
+ssize_t f_pwrite(int fd, const void* b, size_t n, off_t o) {
+    return fails("pwrite") ? -1 : kisam::os_real.pwrite(fd, b, n, o);
+}
+int f_fstat(int fd, struct stat* st) { return fails("fstat") ? -1 : kisam::os_real.fstat(fd, st); }
+int f_rename(const char* a, const char* b) { return fails("rename") ? -1 : kisam::os_real.rename(a, b); }
+
+std::vector<std::string> listing(const std::string& dir) {
+    std::vector<std::string> names;
+    if (DIR* d = ::opendir(dir.c_str())) {
+        while (dirent* e = ::readdir(d)) names.emplace_back(e->d_name);
+        ::closedir(d);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::string contents(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+}  // namespace create_sweep
+
+TEST_F(Open, ACreateThatFailsLeavesNothingNewBehind) {
+    namespace cs = create_sweep;
+    const int lens[3] = {8, 12, 4};
+    const std::string f = path("made");
+    const std::string dir = inst_->dir();
+    // niscreate with the nth call failing (0: none); its result.
+    auto create = [&](int n) {
+        cs::calls = 0;
+        cs::at = n;
+        kisam::os.open = cs::f_open;
+        kisam::os.pread = cs::f_pread;
+        kisam::os.pwrite = cs::f_pwrite;
+        kisam::os.fstat = cs::f_fstat;
+        kisam::os.rename = cs::f_rename;
+        is_errno = 0;
+        const int fd = niscreate(f.c_str(), 3, const_cast<int*>(lens));
+        kisam::os = kisam::os_real;
+        return fd;
+    };
+    for (bool existing : {false, true}) {
+        ::unlink(f.c_str());
+        std::string old;
+        if (existing) {
+            int fd = niscreate(f.c_str(), 3, const_cast<int*>(lens));
+            ASSERT_GE(fd, 0);
+            std::string r(40, 'x');
+            for (int i = 0; i < 30; ++i) {
+                std::snprintf(&r[0], 9, "%08d", i);
+                ASSERT_EQ(niswrite(fd, r.data(), static_cast<int>(r.size())), 0);
+            }
+            ASSERT_EQ(nisclose(fd), 0);
+            old = cs::contents(f);
+        }
+        // Puts the name back as it was before the create.
+        auto restore = [&] {
+            nisunisam();   // each create attaches afresh: start-up's calls fail in turn too
+            ::unlink(f.c_str());
+            if (existing) {
+                std::ofstream(f, std::ios::binary) << old;
+                ASSERT_EQ(::chmod(f.c_str(), 0640), 0);
+            }
+        };
+        restore();
+        const std::vector<std::string> before = cs::listing(dir);
+
+        int fd = create(0);
+        ASSERT_GE(fd, 0);
+        const int total = cs::calls;
+        ASSERT_GT(total, 3);
+        nisclose(fd);
+        struct stat st;
+        ASSERT_EQ(::stat(f.c_str(), &st), 0);
+        if (existing) {
+            EXPECT_EQ(st.st_mode & 0777, 0640u) << "the replaced file's permissions";
+        }
+        restore();
+
+        int failed = 0;
+        for (int n = 1; n <= total; ++n) {
+            SCOPED_TRACE(std::string(existing ? "over a file" : "new name") + ", call " +
+                         std::to_string(n) + " of " + std::to_string(total));
+            fd = create(n);
+            if (fd >= 0) {
+                // The fault fell on a call whose failure the create rode out.
+                std::printf("[ sweep    ] call %d (%s) failed, the create went on\n", n, cs::what);
+                ASSERT_EQ(nisclose(fd), 0);
+                kisam::check::Report rep = kisam::check::check_file(f);
+                ASSERT_TRUE(rep.ok) << rep.error;
+            } else {
+                ++failed;
+                EXPECT_GT(is_errno, 0);
+                EXPECT_EQ(cs::listing(dir), before) << "a failed create left a file behind";
+                if (existing) {
+                    EXPECT_TRUE(cs::contents(f) == old) << "a failed create changed the file";
+                }
+            }
+            restore();
+        }
+        EXPECT_GT(failed, 0);
+        std::printf("[ sweep    ] create %s: %d calls, %d failed creates\n",
+                    existing ? "over a file" : "of a new name", total, failed);
+    }
+}

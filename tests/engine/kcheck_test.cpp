@@ -127,3 +127,56 @@ TEST(Kcheck, FreeChainDamage) {
     expect_violation(disk, {second}, [](auto& p) { p[0].fp.fp_ident = 5; }, "is not marked free");
     expect_violation(disk, {second}, [](auto& p) { p[0].c[10] = 0; }, "filler bytes");
 }
+
+// Every control-page field that sizes a copy is checked against the others before any
+// page is read: a key table whose fields disagree is damage, with the field named --
+// never a copy past an item, and never "sound".  The file: keys of 8, 12 and 4 bytes,
+// with records, so that the data check pairs every alternate item with its record.
+TEST(Kcheck, ControlPageFieldsThatDisagreeAreNamed) {
+    btt::BtFile f(1024, {8, 12, 4});
+    ASSERT_TRUE(f.ok());
+    std::string r(60, 'r');
+    for (int i = 0; i < 40; ++i) {
+        char k[32];
+        std::snprintf(k, sizeof k, "%08d%012d%04d", i, 1000 - i, i % 7);
+        std::memcpy(&r[0], k, 24);
+        ASSERT_EQ(niswrite(f.fd(), r.data(), static_cast<int>(r.size())), 0);
+    }
+    ASSERT_EQ(nisflush(f.fd()), 0);
+    ASSERT_TRUE(kc::check_file(f.path()).ok);
+
+    // (byte of the control page, 16-bit value, what the report names)
+    const int key1 = 100 + 16;
+    struct Case {
+        int at;
+        int16_t value;
+        const char* named;
+    } cases[] = {
+        {key1 + 12, 7, "key 1: k_ncomp 7"},         // the reported image: 20 -> 7
+        {key1 + 12, 40, "key 1: k_ncomp 40"},
+        {key1 + 10, 16, "key 1: k_itemlen 16"},
+        {key1 + 8, 14, "key 1: k_offset 14"},
+        {key1 + 6, 13, "key 1: k_offset 12 for k_keylen 13"},
+        {100 + 6, 9, "key 0: k_offset 8 for k_keylen 9"},
+        {100 + 6, 6, "key 0: k_offset 8 for k_keylen 6"},
+        {100 + 12, 9, "key 0: k_ncomp 9"},
+        {100 + 4, 3, "key 0: k_order 3"},
+        {86, 23, "is_minrec 23"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.named);
+        int fd = ::open(f.path().c_str(), O_RDWR);
+        int16_t old;
+        ASSERT_EQ(::pread(fd, &old, 2, c.at), 2);
+        ASSERT_EQ(::pwrite(fd, &c.value, 2, c.at), 2);
+        kc::Report rep = kc::check_file(f.path());
+        EXPECT_FALSE(rep.ok);
+        EXPECT_NE(rep.error.find(c.named), std::string::npos) << rep.error;
+        std::vector<std::string> items;
+        std::string err;
+        EXPECT_EQ(kc::list_items(f.path(), 1, &items, &err), -1);
+        ASSERT_EQ(::pwrite(fd, &old, 2, c.at), 2);
+        ::close(fd);
+    }
+    EXPECT_TRUE(kc::check_file(f.path()).ok);
+}
