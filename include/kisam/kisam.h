@@ -131,7 +131,10 @@ extern "C" {
  * and again for about a second, it returns -1 with this code and this process then
  * holds the file's control lock no more, also where it had taken it with nisgetctl
  * (a later nisrelctl is harmless).  It has no text of its own: reports use the
- * "isam error #31" form followed by the system error. */
+ * "isam error #31" form followed by the system error.  Wherever a call may fail with
+ * ISE_DEADLOCK, it may also fail, in the same way and holding nothing new, with
+ * KISAM_ISE_LOCKFAIL (the lock call itself failed) and, when the program asked for it
+ * with kisam_set_wait_hook, KISAM_ISE_INTERRUPTED (see Waiting for locks below). */
 #define ISE_DEADLOCK      31
 
 /* ---- open access flags (nisopen's access argument) ----
