@@ -37,10 +37,13 @@ test-asan asan: deps-test
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest --output-on-failure -j $(JOBS)
 
 # Processes killed under load, at length: KILLS kills in each of the two kill tests
-# (10,000 in all by default), every worker's calls checked; prints the figures.
+# (10,000 in all by default), every worker's calls checked; then ABANDON_CALLS calls of
+# which many are abandoned part way by a signal handler's jump; prints the figures.
 KILLS ?= 5000
+ABANDON_CALLS ?= 1000000
 soak: all
 	cd $(BUILD) && KISAM_KILLS=$(KILLS) ./tests/kill_mp_test
+	cd $(BUILD) && KISAM_ABANDON_CALLS=$(ABANDON_CALLS) ./tests/abandon_mp_test
 
 # Fuzz targets (clang, libFuzzer, sanitizers) in their own tree, each run FUZZ_SECONDS.
 FUZZ_BUILD   ?= build-fuzz

@@ -465,6 +465,39 @@ int kisam_reap(int *pids, int maxpids);
  * -1 when not attached.  Null pointers are skipped. */
 int kisam_recovery_stats(unsigned *cleaned, unsigned *rolledback, int *recent, int maxrecent);
 
+/* Whether a call on the file at path was cut short (its process killed, or its write
+ * refused by a full or failing disk) and the rollback that undoes it still waits in the
+ * journal of this installation (the configuration is found as is_init finds it).  The
+ * rollback is applied at the next start of the shared area or the next use of the file;
+ * until then the file on disk holds the call half done, and a program that reads the
+ * file itself (a checker, a copy) would find it damaged.  Attaches nothing, changes
+ * nothing.  1 pending, 0 not; -1 when path cannot be examined or no configuration file
+ * is found (errno says why). */
+int kisam_pending(const char *path);
+
+/* Applies such a rollback now: attaches to the shared area when not attached (and
+ * detaches again), opens the file, takes its control lock and gives it back, closes it.
+ * 1 a rollback was applied, 0 none was pending, -1 on failure (is_errno and the error
+ * stack of the call that failed; ISE_RDWT when the disk still refuses the rollback's
+ * writes: it stays pending). */
+int kisam_settle(const char *path);
+
+/* Copies the ISAM file at path to dest exactly as it stood at one moment between calls,
+ * while other processes go on reading and writing it: the copy holds every call that
+ * had completed at that moment and none that had not, and opens as a sound file of its
+ * own (without the data-changed mark).  Writers of the file wait only while its image is
+ * taken (a clone of its blocks where the file system can share them, else one read of
+ * the file into memory; files over 1 GiB are copied whole under the lock); *held_us
+ * (when not null) tells for how many microseconds.  The copy is written under a
+ * temporary name beside dest, synced, passed to verify (when not null; non-zero means
+ * unsound) and only then renamed to dest, so that a backup that fails leaves nothing
+ * under dest's name and an existing dest as it was.  Attaches (and detaches again) when
+ * not attached.  0, or -1 with is_errno: the open's or the control lock's error, or
+ * ISE_CREATF (the copy cannot be created or renamed), ISE_RDRD (the file cannot be
+ * read), ISE_FLWT (the copy cannot be written or synced), ISE_BTS (verify refused it). */
+int kisam_backup(const char *path, const char *dest, int (*verify)(const char *copy, void *arg),
+                 void *arg, long *held_us);
+
 /* Bytes that this library lays out in the shared segment after the regions of the
  * configuration record (co_comsize bytes): its own state for a configuration of `files`
  * shared files (co_maxopen), `users` processes (co_maxusers) and `buffers` page buffers

@@ -29,6 +29,9 @@ int newroot(int keyno, PAGE page, char* item, PAGE oldpage, IS_KEY* kfp) noexcep
 // delete: 0 done, -1 failure (ISE_BTNP when the item is absent).
 int bt_delete(int keyno, PAGE page, char* item, PAGE parent) noexcept;
 int bt_getnxt(int keyno, PAGE ins_pg, int offset, PAGE parent, PAGE page) noexcept;
+// Forgets the levels of bt_delete and bt_getnxt that a call abandoned part way (left by
+// a signal handler's jump) never left.  For the call frame's repair only.
+void bt_reset_descent(void) noexcept;
 int bt_unflow(int keyno, PAGE parent, PAGE page) noexcept;
 
 // Page accessors shared by the three B-tree modules.

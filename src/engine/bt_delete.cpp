@@ -40,11 +40,14 @@ public:
     Descent(const Descent&) = delete;
     Descent& operator=(const Descent&) = delete;
     bool too_deep() const { return level_ > kisam::kBtMaxDepth; }
+    static void reset() { level_ = 0; }
 private:
     static inline int level_ = 0;
 };
 
 }  // namespace
+
+void bt_reset_descent(void) noexcept { Descent::reset(); }
 
 int bt_delete(int keyno, PAGE page, char* item, PAGE parent) noexcept {
     if (page == KISAM_NOPAGE) return is_raise(ISE_BTNP, PROC(P_BT_DELETE, 1));

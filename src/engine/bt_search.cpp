@@ -33,7 +33,7 @@ int kisam::bt_scan(IS_DATA* d, const IS_KEY* kp, const char* key, int ncomp, int
     auto goes_on = [&](int i) {
         char* x = d->c + bt_item_off(i, inc);
         if (pad >= 0 && x[pad] != 0) x[pad] = 0;
-        const int c = std::memcmp(key, x, len);
+        const int c = kisam::key_cmp(key, x, len);
         return (srchflag & 0x02) ? (c < 0 || (c == 0 && eq_goes_on)) : (c > 0 || (c == 0 && eq_goes_on));
     };
     if (srchflag & 0x02) {

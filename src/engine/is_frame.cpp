@@ -3,10 +3,13 @@
 // The frame selects the current handle, physical-file entry and shared control page,
 // which every lower layer reads as implicit arguments, and repairs what an earlier call
 // of this process left behind when it never reached its exit.
+#include "bt.h"
 #include "is_error.h"
 #include "is_file.h"
 #include "is_lock.h"
 #include "is_rec.h"
+#include "jn.h"
+#include "v_pool.h"
 
 #include <cerrno>
 
@@ -32,18 +35,43 @@ int refuse(int code, int procid, int detail) noexcept {
     return -1;
 }
 
+// Repairs what a call of this process left when it was abandoned part way, so that it
+// is whole or absent like the call of a process that was killed:
+//  - slots it was moving between lists under buf_lock go back to the free list;
+//  - the unit it was running is rolled back (its pages as before, the shared control
+//    page restored) while this process still holds the file's control lock -- given
+//    back first, its half-done changes would be flushed and kept;
+//  - control words its steal scan took on other files (held without a hold count) are
+//    given back;
+//  - then the hold of its own file ends as a release would end it, and opcl_lock and
+//    free_lock go.
+// A call abandoned after its unit ended is whole: nothing is rolled back.
+void abandoned() noexcept {
+    kisam::ErrorKeep keep;
+    bt_reset_descent();
+    if (is_lock_mine(&isam_com->buf_lock)) {
+        v_repair_lists();
+        is_unlock(&isam_com->buf_lock);
+    }
+    if (jn_active()) jn_abort();
+    for (int u = 0; is_pfi && u < isam_com->maxopen; ++u) {
+        IS_FCP* f = kisam::pfo_fcp(u);
+        if (f && is_pfi[u].pfi_ctlcnt == 0 && is_lock_mine(&f->jd_fcplock)) is_unlock(&f->jd_fcplock);
+    }
+    if (is_curfcp && is_curpfi && is_lock_mine(&is_curfcp->jd_fcplock)) is_relctl();
+    if (is_lock_mine(&isam_com->opcl_lock)) is_unlock(&isam_com->opcl_lock);
+    if (is_lock_mine(&isam_com->free_lock)) is_unlock(&isam_com->free_lock);
+}
+
 }  // namespace
 
 int is_isin(int procid, int isfd, int keyno) noexcept {
     errno = 0;
 
-    // A positive Iscurfun means the previous framed call never left: give back the
-    // locks it may still hold, so this call does not wait on its own process.
-    if (Iscurfun > 0 && isam_com) {
-        if (is_curfcp && is_curpfi && is_lock_mine(&is_curfcp->jd_fcplock)) is_relctl();
-        if (is_lock_mine(&isam_com->opcl_lock)) is_unlock(&isam_com->opcl_lock);
-        if (is_lock_mine(&isam_com->free_lock)) is_unlock(&isam_com->free_lock);
-    }
+    // A positive Iscurfun means the previous framed call never left (a signal handler
+    // jumped out of it): repair what it left, then give back the locks it may still
+    // hold, so this call does not wait on its own process.
+    if (Iscurfun > 0 && isam_com) abandoned();
 
     Islastfun = Iscurfun;
     Iscurfun = static_cast<short>(procid);

@@ -83,11 +83,11 @@ inline const char* page_at(Search& s, PAGE pno) {
 // Compares key with the item at x over len bytes, the item's pad byte (at pad, when pad
 // >= 0) taken as 0 -- as the locked search compares after zeroing it in the page.
 inline int cmp_item(const char* key, const char* x, size_t len, int pad) {
-    if (pad < 0 || static_cast<size_t>(pad) >= len) return std::memcmp(key, x, len);
+    if (pad < 0 || static_cast<size_t>(pad) >= len) return key_cmp(key, x, len);
     const size_t p = static_cast<size_t>(pad);
-    if (int c = std::memcmp(key, x, p)) return c;
+    if (int c = key_cmp(key, x, p)) return c;
     if (key[p] != 0) return 1;
-    return std::memcmp(key + p + 1, x + p + 1, len - p - 1);
+    return key_cmp(key + p + 1, x + p + 1, len - p - 1);
 }
 
 // bt_scan of a page in the pool, writing nothing; n within the page's order.

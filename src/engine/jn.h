@@ -82,6 +82,11 @@ void jn_recover_all(void) noexcept;
 // file that carries the mark.  True when one was rolled back.  Requires opcl_lock.
 bool jn_recover_file(uint64_t dev, uint64_t ino) noexcept;
 
+// Whether a journal of the installation (its lock file named by jn_setbase) holds a unit
+// of the file of device dev and inode ino that is not rolled back yet and that a start
+// or an open would roll back (written since the machine last started).  Holds nothing.
+bool jn_pending(uint64_t dev, uint64_t ino) noexcept;
+
 // Records in the extension area the absolute path of the file in shared-file slot u,
 // by which a process that does not have the file open can reopen it to roll a call
 // back.  Requires opcl_lock.

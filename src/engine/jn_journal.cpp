@@ -713,6 +713,16 @@ bool jn_recover_file(uint64_t dev, uint64_t ino) noexcept {
     return done;
 }
 
+bool jn_pending(uint64_t dev, uint64_t ino) noexcept {
+    bool found = false;
+    each_journal([&](Map& m) {
+        const jn_head* h = m.h;
+        found |= state_of(m.h).load(std::memory_order_acquire) != JN_IDLE && h->jh_dev == dev &&
+                 h->jh_ino == ino && trustworthy(h);
+    });
+    return found;
+}
+
 void jn_leftover(char* base, size_t segsize) noexcept {
     if (jbase[0] == '\0') return;
     kisam::ErrorKeep keep;

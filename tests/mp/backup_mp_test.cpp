@@ -1,0 +1,228 @@
+// Backups of a file that other processes keep writing: each copy is the file at one
+// moment between calls.
+//
+// Two writer processes write, update and delete records of their own range of keys,
+// some of them in pairs under one nisgetctl bracket, and log every completed unit (a
+// call, or a bracketed pair) after it returned.  Meanwhile this process takes backups,
+// each checked by the structural checker before it is renamed into place.  Then every
+// copy must hold, for each writer, exactly the records of some prefix of that writer's
+// units that includes every unit logged before the backup began: no call half there, no
+// pair split.  A backup whose writes fail, or whose check refuses the copy, leaves
+// nothing under the destination's name and an earlier copy there as it was.
+//
+// KISAM_BACKUPS sets the number of backups under load (make soak takes many more);
+// KISAM_SEED replays a run.
+#include "../engine/open_fixture.h"
+
+#include "kcheck.h"
+
+#include <dirent.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <random>
+#include <sstream>
+
+namespace {
+
+constexpr int kWriters = 2;
+constexpr int kIdsPerWriter = 300;
+
+std::string record(int id, int gen, int size) {
+    char k[32];
+    std::snprintf(k, sizeof k, "%08d%08d", id, gen);
+    std::string r(k);
+    r.resize(static_cast<size_t>(size), static_cast<char>('a' + (id + gen) % 26));
+    return r;
+}
+
+struct Rec {
+    int gen = -1, size = 0;
+    bool operator==(const Rec& o) const { return gen == o.gen && size == o.size; }
+};
+using State = std::map<int, Rec>;
+
+volatile sig_atomic_t stop = 0;
+void on_term(int) { stop = 1; }
+
+// A writer: random units on ids [base, base + kIdsPerWriter), each logged after it
+// completed as "id gen size" lines (gen -1: deleted) closed by a line ".".
+int writer(const std::string& file, const std::string& log, int w, uint64_t seed) {
+    std::mt19937_64 rng(seed + static_cast<uint64_t>(w));
+    const int fd = nisopen(file.c_str(), ISO_RDWR);
+    if (fd < 0) return 10;
+    FILE* out = std::fopen(log.c_str(), "w");
+    if (!out) return 11;
+    State st;
+    const int base = w * kIdsPerWriter;
+    // Asked to stop, it ends after logging the unit under way: a unit it completed but
+    // never logged could not be told from one that is not in the file.
+    struct sigaction sa {};
+    sa.sa_handler = on_term;
+    ::sigaction(SIGTERM, &sa, nullptr);
+    for (int unit = 0; !stop; ++unit) {
+        const bool pair = rng() % 4 == 0;
+        if (pair && nisgetctl(fd) != 0) return 12;
+        std::string lines;
+        for (int k = 0; k < (pair ? 2 : 1); ++k) {
+            const int id = base + static_cast<int>(rng() % kIdsPerWriter);
+            Rec& r = st[id];
+            int rc;
+            if (r.gen >= 0 && rng() % 3 == 0) {
+                char key[16];
+                std::snprintf(key, sizeof key, "%08d", id);
+                rc = nisdelete(fd, key);
+                r = Rec{};
+            } else {
+                const bool had = r.gen >= 0;
+                r = Rec{r.gen + 1, 20 + static_cast<int>(rng() % 280)};
+                const std::string rec = record(id, r.gen, r.size);
+                rc = had ? nisupdate(fd, rec.data(), r.size) : niswrite(fd, rec.data(), r.size);
+            }
+            if (rc != 0) return 13;
+            lines += std::to_string(id) + " " + std::to_string(r.gen) + " " + std::to_string(r.size) + "\n";
+        }
+        if (pair && nisrelctl(fd) != 0) return 14;
+        std::fprintf(out, "%s.\n", lines.c_str());
+        std::fflush(out);
+    }
+    std::fclose(out);
+    nisclose(fd);
+    nisunisam();
+    return 0;
+}
+
+// Units of a writer's log: the states after 0, 1, 2, ... units.
+std::vector<State> states_of(const std::string& log) {
+    std::vector<State> states(1);
+    std::ifstream in(log);
+    std::string line;
+    State cur;
+    while (std::getline(in, line)) {
+        if (line == ".") {
+            states.push_back(cur);
+            continue;
+        }
+        std::istringstream ls(line);
+        int id, gen, size;
+        if (!(ls >> id >> gen >> size)) break;  // a unit whose line was cut
+        if (gen < 0) cur.erase(id);
+        else cur[id] = Rec{gen, size};
+    }
+    return states;
+}
+
+int units_logged(const std::string& log) {
+    std::ifstream in(log);
+    std::string line;
+    int n = 0;
+    while (std::getline(in, line)) n += line == ".";
+    return n;
+}
+
+int verify(const char* copy, void*) { return kisam::check::check_file(copy).ok ? 0 : 1; }
+
+class Backup : public ot::Env {};
+
+TEST_F(Backup, EveryBackupUnderLoadIsTheFileAtOneMomentBetweenCalls) {
+    int backups = 8;
+    if (const char* b = std::getenv("KISAM_BACKUPS")) backups = std::atoi(b);
+    const uint64_t seed = kt::test_seed(1126);
+    const std::string file = path("live");
+    const int lens[2] = {8, 8};
+    int fd = niscreate(file.c_str(), 2, const_cast<int*>(lens));
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(nisclose(fd), 0);
+    std::vector<pid_t> pids;
+    for (int w = 0; w < kWriters; ++w)
+        pids.push_back(kt::start_child([&, w] { return writer(file, path("log" + std::to_string(w)), w, seed); }));
+    std::vector<std::vector<int>> lo(static_cast<size_t>(backups));
+    long longest = 0;
+    for (int b = 0; b < backups; ++b) {
+        ::usleep(20000 + static_cast<useconds_t>(b % 5) * 10000);
+        for (int w = 0; w < kWriters; ++w) lo[b].push_back(units_logged(path("log" + std::to_string(w))));
+        long held = 0;
+        ASSERT_EQ(kisam_backup(file.c_str(), path("copy" + std::to_string(b)).c_str(), verify, nullptr, &held), 0)
+            << "backup " << b << " is_errno " << is_errno;
+        longest = std::max(longest, held);
+    }
+    for (pid_t p : pids) ::kill(p, SIGTERM);
+    for (pid_t p : pids) EXPECT_EQ(kt::wait_child(p), 0);
+    std::vector<std::vector<State>> states;
+    for (int w = 0; w < kWriters; ++w) states.push_back(states_of(path("log" + std::to_string(w))));
+
+    for (int b = 0; b < backups; ++b) {
+        const std::string copy = path("copy" + std::to_string(b));
+        int cfd = nisopen(copy.c_str(), ISO_RDONLY);
+        ASSERT_GE(cfd, 0) << "backup " << b << " does not open: is_errno " << is_errno;
+        std::vector<State> got(kWriters);
+        char buf[400];
+        nisseek(cfd, 0, "        ");
+        int n;
+        while ((n = nisread(cfd, 0, buf, sizeof buf)) > 0) {
+            int id = 0, gen = 0;
+            ASSERT_EQ(std::sscanf(buf, "%8d%8d", &id, &gen), 2);
+            ASSERT_EQ(std::string(buf, static_cast<size_t>(n)), record(id, gen, n)) << "backup " << b;
+            got[static_cast<size_t>(id / kIdsPerWriter)][id] = Rec{gen, n};
+        }
+        ASSERT_EQ(n, 0);
+        ASSERT_EQ(nisclose(cfd), 0);
+        for (int w = 0; w < kWriters; ++w) {
+            const auto& s = states[static_cast<size_t>(w)];
+            bool found = false;
+            for (size_t k = static_cast<size_t>(lo[b][w]); k < s.size() && !found; ++k) found = s[k] == got[w];
+            EXPECT_TRUE(found) << "seed " << seed << ": backup " << b << " holds no prefix of writer " << w
+                               << "'s units from unit " << lo[b][w] << " on (" << s.size() - 1 << " logged)";
+        }
+    }
+    std::printf("%d backups under load, writers held for %ld us at the longest\n", backups, longest);
+}
+
+TEST_F(Backup, AFailedBackupLeavesNothingUnderTheDestination) {
+    const std::string file = path("f");
+    const int lens[1] = {8};
+    int fd = niscreate(file.c_str(), 1, const_cast<int*>(lens));
+    ASSERT_GE(fd, 0);
+    for (int i = 0; i < 300; ++i) {
+        const std::string r = record(i, 1, 100);
+        ASSERT_EQ(niswrite(fd, r.data(), 100), 0);
+    }
+    const std::string dest = path("backup");
+    // Refused by its check: nothing under the name.
+    EXPECT_EQ(kisam_backup(file.c_str(), dest.c_str(), [](const char*, void*) { return 1; }, nullptr, nullptr), -1);
+    EXPECT_EQ(is_errno, ISE_BTS);
+    struct stat st;
+    EXPECT_NE(::stat(dest.c_str(), &st), 0);
+    // A good one, then one whose writes fail at every point: the good one stays as it was.
+    ASSERT_EQ(kisam_backup(file.c_str(), dest.c_str(), verify, nullptr, nullptr), 0);
+    ASSERT_EQ(::stat(dest.c_str(), &st), 0);
+    const std::string r = record(1000, 1, 100);
+    ASSERT_EQ(niswrite(fd, r.data(), 100), 0);
+    // Every write and sync of the copy fails in turn, until a backup meets none.
+    int failed = 0;
+    for (kt::Faults::Kind kind : {kt::Faults::kWrite, kt::Faults::kSync}) {
+        for (int n = 1;; ++n) {
+            const auto was = ot::read_head(dest, 1 << 20);
+            kt::Faults f;
+            f.arm(kind, n, kt::Faults::kFromThenOn, ENOSPC);
+            const int rc = kisam_backup(file.c_str(), dest.c_str(), verify, nullptr, nullptr);
+            if (!kt::Faults::hit()) break;
+            ++failed;
+            EXPECT_EQ(rc, -1) << kind << " " << n;
+            EXPECT_EQ(is_errno, ISE_FLWT) << kind << " " << n;
+            EXPECT_EQ(ot::read_head(dest, 1 << 20), was) << kind << " " << n;
+        }
+    }
+    EXPECT_GE(failed, 2);
+    // No temporary copy is left behind either.
+    DIR* d = ::opendir(inst_->dir().c_str());
+    ASSERT_NE(d, nullptr);
+    while (struct dirent* e = ::readdir(d)) EXPECT_EQ(std::strstr(e->d_name, ".tmp"), nullptr) << e->d_name;
+    ::closedir(d);
+    ASSERT_EQ(nisclose(fd), 0);
+}
+
+}  // namespace
