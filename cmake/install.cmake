@@ -59,7 +59,7 @@ endif()
 # Section-3 manual pages of the library, and a link for every other name a page
 # documents (man/links), so that "man niscreate" shows nisopen(3).
 if(EXISTS ${PROJECT_SOURCE_DIR}/man/links)
-  file(GLOB KISAM_MAN3_PAGES ${PROJECT_SOURCE_DIR}/man/*.3)
+  file(GLOB KISAM_MAN3_PAGES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/man/*.3)
   install(FILES ${KISAM_MAN3_PAGES} DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT development)
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/man/links)
   set(KISAM_MAN3_LINKDIR ${PROJECT_BINARY_DIR}/man3-links)

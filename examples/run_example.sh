@@ -1,18 +1,18 @@
 #!/bin/sh
 # Runs an example program in a private installation: its own directory, configuration
-# file and lock file, HOME, HOME_Q9 and PROFILEQ9ENV pointing there, and the shared
-# segment of that installation removed afterwards whatever the program did.
+# file (written by MKCONFIG) and lock file, HOME, HOME_Q9 and PROFILEQ9ENV pointing
+# there, and the shared segment of that installation removed afterwards whatever the
+# program did.
+#   run_example.sh MKCONFIG PROGRAM ARG...
 set -u
-prog=$1
-shift
+mkconfig=$1
+prog=$2
+shift 2
 dir=$(mktemp -d /tmp/kisam-example-XXXXXX) || exit 1
 mkdir -p "$dir/home" "$dir/q9"
-# Configuration record (52 bytes, little-endian): maxopen 16, maxbuf 64, maxusers 16,
-# maxnkeys 25, avgalts 2, alenlock 16, anumlock 16, locksig 0, maxfbuf 64, the rest 0.
-printf '\020\000\100\000\020\000\031\000\002\000\020\000\020\000\000\000\100\000\000\000' \
-    > "$dir/kisamconfig"
-head -c 32 /dev/zero >> "$dir/kisamconfig"
-: > "$dir/kisamconfig.lk"
+# The installation's configuration and lock file, written by the mkconfig example
+# (kisam_config_write): 16 files, 64 buffers, 16 processes.
+"$mkconfig" "$dir/kisamconfig" || { rm -rf "$dir"; exit 1; }
 HOME=$dir/home
 HOME_Q9=$dir/q9
 PROFILEQ9ENV=$dir/home/.Q9.profile

@@ -62,7 +62,7 @@ printf '\x00key0,key1,key2,rest\r\n0001,abcdef,xyz,hello world\r\n0002,"a,b",q,"
 printf '\x010010,name,abc,x\n0011,n2,de,"y"\n' >"$imp/no_header"
 printf '\x06id,name,code,rest\n0001,aaaaaa,bbb,r1\n0001,cccccc,ddd,r2\n0002,eeeeee,fff,\n' >"$imp/replace_fields"
 printf '\x08b,a,code,name,id\n12,abcde,c1,nm,0007\n13,xx,c2,nm2,0008\n,,,,\n' >"$imp/fields_reordered"
-printf '\x0dwhole,tail\n0001aaaaaabbb,t\n0002cccccc,short\n' >"$imp/whole_tail"
+printf '\x0did,name,code\n0001,aaaaaa,bbb\n0002,cc,d\n' >"$imp/keys_only"
 
 # ---- configuration records -------------------------------------------------------------
 c() { local name=$1; shift; "$kisam" config init "$corpus/config/$name" "$@" >/dev/null; rm -f "$corpus/config/$name.lk"; }

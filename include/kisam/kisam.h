@@ -4,8 +4,8 @@
  * Overview (the manual page kisam(3) says the same at more length):
  *
  * Configuration.  Every process of an installation reads one binary configuration file
- * (52 bytes, written by "kisam config init PATH") that sizes the shared area: buffers,
- * files open at once, processes, keys per file.  It is found through the KISCONFIG
+ * (52 bytes, written by "kisam config init PATH" or kisam_config_write()) that sizes the
+ * shared area: buffers, files open at once, processes, keys per file.  It is found through the KISCONFIG
  * setting (environment or settings files), else as "kisamconfig" under the etc_dir
  * setting, else under $HOME_Q9 (the second place only when the first does not exist).
  * The lock file is the configuration file's name with ".lk" appended; without one the
@@ -64,6 +64,12 @@
  *   - Names.  File names are at most 127 characters.
  *   - Configuration changes take effect only once every process has detached and the
  *     shared area has been removed.
+ *   - Side effects of attaching.  The first attach loads the settings store of
+ *     <kisam/ztsupport.h>: it creates $HOME/.Q9, $HOME/Documents, and $HOME_Q9/share and
+ *     $HOME_Q9/tmp with mode 0777 (HOME_Q9 defaults to /usr/q9), a mutex lock file of
+ *     mode 0666 in share, and appends "$HOME_Q9/bin:" to PATH.  Point HOME, HOME_Q9 and
+ *     PROFILEQ9ENV elsewhere before attaching to keep this out of your home; kisam(3)
+ *     has the details.
  */
 #ifndef KISAM_KISAM_H
 #define KISAM_KISAM_H
@@ -482,7 +488,7 @@ int kisam_pending(const char *path);
  * writes: it stays pending). */
 int kisam_settle(const char *path);
 
-/* Copies the ISAM file at path to dest exactly as it stood at one moment between calls,
+/* kisam_backup copies the ISAM file at path to dest exactly as it stood at one moment between calls,
  * while other processes go on reading and writing it: the copy holds every call that
  * had completed at that moment and none that had not, and opens as a sound file of its
  * own (without the data-changed mark).  Writers of the file wait only while its image is
@@ -494,15 +500,63 @@ int kisam_settle(const char *path);
  * under dest's name and an existing dest as it was.  Attaches (and detaches again) when
  * not attached.  0, or -1 with is_errno: the open's or the control lock's error, or
  * ISE_CREATF (the copy cannot be created or renamed), ISE_RDRD (the file cannot be
- * read), ISE_FLWT (the copy cannot be written or synced), ISE_BTS (verify refused it). */
-int kisam_backup(const char *path, const char *dest, int (*verify)(const char *copy, void *arg),
-                 void *arg, long *held_us);
+ * read), ISE_FLWT (the copy cannot be written or synced), ISE_BTS (verify refused it).
+ * kisam_verify_fn is the type of verify. */
+typedef int (*kisam_verify_fn)(const char *copy, void *arg);
+int kisam_backup(const char *path, const char *dest, kisam_verify_fn verify, void *arg, long *held_us);
 
 /* Bytes that this library lays out in the shared segment after the regions of the
  * configuration record (co_comsize bytes): its own state for a configuration of `files`
  * shared files (co_maxopen), `users` processes (co_maxusers) and `buffers` page buffers
  * (co_maxbuf).  The segment is co_comsize plus this; -1 for a count below 1. */
 long kisam_area_bytes(int files, int users, int buffers);
+
+/* Settings of a new installation's configuration, as "kisam config init" takes them.
+ * Start from KISAM_SETTINGS_DEFAULT and change what you need. */
+struct kisam_settings {
+    int files;              /* files open at once in the installation, and handles per
+                               process (co_maxopen): 1 to 16383 */
+    int buffers;            /* page buffers of the shared pool (co_maxbuf): 1 to 32767 */
+    int users;              /* processes attached at once (co_maxusers): 1 to 32767 */
+    int keys;               /* most keys a file may be created with (co_maxnkeys): 1 to 25 */
+    int files_per_process;  /* most handles one process may hold (co_maxufile): 0 (as
+                               files) to files */
+    int file_buffers;       /* co_maxfbuf: 0 (as buffers) to 32767 */
+    int avg_alt_keys;       /* heap sizing: alternate keys per file, 0 to 24 */
+    int lock_key_len;       /* heap sizing: bytes of a record-lock key, 0 to 32767 */
+    int locks_per_file;     /* heap sizing: record locks per open file, 0 to 32767 */
+    unsigned options;       /* KISAM_TRACK_CHANGES, optionally with one of
+                               KISAM_SYNC_ON_MARK and KISAM_CLEAR_ON_RELEASE */
+};
+/* The defaults of "kisam config init": 64 files, 256 buffers, 32 processes, 25 keys, the
+ * rest as the counts above say, heap sizing 2, 16, 8, no options. */
+#define KISAM_SETTINGS_DEFAULT { 64, 256, 32, 25, 0, 0, 2, 16, 8, 0u }
+#define KISAM_TRACK_CHANGES    0x1u  /* keep each file's on-disk data-changed mark */
+#define KISAM_SYNC_ON_MARK     0x2u  /* and synchronise the file when the mark changes */
+#define KISAM_CLEAR_ON_RELEASE 0x4u  /* and clear the mark at every release of the control lock */
+#define KISAM_CONFIG_REPLACE   0x1   /* kisam_config_write: overwrite an existing file */
+
+/* Writes the configuration file path (the 52-byte configuration record for settings; a
+ * null settings means KISAM_SETTINGS_DEFAULT) and creates its lock file, path with ".lk"
+ * appended, unless it exists.  New files get mode, permission bits only (0 to 0777,
+ * before the umask; 0 means 0666).
+ * flags 0 refuses an existing path; KISAM_CONFIG_REPLACE overwrites it in place (a process
+ * attaching meanwhile reads the old record or the new one).  Does not attach and needs
+ * no attachment; a running installation keeps its area until every process detached.
+ * The kernel's limits on shared memory are not consulted.
+ * Returns 0, or -1 with errno: EINVAL (null or empty path, a setting out of range,
+ * unknown option or flag bits, mode bits beyond 0777, KISAM_SYNC_ON_MARK or KISAM_CLEAR_ON_RELEASE without
+ * KISAM_TRACK_CHANGES), ERANGE (the shared area would exceed what the library can lay
+ * out: a heap above maxheapsize or a segment above 2 GiB), EEXIST (path exists, without
+ * KISAM_CONFIG_REPLACE), ENAMETOOLONG, or the error of open, write or ftruncate.  A file
+ * it created and could not finish is removed. */
+int kisam_config_write(const char *path, const struct kisam_settings *settings, int flags, int mode);
+
+/* Puts key keyno's cursor back to no position, as when the file was opened: the next
+ * nisread on the key returns its first record, the next nispread its last.  (nisseek with
+ * a value of 0x00 bytes before nisread, or of 0xFF bytes before nispread, does the same
+ * for one direction.)  Returns 0, or -1 with ISE_BADFD or ISE_BADKN. */
+int kisam_rewind(int isfd, int keyno);
 
 /* ---- Waiting for locks ----
  * A call that finds a lock held by another process sleeps in the kernel until the

@@ -29,16 +29,21 @@ from __future__ import annotations
 
 import atexit
 import ctypes
+import errno
 import os
 import sys
 import threading
 import warnings
+from typing import Any, List, Optional, Tuple, Union
 
 from .errors import (
+    ISE_CREATF,
     ISE_INITERR,
     ISE_NOKEY,
+    ISE_OPENF,
     KisamError,
     LibraryError,
+    NoSuchFileError,
     NotFoundError,
     StackEntry,
 )
@@ -102,7 +107,7 @@ class _Etrace(ctypes.Structure):
 class Library:
     """The loaded library: its functions by name and views of its error globals."""
 
-    def __init__(self, path):
+    def __init__(self, path: str) -> None:
         try:
             self.dll = ctypes.CDLL(path, use_errno=True)
         except OSError as e:
@@ -124,15 +129,15 @@ class Library:
 
 
 class _State:
-    def __init__(self):
-        self.lib = None
-        self.pid = None          # process that is attached through this package
+    def __init__(self) -> None:
+        self.lib: Optional[Library] = None
+        self.pid: Optional[int] = None  # process that is attached through this package
         self.users = 0           # open files + attach() holds
-        self.config = None       # KISCONFIG value put at attach ("" : the library's search)
+        self.config: Optional[str] = None  # KISCONFIG value put at attach ("" : the library's search)
         self.put_config = False  # whether KISCONFIG was ever put into the settings store
         self.external = False    # attached by other code of this process: never detach
         self.generation = 0
-        self.pending = []        # (generation, isfd) of files collected while open
+        self.pending: List[Tuple[int, int]] = []  # (generation, isfd) of files collected while open
         self.atexit = False
         self.forked = False      # this process is a fork child that has not registered yet
 
@@ -141,15 +146,15 @@ state = _State()
 LOCK = threading.RLock()
 
 
-def _before_fork():
+def _before_fork() -> None:
     LOCK.acquire()
 
 
-def _after_fork_parent():
+def _after_fork_parent() -> None:
     LOCK.release()
 
 
-def _after_fork_child():
+def _after_fork_child() -> None:
     state.forked = state.pid is not None
     LOCK.release()
 
@@ -159,7 +164,7 @@ os.register_at_fork(before=_before_fork, after_in_parent=_after_fork_parent, aft
 
 # ---- loading ---------------------------------------------------------------------------
 
-def load_library(path=None):
+def load_library(path: "Optional[Union[str, os.PathLike[str]]]" = None) -> str:
     """Loads libkisam and returns the path it was loaded from.
 
     The library is looked for, in this order: ``path``; the environment variable
@@ -197,7 +202,7 @@ def load_library(path=None):
             "KISAM_LIBRARY=/path/to/libkisam.so.1 or kisam.load_library(path)" % ", ".join(tried))
 
 
-def lib():
+def lib() -> Library:
     if state.lib is None:
         load_library()
     return state.lib
@@ -205,7 +210,7 @@ def lib():
 
 # ---- errors ----------------------------------------------------------------------------
 
-def _stack(L):
+def _stack(L: Library) -> List[StackEntry]:
     top = L.is_etop.value
     if not top:
         return []
@@ -218,7 +223,7 @@ def _stack(L):
     return entries
 
 
-def _config_places(L):
+def _config_places(L: Library) -> List[str]:
     """Where the library looks for its configuration, as it would now."""
     L.LoadEnv()
     conf = L.ZTGetEnvX(b"KISCONFIG")
@@ -231,7 +236,7 @@ def _config_places(L):
     return places
 
 
-def _hint(L, code, stack):
+def _hint(L: Library, code: int, stack: List[StackEntry]) -> str:
     if code == ISE_INITERR and stack and stack[0].code == 0x2201:
         return ("no configuration file could be opened; looked at: %s. Write one with "
                 "kisam.write_config(PATH) and name it with KISCONFIG or config=PATH"
@@ -241,7 +246,7 @@ def _hint(L, code, stack):
     return ""
 
 
-def capture_error(L, sys_errno):
+def capture_error(L: Library, sys_errno: int) -> KisamError:
     """The library's report of the call that just failed, as an exception."""
     stack = _stack(L)
     if not stack:
@@ -250,11 +255,16 @@ def capture_error(L, sys_errno):
     buf = ctypes.create_string_buffer(MESSAGE_SIZE)
     n = L.niserrmsgget(buf, MESSAGE_SIZE)
     message = buf.raw[: max(0, n)].decode("utf-8", "replace")
-    cls = NotFoundError if code == ISE_NOKEY else KisamError
+    if code == ISE_NOKEY:
+        cls = NotFoundError
+    elif code in (ISE_OPENF, ISE_CREATF) and sys_errno == errno.ENOENT:
+        cls = NoSuchFileError
+    else:
+        cls = KisamError
     return cls(message, code, stack, sys_errno, _hint(L, code, stack))
 
 
-def raw(name, *args):
+def raw(name: str, *args: Any) -> Tuple[Any, Optional[KisamError]]:
     """Calls `name`; returns (result, error) where error is the exception describing a
     negative result, or None.  The error state is cleared first, so a failure that the
     library reports without a code comes back with ``code`` None."""
@@ -282,7 +292,7 @@ def _check_signals():
     ctypes.pythonapi.PyErr_CheckSignals()
 
 
-def call(name, *args):
+def call(name: str, *args: Any) -> Any:
     """Calls `name` and raises the library's error for a negative result."""
     rc, err = raw(name, *args)
     if err is not None:
@@ -292,7 +302,7 @@ def call(name, *args):
 
 # ---- the process's attachment ----------------------------------------------------------
 
-def _ready():
+def _ready() -> Library:
     """The library, with a forked child registered and collected files closed.  Called
     with LOCK held before every call."""
     L = lib()
@@ -321,7 +331,7 @@ def _ready():
     return L
 
 
-def _detach_at_exit_of_child():
+def _detach_at_exit_of_child() -> None:
     # A child of multiprocessing ends with os._exit, which skips atexit; its own exit
     # hooks still run.
     mp = sys.modules.get("multiprocessing.util")
@@ -329,7 +339,7 @@ def _detach_at_exit_of_child():
         mp.Finalize(None, detach_at_exit, exitpriority=0)
 
 
-def _config_value(config):
+def _config_value(config: Any) -> str:
     if config is None:
         return os.environ.get("KISCONFIG", "")
     value = os.path.abspath(os.fspath(config))
@@ -340,7 +350,7 @@ def _config_value(config):
     return value
 
 
-def attach(config=None):
+def attach(config: Any = None) -> None:
     """Takes one hold of the attachment, attaching first if needed."""
     with LOCK:
         L = _ready()
@@ -370,7 +380,7 @@ def attach(config=None):
             state.atexit = True
 
 
-def _release_locked(L):
+def _release_locked(L: Library) -> None:
     state.users -= 1
     if state.users <= 0:
         state.users = 0
@@ -380,7 +390,7 @@ def _release_locked(L):
         state.generation += 1
 
 
-def release():
+def release() -> None:
     """Gives one hold back; the last one detaches."""
     with LOCK:
         L = _ready()
@@ -388,7 +398,7 @@ def release():
             _release_locked(L)
 
 
-def close_handle(fd, generation):
+def close_handle(fd: int, generation: int) -> None:
     """Closes handle `fd` of `generation` and gives its hold back."""
     with LOCK:
         L = _ready()
@@ -398,7 +408,7 @@ def close_handle(fd, generation):
         _release_locked(L)
 
 
-def collect(fd, generation):
+def collect(fd: int, generation: int) -> None:
     """Finalizer of a file that was never closed: closed at the next call (never from
     inside the garbage collector, which may run in the middle of another call)."""
     state.pending.append((generation, fd))
@@ -406,7 +416,7 @@ def collect(fd, generation):
         warnings.warn("kisam file (handle %d) was never closed" % fd, ResourceWarning, stacklevel=2)
 
 
-def detach():
+def detach() -> None:
     """Closes every file of this process and detaches from the shared area now."""
     with LOCK:
         if state.lib is None:
@@ -420,7 +430,7 @@ def detach():
         state.generation += 1
 
 
-def detach_at_exit():
+def detach_at_exit() -> None:
     with LOCK:
         if state.pid == os.getpid() and not state.external:
             state.lib.nisunisam()
@@ -428,7 +438,7 @@ def detach_at_exit():
             state.generation += 1
 
 
-def attached():
+def attached() -> bool:
     """Whether this process is attached through the package."""
     with LOCK:
         return state.pid is not None

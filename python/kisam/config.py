@@ -12,6 +12,7 @@ import errno
 import os
 import struct
 from dataclasses import dataclass
+from typing import Optional, Union
 
 # co_maxopen, co_maxbuf, co_maxusers, co_maxnkeys, co_avgalts, co_alenlock, co_anumlock,
 # co_locksig, co_maxfbuf, co_fltime (int16 at 0-19); co_comsize, co_bufbase, co_pfobase,
@@ -59,7 +60,7 @@ class Config:
     files_per_process: int = 0  # handles per process; 0: as many as files (co_maxufile)
     bits: int = 0               # TRACK_CHANGES, SYNC_ON_MARK, CLEAR_ON_RELEASE (co_bits)
 
-    def layout(self):
+    def layout(self) -> Layout:
         bufbase = 156
         pfobase = bufbase + self.buffers * 1040
         pidbase = pfobase + self.files * 4
@@ -75,12 +76,12 @@ class Config:
         return Layout(bufbase, pfobase, pidbase, needbase, heapbase, heap, heapbase + heap)
 
     @property
-    def segment_size(self):
+    def segment_size(self) -> int:
         """Bytes of the shared segment this configuration leads to: the regions the
         record lays out, and the state the library keeps after them."""
         return self.layout().segment_size + _area_bytes(self.files, self.users, self.buffers)
 
-    def to_bytes(self):
+    def to_bytes(self) -> bytes:
         """The 52-byte record, its computed fields filled as start-up fills them."""
         lay = self.layout()
         return RECORD.pack(self.files, self.buffers, self.users, self.keys, self.avg_alt_keys,
@@ -89,7 +90,7 @@ class Config:
                            lay.process_table, lay.waiting_table, self.files_per_process, self.bits)
 
     @classmethod
-    def from_bytes(cls, data):
+    def from_bytes(cls, data: bytes) -> "Config":
         if len(data) < MIN_SIZE:
             raise ValueError("%d bytes, a configuration record has at least %d" % (len(data), MIN_SIZE))
         data = bytes(data[:RECORD_SIZE])
@@ -100,7 +101,7 @@ class Config:
                    files_per_process=v[16], bits=v[17] if bits_present else 0)
 
 
-def _area_bytes(files, users, buffers):
+def _area_bytes(files: int, users: int, buffers: int) -> int:
     """What the library adds after the record's regions (0 when it cannot be asked)."""
     try:
         from . import _lib
@@ -110,7 +111,7 @@ def _area_bytes(files, users, buffers):
     return n if n > 0 else 0
 
 
-def _kernel_limit(name):
+def _kernel_limit(name: str) -> Optional[int]:
     try:
         with open("/proc/sys/kernel/" + name) as f:
             return int(f.read().split()[0])
@@ -118,7 +119,7 @@ def _kernel_limit(name):
         return None
 
 
-def _kernel_refusal(size):
+def _kernel_refusal(size: int) -> str:
     """Why the kernel would refuse a segment of `size` bytes, or ""."""
     shmmax = _kernel_limit("shmmax")
     if shmmax is not None and size > shmmax:
@@ -132,16 +133,18 @@ def _kernel_refusal(size):
     return ""
 
 
-def _check(name, value, low, high):
+def _check(name: str, value: object, low: int, high: int) -> None:
     if isinstance(value, bool) or not isinstance(value, int):
         raise TypeError("%s must be an int, not %s" % (name, type(value).__name__))
     if not low <= value <= high:
         raise ValueError("%s must be from %d to %d, not %d" % (name, low, high, value))
 
 
-def write_config(path, *, files=64, buffers=256, users=32, keys=25, files_per_process=0,
-                 file_buffers=None, avg_alt_keys=2, lock_key_len=16, locks_per_file=8,
-                 track_changes=False, sync_on_mark=False, clear_on_release=False, overwrite=False):
+def write_config(path: "Union[str, bytes, os.PathLike[str], os.PathLike[bytes]]", *, files: int = 64,
+                 buffers: int = 256, users: int = 32, keys: int = 25, files_per_process: int = 0,
+                 file_buffers: Optional[int] = None, avg_alt_keys: int = 2, lock_key_len: int = 16,
+                 locks_per_file: int = 8, track_changes: bool = False, sync_on_mark: bool = False,
+                 clear_on_release: bool = False, overwrite: bool = False) -> Config:
     """Writes a configuration file and its lock file; returns the Config written.
 
     The values are those of ``kisam config init``: files open at once, page buffers,
@@ -201,13 +204,13 @@ def write_config(path, *, files=64, buffers=256, users=32, keys=25, files_per_pr
     return c
 
 
-def _lock_file(path):
+def _lock_file(path: "Union[str, bytes]") -> "Union[str, bytes]":
     if isinstance(path, bytes):
         return path + b".lk"
     return path + ".lk"
 
 
-def read_config(path):
+def read_config(path: "Union[str, bytes, os.PathLike[str], os.PathLike[bytes]]") -> Config:
     """The Config of a configuration file; ValueError for a file too short to be one."""
     with open(path, "rb") as f:
         data = f.read(READ_SIZE)

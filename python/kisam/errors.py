@@ -2,7 +2,9 @@
 
 from __future__ import annotations
 
+import os
 from collections import namedtuple
+from typing import Iterable, Optional
 
 # The library's error codes (is_errno).
 ISE_BTNP = 1
@@ -37,7 +39,15 @@ ISE_CREATEISOPEN = 29
 ISE_INCONSISTENT = 30
 ISE_DEADLOCK = 31
 
-ERROR_NAMES = {v: k for k, v in list(globals().items()) if k.startswith("ISE_")}
+# Codes of this package for the failures that the library reports without a code of
+# its own (its call returns 1 or -1 and leaves is_errno alone).  They lie above the
+# library's codes, which never reach them.
+E_DUPLICATE = 100   # put: a record with this key 0 value is stored already
+E_LOCKED = 101      # lock without waiting: another process holds an overlapping lock
+E_LOCKROOM = 102    # lock: the shared area's heap has no room for another lock
+E_NOTLOCKED = 103   # unlock: no such lock is held through this file
+
+ERROR_NAMES = {v: k for k, v in list(globals().items()) if k.startswith(("ISE_", "E_"))}
 
 # One entry of the library's procedure stack: the procedure's name, the failure point
 # within it (the detail, a signed byte) and the 16-bit code (character * 256 + detail).
@@ -48,14 +58,16 @@ class KisamError(Exception):
     """A failed library call.
 
     ``code`` is the library's error number (``is_errno``, one of the ``ISE_*``
-    constants) or None where the library reports a failure without one (a record lock
-    held by another process, a record that exists already).  ``stack`` lists the
+    constants); for the failures the library reports without one, this package's own
+    (``E_DUPLICATE``, ``E_LOCKED``, ``E_LOCKROOM``, ``E_NOTLOCKED``); None only where
+    a call failed with no report at all.  ``stack`` lists the
     procedures the failure passed through, innermost first.  ``message`` is the
     library's own one-line report (``niserrmsgget``), ``errno`` the system error of the
     call (0 if none), ``hint`` a remark of this package on a known cause, or "".
     """
 
-    def __init__(self, message, code=None, stack=(), errno=0, hint=""):
+    def __init__(self, message: str, code: Optional[int] = None, stack: Iterable["StackEntry"] = (),
+                 errno: int = 0, hint: str = "") -> None:
         super().__init__(message)
         self.message = message
         self.code = code
@@ -64,13 +76,13 @@ class KisamError(Exception):
         self.hint = hint
 
     @property
-    def name(self):
+    def name(self) -> Optional[str]:
         """The name of ``code`` ("ISE_NOKEY"), or None."""
         if self.code is None:
             return None
         return ERROR_NAMES.get(self.code, "isam error #%d" % self.code)
 
-    def __str__(self):
+    def __str__(self) -> str:
         text = self.message
         if self.hint:
             text += "\n" + self.hint
@@ -83,13 +95,30 @@ class NotFoundError(KisamError, KeyError):
 
 
 class DuplicateKeyError(KisamError, KeyError):
-    """``put`` of a record whose key 0 value is stored already; nothing was changed."""
+    """``put`` of a record whose key 0 value is stored already; nothing was changed.
+    ``code`` is ``E_DUPLICATE``."""
 
 
 class LockError(KisamError):
-    """A record lock was refused: another process holds an overlapping lock, the wait
-    would have closed a cycle of waits (``errno`` EDEADLK), the shared area has no room
-    for another lock, or a lock to release is not held."""
+    """A record lock was refused: another process holds an overlapping lock
+    (``E_LOCKED``), the wait would have closed a cycle of waits (``ISE_DEADLOCK``,
+    ``errno`` EDEADLK), the shared area has no room for another lock (``E_LOCKROOM``),
+    or a lock to release is not held (``E_NOTLOCKED``)."""
+
+
+class NoSuchFileError(KisamError, FileNotFoundError):
+    """The file to open, or the directory to create it in, does not exist
+    (``ISE_OPENF`` or ``ISE_CREATF`` with ``errno`` ENOENT).  Also a
+    FileNotFoundError: ``filename`` names the file, ``strerror`` says why."""
+
+    def __init__(self, message: str, code: Optional[int] = None, stack: Iterable["StackEntry"] = (),
+                 errno: int = 0, hint: str = "") -> None:
+        KisamError.__init__(self, message, code, stack, errno, hint)
+        self.strerror = os.strerror(errno) if errno else message
+        self.filename = None
+
+    def __str__(self) -> str:
+        return KisamError.__str__(self)
 
 
 class LibraryError(OSError):

@@ -1,6 +1,7 @@
 """What a failure carries, and how the package finds the library and the
 configuration."""
 
+import errno
 import os
 import shutil
 import subprocess
@@ -29,10 +30,40 @@ def test_error_carries_code_stack_message_and_errno(inst):
         assert [(s.procedure, s.detail) for s in e.value.stack][0] == ("is_delete", 2)
         assert e.value.message.startswith("ISE_NOKEY   cannot find key to delete in proc. is_delete - 2")
         assert e.value.errno == 0 and "Sys errno" not in e.value.message
-        # A later failure without a code of its own does not show the earlier one.
+        # A later failure without a code of the library's does not show the earlier
+        # one: it carries the package's own code.
         with pytest.raises(kisam.LockError) as e:
             f.unlock(b"0001")
-        assert e.value.code is None and e.value.stack == ()
+        assert e.value.code == kisam.E_NOTLOCKED and e.value.name == "E_NOTLOCKED"
+        assert e.value.stack == ()
+        with pytest.raises(kisam.DuplicateKeyError) as e:
+            f.put(b"0001")
+        assert e.value.code == kisam.E_DUPLICATE and e.value.name == "E_DUPLICATE"
+        assert isinstance(e.value, KeyError) and e.value.stack == ()
+        with pytest.raises(kisam.NotFoundError) as e:
+            f[b"0002"]
+        assert e.value.code == kisam.ISE_NOKEY
+
+
+def test_missing_file_is_also_a_file_not_found_error(inst):
+    for call in (lambda: kisam.open(inst.path("missing")),
+                 lambda: kisam.open(inst.path("missing"), "r"),
+                 lambda: kisam.create(inst.path("no-dir/f"), [4])):
+        with pytest.raises(FileNotFoundError) as e:
+            call()
+        err = e.value
+        assert isinstance(err, kisam.KisamError) and isinstance(err, kisam.NoSuchFileError)
+        assert err.code in (kisam.ISE_OPENF, kisam.ISE_CREATF)
+        assert err.errno == errno.ENOENT and err.strerror == os.strerror(errno.ENOENT)
+        assert err.filename is not None and err.filename.startswith(inst.dir)
+        assert "Sys errno #2" in str(err)
+    assert not kisam.attached()
+    # Other failures to open are not: the file is there, it is not an ISAM file.
+    with open(inst.path("text"), "wb") as t:
+        t.write(b"x" * 2048)
+    with pytest.raises(kisam.KisamError) as e:
+        kisam.open(inst.path("text"))
+    assert not isinstance(e.value, FileNotFoundError)
 
 
 def test_missing_configuration_is_explained(inst, monkeypatch):

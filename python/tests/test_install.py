@@ -21,6 +21,7 @@ def test_pip_installs_offline_and_the_copy_works(inst, tmp_path):
     def modules(d):
         return sorted(f for f in os.listdir(os.path.join(d, "kisam")) if f.endswith(".py"))
     assert modules(target) == modules(PACKAGE_DIR)
+    assert os.path.exists(os.path.join(target, "kisam", "py.typed")), "type checkers need the marker"
     assert not os.path.exists(os.path.join(PACKAGE_DIR, "build"))   # the tree stays clean
 
     script = """
@@ -52,3 +53,30 @@ def test_readme_example_runs(inst, tmp_path):
     assert out.stdout.splitlines() == ["b'00000042Smith       Leeds'", "b'00000043Jones       Paris'"]
     [lock_file] = glob.glob(str(tmp_path / "*" / "kisamconfig.lk"))
     assert segments(ftok(lock_file)) == []
+
+
+def test_public_interface_is_typed():
+    """Every public function and method says what it takes and gives, so that type
+    checkers (which the py.typed marker invites) check callers."""
+    import inspect
+    import kisam
+    missing = []
+    def check(name, fn):
+        sig = inspect.signature(fn)
+        for p in sig.parameters.values():
+            if p.name not in ("self", "cls") and p.annotation is inspect.Parameter.empty:
+                missing.append("%s(%s)" % (name, p.name))
+        if sig.return_annotation is inspect.Signature.empty and name.rsplit(".", 1)[-1] != "__init__":
+            missing.append("%s -> ?" % name)
+    for name in kisam.__all__:
+        obj = getattr(kisam, name)
+        if inspect.isfunction(obj):
+            check(name, obj)
+        elif inspect.isclass(obj) and obj.__module__.startswith("kisam"):
+            for attr, member in vars(obj).items():
+                if inspect.isfunction(member) and (not attr.startswith("_") or attr in (
+                        "__init__", "__len__", "__getitem__", "__contains__", "__iter__", "__enter__")):
+                    check("%s.%s" % (name, attr), member)
+                elif isinstance(member, property):
+                    check("%s.%s" % (name, attr), member.fget)
+    assert missing == []

@@ -55,7 +55,7 @@ def test_record_lock_refuses_and_blocks_another_process(inst, path, child):
         for key in (b"00000042", b"0000004", b"0000", b""):
             with pytest.raises(kisam.LockError) as e:
                 f.lock(key, wait=False)
-            assert e.value.code is None and "another process" in str(e.value)
+            assert e.value.code == kisam.E_LOCKED and "another process" in str(e.value)
         with f.lock(b"00000050", wait=False):            # no overlap
             pass
         t0 = time.monotonic()

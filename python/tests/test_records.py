@@ -31,7 +31,7 @@ def test_put_get_replace_update_delete(f):
 
     with pytest.raises(kisam.DuplicateKeyError) as e:
         f.put(rec(1, rest=b"again"))
-    assert e.value.code is None
+    assert e.value.code == kisam.E_DUPLICATE
     assert f.get(b"00000001") == rec(1, rest=b"one")
 
     f.replace(rec(1, k1=b"zzzz", rest=b"replaced"))      # replaces
@@ -185,9 +185,13 @@ def test_keys_must_have_their_length(f):
     f.put(rec(1))
     for bad in (b"0000001", b"000000001"):
         with pytest.raises(ValueError, match="key 0 is 8 bytes"):
-            f.get(bad)
+            f[bad]
+        with pytest.raises(ValueError, match="key 0 is 8 bytes"):
+            bad in f
         with pytest.raises(ValueError):
             f.delete(bad)
+    with pytest.raises(ValueError, match="key 0 is 8 bytes"):
+        f.get(b"000000001")                              # longer than the key
     with pytest.raises(ValueError, match="key 1 is 4 bytes"):
         f.get(b"00001", keyno=1)
     with pytest.raises(TypeError):
@@ -402,3 +406,73 @@ def test_attachment_made_by_other_code_is_left_to_it(inst):
         nattch = [int(line.split()[6]) for line in shm if line.split()[1] == str(shmid)]
     assert nattch == [1]                                 # one attachment, not two
     L.nisunisam()
+
+
+def test_get_takes_a_prefix_and_gives_the_smallest_key_0(f):
+    """Along a key that repeats, get gives the record with the smallest key 0 value,
+    also when the repeats fill several index pages (an exact search lands on any one
+    of them); a shorter value is a prefix, and the first match comes back."""
+    order = list(range(600))
+    random.Random(7).shuffle(order)
+    for i in order:
+        f.put(rec(i, k1=b"same" if i >= 100 else b"%04d" % (i % 5)))
+    assert f.get(b"same", keyno=1)[:8] == b"00000100"
+    assert f.get(b"sa", keyno=1)[:8] == b"00000100"
+    assert f.get(b"0003", keyno=1)[:8] == b"00000003"
+    assert f.get(b"000", keyno=1)[:8] == b"00000000"
+    assert f.get(b"", keyno=1)[:8] == b"00000000"       # every key begins with b""
+    assert f.get(b"s", keyno=1)[:12] == b"00000100same"
+    assert f.get(b"x", keyno=1) is None                  # past the last key
+    assert f.get(b"1", keyno=1) is None                  # between keys, none begins with it
+    # Key 0: exact, or the first key 0 with the prefix.
+    assert f.get(b"00000042")[:8] == b"00000042"
+    assert f.get(b"0000005")[:8] == b"00000050"
+    assert f.get(b"000005")[:8] == b"00000500"
+    assert f.get(b"000006") is None
+    assert f.get(b"1") is None
+    # A get between the steps of a scan does not disturb it.
+    it = f.scan(keyno=1)
+    first = [next(it) for _ in range(3)]
+    f.get(b"same", keyno=1)
+    assert [r[:8] for r in first + list(it)] == [r[:8] for r in f.scan(keyno=1)]
+
+
+def test_count_and_len(f):
+    assert len(f) == 0 and f.count() == 0
+    assert f                                              # an open file is true, also when empty
+    for i in range(250):
+        f.put(rec(i))
+    assert len(f) == 250
+    assert f.count(keyno=1) == 250
+    assert f.count(b"0000010", to=b"0000010") == 10
+    assert f.count(b"0000010", to=b"0000019") == 100
+    assert f.count(b"0003", keyno=1, to=b"0003") == len([i for i in range(250) if i % 7 == 3])
+    f.delete(b"00000005")
+    assert len(f) == 249
+    with f.control():                                      # counts inside a bracket too
+        assert len(f) == 249
+
+
+def test_scan_stops_at_to_as_the_tool_does(f):
+    for i in range(0, 100, 2):
+        f.put(rec(i))
+    keys = [b"%08d" % i for i in range(0, 100, 2)]
+    k = lambda it: [r[:8] for r in it]
+    assert k(f.scan(b"00000010", to=b"00000020")) == keys[5:11]          # both ends included
+    assert k(f.scan(b"00000011", to=b"00000019")) == keys[6:10]
+    assert k(f.scan(to=b"00000004")) == keys[:3]
+    assert k(f.scan(b"0000002", to=b"0000002")) == keys[10:15]          # a prefix at both ends
+    # In reverse, start is the high end and to the low one.
+    assert k(f.scan(b"00000020", reverse=True, to=b"00000010")) == keys[5:11][::-1]
+    assert k(f.scan(b"0000002", reverse=True, to=b"0000002")) == keys[10:15][::-1]
+    assert k(f.scan(reverse=True, to=b"00000095")) == [b"00000098", b"00000096"]
+    assert k(f.scan(reverse=True, to=b"0000009")) == keys[45:][::-1]
+    # A range the wrong way round for the direction is a slip, refused.
+    with pytest.raises(ValueError, match="reversed"):
+        f.scan(b"00000030", to=b"00000020")
+    with pytest.raises(ValueError, match="reversed"):
+        f.scan(b"00000020", reverse=True, to=b"00000030")
+    with pytest.raises(ValueError, match="longer"):
+        f.scan(to=b"000000001")
+    # Along a repeating key: every record of one value.
+    assert sorted(k(f.scan(b"0003", keyno=1, to=b"0003"))) == [b"%08d" % i for i in range(0, 100, 2) if i % 7 == 3]

@@ -122,8 +122,8 @@ void sync_dir_of(const char* dest) noexcept {
 
 }  // namespace
 
-extern "C" KISAM_API int kisam_backup(const char* path, const char* dest, int (*verify)(const char* copy, void* arg),
-                                      void* arg, long* held_us) {
+extern "C" KISAM_API int kisam_backup(const char* path, const char* dest, kisam_verify_fn verify, void* arg,
+                                      long* held_us) {
     if (held_us) *held_us = 0;
     if (!dest || !*dest || std::strlen(dest) > PATH_MAX - 32) return fail(ISE_CREATF, 0x21);
     const bool attached = isam_com != nullptr;

@@ -136,6 +136,14 @@ int osfstat(int fd, struct file_info* fi) noexcept {
 }
 
 int sizecomm(struct is_config* confp) noexcept {
+    int64_t heap = 0;
+    if (size_layout(confp, &heap) == 0) return 0;
+    VError("common heap size of %ldK bytes exceeds maximum of %dK bytes.\n",
+           static_cast<long>(heap / 1024), static_cast<int>(maxheapsize / 1024));
+    return -1;
+}
+
+int size_layout(struct is_config* confp, int64_t* heapp) noexcept {
     // 64-bit throughout: the products of 16-bit settings overflow 32 bits long before
     // the limit on the heap is reached.
     const int64_t maxbuf = confp->co_maxbuf, maxopen = confp->co_maxopen;
@@ -155,11 +163,8 @@ int sizecomm(struct is_config* confp) noexcept {
     int64_t heap = (s - heapbase) / 4 * 4;
     // The segment size is a signed 32-bit field; a heap that fits the limit but pushes
     // the whole segment past it is just as impossible.
-    if (heap > maxheapsize || heapbase + heap > INT32_MAX) {
-        VError("common heap size of %ldK bytes exceeds maximum of %dK bytes.\n",
-               static_cast<long>(heap / 1024), static_cast<int>(maxheapsize / 1024));
-        return -1;
-    }
+    *heapp = heap;
+    if (heap > maxheapsize || heapbase + heap > INT32_MAX) return -1;
     confp->co_bufbase = static_cast<int32_t>(bufbase);
     confp->co_pfobase = static_cast<int32_t>(pfobase);
     confp->co_pidbase = static_cast<int32_t>(pidbase);

@@ -29,6 +29,8 @@ int osfstat(int fd, struct file_info* fi) noexcept;
 
 // Fills the computed fields of confp; 0, or -1 (with the heap-size message) when too big.
 int sizecomm(struct is_config* confp) noexcept;
+// The same without the message: *heapp receives the heap's size either way.
+int size_layout(struct is_config* confp, int64_t* heapp) noexcept;
 
 // First-attacher initialisation of the segment at isam_com from the configuration
 // record: header, buffer chain, shared-file table, heap.  Caller holds the start-up lock.

@@ -90,6 +90,14 @@ KISAM_API int nisseek(int isfd, int keyno, const char* key) {
     return 0;
 }
 
+// Framed as a seek (its failures come from isseek): it only sets a cursor.
+KISAM_API int kisam_rewind(int isfd, int keyno) {
+    if (is_isin(PROC(P_ISSEEK), isfd, keyno) < 0) return -1;
+    if (is_curfcp->is_nkeys > 0) db_cursor(is_curdb, keyno)->curr_kstate = 0;
+    is_isout();
+    return 0;
+}
+
 KISAM_API int niswrite(int isfd, const char* record, int recsize) {
     if (is_isin(PROC(P_ISWRITE), isfd, 0) < 0) return -1;
     int r = unit([&] { return is_write(record, recsize, 0); });

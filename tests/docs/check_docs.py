@@ -11,6 +11,11 @@
   check_docs.py render MAN_DIR
       Every page renders with man -l without a warning.
 
+  check_docs.py story SOURCE_DIR
+      The README, python/README.md, the section-3 pages and kisam(1) tell one story:
+      no page keeps a statement that the others (and the code) have left behind, and
+      the statements they share are made in each of them.
+
 Exit status 0 when all is well, 1 with the list of faults otherwise.
 """
 import os
@@ -190,11 +195,103 @@ def check_render(man_dir):
     return faults
 
 
+# Statements that were once true and must not come back: what the library does now is
+# said by SHARED below.
+STALE = [
+    (r"there is no undo", "every write, update and delete is whole or absent (undo journal)"),
+    (r"stored but not (yet )?indexed|half[- ]indexed|half[- ]written record",
+     "an interrupted call is rolled back, it never leaves a record half indexed"),
+    (r"every read(, write and delete)? takes? the (file's )?control lock|each read takes the (file's )?control lock",
+     "reads of pages in the pool take no lock"),
+]
+
+DOCS = {
+    "README": "README.md",
+    "python/README": "python/README.md",
+    "kisam(1)": "tools/kisam/kisam.1",
+    "kisam(3)": "man/kisam.3",
+    "niswrite(3)": "man/niswrite.3",
+    "nisread(3)": "man/nisread.3",
+    "nislock(3)": "man/nislock.3",
+}
+
+# (what, pattern, documents that must each say it)
+SHARED = [
+    ("calls are whole or absent", r"whole or absent",
+     ["README", "kisam(1)", "kisam(3)", "niswrite(3)"]),
+    ("reads of pooled pages take no lock", r"takes? no lock",
+     ["README", "kisam(1)", "kisam(3)", "nisread(3)", "nislock(3)"]),
+    ("a machine crash is not covered", r"crash of the whole machine",
+     ["README", "kisam(1)", "kisam(3)"]),
+    ("attaching creates $HOME/.Q9", r"\$HOME/\.Q9", ["README", "python/README", "kisam(3)"]),
+    ("attaching creates $HOME/Documents", r"\$HOME/Documents", ["README", "python/README", "kisam(3)"]),
+    ("share and tmp are world-writable", r"0777", ["README", "python/README", "kisam(3)"]),
+    ("the mutex's lock file", r"_Q9_Glbl_Mtx_\.lck", ["README", "python/README", "kisam(3)"]),
+    ("the lock file is 0666", r"0666", ["README", "python/README", "kisam(3)"]),
+    ("PATH changes", r"\$HOME_Q9/bin:", ["README", "python/README", "kisam(3)"]),
+    ("how to point it elsewhere", r"PROFILEQ9ENV", ["README", "python/README", "kisam(3)"]),
+]
+
+# Names the documents above give that the code must still use.
+CODE_FACTS = [
+    ("_Q9_Glbl_Mtx_", "src/support/getq9env.cpp"),
+    ('"%s/%s.lck"', "src/support/ztthread.cpp"),
+    ('"Documents"', "src/support/getq9env.cpp"),
+    ('".Q9"', "src/support/getq9env.cpp"),
+]
+
+
+def doc_text(path):
+    """The words of a document: a page's roff markup gone, runs of blanks one."""
+    t = open(path, encoding="utf-8").read()
+    if path.endswith((".1", ".3")):
+        t = plain_text(path)
+        t = re.sub(r"^\.(?:B|I|BR|IR|RB|BI|IB|RI|TP|PP|IP|SS|SH|RS|RE|EX|EE|nf|fi)\b ?", "", t, flags=re.M)
+        t = t.replace('"', "")
+    return " ".join(t.split())
+
+
+def check_story(src):
+    faults = []
+    texts = {name: doc_text(os.path.join(src, rel)) for name, rel in DOCS.items()}
+    for rel in sorted(os.listdir(os.path.join(src, "man"))):
+        if rel.endswith(".3"):
+            texts.setdefault(rel[:-2] + "(3)", doc_text(os.path.join(src, "man", rel)))
+    for pattern, now in STALE:
+        for name, text in texts.items():
+            m = re.search(pattern, text, flags=re.I)
+            if m:
+                faults.append(f"{name}: says \"{m.group(0)}\", no longer true: {now}")
+    for what, pattern, names in SHARED:
+        for name in names:
+            if not re.search(pattern, texts[name], flags=re.I):
+                faults.append(f"{name}: does not state: {what} (/{pattern}/)")
+    # Every family of ztsupport(3) has its return values and its errors.
+    sections, current = {}, None
+    for line in open(os.path.join(src, "man", "ztsupport.3"), encoding="utf-8"):
+        if line.startswith(".SH "):
+            current = line[4:].strip().strip('"')
+            sections[current] = []
+        elif line.startswith(".SS ") and current is not None:
+            sections[current].append(line[4:].strip())
+    families = sections.get("DESCRIPTION", [])
+    for part in ("RETURN VALUE", "ERRORS"):
+        if sections.get(part) != families:
+            faults.append(f"ztsupport(3): {part} does not take the families of DESCRIPTION in turn: "
+                          f"{sections.get(part)} against {families}")
+    for fact, rel in CODE_FACTS:
+        if fact not in open(os.path.join(src, rel), encoding="utf-8").read():
+            faults.append(f"{rel}: no longer has {fact}, which the documents name")
+    return faults
+
+
 def main(argv):
     if len(argv) == 5 and argv[1] == "names":
         faults = check_names(argv[2], argv[3], argv[4])
     elif len(argv) == 3 and argv[1] == "render":
         faults = check_render(argv[2])
+    elif len(argv) == 3 and argv[1] == "story":
+        faults = check_story(argv[2])
     else:
         print(__doc__)
         return 2

@@ -61,6 +61,21 @@ out=$(cd "$work" && KISCONFIG="$work/nowhere/kisamconfig" ./readme 2>&1) && fail
 echo "$out" | grep -q "configuration tried: $work/nowhere/kisamconfig" \
     || fail "without a configuration the README's program does not name the file: $out"
 
+# ---- a private prefix, as the README's Installation section says: without a word to
+# the loader the program does not start; with the README's -Wl,-rpath it does.
+grep -q -- '-Wl,-rpath,' "$readme" && grep -q 'LD_LIBRARY_PATH' "$readme" \
+    || fail "README: no word on LD_LIBRARY_PATH and -Wl,-rpath for a private prefix"
+if ! /sbin/ldconfig -p 2>/dev/null | grep -q 'libkisam\.so\.1 '; then
+    out=$(cd "$work" && env -u LD_LIBRARY_PATH ./readme 2>&1) && fail "the program starts without LD_LIBRARY_PATH or an rpath"
+    echo "$out" | grep -q "libkisam.so.1: cannot open shared object file" \
+        || fail "a program without LD_LIBRARY_PATH fails otherwise than the README says: $out"
+fi
+# shellcheck disable=SC2046
+cc -std=c11 -o "$work/readme_rpath" "$work/readme.c" $(pkg-config --cflags --libs kisam) -Wl,-rpath,"$libdir" \
+    || fail "the README's program does not build with an rpath"
+(cd "$work" && env -u LD_LIBRARY_PATH KISCONFIG="$work/home/kisamconfig" ./readme_rpath) \
+    || fail "the README's program linked with -Wl,-rpath does not run without LD_LIBRARY_PATH"
+
 # ---- the complete example of kisam(3), as the installed page shows it
 man -M "$prefix/share/man" 3 kisam >"$work/kisam.txt" 2>"$work/man.err" || fail "man kisam fails"
 [ ! -s "$work/man.err" ] || fail "man kisam: $(cat "$work/man.err")"

@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <filesystem>
+#include <sys/stat.h>
 #include <string>
 
 #include "support_util.h"
@@ -75,6 +77,45 @@ TEST_F(EnvStore, DirectoryDefaultsAndExports) {
         LoadEnv();
         CHILD_CHECK(eq(zt_homep, ".") && ZTGetEnvX("bin_dir") == nullptr);
         CHILD_CHECK(std::getenv("ZT_HOME") == nullptr && eq(GetUsrEnv("ZT_HOME"), "."));
+        return 0;
+    }), 0);
+}
+
+// What kisam(3), the README and python/README tell a user that attaching does outside
+// the library: the directories, their modes, the mutex's lock file and PATH.
+TEST_F(EnvStore, SideEffectsAreThoseTheDocumentsList) {
+    auto mode = [](const std::string &p) {
+        struct stat st{};
+        return ::stat(p.c_str(), &st) == 0 ? static_cast<int>(st.st_mode & 07777) : -1;
+    };
+    ::setenv("PATH", "/usr/bin:/bin", 1);
+    EXPECT_EQ(st::in_child([&] {
+        ::umask(022);
+        LoadEnv();
+        const std::string q9 = box.q9(), home = box.home();
+        CHILD_CHECK(st::is_dir(home + "/.Q9") && st::is_dir(home + "/Documents"));
+        CHILD_CHECK(mode(q9 + "/share") == 0777 && mode(q9 + "/tmp") == 0777);   // whatever the umask
+        CHILD_CHECK(mode(q9 + "/share/_Q9_Glbl_Mtx_.lck") == 0666);
+        CHILD_CHECK(eq(std::getenv("PATH"), "/usr/bin:/bin:" + q9 + "/bin:"));  // the trailing colon
+        return 0;
+    }), 0);
+    // ZTSetNoExport: PATH and the home directory alone; the shared directories all the same.
+    std::filesystem::remove_all(box.home() + "/.Q9");
+    std::filesystem::remove_all(box.home() + "/Documents");
+    EXPECT_EQ(st::in_child([&] {
+        ZTSetNoExport();
+        LoadEnv();
+        CHILD_CHECK(eq(std::getenv("PATH"), "/usr/bin:/bin"));
+        CHILD_CHECK(!st::exists(box.home() + "/.Q9") && !st::exists(box.home() + "/Documents"));
+        CHILD_CHECK(st::exists(box.q9() + "/share/_Q9_Glbl_Mtx_.lck") && st::is_dir(box.q9() + "/tmp"));
+        return 0;
+    }), 0);
+    // A HOME_Q9 that does not exist is made, with its share directory.
+    ::setenv("HOME_Q9", box.path("absent").c_str(), 1);
+    EXPECT_EQ(st::in_child([&] {
+        LoadEnv();
+        CHILD_CHECK(mode(box.path("absent/share")) == 0777 && !st::exists(box.path("absent/tmp")));
+        CHILD_CHECK(eq(std::getenv("PATH"), "/usr/bin:/bin"));   // no home: nothing added
         return 0;
     }), 0);
 }

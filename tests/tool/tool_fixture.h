@@ -6,7 +6,9 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/ipc.h>
+#include <sys/resource.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -38,6 +40,10 @@ class ToolInstallation : public ::testing::Test {
 protected:
     std::string dir, cfg;
     bool quiet = false;  // pass --quiet to every command
+    // Set in the command's environment (LC_ALL is "C" unless a test sets it here).
+    std::vector<std::pair<std::string, std::string>> env;
+    long fsize_limit = -1;       // RLIMIT_FSIZE of the command (SIGXFSZ ignored): a disk that fills
+    bool stdout_gone = false;    // standard output a pipe whose reader has gone
 
     void SetUp() override {
         char tmpl[] = "/tmp/kisam-tool-XXXXXX";
@@ -71,13 +77,27 @@ protected:
         if (quiet) argv.push_back("--quiet");
         argv.insert(argv.end(), args.begin(), args.end());
         std::fflush(nullptr);
+        int gone[2] = {-1, -1};
+        // The reader is gone before the command starts: its first write fails (EPIPE).
+        if (stdout_gone) {
+            if (::pipe(gone) != 0) return -1;
+            ::close(gone[0]);
+            spit(dir + "/.out", "");
+        }
         pid_t pid = ::fork();
         if (pid == 0) {
             for (auto [var, sub] : {std::pair{"HOME", "/home"}, {"HOME_Q9", "/q9"}, {"PROFILEQ9ENV", "/home/.Q9.profile"}})
                 ::setenv(var, (dir + sub).c_str(), 1);
             ::unsetenv("KISCONFIG");
+            ::setenv("LC_ALL", "C", 1);
+            for (const auto& [var, value] : env) ::setenv(var.c_str(), value.c_str(), 1);
+            if (fsize_limit >= 0) {
+                struct rlimit rl = {rlim_t(fsize_limit), rlim_t(fsize_limit)};
+                ::signal(SIGXFSZ, SIG_IGN);
+                if (::setrlimit(RLIMIT_FSIZE, &rl) != 0) ::_exit(126);
+            }
             int fds[3] = {::open(input_file.c_str(), O_RDONLY),
-                          ::open((dir + "/.out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666),
+                          stdout_gone ? gone[1] : ::open((dir + "/.out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666),
                           ::open((dir + "/.err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666)};
             for (int i = 0; i < 3; ++i)
                 if (fds[i] < 0 || ::dup2(fds[i], i) < 0) ::_exit(126);
@@ -87,6 +107,7 @@ protected:
             ::execv(av[0], av.data());
             ::_exit(127);
         }
+        if (stdout_gone) ::close(gone[1]);
         return pid;
     }
 

@@ -244,6 +244,16 @@ TEST_F(Tool, ExitStatusesAndRanges) {
     EXPECT_EQ(r.rc, 3) << r.out << r.err;
     EXPECT_TRUE(has(r.err, "read error")) << r.err;
     EXPECT_FALSE(has(r.out, "DAMAGED")) << r.out;
+    // A missing file cannot be read either (3); a file that is no ISAM file at all is said
+    // to be so (1), not "damaged".
+    EXPECT_EQ(run({"check", path("missing")}).rc, 3);
+    spit(path("data.csv"), "id,name\n1,x\n");
+    r = run({"check", path("data.csv")});
+    EXPECT_EQ(r.rc, 1);
+    EXPECT_TRUE(has(r.out, "NOT AN ISAM FILE: unknown magic 0x6469")) << r.out;
+    EXPECT_FALSE(has(r.out, "DAMAGED")) << r.out;
+    r = run({"check", path("data.csv"), "--json"});
+    EXPECT_EQ(nlohmann::json::parse(r.out)["status"], "not_isam");
     // A read error of load's input is one, not a dump cut short.
     r = run({"load", f, dir});
     EXPECT_EQ(r.rc, 1);
@@ -449,10 +459,28 @@ TEST_F(Tool, ImportAndExportCsv) {
     EXPECT_EQ(docs[1]["rest"], "says \"hi\"\nand more");
     EXPECT_EQ(docs[2]["city"], "Z\xc3\xbcri");
 
-    // Layouts that cannot be: refused before anything is read.
-    EXPECT_EQ(run({"import", f, path("in.csv"), "--fields", "id:4,name:5"}).rc, 2) << "keys not covered";
-    EXPECT_EQ(run({"import", f, path("in.csv"), "--fields", "id:4,rest:*,name:6"}).rc, 2);
-    EXPECT_EQ(run({"import", f, path("in.csv"), "--fields", "id:4,id:6"}).rc, 2);
+    // Layouts that cannot be: the first fields must be the keys, each as wide as its key.
+    // Refused (2) before anything is read or written, naming the field and the key.
+    const std::string before = run({"dump", f}).out;
+    const struct { const char *cmd, *fields, *says; } refused[] = {
+        {"import", "id:4,name:10,city:5,rest:*", "the field \"name\" is 10 bytes, key 1 is 6 bytes"},
+        {"import", "id:3,name:6,city:5,rest:*", "the field \"id\" is 3 bytes, key 0 is 4 bytes"},
+        {"import", "whole:10,rest:*", "the field \"whole\" is 10 bytes, key 0 is 4 bytes"},
+        {"import", "id:4,rest:*", "the field \"rest\" is of any length (*), key 1 is 6 bytes"},
+        {"import", "id:4", "no field for key 1 (6 bytes)"},
+        {"import", "id:4,rest:*,name:6", "must be the last"},
+        {"import", "id:4,id:6", "given twice"},
+        {"export", "id:4,name:16,rest:*", "the field \"name\" is 16 bytes, key 1 is 6 bytes"},
+        {"export", "id:2,name:6", "the field \"id\" is 2 bytes, key 0 is 4 bytes"},
+    };
+    for (const auto& c : refused) {
+        const std::string out = path("refused.out");
+        r = run({c.cmd, f, std::string(c.cmd) == "import" ? path("in.csv") : out, "--fields", c.fields});
+        EXPECT_EQ(r.rc, 2) << c.fields;
+        EXPECT_TRUE(has(r.err, c.says)) << r.err;
+        EXPECT_NE(::access(out.c_str(), F_OK), 0) << c.fields << ": nothing written";
+    }
+    EXPECT_EQ(run({"dump", f}).out, before) << "nothing stored";
     // A header without a field of the layout: nothing loaded, said so.
     spit(path("h.csv"), "id,nom,city,rest\nC100,x,y,z\n");
     r = run({"import", f, path("h.csv"), "--fields", fields});
@@ -480,9 +508,33 @@ TEST_F(Tool, JsonAndRawOutput) {
     EXPECT_EQ(j["record"], "abcM\xc3\xbcller \"q\" \\ \x01");
     EXPECT_EQ(j["keys"][0], "abc");
     EXPECT_EQ(j["length"], 18);
-    // Bytes that are not UTF-8: one \udcXX each, as Python's surrogateescape reads them.
+    // Bytes that are not UTF-8: U+FFFD in the string, which any parser reads, and the bytes
+    // exactly in NAME_base64 (for a key: keys_base64, every key).
     r = run({"get", f, "bin", "--json"});
-    EXPECT_EQ(r.out, "{\"length\":11,\"keys\":[\"bin\"],\"record\":\"binraw\\udcff\\u0000end\"}\n");
+    EXPECT_EQ(r.out, "{\"length\":11,\"keys\":[\"bin\"],\"record\":\"binraw\xef\xbf\xbd\\u0000end\","
+                     "\"record_base64\":\"YmlucmF3/wBlbmQ=\"}\n");
+    ASSERT_EQ(run({"put", f, "\\xffzzkey\\xfe"}).rc, 0);
+    j = nlohmann::json::parse(run({"get", f, "\\xffzz", "--json"}).out);
+    EXPECT_EQ(j["keys_base64"], nlohmann::json::array({"/3p6"}));
+    EXPECT_EQ(j["record_base64"], "/3p6a2V5/g==");
+    // scan --json is JSON Lines; --json-array one document (what json.load reads).
+    r = run({"scan", f, "--json"});
+    size_t lines = 0;
+    for (size_t at = 0, nl; (nl = r.out.find('\n', at)) != std::string::npos; at = nl + 1, ++lines)
+        EXPECT_TRUE(nlohmann::json::parse(r.out.substr(at, nl - at)).is_object());
+    EXPECT_EQ(lines, 3u);
+    j = nlohmann::json::parse(run({"scan", f, "--json-array"}).out);
+    ASSERT_TRUE(j.is_array() && j.size() == 3) << j.dump();
+    EXPECT_EQ(j[1]["record_base64"], "YmlucmF3/wBlbmQ=");
+    r = run({"scan", f, "--from", "\\xff\\xff", "--json-array"});
+    EXPECT_EQ(r.rc, 1);
+    EXPECT_EQ(r.out, "[]\n");
+    j = nlohmann::json::parse(run({"export", f, "--json-array"}).out);
+    ASSERT_EQ(j.size(), 3u) << j.dump();
+    EXPECT_EQ(j[1]["rest_base64"], "cmF3/wBlbmQ=");
+    EXPECT_EQ(j[2]["key0_base64"], "/3p6");
+    EXPECT_EQ(run({"scan", f, "--json", "--json-array"}).rc, 2);
+    ASSERT_EQ(run({"del", f, "\\xffzz"}).rc, 0);
     r = run({"get", f, "bin", "--raw"});
     EXPECT_EQ(r.out, std::string("binraw\xff\0end", 11));
     r = run({"scan", f, "--json", "--count"});
@@ -565,6 +617,134 @@ TEST_F(Tool, StatSeesProcessesAndTheDead) {
     ::close(fd[0]);
     EXPECT_EQ(finish(pid[0]).rc, 0);
     EXPECT_EQ(run({"get", f, "abcd"}).out, "abcdEFGH\n");
+}
+
+// Records for people: where the locale is UTF-8, valid characters other than controls
+// are shown as they are, and what is shown reads back as the same bytes; the dump form
+// is the same in every locale.
+TEST_F(Tool, TextFormFollowsTheLocale) {
+    init_config();
+    const std::string f = path("u");
+    ASSERT_EQ(run({"create", f, "3"}).rc, 0);
+    // "Müller", a C0 and a C1 control character, and a byte that is not UTF-8.
+    ASSERT_EQ(run({"put", f, "abcM\\xc3\\xbcller\\x01\\xc2\\x85\\xff"}).rc, 0);
+    const std::string dump = run({"dump", f}).out;
+    EXPECT_EQ(run({"scan", f}).out, "abcM\\xc3\\xbcller\\x01\\xc2\\x85\\xff\n");
+    env = {{"LC_ALL", "C.UTF-8"}};
+    Result r = run({"scan", f});
+    EXPECT_EQ(r.out, "abcM\xc3\xbcller\\x01\\xc2\\x85\\xff\n");
+    EXPECT_EQ(run({"dump", f}).out, dump);
+    ASSERT_EQ(run({"put", f, "-", "--update"}, r.out).rc, 0);
+    EXPECT_EQ(run({"dump", f}).out, dump) << "the shown form reads back as the same bytes";
+    r = run({"get", f, "\xc3\xbc"});
+    EXPECT_TRUE(has(r.err, "beginning with \"\xc3\xbc\"")) << r.err;
+    env = {{"LANG", "C.UTF-8"}, {"LC_ALL", ""}};
+    EXPECT_EQ(run({"get", f, "abc"}).out, "abcM\xc3\xbcller\\x01\\xc2\\x85\\xff\n");
+}
+
+// A reader that goes away ('kisam scan FILE | head -1') is a normal end for every command
+// that writes: status 0, no message, and nothing left behind.
+TEST_F(Tool, ClosedOutputPipeIsANormalEnd) {
+    init_config();
+    const std::string f = path("p");
+    ASSERT_EQ(run({"create", f, "4"}).rc, 0);
+    std::string in;
+    char b[64];
+    for (int i = 0; i < 2000; ++i) in += std::string(b, std::snprintf(b, sizeof b, "%04d some data of record %d\n", i, i));
+    ASSERT_EQ(run({"put", f, "-"}, in).rc, 0);
+    stdout_gone = true;
+    for (const std::vector<std::string>& args :
+         std::vector<std::vector<std::string>>{{"scan", f}, {"scan", f, "--json"}, {"scan", f, "--json-array"},
+                                               {"get", f, "0001"}, {"dump", f}, {"export", f},
+                                               {"export", f, "--json-array"}, {"info", f}, {"check", f},
+                                               {"check", f, "--json"}, {"stat"}, {"stat", "--every", "1"}, {"config", "show"}, {"help"},
+                                               {"help", "scan"}, {"--version"}}) {
+        Result r = run(args);
+        EXPECT_EQ(r.rc, 0) << args[0] << " " << (args.size() > 2 ? args[2] : "") << ": " << r.err;
+        EXPECT_EQ(r.err, "") << args[0];
+    }
+}
+
+// Writing fails: a disk that fills (a file-size limit stands for it) and a sync that fails
+// at a release.  Every failure reaches the exit status with the library's report; a load
+// says how many records it stored; a dump leaves nothing under its output name.
+TEST_F(Tool, FullDiskAndFailedSync) {
+    init_config();
+    std::string dump = "# kisam dump 1\n# keys 6\n";
+    char b[64];
+    for (int i = 0; i < 2000; ++i)
+        dump += std::string(b, std::snprintf(b, sizeof b, "300 K%05d", i)) + std::string(294, 'x') + "\n";
+    dump += "# end 2000 records\n";
+    spit(path("big.dump"), dump);
+    const auto loaded = [](const std::string& err) {
+        const size_t at = err.find("loaded ");
+        return at == std::string::npos ? -1L : std::strtol(err.c_str() + at + 7, nullptr, 10);
+    };
+
+    fsize_limit = 512 * 1024;   // above the undo journal's first size, below the file's
+    Result r = run({"load", path("big"), path("big.dump")});
+    fsize_limit = -1;
+    EXPECT_EQ(r.rc, 1);
+    EXPECT_TRUE(has(r.err, "ISE_") && has(r.err, "stopped at line") && has(r.err, "before the failure")) << r.err;
+    const long n = loaded(r.err);
+    EXPECT_GT(n, 0) << r.err;
+    EXPECT_LT(n, 2000) << r.err;
+    EXPECT_EQ(run({"scan", path("big"), "--count"}).out, std::to_string(n) + "\n") << "the summary is what the file holds";
+
+    // A dump to a full disk: the file that was under the name stays as it was, a new name
+    // does not appear, and no temporary is left.
+    spit(path("old.dump"), "an older dump\n");
+    fsize_limit = 4096;
+    for (const char* name : {"old.dump", "new.dump"}) {
+        r = run({"dump", path("big"), path(name)});
+        EXPECT_EQ(r.rc, 1);
+        EXPECT_TRUE(has(r.err, "cannot write") && has(r.err, "was not written")) << r.err;
+    }
+    fsize_limit = -1;
+    EXPECT_EQ(slurp(path("old.dump")), "an older dump\n");
+    EXPECT_NE(::access(path("new.dump").c_str(), F_OK), 0);
+    EXPECT_EQ(std::system(("test -z \"$(ls -A '" + dir + "' | grep '^\\..*dump\\.')\"").c_str()), 0) << "a temporary left";
+    r = run({"dump", path("big"), path("old.dump")});
+    EXPECT_EQ(r.rc, 0) << r.err;
+    EXPECT_EQ(slurp(path("old.dump")), run({"dump", path("big")}).out);
+
+    // With the data-changed mark cleared at every release, a release whose sync fails
+    // fails the load and the import, at a batch's release and at the last one.  (The
+    // third sync is the first release's: the first write's come before it.)
+    ASSERT_EQ(run({"config", "init", cfg, "--force", "--buffers", "32", "--files", "8", "--users", "8",
+                   "--track-changes", "--clear-on-release"}).rc, 0);
+    std::string csv = "key0,rest\n";
+    for (int i = 0; i < 300; ++i) csv += std::string(b, std::snprintf(b, sizeof b, "C%05d,row %d\n", i, i));
+    spit(path("in.csv"), csv);
+    spit(path("small.dump"), dump.substr(0, dump.find("\n300 K00100")) + "\n# end 100 records\n");
+    const char* asan = std::getenv("ASAN_OPTIONS");
+    const struct { const char *cmd, *input, *says; } failing[] = {
+        {"load", "big.dump", "(line 258): ISE_FLFCP"},
+        {"import", "in.csv", "(line 257): ISE_FLFCP"},
+        {"load", "small.dump", "loaded 100 records into"},
+    };
+    for (const auto& c : failing) {
+        const std::string file = path(std::string("synced.") + c.input);
+        ASSERT_EQ(run({"create", file, "6"}).rc, 0);
+        env = {{"LD_PRELOAD", KISAM_FAULT_SHIM}, {"KISAM_TEST_FAIL_FDATASYNC", "3"},
+               {"ASAN_OPTIONS", std::string(asan ? asan : "") + ":verify_asan_link_order=0"}};
+        r = run({c.cmd, file, path(c.input)});
+        env.clear();
+        EXPECT_EQ(r.rc, 1) << c.input << ": " << r.err;
+        EXPECT_TRUE(has(r.err, c.says) && has(r.err, "ISE_FLFCP") && has(r.err, "Sys errno #5")) << c.input << ": " << r.err;
+    }
+    // With the mark synced when it changes, a close whose sync fails (the third: the
+    // first write's come before) leaves the mark set: nisclose returns 0, the tool fails.
+    ASSERT_EQ(run({"config", "init", cfg, "--force", "--buffers", "32", "--files", "8", "--users", "8",
+                   "--track-changes", "--sync-on-mark"}).rc, 0);
+    ASSERT_EQ(run({"create", path("closed"), "6"}).rc, 0);
+    env = {{"LD_PRELOAD", KISAM_FAULT_SHIM}, {"KISAM_TEST_FAIL_FDATASYNC", "3"},
+           {"ASAN_OPTIONS", std::string(asan ? asan : "") + ":verify_asan_link_order=0"}};
+    r = run({"put", path("closed"), "K00001abc"});
+    env.clear();
+    EXPECT_EQ(r.rc, 1);
+    EXPECT_TRUE(has(r.err, "closing the file: ISE_FLFCP")) << r.err;
+    env.clear();
 }
 
 }  // namespace

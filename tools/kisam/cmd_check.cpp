@@ -67,7 +67,7 @@ std::string unreadable(const std::string& file) {
         ssize_t n = ::pread(fd, buf.data(), buf.size(), at);
         if (n < 0 && errno == EINTR) continue;
         if (n < 0) {
-            why = std::string(std::strerror(errno)) + " (at byte " + std::to_string(at) + ")";
+            why = "read error: " + std::string(std::strerror(errno)) + " (at byte " + std::to_string(at) + ")";
             break;
         }
         if (n == 0) break;
@@ -168,20 +168,32 @@ int cmd_check(std::vector<std::string> words) {
     };
     if (a.pos().size() != 1) return usage_error("check", "expected one FILE");
     const std::string& file = a.pos()[0];
-    if (::access(file.c_str(), R_OK) != 0) return fail("check", file + ": " + std::strerror(errno));
+    // A file that cannot be read is not a damaged file: read it all once first, so that
+    // a missing file or an I/O error gets its own message and status instead of a verdict
+    // on the structure.
+    if (std::string why = unreadable(file); !why.empty()) {
+        verdict(EXIT_IO, "unreadable", "CANNOT BE READ: " + why);
+        fail("check", file + ": " + why);
+        return EXIT_IO;
+    }
+    if (g_interrupted) return interrupted("check");
+    // Nor is a file that does not begin with an ISAM magic (a CSV file, a dump): it is no
+    // ISAM file at all, and "damaged" would send its user looking for a repair.
+    {
+        int fd = ::open(file.c_str(), O_RDONLY);
+        ControlPage cp;
+        std::string err;
+        const bool ok = fd >= 0 && read_control_page(fd, cp, err);
+        if (fd >= 0) ::close(fd);
+        if (!ok && (cp.magic < ISMAGIC_OLD512 || cp.magic > ISMAGIC_1024)) {
+            const std::string what = err.rfind("not an ISAM file: ", 0) == 0 ? err.substr(18) : err;
+            return verdict(EXIT_FAIL, "not_isam", "NOT AN ISAM FILE: " + what);
+        }
+    }
     int in_use = open_in_area(file);
     if (in_use == 1)
         line("note: " + file + " is open in the shared area; changes not yet flushed are not seen");
     doc.boolean("open_in_shared_area", in_use == 1);
-
-    // A file that cannot be read is not a damaged file: read it all once first, so that
-    // an I/O error gets its own message and status instead of a verdict on the structure.
-    if (std::string why = unreadable(file); !why.empty()) {
-        verdict(EXIT_IO, "unreadable", "CANNOT BE READ: " + why);
-        fail("check", file + ": read error: " + why);
-        return EXIT_IO;
-    }
-    if (g_interrupted) return interrupted("check");
 
     kc::Report rep = kc::check_file(file);
     kc::FileImage img;
@@ -236,7 +248,7 @@ int cmd_check(std::vector<std::string> words) {
         prog.update(done, done);
         std::string key0 = it.substr(0, size_t(k0.k_keylen));
         uint32_t addr = w32(it.data() + k0.k_offset);
-        std::string where = "record with key 0 = \"" + escape(key0) + "\"";
+        std::string where = "record with key 0 = \"" + show(key0) + "\"";
         if (keyopt) {
             rec = key0;
             size_t rest = front - size_t(k0.k_keylen);
@@ -270,9 +282,9 @@ int cmd_check(std::vector<std::string> words) {
             // Appended piece by piece: g++ 12 at -O3 warns (wrongly, -Wrestrict) about a
             // literal + std::string here.
             std::string d(1, '"');
-            d += escape(item.substr(0, size_t(k.k_keylen)));
+            d += show(item.substr(0, size_t(k.k_keylen)));
             d += "\" of key 0 = \"";
-            d += escape(item.substr(size_t(k.k_offset), size_t(k0.k_keylen)));
+            d += show(item.substr(size_t(k.k_offset), size_t(k0.k_keylen)));
             d += '"';
             return d;
         };

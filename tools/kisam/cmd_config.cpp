@@ -117,18 +117,29 @@ int config_init(std::vector<std::string> words) {
     if ((a.has("sync-on-mark") || a.has("clear-on-release")) && !track)
         return usage_error("config", "--sync-on-mark and --clear-on-release need --track-changes");
 
+    struct kisam_settings settings = KISAM_SETTINGS_DEFAULT;
+    settings.files = int(files);
+    settings.buffers = int(buffers);
+    settings.users = int(users);
+    settings.keys = int(keys);
+    settings.files_per_process = int(perproc);
+    settings.file_buffers = int(filebufs);
+    settings.avg_alt_keys = int(alts);
+    settings.lock_key_len = int(lklen);
+    settings.locks_per_file = int(nlocks);
+    if (track)
+        settings.options = KISAM_TRACK_CHANGES | (a.has("sync-on-mark") ? KISAM_SYNC_ON_MARK : 0) |
+                           (a.has("clear-on-release") ? KISAM_CLEAR_ON_RELEASE : 0);
+
+    // The record as the library will write it, judged first against the limits.
     struct is_config c;
     std::memset(&c, 0, sizeof c);
     c.co_maxopen = int16_t(files);
     c.co_maxbuf = int16_t(buffers);
     c.co_maxusers = int16_t(users);
-    c.co_maxnkeys = int16_t(keys);
     c.co_avgalts = int16_t(alts);
     c.co_alenlock = int16_t(lklen);
     c.co_anumlock = int16_t(nlocks);
-    c.co_maxfbuf = int16_t(filebufs);
-    c.co_maxufile = int16_t(perproc);
-    if (track) c.co_bits = 0x1 | (a.has("sync-on-mark") ? 0x2 : 0) | (a.has("clear-on-release") ? 0x4 : 0);
 
     Layout l = layout_of(c);
     if (l.heap > kMaxHeap)
@@ -138,32 +149,12 @@ int config_init(std::vector<std::string> words) {
     if (l.segment > INT32_MAX) return fail("config", "the shared segment would exceed 2 GiB");
     if (std::string why = kernel_refusal(l.segment); !why.empty())
         return fail("config", why + "; lower --buffers or --files, or raise the limit with sysctl");
-    // Fill the computed fields as start-up would; it recomputes them anyway.
-    c.co_comsize = int32_t(l.comsize);
-    c.co_bufbase = int32_t(l.bufbase);
-    c.co_pfobase = int32_t(l.pfobase);
-    c.co_heapbase = int32_t(l.heapbase);
-    c.co_pidbase = int32_t(l.pidbase);
-    c.co_needbase = int32_t(l.needbase);
 
-    int flags = O_WRONLY | O_CREAT | (a.has("force") ? O_TRUNC : O_EXCL);
-    int fd = ::open(path.c_str(), flags, 0666);
-    if (fd < 0) {
+    if (kisam_config_write(path.c_str(), &settings, a.has("force") ? KISAM_CONFIG_REPLACE : 0, 0) != 0) {
         if (errno == EEXIST) return fail("config", path + ": exists already (use --force to overwrite it)");
-        return fail("config", path + ": " + std::strerror(errno));
-    }
-    static_assert(sizeof c == kRecordSize, "the configuration record is 52 bytes");
-    bool ok = ::write(fd, &c, sizeof c) == ssize_t(sizeof c);
-    int saved = errno;
-    if (::close(fd) != 0) ok = false;
-    if (!ok) {
-        ::unlink(path.c_str());
-        return fail("config", path + ": cannot write: " + std::strerror(saved));
+        return fail("config", "cannot write " + path + " and its lock file " + path + ".lk: " + std::strerror(errno));
     }
     std::string lk = path + ".lk";
-    int lfd = ::open(lk.c_str(), O_RDWR | O_CREAT, 0666);
-    if (lfd < 0) return fail("config", lk + ": cannot create the lock file: " + std::strerror(errno));
-    ::close(lfd);
     std::printf("wrote %s and its lock file %s (shared segment of %lld bytes)\n", path.c_str(), lk.c_str(),
                 static_cast<long long>(l.segment));
     // A running installation keeps the area it was started with.

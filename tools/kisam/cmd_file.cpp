@@ -112,12 +112,9 @@ int cmd_create(std::vector<std::string> words) {
         return fail("create", file + ": exists already (use --force to replace it)");
 
     Session s("create");
-    if (!s.attach()) return EXIT_FAIL;
-    niscr_ctl(a.has("key-in-index") ? 1 : 0, a.has("small-header") ? 512 : 1024);
-    int fd = niscreate(file.c_str(), int(lens.size()), lens.data());
-    if (fd < 0) return lib_error("create", file, file);
-    s.close(fd);
-    return EXIT_OK;
+    int fd = s.create(file, lens, a.has("key-in-index") ? 1 : 0, a.has("small-header") ? 512 : 1024);
+    if (fd < 0) return EXIT_FAIL;
+    return s.close(fd) ? EXIT_OK : EXIT_FAIL;
 }
 
 namespace {

@@ -82,38 +82,70 @@ bool key_number(const Args& a, const OpenFile& f, int& keyno) {
     return true;
 }
 
-// How get and scan write records: the escaped text form, one line each; one JSON
-// object per line (--json); or the bytes as they are, nothing added (--raw).
-enum class Form { text, json, raw };
+// How get and scan write records: the text form for people, one line each; one JSON
+// object per line (--json, JSON Lines); one JSON array of those objects (--json-array,
+// scan only); or the bytes as they are, nothing added (--raw).
+enum class Form { text, json, json_array, raw };
 
 bool output_form(const Args& a, Form& form) {
-    if (a.has("json") && a.has("raw")) {
-        usage_error(a.cmd(), "--json and --raw exclude each other");
+    const int n = int(a.has("json")) + int(a.has("json-array")) + int(a.has("raw"));
+    if (n > 1) {
+        usage_error(a.cmd(), a.cmd() == "scan" ? "--json, --json-array and --raw exclude each other"
+                                               : "--json and --raw exclude each other");
         return false;
     }
-    form = a.has("json") ? Form::json : a.has("raw") ? Form::raw : Form::text;
+    form = a.has("json") ? Form::json : a.has("json-array") ? Form::json_array : a.has("raw") ? Form::raw : Form::text;
     return true;
 }
+
+// Writes text to standard output; false when the output cannot take more (a closed pipe,
+// a full disk), with the error kept for main.
+bool out_text(const std::string& text) {
+    if (std::fwrite(text.data(), 1, text.size(), stdout) == text.size()) return true;
+    if (!g_write_errno) g_write_errno = errno;
+    return false;
+}
+
+// A record as a JSON object: its length, its keys' values and its bytes.  Keys and record
+// that are not valid UTF-8 come exactly in keys_base64 and record_base64 as well.
+std::string record_json(const OpenFile& f, std::string_view r) {
+    const auto key = [&](size_t k) {
+        const size_t off = size_t(f.key_offset(int(k)));
+        return off < r.size() ? r.substr(off, size_t(f.keylens[k])) : std::string_view();
+    };
+    JsonArray keys;
+    bool exact = true;
+    for (size_t k = 0; k < f.keylens.size(); ++k) {
+        keys.add(json_str(key(k)));
+        if (utf8_invalid_at(key(k)) != std::string_view::npos) exact = false;
+    }
+    JsonObject o;
+    o.num("length", long(r.size())).raw("keys", keys.done());
+    if (!exact) {
+        JsonArray keys64;
+        for (size_t k = 0; k < f.keylens.size(); ++k) keys64.add('"' + base64(key(k)) + '"');
+        o.raw("keys_base64", keys64.done());
+    }
+    return o.str("record", r).done();
+}
+
+// The records written so far by print_record, for the brackets of --json-array.
+uint64_t g_printed = 0;
 
 // False when the output cannot take more (a closed pipe, a full disk).
 bool print_record(const OpenFile& f, Form form, const char* rec, int n) {
     const std::string_view r(rec, size_t(n));
     std::string line;
-    if (form == Form::raw) {
+    if (form == Form::raw)
         line.assign(r);
-    } else if (form == Form::json) {
-        JsonArray keys;
-        for (size_t k = 0; k < f.keylens.size(); ++k) {
-            size_t off = size_t(f.key_offset(int(k)));
-            keys.add(json_str(off < r.size() ? r.substr(off, size_t(f.keylens[k])) : std::string_view()));
-        }
-        line = JsonObject().num("length", n).raw("keys", keys.done()).str("record", r).done() + "\n";
-    } else {
-        line = escape(r) + "\n";
-    }
-    if (std::fwrite(line.data(), 1, line.size(), stdout) == line.size()) return true;
-    if (!g_write_errno) g_write_errno = errno;
-    return false;
+    else if (form == Form::json)
+        line = record_json(f, r) + "\n";
+    else if (form == Form::json_array)
+        line = (g_printed == 0 ? "[" : ",\n") + record_json(f, r);
+    else
+        line = show(r) + "\n";
+    ++g_printed;
+    return out_text(line);
 }
 
 int read_access(const Args& a) { return ISO_RDONLY | (a.has("ignore-mark") ? ISF_NOVERIFY : 0); }
@@ -147,12 +179,12 @@ int cmd_get(std::vector<std::string> words) {
     std::string key = *v;
     key.append(size_t(klen) - v->size(), '\0');
     std::vector<char> rec(kRecBuf);
-    nisseek(f.fd, keyno, key.data());
+    if (nisseek(f.fd, keyno, key.data()) != 0) return lib_error("get", a.pos()[0]);
     int n = nisread(f.fd, keyno, rec.data(), kRecBuf);
     if (n < 0) return lib_error("get", a.pos()[0]);
     if (n == 0 || n < koff + klen || std::memcmp(rec.data() + koff, v->data(), v->size()) != 0)
         return fail("get", "no record with key " + std::to_string(keyno) + (int(v->size()) < klen ? " beginning with \"" : " = \"") +
-                               escape(*v) + "\"");
+                               show(*v) + "\"");
     print_record(f, form, rec.data(), n);
     return EXIT_OK;
 }
@@ -167,6 +199,7 @@ int cmd_scan(std::vector<std::string> words) {
     a.flag("count");
     a.flag("ignore-mark");
     a.flag("json");
+    a.flag("json-array");
     a.flag("raw");
     if (!a.parse()) return EXIT_USAGE;
     if (a.pos().size() != 1) return usage_error("scan", "expected one FILE");
@@ -206,7 +239,7 @@ int cmd_scan(std::vector<std::string> words) {
                                                (back ? " (with --backward, --from is the high end)"
                                                      : " (use --backward to read downwards)"));
         }
-        nisseek(f.fd, keyno, key.data());
+        if (nisseek(f.fd, keyno, key.data()) != 0) return lib_error("scan", a.pos()[0]);
     }
     const bool bounded = a.get("to").has_value();
     std::vector<char> rec(kRecBuf);
@@ -221,13 +254,15 @@ int cmd_scan(std::vector<std::string> words) {
             if (back ? c < 0 : c > 0) break;
         }
         ++count;
-        if (!a.has("count") && !print_record(f, form, rec.data(), n)) break;   // main reports it
+        if (!a.has("count") && !print_record(f, form, rec.data(), n)) return EXIT_OK;   // main reports it
     }
     if (a.has("count")) {
-        if (form == Form::json)
+        if (form == Form::json || form == Form::json_array)
             std::printf("%s\n", JsonObject().unum("count", count).done().c_str());
         else
             std::printf("%llu\n", static_cast<unsigned long long>(count));
+    } else if (form == Form::json_array) {
+        out_text(count == 0 ? "[]\n" : "]\n");
     }
     // As get: nothing found is status 1 (with --count the 0 printed says it too).
     return count == 0 ? EXIT_FAIL : EXIT_OK;
@@ -265,7 +300,7 @@ int cmd_put(std::vector<std::string> words) {
                               std::to_string(f.minrec) + " (its keys) to 65534 bytes");
             return true;
         }
-        std::string key = escape(std::string_view(*rec).substr(0, size_t(k0)));
+        std::string key = show(std::string_view(*rec).substr(0, size_t(k0)));
         int r;
         if (a.has("update"))
             r = nisupdate(f.fd, rec->data(), int(rec->size()));
@@ -334,15 +369,14 @@ int cmd_del(std::vector<std::string> words) {
         std::string key = *v;
         key.append(size_t(k0) - v->size(), '\0');
         if (int(v->size()) < k0) {
-            nisseek(f.fd, 0, key.data());
-            int n = nisread(f.fd, 0, rec.data(), kRecBuf);
+            int n = nisseek(f.fd, 0, key.data()) == 0 ? nisread(f.fd, 0, rec.data(), kRecBuf) : -1;
             if (n < 0) {
                 rc = lib_error("del", file);
                 return false;
             }
             auto begins = [&](int len) { return len >= k0 && std::memcmp(rec.data(), v->data(), v->size()) == 0; };
             if (n == 0 || !begins(n)) {
-                rc = fail("del", where + "no record with key 0 beginning with \"" + escape(*v) + "\"");
+                rc = fail("del", where + "no record with key 0 beginning with \"" + show(*v) + "\"");
                 return true;
             }
             key.assign(rec.data(), size_t(k0));
@@ -352,8 +386,8 @@ int cmd_del(std::vector<std::string> words) {
                 return false;
             }
             if (n > 0 && begins(n)) {
-                rc = fail("del", where + "more than one record has key 0 beginning with \"" + escape(*v) + "\" (\"" +
-                                     escape(key) + "\", \"" + escape(std::string_view(rec.data(), size_t(k0))) +
+                rc = fail("del", where + "more than one record has key 0 beginning with \"" + show(*v) + "\" (\"" +
+                                     show(key) + "\", \"" + show(std::string_view(rec.data(), size_t(k0))) +
                                      "\", ...); give the whole value");
                 return true;
             }
@@ -363,7 +397,7 @@ int cmd_del(std::vector<std::string> words) {
                 rc = lib_error("del", file);
                 return false;
             }
-            rc = fail("del", where + "no record with key 0 = \"" + escape(key) + "\"");
+            rc = fail("del", where + "no record with key 0 = \"" + show(key) + "\"");
         }
         return true;
     };
@@ -453,21 +487,14 @@ int cmd_dump(std::vector<std::string> words) {
     return wrc != EXIT_OK ? wrc : rc;
 }
 
-DumpWriter::~DumpWriter() {
-    if (out_ && out_ != stdout) std::fclose(out_);
-}
+DumpWriter::~DumpWriter() = default;
 
 bool DumpWriter::open(const std::string& output, const std::vector<int>& keylens, bool key_in_index) {
-    out_ = stdout;
-    name_ = "standard output";
-    if (!output.empty() && output != "-") {
-        name_ = output;
-        out_ = std::fopen(output.c_str(), "w");
-        if (!out_) {
-            fail("dump", name_ + ": " + std::strerror(errno));
-            return false;
-        }
+    if (!file_.open(output)) {
+        fail("dump", output + ": " + std::strerror(errno));
+        return false;
     }
+    out_ = file_.file();
     std::string keys;
     for (size_t i = 0; i < keylens.size(); ++i) keys += (i ? "," : "") + std::to_string(keylens[i]);
     if (std::fprintf(out_, "%s\n# keys %s%s\n", kDumpMagic, keys.c_str(), key_in_index ? " key-in-index" : "") < 0)
@@ -492,19 +519,24 @@ bool DumpWriter::record(std::string_view bytes) {
 }
 
 int DumpWriter::finish(bool complete) {
+    if (!out_) return EXIT_FAIL;
     if (complete && !errno_ &&
         std::fprintf(out_, "# end %llu records\n", static_cast<unsigned long long>(count_)) < 0)
         failed();
-    if (std::fflush(out_) != 0 || std::ferror(out_)) failed();
-    if (out_ != stdout) {
-        if (std::fclose(out_) != 0) failed();
-    } else if (errno_ && !g_write_errno) {
-        g_write_errno = errno_;
-    }
+    const bool to_stdout = out_ == stdout;
     out_ = nullptr;
+    if (errno_) {
+        file_.abandon();
+    } else if (int e = file_.commit(); e != 0) {
+        errno_ = e;
+    }
     if (!errno_) return EXIT_OK;
-    if (errno_ == EPIPE) return EXIT_FAIL;  // the reader went away ('| head')
-    return fail("dump", name_ + ": cannot write: " + std::strerror(errno_) + "; the output is incomplete");
+    if (to_stdout) {
+        if (!g_write_errno) g_write_errno = errno_;
+        if (errno_ == EPIPE) return EXIT_OK;  // the reader went away ('| head'): a normal end
+    }
+    return fail("dump", file_.name() + ": cannot write: " + std::strerror(errno_) +
+                            (file_.whole_or_nothing() ? "; the file was not written" : "; the output is incomplete"));
 }
 
 int cmd_load(std::vector<std::string> words) {
@@ -545,10 +577,8 @@ int cmd_load(std::vector<std::string> words) {
     Session s("load");
     if (!s.attach()) return EXIT_FAIL;
     if (::access(file.c_str(), F_OK) != 0) {
-        niscr_ctl(keyopt ? 1 : 0, 1024);
-        int fd = niscreate(file.c_str(), int(lens.size()), lens.data());
-        if (fd < 0) return lib_error("load", file, file);
-        s.close(fd);
+        int fd = s.create(file, lens, keyopt ? 1 : 0, 1024);
+        if (fd < 0 || !s.close(fd)) return EXIT_FAIL;
     }
     OpenFile f(s);
     if (!f.open(file, ISO_RDWR)) return EXIT_FAIL;
@@ -559,7 +589,7 @@ int cmd_load(std::vector<std::string> words) {
     }
 
     Progress prog("load " + file, in.size());
-    uint64_t loaded = 0, duplicates = 0, bad = 0, lines = 0;
+    uint64_t loaded = 0, duplicates = 0, bad = 0, lines = 0, stopped_at = 0;
     bool ended = false, failed = false;
     long long declared = -1;   // the count on the closing line
     // Batches under one hold of the control lock spare a lock round trip per record;
@@ -601,15 +631,20 @@ int cmd_load(std::vector<std::string> words) {
             }
             continue;
         }
-        if (in_batch == 0) nisgetctl(f.fd);
-        int r = niswrite(f.fd, rec->data(), int(rec->size()));
-        if (++in_batch == kBatch) {
-            nisrelctl(f.fd);
-            in_batch = 0;
-        }
-        if (r < 0) {
+        // A failure of the library stops the load at this line.
+        auto stop = [&]() {
             rc = lib_error("load", file + " (line " + std::to_string(lineno) + ")");
             failed = true;
+            stopped_at = lineno;
+        };
+        if (in_batch == 0 && nisgetctl(f.fd) != 0) {
+            stop();
+            break;
+        }
+        ++in_batch;
+        int r = niswrite(f.fd, rec->data(), int(rec->size()));
+        if (r < 0) {
+            stop();
             break;
         }
         if (r == 1) {
@@ -617,29 +652,46 @@ int cmd_load(std::vector<std::string> words) {
                 progress_clear();
                 std::fprintf(stderr, "kisam load: line %llu: key 0 = \"%s\" exists already; record skipped\n",
                              static_cast<unsigned long long>(lineno),
-                             escape(std::string_view(*rec).substr(0, size_t(f.keylens[0]))).c_str());
+                             show(std::string_view(*rec).substr(0, size_t(f.keylens[0]))).c_str());
             }
-            continue;
+        } else {
+            prog.update(++loaded, in.consumed());
         }
-        prog.update(++loaded, in.consumed());
+        if (in_batch == kBatch) {
+            in_batch = 0;
+            if (!release_ctl(f.fd)) {
+                stop();
+                break;
+            }
+        }
     }
-    if (in_batch) nisrelctl(f.fd);
+    // The last batch's release (after a failure the hold is only given back: the first
+    // failure is the one reported).
+    if (in_batch && !release_ctl(f.fd) && !failed) {
+        rc = lib_error("load", file);
+        failed = true;
+    }
     progress_clear();
     if (g_interrupted) return interrupted("load", " after " + std::to_string(loaded) + " records");
-    if (failed) return rc;
+    if (stopped_at)
+        fail("load", "stopped at line " + std::to_string(stopped_at) + "; the lines after it were not read");
     if (duplicates > 10) std::fprintf(stderr, "kisam load: ... %llu duplicates in all\n", static_cast<unsigned long long>(duplicates));
     if (bad > 10) std::fprintf(stderr, "kisam load: ... %llu malformed lines in all\n", static_cast<unsigned long long>(bad));
-    if (in.error())
+    // After a failure of the library (reported above) the rest of the input is unread.
+    if (failed) {
+        // the summary follows
+    } else if (in.error()) {
         rc = read_error();
-    else if (!ended)
+    } else if (!ended) {
         rc = fail("load", inname + ": the dump has no closing line: it may have been cut short");
-    else if (declared >= 0 && uint64_t(declared) != lines)
+    } else if (declared >= 0 && uint64_t(declared) != lines) {
         rc = fail("load", inname + ": the closing line counts " + std::to_string(declared) + " records, the dump holds " +
                               std::to_string(lines) + ": records were lost or added");
+    }
     std::fprintf(stderr, "loaded %llu records into %s", static_cast<unsigned long long>(loaded), file.c_str());
     if (duplicates) std::fprintf(stderr, ", %llu duplicates skipped", static_cast<unsigned long long>(duplicates));
     if (bad) std::fprintf(stderr, ", %llu malformed lines skipped", static_cast<unsigned long long>(bad));
-    std::fprintf(stderr, "\n");
+    std::fprintf(stderr, "%s\n", failed ? " before the failure" : "");
     return (duplicates || bad) ? EXIT_FAIL : rc;
 }
 

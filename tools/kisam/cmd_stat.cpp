@@ -273,7 +273,11 @@ int cmd_stat(std::vector<std::string> words) {
     if (id < 0 && errno == ENOENT && every > 0) {
         // A monitor started before the programs it watches waits for the area to appear.
         if (!json) std::printf("no shared area yet: waiting for a program to attach to the installation of %s\n", conf.c_str());
-        std::fflush(stdout);
+        // Nobody to wait for when the output takes no more ('| head -1'); main says why.
+        if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+            if (!g_write_errno) g_write_errno = errno ? errno : EIO;
+            return EXIT_OK;
+        }
         while (id < 0 && errno == ENOENT && !g_interrupted) {
             for (unsigned left = unsigned(every); left > 0 && !g_interrupted;) left = ::sleep(left);
             if (!g_interrupted) id = ::shmget(key_t(key), 0, 0);
@@ -328,6 +332,12 @@ int cmd_stat(std::vector<std::string> words) {
             print_json(area, id, named);
         else
             print_once(area, id, named);
+        // An output that takes no more (a closed pipe, a full disk) ends the watch; main
+        // reports it unless the reader just went away.
+        if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+            if (!g_write_errno) g_write_errno = errno ? errno : EIO;
+            break;
+        }
     }
     if (ro) ::shmdt(ro);
     return g_interrupted ? EXIT_INTERRUPTED : EXIT_OK;

@@ -1,10 +1,13 @@
 // Option parsing, the escaped text form of records, messages and progress display.
+#include "json.h"
 #include "tool.h"
 
 #include <cerrno>
+#include <clocale>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <langinfo.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -153,6 +156,32 @@ std::string escape(std::string_view bytes) {
     return out;
 }
 
+std::string show(std::string_view bytes) {
+    if (!g.utf8) return escape(bytes);
+    std::string out;
+    out.reserve(bytes.size() + bytes.size() / 4);
+    for (size_t i = 0; i < bytes.size();) {
+        const size_t n = utf8_seq(bytes.substr(i));
+        // C2 80 .. C2 9F are the control characters U+0080 .. U+009F.
+        if (n > 1 && !(n == 2 && uint8_t(bytes[i]) == 0xC2 && uint8_t(bytes[i + 1]) < 0xA0)) {
+            out.append(bytes.substr(i, n));
+            i += n;
+        } else {
+            out += escape(bytes.substr(i, 1));
+            ++i;
+        }
+    }
+    return out;
+}
+
+bool locale_is_utf8() {
+    if (!std::setlocale(LC_CTYPE, "")) return false;
+    const char* cs = ::nl_langinfo(CODESET);
+    const bool utf8 = cs && (std::strcmp(cs, "UTF-8") == 0 || std::strcmp(cs, "utf8") == 0);
+    std::setlocale(LC_CTYPE, "C");
+    return utf8;
+}
+
 static int hexval(char c) {
     if (c >= '0' && c <= '9') return c - '0';
     if (c >= 'a' && c <= 'f') return c - 'a' + 10;
@@ -224,6 +253,78 @@ bool LineReader::next(std::string& line) {
     if (n > 0 && buf_[n - 1] == '\n') --n;
     line.assign(buf_, size_t(n));
     return true;
+}
+
+// ---- output files ---------------------------------------------------------------------------------
+
+bool OutputFile::open(const std::string& name) {
+    if (name.empty() || name == "-") {
+        f_ = stdout;
+        name_ = "standard output";
+        return true;
+    }
+    name_ = name;
+    struct stat st;
+    const bool exists = ::lstat(name.c_str(), &st) == 0;
+    if (exists && !S_ISREG(st.st_mode)) {
+        f_ = std::fopen(name.c_str(), "w");
+        return f_ != nullptr;
+    }
+    // The new file gets the mode the old one had, or the one fopen would give it.
+    mode_t mode;
+    if (exists) {
+        mode = st.st_mode & 07777;
+    } else {
+        mode = ::umask(0);
+        ::umask(mode);
+        mode = 0666 & ~mode;
+    }
+    const size_t slash = name.rfind('/');
+    tmp_ = (slash == std::string::npos ? std::string() : name.substr(0, slash + 1)) + "." +
+           name.substr(slash == std::string::npos ? 0 : slash + 1) + ".XXXXXX";
+    int fd = ::mkstemp(tmp_.data());
+    if (fd < 0) {
+        tmp_.clear();
+        // A file that may be written in a directory that may not: write it in place.
+        if (exists && (errno == EACCES || errno == EPERM || errno == EROFS)) {
+            f_ = std::fopen(name.c_str(), "w");
+            return f_ != nullptr;
+        }
+        return false;
+    }
+    if (::fchmod(fd, mode) != 0 || !(f_ = ::fdopen(fd, "w"))) {
+        int e = errno;
+        ::close(fd);
+        ::unlink(tmp_.c_str());
+        tmp_.clear();
+        errno = e;
+        return false;
+    }
+    temp_ = true;
+    return true;
+}
+
+int OutputFile::commit() {
+    if (!f_) return EBADF;
+    int err = 0;
+    if (std::fflush(f_) != 0 || std::ferror(f_)) err = errno ? errno : EIO;
+    if (f_ == stdout) {
+        f_ = nullptr;
+        return err;
+    }
+    if (std::fclose(f_) != 0 && !err) err = errno ? errno : EIO;
+    f_ = nullptr;
+    if (!err && !tmp_.empty() && std::rename(tmp_.c_str(), name_.c_str()) != 0) err = errno;
+    if (err) abandon();
+    tmp_.clear();
+    return err;
+}
+
+void OutputFile::abandon() {
+    if (f_ && f_ != stdout) std::fclose(f_);
+    f_ = nullptr;
+    if (!tmp_.empty()) ::unlink(tmp_.c_str());
+    tmp_.clear();
 }
 
 // ---- progress ------------------------------------------------------------------------------------

@@ -1,4 +1,4 @@
-// JSON strings of arbitrary bytes; see json.h for the escape of bytes that are not UTF-8.
+// JSON strings of arbitrary bytes; see json.h for bytes that are not UTF-8.
 #include "json.h"
 
 namespace kisam_tool {
@@ -45,9 +45,7 @@ std::string json_str(std::string_view bytes) {
         const unsigned char c = static_cast<unsigned char>(bytes[i]);
         size_t n = utf8_seq(bytes.substr(i));
         if (n == 0) {
-            out += "\\udc";
-            out += hex[c >> 4];
-            out += hex[c & 15];
+            out += "\xef\xbf\xbd";   // U+FFFD; the bytes themselves go in NAME_base64
             ++i;
             continue;
         }
@@ -73,6 +71,21 @@ std::string json_str(std::string_view bytes) {
         i += n;
     }
     out += '"';
+    return out;
+}
+
+std::string base64(std::string_view bytes) {
+    static const char digits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string out;
+    out.reserve((bytes.size() + 2) / 3 * 4);
+    const auto b = [&](size_t i) { return i < bytes.size() ? unsigned(static_cast<unsigned char>(bytes[i])) : 0u; };
+    for (size_t i = 0; i < bytes.size(); i += 3) {
+        const unsigned v = b(i) << 16 | b(i + 1) << 8 | b(i + 2);
+        out += digits[v >> 18 & 63];
+        out += digits[v >> 12 & 63];
+        out += i + 1 < bytes.size() ? digits[v >> 6 & 63] : '=';
+        out += i + 2 < bytes.size() ? digits[v & 63] : '=';
+    }
     return out;
 }
 

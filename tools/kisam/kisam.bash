@@ -44,13 +44,13 @@ _kisam() {
         info) opts="--json" ;;
         check) opts="--clear-mark --json" ;;
         get) opts="--key --ignore-mark --json --raw" ;;
-        scan) opts="--key --from --to --backward --limit --count --ignore-mark --json --raw" ;;
+        scan) opts="--key --from --to --backward --limit --count --ignore-mark --json --json-array --raw" ;;
         put) opts="--replace --update" ;;
         del) opts="" ;;
         dump) opts="--ignore-mark --salvage --keys --key-in-index" ;;
         load) opts="" ;;
         import) opts="--fields --replace --no-header" ;;
-        export) opts="--fields --csv --json --ignore-mark" ;;
+        export) opts="--fields --csv --json --json-array --ignore-mark" ;;
         stat) opts="--every --count --json" ;;
         help) COMPREPLY=($(compgen -W "$commands" -- "$cur")); return ;;
     esac

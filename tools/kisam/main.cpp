@@ -3,8 +3,11 @@
 #include "tool.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <map>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #ifndef KISAM_TOOL_VERSION
 #define KISAM_TOOL_VERSION "unknown"
@@ -34,8 +37,8 @@ const char* const kOverview =
     "  dump --salvage FILE [OUTPUT] the records a damaged or cut file still holds\n"
     "  load FILE [INPUT]            add the records of a dump (creates FILE if needed)\n"
     "  import FILE CSV [--fields F] add the records of a CSV file, by a field layout\n"
-    "  export FILE [OUTPUT] [--csv|--json] [--fields F]\n"
-    "                               every record as CSV or JSON lines, by a field layout\n"
+    "  export FILE [OUTPUT] [--csv|--json|--json-array] [--fields F]\n"
+    "                               every record as CSV or JSON, by a field layout\n"
     "  stat [FILE...] [--every SECONDS]\n"
     "                               figures of the shared area for monitoring\n"
     "  help [COMMAND]               this text, or the details of one command\n"
@@ -47,17 +50,24 @@ const char* const kOverview =
     "\n"
     "Records and key values are given and shown as text: printable characters stand\n"
     "for themselves, a backslash is written \\\\ and any other byte \\xHH (\\n, \\t, \\r\n"
-    "and \\0 are accepted too).  Key values are matched byte for byte; to get and scan\n"
-    "a value shorter than its key is a prefix (to del, of exactly one record).\n"
-    "get, scan, info, check and stat take --json: JSON objects, one per line, in which\n"
-    "bytes that are not UTF-8 are written \\udcXX (XX the byte, as Python's\n"
-    "surrogateescape reads them).  get and scan take --raw: the records' bytes as they\n"
-    "are, nothing added.\n"
+    "and \\0 are accepted too).  Where the locale is UTF-8 (LC_ALL, LC_CTYPE,\n"
+    "LANG), valid UTF-8 characters are shown as they are (control characters and\n"
+    "bytes that are not UTF-8 still \\xHH); both forms read back alike.  The dump\n"
+    "form is the same in every locale.  Key values are matched byte for byte; to get\n"
+    "and scan a value shorter than its key is a prefix (to del, of exactly one\n"
+    "record).\n"
+    "get, scan, info, check and stat take --json: one JSON object per record, one\n"
+    "per line (JSON Lines), or one document; scan and export take --json-array: one\n"
+    "JSON array of those objects.  A byte that is not UTF-8 is written U+FFFD, and a\n"
+    "member NAME whose bytes are not UTF-8 is followed by NAME_base64 holding them\n"
+    "exactly (for keys: keys_base64).  get and scan take --raw: the records' bytes\n"
+    "as they are, nothing added.\n"
     "\n"
-    "Exit status: 0 success; 1 the operation failed, damage was found (also problems\n"
-    "listed by info), or no record matched (get, scan, del); 2 the command line is\n"
-    "wrong; 3 check could not read the file (an I/O error, not damage); 130\n"
-    "interrupted.\n";
+    "Exit status: 0 success (also when the reader of the output went away, as with\n"
+    "'| head'); 1 the operation failed, damage was found (also problems listed by\n"
+    "info; for check also a file that is not an ISAM file), or no record matched\n"
+    "(get, scan, del); 2 the command line is wrong; 3 check could not read the file\n"
+    "(missing, unreadable, an I/O error: not damage); 130 interrupted.\n";
 
 const std::map<std::string, const char*>& details() {
     static const std::map<std::string, const char*> m = {
@@ -110,8 +120,9 @@ const std::map<std::string, const char*>& details() {
          "Reads FILE directly and checks every index (order, fill, links, depth), the data\n"
          "pages and the free chain, and that every index reaches exactly the records of\n"
          "key 0.  Prints one line per problem found and exits with status 1 when the file\n"
-         "is damaged, 3 when it cannot be read (an I/O error says nothing about the\n"
-         "structure).  Run it on a file no program is changing.\n"
+         "is damaged or is not an ISAM file at all (it does not begin with an ISAM magic:\n"
+         "'NOT AN ISAM FILE'), 3 when it is missing or cannot be read (an I/O error says\n"
+         "nothing about the structure).  Run it on a file no program is changing.\n"
          "  --clear-mark   when the file is sound, clear its data-changed mark so that it\n"
          "                 opens again (the file must not be open anywhere)\n"},
         {"get",
@@ -124,7 +135,7 @@ const std::map<std::string, const char*>& details() {
          "a value: 'scan --key N --from VALUE --to VALUE'.\n"},
         {"scan",
          "Usage: kisam scan FILE [--key N] [--from V] [--to V] [--backward] [--limit N]\n"
-         "                  [--count] [--ignore-mark] [--json | --raw]\n"
+         "                  [--count] [--ignore-mark] [--json | --json-array | --raw]\n"
          "\n"
          "Prints records in the order of key N (default 0), one per line.  Forwards, it\n"
          "starts at the first key at or after --from and stops after the last key that\n"
@@ -132,7 +143,11 @@ const std::map<std::string, const char*>& details() {
          "begins with or precedes --from and stops before keys below --to.  A shorter\n"
          "value is a prefix.  --count prints only the number of records.  A range whose\n"
          "ends are the wrong way round for the direction is refused.  Exit status 1 when\n"
-         "no record is found.\n"},
+         "no record is found.\n"
+         "  --json        JSON Lines: one object per record, one per line\n"
+         "  --json-array  one JSON array of those objects (what json.load reads)\n"
+         "Objects: {\"length\":N,\"keys\":[...],\"record\":\"...\"}, with keys_base64 and\n"
+         "record_base64 (the bytes exactly) when they are not UTF-8.\n"},
         {"put",
          "Usage: kisam put FILE RECORD [--replace | --update]\n"
          "       kisam put FILE - [--replace | --update]    (records from standard input,\n"
@@ -156,8 +171,12 @@ const std::map<std::string, const char*>& details() {
          "Writes every record in key 0 order as text to OUTPUT (default: standard output).\n"
          "The form is exact for any bytes: a header line '# kisam dump 1', a line\n"
          "'# keys L0,L1,...' (with ' key-in-index' when set), then one line per record:\n"
-         "its length, a blank, and its bytes escaped.  --ignore-mark reads a file whose\n"
-         "data-changed mark is set, to save what it still holds.\n"
+         "its length, a blank, and its bytes escaped (\\xHH in every locale), then a\n"
+         "closing line '# end N records'.  --ignore-mark reads a file whose data-changed\n"
+         "mark is set, to save what it still holds.  OUTPUT is written under a temporary\n"
+         "name and renamed when done: a failed write (a full disk) leaves no partial file\n"
+         "under its name; a dump stopped by damage keeps what it wrote, without the\n"
+         "closing line.\n"
          "\n"
          "       kisam dump --salvage FILE [OUTPUT] [--keys L0,L1,... [--key-in-index]]\n"
          "\n"
@@ -186,7 +205,9 @@ const std::map<std::string, const char*>& details() {
          "with the dump's keys when it does not exist.  Records whose key 0 value is\n"
          "already present are reported and skipped; the exit status is then 1.  A dump\n"
          "without its closing line, or whose closing line counts other records than it\n"
-         "holds, is reported (status 1) after the records it holds were added.\n"},
+         "holds, is reported (status 1) after the records it holds were added.  A failure\n"
+         "of the library (a full disk, a failed sync) stops the load at its line; the\n"
+         "summary 'loaded N records' still says how many it stored.\n"},
         {"stat",
          "Usage: kisam stat [FILE...] [--every SECONDS] [--count N]\n"
          "\n"
@@ -203,22 +224,27 @@ const std::map<std::string, const char*>& details() {
          "\n"
          "Adds the records of a CSV file (RFC 4180; - for standard input) to FILE, which\n"
          "must exist.  --fields gives the layout of a record: name:width pairs, the key\n"
-         "fields first, the last may be NAME:* (any length), e.g. id:8,name:20,rest:*.\n"
-         "Without it: key0:L0,key1:L1,...,rest:*.  The header line names the columns (in\n"
-         "any order; exactly the fields); with --no-header the columns are the fields in\n"
-         "order.  Values are padded with blanks to their width, or cut to it with a\n"
-         "warning, never inside a UTF-8 character.  A line with bad quoting, another\n"
-         "number of fields or bytes that are not UTF-8 is rejected and named; a record\n"
-         "whose key 0 exists is not loaded unless --replace.  The summary says how many\n"
-         "records were loaded and which lines were not; exit status 1 when any was not.\n"},
+         "fields first, one per key and each exactly as wide as its key (a layout that is\n"
+         "not is refused, status 2, naming the field and the key), the last may be NAME:*\n"
+         "(any length), e.g. id:8,name:20,rest:*.  Without it: key0:L0,key1:L1,...,rest:*.\n"
+         "The header line names the columns (in any order; exactly the fields); with\n"
+         "--no-header the columns are the fields in order.  Values are padded with\n"
+         "blanks to their width, or cut to it with a warning, never inside a UTF-8\n"
+         "character.  A line with bad quoting, another number of fields or bytes that\n"
+         "are not UTF-8 is rejected and named; a record whose key 0 exists is not loaded\n"
+         "unless --replace.  The summary says how many records were loaded and which\n"
+         "lines were not; exit status 1 when any was not.\n"},
         {"export",
-         "Usage: kisam export FILE [OUTPUT] [--csv | --json] [--fields NAME:WIDTH,...]\n"
-         "                    [--ignore-mark]\n"
+         "Usage: kisam export FILE [OUTPUT] [--csv | --json | --json-array]\n"
+         "                    [--fields NAME:WIDTH,...] [--ignore-mark]\n"
          "\n"
          "Writes every record in key 0 order, split by the field layout (as for import),\n"
-         "as CSV with a header line (the default) or as JSON lines, one object per record.\n"
-         "Blanks at the end of a fixed-width field are dropped.  Records with bytes beyond\n"
-         "the fields are reported (status 1): add a field NAME:*.\n"},
+         "as CSV with a header line (the default), as JSON Lines (one object per record,\n"
+         "one per line) or as one JSON array of those objects.  A value that is not UTF-8\n"
+         "comes with NAME_base64 too.  Blanks at the end of a fixed-width field are\n"
+         "dropped.  Records with bytes beyond the fields are reported (status 1): add a\n"
+         "field NAME:*.  OUTPUT is written under a temporary name and renamed when done:\n"
+         "a failed write leaves no partial file under its name.\n"},
         {"help", "Usage: kisam help [COMMAND]\n"},
     };
     return m;
@@ -289,16 +315,29 @@ int run(int argc, char** argv) {
 
 }  // namespace kisam_tool
 
+// Whether fd is a pipe or a socket: where a failed write means the reader went away.
+static bool is_pipe(int fd) {
+    struct stat st;
+    return ::fstat(fd, &st) == 0 && (S_ISFIFO(st.st_mode) || S_ISSOCK(st.st_mode));
+}
+
 int main(int argc, char** argv) {
+    // A closed output pipe ends every command through its normal path (help included).
+    ::signal(SIGPIPE, SIG_IGN);
+    kisam_tool::g.utf8 = kisam_tool::locale_is_utf8();
     int rc = kisam_tool::run(argc, argv);
+    if (rc == 0 && kisam_tool::g_late_failure) rc = kisam_tool::EXIT_FAIL;
     if (std::fflush(stdout) != 0 && !kisam_tool::g_write_errno) kisam_tool::g_write_errno = errno;
-    if (std::ferror(stdout) && rc == 0) {
-        int e = kisam_tool::g_write_errno ? kisam_tool::g_write_errno : EIO;
-        // A reader that went away ('| head') needs no message.
-        if (e != EPIPE) std::fprintf(stderr, "kisam: cannot write the output: %s\n", std::strerror(e));
+    // A reader that went away ('kisam scan FILE | head -1') is a normal end of the output:
+    // no message, and the status the command chose.
+    const int werr = kisam_tool::g_write_errno;
+    if (std::ferror(stdout) && rc == 0 && !(werr == EPIPE || (werr == 0 && is_pipe(STDOUT_FILENO)))) {
+        int e = werr ? werr : EIO;
+        std::fprintf(stderr, "kisam: cannot write the output: %s\n", std::strerror(e));
         rc = kisam_tool::EXIT_FAIL;
     }
     // Messages that could not be written (stderr on a full disk) make a success doubtful too.
-    if (rc == 0 && (std::fflush(stderr) != 0 || std::ferror(stderr))) rc = kisam_tool::EXIT_FAIL;
+    if (rc == 0 && (std::fflush(stderr) != 0 || std::ferror(stderr)) && !is_pipe(STDERR_FILENO))
+        rc = kisam_tool::EXIT_FAIL;
     return rc;
 }

@@ -91,11 +91,45 @@ int Session::open(const std::string& file, int access) {
     }
     int fd = nisopen(file.c_str(), access);
     if (fd < 0) lib_error(cmd_, file, file);
+    else names_.emplace_back(fd, file);
     return fd;
 }
 
-void Session::close(int isfd) {
-    if (isfd >= 0) nisclose(isfd);
+int Session::create(const std::string& file, const std::vector<int>& keylens, int keyopt, int header) {
+    if (!attach()) return -1;
+    niscr_ctl(keyopt, header);
+    int fd = niscreate(file.c_str(), int(keylens.size()), keylens.data());
+    if (fd < 0) lib_error(cmd_, file, file);
+    else names_.emplace_back(fd, file);
+    return fd;
+}
+
+bool g_late_failure = false;
+
+void clear_lib_error() {
+    is_errno = 0;
+    is_etop = nullptr;
+}
+
+bool Session::close(int isfd) {
+    if (isfd < 0) return true;
+    std::string file = "descriptor " + std::to_string(isfd);
+    for (auto it = names_.begin(); it != names_.end(); ++it)
+        if (it->first == isfd) {
+            file = it->second;
+            names_.erase(it);
+            break;
+        }
+    clear_lib_error();
+    if (nisclose(isfd) == 0 && !is_etop) return true;
+    lib_error(cmd_, file + ": closing the file");
+    g_late_failure = true;
+    return false;
+}
+
+bool release_ctl(int isfd) {
+    clear_lib_error();
+    return nisrelctl(isfd) == 0 && !is_etop;
 }
 
 // The first two bytes of a file, to say which magic an unknown file carries.

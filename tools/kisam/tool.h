@@ -27,6 +27,7 @@ enum Exit : int { EXIT_OK = 0, EXIT_FAIL = 1, EXIT_USAGE = 2, EXIT_IO = 3, EXIT_
 struct Globals {
     std::string config;   // --config PATH, empty when the normal search applies
     bool quiet = false;   // --quiet: no progress display
+    bool utf8 = false;    // the user's locale is UTF-8: show() leaves valid characters as they are
 };
 extern Globals g;
 
@@ -70,7 +71,15 @@ bool parse_key_lengths(const std::string& text, std::vector<int>& lens);
 // every other byte is "\xHH".  The result never contains a blank line, a newline or a
 // control character, so one record fits on one line whatever its bytes.
 std::string escape(std::string_view bytes);
-// Inverse of escape(); also accepts \n \r \t \0 \\ and \xHH with either case of hex.
+// The text form for people (records printed by get and scan, values in messages): as
+// escape(), except that where the locale is UTF-8 (g.utf8) a valid UTF-8 character that
+// is not a control character stands for itself.  unescape() reads it back all the same.
+// The dump form is escape() whatever the locale: it is a file format.
+std::string show(std::string_view bytes);
+// Whether the user's locale (LC_ALL, LC_CTYPE, LANG) uses UTF-8.  The process's own
+// locale is left as it was ("C"), so that nothing else changes with it.
+bool locale_is_utf8();
+// Inverse of escape() and show(); also accepts \n \r \t \0 \\ and \xHH with either case of hex.
 // nullopt when the text holds a malformed escape.
 std::optional<std::string> unescape(std::string_view text);
 
@@ -122,13 +131,34 @@ public:
     void report_attach_failure();
     // Opens FILE (ISO_RDONLY or ISO_RDWR, plus flags); -1 after printing the reason.
     int open(const std::string& file, int access);
-    void close(int isfd);
+    // Creates FILE (niscr_ctl(keyopt, header), then niscreate) and returns its descriptor,
+    // or -1 after printing the reason.
+    int create(const std::string& file, const std::vector<int>& keylens, int keyopt, int header);
+    // Closes isfd (nothing for -1).  nisclose completes whatever writing the file still
+    // needs and returns 0 even when that failed; such a failure shows only in the error
+    // state, so it is read here: reported, and g_late_failure set.  False then.
+    bool close(int isfd);
     const std::string& cmd() const { return cmd_; }
 
 private:
     std::string cmd_;
     bool attached_ = false;
+    std::vector<std::pair<int, std::string>> names_;   // open descriptors and their files
 };
+
+// Gives back one nisgetctl hold of isfd.  nisrelctl returns 0 whatever writing the file
+// did: a failed release (a page, the control page or a sync not written) shows only in
+// the error state, which a successful call leaves alone; so the state is cleared before
+// the call and read after.  False when the release failed; the library's report is then
+// in the error state for lib_error.
+bool release_ctl(int isfd);
+// Clears the library's error state (is_errno and its stack), so that a call that returns
+// success while recording a failure can be told apart.
+void clear_lib_error();
+
+// Set when a failure is reported after the command chose its exit status (closing a
+// file whose writing failed): main then turns a success into status 1.
+extern bool g_late_failure;
 
 // Applies --config: puts KISCONFIG into the environment and the settings store.
 void apply_config_choice();
@@ -193,6 +223,36 @@ private:
     bool on_;
 };
 
+// An output file (dump, export) written under a temporary name in its directory and
+// renamed to its own name only when done, so that a full disk or a failed write never
+// leaves a partial file under that name, nor spoils the file that was there.  Standard
+// output ("" or "-") and outputs that are not regular files (a device, a pipe, a
+// symbolic link) are written in place.
+class OutputFile {
+public:
+    OutputFile() = default;
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
+    ~OutputFile() { abandon(); }
+    // False with errno set when the output cannot be opened.
+    bool open(const std::string& name);
+    FILE* file() const { return f_; }
+    // The name for messages: the file's, or "standard output".
+    const std::string& name() const { return name_; }
+    // Flushes and closes the output and renames it into place: 0, or the errno of the
+    // failure (the temporary is then removed).
+    int commit();
+    // Closes the output and removes the temporary; what was written in place stays.
+    void abandon();
+    // True when the output goes through a temporary: a failure leaves the name alone.
+    bool whole_or_nothing() const { return temp_; }
+
+private:
+    FILE* f_ = nullptr;
+    std::string name_, tmp_;
+    bool temp_ = false;
+};
+
 // Writes the dump form to OUTPUT ("" or "-": standard output): the header, a line per
 // record, and the closing line that vouches for a complete dump.  The errno of the first
 // failed write is the one reported.
@@ -208,14 +268,16 @@ public:
     // False once a write has failed: stop writing then.
     bool record(std::string_view bytes);
     uint64_t count() const { return count_; }
-    // Writes the closing line when `complete` and nothing failed, then flushes and closes.
-    // EXIT_OK, or EXIT_FAIL with "cannot write" reported (quietly when the reader went away).
+    // Writes the closing line when `complete` and nothing failed, then puts the output in
+    // place: a dump stopped early (damage, an interrupt) is kept without its closing line;
+    // one whose writing failed is removed.  EXIT_OK, or EXIT_FAIL with "cannot write"
+    // reported.  A reader that went away ('| head') is a normal end: EXIT_OK.
     int finish(bool complete);
 
 private:
     bool failed();
+    OutputFile file_;
     FILE* out_ = nullptr;
-    std::string name_;
     std::string line_;
     uint64_t count_ = 0;
     int errno_ = 0;

@@ -24,7 +24,7 @@
 
 namespace kisam_tool {
 
-bool parse_layout(const std::string& text, int minrec, Layout& out, std::string& err) {
+bool parse_layout(const std::string& text, const std::vector<int>& keylens, Layout& out, std::string& err) {
     out = Layout();
     std::set<std::string> names;
     size_t start = 0;
@@ -62,10 +62,21 @@ bool parse_layout(const std::string& text, int minrec, Layout& out, std::string&
         if (comma == std::string::npos) break;
         start = comma + 1;
     }
-    if (out.fixed < minrec) {
-        err = "the fixed-width fields take " + std::to_string(out.fixed) + " bytes, the keys of the file " +
-              std::to_string(minrec) + ": the key fields come first and must be covered";
-        return false;
+    // A record begins with its key values: the first fields must be exactly the keys, or
+    // every record would be stored (import) or read (export) with its keys shifted.
+    for (size_t k = 0; k < keylens.size(); ++k) {
+        const std::string key = "key " + std::to_string(k) + " is " + std::to_string(keylens[k]) + " bytes";
+        const std::string rule = ": the first fields are the keys, one per key, each as wide as its key";
+        if (k >= out.fields.size()) {
+            err = "no field for key " + std::to_string(k) + " (" + std::to_string(keylens[k]) + " bytes)" + rule;
+            return false;
+        }
+        const Field& f = out.fields[k];
+        if (f.width != keylens[k]) {
+            err = "the field \"" + f.name + "\" is " + (f.width < 0 ? "of any length (*)" : std::to_string(f.width) + " bytes") +
+                  ", " + key + rule;
+            return false;
+        }
     }
     if (out.fixed > KISAM_MAXREC) {
         err = "the fields take " + std::to_string(out.fixed) + " bytes, more than the longest record (65534)";
@@ -110,6 +121,7 @@ struct Collector {
 // The file's keys, read through an open descriptor.
 bool key_lengths(int fd, std::vector<int>& lens) {
     int l[KISAM_MAXKEYS];
+    clear_lib_error();
     int n = nisstat(fd, KISAM_MAXKEYS, l);
     if (n < 1) return false;
     lens.assign(l, l + std::min(n, KISAM_MAXKEYS));
@@ -127,12 +139,13 @@ struct FdCloser {
 // (--fields) or the default one: EXIT_OK, or the exit status of the message given.
 int file_layout(const char* cmd, int fd, const std::string& file, const Args& a, std::vector<int>& keylens,
                 Layout& lay) {
-    if (!key_lengths(fd, keylens)) return fail(cmd, file + ": the file has no keys, so it holds no records");
-    int minrec = 0;
-    for (int l : keylens) minrec += l;
+    if (!key_lengths(fd, keylens)) {
+        if (is_etop) return lib_error(cmd, file);
+        return fail(cmd, file + ": the file has no keys, so it holds no records");
+    }
     if (auto f = a.get("fields")) {
         std::string err;
-        if (!parse_layout(*f, minrec, lay, err)) return usage_error(cmd, "--fields: " + err);
+        if (!parse_layout(*f, keylens, lay, err)) return usage_error(cmd, "--fields: " + err);
     } else {
         lay = default_layout(keylens);
     }
@@ -266,28 +279,30 @@ int cmd_import(std::vector<std::string> words) {
                              static_cast<unsigned long long>(line), warn.c_str());
             }
         }
-        if (in_batch == 0) nisgetctl(fd);
-        int r = a.has("replace") ? nisfwrite(fd, rec.data(), int(rec.size())) : niswrite(fd, rec.data(), int(rec.size()));
-        if (++in_batch == kBatch) {
-            nisrelctl(fd);
-            in_batch = 0;
-        }
-        if (r < 0) {
+        auto lib_failed = [&]() {
             rc = lib_error("import", file + " (line " + std::to_string(line) + ")");
             failed = true;
             return false;
-        }
+        };
+        if (in_batch == 0 && nisgetctl(fd) != 0) return lib_failed();
+        ++in_batch;
+        int r = a.has("replace") ? nisfwrite(fd, rec.data(), int(rec.size())) : niswrite(fd, rec.data(), int(rec.size()));
+        if (r < 0) return lib_failed();
         if (r == 1) {
             duplicates.push_back(line);
             if (duplicates.size() <= 20) {
                 progress_clear();
                 std::fprintf(stderr, "kisam import: %s: line %llu: key 0 = \"%s\" exists already (use --replace); line not loaded\n",
                              inname.c_str(), static_cast<unsigned long long>(line),
-                             escape(std::string_view(rec).substr(0, size_t(keylens[0]))).c_str());
+                             show(std::string_view(rec).substr(0, size_t(keylens[0]))).c_str());
             }
-            return true;
+        } else {
+            prog.update(++loaded, consumed);
         }
-        prog.update(++loaded, consumed);
+        if (in_batch == kBatch) {
+            in_batch = 0;
+            if (!release_ctl(fd)) return lib_failed();
+        }
         return true;
     };
 
@@ -344,7 +359,13 @@ int cmd_import(std::vector<std::string> words) {
         }
     }
     csv_free(&p);
-    if (in_batch) nisrelctl(fd);
+    // The last batch's release (after a failure the hold is only given back: the first
+    // failure is the one reported).
+    bool release_failed = false;
+    if (in_batch && !release_ctl(fd) && !failed) {
+        rc = lib_error("import", file);
+        release_failed = true;
+    }
     progress_clear();
 
     // What was and was not loaded, in every case.
@@ -364,6 +385,7 @@ int cmd_import(std::vector<std::string> words) {
         if (failed) fail("import", "stopped at line " + std::to_string(record_line) + "; the lines after it were not read");
         return rc == EXIT_OK ? EXIT_FAIL : rc;
     }
+    if (release_failed) return rc;
     if (!header_seen) return fail("import", inname + ": empty input: no header line");
     return (rejected.empty() && duplicates.empty()) ? EXIT_OK : EXIT_FAIL;
 }
@@ -387,11 +409,13 @@ int cmd_export(std::vector<std::string> words) {
     a.option("fields");
     a.flag("csv");
     a.flag("json");
+    a.flag("json-array");
     a.flag("ignore-mark");
     if (!a.parse()) return EXIT_USAGE;
     if (a.pos().empty() || a.pos().size() > 2) return usage_error("export", "expected FILE [OUTPUT]");
-    if (a.has("csv") && a.has("json")) return usage_error("export", "--csv and --json exclude each other");
-    const bool json = a.has("json");
+    if (int(a.has("csv")) + int(a.has("json")) + int(a.has("json-array")) > 1)
+        return usage_error("export", "--csv, --json and --json-array exclude each other");
+    const bool array = a.has("json-array"), json = a.has("json") || array;
     const std::string& file = a.pos()[0];
     Session s("export");
     int fd = s.open(file, ISO_RDONLY | (a.has("ignore-mark") ? ISF_NOVERIFY : 0));
@@ -400,23 +424,34 @@ int cmd_export(std::vector<std::string> words) {
     std::vector<int> keylens;
     Layout lay;
     if (int rc = file_layout("export", fd, file, a, keylens, lay); rc != EXIT_OK) return rc;
-    FILE* out = stdout;
-    std::string outname = "standard output";
-    if (a.pos().size() == 2 && a.pos()[1] != "-") {
-        outname = a.pos()[1];
-        out = std::fopen(outname.c_str(), "w");
-        if (!out) return fail("export", outname + ": " + std::strerror(errno));
+    if (json) {
+        // A value that is not UTF-8 comes with a member NAME_base64: no field may be named so.
+        for (const Field& f : lay.fields)
+            for (const Field& g2 : lay.fields)
+                if (g2.name == f.name + "_base64")
+                    return usage_error("export", "--fields: the field \"" + g2.name + "\" would be taken for the base64 form of \"" +
+                                                     f.name + "\" in JSON; rename it");
     }
+    OutputFile outf;
+    if (!outf.open(a.pos().size() == 2 ? a.pos()[1] : "-"))
+        return fail("export", a.pos()[1] + ": " + std::strerror(errno));
+    FILE* out = outf.file();
+    int werr = 0;   // errno of the first failed write
+    auto wrote = [&](bool ok) {
+        if (!ok && !werr) werr = errno ? errno : EIO;
+        return ok;
+    };
     bool ok = true;
     if (!json) {
         for (size_t i = 0; i < lay.fields.size() && ok; ++i)
-            ok = (i == 0 || std::fputc(',', out) != EOF) && put_csv(out, lay.fields[i].name);
-        ok = ok && std::fputs("\r\n", out) != EOF;
+            ok = wrote((i == 0 || std::fputc(',', out) != EOF) && put_csv(out, lay.fields[i].name));
+        ok = ok && wrote(std::fputs("\r\n", out) != EOF);
     }
     Progress prog("export " + file, 0);
     std::vector<char> rec(KISAM_MAXREC + 1);
     uint64_t count = 0, longer = 0;
     int rc = EXIT_OK;
+    bool complete = false;
     while (ok) {
         if (g_interrupted) {
             rc = interrupted("export", "; the output is incomplete");
@@ -427,7 +462,10 @@ int cmd_export(std::vector<std::string> words) {
             rc = lib_error("export", file);
             break;
         }
-        if (n == 0) break;
+        if (n == 0) {
+            complete = true;
+            break;
+        }
         const std::string_view r(rec.data(), size_t(n));
         JsonObject obj;
         size_t off = 0;
@@ -442,30 +480,36 @@ int cmd_export(std::vector<std::string> words) {
                 off = r.size();
             }
             if (json)
-                obj.str(f.name.c_str(), v);
+                obj.str(f.name, v);
             else
-                ok = (i == 0 || std::fputc(',', out) != EOF) && put_csv(out, v);
+                ok = wrote((i == 0 || std::fputc(',', out) != EOF) && put_csv(out, v));
         }
         if (json) {
-            std::string line = obj.done() + "\n";
-            ok = ok && std::fwrite(line.data(), 1, line.size(), out) == line.size();
+            std::string line = array ? (count == 0 ? "[" : ",\n") + obj.done() : obj.done() + "\n";
+            ok = ok && wrote(std::fwrite(line.data(), 1, line.size(), out) == line.size());
         } else {
-            ok = ok && std::fputs("\r\n", out) != EOF;
+            ok = ok && wrote(std::fputs("\r\n", out) != EOF);
         }
         if (off < r.size() && ++longer <= 10)
-            fail("export", "record with key 0 = \"" + escape(r.substr(0, size_t(keylens[0]))) + "\" has " +
+            fail("export", "record with key 0 = \"" + show(r.substr(0, size_t(keylens[0]))) + "\" has " +
                                std::to_string(r.size() - off) + " bytes beyond the fields; they are not exported (add a field NAME:*)");
         prog.update(++count);
     }
-    ok = ok && std::fflush(out) == 0 && !std::ferror(out);
-    int saved = errno;
-    if (out != stdout && std::fclose(out) != 0) ok = false;
-    if (!ok) {
-        if (out == stdout && !g_write_errno) g_write_errno = saved;
-        if (saved == EPIPE) return EXIT_FAIL;
-        return fail("export", outname + ": cannot write: " + std::strerror(saved) + "; the output is incomplete");
-    }
+    if (ok && complete && array) ok = wrote(std::fputs(count == 0 ? "[]\n" : "]\n", out) != EOF);
     progress_clear();
+    const bool to_stdout = out == stdout;
+    // What was written goes in place unless writing failed; a file whose writing failed
+    // is not left under its name.
+    if (werr)
+        outf.abandon();
+    else
+        werr = outf.commit();
+    if (werr) {
+        if (to_stdout && !g_write_errno) g_write_errno = werr;
+        if (to_stdout && werr == EPIPE) return rc;   // the reader went away ('| head'): a normal end
+        return fail("export", outf.name() + ": cannot write: " + std::strerror(werr) +
+                                  (outf.whole_or_nothing() ? "; the file was not written" : "; the output is incomplete"));
+    }
     if (longer) return fail("export", std::to_string(longer) + " records longer than the fields were cut short");
     return rc;
 }

@@ -20,10 +20,11 @@ struct Layout {
     bool has_rest = false;  // the last field is "*"
 };
 
-// Parses `text` against a file whose keys take `minrec` bytes.  False with a message
-// in err when a pair is malformed, a name repeats, "*" is not last, or the fixed fields
-// do not cover the keys or exceed the longest record.
-bool parse_layout(const std::string& text, int minrec, Layout& out, std::string& err);
+// Parses `text` against a file with keys of the lengths `keylens`.  False with a message
+// in err when a pair is malformed, a name repeats, "*" is not last, the first fields are
+// not the keys (one field per key, in key order, each exactly as wide as its key: the
+// message names the field and the key), or the fixed fields exceed the longest record.
+bool parse_layout(const std::string& text, const std::vector<int>& keylens, Layout& out, std::string& err);
 // The layout used without --fields: one field per key (key0:L0,key1:L1,...) and rest:*.
 Layout default_layout(const std::vector<int>& keylens);
 

@@ -1,0 +1,257 @@
+// kisam_config_write: the record it writes is the one start-up lays out, bad settings
+// are refused with nothing written, an existing installation is replaced only when
+// asked; and kisam_rewind / nisseek take a key's cursor back to its first or last record.
+#include "open_fixture.h"
+
+#include <sys/stat.h>
+
+#include <climits>
+#include <string>
+
+#include "is_common.h"
+
+namespace {
+
+using ot::Env;
+using ot::read_head;
+
+bool exists(const std::string& p) { return ::access(p.c_str(), F_OK) == 0; }
+ino_t inode(const std::string& p) {
+    struct stat st{};
+    return ::stat(p.c_str(), &st) == 0 ? st.st_ino : 0;
+}
+
+class ConfigWrite : public Env {
+protected:
+    // The installation's own configuration goes; the tests write theirs in its place.
+    void SetUp() override {
+        start();
+        cfg_ = inst_->config_path();
+        ASSERT_EQ(::unlink(cfg_.c_str()), 0);
+        ASSERT_EQ(::unlink((cfg_ + ".lk").c_str()), 0);
+    }
+    std::string cfg_;
+};
+
+TEST_F(ConfigWrite, WritesTheRecordStartUpLaysOut) {
+    kisam_settings s = KISAM_SETTINGS_DEFAULT;
+    s.files = 12;
+    s.buffers = 40;
+    s.users = 7;
+    s.keys = 9;
+    s.files_per_process = 5;
+    s.avg_alt_keys = 3;
+    s.lock_key_len = 20;
+    s.locks_per_file = 4;
+    s.options = KISAM_TRACK_CHANGES | KISAM_CLEAR_ON_RELEASE;
+    ASSERT_EQ(kisam_config_write(cfg_.c_str(), &s, 0, 0), 0) << std::strerror(errno);
+    EXPECT_TRUE(exists(cfg_ + ".lk"));
+
+    std::vector<unsigned char> got = read_head(cfg_);
+    ASSERT_EQ(got.size(), 52u);
+    is_config c;
+    std::memcpy(&c, got.data(), sizeof c);
+    EXPECT_EQ(c.co_maxopen, 12);
+    EXPECT_EQ(c.co_maxbuf, 40);
+    EXPECT_EQ(c.co_maxusers, 7);
+    EXPECT_EQ(c.co_maxnkeys, 9);
+    EXPECT_EQ(c.co_avgalts, 3);
+    EXPECT_EQ(c.co_alenlock, 20);
+    EXPECT_EQ(c.co_anumlock, 4);
+    EXPECT_EQ(c.co_maxfbuf, 40) << "file_buffers 0 means as many as buffers";
+    EXPECT_EQ(c.co_maxufile, 5);
+    EXPECT_EQ(c.co_bits, 0x5u);
+    EXPECT_EQ(c.co_locksig, 0);
+    EXPECT_EQ(c.co_fltime, 0);
+    is_config sized = c;
+    ASSERT_EQ(sizecomm(&sized), 0);
+    EXPECT_EQ(std::memcmp(&sized, &c, sizeof c), 0) << "the computed fields are start-up's";
+
+    ASSERT_EQ(is_init(), 0);
+    EXPECT_EQ(isam_com->maxopen, 12);
+    EXPECT_EQ(isam_com->maxbufs, 40);
+    EXPECT_EQ(isam_com->maxusers, 7);
+    EXPECT_EQ(isam_com->maxufile, 5);
+    EXPECT_EQ(isam_com->isc_bits & 0xE, 0xA);
+    int lens[10] = {4, 4, 4, 4, 4, 4, 4, 4, 4, 4};
+    EXPECT_GE(niscreate(path("nine").c_str(), 9, lens), 0);
+    EXPECT_EQ(niscreate(path("ten").c_str(), 10, lens), -1) << "keys caps the keys of a file";
+    EXPECT_EQ(is_errno, ISE_NKEYERR);
+}
+
+TEST_F(ConfigWrite, NullSettingsAreTheDefaults) {
+    ASSERT_EQ(kisam_config_write(cfg_.c_str(), nullptr, 0, 0), 0);
+    is_config c;
+    std::memcpy(&c, read_head(cfg_).data(), sizeof c);
+    EXPECT_EQ(c.co_maxopen, 64);
+    EXPECT_EQ(c.co_maxbuf, 256);
+    EXPECT_EQ(c.co_maxusers, 32);
+    EXPECT_EQ(c.co_maxnkeys, 25);
+    EXPECT_EQ(c.co_avgalts, 2);
+    EXPECT_EQ(c.co_alenlock, 16);
+    EXPECT_EQ(c.co_anumlock, 8);
+    EXPECT_EQ(c.co_maxfbuf, 256);
+    EXPECT_EQ(c.co_maxufile, 0);
+    EXPECT_EQ(c.co_bits, 0u);
+}
+
+TEST_F(ConfigWrite, RefusesBadSettingsWritingNothing) {
+    struct Case {
+        const char* what;
+        void (*edit)(kisam_settings&);
+        int err;
+    } cases[] = {
+        {"no files", [](kisam_settings& s) { s.files = 0; }, EINVAL},
+        {"files past what a buffer can name", [](kisam_settings& s) { s.files = 16384; }, EINVAL},
+        {"no buffers", [](kisam_settings& s) { s.buffers = 0; }, EINVAL},
+        {"buffers past 16 bits", [](kisam_settings& s) { s.buffers = 32768; }, EINVAL},
+        {"no users", [](kisam_settings& s) { s.users = 0; }, EINVAL},
+        {"26 keys", [](kisam_settings& s) { s.keys = 26; }, EINVAL},
+        {"more per process than in all", [](kisam_settings& s) { s.files_per_process = 65; }, EINVAL},
+        {"negative file buffers", [](kisam_settings& s) { s.file_buffers = -1; }, EINVAL},
+        {"25 alternate keys", [](kisam_settings& s) { s.avg_alt_keys = 25; }, EINVAL},
+        {"negative lock key", [](kisam_settings& s) { s.lock_key_len = -1; }, EINVAL},
+        {"locks past 16 bits", [](kisam_settings& s) { s.locks_per_file = 40000; }, EINVAL},
+        {"unknown option", [](kisam_settings& s) { s.options = 0x8; }, EINVAL},
+        {"sync without tracking", [](kisam_settings& s) { s.options = KISAM_SYNC_ON_MARK; }, EINVAL},
+        {"clear without tracking", [](kisam_settings& s) { s.options = KISAM_CLEAR_ON_RELEASE; }, EINVAL},
+        {"a heap above the maximum",
+         [](kisam_settings& s) { s.files = 16000; s.lock_key_len = s.locks_per_file = 32000; }, ERANGE},
+    };
+    for (const Case& k : cases) {
+        SCOPED_TRACE(k.what);
+        kisam_settings s = KISAM_SETTINGS_DEFAULT;
+        k.edit(s);
+        errno = 0;
+        EXPECT_EQ(kisam_config_write(cfg_.c_str(), &s, 0, 0), -1);
+        EXPECT_EQ(errno, k.err);
+        EXPECT_FALSE(exists(cfg_));
+        EXPECT_FALSE(exists(cfg_ + ".lk"));
+    }
+    errno = 0;
+    EXPECT_EQ(kisam_config_write(nullptr, nullptr, 0, 0), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(kisam_config_write("", nullptr, 0, 0), -1);
+    EXPECT_EQ(kisam_config_write(cfg_.c_str(), nullptr, 0x2, 0), -1) << "unknown flag";
+    EXPECT_EQ(kisam_config_write(cfg_.c_str(), nullptr, 0, 010000), -1) << "not a mode";
+    EXPECT_EQ(kisam_config_write(cfg_.c_str(), nullptr, 0, 04666), -1) << "no set-id bits";
+    EXPECT_EQ(errno, EINVAL);
+    std::string long_name(PATH_MAX, 'x');
+    EXPECT_EQ(kisam_config_write(long_name.c_str(), nullptr, 0, 0), -1);
+    EXPECT_EQ(errno, ENAMETOOLONG);
+    EXPECT_EQ(kisam_config_write((inst_->dir() + "/no/such/dir/cfg").c_str(), nullptr, 0, 0), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_FALSE(exists(cfg_));
+}
+
+TEST_F(ConfigWrite, ReplacesOnlyWhenAskedAndKeepsTheLockFile) {
+    kisam_settings s = KISAM_SETTINGS_DEFAULT;
+    ASSERT_EQ(kisam_config_write(cfg_.c_str(), &s, 0, 0), 0);
+    const ino_t lk = inode(cfg_ + ".lk");
+    s.buffers = 99;
+    errno = 0;
+    EXPECT_EQ(kisam_config_write(cfg_.c_str(), &s, 0, 0), -1);
+    EXPECT_EQ(errno, EEXIST);
+    is_config c;
+    std::memcpy(&c, read_head(cfg_).data(), sizeof c);
+    EXPECT_EQ(c.co_maxbuf, 256) << "refused: the old record stays";
+
+    // A longer file (another program's) is cut to the record.
+    ot::write_bytes(cfg_, std::string(300, 'z').data(), 300, 0);
+    ASSERT_EQ(kisam_config_write(cfg_.c_str(), &s, KISAM_CONFIG_REPLACE, 0), 0);
+    std::vector<unsigned char> got = read_head(cfg_);
+    ASSERT_EQ(got.size(), 52u);
+    std::memcpy(&c, got.data(), sizeof c);
+    EXPECT_EQ(c.co_maxbuf, 99);
+    EXPECT_EQ(inode(cfg_ + ".lk"), lk) << "the lock file (and so the installation's key) is kept";
+}
+
+TEST_F(ConfigWrite, GivesNewFilesTheModeAsked) {
+    mode_t old = ::umask(0);
+    EXPECT_EQ(kisam_config_write(cfg_.c_str(), nullptr, 0, 0640), 0);
+    ::umask(old);
+    struct stat st{};
+    ASSERT_EQ(::stat(cfg_.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0640u);
+    ASSERT_EQ(::stat((cfg_ + ".lk").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0640u);
+}
+
+TEST_F(ConfigWrite, AFailedWriteLeavesNoFile) {
+    {
+        kt::Faults f;
+        f.arm(kt::Faults::kWrite, 1, kt::Faults::kOnce, ENOSPC);
+        errno = 0;
+        EXPECT_EQ(kisam_config_write(cfg_.c_str(), nullptr, 0, 0), -1);
+        EXPECT_EQ(errno, ENOSPC);
+        EXPECT_TRUE(kt::Faults::hit());
+    }
+    EXPECT_FALSE(exists(cfg_));
+    EXPECT_FALSE(exists(cfg_ + ".lk"));
+    EXPECT_EQ(kisam_config_write(cfg_.c_str(), nullptr, 0, 0), 0);
+}
+
+// Key 1 repeats: ("b", 3), ("a", 5), ("b", 1), ("c", 4), ("a", 2) as (key 1, key 0).
+class Rewind : public Env {
+protected:
+    void SetUp() override {
+        start();
+        fd_ = create("f", {2, 1});
+        ASSERT_GE(fd_, 0);
+        for (const char* r : {"03b", "05a", "01b", "04c", "02a"}) ASSERT_EQ(niswrite(fd_, r, 3), 0);
+    }
+    std::string read(int (*op)(int, int, char*, int), int keyno) {
+        char b[8];
+        int n = op(fd_, keyno, b, sizeof b);
+        return n > 0 ? std::string(b, static_cast<size_t>(n)) : n == 0 ? "" : "error";
+    }
+    int fd_ = -1;
+};
+
+TEST_F(Rewind, TakesEitherDirectionBackToItsEnd) {
+    for (int keyno : {0, 1}) {
+        SCOPED_TRACE(keyno);
+        const std::string first = keyno == 0 ? "01b" : "02a", last = keyno == 0 ? "05a" : "04c";
+        // Wherever the cursor stands, also after running off either end.
+        for (int steps : {1, 3, 6}) {
+            for (int i = 0; i < steps; ++i) read(nisread, keyno);
+            ASSERT_EQ(kisam_rewind(fd_, keyno), 0);
+            EXPECT_EQ(read(nisread, keyno), first);
+            for (int i = 0; i < steps; ++i) read(nispread, keyno);
+            ASSERT_EQ(kisam_rewind(fd_, keyno), 0);
+            EXPECT_EQ(read(nispread, keyno), last);
+            EXPECT_EQ(read(nispread, keyno), keyno == 0 ? "04c" : "03b");
+        }
+    }
+    // One key's cursor only.
+    ASSERT_EQ(kisam_rewind(fd_, 0), 0);
+    EXPECT_EQ(read(nisread, 0), "01b");
+    read(nisread, 1);
+    ASSERT_EQ(kisam_rewind(fd_, 1), 0);
+    EXPECT_EQ(read(nisread, 0), "02a");
+}
+
+TEST_F(Rewind, SeekingTheLowestOrHighestValueDoesTheSameForOneDirection) {
+    for (int keyno : {0, 1}) {
+        SCOPED_TRACE(keyno);
+        const char* low = "\0\0";
+        const char* high = "\xff\xff";
+        read(nisread, keyno);
+        read(nisread, keyno);
+        ASSERT_EQ(nisseek(fd_, keyno, low), 0);
+        EXPECT_EQ(read(nisread, keyno), keyno == 0 ? "01b" : "02a");
+        ASSERT_EQ(nisseek(fd_, keyno, high), 0);
+        EXPECT_EQ(read(nispread, keyno), keyno == 0 ? "05a" : "04c");
+    }
+}
+
+TEST_F(Rewind, RefusesWhatNisseekRefuses) {
+    EXPECT_EQ(kisam_rewind(fd_, 2), -1);
+    EXPECT_EQ(is_errno, ISE_BADKN);
+    EXPECT_EQ(kisam_rewind(fd_, -1), -1);
+    EXPECT_EQ(is_errno, ISE_BADKN);
+    EXPECT_EQ(kisam_rewind(fd_ + 1, 0), -1);
+    EXPECT_EQ(is_errno, ISE_BADFD);
+}
+
+}  // namespace
