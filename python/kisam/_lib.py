@@ -326,7 +326,7 @@ def _ready() -> Library:
     while state.pending:
         gen, fd = state.pending.pop()
         if gen == state.generation and state.pid is not None:
-            L.nisclose(fd)
+            _close_fd(L, fd)
             _release_locked(L)
     return L
 
@@ -404,8 +404,18 @@ def close_handle(fd: int, generation: int) -> None:
         L = _ready()
         if generation != state.generation or state.pid is None:
             return
-        L.nisclose(fd)
+        _close_fd(L, fd)
         _release_locked(L)
+
+
+def _close_fd(L, fd):
+    # A close is never given up: a signal that ends its wait for a lock makes it again
+    # (the handler runs once the package returns to Python code).
+    while True:
+        L.is_etop.value = None
+        L.is_errno.value = 0
+        if L.nisclose(fd) >= 0 or L.is_errno.value != KISAM_ISE_INTERRUPTED or not L.is_etop.value:
+            return
 
 
 def collect(fd: int, generation: int) -> None:
