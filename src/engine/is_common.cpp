@@ -8,6 +8,7 @@
 // it under the start-up lock, before any other process can look at it.
 #include "is_common.h"
 
+#include "is_access.h"
 #include "is_heap.h"
 #include "isx_area.h"
 #include "os.h"
@@ -57,12 +58,18 @@ void fill_info(const struct stat& st, struct file_info* fi) {
 
 }  // namespace
 
-char* getcomm(key_t key, int size, void (*leftover)(char*, size_t)) noexcept {
+char* getcomm(key_t key, int size, void (*leftover)(char*, size_t), const struct is_access* acc) noexcept {
     is_firstcomf = 0;
     is_shmsize = 0;
-    is_shmid = kisam::os.shmget(key, static_cast<size_t>(size), IPC_CREAT | 0666);
+    is_shm_refused = false;
+    bool created = false;
+    if (acc && !acc->everyone)
+        is_shmid = is_shm_open(key, static_cast<size_t>(size), *acc, &created);
+    else
+        is_shmid = kisam::os.shmget(key, static_cast<size_t>(size), IPC_CREAT | 0666);
     struct shmid_ds ds;
     if (is_shmid < 0) {
+        if (is_shm_refused) return reinterpret_cast<char*>(-1);  // is_shm_open said why
         const int e = errno;
         // Too small a segment under the key: learn its size, so that the caller can say
         // what kind of segment it is.

@@ -15,8 +15,13 @@ extern size_t is_shmsize;
 
 // Creates or attaches the segment; address, or (char *) -1.  A segment that no process
 // had attached is zeroed -- after `leftover` (when given) has looked at what its last
-// users left in it.
-char* getcomm(key_t key, int size, void (*leftover)(char* base, size_t segsize) = nullptr) noexcept;
+// users left in it.  With `acc`, the segment follows the installation's access rule
+// (is_access.h): created with its lock file's owner, group and shared mode, and refused
+// (is_shm_refused, with a message) when the one found at the key is not its own; without,
+// or when everyone may use the installation, it is created 0666 and taken as found.
+struct is_access;
+char* getcomm(key_t key, int size, void (*leftover)(char* base, size_t segsize) = nullptr,
+              const struct is_access* acc = nullptr) noexcept;
 // Detaches isam_com and removes the segment when nobody is attached any more.  A caller
 // that may be the last holds the start-up lock (bytes 0-1 of the lock file), as getcomm's
 // caller does: a removal between another process's shmget and shmat would leave that

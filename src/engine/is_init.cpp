@@ -13,6 +13,10 @@
 //   14  the segment under the key holds no extension area laid out for its header: it
 //       was made by a library that does not keep the shared state this one relies on,
 //       and can only be used once every program attached to it has detached.
+//   16  the segment under the key is not the installation's: a user who may not use
+//       the installation created or owns it, or it grants more than the lock file does
+//       (is_access.h); the message names it and how to remove it.
+#include "is_access.h"
 #include "is_common.h"
 #include "is_error.h"
 #include "is_file.h"
@@ -197,8 +201,12 @@ extern "C" KISAM_API int is_init(void) {
     const int64_t whole = int64_t(conf.co_comsize) + isx_size(conf.co_maxopen, conf.co_maxusers, conf.co_maxbuf);
     if (whole > INT32_MAX) return fail(ISE_INITERR, 7);
     const int xsize = static_cast<int>(whole - conf.co_comsize);
-    char* base = getcomm(key, static_cast<int>(whole), jn_leftover);
+    // The segment follows the lock file: who may lock may attach, and nobody else.
+    struct is_access acc;
+    if (!is_access_of(is_lockfd, &acc)) return fail(ISE_INITERR, 4);
+    char* base = getcomm(key, static_cast<int>(whole), jn_leftover, &acc);
     if (base == reinterpret_cast<char*>(-1)) {
+        if (is_shm_refused) return fail(ISE_INITERR, 16);
         // A segment that is too small for the area is one a library without it made.
         if (is_shmsize > 0 && is_shmsize < static_cast<size_t>(conf.co_comsize) + xsize)
             return foreign_segment(fail);

@@ -23,6 +23,10 @@ int is_read_nolock(int keyno, char* record, int recsize, int dir) noexcept;
 extern unsigned long is_nolock_reads;
 int is_write(const char* record, int recsize, int force) noexcept;
 int is_delete(const char* primekey) noexcept;
+// nisupdate's work: replaces the record with the same key 0 value (ISE_NOKEY when there is
+// none), touching only the alternate keys whose values changed.  Requires the control
+// lock.  0 or -1.
+int is_update(const char* record, int recsize) noexcept;
 
 // The process scratch buffer shared with the B-tree layer (1536 bytes).
 extern char* is_tbufp;

@@ -3,8 +3,8 @@
 // Key 0 items carry the record address; the items of every other key carry the key 0
 // value, so key 0 admits no duplicates and the other keys do.  Replacing (force) swaps
 // the address in the key 0 item and re-indexes only the alternate keys whose values
-// changed.  There is no undo: a failure part-way leaves the steps already done, and
-// the file stays structurally valid.
+// changed; an update is such a replace of a record that must exist.  A failure part-way
+// leaves the steps already done, which the caller's unit of the journal rolls back.
 //
 // Detail of is_write (0x26) raised here besides the documented ones: 12, ISE_NKEYERR,
 // for a file without keys (a sequential file), which has no index to store a record in.
@@ -150,6 +150,67 @@ int write_locked(const char* record, int recsize, int force) {
 }
 
 }  // namespace
+
+int is_update(const char* record, int recsize) noexcept {
+    IS_FCP* fcp = is_curfcp;
+    IS_DB* db = is_curdb;
+    if (fcp->is_nkeys < 1) return is_raise(ISE_NOKEY, PROC(P_IS_DELETE, 2));
+    const IS_KEY* k0 = fcp_key(fcp, 0);
+    const int kl0 = k0->k_keylen;
+    char* temp = db->temp;
+    std::memset(temp, 0, static_cast<size_t>(k0->k_itemlen));
+    std::memcpy(temp, record, static_cast<size_t>(kl0));
+    const int found = bt_search(0, k0->k_root, 5, temp, 0);
+    // A search that failed says why (a page that could not be read, a damaged tree);
+    // only a search that found nothing means there is no such record.
+    if (found < 0) return is_push(PROC(P_IS_DELETE, 2));
+    if (found != 1) return is_raise(ISE_NOKEY, PROC(P_IS_DELETE, 2));
+    const PAGE old = load_at<PAGE>(temp + k0->k_offset);
+
+    // The steps of a delete and a write, in their order and with their failure codes,
+    // but for the index items that stay as they are: the key 0 item keeps its place and
+    // only takes the new address, and an alternate item is taken out and put in again
+    // only when its key value changed.  The records and indexes come out as a delete and
+    // a write would leave them.
+    const bool keyopt = (fcp->is_optbits & ISO_KEYOPT) != 0;
+    const int nkeys = fcp->is_nkeys;
+    const int n = fcp->is_minrec - (keyopt ? kl0 : 0);
+    KeySave save(n > 0 ? n : 1);
+    char* buf = save.get();
+    if (buf == nullptr) return is_raise(ISE_KEYSAVE, PROC(P_IS_DELETE, 3));
+    if (nkeys >= 2 && dr_get(old, buf, n) < 0) return is_push(PROC(P_IS_DELETE, 4));
+    if (old != KISAM_NOPAGE && dr_rel(old) != 0) return is_push(PROC(P_IS_DELETE, 5));
+
+    const char* data = keyopt ? record + kl0 : record;
+    const int dlen = keyopt ? recsize - kl0 : recsize;
+    PAGE addr = KISAM_NOPAGE;
+    if (dlen > 0) {
+        addr = dr_put(data, dlen);
+        if (addr == KISAM_NOPAGE) return is_push(PROC(P_IS_WRITE, 3));
+    }
+    std::memset(temp, 0, static_cast<size_t>(k0->k_itemlen));
+    std::memcpy(temp, record, static_cast<size_t>(kl0));
+    store_at<PAGE>(temp + k0->k_offset, addr);
+    db_cursor(db, 0)->currpage = KISAM_NOPAGE;
+    if (bt_insert(0, k0->k_root, temp, 0, 1) < 0) return is_push(PROC(P_IS_WRITE, 4));
+
+    const char* po = keyopt ? buf : buf + kl0;
+    const char* pn = record + kl0;
+    for (int i = 1; i < nkeys; ++i) {
+        const IS_KEY* ki = fcp_key(fcp, i);
+        const size_t len = static_cast<size_t>(ki->k_keylen);
+        if (std::memcmp(po, pn, len) != 0) {
+            alt_item(temp, ki, po, k0, record);
+            db_cursor(db, i)->currpage = KISAM_NOPAGE;
+            if (bt_delete(i, ki->k_root, temp, KISAM_NOPAGE) != 0) return is_push(PROC(P_IS_DELETE, 6));
+            alt_item(temp, ki, pn, k0, record);
+            if (bt_insert(i, fcp_key(fcp, i)->k_root, temp, 0, 0) < 0) return is_push(PROC(P_IS_WRITE, 11));
+        }
+        po += len;
+        pn += len;
+    }
+    return 0;
+}
 
 int is_write(const char* record, int recsize, int force) noexcept {
     if (is_getctl() < 0) return -1;

@@ -16,6 +16,7 @@
 #include "jn.h"
 
 #include "fcp.h"
+#include "is_access.h"
 #include "is_error.h"
 #include "is_lock.h"
 #include "isx_area.h"
@@ -137,7 +138,9 @@ bool map_fd(Map& m) noexcept {
 bool open_other(int slot, Map& m) noexcept {
     char name[PATH_MAX + 16];
     journal_name(name, sizeof name, slot);
-    m.fd = kisam::os_open(name, O_RDWR | O_CLOEXEC);
+    // One that is not the installation's is never read: its page images and the path
+    // it names would be written wherever its maker chose.
+    m.fd = is_open_beside(jbase, name, O_RDWR);
     if (m.fd < 0) return false;
     if (!map_fd(m) || m.h->jh_magic != kMagic) {
         unmap(m);
@@ -236,11 +239,10 @@ int open_own() noexcept {
     char name[PATH_MAX + 16];
     journal_name(name, sizeof name, is_env.useridx);
     Map m;
-    m.fd = kisam::os_open(name, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    // Every user of the installation may have to roll this journal back, and nobody else
+    // may read it: it gets the lock file's owner, group and shared mode.
+    m.fd = is_open_beside(jbase, name, O_RDWR | O_CREAT);
     if (m.fd < 0) return fail(3, ISE_OPENF);
-    // Every user of the installation may have to roll this journal back.
-    struct stat lk;
-    if (kisam::os.fstat(is_lockfd, &lk) == 0) ::fchmod(m.fd, lk.st_mode & 0666);
     struct stat st;
     if (kisam::os.fstat(m.fd, &st) != 0) {
         unmap(m);

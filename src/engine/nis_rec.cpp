@@ -123,10 +123,7 @@ KISAM_API int nisupdate(int isfd, const char* record, int recsize) {
         // removed first.
         r = is_raise(ISE_RSIZE, PROC(P_IS_WRITE, 2));
     } else {
-        r = unit([&] {
-            int d = is_delete(record);
-            return d >= 0 ? is_write(record, recsize, 0) : d;
-        });
+        r = unit([&] { return is_update(record, recsize); });
     }
     is_isout();
     return static_cast<short>(r);

@@ -81,7 +81,7 @@ TEST_F(IsInit, SegmentsWithoutTheExtensionAreaAreRefused) {
     const size_t xsize = isx_size(conf.co_maxopen, conf.co_maxusers, conf.co_maxbuf);
     for (size_t size : {static_cast<size_t>(conf.co_comsize), conf.co_comsize + xsize}) {
         SCOPED_TRACE(size);
-        int id = ::shmget(inst_->key(), size, IPC_CREAT | 0666);
+        int id = ::shmget(inst_->key(), size, IPC_CREAT | 0600);
         ASSERT_GE(id, 0);
         char* p = static_cast<char*>(::shmat(id, nullptr, 0));
         ASSERT_NE(p, reinterpret_cast<char*>(-1));

@@ -57,6 +57,44 @@ TEST_F(Tool, ConfigurationAndUsage) {
     EXPECT_EQ(run({"scan", path("f"), "--limit"}).rc, 2);
 }
 
+// config init --access: who may use the installation is the lock file's mode, and the
+// library gives the journals the same.
+TEST_F(Tool, ConfigurationForOneUserOneGroupOrEveryone) {
+    auto mode = [](const std::string& p) {
+        struct stat st;
+        return ::stat(p.c_str(), &st) == 0 ? st.st_mode & 07777 : 01;
+    };
+    struct Case {
+        std::string access;
+        mode_t conf, lock;
+        const char* said;
+    } cases[] = {{"user", 0600, 0600, "alone (lock file mode 0600"},
+                 {"group:65534", 0640, 0660, "(lock file mode 0660"},
+                 {"all", 0644, 0666, "every user of this host (lock file mode 0666)"}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.access);
+        if (c.access == "group:65534" && ::geteuid() != 0) continue;  // only members and root may
+        ::unlink((cfg + ".lk").c_str());
+        ::unlink((cfg + ".lk.u0").c_str());
+        Result r = run({"config", "init", cfg, "--buffers", "32", "--files", "8", "--users", "8", "--force",
+                        "--access", c.access});
+        ASSERT_EQ(r.rc, 0) << r.err;
+        EXPECT_TRUE(has(r.out, c.said)) << r.out;
+        EXPECT_EQ(mode(cfg), c.conf);
+        EXPECT_EQ(mode(cfg + ".lk"), c.lock);
+        ASSERT_EQ(run({"create", path("f"), "8", "--force"}).rc, 0);
+        ASSERT_EQ(run({"put", path("f"), "00000001rest"}).rc, 0);
+        EXPECT_EQ(mode(cfg + ".lk.u0"), c.lock & 0666) << "the journal follows the lock file";
+        if (c.access == "group:65534") {
+            struct stat st;
+            ASSERT_EQ(::stat((cfg + ".lk").c_str(), &st), 0);
+            EXPECT_EQ(st.st_gid, 65534u);
+        }
+    }
+    EXPECT_EQ(run({"config", "init", cfg, "--force", "--access", "nobody"}).rc, 2);
+    EXPECT_EQ(run({"config", "init", cfg, "--force", "--access", "group:no-such-group-here"}).rc, 2);
+}
+
 TEST_F(Tool, RecordsByEveryKey) {
     init_config();
     const std::string f = path("cust");

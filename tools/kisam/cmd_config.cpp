@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
@@ -93,10 +95,76 @@ std::string not_a_configuration(const struct is_config& c, ssize_t n) {
     return "";
 }
 
+// Who may use an installation: the lock file's owner alone, one group, or every user of
+// the host.  The library gives the shared segment and the journals the lock file's owner,
+// group and mode, so this choice is the whole of it.
+struct Access {
+    enum Kind { kAsUmask, kUser, kGroup, kAll } kind = kAsUmask;
+    gid_t gid = gid_t(-1);
+    std::string group;  // as given
+};
+
+// Parses --access user|group:NAME|all; "" or why not.
+std::string parse_access(const std::string& v, Access& acc) {
+    if (v == "user") {
+        acc.kind = Access::kUser;
+    } else if (v == "all") {
+        acc.kind = Access::kAll;
+    } else if (v.rfind("group:", 0) == 0 && v.size() > 6) {
+        acc.kind = Access::kGroup;
+        acc.group = v.substr(6);
+        if (struct group* g = ::getgrnam(acc.group.c_str())) {
+            acc.gid = g->gr_gid;
+        } else {
+            long n = 0;
+            if (!parse_long(acc.group, 0, 0x7fffffff, n)) return "no group \"" + acc.group + "\"";
+            acc.gid = gid_t(n);
+        }
+    } else {
+        return "--access takes user, group:NAME or all, not \"" + v + "\"";
+    }
+    return "";
+}
+
+// Gives the configuration file (readable by the installation's users) and the lock file
+// (read-write for them) the chosen owner group and modes; "" or what failed.
+std::string apply_access(const Access& acc, int conffd, int lockfd) {
+    if (acc.kind == Access::kAsUmask) return "";
+    if (acc.kind == Access::kGroup) {
+        for (int fd : {conffd, lockfd})
+            if (::fchown(fd, uid_t(-1), acc.gid) != 0)
+                return "cannot give the files to group " + acc.group + ": " + std::strerror(errno) +
+                       (errno == EPERM ? " (only its members and root may)" : "");
+    }
+    const mode_t conf = acc.kind == Access::kUser ? 0600 : acc.kind == Access::kGroup ? 0640 : 0644;
+    const mode_t lock = acc.kind == Access::kUser ? 0600 : acc.kind == Access::kGroup ? 0660 : 0666;
+    if (::fchmod(conffd, conf) != 0 || ::fchmod(lockfd, lock) != 0)
+        return std::string("cannot set the files' modes: ") + std::strerror(errno);
+    return "";
+}
+
+// What the lock file open as fd lets through: who may use the installation.
+std::string describe_access(int fd) {
+    struct stat st;
+    if (::fstat(fd, &st) != 0) return "unknown";
+    char mode[16];
+    std::snprintf(mode, sizeof mode, "%04o", unsigned(st.st_mode & 0777));
+    if ((st.st_mode & 0006) == 0006) return std::string("every user of this host (lock file mode ") + mode + ")";
+    std::string who;
+    if ((st.st_mode & 0060) == 0060) {
+        struct group* g = ::getgrgid(st.st_gid);
+        who = "the group " + (g ? std::string(g->gr_name) : std::to_string(st.st_gid));
+    } else {
+        struct passwd* p = ::getpwuid(st.st_uid);
+        who = "the user " + (p ? std::string(p->pw_name) : std::to_string(st.st_uid)) + " alone";
+    }
+    return who + " (lock file mode " + mode + ": the shared area and the journals follow it)";
+}
+
 int config_init(std::vector<std::string> words) {
     Args a("config init", std::move(words));
     for (auto o : {"files", "buffers", "users", "keys", "files-per-process", "file-buffers", "avg-alt-keys",
-                   "lock-key-len", "locks-per-file"})
+                   "lock-key-len", "locks-per-file", "access"})
         a.option(o);
     for (auto f : {"track-changes", "sync-on-mark", "clear-on-release", "force"}) a.flag(f);
     if (!a.parse()) return EXIT_USAGE;
@@ -116,6 +184,10 @@ int config_init(std::vector<std::string> words) {
     bool track = a.has("track-changes");
     if ((a.has("sync-on-mark") || a.has("clear-on-release")) && !track)
         return usage_error("config", "--sync-on-mark and --clear-on-release need --track-changes");
+
+    Access acc;
+    if (auto v = a.get("access"))
+        if (std::string why = parse_access(*v, acc); !why.empty()) return usage_error("config", why);
 
     struct kisam_settings settings = KISAM_SETTINGS_DEFAULT;
     settings.files = int(files);
@@ -155,8 +227,24 @@ int config_init(std::vector<std::string> words) {
         return fail("config", "cannot write " + path + " and its lock file " + path + ".lk: " + std::strerror(errno));
     }
     std::string lk = path + ".lk";
+    // The installation's access: never through a link, since the library gives what it
+    // shares the lock file's owner and mode.
+    int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    int lfd = ::open(lk.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0 || lfd < 0) {
+        const int e = errno;
+        if (fd >= 0) ::close(fd);
+        if (lfd >= 0) ::close(lfd);
+        return fail("config", (fd < 0 ? path : lk) + ": " + std::strerror(e));
+    }
+    std::string why = apply_access(acc, fd, lfd);
+    std::string who = describe_access(lfd);
+    ::close(fd);
+    ::close(lfd);
+    if (!why.empty()) return fail("config", why);
     std::printf("wrote %s and its lock file %s (shared segment of %lld bytes)\n", path.c_str(), lk.c_str(),
                 static_cast<long long>(l.segment));
+    std::printf("for use by %s\n", who.c_str());
     // A running installation keeps the area it was started with.
     long key = installation_key(path);
     if (key != -1 && ::shmget(key_t(key), 0, 0) >= 0)

@@ -39,7 +39,7 @@ _kisam() {
                 COMPREPLY=($(compgen -W "init show" -- "$cur")); return
             fi
             opts="--files --buffers --users --keys --files-per-process --file-buffers --avg-alt-keys
-                  --lock-key-len --locks-per-file --track-changes --sync-on-mark --clear-on-release --force" ;;
+                  --lock-key-len --locks-per-file --track-changes --sync-on-mark --clear-on-release --force --access" ;;
         create) opts="--key-in-index --small-header --force" ;;
         info) opts="--json" ;;
         check) opts="--clear-mark --json" ;;

@@ -1,0 +1,478 @@
+// Who may use an installation: the segment and the journals follow the lock file's owner,
+// group and mode, and what another user put in their place is refused.  The tests run
+// as root and act as other users in forked children that drop to an unprivileged uid:
+// nobody (65534, whose primary group is 65534) and daemon (1).
+#include "../engine/open_fixture.h"
+
+#include "is_access.h"
+#include "kcheck.h"
+#include "os.h"
+
+#include <grp.h>
+#include <pwd.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstring>
+#include <functional>
+
+namespace {
+
+constexpr uid_t kDaemon = 1;
+constexpr uid_t kNobody = 65534;
+constexpr gid_t kNogroup = 65534;
+const char kSecret[] = "S0000001TOPSECRET-PAYROLL-DATA";
+const char kSecretData[] = "TOPSECRET-PAYROLL-DATA";  // the record's bytes after its key
+
+// Runs fn in a forked child that has become uid, with primary group gid and the given
+// supplementary groups, and has detached anything its parent had attached.
+pid_t start_as(uid_t uid, gid_t gid, std::vector<gid_t> groups, std::function<int()> fn) {
+    return kt::start_child([=] {
+        ot::become_unattached();
+        if (::setgroups(groups.size(), groups.data()) != 0 || ::setgid(gid) != 0 || ::setuid(uid) != 0) return 97;
+        ::umask(007);
+        return fn();
+    });
+}
+int run_as(uid_t uid, gid_t gid, std::vector<gid_t> groups, std::function<int()> fn) {
+    return kt::wait_child(start_as(uid, gid, std::move(groups), std::move(fn)));
+}
+
+struct shmid_ds segment_stat(key_t key) {
+    struct shmid_ds ds;
+    std::memset(&ds, 0, sizeof ds);
+    int id = ::shmget(key, 0, 0);
+    if (id >= 0) ::shmctl(id, IPC_STAT, &ds);
+    return ds;
+}
+
+std::string slurp(const std::string& path) {
+    std::string s;
+    if (FILE* f = std::fopen(path.c_str(), "rb")) {
+        char buf[65536];
+        size_t n;
+        while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) s.append(buf, n);
+        std::fclose(f);
+    }
+    return s;
+}
+
+// Byte for byte, but for the control page's count of processes (bytes 84-85).
+::testing::AssertionResult same_file(const std::string& a, const std::string& b) {
+    if (a.size() != b.size()) return ::testing::AssertionFailure() << "sizes " << a.size() << " and " << b.size();
+    for (size_t i = 0; i < a.size(); ++i)
+        if (a[i] != b[i] && i != 84 && i != 85)
+            return ::testing::AssertionFailure() << "first difference at byte " << i;
+    return ::testing::AssertionSuccess();
+}
+
+class Access : public ot::Env {
+protected:
+    void SetUp() override {
+        ot::Env::SetUp();
+        ::alarm(120);
+        struct passwd* pw = ::getpwuid(kNobody);
+        if (::geteuid() != 0 || !pw || pw->pw_gid != kNogroup || !::getpwuid(kDaemon))
+            GTEST_SKIP() << "needs root and the users nobody (65534, group 65534) and daemon (1)";
+        // Other users reach the installation's directory; what they may do in it is up
+        // to the modes under test.
+        ASSERT_EQ(::chmod(inst_->dir().c_str(), 0755), 0);
+        ASSERT_EQ(::chmod(inst_->config_path().c_str(), 0644), 0);
+    }
+    void TearDown() override {
+        ::alarm(0);
+        ot::Env::TearDown();
+    }
+    std::string lock() const { return inst_->config_path() + ".lk"; }
+    void lock_mode(uid_t uid, gid_t gid, mode_t mode) {
+        ASSERT_EQ(::chown(lock().c_str(), uid, gid), 0);
+        ASSERT_EQ(::chmod(lock().c_str(), mode), 0);
+    }
+};
+
+TEST(AccessRule, SharedModeIsWhatTheLockFileLetsOpenReadWrite) {
+    const std::pair<mode_t, mode_t> cases[] = {{0666, 0666}, {0664, 0660}, {0660, 0660}, {0644, 0600},
+                                               {0640, 0600}, {0600, 0600}, {0622, 0600}, {0606, 0606},
+                                               {0777, 0666}, {0400, 0}};
+    for (auto [lk, want] : cases) EXPECT_EQ(is_shared_mode(lk), want) << std::oct << lk;
+}
+
+// The attack: while a program of the installation has a record in the pool, another user
+// of the host attaches the segment read-only and looks for the record's bytes, reads the
+// journals, or attaches through the library.  For a one-user and a one-group
+// installation, the kernel refuses every step.
+TEST_F(Access, OtherUsersReachNeitherTheSegmentNorTheJournals) {
+    for (auto [mode, gid] : {std::pair<mode_t, gid_t>{0600, 0}, {0660, kDaemon}}) {
+        SCOPED_TRACE(mode);
+        lock_mode(0, gid, mode);
+        const key_t key = inst_->key();
+        const std::string journal = lock() + ".u0";
+        // The segment's size, told to the attacker as if it had guessed it.
+        size_t* segsz = static_cast<size_t*>(
+            ::mmap(nullptr, sizeof(size_t), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+        ASSERT_NE(segsz, MAP_FAILED);
+        kt::Pipe go;
+        pid_t attacker = start_as(kNobody, kNogroup, {kNogroup}, [&] {
+            go.close_write();
+            if (go.wait() != 'x') return 90;
+            int id = ::shmget(key, 0, 0);
+            if (id < 0) return 91;  // it is there: the owner is attached
+            for (int flags : {SHM_RDONLY, 0}) {
+                void* p = ::shmat(id, nullptr, flags);
+                if (p != reinterpret_cast<void*>(-1)) {
+                    // Reached: is the record there?  (Size from the owner's layout.)
+                    const bool found = ::memmem(p, *segsz, kSecretData, sizeof kSecretData - 1) != nullptr;
+                    ::shmdt(p);
+                    return found ? 93 : 94;
+                }
+                if (errno != EACCES) return 95;
+            }
+            struct shmid_ds ds;
+            if (::shmctl(id, IPC_STAT, &ds) == 0 || errno != EACCES) return 92;
+            if (::shmget(key, 0, 0400) >= 0) return 96;
+            if (::open(journal.c_str(), O_RDONLY) >= 0 || errno != EACCES) return 80;
+            if (is_init() != -1 || is_errno != ISE_INITERR || kt::stack_code() != 0x220D) return 81;
+            return 0;
+        });
+
+        go.close_read();
+        int fd = create("payroll", {8});
+        ASSERT_GE(fd, 0) << is_errno;
+        ASSERT_EQ(::chmod(path("payroll").c_str(), 0600), 0);
+        ASSERT_EQ(niswrite(fd, const_cast<char*>(kSecret), sizeof kSecret - 1), 0);
+        char got[sizeof kSecret] = {};
+        ASSERT_EQ(nisfind(fd, 0, const_cast<char*>(kSecret), got, sizeof kSecret - 1), int(sizeof kSecret - 1));
+        // The record is in the pool: this is what the attacker is after.
+        ASSERT_NE(::memmem(isam_com, static_cast<size_t>(isam_com->comsize), kSecretData, sizeof kSecretData - 1), nullptr);
+        struct shmid_ds ds = segment_stat(key);
+        *segsz = ds.shm_segsz;
+        EXPECT_EQ(ds.shm_perm.mode & 0777, mode);
+        EXPECT_EQ(ds.shm_perm.uid, 0u);
+        EXPECT_EQ(ds.shm_perm.gid, gid);
+        struct stat st;
+        ASSERT_EQ(::stat(journal.c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 0777, mode);
+        EXPECT_EQ(st.st_gid, gid);
+
+        go.signal();
+        EXPECT_EQ(kt::wait_child(attacker), 0);
+        EXPECT_EQ(nisclose(fd), 0);
+        nisunisam();
+        EXPECT_LT(::shmget(key, 0, 0), 0);
+        ::unlink(journal.c_str());
+        ::munmap(segsz, sizeof(size_t));
+    }
+}
+
+// A segment at the key that is not the installation's is refused with detail 16 and a
+// message naming it and how to remove it; the library neither attaches nor changes it.
+TEST_F(Access, SegmentsFoundAtTheKeyMustBeTheInstallations) {
+    const key_t key = inst_->key();
+    const size_t size = 1 << 20;
+    struct Case {
+        const char* what;
+        uid_t creator;
+        mode_t mode;
+        uid_t set_owner;   // IPC_SET after creating, or -1
+        uid_t victim;      // who attaches (the lock file's owner)
+        gid_t group;       // the lock file's group and mode
+        mode_t lkmode;
+        const char* said;
+    } cases[] = {
+        {"created first by another user", kNobody, 0600, uid_t(-1), 0, 0, 0600, "created by uid 65534"},
+        {"created by another user and given to the owner", kNobody, 0600, 0, 0, 0, 0600,
+         "created by uid 65534, owned by uid 0"},
+        {"created by the owner, wider than the lock file", 0, 0666, uid_t(-1), 0, 0, 0600, "mode 0666"},
+        {"created by the owner, readable by others", 0, 0604, uid_t(-1), 0, 0, 0600, "mode 0604"},
+        {"created by the owner for another group", 0, 0660, uid_t(-1), 0, kDaemon, 0660, "gid 0 with mode 0660"},
+        {"that the owner may not even look at", kNobody, 0600, uid_t(-1), kDaemon, kDaemon, 0600,
+         "may not even look at it"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        lock_mode(c.victim, c.group, c.lkmode);
+        int id = -1;
+        auto squat = [&] {
+            id = ::shmget(key, size, IPC_CREAT | IPC_EXCL | c.mode);
+            if (id < 0) return 1;
+            char* p = static_cast<char*>(::shmat(id, nullptr, 0));
+            if (p == reinterpret_cast<char*>(-1)) return 2;
+            std::memcpy(p, "SQUAT", 5);
+            ::shmdt(p);
+            if (c.set_owner != uid_t(-1)) {
+                struct shmid_ds ds;
+                if (::shmctl(id, IPC_STAT, &ds) != 0) return 3;
+                ds.shm_perm.uid = c.set_owner;
+                if (::shmctl(id, IPC_SET, &ds) != 0) return 4;
+            }
+            return 0;
+        };
+        if (c.creator == 0)
+            ASSERT_EQ(squat(), 0);
+        else
+            ASSERT_EQ(run_as(c.creator, c.creator, {}, squat), 0);
+        id = ::shmget(key, 0, 0);
+        ASSERT_GE(id, 0);
+        const std::string said = c.said, remove = "ipcrm -m " + std::to_string(id);
+        EXPECT_EQ(run_as(c.victim, c.victim, {}, [&] {
+                      std::string err = kt::capture_output(2, [] { is_init(); });
+                      if (isam_com || is_errno != ISE_INITERR || kt::stack_code() != 0x2210) return 1;
+                      if (err.find(said) == std::string::npos || err.find(remove) == std::string::npos) {
+                          std::fprintf(stderr, "message: %s", err.c_str());
+                          return 2;
+                      }
+                      return 0;
+                  }),
+                  0);
+        struct shmid_ds ds;
+        ASSERT_EQ(::shmctl(id, IPC_STAT, &ds), 0) << "the refused segment is left alone";
+        EXPECT_EQ(ds.shm_nattch, 0u);
+        char* p = static_cast<char*>(::shmat(id, nullptr, SHM_RDONLY));
+        ASSERT_NE(p, reinterpret_cast<char*>(-1));
+        EXPECT_EQ(std::memcmp(p, "SQUAT", 5), 0);
+        ::shmdt(p);
+        ::shmctl(id, IPC_RMID, nullptr);
+    }
+
+    // Everyone may use a 0666 installation: a segment another user made is taken as it
+    // was by every release, and one this library makes is 0666 and its maker's.
+    lock_mode(0, 0, 0666);
+    ASSERT_EQ(run_as(kNobody, kNogroup, {}, [&] { return ::shmget(key, size, IPC_CREAT | 0666) >= 0 ? 0 : 1; }), 0);
+    ASSERT_EQ(is_init(), 0) << is_errno;
+    EXPECT_EQ(segment_stat(key).shm_perm.uid, kNobody);
+    nisunisam();
+    inst_->remove_segment();
+    ASSERT_EQ(is_init(), 0) << is_errno;
+    struct shmid_ds ds = segment_stat(key);
+    EXPECT_EQ(ds.shm_perm.mode & 0777, 0666u);
+    EXPECT_EQ(ds.shm_perm.cuid, 0u);
+    int fd = create("f", {4});
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(niswrite(fd, const_cast<char*>("0001rest"), 8), 0);
+    struct stat st;
+    ASSERT_EQ(::stat((lock() + ".u0").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0666u);
+    nisclose(fd);
+    nisunisam();
+}
+
+// A journal beside the lock file that is a symbolic link, or that is not the
+// installation's (another owner, a wider mode), is never written or rolled back: the
+// file it points at or names stays as it was.  The same journal, the installation's own,
+// is rolled back -- so the refusal is what keeps the file safe.
+TEST_F(Access, PlantedJournalsAreRefused) {
+    lock_mode(0, 0, 0600);
+    const std::string victim = path("victim");
+    const std::string original(8192, 'v');
+    auto plant_victim = [&] {  // in place: the journal names its inode
+        FILE* f = std::fopen(victim.c_str(), "wb");
+        ASSERT_NE(f, nullptr);
+        ASSERT_EQ(std::fwrite(original.data(), 1, original.size(), f), original.size());
+        std::fclose(f);
+        // As the installation's own files are: only the link itself can give it away.
+        ASSERT_EQ(::chmod(victim.c_str(), 0600), 0);
+    };
+
+    // A link where this process's journal will go, symbolic or hard: the first changing
+    // call fails, and the file linked to is left alone.
+    std::string err;
+    for (bool symbolic : {true, false}) {
+        SCOPED_TRACE(symbolic ? "symbolic link" : "hard link");
+        plant_victim();
+        const std::string j0 = lock() + ".u0";
+        ASSERT_EQ(symbolic ? ::symlink(victim.c_str(), j0.c_str()) : ::link(victim.c_str(), j0.c_str()), 0);
+        int fd = create("f", {4});
+        ASSERT_GE(fd, 0);
+        err = kt::capture_output(2, [&] {
+            EXPECT_EQ(niswrite(fd, const_cast<char*>("0001rest"), 8), -1);
+            EXPECT_EQ(is_errno, ISE_OPENF);
+        });
+        EXPECT_NE(err.find(symbolic ? "symbolic link" : "links 2"), std::string::npos) << err;
+        EXPECT_TRUE(slurp(victim) == original);
+        nisclose(fd);
+        nisunisam();
+        ::unlink(j0.c_str());
+    }
+
+    // A journal left holding a unit that names the victim: found when the segment is
+    // made anew, it would be rolled back into the victim.
+    struct stat vs;
+    ASSERT_EQ(::stat(victim.c_str(), &vs), 0);
+    std::string j(4096 + 1032, '\0');
+    auto put32 = [&](size_t at, uint32_t v) { std::memcpy(&j[at], &v, 4); };
+    auto put64 = [&](size_t at, uint64_t v) { std::memcpy(&j[at], &v, 8); };
+    put32(0, 0x314E4A4Bu);  // magic
+    put32(4, 1);            // ACTIVE
+    put64(16, vs.st_dev);
+    put64(24, vs.st_ino);
+    put32(32, 1);           // one image
+    put32(36, 1);
+    std::snprintf(&j[608], 256, "%s", victim.c_str());
+    put32(4096, 1024);      // of page 1024
+    std::memset(&j[4096 + 8], 'X', 1024);
+    const std::string j3 = lock() + ".u3";
+    struct Case {
+        const char* what;
+        uid_t owner;
+        mode_t mode;
+        bool applied;
+    } cases[] = {
+        {"owned by another user", kNobody, 0600, false},
+        {"wider than the lock file", 0, 0666, false},
+        {"readable by others", 0, 0604, false},
+        {"the installation's own", 0, 0600, true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        plant_victim();
+        FILE* f = std::fopen(j3.c_str(), "wb");
+        ASSERT_NE(f, nullptr);
+        ASSERT_EQ(std::fwrite(j.data(), 1, j.size(), f), j.size());
+        std::fclose(f);
+        ASSERT_EQ(::chown(j3.c_str(), c.owner, 0), 0);
+        ASSERT_EQ(::chmod(j3.c_str(), c.mode), 0);
+        inst_->remove_segment();
+        err = kt::capture_output(2, [] { EXPECT_EQ(is_init(), 0) << is_errno; });
+        if (c.applied) {
+            EXPECT_FALSE(slurp(victim) == original) << "the planted journal is not a live one: the test proves nothing\n" << err;
+        } else {
+            EXPECT_TRUE(slurp(victim) == original);
+            EXPECT_NE(err.find("is not this installation's"), std::string::npos) << err;
+        }
+        nisunisam();
+        ::unlink(j3.c_str());
+    }
+}
+
+// One group, two users: daemon owns the lock file (0660, group 65534) and is a member of
+// the group; nobody is a member by its primary group.  Either may create the segment,
+// each reads what the other wrote, and a call of either killed half way is rolled back
+// by the other: by taking its control lock over, and when the segment is made anew.
+TEST_F(Access, AGroupInstallationServesEveryMember) {
+    lock_mode(kDaemon, kNogroup, 0660);
+    ASSERT_EQ(::chown(inst_->dir().c_str(), kDaemon, kNogroup), 0);
+    ASSERT_EQ(::chmod(inst_->dir().c_str(), 0770), 0);
+    const key_t key = inst_->key();
+    const std::string file = path("shared");
+    using Start = std::function<pid_t(std::function<int()>)>;
+    Start as_daemon = [&](std::function<int()> fn) { return start_as(kDaemon, kDaemon, {kDaemon, kNogroup}, fn); };
+    Start as_nobody = [&](std::function<int()> fn) { return start_as(kNobody, kNogroup, {kNogroup}, fn); };
+    auto rec = [](int id, char c) {
+        char r[40];
+        std::snprintf(r, sizeof r, "%08d", id);
+        std::memset(r + 8, c, sizeof r - 8);
+        return std::string(r, sizeof r);
+    };
+    // 0: the record is there as written; 1: absent; else a failure.
+    auto look = [&](int fd, int id, char c) {
+        std::string want = rec(id, c), got(want.size(), '\0');
+        int n = nisfind(fd, 0, want.data(), got.data(), static_cast<int>(got.size()));
+        return n == static_cast<int>(want.size()) && got == want ? 0 : n == 0 ? 1 : 2;
+    };
+    auto put = [&](int fd, int id, char c) {
+        std::string r = rec(id, c);
+        return niswrite(fd, r.data(), static_cast<int>(r.size()));
+    };
+
+    // nobody makes the segment and the file; daemon, not its creator, uses both.
+    kt::Pipe made, done;
+    pid_t first = as_nobody([&] {
+        made.close_read();
+        done.close_write();
+        int fd = niscreate(file.c_str(), 1, std::vector<int>{8}.data());
+        if (fd < 0 || put(fd, 1, 'a') != 0) return 1;
+        made.signal();
+        if (done.wait() != 'x') return 2;
+        if (look(fd, 2, 'b') != 0) return 3;
+        nisclose(fd);
+        nisunisam();
+        return 0;
+    });
+    made.close_write();
+    done.close_read();
+    ASSERT_EQ(made.wait(), 'x');
+    struct shmid_ds ds = segment_stat(key);
+    EXPECT_EQ(ds.shm_perm.cuid, kNobody);
+    EXPECT_EQ(ds.shm_perm.uid, kDaemon);
+    EXPECT_EQ(ds.shm_perm.gid, kNogroup);
+    EXPECT_EQ(ds.shm_perm.mode & 0777, 0660u);
+    EXPECT_EQ(kt::wait_child(as_daemon([&] {
+                  int fd = nisopen(file.c_str(), ISO_RDWR);
+                  if (fd < 0) return 10 + is_errno % 100;
+                  if (look(fd, 1, 'a') != 0 || put(fd, 2, 'b') != 0) return 2;
+                  nisclose(fd);
+                  nisunisam();
+                  return 0;
+              })),
+              0);
+    done.signal();
+    EXPECT_EQ(kt::wait_child(first), 0);
+    struct stat st;
+    for (const char* j : {".u0", ".u1"}) {
+        ASSERT_EQ(::stat((lock() + j).c_str(), &st), 0) << j;
+        EXPECT_EQ(st.st_mode & 0777, 0660u) << j;
+        EXPECT_EQ(st.st_gid, kNogroup) << j << ": daemon's journal is given the group";
+    }
+
+    // Killed half way through a write, with the other member attached: the survivor
+    // rolls it back when it takes the file's control lock over.  Then the other way
+    // round, with nobody attached: the next member to attach rolls it back.
+    for (bool survivor_attached : {true, false}) {
+        SCOPED_TRACE(survivor_attached ? "taken over" : "found at attach");
+        const int id = survivor_attached ? 3 : 4;
+        auto victim_of = survivor_attached ? as_nobody : as_daemon;
+        auto survivor_of = survivor_attached ? as_daemon : as_nobody;
+        const std::string before = slurp(file);
+        kt::Pipe ready, killed;
+        pid_t survivor = -1;
+        auto check = [&] {
+            int fd = nisopen(file.c_str(), ISO_RDWR);
+            if (fd < 0) return 20;
+            if (look(fd, 1, 'a') != 0 || look(fd, 2, 'b') != 0) return 21;
+            if (look(fd, id, 'c') != 1) return 22;  // the killed write left nothing
+            nisclose(fd);
+            nisunisam();
+            return 0;
+        };
+        if (survivor_attached) {
+            survivor = survivor_of([&] {
+                ready.close_read();
+                killed.close_write();
+                if (is_init() != 0) return 30;
+                ready.signal();
+                if (killed.wait() != 'x') return 31;
+                return check();
+            });
+            ready.close_write();
+            killed.close_read();
+            ASSERT_EQ(ready.wait(), 'x');
+        }
+        pid_t victim = victim_of([&] {
+            int fd = nisopen(file.c_str(), ISO_RDWR);
+            if (fd < 0) return 40;
+            kt::Faults f;
+            f.arm(kt::Faults::kWrite, 2, kt::Faults::kKill);
+            put(fd, id, 'c');
+            return 41;  // not killed
+        });
+        EXPECT_EQ(kt::wait_child(victim), 128 + SIGKILL);
+        if (survivor_attached) {
+            killed.signal();
+            EXPECT_EQ(kt::wait_child(survivor), 0);
+        } else {
+            EXPECT_EQ(kt::wait_child(survivor_of(check)), 0);
+        }
+        EXPECT_TRUE(same_file(slurp(file), before));
+        kisam::check::Report r = kisam::check::check_file(file);
+        EXPECT_TRUE(r.ok) << r.error;
+    }
+    // The last member to leave was neither the segment's creator nor its owner: the
+    // kernel let it stay, unattached, for the next to reuse.
+    ds = segment_stat(key);
+    EXPECT_EQ(ds.shm_nattch, 0u);
+}
+
+}  // namespace
