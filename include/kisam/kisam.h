@@ -137,7 +137,10 @@ extern "C" {
  * and again for about a second, it returns -1 with this code and this process then
  * holds the file's control lock no more, also where it had taken it with nisgetctl
  * (a later nisrelctl is harmless).  It has no text of its own: reports use the
- * "isam error #31" form followed by the system error. */
+ * "isam error #31" form followed by the system error.  Wherever a call may fail with
+ * ISE_DEADLOCK, it may also fail, in the same way and holding nothing new, with
+ * KISAM_ISE_LOCKFAIL (the lock call itself failed) and, when the program asked for it
+ * with kisam_set_wait_hook, KISAM_ISE_INTERRUPTED (see Waiting for locks below). */
 #define ISE_DEADLOCK      31
 
 /* ---- open access flags (nisopen's access argument) ----
@@ -557,6 +560,65 @@ int kisam_config_write(const char *path, const struct kisam_settings *settings, 
  * a value of 0x00 bytes before nisread, or of 0xFF bytes before nispread, does the same
  * for one direction.)  Returns 0, or -1 with ISE_BADFD or ISE_BADKN. */
 int kisam_rewind(int isfd, int keyno);
+
+/* ---- Waiting for locks ----
+ * A call that finds a lock held by another process sleeps in the kernel until the
+ * holder lets go (or dies).  A program can learn whom it waits for, and can give a wait
+ * up when a signal comes, through a wait hook.  Nothing of this costs a lock that is
+ * free anything: the hook is consulted only once a lock is found held.
+ *
+ * Error codes of our own, beyond the documented ones (niserrmsg prints their texts): */
+#define KISAM_ISE_INTERRUPTED 32  /* a wait for a lock was given up because a signal came
+                                     (the wait hook said so); nothing was changed and
+                                     nothing is held that was not held before the call */
+#define KISAM_ISE_LOCKFAIL    33  /* a lock call on the lock file failed (errno ENOLCK: the
+                                     kernel's lock table is full; EIO, ...); the call was
+                                     refused with nothing changed, as above */
+
+/* What a wait is for (kisam_wait.what). */
+#define KISAM_WAIT_CONTROL 1  /* the control lock of a file (kisam_wait.file) */
+#define KISAM_WAIT_RECORD  2  /* a record lock of a file (nislock) */
+#define KISAM_WAIT_OPEN    3  /* the lock over opening, creating and closing files */
+#define KISAM_WAIT_HEAP    4  /* the shared heap; held only for moments */
+#define KISAM_WAIT_BUFFERS 5  /* the buffer pool's lists; held only for moments */
+
+/* The events a wait hook is called with (kisam_wait.event). */
+#define KISAM_WAIT_BEGIN  1  /* the lock is held by process `holder`: the call sleeps now */
+#define KISAM_WAIT_SIGNAL 2  /* a signal interrupted the sleep: a nonzero answer gives
+                                the wait up when can_give_up is 1; 0 sleeps on */
+#define KISAM_WAIT_END    3  /* the wait is over: given_up 0 the lock was taken, 1 the
+                                wait was given up or failed */
+
+/* kisam_set_wait_hook flag: a signal that interrupts a wait that can be given up gives
+ * it up, whatever the hook answers (and also with no hook). */
+#define KISAM_WAIT_GIVE_UP 1
+
+/* One report to a wait hook.  The pointers are valid during the call only. */
+struct kisam_wait {
+    int         event;        /* KISAM_WAIT_BEGIN, KISAM_WAIT_SIGNAL or KISAM_WAIT_END */
+    int         what;         /* KISAM_WAIT_CONTROL, ..._RECORD, ..._OPEN, ..._HEAP, ..._BUFFERS */
+    int         holder;       /* process id of the holder when the wait began */
+    int         can_give_up;  /* 1 when a nonzero answer to KISAM_WAIT_SIGNAL ends the wait */
+    const char *file;         /* the file whose lock it is, as this process opened it; null
+                                 for the locks that are not a file's */
+    double      seconds;      /* how long the wait has lasted (0 at KISAM_WAIT_BEGIN) */
+    int         given_up;     /* at KISAM_WAIT_END: 1 the wait did not get the lock */
+};
+/* A wait hook: called by the thread that waits, inside a library call; it must not call
+ * the library. */
+typedef int (*kisam_wait_fn)(const struct kisam_wait *w, void *arg);
+
+/* Sets this process's wait hook fn (null: none) with arg, and flags (0 or
+ * KISAM_WAIT_GIVE_UP); returns 0.  With no hook and no flag a signal never ends a wait.
+ * A signal interrupts a wait only when its handler was installed without SA_RESTART.
+ * A wait that is given up makes its call fail with KISAM_ISE_INTERRUPTED (errno EINTR),
+ * with nothing changed and nothing held that was not held before the call.  Waits that
+ * a call cannot give up cleanly (the heap's and the buffer pool's, held for moments; a
+ * record-lock wait's taking back of the control lock) report KISAM_WAIT_SIGNAL with
+ * can_give_up 0 and sleep on.  To say after a second whom it waits for, a program arms
+ * a timer at KISAM_WAIT_BEGIN (alarm(1) with a SIGALRM handler without SA_RESTART) and
+ * reports at the KISAM_WAIT_SIGNAL that the timer causes. */
+int kisam_set_wait_hook(kisam_wait_fn fn, void *arg, int flags);
 
 #ifdef __cplusplus
 }

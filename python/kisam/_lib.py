@@ -13,6 +13,13 @@ and no ``attach()`` hold remains, so that a program leaves no shared segment of 
 behind.  ``state.users`` counts the open files and the holds.  Every detach starts a
 new ``state.generation``: a handle of an earlier generation is gone.
 
+Signals.  A call that waits for a lock another process holds sleeps in the kernel.
+Python runs its signal handlers only between bytecodes, so at load the package asks the
+library to give such a wait up when a signal interrupts it (``kisam_set_wait_hook`` with
+``KISAM_WAIT_GIVE_UP``; Python installs its handlers without SA_RESTART).  The call then
+fails with nothing changed; ``raw`` runs the pending handlers at once -- Ctrl-C raises
+KeyboardInterrupt there -- and makes the call again when they raise nothing.
+
 Fork.  A child created by fork inherits the attachment but is a process of its own to
 the library: before its first call it registers with ``is_chinit`` (lazily, so a child
 that never uses the package claims nothing), and it detaches when it ends.
@@ -86,7 +93,11 @@ _PROTOTYPES = {
     "ZTPutEnv": (None, [c_char_p, c_char_p]),
     "ZTKISAMGetComAddr": (c_void_p, []),
     "kisam_area_bytes": (ctypes.c_long, [c_int, c_int, c_int]),
+    "kisam_set_wait_hook": (c_int, [c_void_p, c_void_p, c_int]),
 }
+
+KISAM_ISE_INTERRUPTED = 32   # a wait for a lock given up at a signal; nothing changed
+KISAM_WAIT_GIVE_UP = 1
 
 
 class _Etrace(ctypes.Structure):
@@ -113,6 +124,8 @@ class Library:
             self.is_estk = (_Etrace * STACK_SIZE).in_dll(self.dll, "is_estk")
         except (AttributeError, ValueError) as e:
             raise LibraryError("%s is not libkisam: %s" % (path, e)) from None
+        # Waits for locks end at a signal, so that its handler runs (see Signals above).
+        self.kisam_set_wait_hook(None, None, KISAM_WAIT_GIVE_UP)
 
 
 class _State:
@@ -257,12 +270,26 @@ def raw(name: str, *args: Any) -> Tuple[Any, Optional[KisamError]]:
     library reports without a code comes back with ``code`` None."""
     with LOCK:
         L = _ready()
-        L.is_etop.value = None
-        L.is_errno.value = 0
-        rc = getattr(L, name)(*args)
-        if rc is not None and rc < 0:
-            return rc, capture_error(L, ctypes.get_errno())
-        return rc, None
+        fn = getattr(L, name)
+        while True:
+            L.is_etop.value = None
+            L.is_errno.value = 0
+            rc = fn(*args)
+            if rc is not None and rc < 0:
+                if L.is_errno.value == KISAM_ISE_INTERRUPTED and L.is_etop.value:
+                    # A signal ended a wait for a lock; the call changed nothing.  Its
+                    # handler runs now (KeyboardInterrupt raises from here); a handler
+                    # that raises nothing lets the call be made again.
+                    _check_signals()
+                    continue
+                return rc, capture_error(L, ctypes.get_errno())
+            return rc, None
+
+
+def _check_signals():
+    """Runs the Python handlers of the signals that arrived; raises what they raise.
+    (Outside the main thread it does nothing: the handlers run in the main thread.)"""
+    ctypes.pythonapi.PyErr_CheckSignals()
 
 
 def call(name: str, *args: Any) -> Any:
@@ -299,7 +326,7 @@ def _ready() -> Library:
     while state.pending:
         gen, fd = state.pending.pop()
         if gen == state.generation and state.pid is not None:
-            L.nisclose(fd)
+            _close_fd(L, fd)
             _release_locked(L)
     return L
 
@@ -377,8 +404,18 @@ def close_handle(fd: int, generation: int) -> None:
         L = _ready()
         if generation != state.generation or state.pid is None:
             return
-        L.nisclose(fd)
+        _close_fd(L, fd)
         _release_locked(L)
+
+
+def _close_fd(L, fd):
+    # A close is never given up: a signal that ends its wait for a lock makes it again
+    # (the handler runs once the package returns to Python code).
+    while True:
+        L.is_etop.value = None
+        L.is_errno.value = 0
+        if L.nisclose(fd) >= 0 or L.is_errno.value != KISAM_ISE_INTERRUPTED or not L.is_etop.value:
+            return
 
 
 def collect(fd: int, generation: int) -> None:

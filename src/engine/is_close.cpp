@@ -19,6 +19,7 @@
 #include "os.h"
 #include "v_pool.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <sys/shm.h>
 
@@ -68,7 +69,7 @@ KISAM_API int nisclose(int isfd) {
     // first, so that a last close really is the last.
     if (is_curpfi->pfi_refcnt == 1) is_reap_holders(is_curdb->uniqueid);
     if (is_lock(&isam_com->opcl_lock) != 0) {
-        is_raise(ISE_DEADLOCK, PROC(P_ISCLOSE, 1));
+        is_raise(is_lock_code(errno), PROC(P_ISCLOSE, 1));
         is_isout();
         return -1;
     }

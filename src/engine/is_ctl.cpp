@@ -7,7 +7,8 @@
 // rollback still pending on the file is settled by every taker before anything else.
 //
 // Detail of procedure isgetctl (0x36) raised or pushed here besides the documented ones:
-//   1  ISE_DEADLOCK: the wait for the word was refused
+//   1  the word could not be taken: ISE_DEADLOCK (a cycle of waits), KISAM_ISE_LOCKFAIL
+//      (the lock call failed) or KISAM_ISE_INTERRUPTED (the wait was given up)
 //   2  a pending rollback could not be completed (pushed over the I/O error); nothing
 //      is held afterwards
 #include "is_error.h"
@@ -17,15 +18,18 @@
 #include "jn.h"
 #include "v_pool.h"
 
+#include <cerrno>
+
 int is_getctl(void) noexcept {
     IS_PFI* pfi = is_curpfi;
     IS_FCP* fcp = is_curfcp;
     if (++pfi->pfi_ctlcnt != 1) return 0;
     if (is_lock(&fcp->jd_fcplock) != 0) {
-        // The kernel refused the wait: it would close a cycle with a process that waits
-        // for something this process holds.  Give the hold back untouched.
+        // The kernel refused the wait (it would close a cycle with a process that waits
+        // for something this process holds), the lock call failed, or the wait was given
+        // up for a signal.  Give the hold back untouched.
         pfi->pfi_ctlcnt = 0;
-        return is_raise(ISE_DEADLOCK, PROC(P_ISGETCTL, 1));
+        return is_raise(is_lock_code(errno), PROC(P_ISGETCTL, 1));
     }
     if (is_lock_stale == 1) {
         // The previous holder died inside its hold: the pages it had fixed are still

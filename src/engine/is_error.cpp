@@ -117,12 +117,22 @@ inline is_etrace entry_of(int proccode) {
     return e;
 }
 
+// The texts of our own codes, beyond the table's (the Extensions section of kisam.h).
+const char* ext_msg(int code) {
+    switch (code) {
+        case KISAM_ISE_INTERRUPTED: return "KISAM_ISE_INTERRUPTED wait for a lock given up at a signal";
+        case KISAM_ISE_LOCKFAIL: return "KISAM_ISE_LOCKFAIL lock call on the lock file failed";
+        default: return nullptr;
+    }
+}
+
 // Message of the first stack entry, in both report forms.
 int format_head(char* buf, size_t size) {
     const char* p = KIprocname(is_estk[0].is_eproc);
     int d = is_estk[0].is_euid;
     if (is_errno >= 1 && is_errno <= 30)
         return std::snprintf(buf, size, "%s in proc. %s - %d", kisam::msg_tbl[is_errno], p, d);
+    if (const char* m = ext_msg(is_errno)) return std::snprintf(buf, size, "%s in proc. %s - %d", m, p, d);
     return std::snprintf(buf, size, "isam error #%d in proc. %s - %d", is_errno, p, d);
 }
 
@@ -160,6 +170,8 @@ KISAM_API void niserrmsg(void) {
     int d = is_estk[0].is_euid;
     if (is_errno >= 1 && is_errno <= 30)
         VError("%s in proc. %s - %d\r\n", kisam::msg_tbl[is_errno], p, d);
+    else if (const char* m = ext_msg(is_errno))
+        VError("%s in proc. %s - %d\r\n", m, p, d);
     else
         VError("isam error #%d in proc. %s - %d\r\n", is_errno, p, d);
     for (const is_etrace* e = &is_estk[1]; e < is_etop; ++e)

@@ -105,7 +105,10 @@ void freencom(char* ap, unsigned int nbytes) noexcept {
     Cheader* b = reinterpret_cast<Cheader*>(ap);
     b->Csize = (static_cast<uint64_t>(nbytes) + kUnit - 1) / kUnit;
     const RELt b_off = kisam::rel_of(ap);
-    if (is_lock(free_lock()) != 0) return;  // cannot happen: the heap's holder waits for nothing
+    // The heap's holder waits for nothing, so only a failing lock call refuses this: the
+    // block is then left out of the free list (its space is lost until the area goes),
+    // which harms nothing else.
+    if (is_lock(free_lock()) != 0) return;
 
     // Find p such that b lies between p and its successor, or beyond the wrap point.
     // A walk longer than the heap has units means a corrupt list: leave the block out

@@ -306,8 +306,9 @@ extern "C" KISAM_API int is_chinit(void) {
     if (is_pfi)
         for (int i = 0; i < maxopen; ++i) is_pfi[i].pfi_ctlcnt = 0;
     if (is_lock(&isam_com->opcl_lock) != 0) {
+        const int code = is_lock_code(errno);
         is_env.pid_[is_env.useridx] = 0;
-        return is_raise(ISE_DEADLOCK, PROC(P_IS_INIT, 12));
+        return is_raise(code, PROC(P_IS_INIT, 12));
     }
     for (int i = 0; is_pfi && i < maxopen; ++i) {
         if (is_pfi[i].pfi_osfd < 0) continue;

@@ -7,32 +7,50 @@
 //
 // Lock order: opcl_lock, then a file's control lock, then free_lock or buf_lock.
 //
-// A waiting request that the kernel refuses with EDEADLK (a cycle of waits between
-// processes) does not abort: the waiting call returns -1, the word is left as it was,
-// and the operation that waited fails with ISE_DEADLOCK, holding nothing it did not hold
-// before -- except a record-lock wait whose control lock cannot be taken back (is_fwait
-// -2), after which the caller holds that control lock no more.  Every other failure of
-// the lock file aborts the process with a message.
+// A request to take a range that fails does not abort: the kernel refusing a wait that
+// would close a cycle of waits (EDEADLK), a lock call that fails (ENOLCK when the
+// kernel's lock table is full, EIO, ...), or a wait given up because a signal came (see
+// kisam_set_wait_hook; errno EINTR).  The taking call returns -1 with errno saying why,
+// the word is left as it was, and the operation fails with is_lock_code()'s code,
+// holding nothing it did not hold before -- except a record-lock wait whose control lock
+// cannot be taken back (is_fwait -2), after which the caller holds that control lock no
+// more.  A failed release of a held range aborts the process with a message: the range
+// would stay held with no way to give it up.
+//
+// Taking a range costs one non-waiting request when it is free; only when it is held
+// elsewhere does the process sleep in a waiting request (and, with a wait hook set,
+// learn the holder first).
 #pragma once
 
 #include "layout.h"
 
 int is_lockitnw(unsigned long ofst) noexcept;  // 0, or -1 when another process holds it
 int is_lockitw(unsigned long ofst) noexcept;   // 0, or -1 (errno set; need entry left set)
+// The ISE_* code for a take that failed with errno err: ISE_DEADLOCK for EDEADLK,
+// KISAM_ISE_INTERRUPTED for a wait given up (EINTR), KISAM_ISE_LOCKFAIL otherwise.
+int is_lock_code(int err) noexcept;
+// Writes fmt (with errno) to standard output and standard error and aborts: for a lock
+// call whose failure leaves no safe way on.
+[[noreturn]] void is_lock_abort(const char* fmt) noexcept;
 int is_unlockit(unsigned long ofst) noexcept;  // 0 or -1
 
-// Acquire, waiting as needed.  0; -1 only for EDEADLK (nothing taken).  A word found
+// Acquire, waiting as needed.  0; -1 when the take failed (errno says why; nothing taken).
+// A wait for opcl_lock or a control lock may be given up when a signal comes (the wait
+// hook); waits for free_lock and buf_lock, held only for moments inside a call, are not.  A word found
 // holding the pid of a process that died while holding it (the word is non-zero and not
 // ours once the range is granted) is taken over, and is_lock_stale is set to 1 (else 0)
 // so that the caller can repair what the dead holder left.
 int is_lock(volatile unsigned* lockidp) noexcept;
+// is_lock that never gives its wait up for a signal (a lock the caller must have back).
+int is_lock_nogiveup(volatile unsigned* lockidp) noexcept;
 void is_unlock(unsigned* lockidp) noexcept;
 void is_incsyslocks(void) noexcept;
-// Wait until lockidp is released, giving up the current file's control lock meanwhile.
-// 0; -1 when the wait for lockidp was refused with EDEADLK (the control lock has been
-// retaken); -2 when retaking the control lock afterwards was refused with EDEADLK at
-// every one of 1 + kFwaitRetakeTries tries, kFwaitRetakePauseNs apart (about a second in
-// all): the control lock is then NOT held.  Nothing is raised; the caller reports.
+// Wait until lockidp (a record lock's range) is released, giving up the current file's
+// control lock meanwhile.  0; -1 when the wait for lockidp failed or was given up (the
+// control lock has been retaken; errno says why); -2 when retaking the control lock
+// afterwards failed at every one of 1 + kFwaitRetakeTries tries, kFwaitRetakePauseNs
+// apart (about a second in all): the control lock is then NOT held (errno from the last
+// try).  Nothing is raised; the caller reports.
 int is_fwait(volatile unsigned* lockidp) noexcept;
 inline constexpr int kFwaitRetakeTries = 1000;
 inline constexpr long kFwaitRetakePauseNs = 1000000;

@@ -326,7 +326,7 @@ KISAM_API int niscreate(const char* filename, int nkeys, const int* key_lens) {
 
     // Refuse to truncate a file that some process has open.  Nothing holds the table
     // between this check and the creat below, so between processes it is advisory.
-    if (is_lock(&isam_com->opcl_lock) != 0) return fail(ISE_DEADLOCK, 9);
+    if (is_lock(&isam_com->opcl_lock) != 0) return fail(is_lock_code(errno), 9);
     file_info fi;
     const int saved_errno = errno;  // a file that does not exist yet is no failure
     if (osstat(filename, &fi) != 0) {
@@ -339,7 +339,7 @@ KISAM_API int niscreate(const char* filename, int nkeys, const int* key_lens) {
                 // Processes that died with the file open do not keep it open: clean them
                 // up, and look again.
                 if (is_reap_holders(u) == 0) return fail(ISE_CREATEISOPEN, 1);
-                if (is_lock(&isam_com->opcl_lock) != 0) return fail(ISE_DEADLOCK, 9);
+                if (is_lock(&isam_com->opcl_lock) != 0) return fail(is_lock_code(errno), 9);
                 f = kisam::pfo_fcp(u);
                 if (f && same_file(f, fi)) {
                     is_unlock(&isam_com->opcl_lock);
@@ -413,7 +413,7 @@ KISAM_API int nisopen(const char* filename, int access) {
     }
     if (n_ufiles >= isam_com->maxufile) return open_fail(ISE_TMFILES, 13);
 
-    if (is_lock(&isam_com->opcl_lock) != 0) return open_fail(ISE_DEADLOCK, 16);
+    if (is_lock(&isam_com->opcl_lock) != 0) return open_fail(is_lock_code(errno), 16);
     is_curfcp = nullptr;
     auto fail = [](int code, int detail) noexcept {
         is_unlock(&isam_com->opcl_lock);

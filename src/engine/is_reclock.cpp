@@ -7,13 +7,16 @@
 // Details of procedure islock (0x37) raised here:
 //   2  ISE_INVKL: a negative or too large key length, or a null key with a positive
 //      length;
-//   3  ISE_DEADLOCK: the wait for a conflicting lock was refused (the kernel saw a cycle
-//      of waits); no lock was added and the control lock is held as before the call;
-//   4  ISE_DEADLOCK: after the wait, taking the file's control lock back was refused
-//      again and again for about a second (see is_fwait): no lock was added, and this
-//      process no longer holds the file's control lock, nor any hold on it that the
-//      application had taken with nisgetctl (a later nisrelctl is harmless);
-//   5  ISE_DEADLOCK: the range of the new lock could not be taken; no lock was added.
+//   3  the wait for a conflicting lock failed: ISE_DEADLOCK (the kernel saw a cycle of
+//      waits), KISAM_ISE_INTERRUPTED (given up at a signal) or KISAM_ISE_LOCKFAIL (the
+//      lock call failed); no lock was added and the control lock is held as before the
+//      call;
+//   4  ISE_DEADLOCK or KISAM_ISE_LOCKFAIL: after the wait, taking the file's control lock
+//      back failed again and again for about a second (see is_fwait): no lock was added,
+//      and this process no longer holds the file's control lock, nor any hold on it that
+//      the application had taken with nisgetctl (a later nisrelctl is harmless);
+//   5  ISE_DEADLOCK or KISAM_ISE_LOCKFAIL: the range of the new lock could not be taken;
+//      no lock was added.
 // A conflict under rtnopt > 0 and an exhausted heap return -1 with no code.
 #include "is_error.h"
 #include "is_file.h"
@@ -24,6 +27,7 @@
 #include "v_pool.h"
 
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 
 namespace {
@@ -149,18 +153,19 @@ rescan:
             jn_note_stale(fcp, is_lock_stale_pid);
             v_stale_fcplock(fcp);
         }
+        const int code = w != 0 ? is_lock_code(errno) : 0;
         if (w == -2) {
             // The control lock stays with the others: the count drops outside it, as one
             // atomic step, and every hold of this process on the file is gone.
             std::atomic_ref<int16_t>(e->rc_waitcount).fetch_sub(1);
             is_curpfi->pfi_ctlcnt = 0;
-            is_raise(ISE_DEADLOCK, PROC(P_ISLOCK, 4));
+            is_raise(code, PROC(P_ISLOCK, 4));
             is_isout();
             return -1;
         }
         --e->rc_waitcount;
         if (w != 0) {
-            is_raise(ISE_DEADLOCK, PROC(P_ISLOCK, 3));
+            is_raise(code, PROC(P_ISLOCK, 3));
             return leave(-1);
         }
         goto rescan;
@@ -177,9 +182,10 @@ rescan:
     e->rc_next = fcp->jd_lock_hd;
     fcp->jd_lock_hd = kisam::rel_of(e);
     if (is_lockitw(kisam::com_offset(range_of(e))) != 0) {
+        const int code = is_lock_code(errno);
         fcp->jd_lock_hd = e->rc_next;
         freencom(reinterpret_cast<char*>(e), static_cast<unsigned>(keylen) + 16u);
-        is_raise(ISE_DEADLOCK, PROC(P_ISLOCK, 5));
+        is_raise(code, PROC(P_ISLOCK, 5));
         return leave(-1);
     }
 

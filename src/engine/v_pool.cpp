@@ -707,7 +707,7 @@ int steal_victim(bool hb, bool* took) noexcept {
 int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb) noexcept {
     struct isam_com* com = isam_com;
     for (;;) {
-        if (lock_bufs() != 0) return is_raise(ISE_DEADLOCK, PROC(P_V_READ, 6));
+        if (lock_bufs() != 0) return is_raise(is_lock_code(errno), PROC(P_V_READ, 6));
         int S = com->buf_free;
         if (S != -1) {
             if (!valid_slot(S)) {
@@ -984,7 +984,12 @@ void chain_to_free_list(IS_FCP* fcp, int u) noexcept {
         last = s;
     }
     struct isam_com* com = isam_com;
-    while (lock_bufs() != 0) ZTSleepMS(1);
+    // The chain must reach the free list: a cycle of waits may clear, a lock call that
+    // fails leaves no way on.
+    while (lock_bufs() != 0) {
+        if (errno != EDEADLK) is_lock_abort("is lockitw fail - errno = %d\n");
+        ZTSleepMS(1);
+    }
     fcp->jd_buf_hd = -1;
     if (last >= 0) {
         slot(last)->bu_next = com->buf_free;

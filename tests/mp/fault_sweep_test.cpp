@@ -4,11 +4,13 @@
 // fails -- once, or from then on (a disk that stays full) -- for every n.  Every call
 // either succeeds or fails with an error code; once the fault is gone, the file holds
 // exactly what the calls that succeeded made of it, and the structural checker finds it
-// sound.  Lock calls that fail end the process with the lock layer's message; the calls
-// it completed before are all there for the next process.
+// sound.  A lock call that fails refuses its call with a code like any other failure,
+// except the release of a held range, which ends the process with the lock layer's
+// message; the calls it completed before are all there for the next process.
 #include "../engine/open_fixture.h"
 
 #include "kcheck.h"
+#include "os.h"
 
 #include <signal.h>
 #include <sys/wait.h>
@@ -49,9 +51,10 @@ std::vector<Step> workload() {
 }
 
 // Runs the workload on fd, keeping `model` to what the calls that succeeded did.  A
-// failing call must carry an error code.
-void run(int fd, const std::vector<Step>& w, std::map<int, std::string>& model, bool* coded) {
+// failing call must carry an error code.  Returns whether the last call succeeded.
+bool run(int fd, const std::vector<Step>& w, std::map<int, std::string>& model, bool* coded) {
     char buf[4000];
+    bool ok = true;
     for (const Step& s : w) {
         const std::string r = record(s.id, s.gen, s.size);
         const bool had = model.count(s.id) != 0;
@@ -74,7 +77,27 @@ void run(int fd, const std::vector<Step>& w, std::map<int, std::string>& model, 
             std::printf("step %c %d: ISE_NOKEY for a record that is there\n", s.op, s.id);
             *coded = false;
         }
+        ok = rc >= 0;
     }
+    return ok;
+}
+
+// The lock sweep's view of the injected failures: whether a failed request was a take
+// or a release, told on standard error (once each) so that the parent can match it with
+// how the child ended.
+int (*armed_fcntl)(int, int, struct flock*) = nullptr;
+bool told[2] = {false, false};
+int telling_fcntl(int fd, int cmd, struct flock* fl) {
+    const short type = fl->l_type;
+    const int calls = Faults::calls(Faults::kLock);
+    int r = armed_fcntl(fd, cmd, fl);
+    // An injected failure is a call that failed once the armed one has been reached.
+    if (r != 0 && Faults::hit() && (errno == EIO || errno == ENOLCK) && Faults::calls(Faults::kLock) > calls) {
+        const int k = type == F_UNLCK ? 1 : 0;
+        if (!told[k]) std::fprintf(stderr, "[injected into a %s]\n", k ? "release" : "take");
+        told[k] = true;
+    }
+    return r;
 }
 
 class Sweep : public Env {
@@ -197,84 +220,101 @@ TEST_F(Sweep, JournalReservations) {
     sweep(Faults::kAlloc, "journal reservations");
 }
 
-// A failing lock call ends the process with the lock layer's message on standard error
-// (or, where the failure is an answer -- a range found busy -- the call goes on); the
-// calls it completed are there for the next process, and the segment is not left behind.
+// A failing lock call refuses its call with a code (ISE_DEADLOCK, KISAM_ISE_LOCKFAIL),
+// having changed nothing; only a failing release of a held range ends the process, with
+// the lock layer's message on standard error.  Either way the calls that completed are
+// there for the next process, and the segment is not left behind.
 TEST_F(Sweep, LockCalls) {
     start();
     const std::string f = path("s");
     const std::vector<Step> w = workload();
     const int total = calls_of(f, w, Faults::kLock, false);
-    int aborted = 0;
-    for (int n = 1; n <= total; n += 2) {
-        SCOPED_TRACE("lock call " + std::to_string(n) + " of " + std::to_string(total));
-        {
-            int fd = fresh(f);
-            nisclose(fd);
-            nisunisam();
-        }
-        // The child logs each call it completed; the parent replays the log.
-        const std::string log = path("acked");
-        ::unlink(log.c_str());
-        std::string err;
-        int st = 0;
-        err = kt::capture_output(2, [&] {
-            st = kt::run_child([&] {
-                int fd = nisopen(f.c_str(), ISO_RDWR);
-                if (fd < 0) return 3;
-                FILE* lg = std::fopen(log.c_str(), "w");
-                std::map<int, std::string> model;
-                bool coded = true;
-                Faults fail;
-                fail.arm(Faults::kLock, n, Faults::kOnce);
-                for (size_t i = 0; i < w.size(); ++i) {
-                    std::vector<Step> one{w[i]};
-                    run(fd, one, model, &coded);
-                    std::fprintf(lg, "%zu\n", i);
-                    std::fflush(lg);
-                }
-                fail.disarm();
+    int aborted = 0, refused = 0;
+    for (Faults::Mode mode : {Faults::kOnce, Faults::kFromThenOn}) {
+        for (int n = 1; n <= total; n += mode == Faults::kOnce ? 1 : 3) {
+            SCOPED_TRACE("lock call " + std::to_string(n) + " of " + std::to_string(total) +
+                         (mode == Faults::kOnce ? " failing once" : " failing from then on"));
+            {
+                int fd = fresh(f);
                 nisclose(fd);
                 nisunisam();
-                return coded ? 0 : 4;
+            }
+            // The child logs each call it completed and whether it succeeded; the parent
+            // replays the ones that did.
+            const std::string log = path("acked");
+            ::unlink(log.c_str());
+            std::string err;
+            int st = 0;
+            err = kt::capture_output(2, [&] {
+                st = kt::run_child([&] {
+                    int fd = nisopen(f.c_str(), ISO_RDWR);
+                    if (fd < 0) return 3;
+                    FILE* lg = std::fopen(log.c_str(), "w");
+                    std::map<int, std::string> model;
+                    bool coded = true;
+                    Faults fail;
+                    fail.arm(Faults::kLock, n, mode, mode == Faults::kOnce ? EIO : ENOLCK);
+                    armed_fcntl = kisam::os.fcntl_lock;
+                    kisam::os.fcntl_lock = telling_fcntl;
+                    for (size_t i = 0; i < w.size(); ++i) {
+                        std::vector<Step> one{w[i]};
+                        const bool ok = run(fd, one, model, &coded);
+                        std::fprintf(lg, "%zu %d\n", i, ok ? 1 : 0);
+                        std::fflush(lg);
+                    }
+                    fail.disarm();
+                    nisclose(fd);
+                    nisunisam();
+                    return coded ? 0 : 4;
+                });
             });
-        });
-        if (st == 128 + SIGABRT) {
-            ++aborted;
-            EXPECT_NE(err.find("fail - errno = "), std::string::npos) << "no message: " << err;
-        } else {
-            ASSERT_EQ(st, 0) << err;
+            const bool into_release = err.find("[injected into a release]") != std::string::npos;
+            if (st == 128 + SIGABRT) {
+                ++aborted;
+                EXPECT_TRUE(into_release) << "a failed take ended the process: " << err;
+                EXPECT_NE(err.find("is unlockit fail - errno = "), std::string::npos) << "no message: " << err;
+            } else {
+                ASSERT_EQ(st, 0) << "a call failed without a code, or the child failed: " << err;
+                EXPECT_FALSE(into_release) << "a failed release did not end the process";
+                refused += err.find("[injected into a take]") != std::string::npos;
+            }
+            // What the acknowledged calls made; the one cut short is whole or absent.
+            std::vector<Step> done;
+            size_t acked = 0;
+            if (FILE* lg = std::fopen(log.c_str(), "r")) {
+                size_t i;
+                int ok;
+                while (std::fscanf(lg, "%zu %d", &i, &ok) == 2) {
+                    if (ok) done.push_back(w[i]);
+                    acked = i + 1;
+                }
+                std::fclose(lg);
+            }
+            // Replay in this process on a copy, to learn what the calls did.
+            std::map<int, std::string> model;
+            bool coded = true;
+            const std::string copy = path("replay");
+            ::unlink(copy.c_str());
+            int fd = niscreate(copy.c_str(), 3, const_cast<int*>(kLens));
+            ASSERT_GE(fd, 0);
+            run(fd, done, model, &coded);
+            std::map<int, std::string> with_next = model;
+            if (acked < w.size()) {
+                std::vector<Step> next{w[acked]};
+                run(fd, next, with_next, &coded);
+            }
+            nisclose(fd);
+            nisunisam();
+            ::testing::AssertionResult a = matches(f, model);
+            if (!a) {
+                EXPECT_TRUE(matches(f, with_next)) << a.message();
+            }
+            ASSERT_LT(::shmget(inst_->key(), 0, 0), 0) << "a segment was left behind";
         }
-        // What the acknowledged calls made; the one cut short is whole or absent.
-        std::map<int, std::string> model;
-        bool coded = true;
-        size_t acked = 0;
-        if (FILE* lg = std::fopen(log.c_str(), "r")) {
-            size_t i;
-            while (std::fscanf(lg, "%zu", &i) == 1) acked = i + 1;
-            std::fclose(lg);
-        }
-        // Replay in this process on a copy, to learn what the calls did.
-        const std::string copy = path("replay");
-        ::unlink(copy.c_str());
-        int fd = niscreate(copy.c_str(), 3, const_cast<int*>(kLens));
-        ASSERT_GE(fd, 0);
-        std::vector<Step> done(w.begin(), w.begin() + static_cast<long>(acked));
-        run(fd, done, model, &coded);
-        std::map<int, std::string> with_next = model;
-        if (acked < w.size()) {
-            std::vector<Step> next{w[acked]};
-            run(fd, next, with_next, &coded);
-        }
-        nisclose(fd);
-        nisunisam();
-        ::testing::AssertionResult a = matches(f, model);
-        if (!a) {
-            EXPECT_TRUE(matches(f, with_next)) << a.message();
-        }
-        ASSERT_LT(::shmget(inst_->key(), 0, 0), 0) << "a segment was left behind";
     }
-    std::printf("[ sweep    ] lock calls: %d points, %d ended the process\n", (total + 1) / 2, aborted);
+    EXPECT_GT(refused, 0);
+    std::printf("[ sweep    ] lock calls: %d points, once and from then on: %d takes refused their call, "
+                "%d failed releases ended the process\n", total, refused, aborted);
 }
 
 }  // namespace

@@ -370,13 +370,79 @@ void catch_interrupts() {
     std::memset(&sa, 0, sizeof sa);
     sa.sa_handler = on_signal;
     sigemptyset(&sa.sa_mask);
-    // No SA_RESTART: a blocking read of the input returns so that the loop sees the flag.
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
-    sigaction(SIGHUP, &sa, nullptr);
+    // No SA_RESTART: a blocking read of the input, or a wait for a lock, returns so that
+    // the loop sees the flag.  A signal ignored when the tool started ('nohup', a shell
+    // running it in the background without job control) stays ignored.
+    for (int sig : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction old;
+        if (sigaction(sig, nullptr, &old) == 0 && old.sa_handler == SIG_IGN) continue;
+        sigaction(sig, &sa, nullptr);
+    }
     // A closed output pipe ('kisam scan FILE | head') must end the command through its
     // normal path, which detaches, not through the signal.
     ::signal(SIGPIPE, SIG_IGN);
+}
+
+// ---- waiting for locks ------------------------------------------------------------------------
+
+static volatile sig_atomic_t g_alarm = 0;
+static std::string g_wait_cmd;
+static bool g_wait_told = false;
+
+static void on_alarm(int) { g_alarm = 1; }
+
+static const char* held_what(int what) {
+    switch (what) {
+    case KISAM_WAIT_CONTROL: return "the control lock of ";
+    case KISAM_WAIT_RECORD: return "a record lock of ";
+    case KISAM_WAIT_OPEN: return "the lock over opening and closing files";
+    case KISAM_WAIT_HEAP: return "the shared heap's lock";
+    case KISAM_WAIT_BUFFERS: return "the buffer pool's lock";
+    default: return "a lock";
+    }
+}
+
+// The timer rings every second of a wait: the first ring says whom we wait for, and
+// every ring also catches an interrupt that came just before the wait began (when it
+// could not interrupt it).
+static int on_wait(const struct kisam_wait* w, void*) {
+    switch (w->event) {
+    case KISAM_WAIT_BEGIN:
+        g_alarm = 0;
+        g_wait_told = false;
+        ::alarm(1);
+        return 0;
+    case KISAM_WAIT_SIGNAL:
+        if (g_alarm) {
+            g_alarm = 0;
+            if (!g_wait_told && !g_interrupted) {
+                g_wait_told = true;
+                progress_clear();
+                std::string what = held_what(w->what);
+                if (w->what == KISAM_WAIT_CONTROL || w->what == KISAM_WAIT_RECORD)
+                    what += w->file ? w->file : "the file";
+                std::fprintf(stderr, "kisam %s: waiting for process %d (holds %s)\n", g_wait_cmd.c_str(), w->holder,
+                             what.c_str());
+                std::fflush(stderr);
+            }
+            ::alarm(1);
+        }
+        return g_interrupted ? 1 : 0;
+    default:
+        ::alarm(0);
+        g_alarm = 0;
+        return 0;
+    }
+}
+
+void watch_lock_waits(const std::string& cmd) {
+    g_wait_cmd = cmd;
+    struct sigaction sa;
+    std::memset(&sa, 0, sizeof sa);
+    sa.sa_handler = on_alarm;
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGALRM, &sa, nullptr);  // no SA_RESTART: the ring must end the kernel's wait
+    kisam_set_wait_hook(on_wait, nullptr, 0);
 }
 
 }  // namespace kisam_tool

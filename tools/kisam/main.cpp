@@ -310,7 +310,11 @@ int run(int argc, char** argv) {
         std::fprintf(stderr, "kisam: unknown command \"%s\"\nTry 'kisam help'.\n", cmd.c_str());
         return EXIT_USAGE;
     }
-    return it->second(std::move(words));
+    watch_lock_waits(cmd);
+    const int rc = it->second(std::move(words));
+    // A call that gave its wait up at an interrupt failed with nothing changed: the
+    // command stopped because of the interrupt.
+    return rc == EXIT_FAIL && g_interrupted ? EXIT_INTERRUPTED : rc;
 }
 
 }  // namespace kisam_tool

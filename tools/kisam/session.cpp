@@ -148,6 +148,8 @@ static std::string magic_of(const std::string& file) {
 int lib_error(const std::string& cmd, const std::string& what, const std::string& file) {
     int sys = errno;
     progress_clear();
+    // A wait for a lock given up at an interrupt: the call changed nothing.
+    if (is_etop && is_errno == KISAM_ISE_INTERRUPTED) return interrupted(cmd);
     char buf[1100];
     niserrmsgget(buf, sizeof buf);
     std::fprintf(stderr, "kisam %s: %s: %s\n", cmd.c_str(), what.c_str(), buf[0] ? buf : "failed");

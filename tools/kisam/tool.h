@@ -283,11 +283,18 @@ private:
     int errno_ = 0;
 };
 
-// Set by SIGINT/SIGTERM while a long subcommand runs; it then stops cleanly and detaches.
+// Set by SIGINT/SIGTERM/SIGHUP while a long subcommand runs; it then stops cleanly and
+// detaches.
 extern volatile int g_interrupted;
 // errno of the first failed write of the output, 0 when none.
 extern int g_write_errno;
+// Catches SIGINT, SIGTERM and SIGHUP (each one that was not ignored when the tool
+// started: 'nohup kisam load' goes on after a hangup) and sets g_interrupted.
 void catch_interrupts();
+// While a call of command cmd waits for a lock that another process holds: says after
+// a second whom it waits for, and gives the wait up at an interrupt (the call then fails
+// with KISAM_ISE_INTERRUPTED, nothing changed).
+void watch_lock_waits(const std::string& cmd);
 
 // ---- subcommands -------------------------------------------------------------------------------
 
