@@ -50,11 +50,35 @@ void alt_item(char* temp, const IS_KEY* ki, const char* value, const IS_KEY* k0,
     std::memcpy(temp + ki->k_offset, key0, static_cast<size_t>(k0->k_keylen));
 }
 
+// Takes out and puts in again the item of every alternate key whose value differs
+// between the old key fields at `po` (key 1 on) and the record's; the codes are pushed
+// when a take-out or a put-in fails.
+int reindex_changed(const char* record, const char* po, int out_code, int in_code) {
+    IS_FCP* fcp = is_curfcp;
+    IS_DB* db = is_curdb;
+    const IS_KEY* k0 = fcp_key(fcp, 0);
+    char* temp = db->temp;
+    const char* pn = record + k0->k_keylen;
+    for (int i = 1; i < fcp->is_nkeys; ++i) {
+        const IS_KEY* ki = fcp_key(fcp, i);
+        const size_t len = static_cast<size_t>(ki->k_keylen);
+        if (std::memcmp(po, pn, len) != 0) {
+            alt_item(temp, ki, po, k0, record);
+            db_cursor(db, i)->currpage = KISAM_NOPAGE;
+            if (bt_delete(i, ki->k_root, temp, KISAM_NOPAGE) != 0) return is_push(out_code);
+            alt_item(temp, ki, pn, k0, record);
+            if (bt_insert(i, fcp_key(fcp, i)->k_root, temp, 0, 0) < 0) return is_push(in_code);
+        }
+        po += len;
+        pn += len;
+    }
+    return 0;
+}
+
 // Replaces the alternate items of the record whose key 0 item now carries the new
 // address; `old` is the address of the record being replaced.
 int replace_alternates(const char* record, PAGE old) {
     IS_FCP* fcp = is_curfcp;
-    IS_DB* db = is_curdb;
     const IS_KEY* k0 = fcp_key(fcp, 0);
     const int kl0 = k0->k_keylen;
     const int nkeys = fcp->is_nkeys;
@@ -78,25 +102,7 @@ int replace_alternates(const char* record, PAGE old) {
     if (got < 0) return is_push(PROC(P_IS_WRITE, 7));
     if (old != KISAM_NOPAGE && dr_rel(old) != 0) return is_push(PROC(P_IS_WRITE, 8));
 
-    char* temp = db->temp;
-    const char* po = buf + kl0;
-    const char* pn = record + kl0;
-    for (int i = 1; i < nkeys; ++i) {
-        const IS_KEY* ki = fcp_key(fcp, i);
-        const size_t len = static_cast<size_t>(ki->k_keylen);
-        if (std::memcmp(po, pn, len) != 0) {
-            alt_item(temp, ki, po, k0, record);
-            db_cursor(db, i)->currpage = KISAM_NOPAGE;
-            if (bt_delete(i, ki->k_root, temp, KISAM_NOPAGE) != 0)
-                return is_push(PROC(P_IS_WRITE, 9));
-            alt_item(temp, ki, pn, k0, record);
-            if (bt_insert(i, fcp_key(fcp, i)->k_root, temp, 0, 0) < 0)
-                return is_push(PROC(P_IS_WRITE, 10));
-        }
-        po += len;
-        pn += len;
-    }
-    return 0;
+    return reindex_changed(record, buf + kl0, PROC(P_IS_WRITE, 9), PROC(P_IS_WRITE, 10));
 }
 
 int write_locked(const char* record, int recsize, int force) {
@@ -194,22 +200,7 @@ int is_update(const char* record, int recsize) noexcept {
     db_cursor(db, 0)->currpage = KISAM_NOPAGE;
     if (bt_insert(0, k0->k_root, temp, 0, 1) < 0) return is_push(PROC(P_IS_WRITE, 4));
 
-    const char* po = keyopt ? buf : buf + kl0;
-    const char* pn = record + kl0;
-    for (int i = 1; i < nkeys; ++i) {
-        const IS_KEY* ki = fcp_key(fcp, i);
-        const size_t len = static_cast<size_t>(ki->k_keylen);
-        if (std::memcmp(po, pn, len) != 0) {
-            alt_item(temp, ki, po, k0, record);
-            db_cursor(db, i)->currpage = KISAM_NOPAGE;
-            if (bt_delete(i, ki->k_root, temp, KISAM_NOPAGE) != 0) return is_push(PROC(P_IS_DELETE, 6));
-            alt_item(temp, ki, pn, k0, record);
-            if (bt_insert(i, fcp_key(fcp, i)->k_root, temp, 0, 0) < 0) return is_push(PROC(P_IS_WRITE, 11));
-        }
-        po += len;
-        pn += len;
-    }
-    return 0;
+    return reindex_changed(record, keyopt ? buf : buf + kl0, PROC(P_IS_DELETE, 6), PROC(P_IS_WRITE, 11));
 }
 
 int is_write(const char* record, int recsize, int force) noexcept {
