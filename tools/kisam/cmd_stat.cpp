@@ -305,6 +305,10 @@ int cmd_stat(std::vector<std::string> words) {
             std::printf("%s\n", JsonObject().raw("shmid", "null").str("configuration", conf).done().c_str());
         else
             std::printf("no shared area: no program is attached to the installation of %s\n", conf.c_str());
+        if (!json)
+            for (const auto& [path, st] : named)
+                std::printf("%s: compaction would give back %s\n", path.c_str(),
+                            describe_compaction(estimate_compaction(path)).c_str());
         return EXIT_OK;
     }
     Session s("stat");
