@@ -38,12 +38,16 @@ test-asan asan: deps-test
 
 # Processes killed under load, at length: KILLS kills in each of the two kill tests
 # (10,000 in all by default), every worker's calls checked; then ABANDON_CALLS calls of
-# which many are abandoned part way by a signal handler's jump; prints the figures.
+# which many are abandoned part way by a signal handler's jump; then BACKUPS backups of a
+# file under concurrent writers, each checked sound and a prefix of the writers' calls
+# (the longest pause of the writers is printed); prints the figures.
 KILLS ?= 5000
+BACKUPS ?= 300
 ABANDON_CALLS ?= 1000000
 soak: all
 	cd $(BUILD) && KISAM_KILLS=$(KILLS) ./tests/kill_mp_test
 	cd $(BUILD) && KISAM_ABANDON_CALLS=$(ABANDON_CALLS) ./tests/abandon_mp_test
+	cd $(BUILD) && KISAM_BACKUPS=$(BACKUPS) ./tests/backup_mp_test
 
 # Fuzz targets (clang, libFuzzer, sanitizers) in their own tree, each run FUZZ_SECONDS.
 FUZZ_BUILD   ?= build-fuzz

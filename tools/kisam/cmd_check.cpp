@@ -177,6 +177,10 @@ int cmd_check(std::vector<std::string> words) {
         return EXIT_IO;
     }
     if (g_interrupted) return interrupted("check");
+    // A rollback still waiting in a journal would show as damage: apply it first.
+    if (settle_first("check", file) != EXIT_OK)
+        return verdict(EXIT_PENDING, "rollback_pending",
+                       "ROLLBACK PENDING: a call cut short is undone at the next open; not damage");
     // Nor is a file that does not begin with an ISAM magic (a CSV file, a dump): it is no
     // ISAM file at all, and "damaged" would send its user looking for a repair.
     {

@@ -182,6 +182,68 @@ TreeFigures walk_tree(const PageReader& r, int keyno, const KeyDesc& k, uint64_t
 
 }  // namespace
 
+CompactionEstimate estimate_compaction(const std::string& file) {
+    CompactionEstimate e;
+    int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return e;
+    ControlPage cp;
+    std::string err;
+    struct stat st;
+    if (::fstat(fd, &st) != 0 || !read_control_page(fd, cp, err)) {
+        ::close(fd);
+        return e;
+    }
+    const uint64_t fsize = uint64_t(st.st_size);
+    const uint64_t npages = (cp.small_header() ? fsize + 512 : fsize) / 1024;
+    PageReader r{fd, cp, fsize};
+    unsigned char b[1024];
+    uint64_t index_pages = 0, index_used = 0;
+    for (uint64_t i = 1; i < npages; ++i) {
+        if (!r.read(uint32_t(i * 1024), b)) break;
+        const uint16_t w = u16(b);
+        if (w == 0xFFFE || w == 0xFFFF) {
+            ++e.unused_pages;
+        } else if (w < 0x8000) {
+            const int k = w, n = i16(b + 2);
+            if (k < cp.nkeys && n >= 0) {
+                ++index_pages;
+                index_used += 8 + uint64_t(n) * uint64_t(cp.keys[size_t(k)].itemlen + 4);
+            }
+        } else if (w != 0x8001 && w < 0x8400) {
+            // Free chunks of a shared data page: next (16 bits), size (16 bits), in
+            // ascending order; a damaged list is counted no further.
+            int prev = 0;
+            for (int c = w & 0x3FF, guard = 0; c != 0 && guard < 512; ++guard) {
+                if (c <= prev || c + 4 > 1024 || (c & 1)) break;
+                const int avail = i16(b + c + 2);
+                if (avail < 4 || c + avail > 1024) break;
+                e.data_free_bytes += uint64_t(avail);
+                prev = c;
+                c = i16(b + c);
+            }
+        }
+    }
+    ::close(fd);
+    // A rewritten index is about half full at worst (items inserted in key order split
+    // pages in halves): the pages beyond what its items need at that fill come back.
+    const uint64_t needed = (index_used * 2 + 1015) / 1016;
+    e.index_pages = index_pages > needed ? index_pages - needed : 0;
+    e.bytes = (e.unused_pages + e.data_free_bytes / 1022 + e.index_pages) * 1024;
+    e.known = true;
+    return e;
+}
+
+std::string describe_compaction(const CompactionEstimate& e) {
+    if (!e.known) return "unknown";
+    char b[300];
+    std::snprintf(b, sizeof b,
+                  "about %llu bytes (estimate: %llu free or unused pages, %llu bytes free in data pages, "
+                  "%llu index pages)",
+                  static_cast<unsigned long long>(e.bytes), static_cast<unsigned long long>(e.unused_pages),
+                  static_cast<unsigned long long>(e.data_free_bytes), static_cast<unsigned long long>(e.index_pages));
+    return b;
+}
+
 int cmd_info(std::vector<std::string> words) {
     Args a("info", std::move(words));
     a.flag("json");
@@ -191,6 +253,7 @@ int cmd_info(std::vector<std::string> words) {
     JsonArray jkeys, jroom, jproblems;
     if (a.pos().size() != 1) return usage_error("info", "expected one FILE");
     const std::string& file = a.pos()[0];
+    if (int rc = settle_first("info", file); rc != EXIT_OK) return rc;
     int fd = ::open(file.c_str(), O_RDONLY);
     if (fd < 0) return fail("info", file + ": " + std::strerror(errno));
     struct stat st;
@@ -324,6 +387,8 @@ int cmd_info(std::vector<std::string> words) {
         say(!json, "note                 the stored end of file (%u) differs from the file's size; it is\n"
                     "                     brought up to date at the next page allocation\n",
                     cp.lastpage);
+    const CompactionEstimate est = estimate_compaction(file);
+    say(!json, "compaction would give back %s\n", describe_compaction(est).c_str());
     for (const auto& t : troubles) say(!json, "problem              %s (run 'kisam check')\n", t.c_str());
     ::close(fd);
     if (json) {
@@ -350,6 +415,12 @@ int cmd_info(std::vector<std::string> words) {
                                       .unum("never_used", fresh)
                                       .unum("unknown", other)
                                       .done())
+            .raw("compaction_estimate", JsonObject()
+                                            .unum("bytes", est.bytes)
+                                            .unum("unused_pages", est.unused_pages)
+                                            .unum("data_free_bytes", est.data_free_bytes)
+                                            .unum("index_pages", est.index_pages)
+                                            .done())
             .raw("problems", jproblems.done());
         std::printf("%s\n", doc.done().c_str());
     }

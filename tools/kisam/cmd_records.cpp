@@ -443,6 +443,7 @@ int cmd_dump(std::vector<std::string> words) {
     if (!a.parse()) return EXIT_USAGE;
     if (a.pos().empty() || a.pos().size() > 2) return usage_error("dump", "expected FILE [OUTPUT]");
     const std::string& file = a.pos()[0];
+    if (int rc = settle_first("dump", file); rc != EXIT_OK) return rc;
     if (a.has("salvage")) {
         SalvageOptions opt;
         if (auto k = a.get("keys"); k && !parse_key_lengths(*k, opt.keylens))

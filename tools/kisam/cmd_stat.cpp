@@ -139,6 +139,11 @@ void print_once(const void* area, int shmid, const std::vector<std::pair<std::st
                     (fcp->is_optbits & ISO_SEQ) ? ", sequential" : "");
     }
 
+    // What compacting the files named would give back, read from the files themselves.
+    for (const auto& [path, st] : named)
+        std::printf("  %s: compaction would give back %s\n", path.c_str(),
+                    describe_compaction(estimate_compaction(path)).c_str());
+
     // Processes.
     const int32_t* pids = reinterpret_cast<const int32_t*>(v.base + com->pid_base);
     const uint32_t* needs = reinterpret_cast<const uint32_t*>(v.base + com->need_base);
@@ -225,6 +230,16 @@ void print_json(const void* area, int shmid, const std::vector<std::pair<std::st
         files.add(f.done());
     }
     doc.num("files_max", com->maxopen).raw("files", files.done());
+    JsonArray compaction;
+    for (const auto& [path, st] : named) {
+        const CompactionEstimate e = estimate_compaction(path);
+        JsonObject o;
+        o.str("name", path);
+        if (e.known) o.unum("compaction_estimate_bytes", e.bytes);
+        else o.raw("compaction_estimate_bytes", "null");
+        compaction.add(o.done());
+    }
+    doc.raw("named_files", compaction.done());
     const int32_t* pids = reinterpret_cast<const int32_t*>(v.base + com->pid_base);
     JsonArray procs;
     for (int i = 0; i < com->maxusers; ++i) {
@@ -290,6 +305,10 @@ int cmd_stat(std::vector<std::string> words) {
             std::printf("%s\n", JsonObject().raw("shmid", "null").str("configuration", conf).done().c_str());
         else
             std::printf("no shared area: no program is attached to the installation of %s\n", conf.c_str());
+        if (!json)
+            for (const auto& [path, st] : named)
+                std::printf("%s: compaction would give back %s\n", path.c_str(),
+                            describe_compaction(estimate_compaction(path)).c_str());
         return EXIT_OK;
     }
     Session s("stat");

@@ -4,7 +4,7 @@ _kisam() {
     COMPREPLY=()
     cur=${COMP_WORDS[COMP_CWORD]}
     prev=${COMP_WORDS[COMP_CWORD-1]}
-    local commands="config create info check get scan put del dump load import export stat help"
+    local commands="config create info check get scan put del dump load import export stat backup compact help"
 
     # The command is the first word that is neither an option nor the value of --config.
     cmd=""
@@ -52,6 +52,7 @@ _kisam() {
         import) opts="--fields --replace --no-header" ;;
         export) opts="--fields --csv --json --json-array --ignore-mark" ;;
         stat) opts="--every --count --json" ;;
+        backup|compact) opts="" ;;
         help) COMPREPLY=($(compgen -W "$commands" -- "$cur")); return ;;
     esac
     if [[ $cur == -* ]]; then

@@ -39,6 +39,10 @@ const char* const kOverview =
     "  import FILE CSV [--fields F] add the records of a CSV file, by a field layout\n"
     "  export FILE [OUTPUT] [--csv|--json|--json-array] [--fields F]\n"
     "                               every record as CSV or JSON, by a field layout\n"
+    "  backup FILE DEST             a copy of FILE as it stood at one moment, taken while\n"
+    "                               programs go on using it, checked sound\n"
+    "  compact FILE                 rewrite FILE densely to give back its free space\n"
+    "                               (FILE must be closed everywhere)\n"
     "  stat [FILE...] [--every SECONDS]\n"
     "                               figures of the shared area for monitoring\n"
     "  help [COMMAND]               this text, or the details of one command\n"
@@ -117,6 +121,8 @@ const std::map<std::string, const char*>& details() {
          "Reads FILE directly (no shared area is needed) and prints its control page in\n"
          "words: format, keys with their roots, tree depths and item counts, the free-page\n"
          "chain, the data pages with free space, the page counts by kind, and the marks.\n"
+         "Says how much a compaction would give back (an estimate: free and never used\n"
+         "pages, free space in data pages, index pages beyond half fill).\n"
          "Exit status 1 when it lists a problem (then run 'kisam check').\n"},
         {"check",
          "Usage: kisam check FILE [--clear-mark]\n"
@@ -127,6 +133,10 @@ const std::map<std::string, const char*>& details() {
          "is damaged or is not an ISAM file at all (it does not begin with an ISAM magic:\n"
          "'NOT AN ISAM FILE'), 3 when it is missing or cannot be read (an I/O error says\n"
          "nothing about the structure).  Run it on a file no program is changing.\n"
+         "A rollback that a call cut short (a killed process, a full disk) left waiting in\n"
+         "the journal is applied first, and said so: it is not damage (also by info and\n"
+         "dump).  When it cannot be applied yet, the status is 4: pending, applied at the\n"
+         "next open of the file.\n"
          "  --clear-mark   when the file is sound, clear its data-changed mark so that it\n"
          "                 opens again (the file must not be open anywhere)\n"},
         {"get",
@@ -249,6 +259,31 @@ const std::map<std::string, const char*>& details() {
          "dropped.  Records with bytes beyond the fields are reported (status 1): add a\n"
          "field NAME:*.  OUTPUT is written under a temporary name and renamed when done:\n"
          "a failed write leaves no partial file under its name.\n"},
+        {"backup",
+         "Usage: kisam backup FILE DEST\n"
+         "\n"
+         "Copies FILE to DEST exactly as it stood at one moment between calls, while other\n"
+         "programs go on reading and writing it: the copy holds every call that had\n"
+         "completed at that moment and none that had not.  Writers of FILE wait only while\n"
+         "its image is taken (the time is printed); the copy is then written under a\n"
+         "temporary name beside DEST, synced, checked by the structural checker and only\n"
+         "then renamed to DEST, so that a backup that fails leaves nothing under DEST (an\n"
+         "existing DEST stays as it was).  A directory as DEST receives the copy under\n"
+         "FILE's name.  The copy opens as a file of its own.  Exit status 1 when the\n"
+         "backup failed, 130 when interrupted (nothing written).\n"},
+        {"compact",
+         "Usage: kisam compact FILE\n"
+         "\n"
+         "Rewrites FILE densely with the same records and keys (the same key lengths, the\n"
+         "same key-in-index choice and control-page size), records in key 0 order, under a\n"
+         "temporary name beside it; the new file is synced and checked, then renamed over\n"
+         "FILE.  Prints the size before and after.  A file only grows in use: the pages\n"
+         "that deletes free are kept for later writes; 'kisam info' and 'kisam stat FILE'\n"
+         "say how much a compaction would give back.  Offline: refused while any other\n"
+         "process has FILE open (in this installation); while it runs, FILE's control\n"
+         "lock is held, so a program that opens FILE meanwhile waits, and compact then\n"
+         "gives up and leaves FILE as it was.  A file whose data-changed mark is set is\n"
+         "refused (check it first).  Exit status 1 when it failed (FILE unchanged).\n"},
         {"help", "Usage: kisam help [COMMAND]\n"},
     };
     return m;
@@ -302,7 +337,7 @@ int run(int argc, char** argv) {
         {"config", cmd_config}, {"create", cmd_create}, {"info", cmd_info}, {"check", cmd_check},
         {"get", cmd_get},       {"scan", cmd_scan},     {"put", cmd_put},   {"del", cmd_del},
         {"dump", cmd_dump},     {"load", cmd_load},     {"stat", cmd_stat},
-        {"import", cmd_import}, {"export", cmd_export},
+        {"import", cmd_import}, {"export", cmd_export}, {"backup", cmd_backup}, {"compact", cmd_compact},
     };
     catch_interrupts();
     auto it = table.find(cmd);

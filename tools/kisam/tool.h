@@ -3,7 +3,9 @@
 // Every subcommand is a function taking its own arguments (the subcommand name and the
 // global options already removed) and returning the process exit status:
 //   0 success, 1 the operation failed / damage found / nothing found, 2 usage error,
-//   3 a file could not be read (check: an I/O error, not damage), 130 interrupted.
+//   3 a file could not be read (check: an I/O error, not damage), 4 a rollback left by an
+//   interrupted call is pending and could not be applied (check, info, dump: not damage),
+//   130 interrupted.
 // Subcommands that need the engine attach through a Session, which detaches on every
 // path so that the last user of an installation removes the shared segment.
 #pragma once
@@ -19,7 +21,7 @@
 
 namespace kisam_tool {
 
-enum Exit : int { EXIT_OK = 0, EXIT_FAIL = 1, EXIT_USAGE = 2, EXIT_IO = 3, EXIT_INTERRUPTED = 130 };
+enum Exit : int { EXIT_OK = 0, EXIT_FAIL = 1, EXIT_USAGE = 2, EXIT_IO = 3, EXIT_PENDING = 4, EXIT_INTERRUPTED = 130 };
 
 // ---- options ---------------------------------------------------------------------
 
@@ -199,6 +201,17 @@ bool read_control_page(int fd, ControlPage& cp, std::string& err);
 // File offset of logical page P.
 inline uint64_t page_offset(const ControlPage& cp, uint32_t p) { return cp.small_header() ? p - 512u : p; }
 
+// What a compaction of FILE would give back, estimated from its pages: free and never
+// used pages whole, the free bytes of the shared data pages, and index pages beyond what
+// their items need at half fill.  known false when the file cannot be read.
+struct CompactionEstimate {
+    bool known = false;
+    uint64_t bytes = 0, unused_pages = 0, data_free_bytes = 0, index_pages = 0;
+};
+CompactionEstimate estimate_compaction(const std::string& file);
+// "about N bytes (estimate: ...)" for people.
+std::string describe_compaction(const CompactionEstimate& e);
+
 // ---- progress on a terminal ------------------------------------------------------------------
 
 // Erases the progress line, if one is shown, so that the next message starts at the
@@ -309,6 +322,15 @@ int cmd_del(std::vector<std::string> args);
 int cmd_dump(std::vector<std::string> args);
 int cmd_load(std::vector<std::string> args);
 int cmd_stat(std::vector<std::string> args);
+int cmd_backup(std::vector<std::string> args);
+int cmd_compact(std::vector<std::string> args);
+
+// For the commands that read FILE's bytes themselves (check, info, dump): when a rollback
+// left by an interrupted call still waits in the journal for FILE, applies it, saying so
+// on standard error, and returns EXIT_OK; when it cannot be applied (the disk still
+// refuses it), says that it is pending and will be applied at the next open, and returns
+// EXIT_PENDING.  EXIT_OK also when nothing is pending or no configuration is found.
+int settle_first(const std::string& cmd, const std::string& file);
 // In data/ (they need libcsv): CSV and JSON lines in and out.
 int cmd_import(std::vector<std::string> args);
 int cmd_export(std::vector<std::string> args);
