@@ -137,6 +137,14 @@ TEST_F(Backup, EveryBackupUnderLoadIsTheFileAtOneMomentBetweenCalls) {
     ASSERT_GE(fd, 0);
     ASSERT_EQ(nisclose(fd), 0);
     std::vector<pid_t> pids;
+    // A failed assertion returns at once: the writers must not outlive the test.
+    struct Reaper {
+        std::vector<pid_t>& p;
+        ~Reaper() {
+            for (pid_t q : p) ::kill(q, SIGKILL);
+            for (pid_t q : p) kt::wait_child(q);
+        }
+    } reaper{pids};
     for (int w = 0; w < kWriters; ++w)
         pids.push_back(kt::start_child([&, w] { return writer(file, path("log" + std::to_string(w)), w, seed); }));
     std::vector<std::vector<int>> lo(static_cast<size_t>(backups));
@@ -151,6 +159,7 @@ TEST_F(Backup, EveryBackupUnderLoadIsTheFileAtOneMomentBetweenCalls) {
     }
     for (pid_t p : pids) ::kill(p, SIGTERM);
     for (pid_t p : pids) EXPECT_EQ(kt::wait_child(p), 0);
+    pids.clear();
     std::vector<std::vector<State>> states;
     for (int w = 0; w < kWriters; ++w) states.push_back(states_of(path("log" + std::to_string(w))));
 
