@@ -36,6 +36,19 @@ inline void spit(const std::string& path, const std::string& text) {
 
 inline bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
+// In a forked child: standard input, output and error from and to in, out and err (a
+// descriptor below 0 ends the child with 126), then the program of argv; never returns.
+[[noreturn]] inline void exec_with(int in, int out, int err, std::vector<std::string>& argv) {
+    const int fds[3] = {in, out, err};
+    for (int i = 0; i < 3; ++i)
+        if (fds[i] < 0 || ::dup2(fds[i], i) < 0) ::_exit(126);
+    std::vector<char*> av;
+    for (auto& a : argv) av.push_back(a.data());
+    av.push_back(nullptr);
+    ::execv(av[0], av.data());
+    ::_exit(127);
+}
+
 class ToolInstallation : public ::testing::Test {
 protected:
     std::string dir, cfg;
@@ -96,16 +109,9 @@ protected:
                 ::signal(SIGXFSZ, SIG_IGN);
                 if (::setrlimit(RLIMIT_FSIZE, &rl) != 0) ::_exit(126);
             }
-            int fds[3] = {::open(input_file.c_str(), O_RDONLY),
-                          stdout_gone ? gone[1] : ::open((dir + "/.out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666),
-                          ::open((dir + "/.err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666)};
-            for (int i = 0; i < 3; ++i)
-                if (fds[i] < 0 || ::dup2(fds[i], i) < 0) ::_exit(126);
-            std::vector<char*> av;
-            for (auto& a : argv) av.push_back(a.data());
-            av.push_back(nullptr);
-            ::execv(av[0], av.data());
-            ::_exit(127);
+            exec_with(::open(input_file.c_str(), O_RDONLY),
+                      stdout_gone ? gone[1] : ::open((dir + "/.out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666),
+                      ::open((dir + "/.err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666), argv);
         }
         if (stdout_gone) ::close(gone[1]);
         return pid;

@@ -74,16 +74,9 @@ protected:
         if (pid == 0) {
             private_env();
             if (ignore_hup) ::signal(SIGHUP, SIG_IGN);
-            int fds[3] = {::open("/dev/null", O_RDONLY),
-                          ::open((dir + "/.out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666),
-                          ::open((dir + "/.err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666)};
-            for (int i = 0; i < 3; ++i)
-                if (fds[i] < 0 || ::dup2(fds[i], i) < 0) ::_exit(126);
-            std::vector<char*> av;
-            for (auto& a : argv) av.push_back(a.data());
-            av.push_back(nullptr);
-            ::execv(av[0], av.data());
-            ::_exit(127);
+            exec_with(::open("/dev/null", O_RDONLY),
+                      ::open((dir + "/.out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666),
+                      ::open((dir + "/.err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666), argv);
         }
         return pid;
     }
