@@ -105,6 +105,18 @@ int replace_alternates(const char* record, PAGE old) {
     return reindex_changed(record, buf + kl0, PROC(P_IS_WRITE, 9), PROC(P_IS_WRITE, 10));
 }
 
+// Stores the data part of a record -- the whole record, or what follows key 0 when key 0
+// lives in the index -- and gives its address (none for an empty part).  0, or -1.
+int put_data(const char* record, int recsize, PAGE* addr) {
+    const int kl0 = fcp_key(is_curfcp, 0)->k_keylen;
+    const bool keyopt = (is_curfcp->is_optbits & ISO_KEYOPT) != 0;
+    const int dlen = keyopt ? recsize - kl0 : recsize;
+    *addr = KISAM_NOPAGE;
+    if (dlen <= 0) return 0;
+    *addr = dr_put(keyopt ? record + kl0 : record, dlen);
+    return *addr == KISAM_NOPAGE ? is_push(PROC(P_IS_WRITE, 3)) : 0;
+}
+
 int write_locked(const char* record, int recsize, int force) {
     IS_FCP* fcp = is_curfcp;
     IS_DB* db = is_curdb;
@@ -119,15 +131,8 @@ int write_locked(const char* record, int recsize, int force) {
     std::memset(temp, 0, static_cast<size_t>(k0->k_itemlen));
     std::memcpy(temp, record, static_cast<size_t>(kl0));
 
-    // Data part: the whole record, or what follows key 0 when key 0 lives in the index.
-    const bool keyopt = (fcp->is_optbits & ISO_KEYOPT) != 0;
-    const char* data = keyopt ? record + kl0 : record;
-    const int dlen = keyopt ? recsize - kl0 : recsize;
-    PAGE addr = KISAM_NOPAGE;
-    if (dlen > 0) {
-        addr = dr_put(data, dlen);
-        if (addr == KISAM_NOPAGE) return is_push(PROC(P_IS_WRITE, 3));
-    }
+    PAGE addr;
+    if (put_data(record, recsize, &addr) != 0) return -1;
 
     store_at<PAGE>(temp + k0->k_offset, addr);
     int r = bt_insert(0, k0->k_root, temp, 0, force);
@@ -187,13 +192,8 @@ int is_update(const char* record, int recsize) noexcept {
     if (nkeys >= 2 && dr_get(old, buf, n) < 0) return is_push(PROC(P_IS_DELETE, 4));
     if (old != KISAM_NOPAGE && dr_rel(old) != 0) return is_push(PROC(P_IS_DELETE, 5));
 
-    const char* data = keyopt ? record + kl0 : record;
-    const int dlen = keyopt ? recsize - kl0 : recsize;
-    PAGE addr = KISAM_NOPAGE;
-    if (dlen > 0) {
-        addr = dr_put(data, dlen);
-        if (addr == KISAM_NOPAGE) return is_push(PROC(P_IS_WRITE, 3));
-    }
+    PAGE addr;
+    if (put_data(record, recsize, &addr) != 0) return -1;
     std::memset(temp, 0, static_cast<size_t>(k0->k_itemlen));
     std::memcpy(temp, record, static_cast<size_t>(kl0));
     store_at<PAGE>(temp + k0->k_offset, addr);
