@@ -537,6 +537,10 @@ struct kisam_settings {
 #define KISAM_TRACK_CHANGES    0x1u  /* keep each file's on-disk data-changed mark */
 #define KISAM_SYNC_ON_MARK     0x2u  /* and synchronise the file when the mark changes */
 #define KISAM_CLEAR_ON_RELEASE 0x4u  /* and clear the mark at every release of the control lock */
+#define KISAM_DURABLE          0x10u /* every changing call returns only once it would survive
+                                        a crash of the machine (written after the 52-byte
+                                        record; KISAM_DURABLE=0 or 1 in a process's
+                                        environment overrides it) */
 #define KISAM_CONFIG_REPLACE   0x1   /* kisam_config_write: overwrite an existing file */
 
 /* Writes the configuration file path (the 52-byte configuration record for settings; a
@@ -560,6 +564,31 @@ int kisam_config_write(const char *path, const struct kisam_settings *settings, 
  * a value of 0x00 bytes before nisread, or of 0xFF bytes before nispread, does the same
  * for one direction.)  Returns 0, or -1 with ISE_BADFD or ISE_BADKN. */
 int kisam_rewind(int isfd, int keyno);
+
+/* ---- Crashes of the machine ----
+ * Each call's changes go into a redo log beside the lock file ("<lock file>.w<n>", one
+ * per open file) before any of its pages reaches the file; after a power cut or a crash
+ * of the kernel, the first program to attach replays the logs, so that every file holds
+ * exactly the calls made on it up to some point.  By default a call returns without
+ * waiting for the disk (the last calls before a crash may be lost, never half kept);
+ * in durable mode (KISAM_DURABLE) it returns once its log record is on disk, calls of
+ * processes that end together sharing one sync.
+ *
+ * kisam_sync puts on disk the logs of every file this process has open, up to the last
+ * call made on each by anyone: once it returns, those calls survive a crash.  Returns 0
+ * (also when the process is not attached: it has nothing to sync), or -1 with ISE_FLWT
+ * when the disk refused the sync. */
+int kisam_sync(void);
+
+/* What the replay at the start of the shared area found (all zero when none ran since
+ * the area was made): logs replayed, calls redone, pages written, how long it took, and
+ * when it ran (seconds since 1970); self is 1 when this process ran it.  Returns 0, or
+ * -1 when not attached. */
+struct kisam_recovery {
+    long logs, calls, pages, usec, when;
+    int self;
+};
+int kisam_last_recovery(struct kisam_recovery *out);
 
 /* ---- Waiting for locks ----
  * A call that finds a lock held by another process sleeps in the kernel until the

@@ -22,6 +22,7 @@
 #include "fcp.h"
 #include "is_error.h"
 #include "is_file.h"
+#include "v_pool.h"
 
 #include <kisam/kisam.h>
 
@@ -120,6 +121,23 @@ void sync_dir_of(const char* dest) noexcept {
     }
 }
 
+// Where the pages not yet written back go: into the image in memory, else straight
+// into the copy.
+struct Overlay {
+    char* image;
+    int out;
+    off_t len;
+};
+int overlay_page(void* arg, off_t off, const IS_DATA* d) {
+    const Overlay* o = static_cast<const Overlay*>(arg);
+    if (off < 0 || off + kisam::kPage > o->len) return 0;  // past the end: no page of the file
+    if (o->image) {
+        std::memcpy(o->image + off, d->c, kisam::kPage);
+        return 0;
+    }
+    return kisam::os_pwrite_full(o->out, d->c, kisam::kPage, off);
+}
+
 }  // namespace
 
 extern "C" KISAM_API int kisam_backup(const char* path, const char* dest, kisam_verify_fn verify, void* arg,
@@ -159,6 +177,27 @@ extern "C" KISAM_API int kisam_backup(const char* path, const char* dest, kisam_
             } else if (ok) {
                 ok = copy_range(fd, out, len);
                 if (!ok) rc = fail(ISE_FLWT, 0x23);
+            }
+            // Pages of calls not yet written back live in the pool: the copy gets them
+            // over what the disk holds, and runs to the end the control page says.
+            if (ok) {
+                IS_FCP* f = kisam::pfo_fcp(u);
+                const off_t logical = v_fileoffset(f, f->is_lastpage);
+                if (image && logical > len) {
+                    char* grown = static_cast<char*>(std::realloc(image, static_cast<size_t>(logical)));
+                    if (!grown) {
+                        ok = false;
+                    } else {
+                        image = grown;
+                        std::memset(image + len, 0, static_cast<size_t>(logical - len));
+                    }
+                }
+                if (ok && logical > len) len = logical;
+                Overlay o{image, out, len};
+                if (ok && v_dirty_pages(f, u, overlay_page, &o) != 0) {
+                    ok = false;
+                    rc = fail(ISE_FLWT, 0x23);
+                }
             }
             if (ok && !write_control_page(kisam::pfo_fcp(u), out)) rc = fail(ISE_FLWT, 0x23);
             if (!ok && rc == 0) rc = fail(ISE_RDRD, 0x22);

@@ -15,7 +15,9 @@
 #include "is_heap.h"
 #include "is_lock.h"
 #include "is_rec.h"
+#include "isx_area.h"
 #include "jn.h"
+#include "lg.h"
 #include "os.h"
 #include "v_pool.h"
 
@@ -107,7 +109,15 @@ KISAM_API int nisclose(int isfd) {
         pfi->pfi_osfd = -1;
         is_dbfree(isfd);
     } else {
-        // Last close anywhere: give the buffers back and free the shared copy.
+        // Last close anywhere: the file takes in what its log holds, then the buffers go
+        // back and the shared copy is freed.  When it cannot (a full disk, say), the log
+        // keeps the calls and the next open of the file replays them.
+        if (!(pfi->pfi_bits & PFI_RDONLY) || lg_wfd(u) >= 0) {
+            kisam::ErrorKeep keep;
+            if (lg_checkpoint(fcp, u, lg_wfd(u)) != 0) isx_area->xh_leftover = 1;
+        } else if (kisam::isx_file_of(u)->xf_log_end != kisam::isx_file_of(u)->xf_log_start) {
+            isx_area->xh_leftover = 1;
+        }
         v_relbuf();
         release_handle_locks(isfd);
         drop_lock_chain(fcp);

@@ -23,6 +23,7 @@
 #include "is_lock.h"
 #include "isx_area.h"
 #include "jn.h"
+#include "lg.h"
 #include "v_pool.h"
 
 #include <kisam/ztsupport.h>
@@ -203,6 +204,9 @@ extern "C" KISAM_API int is_init(void) {
     if (n < kConfigMin) return fail(ISE_INITERR, 3);
     is_config conf;
     std::memcpy(&conf, buf, sizeof conf);
+    // Bytes after the record are the installation's own settings of this library.
+    lg_settings(n > static_cast<ssize_t>(sizeof conf) ? buf + sizeof conf : nullptr,
+                n > static_cast<ssize_t>(sizeof conf) ? static_cast<size_t>(n) - sizeof conf : 0);
     if (conf.co_maxufile == 0) conf.co_maxufile = conf.co_maxopen;
     if (!config_usable(conf)) return fail(ISE_INITERR, 10);
     if (sizecomm(&conf) != 0) return fail(ISE_INITERR, 7);
@@ -242,6 +246,10 @@ extern "C" KISAM_API int is_init(void) {
     if (isam_com->iscom_version != ISCOM_VERSION) return fail(ISE_VERSIONERR, 1);
     if (!isx_attach(is_shmsize)) return foreign_segment(fail);
     is_setenv();
+    // A segment made anew means nobody else is attached (or the machine restarted): the
+    // calls its last users committed are in the logs, and go into their files now,
+    // before any file is opened (the start-up lock is still held).
+    if (is_firstcomf) lg_recover_all();
 
     if (_is_mkpid() != 0) {
         // _is_mkpid leaves the segment attached but forgets it; detach it here.

@@ -24,6 +24,7 @@
 #include "is_rec.h"
 #include "isx_area.h"
 #include "jn.h"
+#include "lg.h"
 #include "os.h"
 #include "v_pool.h"
 
@@ -477,8 +478,11 @@ KISAM_API int nisopen(const char* filename, int access) {
     if (freeslot < 0) return fail(ISE_NOFCP, 3);
     u = freeslot;
 
-    // First open anywhere: read the control page into the scratch copy, then into the
-    // common heap.
+    // First open anywhere.  Calls of the file (or of the slot's previous file) still in a
+    // log go into the file before its control page is read.
+    if (lg_prepare(u, static_cast<uint64_t>(fi.f_dev), static_cast<uint64_t>(fi.f_inode)) != 0)
+        return fail(ISE_OPENF, 15);
+    // Read the control page into the scratch copy, then into the common heap.
     IS_FCP* scratch = reinterpret_cast<IS_FCP*>(fcp_scratch);
     std::memset(fcp_scratch, 0, IS_FCP_JDSIZE);
     int fd = kisam::os_open(filename, oflags | O_CLOEXEC, 0666);
@@ -553,6 +557,10 @@ KISAM_API int nisopen(const char* filename, int access) {
     std::memset(xf, 0, sizeof *xf);
     xf->xf_hand = -1;
     jn_setpath(u, filename);
+    if (lg_enter(u, fcp) != 0) {
+        is_dbfree(isfd);
+        return fail_fcp(ISE_OPENF, 15);
+    }
     is_open_note(u, true);
     is_env.pfo_tbl[u] = static_cast<int32_t>(kisam::rel_of(fcp));
     v_enter_file(u);

@@ -24,6 +24,7 @@
 #include "is_lock.h"
 #include "isx_area.h"
 #include "jn.h"
+#include "lg.h"
 #include "os.h"
 #include "v_pool.h"
 
@@ -126,6 +127,12 @@ int16_t holders(int u, int skip) noexcept {
 // still due to be written (nobody has a descriptor to write them with): the copy stays,
 // with no process counted, and the next open of the file finds it again.
 bool release_file(IS_FCP* fcp, int u) noexcept {
+    {
+        // What the file's log holds goes into the file first, through the path it was
+        // opened by.
+        kisam::ErrorKeep keep;
+        if (lg_checkpoint(fcp, u, lg_wfd(u)) != 0) return false;
+    }
     if (fcp->is_optbits & ISO_CHANGED) return false;
     if (!v_giveback(fcp, u)) return false;
     // Every call on it is whole (the dead process's was rolled back): the file is sound,

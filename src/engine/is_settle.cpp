@@ -10,6 +10,7 @@
 #include "is_error.h"
 #include "is_file.h"
 #include "jn.h"
+#include "lg.h"
 
 #include <kisam/kisam.h>
 
@@ -50,7 +51,8 @@ KISAM_API int kisam_pending(const char* path) {
         return -1;
     }
     if (!find_installation()) return -1;
-    return jn_pending(static_cast<uint64_t>(st.st_dev), static_cast<uint64_t>(st.st_ino)) ? 1 : 0;
+    const uint64_t dev = static_cast<uint64_t>(st.st_dev), ino = static_cast<uint64_t>(st.st_ino);
+    return jn_pending(dev, ino) || lg_pending(dev, ino) ? 1 : 0;
 }
 
 KISAM_API int kisam_settle(const char* path) {
@@ -63,13 +65,25 @@ KISAM_API int kisam_settle(const char* path) {
     if (!attached && is_init() != 0) return -1;
     int rc = 1;
     struct stat st;
-    if (::stat(path, &st) == 0 &&
-        jn_pending(static_cast<uint64_t>(st.st_dev), static_cast<uint64_t>(st.st_ino))) {
+    const auto pending_here = [&] {
+        const uint64_t dev = static_cast<uint64_t>(st.st_dev), ino = static_cast<uint64_t>(st.st_ino);
+        return jn_pending(dev, ino) || lg_pending(dev, ino);
+    };
+    if (::stat(path, &st) == 0 && pending_here()) {
+        // Taking the control lock settles a rollback; the checkpoint then puts what the
+        // log holds into the file (the file's next calls go on into the log).
         const int fd = nisopen(path, ISO_RDWR);
         if (fd < 0) {
             rc = -1;
         } else {
-            if (nisgetctl(fd) != 0 || nisrelctl(fd) != 0) rc = -1;
+            if (nisgetctl(fd) != 0) {
+                rc = -1;
+            } else {
+                const int u = is_db[fd]->uniqueid;
+                if (lg_checkpoint(kisam::pfo_fcp(u), u, lg_wfd(u)) != 0) rc = -1;
+                kisam::ErrorKeep keep;
+                if (nisrelctl(fd) != 0 && rc == 1) rc = -1;
+            }
             kisam::ErrorKeep keep;
             nisclose(fd);
         }

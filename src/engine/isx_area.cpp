@@ -13,7 +13,7 @@ inline uint32_t round_line(uint64_t n) { return static_cast<uint32_t>((n + kLine
 
 struct Geometry {
     uint32_t file_base, proc_base, open_base, open_bytes, ref_base, reaped_base, path_base, link_base,
-        log_base, log_len, size;
+        log_base, log_len, lsn_base, size;
 };
 
 // Entries of one chain log: a process that fell further behind than this walks the
@@ -40,7 +40,8 @@ Geometry geometry(int maxopen, int maxusers, int maxbufs) {
     g.link_base = round_line(g.path_base + no * ISX_PATHLEN);
     g.log_base = round_line(g.link_base + nb * sizeof(int16_t));
     g.log_len = log_entries(nb);
-    g.size = round_line(g.log_base + no * g.log_len * sizeof(int16_t));
+    g.lsn_base = round_line(g.log_base + no * g.log_len * sizeof(int16_t));
+    g.size = round_line(g.lsn_base + nb * sizeof(uint64_t));
     return g;
 }
 
@@ -70,6 +71,7 @@ void isx_layout(void) noexcept {
     h->xh_link_base = g.link_base;
     h->xh_log_base = g.log_base;
     h->xh_log_len = static_cast<uint16_t>(g.log_len);
+    h->xh_lsn_base = g.lsn_base;
     isx_file* f = reinterpret_cast<isx_file*>(base + g.file_base);
     for (int u = 0; u < isam_com->maxopen; ++u) f[u].xf_hand = -1;
     // The magic goes in last: a head with the magic is a complete layout.
@@ -89,7 +91,8 @@ isx_head* isx_find(char* base, size_t segsize) noexcept {
         h->xh_proc_base != g.proc_base || h->xh_open_base != g.open_base ||
         h->xh_open_bytes != g.open_bytes || h->xh_ref_base != g.ref_base ||
         h->xh_reaped_base != g.reaped_base || h->xh_path_base != g.path_base ||
-        h->xh_link_base != g.link_base || h->xh_log_base != g.log_base || h->xh_log_len != g.log_len)
+        h->xh_link_base != g.link_base || h->xh_log_base != g.log_base || h->xh_log_len != g.log_len ||
+        h->xh_lsn_base != g.lsn_base)
         return nullptr;
     return h;
 }

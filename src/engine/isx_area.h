@@ -24,6 +24,10 @@
 //                            a hint, checked against bu_next before use
 //   chain logs[maxopen]      xh_log_len int16 slot numbers each: the slots of the file's
 //                            latest chain changes, entry g % xh_log_len for change g
+//   page log marks[maxbufs]  uint64 per buffer slot: the redo-log position (LSN) that
+//                            must be on disk before the slot's page may be written to its
+//                            file, with ISX_LSN_FULL set while the page's next log entry
+//                            must be its whole image (lg.h)
 //
 // The area is zeroed with the segment and laid out by the first attacher under the
 // start-up lock.  A segment made without it (by a library that does not know it), or
@@ -56,7 +60,15 @@ struct isx_head {
     uint32_t xh_path_base;   // 56-59  the path table
     uint32_t xh_link_base;   // 60-63  the chain back links
     uint32_t xh_log_base;    // 64-67  the chain logs
-    uint32_t xh_spare[15];   // 68-127
+    uint32_t xh_lsn_base;    // 68-71  the page log marks
+    uint32_t xh_rec_logs;    // 72-75  recovery at the start of this segment: logs replayed,
+    uint32_t xh_rec_units;   // 76-79  calls redone,
+    uint32_t xh_rec_pages;   // 80-83  pages written,
+    uint32_t xh_rec_time;    // 84-87  when (seconds since 1970, low 32 bits; 0: none yet)
+    uint32_t xh_rec_usec;    // 88-91  and how long it took
+    uint32_t xh_leftover;    // 92-95  nonzero: some log may hold calls of a file not in the
+                             //        table (a last close could not write them out)
+    uint32_t xh_spare[8];    // 96-127
 };
 KISAM_RECORD(isx_head, 128);
 KISAM_AT(isx_head, xh_magic, 0);       KISAM_AT(isx_head, xh_version, 4);
@@ -69,7 +81,10 @@ KISAM_AT(isx_head, xh_cleaned, 44);    KISAM_AT(isx_head, xh_rolledback, 48);
 KISAM_AT(isx_head, xh_log_len, 18);
 KISAM_AT(isx_head, xh_reaped_base, 52); KISAM_AT(isx_head, xh_path_base, 56);
 KISAM_AT(isx_head, xh_link_base, 60);   KISAM_AT(isx_head, xh_log_base, 64);
-KISAM_AT(isx_head, xh_spare, 68);
+KISAM_AT(isx_head, xh_lsn_base, 68);  KISAM_AT(isx_head, xh_rec_logs, 72);
+KISAM_AT(isx_head, xh_rec_units, 76); KISAM_AT(isx_head, xh_rec_pages, 80);
+KISAM_AT(isx_head, xh_rec_time, 84);  KISAM_AT(isx_head, xh_rec_usec, 88);
+KISAM_AT(isx_head, xh_leftover, 92);  KISAM_AT(isx_head, xh_spare, 96);
 
 // One per shared-file slot.  Reset when the slot is taken by a new file (open) so that
 // nothing learnt about the slot's previous file carries over.
@@ -85,12 +100,21 @@ struct isx_file {
     uint32_t xf_undo;        // 12-15  1 + process slot whose rolled-back call has not yet
                              //        fully reached the disk; 0 none
     uint32_t xf_chainlen;    // 16-19  slots on the file's chain
-    uint32_t xf_spare[11];   // 20-63
+    uint32_t xf_log_gen;     // 20-23  generation of the file's redo log (lg.h): a
+                             //        checkpoint starts the next one
+    uint64_t xf_log_end;     // 24-31  LSN after the last record appended (the commit
+                             //        point of a call is the store that advances it)
+    uint64_t xf_log_synced;  // 32-39  LSN up to which the log is known on disk
+    uint64_t xf_log_start;   // 40-47  LSN of the generation's first record: the file on
+                             //        disk holds everything logged before it
+    uint32_t xf_spare[4];    // 48-63
 };
 KISAM_RECORD(isx_file, 64);
 KISAM_AT(isx_file, xf_seq, 0);   KISAM_AT(isx_file, xf_chaingen, 4);
 KISAM_AT(isx_file, xf_hand, 8);  KISAM_AT(isx_file, xf_undo, 12);
-KISAM_AT(isx_file, xf_chainlen, 16); KISAM_AT(isx_file, xf_spare, 20);
+KISAM_AT(isx_file, xf_chainlen, 16); KISAM_AT(isx_file, xf_log_gen, 20);
+KISAM_AT(isx_file, xf_log_end, 24); KISAM_AT(isx_file, xf_log_synced, 32);
+KISAM_AT(isx_file, xf_log_start, 40); KISAM_AT(isx_file, xf_spare, 48);
 
 // One per process-table slot.
 struct isx_proc {
@@ -115,7 +139,11 @@ inline constexpr uint32_t ISX_MAGIC = 0x3158414Bu;  // "KAX1"
 // 3: readers without the lock trust xf_seq, so every library attached to the area must
 // keep it; an area of version 2 (kept by a library that does not) is refused, and such
 // a library refuses this one.
-inline constexpr uint16_t ISX_VERSION = 3;
+// 4: pages reach their files only after the redo log that covers them (lg.h): a library
+// that wrote pages at every call would break that order, so versions do not mix.
+inline constexpr uint16_t ISX_VERSION = 4;
+// In a page log mark: the page's next log entry must be its whole image.
+inline constexpr uint64_t ISX_LSN_FULL = uint64_t{1} << 63;
 
 // This process's view of the attached area; null when not attached.
 extern isx_head* isx_area;
@@ -158,6 +186,10 @@ inline isx_reaped* isx_reaped_at(int k) {
 // Back link of buffer slot s (the slot before it on its chain).
 inline int16_t* isx_link(int s) {
     return reinterpret_cast<int16_t*>(reinterpret_cast<char*>(isx_area) + isx_area->xh_link_base) + s;
+}
+// Page log mark of buffer slot s.
+inline uint64_t* isx_lsn(int s) {
+    return reinterpret_cast<uint64_t*>(reinterpret_cast<char*>(isx_area) + isx_area->xh_lsn_base) + s;
 }
 // Chain log of shared-file slot u: xh_log_len entries.
 inline int16_t* isx_log(int u) {

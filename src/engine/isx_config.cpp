@@ -22,7 +22,12 @@
 
 namespace {
 
-constexpr unsigned kKnownOptions = KISAM_TRACK_CHANGES | KISAM_SYNC_ON_MARK | KISAM_CLEAR_ON_RELEASE;
+constexpr unsigned kKnownOptions =
+    KISAM_TRACK_CHANGES | KISAM_SYNC_ON_MARK | KISAM_CLEAR_ON_RELEASE | KISAM_DURABLE;
+constexpr unsigned kRecordOptions = KISAM_TRACK_CHANGES | KISAM_SYNC_ON_MARK | KISAM_CLEAR_ON_RELEASE;
+// This library's own settings follow the record (start-up reads up to 512 bytes and
+// ignores what follows the record): "KXC1", then option bits (1: durable calls).
+constexpr uint32_t kExtMagic = 0x3143584Bu;
 constexpr int kKnownFlags = KISAM_CONFIG_REPLACE;
 
 bool in(int v, int lo, int hi) { return v >= lo && v <= hi; }
@@ -50,7 +55,7 @@ bool make_record(const kisam_settings& s, is_config& c) {
     c.co_anumlock = static_cast<int16_t>(s.locks_per_file);
     c.co_maxfbuf = static_cast<int16_t>(s.file_buffers ? s.file_buffers : s.buffers);
     c.co_maxufile = static_cast<int16_t>(s.files_per_process);
-    c.co_bits = s.options;
+    c.co_bits = s.options & kRecordOptions;
     int64_t heap = 0;
     if (size_layout(&c, &heap) != 0 ||
         int64_t(c.co_comsize) + isx_size(s.files, s.users, s.buffers) > INT32_MAX) {
@@ -82,7 +87,16 @@ extern "C" KISAM_API int kisam_config_write(const char* path, const struct kisam
     const bool replace = flags & KISAM_CONFIG_REPLACE;
     int fd = kisam::os_open(path, O_WRONLY | O_CREAT | O_CLOEXEC | (replace ? 0 : O_EXCL), perm);
     if (fd < 0) return -1;
-    bool ok = kisam::os_pwrite_full(fd, &c, sizeof c, 0) == 0 && kisam::os_ftruncate(fd, sizeof c) == 0;
+    unsigned char out[sizeof c + 8];
+    std::memcpy(out, &c, sizeof c);
+    size_t len = sizeof c;
+    const unsigned opts = (settings ? *settings : defaults).options;
+    if (opts & KISAM_DURABLE) {
+        const uint32_t ext[2] = {kExtMagic, 1};
+        std::memcpy(out + len, ext, sizeof ext);
+        len += sizeof ext;
+    }
+    bool ok = kisam::os_pwrite_full(fd, out, len, 0) == 0 && kisam::os_ftruncate(fd, static_cast<off_t>(len)) == 0;
     int saved = errno;
     if (kisam::os_close(fd) != 0 && ok) {
         ok = false;

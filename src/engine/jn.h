@@ -54,6 +54,11 @@ int jn_begin(void) noexcept;
 int jn_touch(PAGE pno, const IS_DATA* d) noexcept;
 // True while a unit is running in this process.
 bool jn_active(void) noexcept;
+// The before-image of page pno of the current file saved by the running unit, or null.
+const IS_DATA* jn_before(PAGE pno) noexcept;
+// The running unit's log record is about to be appended, ending at LSN end (lg.h): a
+// unit found ACTIVE after its owner died committed when the log's end has reached it.
+void jn_committing(uint64_t end) noexcept;
 // The release that ends the unit's hold: called by is_relctl after a successful flush
 // with the hold count it left.
 void jn_release(IS_FCP* fcp, int ctlcnt) noexcept;

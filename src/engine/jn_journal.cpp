@@ -15,6 +15,8 @@
 // descriptors of open files), is_env.useridx (this process's slot).
 #include "jn.h"
 
+#include "lg.h"
+
 #include "fcp.h"
 #include "is_access.h"
 #include "is_error.h"
@@ -37,11 +39,11 @@
 
 namespace {
 
-constexpr uint32_t kMagic = 0x314E4A4Bu;  // "KJN1"
+constexpr uint32_t kMagic = 0x324E4A4Bu;  // "KJN2"
 constexpr size_t kHeadBytes = 4096;
 constexpr uint32_t kFirstCapacity = 256;   // before-images reserved at first use
 constexpr size_t kBootBytes = 48;
-constexpr size_t kPathBytes = 3488;
+constexpr size_t kPathBytes = 3480;
 
 struct jn_head {
     uint32_t jh_magic;          //    0-3
@@ -57,11 +59,14 @@ struct jn_head {
     uint32_t jh_fcplen;         //   44-47   bytes of jh_fcp in use
     uint8_t jh_fcp[kisam::kFcpImage];  // 48-559  control page from is_magic on
     char jh_boot[kBootBytes];   //  560-607  the kernel's boot id when the journal was opened
-    char jh_path[kPathBytes];   //  608-4095 the file's path (absolute when it could be made so)
+    char jh_path[kPathBytes];   //  608-4087 the file's path (absolute when it could be made so)
+    uint64_t jh_commit;         // 4088-4095 LSN after the unit's log record once it is being
+                                //           appended (0 before): the unit committed when the
+                                //           file's log end (xf_log_end) has reached it
 };
 KISAM_RECORD(jn_head, kHeadBytes);
 KISAM_AT(jn_head, jh_state, 4); KISAM_AT(jn_head, jh_npages, 32); KISAM_AT(jn_head, jh_fcp, 48);
-KISAM_AT(jn_head, jh_boot, 560); KISAM_AT(jn_head, jh_path, 608);
+KISAM_AT(jn_head, jh_boot, 560); KISAM_AT(jn_head, jh_path, 608); KISAM_AT(jn_head, jh_commit, 4088);
 
 struct jn_image {
     uint32_t ji_pno;            // 0-3
@@ -166,9 +171,11 @@ struct Own {
     int u = -1;
     int depth = 0;
     PAGE oldlast = 0;
-    // Pages saved in this unit: open addressing, a slot is valid when its stamp is gen.
+    // Pages saved in this unit: open addressing, a slot is valid when its stamp is gen;
+    // idx is the number of the page's before-image.
     uint32_t* pno = nullptr;
     uint32_t* stamp = nullptr;
+    uint32_t* idx = nullptr;
     uint32_t cap = 0;
     uint32_t gen = 0;
     // The file whose path jh_path holds.
@@ -183,9 +190,11 @@ bool seen_grow() noexcept {
     const uint32_t ncap = own.cap ? own.cap * 2 : 1024;
     uint32_t* np = static_cast<uint32_t*>(std::calloc(ncap, sizeof(uint32_t)));
     uint32_t* ns = static_cast<uint32_t*>(std::calloc(ncap, sizeof(uint32_t)));
-    if (!np || !ns) {
+    uint32_t* ni = static_cast<uint32_t*>(std::calloc(ncap, sizeof(uint32_t)));
+    if (!np || !ns || !ni) {
         std::free(np);
         std::free(ns);
+        std::free(ni);
         return false;
     }
     for (uint32_t i = 0; i < own.cap; ++i) {
@@ -194,11 +203,14 @@ bool seen_grow() noexcept {
         while (ns[k] == own.gen) k = (k + 1) & (ncap - 1);
         np[k] = own.pno[i];
         ns[k] = own.gen;
+        ni[k] = own.idx[i];
     }
     std::free(own.pno);
     std::free(own.stamp);
+    std::free(own.idx);
     own.pno = np;
     own.stamp = ns;
+    own.idx = ni;
     own.cap = ncap;
     return true;
 }
@@ -214,6 +226,7 @@ bool seen(PAGE pno, uint32_t count) noexcept {
     }
     own.pno[k] = pno;
     own.stamp[k] = own.gen;
+    own.idx[k] = count;
     return false;
 }
 
@@ -288,53 +301,26 @@ int grow_own() noexcept {
     return 0;
 }
 
-// A scratch control page built from a journal's image, for offsets and the disk image.
-struct OldFcp {
-    alignas(8) char buf[IS_FCP_JDSIZE + kisam::kFcpImage] = {};
-    explicit OldFcp(const jn_head* h) {
-        const uint32_t n = h->jh_fcplen <= kisam::kFcpImage ? h->jh_fcplen : kisam::kFcpImage;
-        std::memcpy(buf + IS_FCP_JDSIZE, h->jh_fcp, n);
-    }
-    const IS_FCP* fcp() const { return reinterpret_cast<const IS_FCP*>(buf); }
-};
+inline isx_file* xfile(int u) { return kisam::isx_file_of(u); }
 
-// Puts the images of m back on disk through fd and cuts the file back to the unit's
-// old end; writes the control page image unless the caller restores a shared copy.
-// Returns the number of writes that failed (the first one raised).
-int undo_disk(const Map& m, int fd, bool write_fcp, bool clear_mark) noexcept {
-    jn_head* h = m.h;
-    OldFcp old(h);
-    int bad = 0;
-    const uint32_t n = valid_images(m);
-    jn_image* im = images(h);
-    for (uint32_t i = 0; i < n; ++i) {
-        const off_t off = v_fileoffset(old.fcp(), im[i].ji_pno);
-        if (off < 0 || kisam::os_pwrite_full(fd, im[i].ji_data.c, kisam::kPage, off) != 0) {
-            if (bad++ == 0) fail(5);
-        }
-    }
-    if (write_fcp && !(old.fcp()->is_optbits & ISO_SEQ)) {
-        unsigned char img[kisam::kFcpImage];
-        std::memcpy(img, old.buf + IS_FCP_JDSIZE, sizeof img);
-        IS_FCP* f = reinterpret_cast<IS_FCP*>(old.buf);
-        uint8_t bits = static_cast<uint8_t>(f->is_optbits & ~ISO_CHANGED);
-        if (clear_mark) bits = static_cast<uint8_t>(bits & ~ISO_DIRTYMARK);
-        img[offsetof(IS_FCP, is_optbits) - IS_FCP_JDSIZE] = bits;
-        if (kisam::os_pwrite_full(fd, img, sizeof img, 0) != 0 && bad++ == 0) fail(5);
-    }
-    // Pages the unit added lie past the old end: nothing refers to them any more.
-    const off_t end = v_fileoffset(old.fcp(), old.fcp()->is_lastpage);
-    struct stat st;
-    if (end > 0 && kisam::os.fstat(fd, &st) == 0 && st.st_size > end) kisam::os_ftruncate(fd, end);
-    return bad;
+// Whether m's unit reached its commit point: its log record is in and the file's log
+// end has moved past it (no other call can have appended since: the unit's owner held
+// the control lock until it died, and whoever looks now holds it).
+bool committed(const jn_head* h, int u) noexcept {
+    return h->jh_commit != 0 && isx_area &&
+           std::atomic_ref<uint64_t>(xfile(u)->xf_log_end).load(std::memory_order_acquire) == h->jh_commit;
 }
 
 // Full rollback of m's unit on the shared file fcp (slot u), whose control lock the
-// caller holds: disk, pool and shared control page.  0, or -1 (error raised).
-int undo_shared(const Map& m, IS_FCP* fcp, int u, int fd) noexcept {
+// caller holds.  None of the unit's pages reached the file (lg.h rule 2): their copies in
+// the pool get their before-images back, the pages past the old end are dropped, and the
+// shared control page is restored.  A record the unit may have left in the log past the
+// log's end is made invalid first.  0, or -1 (error raised).
+int undo_shared(const Map& m, IS_FCP* fcp, int u) noexcept {
     jn_head* h = m.h;
+    if (h->jh_commit != 0 && lg_undo_tail(u, h->jh_commit) != 0) return -1;
     v_changing(fcp, u);
-    int bad = undo_disk(m, fd, false, false);
+    v_unit_forget(u);
 
     // The shared control page as it was, but for the count of processes, which no unit
     // changes and which others may have changed since.
@@ -344,54 +330,28 @@ int undo_shared(const Map& m, IS_FCP* fcp, int u, int fd) noexcept {
         std::memcpy(&fcp->is_magic, h->jh_fcp, len);
     fcp->is_usecnt = usecnt;
 
-    // Cached copies of the changed pages and of the pages past the old end go.
+    int bad = 0;
     const uint32_t n = valid_images(m);
-    PAGE* pages = static_cast<PAGE*>(std::malloc((n ? n : 1) * sizeof(PAGE)));
-    if (pages) {
-        for (uint32_t i = 0; i < n; ++i) pages[i] = images(h)[i].ji_pno;
-        v_discard(fcp, u, pages, static_cast<int>(n), fcp->is_lastpage);
-        std::free(pages);
-    } else {
-        v_discard(fcp, u, nullptr, -1, fcp->is_lastpage);  // all of the file's pages
-    }
-
-    if (!(fcp->is_optbits & ISO_SEQ)) {
-        unsigned char img[kisam::kFcpImage];
-        kisam::fcp_image(fcp, img);
-        if (kisam::os_pwrite_full(fd, img, sizeof img, 0) != 0) {
-            fcp->is_optbits |= ISO_CHANGED;
+    for (uint32_t i = 0; i < n; ++i) {
+        const jn_image& im = images(h)[i];
+        if (v_restore(fcp, u, im.ji_pno, &im.ji_data)) continue;
+        // Not in the pool (a slot fixed by the unit is never a victim, so this is only
+        // ever a page the unit saved but did not change): the file gets the before-image,
+        // once the log that covers it is on disk.
+        const int fd = lg_wfd(u);
+        const off_t off = v_fileoffset(fcp, im.ji_pno);
+        if (fd < 0 || off < 0 ||
+            lg_sync_to(u, std::atomic_ref<uint64_t>(xfile(u)->xf_log_end).load()) != 0 ||
+            kisam::os_pwrite_full(fd, im.ji_data.c, kisam::kPage, off) != 0) {
             if (bad++ == 0) fail(5);
         }
     }
+    // Pages the unit added lie past the old end: nothing refers to them any more.
+    v_discard(fcp, u, nullptr, 0, fcp->is_lastpage);
     if (isx_area) std::atomic_ref<uint32_t>(isx_area->xh_rolledback).fetch_add(1);
     return bad ? -1 : 0;
 }
 
-// A descriptor through which the file of h can be written: this process's own when
-// writable, else the path reopened (and checked to be the same file).  `opened` says
-// whether the caller must close it.
-int writable_fd(const jn_head* h, int u, bool& opened) noexcept {
-    opened = false;
-    if (is_pfi && u >= 0 && u < isam_com->maxopen && is_pfi[u].pfi_osfd >= 0 &&
-        !(is_pfi[u].pfi_bits & PFI_RDONLY))
-        return is_pfi[u].pfi_osfd;
-    char path[kPathBytes];
-    std::memcpy(path, h->jh_path, sizeof path);
-    path[sizeof path - 1] = '\0';
-    int fd = kisam::os_open(path, O_RDWR | O_CLOEXEC);
-    if (fd < 0) return -1;
-    struct stat st;
-    if (kisam::os.fstat(fd, &st) != 0 || static_cast<uint64_t>(st.st_dev) != h->jh_dev ||
-        static_cast<uint64_t>(st.st_ino) != h->jh_ino) {
-        kisam::os_close(fd);
-        errno = ESTALE;
-        return -1;
-    }
-    opened = true;
-    return fd;
-}
-
-inline isx_file* xfile(int u) { return kisam::isx_file_of(u); }
 
 // Shared-file slot of fcp, or -1.
 int slot_of(const IS_FCP* fcp) {
@@ -437,9 +397,11 @@ void each_journal(Fn fn) noexcept {
 
 void jn_setbase(const char* lockname) noexcept {
     std::snprintf(jbase, sizeof jbase, "%s", lockname ? lockname : "");
+    lg_setbase(lockname);
 }
 
 void jn_close(void) noexcept {
+    lg_close();
     drop_own();
     own.active = false;
     own.slot = -1;
@@ -484,6 +446,7 @@ int jn_begin(void) noexcept {
     h->jh_fcplen = len;
     std::memcpy(h->jh_fcp, &fcp->is_magic, len);
     std::atomic_ref<uint32_t>(h->jh_npages).store(0, std::memory_order_relaxed);
+    h->jh_commit = 0;
     h->jh_units++;
     state_of(h).store(JN_ACTIVE, std::memory_order_release);
     own.active = true;
@@ -521,6 +484,24 @@ int jn_touch(PAGE pno, const IS_DATA* d) noexcept {
 
 bool jn_active(void) noexcept { return own.active; }
 
+const IS_DATA* jn_before(PAGE pno) noexcept {
+    if (!own.active || !own.stamp || pno >= own.oldlast || pno == 0 || !is_curfcp || own.fcp != is_curfcp)
+        return nullptr;
+    uint32_t k = (pno >> 10) * 0x9E3779B1u & (own.cap - 1);
+    while (own.stamp[k] == own.gen) {
+        if (own.pno[k] == pno) {
+            const uint32_t i = own.idx[k];
+            return i < own.m.h->jh_npages ? &images(own.m.h)[i].ji_data : nullptr;
+        }
+        k = (k + 1) & (own.cap - 1);
+    }
+    return nullptr;
+}
+
+void jn_committing(uint64_t end) noexcept {
+    if (own.active && own.m.h) own.m.h->jh_commit = end;
+}
+
 void jn_release(IS_FCP* fcp, int ctlcnt) noexcept {
     if (!own.active || own.fcp != fcp || ctlcnt >= own.depth) return;
     state_of(own.m.h).store(JN_IDLE, std::memory_order_release);
@@ -533,25 +514,18 @@ void jn_abort(void) noexcept {
     kisam::ErrorKeep keep;
     jn_head* h = own.m.h;
     const int u = own.u;
-    // A call refused before it changed anything (a missing record, say) has nothing to
-    // undo -- but for a page it may have added to the file before it failed.
-    if (h->jh_npages == 0 && std::memcmp(h->jh_fcp, &own.fcp->is_magic, h->jh_fcplen) == 0) {
-        const int fd = is_pfi[u].pfi_osfd;
-        const off_t end = v_fileoffset(own.fcp, own.fcp->is_lastpage);
-        struct stat st;
-        if (fd >= 0 && end > 0 && kisam::os.fstat(fd, &st) == 0 && st.st_size > end) kisam::os_ftruncate(fd, end);
+    // A call that failed after its commit point (the sync that clears the data-changed
+    // mark, say) is whole: there is nothing to undo.
+    if (committed(h, u)) {
         state_of(h).store(JN_IDLE, std::memory_order_release);
         return;
     }
     if (isx_area) xfile(u)->xf_undo = static_cast<uint32_t>(own.slot + 1);
     state_of(h).store(JN_UNDO, std::memory_order_release);
-    bool opened = false;
-    const int fd = writable_fd(h, u, opened);
-    if (fd >= 0 && undo_shared(own.m, own.fcp, u, fd) == 0) {
+    if (undo_shared(own.m, own.fcp, u) == 0) {
         state_of(h).store(JN_IDLE, std::memory_order_release);
         if (isx_area) xfile(u)->xf_undo = 0;
     }
-    if (opened) kisam::os_close(fd);
 }
 
 void jn_note_stale(IS_FCP* fcp, uint32_t pid) noexcept {
@@ -596,16 +570,8 @@ int jn_settle(IS_FCP* fcp, int u) noexcept {
         unmap(other);
         return 0;
     }
-    state_of(h).store(JN_UNDO, std::memory_order_release);
-    bool opened = false;
-    const int fd = writable_fd(h, u, opened);
-    int rc;
-    if (fd < 0) {
-        rc = fail(3, ISE_OPENF);
-    } else {
-        rc = undo_shared(m, fcp, u, fd);
-        if (opened) kisam::os_close(fd);
-    }
+    // A unit that died after its commit point is whole.
+    const int rc = committed(h, u) ? 0 : (state_of(h).store(JN_UNDO, std::memory_order_release), undo_shared(m, fcp, u));
     if (rc == 0) {
         state_of(h).store(JN_IDLE, std::memory_order_release);
         xfile(u)->xf_undo = 0;
@@ -659,16 +625,9 @@ int jn_clear_slot(int i, bool wait) noexcept {
             rc = jn_settle(fcp, u);
             if (!mine) is_unlock(w);
         } else {
-            // Open nowhere: nothing but the disk holds the unit.
-            bool opened = false;
-            const int fd = writable_fd(h, -1, opened);
-            if (fd < 0) {
-                rc = fail(3, ISE_OPENF);
-            } else {
-                if (undo_disk(m, fd, true, false) != 0) rc = -1;
-                kisam::os_close(fd);
-            }
-            if (rc == 0) state_of(h).store(JN_IDLE, std::memory_order_release);
+            // Open nowhere: none of the unit reached the file (lg.h rule 2), and the pool
+            // that held it is gone.
+            state_of(h).store(JN_IDLE, std::memory_order_release);
         }
     }
     if (state_of(h).load(std::memory_order_acquire) != JN_IDLE) rc = -1;
@@ -677,40 +636,22 @@ int jn_clear_slot(int i, bool wait) noexcept {
 }
 
 void jn_recover_all(void) noexcept {
-    kisam::ErrorKeep keep;
+    // Nobody is attached: the pool that held the units' changes is gone, and none of them
+    // reached a file (lg.h rule 2).  What the calls committed is in the logs.
     each_journal([](Map& m) {
-        jn_head* h = m.h;
-        if (state_of(h).load(std::memory_order_acquire) == JN_IDLE) return;
-        if (!trustworthy(h)) {
-            // From before the machine last started: nothing of it can be relied on.
-            state_of(h).store(JN_IDLE, std::memory_order_release);
-            return;
-        }
-        bool opened = false;
-        const int fd = writable_fd(h, -1, opened);
-        if (fd < 0) return;  // the file is gone or not ours to write: leave the journal
-        if (undo_disk(m, fd, true, false) == 0) state_of(h).store(JN_IDLE, std::memory_order_release);
-        kisam::os_close(fd);
+        if (state_of(m.h).load(std::memory_order_acquire) != JN_IDLE)
+            state_of(m.h).store(JN_IDLE, std::memory_order_release);
     });
 }
 
 bool jn_recover_file(uint64_t dev, uint64_t ino) noexcept {
-    kisam::ErrorKeep keep;
     bool done = false;
     each_journal([&](Map& m) {
         jn_head* h = m.h;
-        if (state_of(h).load(std::memory_order_acquire) == JN_IDLE || h->jh_dev != dev || h->jh_ino != ino ||
-            !trustworthy(h))
+        if (state_of(h).load(std::memory_order_acquire) == JN_IDLE || h->jh_dev != dev || h->jh_ino != ino)
             return;
-        bool opened = false;
-        int wfd = writable_fd(h, -1, opened);
-        if (wfd < 0) return;
-        // A file rolled back to its state before the unit is sound: its mark may go.
-        if (undo_disk(m, wfd, true, true) == 0) {
-            state_of(h).store(JN_IDLE, std::memory_order_release);
-            done = true;
-        }
-        kisam::os_close(wfd);
+        state_of(h).store(JN_IDLE, std::memory_order_release);
+        done = true;
     });
     return done;
 }

@@ -17,6 +17,7 @@
 #include "is_file.h"
 #include "is_rec.h"
 #include "jn.h"
+#include "lg.h"
 
 #include <cstring>
 
@@ -36,19 +37,25 @@ void set_search(int keyno, const char* key) {
 template <class Work>
 int unit(Work work) noexcept {
     if (is_getctl() < 0) return -1;
-    // A read-only handle changes nothing (the work refuses): no unit to keep.
-    if (!(is_curpfi->pfi_bits & PFI_RDONLY) && jn_begin() != 0) {
+    // A read-only handle changes nothing (the work refuses): no unit to keep.  A log
+    // grown past its limit is brought into the file first: a failure there leaves
+    // nothing changed.
+    if (!(is_curpfi->pfi_bits & PFI_RDONLY) &&
+        (lg_maybe_checkpoint(is_curfcp, is_curdb->uniqueid) != 0 || jn_begin() != 0)) {
         is_relctl();
         return -1;
     }
     int r = work();
     if (r < 0) jn_abort();
     if (is_relctl() != 0) {
-        // The closing flush failed: undo what the call wrote, and say so.
+        // The commit failed: undo what the call changed, and say so.
         jn_abort();
         is_relctl_again();
         r = -1;
     }
+    // Durable mode: the call returns once its record is on disk (shared with the calls
+    // of others that ended meanwhile).
+    if (lg_pay() != 0) r = -1;
     return r;
 }
 

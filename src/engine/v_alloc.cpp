@@ -25,10 +25,6 @@ constexpr uint64_t kMaxPageOffset = 0xFFFFFBFEull;
 // Highest page number whose end is still a PAGE: is_lastpage must stay representable.
 constexpr uint64_t kMaxPage = 0xFFFFFFFFull - KISAM_PAGESIZE;
 
-// A failing pwrite stands for a failing seek only when the offset itself was refused;
-// a file grown past the size limit (EFBIG) is a failed write.
-inline bool seek_errno(int e) { return e == EINVAL || e == ESPIPE || e == EOVERFLOW; }
-
 }  // namespace
 
 IS_DATA* v_new(PAGE* pno) noexcept {
@@ -45,19 +41,8 @@ IS_DATA* v_new(PAGE* pno) noexcept {
             return nullptr;
         }
     }
-    // The file's real end wins over a control page that lags behind it (pages added
-    // after the last write of the control page).  An empty chain stays empty: the
-    // pages past the old end were handed out and may hold data, they are no free chain.
-    struct file_info fi;
-    if (osfstat(pfi->pfi_osfd, &fi) == 0) {
-        const uint64_t end = (static_cast<uint64_t>(fi.f_size) + KISAM_PAGESIZE - 1) &
-                             ~static_cast<uint64_t>(KISAM_PAGESIZE - 1);
-        const PAGE last = end > 0xFFFFFFFFull ? static_cast<PAGE>(0xFFFFFC00u) : static_cast<PAGE>(end);
-        if (fcp->is_lastpage != last) {
-            if (fcp->is_nextfree == fcp->is_lastpage) fcp->is_nextfree = last;
-            fcp->is_lastpage = last;
-        }
-    }
+    // The shared control page says where the file ends: pages past the end on disk may
+    // live in the pool only, not yet written back (lg.h).
     PAGE next = fcp->is_nextfree;
     if (next % KISAM_PAGESIZE != 0 || next < KISAM_PAGESIZE || next > fcp->is_lastpage)
         next = fcp->is_nextfree = fcp->is_lastpage;  // a damaged chain is abandoned
@@ -91,18 +76,9 @@ IS_DATA* v_new(PAGE* pno) noexcept {
             is_raise(ISE_NWSK, PROC(P_V_NEW, 1));
             return nullptr;
         }
-        IS_DATA blank;
-        std::memset(&blank, 0, sizeof blank);
-        blank.us[0] = 0xFFFF;
-        kisam::store_at<uint16_t>(blank.c + KISAM_PAGESIZE - 2, 0xFFFF);
-        if (kisam::os_pwrite_full(pfi->pfi_osfd, blank.c, sizeof blank, off) != 0) {
-            if (seek_errno(errno))
-                is_raise(ISE_NWSK, PROC(P_V_NEW, 2));
-            else
-                is_raise(ISE_NWWT, PROC(P_V_NEW, 4));
-            return nullptr;
-        }
-        pg = v_read(next);
+        // The new page lives in the pool until it is written back after its log (lg.h):
+        // the file grows then, not now.
+        pg = v_fresh(next);
         if (!pg) return nullptr;
         fcp->is_nextfree += KISAM_PAGESIZE;
         fcp->is_lastpage += KISAM_PAGESIZE;

@@ -62,6 +62,7 @@
 #include "is_error.h"
 #include "is_lock.h"
 #include "jn.h"
+#include "lg.h"
 #include "isx_area.h"
 #include "os.h"
 #include "test_hook.h"
@@ -122,6 +123,13 @@ struct PoolBook {
 };
 
 PoolBook bk;
+
+// The pages this process changed (v_write) since its last commit, each slot once: the
+// content of the next log record of their file (lg.h).  Slots of several files may be
+// listed when a process holds several control locks.
+int16_t chg_slot[BU_FILEMASK + 1];
+uint8_t chg_in[BU_FILEMASK + 1];
+int chg_n = 0;
 
 void book_free() noexcept {
     std::free(bk.tab);
@@ -399,44 +407,13 @@ inline bool writable(const IS_PFI* pfi) { return pfi->pfi_osfd >= 0 && !(pfi->pf
 // A failing pread/pwrite stands for a failing seek when the offset was the problem.
 inline bool seek_errno(int e) { return e == EINVAL || e == ESPIPE || e == EOVERFLOW; }
 
-// Writes the control page image of fcp at offset 0; 0 or -1 (errno set).
-int write_fcp(IS_FCP* fcp, int fd) noexcept {
-    unsigned char img[kisam::kFcpImage];
-    kisam::fcp_image(fcp, img);
-    if (kisam::os_pwrite_full(fd, img, sizeof img, 0) != 0) {
-        fcp->is_optbits |= ISO_CHANGED;  // still due: the next flush tries again
-        return -1;
-    }
-    count(isam_com->syswrite);
-    return 0;
-}
-
-// Clears every fix on u's chain and writes its dirty slots when the file is writable
-// here; stops at the first failing write (-1, error raised with the flush codes when
-// `flush_codes`, else by writebuf).
-int walk_unfix(IS_FCP* fcp, int u, bool flush_codes) noexcept {
-    // A process still attaching (cleaning up after the dead) has no tables yet: it
-    // cannot write anything, and only unfixes.
-    IS_PFI* pfi = is_pfi ? &is_pfi[u] : nullptr;
-    const bool wr = pfi && writable(pfi);
+// Clears every fix on u's chain.  Dirty slots stay dirty: pages reach the file only by
+// write-back after the log that covers them (lg.h).
+void walk_unfix(IS_FCP* fcp, int u) noexcept {
+    (void)u;
     int n = 0;
-    for (int s = fcp->jd_buf_hd; valid_slot(s) && n < isam_com->maxbufs; s = slot(s)->bu_next, ++n) {
-        IS_BUF* b = slot(s);
-        b->bu_id &= static_cast<uint16_t>(~BU_INUSE);
-        if (!wr || !(b->bu_id & BU_DIRTY)) continue;
-        if (!flush_codes) {
-            if (writebuf(b) != 0) return -1;
-            continue;
-        }
-        off_t off = v_fileoffset(fcp, b->bu_pno);
-        if (off < 0) return is_raise(ISE_FLSK, PROC(P_V_READ, 2));
-        if (kisam::os_pwrite_full(pfi->pfi_osfd, b->bu_data.c, kisam::kPage, off) != 0)
-            return is_raise(seek_errno(errno) ? ISE_FLSK : ISE_FLWT,
-                            PROC(P_V_READ, seek_errno(errno) ? 2 : 3));
-        count(isam_com->syswrite);
-        b->bu_id &= static_cast<uint16_t>(~BU_DIRTY);
-    }
-    return 0;
+    for (int s = fcp->jd_buf_hd; valid_slot(s) && n < isam_com->maxbufs; s = slot(s)->bu_next, ++n)
+        slot(s)->bu_id &= static_cast<uint16_t>(~BU_INUSE);
 }
 
 inline void clear_tag(IS_BUF* b) {
@@ -464,7 +441,7 @@ int chain_find(const IS_FCP* fcp, PAGE pno) noexcept {
 // one of u's own slots, re-tagged in place.  A failed load gives an attached slot back to
 // the free list and leaves a slot in place on the chain holding no page (rule 1).
 // 0, or -1 with the error raised.
-int load_slot(IS_FCP* fcp, int u, int s, PAGE pno, bool attach) noexcept {
+int load_slot(IS_FCP* fcp, int u, int s, PAGE pno, bool attach, bool fresh = false) noexcept {
     IS_BUF* b = slot(s);
     isx_file* f = xfile(u);
     v_changing(fcp, u);
@@ -485,7 +462,16 @@ int load_slot(IS_FCP* fcp, int u, int s, PAGE pno, bool attach) noexcept {
     if (kisam::test_hook) kisam::test_hook(kisam::kHookLoad, u);
     b->bu_cnt = clock_now();
     b->bu_wcnt = clock_advance(isam_com->lru_wcnt);
-    const int rc = readbuf(b, pno);
+    // The page is as on disk (or new): nothing need reach the log before it is written
+    // back, and its first log entry is its whole image.
+    *kisam::isx_lsn(s) = ISX_LSN_FULL;
+    int rc = 0;
+    if (fresh) {
+        std::memset(b->bu_data.c, 0, kisam::kPage);
+        std::atomic_ref<uint32_t>(b->bu_pno).store(pno, std::memory_order_release);
+    } else {
+        rc = readbuf(b, pno);
+    }
     if (rc == 0) {
         ref_set(s);
     } else if (attach) {
@@ -560,6 +546,8 @@ int own_victim(IS_FCP* fcp, int u, bool rdonly) noexcept {
         if (!valid_slot(h)) h = fcp->jd_buf_hd;
         const uint16_t id = b->bu_id;
         if ((id & BU_INUSE) || (rdonly && (id & BU_DIRTY))) continue;
+        // A page changed by a call whose rollback is still due must not reach the file.
+        if ((id & BU_DIRTY) && f->xf_undo != 0) continue;
         if (ref_take(s)) continue;
         victim = s;
         break;
@@ -648,7 +636,9 @@ int lock_bufs() noexcept {
 inline bool stealable(uint16_t id, int w) noexcept {
     if (id & BU_INUSE) return false;
     if (w >= isam_com->maxopen || !pfo_fcp(w)) return false;
-    return !(id & BU_DIRTY) || (is_pfi && writable(&is_pfi[w]));
+    if (!(id & BU_DIRTY)) return true;
+    // A dirty page of a call whose rollback is still due must not reach the file.
+    return xfile(w)->xf_undo == 0 && lg_wfd(w) >= 0;
 }
 
 // The steal scan (rule 5): the hand over all slots turns from where it stopped last.  A
@@ -704,7 +694,7 @@ int steal_victim(bool hb, bool* took) noexcept {
 
 // The lock-holding part of a miss: a free slot or a victim, attached to u's chain and
 // loaded with pno.  Returns the slot or -1 (error raised, nothing of ours left locked).
-int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb) noexcept {
+int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb, bool fresh) noexcept {
     struct isam_com* com = isam_com;
     for (;;) {
         if (lock_bufs() != 0) return is_raise(is_lock_code(errno), PROC(P_V_READ, 6));
@@ -764,7 +754,7 @@ int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb) noexcept {
             }
             S = v;
         }
-        if (load_slot(fcp, u, S, pno, true) != 0) {
+        if (load_slot(fcp, u, S, pno, true, fresh) != 0) {
             is_unlock(&com->buf_lock);
             return -1;
         }
@@ -786,7 +776,11 @@ int v_slot_of(const void* addr) noexcept {
     return s < static_cast<uintptr_t>(isam_com->maxbufs) ? static_cast<int>(s) : -1;
 }
 
-IS_DATA* v_read(PAGE pno) noexcept {
+namespace {
+
+// Page pno of the current file fixed in a slot: as cached or read, or (fresh) a page
+// past the file's end, zeroed without a read.
+IS_DATA* get(PAGE pno, bool fresh) noexcept {
     IS_FCP* fcp = is_curfcp;
     const int u = current_file();
     const bool hb = book();
@@ -809,16 +803,18 @@ IS_DATA* v_read(PAGE pno) noexcept {
         b->bu_id |= BU_INUSE;
         ref_set(s);
         if (hb) fix_note(s);
+        if (fresh) std::memset(b->bu_data.c, 0, kisam::kPage);
         return &b->bu_data;
     }
 
     // A miss.  At its quota the file reuses one of its own slots in place: no buf_lock.
     if (static_cast<int64_t>(xfile(u)->xf_chainlen) >= isam_com->maxfbuf) {
-        const int v = own_victim(fcp, u, is_curpfi->pfi_bits & PFI_RDONLY);
+        const bool rdonly = (is_curpfi->pfi_bits & PFI_RDONLY) && lg_wfd(u) < 0;
+        const int v = own_victim(fcp, u, rdonly);
         if (v >= 0) {
             IS_BUF* b = slot(v);
             if ((b->bu_id & BU_DIRTY) && writebuf(b) != 0) return nullptr;
-            if (load_slot(fcp, u, v, pno, false) != 0) return nullptr;
+            if (load_slot(fcp, u, v, pno, false, fresh) != 0) return nullptr;
             count(isam_com->missfree);
             b->bu_id |= BU_INUSE;
             if (hb) fix_note(v);
@@ -826,9 +822,14 @@ IS_DATA* v_read(PAGE pno) noexcept {
         }
     }
 
-    s = take_slot(fcp, u, pno, hb);
+    s = take_slot(fcp, u, pno, hb, fresh);
     return s < 0 ? nullptr : &slot(s)->bu_data;
 }
+
+}  // namespace
+
+IS_DATA* v_read(PAGE pno) noexcept { return get(pno, false); }
+IS_DATA* v_fresh(PAGE pno) noexcept { return get(pno, true); }
 
 int readbuf(IS_BUF* b, PAGE pno) noexcept {
     IS_FCP* fcp = is_curfcp;
@@ -860,6 +861,10 @@ int writebuf(IS_BUF* b) noexcept {
     IS_FCP* ofcp = w < isam_com->maxopen ? pfo_fcp(w) : nullptr;
     if (!ofcp) return is_raise(ISE_RDWT, PROC(P_V_READ, 1));
     IS_PFI* pfi = &is_pfi[w];
+    const int fd = lg_wfd(w);
+    if (fd < 0) return is_raise(ISE_RDWT, PROC(P_V_READ, 1));
+    // The log first (lg.h rule 2).
+    if (lg_wal(w, static_cast<int>(b - is_env.buf_)) != 0) return -1;
     const off_t off = v_fileoffset(ofcp, b->bu_pno);
     b->bu_wcnt = clock_advance(isam_com->lru_wcnt);
     // The data-changed mark reaches the disk before the first page write after a clean
@@ -868,7 +873,7 @@ int writebuf(IS_BUF* b) noexcept {
         fcp_setdatachanged(ofcp, pfi, 1, ofcp->is_optbits & (ISO_SYNC | ISO_CLEARREL)) < 0)
         return is_raise(ISE_RDWT, PROC(P_V_READ, 3));
     if (off < 0) return is_raise(ISE_RDSK, PROC(P_V_READ, 2));
-    if (kisam::os_pwrite_full(pfi->pfi_osfd, b->bu_data.c, kisam::kPage, off) != 0)
+    if (kisam::os_pwrite_full(fd, b->bu_data.c, kisam::kPage, off) != 0)
         return seek_errno(errno) ? is_raise(ISE_RDSK, PROC(P_V_READ, 2))
                                  : is_raise(ISE_RDWT, PROC(P_V_READ, 3));
     count(isam_com->syswrite);
@@ -879,7 +884,16 @@ int writebuf(IS_BUF* b) noexcept {
 int v_write(PAGE pno, IS_DATA* datap) noexcept {
     int s = v_slot_of(datap);
     if (s < 0 || slot(s)->bu_pno != pno) return -1;
-    return writebuf(slot(s));
+    // Dirty, and fixed until the commit: a page of a call not yet committed never
+    // reaches the file (lg.h rule 2).
+    IS_BUF* b = slot(s);
+    b->bu_id |= BU_DIRTY | BU_INUSE;
+    if (book()) fix_note(s);
+    if (!chg_in[s]) {
+        chg_in[s] = 1;
+        chg_slot[chg_n++] = static_cast<int16_t>(s);
+    }
+    return 0;
 }
 
 int v_unsafe(PAGE pno, char* addr) noexcept {
@@ -914,58 +928,117 @@ int v_flush(void) noexcept {
         if (fcp->is_magic != (big ? ISMAGIC_1024 : ISMAGIC_512))
             return is_raise(ISE_FLFCP, PROC(P_V_READ, big ? 1 : 2));
     }
-    const bool wr = writable(pfi);
-    if ((fcp->is_optbits & ISO_CHANGED) && wr) {
-        if (fcp->is_optbits & ISO_SEQ) {
+    // The commit: the pages this process changed in u, and u's control page, go into
+    // u's log as one record.  They stay in the pool, dirty, for write-back.
+    int n = 0;
+    int keep = 0;
+    for (int i = 0; i < chg_n; ++i) {
+        const int s = chg_slot[i];
+        if (file_of(slot(s)) == u)
+            chg_slot[BU_FILEMASK - n++] = static_cast<int16_t>(s);  // collected at the top
+        else
+            chg_slot[keep++] = static_cast<int16_t>(s);
+    }
+    if (n > 0 || (fcp->is_optbits & ISO_CHANGED)) {
+        if (writable(pfi)) {
+            // In the order they were changed.
+            int16_t* list = chg_slot + BU_FILEMASK + 1 - n;
+            std::reverse(list, list + n);
+            uint64_t end = 0;
+            if (lg_commit(fcp, u, list, n, &end) != 0) {
+                // Listed again: the rollback that follows forgets them.
+                for (int i = 0; i < n; ++i) chg_slot[keep++] = list[i];
+                chg_n = keep;
+                return is_push(PROC(P_V_READ, 3));
+            }
+            for (int i = 0; i < n; ++i) chg_in[list[i]] = 0;
             fcp->is_optbits &= static_cast<uint8_t>(~ISO_CHANGED);
-        } else if (write_fcp(fcp, pfi->pfi_osfd) != 0) {
-            return is_raise(ISE_FLFCP, PROC(P_V_READ, 1));
+            lg_owe(u, end);
+        } else {
+            for (int i = 0; i < n; ++i) chg_in[chg_slot[BU_FILEMASK - i]] = 0;
         }
     }
+    chg_n = keep;
 
-    if (!book()) return walk_unfix(fcp, u, true);
+    if (!book()) {
+        walk_unfix(fcp, u);
+        return 0;
+    }
     // A holder that waited for a record lock gave the control lock up with its fixes in
     // place; the first flush after such a wait walks the chain once.
     const uint32_t waits = std::atomic_ref<uint32_t>(isam_com->usrwaits).load(std::memory_order_relaxed);
     if (!bk.walked[u] || bk.walk_waits[u] != waits) {
-        if (walk_unfix(fcp, u, true) != 0) return -1;
+        walk_unfix(fcp, u);
         bk.walked[u] = 1;
         bk.walk_waits[u] = waits;
     }
 
-    int keep = 0;
-    int rc = 0;
+    keep = 0;
     for (int i = 0; i < bk.nfixed; ++i) {
         const int s = bk.fixed[i];
         IS_BUF* b = slot(s);
         const int f = file_of(b);
-        if (rc != 0 || (f != u && f < bk.nopen)) {
-            bk.fixed[keep++] = static_cast<int16_t>(s);  // another file's, or not reached
+        if (f != u && f < bk.nopen) {
+            bk.fixed[keep++] = static_cast<int16_t>(s);  // another file's
             continue;
         }
-        if (f == u) {
-            b->bu_id &= static_cast<uint16_t>(~BU_INUSE);
-            if (wr && (b->bu_id & BU_DIRTY)) {
-                const off_t off = v_fileoffset(fcp, b->bu_pno);
-                if (off < 0) {
-                    rc = is_raise(ISE_FLSK, PROC(P_V_READ, 2));
-                } else if (kisam::os_pwrite_full(pfi->pfi_osfd, b->bu_data.c, kisam::kPage, off) != 0) {
-                    rc = is_raise(seek_errno(errno) ? ISE_FLSK : ISE_FLWT,
-                                  PROC(P_V_READ, seek_errno(errno) ? 2 : 3));
-                } else {
-                    count(isam_com->syswrite);
-                    b->bu_id &= static_cast<uint16_t>(~BU_DIRTY);
-                }
-                if (rc != 0) {
-                    bk.fixed[keep++] = static_cast<int16_t>(s);
-                    continue;
-                }
-            }
-        }
+        if (f == u) b->bu_id &= static_cast<uint16_t>(~BU_INUSE);
         bk.listed[s] = 0;
     }
     bk.nfixed = keep;
-    return rc;
+    return 0;
+}
+
+void v_unit_forget(int u) noexcept {
+    int keep = 0;
+    for (int i = 0; i < chg_n; ++i) {
+        const int s = chg_slot[i];
+        if (file_of(slot(s)) == u || (slot(s)->bu_id & BU_FILEMASK) == BU_FILEMASK)
+            chg_in[s] = 0;
+        else
+            chg_slot[keep++] = static_cast<int16_t>(s);
+    }
+    chg_n = keep;
+}
+
+bool v_restore(IS_FCP* fcp, int u, PAGE pno, const IS_DATA* d) noexcept {
+    const int s = chain_find(fcp, pno);
+    if (s < 0 || file_of(slot(s)) != u) return false;
+    IS_BUF* b = slot(s);
+    std::memcpy(b->bu_data.c, d->c, kisam::kPage);
+    b->bu_id |= BU_DIRTY;
+    // What the page holds now was committed by a record before the log's end; its next
+    // entry is whole, since the entries since its last whole one were not all kept.
+    *kisam::isx_lsn(s) = std::atomic_ref<uint64_t>(xfile(u)->xf_log_end).load() | ISX_LSN_FULL;
+    return true;
+}
+
+int v_write_back(IS_FCP* fcp, int u, int fd) noexcept {
+    const int nb = isam_com->maxbufs;
+    int n = 0;
+    for (int s = fcp->jd_buf_hd; valid_slot(s) && n < nb; s = slot(s)->bu_next, ++n) {
+        IS_BUF* b = slot(s);
+        if ((b->bu_id & (BU_DIRTY | BU_INUSE)) != BU_DIRTY || file_of(b) != u || b->bu_pno == KISAM_NOPAGE)
+            continue;
+        const off_t off = v_fileoffset(fcp, b->bu_pno);
+        if (off < 0) return is_raise(ISE_FLSK, PROC(P_V_READ, 2));
+        if (kisam::os_pwrite_full(fd, b->bu_data.c, kisam::kPage, off) != 0)
+            return is_raise(seek_errno(errno) ? ISE_FLSK : ISE_FLWT, PROC(P_V_READ, seek_errno(errno) ? 2 : 3));
+        count(isam_com->syswrite);
+        b->bu_id &= static_cast<uint16_t>(~BU_DIRTY);
+    }
+    return 0;
+}
+
+int v_dirty_pages(IS_FCP* fcp, int u, int (*fn)(void*, off_t, const IS_DATA*), void* arg) noexcept {
+    const int nb = isam_com->maxbufs;
+    int n = 0;
+    for (int s = fcp->jd_buf_hd; valid_slot(s) && n < nb; s = slot(s)->bu_next, ++n) {
+        IS_BUF* b = slot(s);
+        if (!(b->bu_id & BU_DIRTY) || file_of(b) != u || b->bu_pno == KISAM_NOPAGE) continue;
+        if (fn(arg, v_fileoffset(fcp, b->bu_pno), &b->bu_data) != 0) return -1;
+    }
+    return 0;
 }
 
 namespace {
@@ -1025,7 +1098,18 @@ int fcp_setdatachanged(IS_FCP* fcp, IS_PFI* pfi, int datachangedf, int syncf) no
     if ((fcp->is_optbits & ISO_SEQ) || (pfi->pfi_bits & PFI_RDONLY)) return 0;
     const bool marked = fcp->is_optbits & ISO_DIRTYMARK;
     if ((datachangedf != 0) == marked) return 0;
-    if (pfi >= is_pfi && pfi < is_pfi + isam_com->maxopen) v_changing(fcp, static_cast<int>(pfi - is_pfi));
+    const int u = pfi >= is_pfi && pfi < is_pfi + isam_com->maxopen ? static_cast<int>(pfi - is_pfi) : -1;
+    if (u >= 0) {
+        v_changing(fcp, u);
+        // A mark that says clean needs every committed page in the file (a checkpoint);
+        // the control page that carries a mark is a committed one, whose log must be on
+        // disk first (lg.h rule 2).
+        if (!datachangedf ? lg_checkpoint(fcp, u, pfi->pfi_osfd) != 0
+                          : lg_sync_to(u, std::atomic_ref<uint64_t>(xfile(u)->xf_log_end).load()) != 0) {
+            is_raise(ISE_FLFCP, PROC(P_V_READ, 1));
+            return -1;
+        }
+    }
     // The data must be on disk before a mark that says it is clean, and a mark that says
     // it is being changed before the data: a synchronisation that fails leaves the mark
     // as it was, and says so.
@@ -1068,18 +1152,7 @@ void v_stale_fcplock(IS_FCP* fcp) noexcept {
         // A change count it left odd is now this hold's to make even at its release,
         // after the repairs (readers meanwhile take the lock and wait for them).
         v_seq_adopt(fcp, u);
-        // Errors of the writes stay with the slots (still dirty); the caller's operation
-        // goes on and its own flush tries again.
-        const short err = is_errno;
-        struct is_etrace stk[20];
-        std::memcpy(stk, is_estk, sizeof stk);
-        struct is_etrace* top = is_etop;
-        const int64_t all = is_eall;
-        walk_unfix(fcp, u, false);
-        is_errno = err;
-        std::memcpy(is_estk, stk, sizeof stk);
-        is_etop = top;
-        is_eall = all;
+        walk_unfix(fcp, u);
         return;
     }
 }

@@ -24,6 +24,23 @@ int writebuf(IS_BUF* b) noexcept;
 int v_slot_of(const void* addr) noexcept;
 
 IS_DATA* v_new(PAGE* pno) noexcept;                 // zeroed fixed page, or null
+// Page pno past the file's end, zeroed in a fixed slot without reading; null on error.
+IS_DATA* v_fresh(PAGE pno) noexcept;
+
+// ---- The log's side of the pool (lg.h) ---------------------------------------------------
+// v_write marks a page dirty and keeps it fixed until the commit; v_flush commits: the
+// pages this process changed in the current file go into its log as one record.
+// Forgets the pages this process changed in file u since its last commit (rolled back).
+void v_unit_forget(int u) noexcept;
+// Puts d back as page pno of file u when a slot on u's chain holds it; false when none
+// does.  Requires u's control lock.
+bool v_restore(IS_FCP* fcp, int u, PAGE pno, const IS_DATA* d) noexcept;
+// Writes every dirty, unfixed slot of u through fd (the log on disk before: a checkpoint).
+// 0, or -1 with the error raised.  Requires u's control lock.
+int v_write_back(IS_FCP* fcp, int u, int fd) noexcept;
+// Calls fn(arg, file offset, page) for each page of u not yet written back; stops at the
+// first nonzero return (-1).  Requires u's control lock.
+int v_dirty_pages(IS_FCP* fcp, int u, int (*fn)(void*, off_t, const IS_DATA*), void* arg) noexcept;
 int v_dispose(PAGE pno, IS_DATA* bp) noexcept;      // 0, -1
 
 // File offset of page pno of a file with control page fcp.

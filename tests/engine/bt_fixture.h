@@ -65,6 +65,7 @@ public:
 
     // Page p as it is on disk (page 1024 of a compact-header file lies at offset 512).
     IS_DATA disk_page(PAGE p) const {
+        EXPECT_EQ(kt::write_back(), 0);
         IS_DATA d;
         std::memset(&d, 0x5A, sizeof d);
         int fd = ::open(path_.c_str(), O_RDONLY);

@@ -68,11 +68,13 @@ protected:
         return out;
     }
     Page disk(PAGE p) {
+        EXPECT_EQ(kt::write_back(fd_), 0);
         Page pg{};
         EXPECT_EQ(::pread(osfd_, pg.data(), pg.size(), static_cast<off_t>(p)), 1024) << p;
         return pg;
     }
     std::vector<char> whole_file() {
+        EXPECT_EQ(kt::write_back(fd_), 0);
         off_t end = ::lseek(osfd_, 0, SEEK_END);
         std::vector<char> v(static_cast<size_t>(end));
         EXPECT_EQ(::pread(osfd_, v.data(), v.size(), 0), end);

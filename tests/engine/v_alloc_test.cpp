@@ -18,6 +18,7 @@ protected:
         PoolEnv::TearDown();
     }
     std::vector<unsigned char> disk(off_t off) {
+        EXPECT_EQ(kt::write_back(), 0);
         std::vector<unsigned char> b(1024);
         int os = ::open(path("a.ism").c_str(), O_RDONLY);
         EXPECT_EQ(::pread(os, b.data(), 1024, off), 1024);

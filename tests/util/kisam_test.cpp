@@ -3,7 +3,12 @@
 #include <kisam/ztsupport.h>
 
 #include "is_common.h"
+#include "is_error.h"
+#include "is_file.h"
 #include "isx_area.h"
+#include "is_rec.h"
+#include "lg.h"
+#include "v_pool.h"
 #include "os.h"
 
 #include <fcntl.h>
@@ -310,6 +315,28 @@ uint64_t test_seed(uint64_t fallback) {
     if (const char* s = std::getenv("KISAM_SEED")) seed = std::strtoull(s, nullptr, 0);
     std::printf("[ seed     ] KISAM_SEED=%llu\n", static_cast<unsigned long long>(seed));
     return seed;
+}
+
+}  // namespace kt
+
+namespace kt {
+
+int write_back() {
+    const int u = is_curdb->uniqueid;
+    if (v_flush() != 0) return -1;
+    return lg_checkpoint(is_curfcp, u, lg_wfd(u));
+}
+
+int write_back(int isfd) {
+    if (is_isin(PROC(P_ISFLUSH), isfd, 0) < 0) return -1;
+    if (is_getctl() != 0) {
+        is_isout();
+        return -1;
+    }
+    int rc = write_back();
+    if (is_relctl() != 0) rc = -1;
+    is_isout();
+    return rc;
 }
 
 }  // namespace kt

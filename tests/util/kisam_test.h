@@ -90,6 +90,14 @@ private:
 // Procedure code of error-stack entry i (0 is where the failure arose), and the whole
 // stack innermost first.
 int stack_code(int i = 0);
+
+// Brings the current file (the call frame's, control lock held) up to date on disk, as
+// a checkpoint does: what this process changed is committed, and every page of the file
+// not yet written back is written.  For tests that look at a file's bytes on disk while
+// the library has it open.  0, or -1 with the error raised.
+int write_back();
+// The same for an open handle, taking and giving back its control lock.
+int write_back(int isfd);
 std::vector<int> error_stack();
 
 // Runs fn with file descriptor fd (1 or 2) redirected; returns what fn wrote to it.
