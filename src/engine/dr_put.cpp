@@ -6,7 +6,14 @@
 //   - free chunks lie at even offsets, in ascending order, each at least 4 bytes, and
 //     never adjoin each other or a segment's slack closer than 4 bytes;
 //   - segments and free chunks tile the body, save slack of at most 3 bytes behind a
-//     segment.
+//     segment;
+//   - slack is 2 bytes (sizes are even) and, in the middle of the body, holds the mark
+//     kSlack, so that the release of the segment frees its slack with it.  A chunk
+//     taken whole with 2 bytes to spare would otherwise lose them when its segment is
+//     freed next to another segment; the chunk's next reuse of the kind loses 2 more,
+//     and so on: the lost bytes split chunks that can then never merge, and a page
+//     holding no record any more keeps a free total under the mark of an empty page
+//     (or drops out of the full table) and is never given back.
 // Free-space table invariants: used entries are packed from entry 0; each holds a page
 // position plus that page's free total (1..1019) in the low 10 bits; is_mincdpi is the
 // first used entry with the least free bytes, -1 when there is none.
@@ -30,6 +37,10 @@ namespace {
 
 constexpr int kCdp = 16;
 constexpr int kFreeMax = 1019;   // a page with more free bytes than this is empty
+// Mark of slack.  No segment begins with it (its length, 1023, does not fit in the
+// body), nor a free chunk (it would link to offset -1): a word that is this is slack,
+// whoever wrote it.
+constexpr uint16_t kSlack = 0xFFFF;
 
 inline uint16_t page_word(const char* bp) { return load_at<uint16_t>(bp); }
 inline void set_page_word(char* bp, int first) {
@@ -75,6 +86,11 @@ inline bool page_ok(PAGE p) {
 void put_last(char* bp, int off, const char* src, int len) {
     store_at<uint16_t>(bp + off, static_cast<uint16_t>(0x8000 + len));
     std::memcpy(bp + off + 2, src, static_cast<size_t>(len));
+}
+// Marks the slack of a segment at off that took a chunk of avail bytes.
+void mark_slack(char* bp, int off, int len, int avail) {
+    const int n = dr_need(len);
+    if (avail > n) store_at<uint16_t>(bp + off + n, kSlack);
 }
 void put_continued(char* bp, int off, int next, const char* src, int len) {
     store_at<uint16_t>(bp + off,
@@ -126,6 +142,7 @@ static PAGE dr_putrec(const char* recptr, int reclen, PAGE drp, char* bp) noexce
                 seg = c + a - n;
             }
             put_last(bp, seg, recptr, reclen);
+            if (seg == c) mark_slack(bp, seg, reclen, a);
             return drp + static_cast<PAGE>(seg);
         }
         if (r > 0) r = dr_need(r) <= a ? 0 : r - (a - 3);
@@ -153,6 +170,7 @@ static PAGE dr_putrec(const char* recptr, int reclen, PAGE drp, char* bp) noexce
             set_page_word(bp, nx);
         }
         put_last(bp, c, src, remaining);
+        if (a - need <= 3) mark_slack(bp, c, remaining, a);
         return drp + static_cast<PAGE>(head);
     }
     return KISAM_NOPAGE;
@@ -366,7 +384,6 @@ int dr_rel(PAGE drp) noexcept {
         }
         size += size & 1;
         if (size < 4) size = 4;
-        const int e = s + size;
 
         int before = 0, after = first_free(bp);
         while (after != 0 && after < s) {
@@ -374,9 +391,19 @@ int dr_rel(PAGE drp) noexcept {
             after = chunk_next(bp, after);
         }
         if (after == s) return is_raise(ISE_BTS, PROC(P_DR_REL, 2));
-        if (e > kPage || (after != 0 && e > after)) return is_raise(ISE_BTS, PROC(P_DR_REL, 3));
+        if (s + size > kPage || (after != 0 && s + size > after)) return is_raise(ISE_BTS, PROC(P_DR_REL, 3));
         if (before != 0 && before + chunk_avail(bp, before) > s)
             return is_raise(ISE_BTS, PROC(P_DR_REL, 4));
+        // The segment's slack goes with it: slack marked as such, and bytes at the end
+        // of the body too few for anything else.  (Slack next to a free chunk is
+        // absorbed below anyway.)
+        int e = s + size;
+        if (after == 0 || after - e > 3) {
+            if (kPage - e <= 3)
+                e = kPage;
+            else if (load_at<uint16_t>(bp + e) == kSlack)
+                e += 2;
+        }
 
         int merged;
         if (before != 0 && s - (before + chunk_avail(bp, before)) <= 3) {
