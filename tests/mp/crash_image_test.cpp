@@ -43,6 +43,7 @@
 #include "kcheck.h"
 #include "kisam_test.h"
 #include "os.h"
+#include "test_hook.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -113,6 +114,7 @@ struct Shared {
     uint64_t nev;
     uint64_t narena;
     std::atomic<uint32_t> nticket;
+    std::atomic<uint32_t> plain;   // calls made without a bracket
     uint32_t nfiles;
     int overflow;
     int procs;
@@ -584,12 +586,28 @@ void returned(uint32_t ticket) {
     append(kReturned, ticket, 0, 0, nullptr, 0);
 }
 
+// A call without a bracket takes its ticket at its first page change, which it makes
+// holding the file's control lock (the engine's test hook).  Calls are bracketed until
+// the hook has been seen to fire in one (the first write to an empty file changes no
+// page that was there); an engine without the hook gets bracketed calls only.
+bool want_ticket = false, probing = false, probe_fired = false;
+uint32_t hook_ticket = 0;
+void ticket_at_first_change(int where, int) {
+    if (where != kisam::kHookTouch) return;
+    probe_fired |= probing;
+    if (!want_ticket) return;
+    want_ticket = false;
+    hook_ticket = sh->nticket.fetch_add(1) + 1;
+}
+
 int worker(const std::string& file, int w, uint64_t seed, int calls, bool durable) {
     install_recorder(w + 1);
     if (durable) ::setenv("KISAM_DURABLE", "1", 1);
     std::mt19937_64 rng(seed * 1000003 + static_cast<uint64_t>(w));
     const int fd = nisopen(file.c_str(), ISO_RDWR);
     if (fd < 0) return 10;
+    kisam::test_hook = ticket_at_first_change;
+    bool plain_ok = false;
     std::vector<int> gen(kIdsPerProc, 0);
     std::vector<bool> present(kIdsPerProc, false);
     for (int c = 0; c < calls; ++c) {
@@ -599,9 +617,16 @@ int worker(const std::string& file, int w, uint64_t seed, int calls, bool durabl
         if (present[static_cast<size_t>(local)]) op = rng() % 10 < 6 ? 'u' : 'd';
         const int size = record_size(rng);
         const int g = op == 'd' ? 0 : ++gen[static_cast<size_t>(local)];
-        if (nisgetctl(fd) != 0) return 11;
-        const uint32_t ticket = sh->nticket.fetch_add(1) + 1;
-        if (ticket > static_cast<uint32_t>(kMaxOps)) return 12;
+        const bool bracket = !plain_ok || rng() % 2 == 0;
+        uint32_t ticket = 0;
+        if (bracket) {
+            if (nisgetctl(fd) != 0) return 11;
+            ticket = sh->nticket.fetch_add(1) + 1;
+            probing = !plain_ok;
+        } else {
+            hook_ticket = 0;
+            want_ticket = true;
+        }
         int rc;
         if (op == 'd') {
             char key[8];
@@ -615,11 +640,20 @@ int worker(const std::string& file, int w, uint64_t seed, int calls, bool durabl
             std::fprintf(stderr, "worker %d: call %c on %d failed: is_errno %d\n", w, op, id, is_errno);
             return 13;
         }
+        plain_ok |= probe_fired;
+        probing = want_ticket = false;
+        if (!bracket) {
+            if (!hook_ticket) return 16;   // a call that changed no page
+            ticket = hook_ticket;
+            sh->plain++;
+        }
+        if (ticket > static_cast<uint32_t>(kMaxOps)) return 12;
         sh->ops[ticket - 1] = Op{w, op, id, g, size};
         present[static_cast<size_t>(local)] = op != 'd';
-        if (nisrelctl(fd) != 0) return 14;
+        if (bracket && nisrelctl(fd) != 0) return 14;
         returned(ticket);
     }
+    kisam::test_hook = nullptr;
     if (nisclose(fd) != 0) return 15;
     nisunisam();
     return 0;
@@ -1191,8 +1225,9 @@ protected:
             t.budget = count;
             if (!record_run(site, test, seed, procs, calls, durable, &t)) return;
             if (r == 0)
-                std::printf("workload (seed %" PRIu64 "): %d processes, %zu calls, %zu events (%zu syncs), %.1f MB written\n",
-                            seed, procs, t.ops.size(), t.ev.size(), t.boundaries.size(), t.arena.size() / 1e6);
+                std::printf("workload (seed %" PRIu64 "): %d processes, %zu calls (%u without a bracket), %zu events (%zu syncs), "
+                            "%.1f MB written\n", seed, procs, t.ops.size(), sh->plain.load(), t.ev.size(), t.boundaries.size(),
+                            t.arena.size() / 1e6);
             failures += images(t, site, done, count, tally, !report_only && failures == 0, trace_file, between);
             done += count;
         }
