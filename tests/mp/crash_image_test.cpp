@@ -7,23 +7,27 @@
 // process-shared mutex, so the order of the events is the order of their effects), the
 // process, the kind, the file (by inode, named relative to the installation directory)
 // and, for a write, its bytes.  A sync covers the writes of its file that completed
-// before it began.  Stores into shared mappings (the undo journals "<lock file>.u<slot>")
+// before it began (a write through an O_DSYNC descriptor is its own sync).  A new file,
+// a truncation by O_TRUNC and a rename are recorded too; creations and renames are taken
+// as lasting at once, truncations and size changes like writes.  Stores into shared mappings (the undo journals "<lock file>.u<slot>")
 // are not seen: leaving them all out is one legal outcome of a power cut, since nothing
 // ever syncs them; those files are rebuilt from their pwrites and sizes alone.
 //
-// Workload.  2 or 3 processes write, update and delete records of 30 to 3,000 bytes
+// Workload.  1 to 3 processes write, update and delete records of 30 to 3,000 bytes
 // (overflow records, splits) on one file with 3 keys, each process on its own range of
-// key 0 values.  Every call runs inside nisgetctl/nisrelctl and takes a ticket while the
-// control lock is held, so tickets give the order in which the file's calls completed;
+// key 0 values.  Every call takes a ticket while it holds the file's control lock -- in
+// a nisgetctl/nisrelctl bracket, or, for half of them, at its first page change (the
+// engine's test hook) -- so tickets give the order in which the file's calls completed;
 // the effect of each is logged under its ticket, and a "returned" event enters the
-// event stream after the release.  A durable run sets KISAM_DURABLE=1 in the workers.
+// event stream once the call (and its bracket) returned.  A durable run sets
+// KISAM_DURABLE=1 in the workers.
 //
 // Images.  For crash points along the stream (every sync boundary, then random points)
 // an image starts from the directory as it was before the workload, applies every write
 // synced before the point and then the later ones: all in order ("in order"), each kept
 // or lost at random ("subset"), those of the calls before the last 1 to 8 kept and the
-// rest at random ("recent"), or either of these with one 1024-byte write torn at 512
-// bytes ("torn").  The image is written into the same directory (the library may name
+// rest at random ("recent"), or either of these with one write torn at a 512-byte
+// boundary of its file, a page write at its middle ("torn").  The image is written into the same directory (the library may name
 // files by absolute path) with no shared segment present; a fresh process opens the file
 // (the first attach makes the segment anew and recovers), the structural checker runs,
 // every record is read along each key, and the records must equal the state after some
@@ -849,6 +853,7 @@ struct Outcome {
     int opened, open_errno;
     int sound;
     int reads_ok;
+    int read_failed;      // a read returned an error
     int nrec;
     char why[256];        // the checker's or the reads' complaint
     char open_why[160];
@@ -881,31 +886,36 @@ int restart(const std::string& file) {
     if (!rep.ok) say(out->why, sizeof out->why, "checker: %s", rep.error.c_str());
     // Along key 0: every record verified, in key order.  Along keys 1 and 2: the same
     // records, no more, no fewer.
+    // Every key is read to its end (or its first error), also after a bad record, so
+    // that a program that would have seen an error is told from one that would not.
     std::vector<Rec> along[3];
     char buf[4096];
     bool ok = true;
-    for (int k = 0; k < 3 && ok; ++k) {
+    for (int k = 0; k < 3; ++k) {
         int n;
+        size_t got = 0;
         while ((n = nisread(fd, k, buf, sizeof buf)) > 0) {
             Rec r;
-            if (!parse(buf, n, &r)) {
-                if (out->sound) say(out->why, sizeof out->why, "key %d: a record of %d bytes that no call wrote (\"%.12s\")", k, n, buf);
+            if (++got > static_cast<size_t>(kMaxRecs)) {
+                if (out->sound && ok) say(out->why, sizeof out->why, "key %d: more than %d records", k, kMaxRecs);
                 ok = false;
                 break;
             }
-            along[k].push_back(r);
-            if (along[k].size() > static_cast<size_t>(kMaxRecs)) {
-                if (out->sound) say(out->why, sizeof out->why, "key %d: more than %d records", k, kMaxRecs);
-                ok = false;
-                break;
+            if (parse(buf, n, &r)) {
+                along[k].push_back(r);
+                continue;
             }
+            if (out->sound && ok)
+                say(out->why, sizeof out->why, "key %d: a record of %d bytes that no call wrote (\"%.12s\")", k, n, buf);
+            ok = false;
         }
         if (n < 0) {
-            if (out->sound) {
+            if (out->sound && ok) {
                 char m[160];
                 niserrmsgget(m, sizeof m);
                 say(out->why, sizeof out->why, "read along key %d failed: %s", k, m);
             }
+            out->read_failed = 1;
             ok = false;
         }
     }
@@ -987,7 +997,9 @@ Verdict judge(const Trace& t, const Image& im) {
         v.why = "holds the first " + std::to_string(v.prefix_len) + " calls, but " + std::to_string(im.required) +
                 " had returned";
     v.pass = v.sound && v.reads && v.prefix && (v.durable || !t.durable);
-    v.silent = v.opened && v.reads && !(v.sound && v.prefix);
+    // What a program would not have noticed: it opened the file and every read went
+    // without an error, yet the file is damaged or holds no prefix of the calls.
+    v.silent = v.opened && !out->read_failed && !(v.sound && v.reads && v.prefix);
     return v;
 }
 
@@ -1040,8 +1052,8 @@ void print_figures(const char* what, const Tally* tally) {
     }
     std::printf("  (opened: the file opens; sound: the checker finds no fault; reads: every record along every key\n"
                 "   reads back intact and the keys agree; prefix: the records are those after some prefix of the\n"
-                "   completed calls; returned: that prefix holds every call that had returned; silent: opened and\n"
-                "   read without an error, yet unsound or no prefix)\n");
+                "   completed calls; returned: that prefix holds every call that had returned; silent: opened, and\n"
+                "   no read returned an error, yet not sound, not read back intact, or no prefix)\n");
     if (all.crashed) std::printf("  %ld restarts died\n", all.crashed);
     if (all.segments_left) std::printf("  %ld segments were left behind and removed\n", all.segments_left);
     std::fflush(stdout);
