@@ -1290,7 +1290,7 @@ protected:
 
 // Under the sanitizers every restart costs several times as much: fewer images.
 #if defined(__SANITIZE_ADDRESS__)
-constexpr uint64_t kImages = 400;
+constexpr uint64_t kImages = 1000;
 #else
 constexpr uint64_t kImages = 2000;
 #endif
