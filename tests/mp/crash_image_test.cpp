@@ -121,7 +121,6 @@ struct Shared {
     std::atomic<uint32_t> plain;   // calls made without a bracket
     uint32_t nfiles;
     int overflow;
-    int procs;
     char dir[256];
     FileEnt files[kMaxFiles];
     Op ops[kMaxOps];
@@ -420,7 +419,7 @@ bool mapped_file(const std::string& name) {
 struct Trace {
     std::string test, dir;
     uint64_t seed = 0, budget = 0;   // budget: the images planned from this trace
-    int procs = 0, durable = 0;
+    int procs = 0, durable = 0, between = 0;
     std::vector<std::string> snap_names, snap_data;   // file i < snapshot size: the directory before
     std::vector<Event> ev;
     std::string arena;
@@ -548,6 +547,7 @@ bool Trace::save(const std::string& path) const {
     put(out, budget);
     put(out, procs);
     put(out, durable);
+    put(out, between);
     put(out, static_cast<uint64_t>(snap_names.size()));
     for (size_t i = 0; i < snap_names.size(); ++i) {
         put_str(out, snap_names[i]);
@@ -568,7 +568,7 @@ bool Trace::load(const std::string& path) {
     uint64_t magic, nsnap;
     std::string evs, opss;
     if (!get(in, at, &magic) || magic != kTraceMagic || !get_str(in, at, &test) || !get_str(in, at, &dir) ||
-        !get(in, at, &seed) || !get(in, at, &budget) || !get(in, at, &procs) || !get(in, at, &durable) || !get(in, at, &nsnap))
+        !get(in, at, &seed) || !get(in, at, &budget) || !get(in, at, &procs) || !get(in, at, &durable) || !get(in, at, &between) || !get(in, at, &nsnap))
         return false;
     snap_names.resize(nsnap);
     snap_data.resize(nsnap);
@@ -850,7 +850,7 @@ private:
 
 struct Outcome {
     int exited;           // the restart process's status (0: it ran to the end)
-    int opened, open_errno;
+    int opened;
     int sound;
     int reads_ok;
     int read_failed;      // a read returned an error
@@ -875,7 +875,6 @@ int restart(const std::string& file) {
     ::alarm(30);
     const int fd = nisopen(file.c_str(), ISO_RDWR);
     if (fd < 0) {
-        out->open_errno = is_errno;
         niserrmsgget(out->open_why, sizeof out->open_why);
         nisunisam();
         return 0;
@@ -1088,7 +1087,8 @@ protected:
         out = nullptr;
     }
 
-    bool trace_saved_ = false;
+    bool trace_saved_ = false;   // the trace of the first run with a failure is kept
+    uint64_t saved_seed_ = 0;
 
     // One workload run into a trace; false (with a failure added) when it did not go.
     bool record_run(Site& site, const char* test, uint64_t seed, int procs, int calls, bool durable, Trace* t) {
@@ -1099,7 +1099,6 @@ protected:
         pthread_mutex_init(&sh->mu, &a);
         pthread_mutexattr_destroy(&a);
         std::snprintf(sh->dir, sizeof sh->dir, "%s", site.dir.c_str());
-        sh->procs = procs;
         // The empty file, made and closed by a process that then detaches: the disk as the
         // workload finds it (taken as synced).
         const std::string file = site.path(kData);
@@ -1186,17 +1185,17 @@ protected:
         return true;
     }
 
-    // Builds and restarts `count` images of t, numbered from `first`; returns the failures.
-    long images(const Trace& t, Site& site, uint64_t first, uint64_t count, Tally* tally, bool assert_pass,
-                const std::string& trace_file, bool between) {
+    // Builds and restarts `count` images of t; returns the failures.
+    long images(const Trace& t, Site& site, uint64_t count, Tally* tally, bool assert_pass, const std::string& trace_file,
+                bool between) {
         Builder b(t);
         long failures = 0;
-        for (uint64_t n = first; n < first + count; ++n) {
-            const Image im = b.plan(n - first, count, between);
+        for (uint64_t n = 0; n < count; ++n) {
+            const Image im = b.plan(n, count, between);
             const Verdict v = run_image(t, b, site, im, tally);
             if (between && v.pass && !v.exact) {
                 ++failures;
-                ADD_FAILURE() << "seed " << t.seed << " image " << n - first << ": every write kept up to a point between "
+                ADD_FAILURE() << "seed " << t.seed << " image " << n << ": every write kept up to a point between "
                               << "calls, yet " << v.prefix_len << " calls there where " << im.required << " had returned";
                 continue;
             }
@@ -1204,19 +1203,25 @@ protected:
             ++failures;
             if (!trace_saved_) {
                 trace_saved_ = true;
+                saved_seed_ = t.seed;
                 const bool ok = t.save(trace_file);
                 std::printf("trace of seed %" PRIu64 " saved in %s%s\n", t.seed, trace_file.c_str(), ok ? "" : " (FAILED)");
             }
             if (failures <= 5) {
                 std::printf("seed %" PRIu64 " image %" PRIu64 " (%s, cut after %" PRIu64 " of %zu events, %" PRIu64
-                            " unsynced writes kept, %" PRIu64 " lost%s, %u calls returned): %s\n"
-                            "  rebuild: KISAM_CRASH_TRACE=%s KISAM_CRASH_IMAGE=%" PRIu64 " %s --gtest_filter=CrashImage.%s\n",
-                            t.seed, n - first, kModeNames[im.mode], im.point, t.ev.size(), im.kept, im.lost,
-                            im.torn >= 0 ? ", one torn" : "", im.required, v.why.c_str(), trace_file.c_str(), n - first,
-                            "./tests/crash_image_test", t.test.c_str());
+                            " unsynced writes kept, %" PRIu64 " lost%s, %u calls returned): %s\n",
+                            t.seed, n, kModeNames[im.mode], im.point, t.ev.size(), im.kept, im.lost,
+                            im.torn >= 0 ? ", one torn" : "", im.required, v.why.c_str());
+                if (t.seed == saved_seed_) {
+                    char exe[PATH_MAX] = "crash_image_test";
+                    const ssize_t m = ::readlink("/proc/self/exe", exe, sizeof exe - 1);
+                    if (m > 0) exe[m] = 0;
+                    std::printf("  rebuild: KISAM_CRASH_TRACE=%s KISAM_CRASH_IMAGE=%" PRIu64 " %s --gtest_filter=CrashImage.%s\n",
+                                trace_file.c_str(), n, exe, t.test.c_str());
+                }
             }
             if (assert_pass && failures == 1)
-                ADD_FAILURE() << "seed " << t.seed << " image " << n - first << " (" << kModeNames[im.mode] << "): " << v.why;
+                ADD_FAILURE() << "seed " << t.seed << " image " << n << " (" << kModeNames[im.mode] << "): " << v.why;
         }
         return failures;
     }
@@ -1247,12 +1252,12 @@ protected:
             const uint64_t seed = seed0 + r;
             const int procs = r == 0 || between ? procs0 : 1 + static_cast<int>(r % 3);
             t.budget = count;
+            t.between = between;
             if (!record_run(site, test, seed, procs, calls, durable, &t)) return;
-            if (r == 0)
-                std::printf("workload (seed %" PRIu64 "): %d processes, %zu calls (%u without a bracket), %zu events (%zu syncs), "
+            std::printf("workload (seed %" PRIu64 "): %d processes, %zu calls (%u without a bracket), %zu events (%zu syncs), "
                             "%.1f MB written\n", seed, procs, t.ops.size(), sh->plain.load(), t.ev.size(), t.boundaries.size(),
                             t.arena.size() / 1e6);
-            failures += images(t, site, done, count, tally, !report_only && failures == 0, trace_file, between);
+            failures += images(t, site, count, tally, !report_only && failures == 0, trace_file, between);
             done += count;
         }
         const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
@@ -1274,7 +1279,7 @@ protected:
         site.keep = keep;
         Builder b(t);
         Tally tally[kModes];
-        const Image im = b.plan(n, t.budget);
+        const Image im = b.plan(n, t.budget, t.between);
         const Verdict v = run_image(t, b, site, im, tally, keep);
         std::printf("image %" PRIu64 " of seed %" PRIu64 ": %s, cut after %" PRIu64 " of %zu events, %" PRIu64
                     " unsynced writes kept, %" PRIu64 " lost, torn %s, %u calls returned\n",
