@@ -39,7 +39,8 @@
 // trace).  KISAM_CRASH_TRACE=<trace file> KISAM_CRASH_IMAGE=<n> rebuilds and restarts
 // image n of a saved trace alone and prints what it found; KISAM_CRASH_KEEP=1 then leaves
 // the directory (and the image before its restart, in <dir>.image) for inspection.
-// KISAM_CRASH_REPORT_ONLY=1 prints the figures without failing on damaged images.
+// KISAM_CRASH_REPORT_ONLY=1 prints the figures without failing on damaged images;
+// KISAM_CRASH_BITS sets co_bits of the configuration (the data-changed mark options).
 #include <gtest/gtest.h>
 #include <kisam/kisam.h>
 #include <kisam/ztsupport.h>
@@ -362,7 +363,9 @@ struct Site {
         ::setenv("PROFILEQ9ENV", (dir + "/home/.Q9.profile").c_str(), 1);
         ::setenv("KISCONFIG", config.c_str(), 1);
         ZTPutEnv("KISCONFIG", config.c_str());
-        kt::write_config(config, kt::Config());
+        kt::Config c;
+        if (const char* b = std::getenv("KISAM_CRASH_BITS")) c.bits = static_cast<uint32_t>(std::strtoul(b, nullptr, 0));
+        kt::write_config(config, c);
         const int fd = ::open(lock.c_str(), O_RDWR | O_CREAT, 0666);
         if (fd >= 0) ::close(fd);
     }
