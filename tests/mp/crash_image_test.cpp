@@ -870,11 +870,14 @@ private:
 struct Outcome {
     int exited;           // the restart process's status (0: it ran to the end)
     int opened;
-    int sound;
+    int sound;            // the checker, once the restarted program has detached
+    int sound_open;       // the checker, with the file open after the recovery
     int reads_ok;
     int read_failed;      // a read returned an error
     int nrec;
-    char why[256];        // the checker's or the reads' complaint
+    char why_check[256];  // the checker's complaints, at rest and while open
+    char why_open[256];
+    char why_read[256];   // what the reads found wrong
     char open_why[160];
     Rec recs[kMaxRecs];
 };
@@ -899,9 +902,10 @@ int restart(const std::string& file) {
         return 0;
     }
     out->opened = 1;
-    const kisam::check::Report rep = kisam::check::check_file(file);
-    out->sound = rep.ok;
-    if (!rep.ok) say(out->why, sizeof out->why, "checker: %s", rep.error.c_str());
+    // The checker reads the disk: once recovered at the attach, the file there is whole.
+    const kisam::check::Report open = kisam::check::check_file(file);
+    out->sound_open = open.ok;
+    if (!open.ok) say(out->why_open, sizeof out->why_open, "%s", open.error.c_str());
     // Along key 0: every record verified, in key order.  Along keys 1 and 2: the same
     // records, no more, no fewer.
     // Every key is read to its end (or its first error), also after a bad record, so
@@ -915,7 +919,7 @@ int restart(const std::string& file) {
         while ((n = nisread(fd, k, buf, sizeof buf)) > 0) {
             Rec r;
             if (++got > static_cast<size_t>(kMaxRecs)) {
-                if (out->sound && ok) say(out->why, sizeof out->why, "key %d: more than %d records", k, kMaxRecs);
+                if (ok) say(out->why_read, sizeof out->why_read, "key %d: more than %d records", k, kMaxRecs);
                 ok = false;
                 break;
             }
@@ -923,15 +927,15 @@ int restart(const std::string& file) {
                 along[k].push_back(r);
                 continue;
             }
-            if (out->sound && ok)
-                say(out->why, sizeof out->why, "key %d: a record of %d bytes that no call wrote (\"%.12s\")", k, n, buf);
+            if (ok)
+                say(out->why_read, sizeof out->why_read, "key %d: a record of %d bytes that no call wrote (\"%.12s\")", k, n, buf);
             ok = false;
         }
         if (n < 0) {
-            if (out->sound && ok) {
+            if (ok) {
                 char m[160];
                 niserrmsgget(m, sizeof m);
-                say(out->why, sizeof out->why, "read along key %d failed: %s", k, m);
+                say(out->why_read, sizeof out->why_read, "read along key %d failed: %s", k, m);
             }
             out->read_failed = 1;
             ok = false;
@@ -940,7 +944,7 @@ int restart(const std::string& file) {
     if (ok) {
         for (size_t i = 1; i < along[0].size() && ok; ++i)
             if (!(along[0][i - 1].id < along[0][i].id)) {
-                if (out->sound) say(out->why, sizeof out->why, "key 0: records out of order");
+                say(out->why_read, sizeof out->why_read, "key 0: records out of order");
                 ok = false;
             }
         std::vector<Rec> want = along[0];
@@ -948,8 +952,7 @@ int restart(const std::string& file) {
         for (int k = 1; k < 3 && ok; ++k) {
             std::sort(along[k].begin(), along[k].end());
             if (along[k] != want) {
-                if (out->sound)
-                    say(out->why, sizeof out->why, "key %d holds %zu records, key 0 %zu, or other ones", k, along[k].size(), want.size());
+                say(out->why_read, sizeof out->why_read, "key %d holds %zu records, key 0 %zu, or other ones", k, along[k].size(), want.size());
                 ok = false;
             }
         }
@@ -959,6 +962,10 @@ int restart(const std::string& file) {
     std::copy(along[0].begin(), along[0].begin() + out->nrec, out->recs);
     nisclose(fd);
     nisunisam();
+    // And at rest, as a user checks it once the program has ended.
+    const kisam::check::Report rest = kisam::check::check_file(file);
+    out->sound = rest.ok;
+    if (!rest.ok) say(out->why_check, sizeof out->why_check, "%s", rest.error.c_str());
     return 0;
 }
 
@@ -967,6 +974,7 @@ int restart(const std::string& file) {
 struct Tally {
     long images = 0, opened = 0, sound = 0, reads = 0, prefix = 0, durable = 0, passed = 0, silent = 0, crashed = 0;
     long segments_left = 0;
+    long unsound_open = 0;   // sound at rest, but not on disk while open after the recovery
 };
 
 struct Verdict {
@@ -983,7 +991,8 @@ Verdict judge(const Trace& t, const Image& im) {
     v.reads = v.opened && out->reads_ok;
     if (out->exited != 0) v.why = "the restarted program died (status " + std::to_string(out->exited) + ")";
     else if (!out->opened) v.why = "the file does not open: " + std::string(out->open_why);
-    else if (!v.sound || !v.reads) v.why = out->why;
+    else if (!v.sound) v.why = "checker: " + std::string(out->why_check);
+    else if (!v.reads) v.why = out->why_read;
     if (v.reads) {
         uint64_t h = 0;
         for (int i = 0; i < out->nrec; ++i) h += rec_hash(out->recs[i]);
@@ -1049,6 +1058,7 @@ Verdict run_image(const Trace& t, Builder& b, const Site& site, const Image& im,
     y.passed += v.pass;
     y.silent += v.silent;
     y.crashed += out->exited != 0;
+    y.unsound_open += v.sound && !out->sound_open;
     return v;
 }
 
@@ -1062,7 +1072,7 @@ void print_figures(const char* what, const Tally* tally) {
         if (m < kModes) {
             all.images += y.images, all.opened += y.opened, all.sound += y.sound, all.reads += y.reads;
             all.prefix += y.prefix, all.durable += y.durable, all.passed += y.passed, all.silent += y.silent;
-            all.crashed += y.crashed, all.segments_left += y.segments_left;
+            all.crashed += y.crashed, all.segments_left += y.segments_left, all.unsound_open += y.unsound_open;
         }
         if (y.images == 0) continue;
         std::printf("  %-9s %7ld %7ld %7ld %7ld %7ld %9ld %7ld %7ld\n", m < kModes ? kModeNames[m] : "all", y.images,
@@ -1073,6 +1083,9 @@ void print_figures(const char* what, const Tally* tally) {
                 "   completed calls; returned: that prefix holds every call that had returned; silent: opened, and\n"
                 "   no read returned an error, yet not sound, not read back intact, or no prefix)\n");
     if (all.crashed) std::printf("  %ld restarts died\n", all.crashed);
+    if (all.unsound_open)
+        std::printf("  %ld files sound at rest were not while open after their recovery (the checker reads the disk)\n",
+                    all.unsound_open);
     if (all.segments_left) std::printf("  %ld segments were left behind and removed\n", all.segments_left);
     std::fflush(stdout);
 }
@@ -1305,8 +1318,9 @@ protected:
                     n, t.seed, kModeNames[im.mode], im.point, t.ev.size(), im.kept, im.lost,
                     im.torn >= 0 ? (std::to_string(im.torn) + (im.torn_half ? " (second half kept)" : " (first half kept)")).c_str() : "none",
                     im.required);
-        std::printf("  opened %d, sound %d, reads %d, prefix %d (%u calls), returned calls present %d: %s\n", v.opened,
-                    v.sound, v.reads, v.prefix, v.prefix_len, v.durable, v.pass ? "passed" : v.why.c_str());
+        std::printf("  opened %d, sound %d (while open %d%s%s), reads %d, prefix %d (%u calls), returned calls present %d: %s\n",
+                    v.opened, v.sound, out->sound_open, out->sound_open ? "" : ": ", out->why_open, v.reads, v.prefix,
+                    v.prefix_len, v.durable, v.pass ? "passed" : v.why.c_str());
         if (keep) std::printf("  kept: %s (after the restart) and %s.image (before)\n", site.dir.c_str(), site.dir.c_str());
         EXPECT_TRUE(v.pass) << v.why;
     }
