@@ -1078,10 +1078,11 @@ void print_figures(const char* what, const Tally* tally) {
         std::printf("  %-9s %7ld %7ld %7ld %7ld %7ld %9ld %7ld %7ld\n", m < kModes ? kModeNames[m] : "all", y.images,
                     y.opened, y.sound, y.reads, y.prefix, y.durable, y.passed, y.silent);
     }
-    std::printf("  (opened: the file opens; sound: the checker finds no fault; reads: every record along every key\n"
-                "   reads back intact and the keys agree; prefix: the records are those after some prefix of the\n"
-                "   completed calls; returned: that prefix holds every call that had returned; silent: opened, and\n"
-                "   no read returned an error, yet not sound, not read back intact, or no prefix)\n");
+    std::printf("  (opened: the file opens; sound: the checker finds no fault once the program detached;\n"
+                "   reads: every record along every key reads back intact and the keys agree; prefix: the\n"
+                "   records are those after some prefix of the completed calls; returned: that prefix holds\n"
+                "   every call that had returned; silent: opened, and no read returned an error, yet not\n"
+                "   sound, not read back intact, or no prefix)\n");
     if (all.crashed) std::printf("  %ld restarts died\n", all.crashed);
     if (all.unsound_open)
         std::printf("  %ld files sound at rest were not while open after their recovery (the checker reads the disk)\n",
