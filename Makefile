@@ -40,14 +40,18 @@ test-asan asan: deps-test
 # (10,000 in all by default), every worker's calls checked; then ABANDON_CALLS calls of
 # which many are abandoned part way by a signal handler's jump; then BACKUPS backups of a
 # file under concurrent writers, each checked sound and a prefix of the writers' calls
-# (the longest pause of the writers is printed); prints the figures.
+# (the longest pause of the writers is printed); then CRASH_IMAGES disk images that a
+# power cut could leave, in the default mode and as many in the durable mode, each
+# restarted and checked (the figures per kind of image are printed).
 KILLS ?= 5000
 BACKUPS ?= 300
 ABANDON_CALLS ?= 1000000
+CRASH_IMAGES ?= 50000
 soak: all
 	cd $(BUILD) && KISAM_KILLS=$(KILLS) ./tests/kill_mp_test
 	cd $(BUILD) && KISAM_ABANDON_CALLS=$(ABANDON_CALLS) ./tests/abandon_mp_test
 	cd $(BUILD) && KISAM_BACKUPS=$(BACKUPS) ./tests/backup_mp_test
+	cd $(BUILD)/tests && KISAM_CRASH_IMAGES=$(CRASH_IMAGES) ./crash_image_test --gtest_filter='CrashImage.D*Mode'
 
 # Fuzz targets (clang, libFuzzer, sanitizers) in their own tree, each run FUZZ_SECONDS.
 FUZZ_BUILD   ?= build-fuzz

@@ -1,0 +1,1350 @@
+// Power cuts, simulated: the disk images a machine crash could leave, each restarted as
+// after a reboot.
+//
+// Record.  Worker processes replace the engine's OS table (pwrite, fdatasync, ftruncate,
+// fallocate, open, rename) with wrappers that make the real call and then append an event
+// to a buffer shared by all of them: a global sequence number (taken under one
+// process-shared mutex, so the order of the events is the order of their effects), the
+// process, the kind, the file (by inode, named relative to the installation directory)
+// and, for a write, its bytes.  A sync covers the writes of its file that completed
+// before it began (a write through an O_DSYNC descriptor is its own sync).  A new file,
+// a truncation by O_TRUNC and a rename are recorded too; creations and renames are taken
+// as lasting at once, truncations and size changes like writes.  Stores into shared mappings (the undo journals "<lock file>.u<slot>")
+// are not seen: leaving them all out is one legal outcome of a power cut, since nothing
+// ever syncs them; those files are rebuilt from their pwrites and sizes alone.
+//
+// Workload.  1 to 3 processes write, update and delete records of 30 to 3,000 bytes
+// (overflow records, splits) on one file with 3 keys, each process on its own range of
+// key 0 values.  Every call takes a ticket while it holds the file's control lock -- in
+// a nisgetctl/nisrelctl bracket, or, for half of them, at its first page change (the
+// engine's test hook) -- so tickets give the order in which the file's calls completed;
+// the effect of each is logged under its ticket, and a "returned" event enters the
+// event stream once the call (and its bracket) returned.  A durable run sets
+// KISAM_DURABLE=1 in the workers.
+//
+// Images.  For crash points along the stream (every sync boundary, then random points)
+// an image starts from the directory as it was before the workload, applies every write
+// synced before the point and then the later ones: all in order ("in order"), each kept
+// or lost at random ("subset"), those of the calls before the last 1 to 8 kept and the
+// rest at random ("recent"), or either of these with one write torn at a 512-byte
+// boundary of its file, a page write at its middle ("torn").  The image is written into the same directory (the library may name
+// files by absolute path) with no shared segment present; a fresh process opens the file
+// (the first attach makes the segment anew and recovers), the structural checker runs,
+// every record is read along each key, and the records must equal the state after some
+// prefix of the tickets -- in a durable run a prefix holding every call whose "returned"
+// event precedes the crash point.
+//
+// KISAM_CRASH_IMAGES: images of each test (make soak: many).  KISAM_SEED replays a run's
+// workload (its interleaving depends on the scheduler, so a failing run also saves its
+// trace).  KISAM_CRASH_TRACE=<trace file> KISAM_CRASH_IMAGE=<n> rebuilds and restarts
+// image n of a saved trace alone and prints what it found; KISAM_CRASH_KEEP=1 then leaves
+// the directory (and the image before its restart, in <dir>.image) for inspection.
+// KISAM_CRASH_REPORT_ONLY=1 prints the figures without failing on damaged images;
+// KISAM_CRASH_BITS sets co_bits of the configuration (the data-changed mark options).
+#include <gtest/gtest.h>
+#include <kisam/kisam.h>
+#include <kisam/ztsupport.h>
+
+#include "kcheck.h"
+#include "kisam_test.h"
+#include "os.h"
+#include "test_hook.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/ipc.h>
+#include <sys/mman.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <climits>
+#include <cinttypes>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <random>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace {
+
+// ---- the shared record -----------------------------------------------------------------
+
+enum Kind : uint8_t {
+    kWrite = 1,    // bytes [off, off + len) of the file, data in the arena
+    kTrunc,        // size set to off (ftruncate, or open with O_TRUNC)
+    kAlloc,        // size at least off + len (posix_fallocate)
+    kCreate,       // the file came into being under the name in the arena
+    kRename,       // "from\0to" in the arena
+    kSync,         // the file's writes with a sequence number below `cover` are on disk
+    kReturned,     // call `file` (its ticket) returned to its caller
+};
+
+struct Event {
+    uint64_t off;
+    uint64_t len;
+    uint64_t data;    // arena offset of the bytes (writes, names)
+    uint64_t cover;   // syncs
+    uint32_t file;    // file index, or the ticket of kReturned
+    uint8_t kind;
+    uint8_t proc;
+    uint8_t pad[2];
+};
+
+struct FileEnt {
+    uint64_t dev, ino;
+    char name[96];    // current name relative to the directory
+};
+
+struct Op {
+    int32_t proc, op, id, gen, size;   // op 'w' write, 'u' update, 'd' delete
+};
+
+constexpr size_t kMaxEvents = size_t(1) << 21;
+constexpr size_t kArenaBytes = size_t(1) << 30;   // reserved, touched only as used
+constexpr int kMaxFiles = 64;
+constexpr int kMaxOps = 1 << 16;
+
+struct Shared {
+    pthread_mutex_t mu;
+    uint64_t nev;
+    uint64_t narena;
+    std::atomic<uint32_t> nticket;
+    std::atomic<uint32_t> plain;   // calls made without a bracket
+    uint32_t nfiles;
+    int overflow;
+    char dir[256];
+    FileEnt files[kMaxFiles];
+    Op ops[kMaxOps];
+    Event ev[kMaxEvents];
+};
+
+void* map_shared(size_t n) {
+    void* p = ::mmap(nullptr, n, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    return p == MAP_FAILED ? nullptr : p;
+}
+
+Shared* sh = nullptr;
+char* arena = nullptr;
+
+// ---- the recorder (in each worker) -------------------------------------------------------
+
+int proc_no = 0;
+constexpr int kMaxFd = 4096;
+int fd_file[kMaxFd];   // file index of a descriptor, -1 when untracked
+bool fd_dsync[kMaxFd]; // opened with O_DSYNC or O_SYNC: each write is on disk when it returns
+
+struct MuGuard {
+    MuGuard() { pthread_mutex_lock(&sh->mu); }
+    ~MuGuard() { pthread_mutex_unlock(&sh->mu); }
+};
+
+// Appends an event (mutex held); returns false when the buffers are full.
+bool append(Kind k, uint32_t file, uint64_t off, uint64_t len, const void* data, size_t n, uint64_t cover = 0) {
+    if (sh->nev >= kMaxEvents || sh->narena + n > kArenaBytes) {
+        sh->overflow = 1;
+        return false;
+    }
+    Event& e = sh->ev[sh->nev];
+    e.off = off;
+    e.len = len;
+    e.data = sh->narena;
+    e.cover = cover;
+    e.file = file;
+    e.kind = k;
+    e.proc = static_cast<uint8_t>(proc_no);
+    if (n) std::memcpy(arena + sh->narena, data, n);
+    sh->narena += n;
+    ++sh->nev;
+    return true;
+}
+
+// The name of path inside the installation directory, or null when it lies elsewhere.
+const char* name_in_dir(const char* path) {
+    const size_t n = std::strlen(sh->dir);
+    if (std::strncmp(path, sh->dir, n) != 0 || path[n] != '/') return nullptr;
+    const char* name = path + n + 1;
+    return *name && !std::strchr(name, '/') && std::strlen(name) < sizeof(FileEnt::name) ? name : nullptr;
+}
+
+int find_file(uint64_t dev, uint64_t ino) {
+    for (uint32_t i = 0; i < sh->nfiles; ++i)
+        if (sh->files[i].dev == dev && sh->files[i].ino == ino) return static_cast<int>(i);
+    return -1;
+}
+
+int new_file(uint64_t dev, uint64_t ino, const char* name) {
+    for (uint32_t i = 0; i < sh->nfiles; ++i)   // an inode number reused by a new file
+        if (sh->files[i].dev == dev && sh->files[i].ino == ino) sh->files[i].ino = 0;
+    if (sh->nfiles >= kMaxFiles) {
+        sh->overflow = 1;
+        return -1;
+    }
+    FileEnt& f = sh->files[sh->nfiles];
+    f.dev = dev;
+    f.ino = ino;
+    std::snprintf(f.name, sizeof f.name, "%s", name);
+    return static_cast<int>(sh->nfiles++);
+}
+
+int tracked(int fd) { return fd >= 0 && fd < kMaxFd ? fd_file[fd] : -1; }
+
+int rec_open(const char* path, int flags, mode_t mode) {
+    MuGuard g;
+    const char* name = name_in_dir(path);
+    struct stat st;
+    const bool existed = !(flags & O_CREAT) || ::stat(path, &st) == 0;
+    const int fd = kisam::os_real.open(path, flags, mode);
+    if (fd < 0 || fd >= kMaxFd) return fd;
+    fd_file[fd] = -1;
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return fd;
+    int idx = existed ? find_file(st.st_dev, st.st_ino) : -1;
+    if (idx < 0 && name) {
+        idx = new_file(st.st_dev, st.st_ino, name);
+        if (idx >= 0) append(kCreate, static_cast<uint32_t>(idx), 0, 0, name, std::strlen(name) + 1);
+    }
+    fd_file[fd] = idx;
+    fd_dsync[fd] = (flags & O_DSYNC) != 0;   // O_SYNC includes it
+    if (idx >= 0 && (flags & O_TRUNC)) append(kTrunc, static_cast<uint32_t>(idx), 0, 0, nullptr, 0);
+    return fd;
+}
+
+ssize_t rec_pwrite(int fd, const void* b, size_t n, off_t off) {
+    MuGuard g;
+    const ssize_t r = kisam::os_real.pwrite(fd, b, n, off);
+    if (r > 0 && tracked(fd) >= 0) {
+        const uint32_t f = static_cast<uint32_t>(tracked(fd));
+        append(kWrite, f, static_cast<uint64_t>(off), static_cast<uint64_t>(r), b, static_cast<size_t>(r));
+        if (fd_dsync[fd]) append(kSync, f, 0, 0, nullptr, 0, sh->nev);
+    }
+    return r;
+}
+
+int rec_ftruncate(int fd, off_t len) {
+    MuGuard g;
+    const int r = kisam::os_real.ftruncate(fd, len);
+    if (r == 0 && tracked(fd) >= 0) append(kTrunc, static_cast<uint32_t>(tracked(fd)), static_cast<uint64_t>(len), 0, nullptr, 0);
+    return r;
+}
+
+int rec_fallocate(int fd, off_t off, off_t len) {
+    MuGuard g;
+    const int r = kisam::os_real.fallocate(fd, off, len);
+    if (r == 0 && tracked(fd) >= 0)
+        append(kAlloc, static_cast<uint32_t>(tracked(fd)), static_cast<uint64_t>(off), static_cast<uint64_t>(len), nullptr, 0);
+    return r;
+}
+
+int rec_fdatasync(int fd) {
+    uint64_t began;
+    {
+        MuGuard g;
+        began = sh->nev;
+    }
+    const int r = kisam::os_real.fdatasync(fd);
+    if (r == 0 && tracked(fd) >= 0) {
+        MuGuard g;
+        append(kSync, static_cast<uint32_t>(tracked(fd)), 0, 0, nullptr, 0, began);
+    }
+    return r;
+}
+
+int rec_rename(const char* from, const char* to) {
+    MuGuard g;
+    const int r = kisam::os_real.rename(from, to);
+    const char* a = name_in_dir(from);
+    const char* b = name_in_dir(to);
+    if (r != 0 || !a || !b) return r;
+    char names[2 * sizeof(FileEnt::name)];
+    const size_t la = std::strlen(a) + 1, lb = std::strlen(b) + 1;
+    std::memcpy(names, a, la);
+    std::memcpy(names + la, b, lb);
+    for (uint32_t i = 0; i < sh->nfiles; ++i)
+        if (sh->files[i].ino && std::strcmp(sh->files[i].name, a) == 0) {
+            std::snprintf(sh->files[i].name, sizeof sh->files[i].name, "%s", b);
+            append(kRename, i, 0, 0, names, la + lb);
+            break;
+        }
+    return r;
+}
+
+void install_recorder(int proc) {
+    proc_no = proc;
+    std::fill(std::begin(fd_file), std::end(fd_file), -1);
+    std::fill(std::begin(fd_dsync), std::end(fd_dsync), false);
+    kisam::os.open = rec_open;
+    kisam::os.pwrite = rec_pwrite;
+    kisam::os.ftruncate = rec_ftruncate;
+    kisam::os.fallocate = rec_fallocate;
+    kisam::os.fdatasync = rec_fdatasync;
+    kisam::os.rename = rec_rename;
+}
+
+// ---- records -------------------------------------------------------------------------
+
+constexpr int kL0 = 6, kL1 = 4, kL2 = 2;
+constexpr int kMinRec = kL0 + kL1 + kL2;
+constexpr int kIdsPerProc = 60;
+constexpr int kMaxRecs = 8 * kIdsPerProc;
+
+std::string record(int id, int gen, int size) {
+    std::string r(static_cast<size_t>(size), ' ');
+    char k[16];
+    std::snprintf(k, sizeof k, "%06d%04x", id, gen & 0xFFFF);
+    std::memcpy(&r[0], k, kL0 + kL1);
+    r[10] = static_cast<char>('A' + (gen * 7 + id) % 5);   // few values: long runs of duplicates
+    r[11] = static_cast<char>('A' + (gen + id) % 26);
+    for (size_t i = kMinRec; i < r.size(); ++i) r[i] = static_cast<char>('a' + (id * 13 + gen * 7 + static_cast<int>(i)) % 26);
+    return r;
+}
+
+struct Rec {
+    int32_t id, gen, size;
+    bool operator<(const Rec& o) const { return id != o.id ? id < o.id : gen != o.gen ? gen < o.gen : size < o.size; }
+    bool operator==(const Rec& o) const { return id == o.id && gen == o.gen && size == o.size; }
+};
+
+// Parses a record read back; false when record() could not have made it.
+bool parse(const char* p, int n, Rec* out) {
+    if (n < kMinRec) return false;
+    unsigned id = 0, gen = 0;
+    char k[11] = {};
+    std::memcpy(k, p, 10);
+    if (std::sscanf(k, "%6u%4x", &id, &gen) != 2) return false;
+    const std::string want = record(static_cast<int>(id), static_cast<int>(gen), n);
+    if (std::memcmp(want.data(), p, static_cast<size_t>(n)) != 0) return false;
+    *out = Rec{static_cast<int32_t>(id), static_cast<int32_t>(gen), n};
+    return true;
+}
+
+int record_size(std::mt19937_64& rng) {
+    const int r = static_cast<int>(rng() % 10);
+    if (r < 5) return 30 + static_cast<int>(rng() % 170);
+    if (r < 8) return 200 + static_cast<int>(rng() % 800);
+    return 1000 + static_cast<int>(rng() % 2001);
+}
+
+// ---- the installation ------------------------------------------------------------------
+
+constexpr const char* kData = "data";
+
+// A private installation in a given (or new) directory, as the other process tests set
+// one up: HOME, HOME_Q9 and PROFILEQ9ENV inside it, its own configuration and lock file.
+struct Site {
+    std::string dir, config, lock;
+    bool keep = false;
+    explicit Site(const std::string& at = "") {
+        if (at.empty()) {
+            char tmpl[] = "/tmp/kisam-crash-XXXXXX";
+            if (!::mkdtemp(tmpl)) std::abort();
+            dir = tmpl;
+        } else {
+            dir = at;
+            if (::mkdir(dir.c_str(), 0700) != 0) {
+                std::fprintf(stderr, "cannot make %s (it must not exist): %s\n", dir.c_str(), std::strerror(errno));
+                std::abort();
+            }
+        }
+        config = dir + "/kisamconfig";
+        lock = config + ".lk";
+        ::mkdir((dir + "/home").c_str(), 0777);
+        ::mkdir((dir + "/q9").c_str(), 0777);
+        ::setenv("HOME", (dir + "/home").c_str(), 1);
+        ::setenv("HOME_Q9", (dir + "/q9").c_str(), 1);
+        ::setenv("PROFILEQ9ENV", (dir + "/home/.Q9.profile").c_str(), 1);
+        ::setenv("KISCONFIG", config.c_str(), 1);
+        ZTPutEnv("KISCONFIG", config.c_str());
+        kt::Config c;
+        if (const char* b = std::getenv("KISAM_CRASH_BITS")) c.bits = static_cast<uint32_t>(std::strtoul(b, nullptr, 0));
+        kt::write_config(config, c);
+        const int fd = ::open(lock.c_str(), O_RDWR | O_CREAT, 0666);
+        if (fd >= 0) ::close(fd);
+    }
+    ~Site() {
+        remove_segment();
+        if (keep) return;
+        const std::string cmd = "rm -rf '" + dir + "'";
+        if (std::system(cmd.c_str()) != 0) { /* best effort */ }
+    }
+    std::string path(const std::string& name) const { return dir + "/" + name; }
+    // Removes the segment keyed on the lock file; true when there was one.
+    bool remove_segment() const {
+        const key_t k = ::ftok(lock.c_str(), 1);
+        if (k == -1) return false;
+        const int id = ::shmget(k, 0, 0);
+        return id >= 0 && ::shmctl(id, IPC_RMID, nullptr) == 0;
+    }
+};
+
+std::string read_file(const std::string& path) {
+    std::string s;
+    const int fd = ::open(path.c_str(), O_RDONLY);
+    if (fd < 0) return s;
+    char buf[65536];
+    ssize_t n;
+    while ((n = ::read(fd, buf, sizeof buf)) > 0) s.append(buf, static_cast<size_t>(n));
+    ::close(fd);
+    return s;
+}
+
+// Regular files directly in dir.
+std::vector<std::string> list_dir(const std::string& dir) {
+    std::vector<std::string> v;
+    DIR* d = ::opendir(dir.c_str());
+    if (!d) return v;
+    while (struct dirent* e = ::readdir(d)) {
+        struct stat st;
+        if (::lstat((dir + "/" + e->d_name).c_str(), &st) == 0 && S_ISREG(st.st_mode)) v.push_back(e->d_name);
+    }
+    ::closedir(d);
+    std::sort(v.begin(), v.end());
+    return v;
+}
+
+// An undo journal: written through a shared mapping, which the recorder cannot see.
+bool mapped_file(const std::string& name) {
+    const size_t u = name.rfind(".u");
+    return u != std::string::npos && u + 2 < name.size() &&
+           name.find_first_not_of("0123456789", u + 2) == std::string::npos;
+}
+
+// ---- the trace of one workload run ------------------------------------------------------
+
+struct Trace {
+    std::string test, dir;
+    uint64_t seed = 0, budget = 0;   // budget: the images planned from this trace
+    int procs = 0, durable = 0, between = 0;
+    std::vector<std::string> snap_names, snap_data;   // file i < snapshot size: the directory before
+    std::vector<Event> ev;
+    std::string arena;
+    std::vector<Op> ops;
+
+    // Derived.
+    std::vector<uint64_t> synced_at;    // per event: the first sync covering it (or ~0)
+    std::vector<uint32_t> required;     // per point P: highest ticket returned before P (index P)
+    std::vector<uint64_t> returned;     // positions of kReturned events, in order
+    std::vector<uint64_t> boundaries;   // points just after each sync
+    std::vector<uint64_t> state_hash;   // per prefix of tickets
+    std::unordered_multimap<uint64_t, uint32_t> by_hash;
+
+    void derive();
+    bool save(const std::string& path) const;
+    bool load(const std::string& path);
+};
+
+uint64_t mix(uint64_t x) {
+    x += 0x9E3779B97F4A7C15ull;
+    x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9ull;
+    x = (x ^ (x >> 27)) * 0x94D049BB133111EBull;
+    return x ^ (x >> 31);
+}
+uint64_t rec_hash(const Rec& r) {
+    return mix((static_cast<uint64_t>(r.id) << 40) ^ (static_cast<uint64_t>(r.gen) << 20) ^ static_cast<uint64_t>(r.size));
+}
+
+// The records after the first k calls.
+std::map<int, Rec> state_after(const Trace& t, size_t k) {
+    std::map<int, Rec> s;
+    for (size_t i = 0; i < k; ++i) {
+        const Op& o = t.ops[i];
+        if (o.op == 'd') s.erase(o.id);
+        else s[o.id] = Rec{o.id, o.gen, o.size};
+    }
+    return s;
+}
+
+void Trace::derive() {
+    const size_t n = ev.size();
+    synced_at.assign(n, ~uint64_t(0));
+    required.assign(n + 1, 0);
+    returned.clear();
+    boundaries.clear();
+    std::unordered_map<uint32_t, std::vector<uint64_t>> pending;   // per file: unsynced events
+    uint32_t hi = 0;
+    for (uint64_t i = 0; i < n; ++i) {
+        const Event& e = ev[i];
+        switch (e.kind) {
+            case kWrite:
+            case kTrunc:
+            case kAlloc: pending[e.file].push_back(i); break;
+            case kSync: {
+                auto& p = pending[e.file];
+                size_t kept = 0;
+                for (uint64_t j : p) {
+                    if (j < e.cover) synced_at[j] = i;
+                    else p[kept++] = j;
+                }
+                p.resize(kept);
+                boundaries.push_back(i + 1);
+                break;
+            }
+            case kReturned:
+                returned.push_back(i);
+                hi = std::max(hi, e.file);
+                break;
+            default: break;
+        }
+        required[i + 1] = hi;
+    }
+    state_hash.assign(ops.size() + 1, 0);
+    by_hash.clear();
+    std::map<int, Rec> s;
+    uint64_t h = 0;
+    by_hash.emplace(0, 0);
+    for (size_t k = 0; k < ops.size(); ++k) {
+        const Op& o = ops[k];
+        auto it = s.find(o.id);
+        if (it != s.end()) {
+            h -= rec_hash(it->second);
+            s.erase(it);
+        }
+        if (o.op != 'd') {
+            s[o.id] = Rec{o.id, o.gen, o.size};
+            h += rec_hash(s[o.id]);
+        }
+        state_hash[k + 1] = h;
+        by_hash.emplace(h, static_cast<uint32_t>(k + 1));
+    }
+}
+
+template <class T>
+void put(std::string& out, const T& v) {
+    out.append(reinterpret_cast<const char*>(&v), sizeof v);
+}
+void put_str(std::string& out, const std::string& s) {
+    put(out, static_cast<uint64_t>(s.size()));
+    out += s;
+}
+template <class T>
+bool get(const std::string& in, size_t& at, T* v) {
+    if (at + sizeof *v > in.size()) return false;
+    std::memcpy(v, in.data() + at, sizeof *v);
+    at += sizeof *v;
+    return true;
+}
+bool get_str(const std::string& in, size_t& at, std::string* s) {
+    uint64_t n;
+    if (!get(in, at, &n) || at + n > in.size()) return false;
+    s->assign(in.data() + at, n);
+    at += n;
+    return true;
+}
+
+constexpr uint64_t kTraceMagic = 0x4b43524153483031ull;   // "KCRASH01"
+
+bool Trace::save(const std::string& path) const {
+    std::string out;
+    put(out, kTraceMagic);
+    put_str(out, test);
+    put_str(out, dir);
+    put(out, seed);
+    put(out, budget);
+    put(out, procs);
+    put(out, durable);
+    put(out, between);
+    put(out, static_cast<uint64_t>(snap_names.size()));
+    for (size_t i = 0; i < snap_names.size(); ++i) {
+        put_str(out, snap_names[i]);
+        put_str(out, snap_data[i]);
+    }
+    put_str(out, std::string(reinterpret_cast<const char*>(ev.data()), ev.size() * sizeof(Event)));
+    put_str(out, arena);
+    put_str(out, std::string(reinterpret_cast<const char*>(ops.data()), ops.size() * sizeof(Op)));
+    FILE* f = std::fopen(path.c_str(), "wb");
+    if (!f) return false;
+    const bool ok = std::fwrite(out.data(), 1, out.size(), f) == out.size();
+    return std::fclose(f) == 0 && ok;
+}
+
+bool Trace::load(const std::string& path) {
+    const std::string in = read_file(path);
+    size_t at = 0;
+    uint64_t magic, nsnap;
+    std::string evs, opss;
+    if (!get(in, at, &magic) || magic != kTraceMagic || !get_str(in, at, &test) || !get_str(in, at, &dir) ||
+        !get(in, at, &seed) || !get(in, at, &budget) || !get(in, at, &procs) || !get(in, at, &durable) || !get(in, at, &between) || !get(in, at, &nsnap))
+        return false;
+    snap_names.resize(nsnap);
+    snap_data.resize(nsnap);
+    for (size_t i = 0; i < nsnap; ++i)
+        if (!get_str(in, at, &snap_names[i]) || !get_str(in, at, &snap_data[i])) return false;
+    if (!get_str(in, at, &evs) || !get_str(in, at, &arena) || !get_str(in, at, &opss)) return false;
+    ev.resize(evs.size() / sizeof(Event));
+    std::memcpy(static_cast<void*>(ev.data()), evs.data(), ev.size() * sizeof(Event));
+    ops.resize(opss.size() / sizeof(Op));
+    std::memcpy(static_cast<void*>(ops.data()), opss.data(), ops.size() * sizeof(Op));
+    derive();
+    return true;
+}
+
+// ---- the workload ----------------------------------------------------------------------
+
+void returned(uint32_t ticket) {
+    MuGuard g;
+    append(kReturned, ticket, 0, 0, nullptr, 0);
+}
+
+// A call without a bracket takes its ticket at its first page change, which it makes
+// holding the file's control lock (the engine's test hook).  Calls are bracketed until
+// the hook has been seen to fire in one (the first write to an empty file changes no
+// page that was there); an engine without the hook gets bracketed calls only.
+bool want_ticket = false, probing = false, probe_fired = false;
+uint32_t hook_ticket = 0;
+void ticket_at_first_change(int where, int) {
+    if (where != kisam::kHookTouch) return;
+    probe_fired |= probing;
+    if (!want_ticket) return;
+    want_ticket = false;
+    hook_ticket = sh->nticket.fetch_add(1) + 1;
+}
+
+int worker(const std::string& file, int w, uint64_t seed, int calls, bool durable) {
+    ::alarm(120);   // a hang ends the worker, and the test says so
+    install_recorder(w + 1);
+    if (durable) {   // for the process environment and for the settings store alike
+        ::setenv("KISAM_DURABLE", "1", 1);
+        ZTPutEnv("KISAM_DURABLE", "1");
+    } else {
+        ::unsetenv("KISAM_DURABLE");
+    }
+    std::mt19937_64 rng(seed * 1000003 + static_cast<uint64_t>(w));
+    const int fd = nisopen(file.c_str(), ISO_RDWR);
+    if (fd < 0) return 10;
+    kisam::test_hook = ticket_at_first_change;
+    bool plain_ok = false;
+    std::vector<int> gen(kIdsPerProc, 0);
+    std::vector<bool> present(kIdsPerProc, false);
+    for (int c = 0; c < calls; ++c) {
+        const int local = static_cast<int>(rng() % kIdsPerProc);
+        const int id = (w + 1) * 1000 + local;
+        int op = 'w';
+        if (present[static_cast<size_t>(local)]) op = rng() % 10 < 6 ? 'u' : 'd';
+        const int size = record_size(rng);
+        const int g = op == 'd' ? 0 : ++gen[static_cast<size_t>(local)];
+        const bool bracket = !plain_ok || rng() % 2 == 0;
+        uint32_t ticket = 0;
+        if (bracket) {
+            if (nisgetctl(fd) != 0) return 11;
+            ticket = sh->nticket.fetch_add(1) + 1;
+            probing = !plain_ok;
+        } else {
+            hook_ticket = 0;
+            want_ticket = true;
+        }
+        int rc;
+        if (op == 'd') {
+            char key[8];
+            std::snprintf(key, sizeof key, "%06d", id);
+            rc = nisdelete(fd, key);
+        } else {
+            const std::string r = record(id, g, size);
+            rc = op == 'w' ? niswrite(fd, r.data(), size) : nisupdate(fd, r.data(), size);
+        }
+        if (rc != 0) {
+            std::fprintf(stderr, "worker %d: call %c on %d failed: is_errno %d\n", w, op, id, is_errno);
+            return 13;
+        }
+        plain_ok |= probe_fired;
+        probing = want_ticket = false;
+        if (!bracket) {
+            if (!hook_ticket) return 16;   // a call that changed no page
+            ticket = hook_ticket;
+            sh->plain++;
+        }
+        if (ticket > static_cast<uint32_t>(kMaxOps)) return 12;
+        sh->ops[ticket - 1] = Op{w, op, id, g, size};
+        present[static_cast<size_t>(local)] = op != 'd';
+        if (bracket && nisrelctl(fd) != 0) return 14;
+        returned(ticket);
+    }
+    kisam::test_hook = nullptr;
+    if (nisclose(fd) != 0) return 15;
+    nisunisam();
+    return 0;
+}
+
+// ---- building an image ---------------------------------------------------------------------
+
+enum Mode { kInOrder, kSubset, kRecent, kTorn, kModes };
+const char* const kModeNames[kModes] = {"in order", "subset", "recent", "torn"};
+
+struct Image {
+    uint64_t point = 0;       // events [0, point) happened
+    Mode mode = kInOrder;
+    uint64_t kept = 0, lost = 0;
+    int64_t torn = -1;        // the torn write's event: only the part before (or from)
+    uint64_t torn_at = 0;     // this 512-byte boundary of the file reached the disk
+    int torn_half = 0;        // 0: the part before it, 1: the part from it
+    uint32_t required = 0;    // calls that had returned before the point
+};
+
+class Builder {
+public:
+    explicit Builder(const Trace& t) : t_(t) {}
+
+    // Decides image n of the trace (the same n always gives the same image).  `between`:
+    // every write kept, cut just after a call returned.
+    Image plan(uint64_t n, uint64_t budget, bool between = false) {
+        Image im;
+        std::mt19937_64 rng(mix(t_.seed ^ mix(n)));
+        im.mode = between ? kInOrder : static_cast<Mode>(n % kModes);
+        const uint64_t nb = t_.boundaries.size();
+        const uint64_t bslots = budget / 2;   // at most half the images at sync boundaries
+        if (between) {
+            im.point = t_.returned.empty() ? t_.ev.size() : t_.returned[rng() % t_.returned.size()] + 1;
+        } else if (n < std::min(nb, bslots)) {
+            // spread over all boundaries when there are more than slots
+            im.point = t_.boundaries[nb <= bslots ? n : n * nb / bslots];
+        } else {
+            im.point = 1 + rng() % t_.ev.size();
+        }
+        im.required = t_.required[im.point];
+        keep_.assign(im.point, 1);
+        uint64_t floor = 0;   // events before it were flushed by the OS
+        const bool random_loss = im.mode == kSubset || im.mode == kRecent || (im.mode == kTorn && rng() % 2);
+        if (im.mode == kRecent) {
+            const uint64_t back = 1 + rng() % 8;
+            const auto ret = std::lower_bound(t_.returned.begin(), t_.returned.end(), im.point) - t_.returned.begin();
+            floor = static_cast<uint64_t>(ret) > back ? t_.returned[static_cast<size_t>(ret) - back - 1] : 0;
+        }
+        const uint32_t keep_pct = 20 + static_cast<uint32_t>(rng() % 61);
+        for (uint64_t i = 0; i < im.point; ++i) {
+            const Event& e = t_.ev[i];
+            if (e.kind != kWrite && e.kind != kTrunc && e.kind != kAlloc) continue;
+            if (t_.synced_at[i] < im.point) continue;   // on disk for sure
+            if (random_loss && i >= floor && rng() % 100 >= keep_pct) {
+                keep_[i] = 0;
+                ++im.lost;
+            } else {
+                ++im.kept;
+            }
+        }
+        if (im.mode == kTorn) {
+            // One of the latest unsynced writes that the disk kept reached it only in part:
+            // a device writes sectors of 512 bytes, so a write that spans a sector boundary
+            // of the file (a page write: at its middle) may end up cut there.
+            std::vector<uint64_t> cand;
+            for (uint64_t i = im.point; i-- > 0 && cand.size() < 32;) {
+                const Event& e = t_.ev[i];
+                if (e.kind == kWrite && keep_[i] && t_.synced_at[i] >= im.point && (e.off / 512 + 1) * 512 < e.off + e.len)
+                    cand.push_back(i);
+            }
+            if (!cand.empty()) {
+                im.torn = static_cast<int64_t>(cand[rng() % cand.size()]);
+                const Event& e = t_.ev[static_cast<size_t>(im.torn)];
+                const uint64_t first = (e.off / 512 + 1) * 512, last = (e.off + e.len - 1) / 512 * 512;
+                im.torn_at = first + (rng() % ((last - first) / 512 + 1)) * 512;
+                im.torn_half = static_cast<int>(rng() % 2);
+            }
+        }
+        return im;
+    }
+
+    // Every write up to point kept.
+    Image plan_at(uint64_t point) {
+        Image im;
+        im.point = point;
+        im.required = t_.required[point];
+        keep_.assign(point, 1);
+        return im;
+    }
+
+    // Applies the image to the in-memory files.
+    void build(const Image& im) {
+        const size_t nsnap = t_.snap_names.size();
+        content_.resize(std::max(content_.size(), nsnap));
+        for (auto& c : content_) c.clear();
+        names_.clear();
+        for (size_t i = 0; i < nsnap; ++i) {
+            content_[i].assign(t_.snap_data[i]);
+            names_[t_.snap_names[i]] = static_cast<uint32_t>(i);
+        }
+        for (uint64_t i = 0; i < im.point; ++i) {
+            const Event& e = t_.ev[i];
+            if (e.kind == kCreate) {
+                if (content_.size() <= e.file) content_.resize(e.file + 1);
+                content_[e.file].clear();
+                names_[t_.arena.data() + e.data] = e.file;
+                continue;
+            }
+            if (e.kind == kRename) {
+                const char* from = t_.arena.data() + e.data;
+                const char* to = from + std::strlen(from) + 1;
+                auto it = names_.find(from);
+                if (it != names_.end()) {
+                    const uint32_t f = it->second;
+                    names_.erase(it);
+                    names_[to] = f;
+                }
+                continue;
+            }
+            if (e.kind != kWrite && e.kind != kTrunc && e.kind != kAlloc) continue;
+            if (!keep_[i]) continue;
+            if (content_.size() <= e.file) content_.resize(e.file + 1);
+            std::string& c = content_[e.file];
+            if (e.kind == kTrunc) {
+                c.resize(e.off);
+            } else if (e.kind == kAlloc) {
+                if (c.size() < e.off + e.len) c.resize(e.off + e.len);
+            } else {
+                uint64_t off = e.off, len = e.len, src = e.data;
+                if (static_cast<int64_t>(i) == im.torn) {
+                    const uint64_t cut = im.torn_at - e.off;
+                    if (im.torn_half) {
+                        off += cut;
+                        src += cut;
+                        len -= cut;
+                    } else {
+                        len = cut;
+                    }
+                }
+                if (c.size() < off + len) c.resize(off + len);
+                std::memcpy(&c[off], t_.arena.data() + src, len);
+            }
+        }
+    }
+
+
+    // Writes the image into the directory: files it holds in place (the lock file keeps
+    // its inode, and with it the segment key), files it lacks removed.
+    bool write(const std::string& dir, std::string* why) {
+        struct stat lst;
+        const mode_t mode = ::stat((dir + "/kisamconfig.lk").c_str(), &lst) == 0 ? (lst.st_mode & 0777) : 0644;
+        for (const std::string& name : list_dir(dir))
+            if (!names_.count(name) && ::unlink((dir + "/" + name).c_str()) != 0) {
+                *why = "cannot remove " + name;
+                return false;
+            }
+        for (const auto& [name, f] : names_) {
+            const std::string p = dir + "/" + name;
+            const int fd = ::open(p.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, mode);
+            const std::string& c = content_[f];
+            // Emptied and set to its size, the file reads as zeros: only the runs of blocks
+            // that are not all zeros are written (journals and logs are mostly reserved space).
+            bool ok = fd >= 0 && ::fchmod(fd, mode) == 0 && ::ftruncate(fd, 0) == 0 &&
+                      ::ftruncate(fd, static_cast<off_t>(c.size())) == 0;
+            constexpr size_t kBlock = 4096;
+            static const char zeros[kBlock] = {};
+            for (size_t at = 0; ok && at < c.size();) {
+                auto zero = [&](size_t b) { return std::memcmp(c.data() + b, zeros, std::min(kBlock, c.size() - b)) == 0; };
+                if (zero(at)) {
+                    at += kBlock;
+                    continue;
+                }
+                size_t end = at + kBlock;
+                while (end < c.size() && !zero(end)) end += kBlock;
+                end = std::min(end, c.size());
+                ok = ::pwrite(fd, c.data() + at, end - at, static_cast<off_t>(at)) == static_cast<ssize_t>(end - at);
+                at = end;
+            }
+            if (fd >= 0) ::close(fd);
+            if (!ok) {
+                *why = "cannot write " + p + ": " + std::strerror(errno);
+                return false;
+            }
+        }
+        return true;
+    }
+
+    const std::map<std::string, uint32_t>& names() const { return names_; }
+    const std::string& content(uint32_t f) const { return content_[f]; }
+
+private:
+    const Trace& t_;
+    std::vector<uint8_t> keep_;
+    std::vector<std::string> content_;
+    std::map<std::string, uint32_t> names_;
+};
+
+// ---- restarting an image -------------------------------------------------------------------
+
+struct Outcome {
+    int exited;           // the restart process's status (0: it ran to the end)
+    int opened;
+    int sound;            // the checker, once the restarted program has detached
+    int sound_open;       // the checker, with the file open after the recovery
+    int reads_ok;
+    int read_failed;      // a read returned an error
+    int nrec;
+    char why_check[256];  // the checker's complaints, at rest and while open
+    char why_open[256];
+    char why_read[256];   // what the reads found wrong
+    char open_why[160];
+    Rec recs[kMaxRecs];
+};
+
+Outcome* out = nullptr;
+
+void say(char* buf, size_t n, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
+void say(char* buf, size_t n, const char* fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    std::vsnprintf(buf, n, fmt, ap);
+    va_end(ap);
+}
+
+// In a fresh process, as a program started after the reboot: open, check, read.
+int restart(const std::string& file) {
+    ::alarm(30);
+    const int fd = nisopen(file.c_str(), ISO_RDWR);
+    if (fd < 0) {
+        niserrmsgget(out->open_why, sizeof out->open_why);
+        nisunisam();
+        return 0;
+    }
+    out->opened = 1;
+    // The checker reads the disk: once recovered at the attach, the file there is whole.
+    const kisam::check::Report open = kisam::check::check_file(file);
+    out->sound_open = open.ok;
+    if (!open.ok) say(out->why_open, sizeof out->why_open, "%s", open.error.c_str());
+    // Along key 0: every record verified, in key order.  Along keys 1 and 2: the same
+    // records, no more, no fewer.
+    // Every key is read to its end (or its first error), also after a bad record, so
+    // that a program that would have seen an error is told from one that would not.
+    std::vector<Rec> along[3];
+    char buf[4096];
+    bool ok = true;
+    for (int k = 0; k < 3; ++k) {
+        int n;
+        size_t got = 0;
+        while ((n = nisread(fd, k, buf, sizeof buf)) > 0) {
+            Rec r;
+            if (++got > static_cast<size_t>(kMaxRecs)) {
+                if (ok) say(out->why_read, sizeof out->why_read, "key %d: more than %d records", k, kMaxRecs);
+                ok = false;
+                break;
+            }
+            if (parse(buf, n, &r)) {
+                along[k].push_back(r);
+                continue;
+            }
+            if (ok)
+                say(out->why_read, sizeof out->why_read, "key %d: a record of %d bytes that no call wrote (\"%.12s\")", k, n, buf);
+            ok = false;
+        }
+        if (n < 0) {
+            if (ok) {
+                char m[160];
+                niserrmsgget(m, sizeof m);
+                say(out->why_read, sizeof out->why_read, "read along key %d failed: %s", k, m);
+            }
+            out->read_failed = 1;
+            ok = false;
+        }
+    }
+    if (ok) {
+        for (size_t i = 1; i < along[0].size() && ok; ++i)
+            if (!(along[0][i - 1].id < along[0][i].id)) {
+                say(out->why_read, sizeof out->why_read, "key 0: records out of order");
+                ok = false;
+            }
+        std::vector<Rec> want = along[0];
+        std::sort(want.begin(), want.end());
+        for (int k = 1; k < 3 && ok; ++k) {
+            std::sort(along[k].begin(), along[k].end());
+            if (along[k] != want) {
+                say(out->why_read, sizeof out->why_read, "key %d holds %zu records, key 0 %zu, or other ones", k, along[k].size(), want.size());
+                ok = false;
+            }
+        }
+    }
+    out->reads_ok = ok;
+    out->nrec = static_cast<int>(std::min<size_t>(along[0].size(), kMaxRecs));
+    std::copy(along[0].begin(), along[0].begin() + out->nrec, out->recs);
+    nisclose(fd);
+    nisunisam();
+    // And at rest, as a user checks it once the program has ended.
+    const kisam::check::Report rest = kisam::check::check_file(file);
+    out->sound = rest.ok;
+    if (!rest.ok) say(out->why_check, sizeof out->why_check, "%s", rest.error.c_str());
+    return 0;
+}
+
+// ---- figures -------------------------------------------------------------------------------
+
+struct Tally {
+    long images = 0, opened = 0, sound = 0, reads = 0, prefix = 0, durable = 0, passed = 0, silent = 0, crashed = 0;
+    long segments_left = 0;
+    long unsound_open = 0;   // sound at rest, but not on disk while open after the recovery
+};
+
+struct Verdict {
+    bool opened, sound, reads, prefix, durable, pass, silent;
+    bool exact;            // the records are those of the calls that had returned, exactly
+    uint32_t prefix_len;   // the longest prefix of calls whose records these are
+    std::string why;
+};
+
+Verdict judge(const Trace& t, const Image& im) {
+    Verdict v{};
+    v.opened = out->exited == 0 && out->opened;
+    v.sound = v.opened && out->sound;
+    v.reads = v.opened && out->reads_ok;
+    if (out->exited != 0) v.why = "the restarted program died (status " + std::to_string(out->exited) + ")";
+    else if (!out->opened) v.why = "the file does not open: " + std::string(out->open_why);
+    else if (!v.sound) v.why = "checker: " + std::string(out->why_check);
+    else if (!v.reads) v.why = out->why_read;
+    if (v.reads) {
+        uint64_t h = 0;
+        for (int i = 0; i < out->nrec; ++i) h += rec_hash(out->recs[i]);
+        auto range = t.by_hash.equal_range(h);
+        std::vector<uint32_t> cands;
+        for (auto it = range.first; it != range.second; ++it) cands.push_back(it->second);
+        std::sort(cands.rbegin(), cands.rend());
+        std::vector<Rec> got(out->recs, out->recs + out->nrec);
+        std::sort(got.begin(), got.end());
+        for (uint32_t k : cands) {
+            const auto s = state_after(t, k);
+            std::vector<Rec> want;
+            for (const auto& [id, r] : s) want.push_back(r);
+            if (want == got) {
+                v.prefix = true;
+                v.prefix_len = k;
+                break;
+            }
+        }
+        if (v.prefix) {
+            std::vector<Rec> want;
+            for (const auto& [id, r] : state_after(t, im.required)) want.push_back(r);
+            v.exact = want == got;
+        }
+        if (!v.prefix && v.why.empty()) v.why = std::to_string(out->nrec) + " records that no prefix of the calls leaves";
+    }
+    v.durable = v.prefix && v.prefix_len >= im.required;
+    if (v.prefix && !v.durable && t.durable && v.why.empty())
+        v.why = "holds the first " + std::to_string(v.prefix_len) + " calls, but " + std::to_string(im.required) +
+                " had returned";
+    v.pass = v.sound && v.reads && v.prefix && (v.durable || !t.durable);
+    // What a program would not have noticed: it opened the file and every read went
+    // without an error, yet the file is damaged or holds no prefix of the calls.
+    v.silent = v.opened && !out->read_failed && !(v.sound && v.reads && v.prefix);
+    return v;
+}
+
+// Builds, writes and restarts a planned image; counts it in the tally of its mode.
+Verdict run_image(const Trace& t, Builder& b, const Site& site, const Image& im, Tally* tally, bool keep_before = false) {
+    b.build(im);
+    std::string why;
+    if (site.remove_segment()) ++tally[im.mode].segments_left;
+    if (!b.write(site.dir, &why)) {
+        ADD_FAILURE() << why;
+        return Verdict{};
+    }
+    if (keep_before) {
+        const std::string cmd = "rm -rf '" + site.dir + ".image' && cp -a '" + site.dir + "' '" + site.dir + ".image'";
+        if (std::system(cmd.c_str()) != 0) std::fprintf(stderr, "could not copy the image\n");
+    }
+    std::memset(static_cast<void*>(out), 0, offsetof(Outcome, recs));
+    const std::string file = site.path(kData);
+    out->exited = kt::run_child([&] { return restart(file); });
+    if (site.remove_segment()) ++tally[im.mode].segments_left;
+    const Verdict v = judge(t, im);
+    Tally& y = tally[im.mode];
+    ++y.images;
+    y.opened += v.opened;
+    y.sound += v.sound;
+    y.reads += v.reads;
+    y.prefix += v.prefix;
+    y.durable += v.durable;
+    y.passed += v.pass;
+    y.silent += v.silent;
+    y.crashed += out->exited != 0;
+    y.unsound_open += v.sound && !out->sound_open;
+    return v;
+}
+
+void print_figures(const char* what, const Tally* tally) {
+    std::printf("crash images (%s):\n", what);
+    std::printf("  %-9s %7s %7s %7s %7s %7s %9s %7s %7s\n", "mode", "images", "opened", "sound", "reads", "prefix",
+                "returned", "passed", "silent");
+    Tally all;
+    for (int m = 0; m <= kModes; ++m) {
+        const Tally& y = m < kModes ? tally[m] : all;
+        if (m < kModes) {
+            all.images += y.images, all.opened += y.opened, all.sound += y.sound, all.reads += y.reads;
+            all.prefix += y.prefix, all.durable += y.durable, all.passed += y.passed, all.silent += y.silent;
+            all.crashed += y.crashed, all.segments_left += y.segments_left, all.unsound_open += y.unsound_open;
+        }
+        if (y.images == 0) continue;
+        std::printf("  %-9s %7ld %7ld %7ld %7ld %7ld %9ld %7ld %7ld\n", m < kModes ? kModeNames[m] : "all", y.images,
+                    y.opened, y.sound, y.reads, y.prefix, y.durable, y.passed, y.silent);
+    }
+    std::printf("  (opened: the file opens; sound: the checker finds no fault once the program detached;\n"
+                "   reads: every record along every key reads back intact and the keys agree; prefix: the\n"
+                "   records are those after some prefix of the completed calls; returned: that prefix holds\n"
+                "   every call that had returned; silent: opened, and no read returned an error, yet not\n"
+                "   sound, not read back intact, or no prefix)\n");
+    if (all.crashed) std::printf("  %ld restarts died\n", all.crashed);
+    if (all.unsound_open)
+        std::printf("  %ld files sound at rest were not while open after their recovery (the checker reads the disk)\n",
+                    all.unsound_open);
+    if (all.segments_left) std::printf("  %ld segments were left behind and removed\n", all.segments_left);
+    std::fflush(stdout);
+}
+
+uint64_t env_u64(const char* name, uint64_t fallback) {
+    const char* s = std::getenv(name);
+    return s && *s ? std::strtoull(s, nullptr, 0) : fallback;
+}
+
+// ---- the test ------------------------------------------------------------------------------
+
+class CrashImage : public ::testing::Test {
+protected:
+    void SetUp() override {
+        sh = static_cast<Shared*>(map_shared(sizeof(Shared)));
+        arena = static_cast<char*>(map_shared(kArenaBytes));
+        out = static_cast<Outcome*>(map_shared(sizeof(Outcome)));
+        ASSERT_TRUE(sh && arena && out);
+        pthread_mutexattr_t a;
+        pthread_mutexattr_init(&a);
+        pthread_mutexattr_setpshared(&a, PTHREAD_PROCESS_SHARED);
+        pthread_mutex_init(&sh->mu, &a);
+        pthread_mutexattr_destroy(&a);
+    }
+    void TearDown() override {
+        if (sh) ::munmap(sh, sizeof(Shared));
+        if (arena) ::munmap(arena, kArenaBytes);
+        if (out) ::munmap(out, sizeof(Outcome));
+        sh = nullptr;
+        arena = nullptr;
+        out = nullptr;
+    }
+
+    bool trace_saved_ = false;   // the trace of the first run with a failure is kept
+    uint64_t saved_seed_ = 0;
+
+    // One workload run into a trace; false (with a failure added) when it did not go.
+    bool record_run(Site& site, const char* test, uint64_t seed, int procs, int calls, bool durable, Trace* t) {
+        std::memset(static_cast<void*>(sh), 0, offsetof(Shared, ops));
+        pthread_mutexattr_t a;
+        pthread_mutexattr_init(&a);
+        pthread_mutexattr_setpshared(&a, PTHREAD_PROCESS_SHARED);
+        pthread_mutex_init(&sh->mu, &a);
+        pthread_mutexattr_destroy(&a);
+        std::snprintf(sh->dir, sizeof sh->dir, "%s", site.dir.c_str());
+        // The empty file, made and closed by a process that then detaches: the disk as the
+        // workload finds it (taken as synced).
+        const std::string file = site.path(kData);
+        const int lens[3] = {kL0, kL1, kL2};
+        const int rc = kt::run_child([&] {
+            const int fd = niscreate(file.c_str(), 3, lens);
+            if (fd < 0 || nisclose(fd) != 0) return 1;
+            nisunisam();
+            return 0;
+        });
+        if (rc != 0) {
+            ADD_FAILURE() << "cannot create " << file;
+            return false;
+        }
+        site.remove_segment();
+        t->test = test;
+        t->dir = site.dir;
+        t->seed = seed;
+        t->procs = procs;
+        t->durable = durable;
+        t->snap_names = list_dir(site.dir);
+        t->snap_data.clear();
+        for (const std::string& name : t->snap_names) {
+            t->snap_data.push_back(read_file(site.path(name)));
+            struct stat st;
+            if (::stat(site.path(name).c_str(), &st) != 0) return false;
+            FileEnt& f = sh->files[sh->nfiles++];
+            f.dev = st.st_dev;
+            f.ino = st.st_ino;
+            std::snprintf(f.name, sizeof f.name, "%s", name.c_str());
+        }
+        std::vector<pid_t> pids;
+        for (int w = 0; w < procs; ++w)
+            pids.push_back(kt::start_child([&, w] { return worker(file, w, seed, calls, durable); }));
+        bool ok = true;
+        for (pid_t p : pids) {
+            const int st = kt::wait_child(p);
+            if (st != 0) {
+                ADD_FAILURE() << "a worker ended with status " << st << " (seed " << seed << ")";
+                ok = false;
+            }
+        }
+        if (site.remove_segment()) ADD_FAILURE() << "the workload left its shared segment behind";
+        if (sh->overflow) {
+            ADD_FAILURE() << "the event buffers overflowed: raise kMaxEvents, kArenaBytes or kMaxFiles";
+            ok = false;
+        }
+        const uint32_t nops = sh->nticket.load();
+        t->ev.assign(sh->ev, sh->ev + sh->nev);
+        t->arena.assign(arena, sh->narena);
+        t->ops.assign(sh->ops, sh->ops + std::min<uint32_t>(nops, kMaxOps));
+        t->derive();
+        for (size_t k = 0; k < t->ops.size() && ok; ++k)
+            if (t->ops[k].op == 0) {
+                ADD_FAILURE() << "ticket " << k + 1 << " was taken by no call";
+                ok = false;
+            }
+        if (!ok) return false;
+        // The recorder saw every change: the trace replayed in full is the directory as the
+        // workload left it (the undo journals aside, written through their mappings).
+        Builder b(*t);
+        b.build(b.plan_at(t->ev.size()));
+        std::vector<std::string> missed;
+        for (const std::string& name : list_dir(site.dir)) {
+            auto it = b.names().find(name);
+            if (it == b.names().end()) missed.push_back(name + " (not created through the OS table)");
+            else if (!mapped_file(name) && read_file(site.path(name)) != b.content(it->second))
+                missed.push_back(name + " (written outside the OS table)");
+        }
+        for (const auto& [name, f] : b.names())
+            if (::access(site.path(name).c_str(), F_OK) != 0) missed.push_back(name + " (removed outside the OS table)");
+        for (const std::string& m : missed) ADD_FAILURE() << "the recorder missed a change of " << m;
+        if (!missed.empty()) return false;
+        // The images of no crash at all: before the first event and after the last.
+        for (uint64_t point : {uint64_t(0), uint64_t(t->ev.size())}) {
+            Tally tally[kModes];
+            const Verdict v = run_image(*t, b, site, b.plan_at(point), tally);
+            if (!v.pass || !v.exact) {
+                ADD_FAILURE() << "the directory " << (point ? "after" : "before") << " the workload fails: " << v.why
+                              << (v.exact ? "" : " (not the records of the calls made)");
+                return false;
+            }
+        }
+        return true;
+    }
+
+    // Builds and restarts `count` images of t; returns the failures.
+    long images(const Trace& t, Site& site, uint64_t count, Tally* tally, bool assert_pass, const std::string& trace_file,
+                bool between) {
+        Builder b(t);
+        long failures = 0;
+        for (uint64_t n = 0; n < count; ++n) {
+            const Image im = b.plan(n, count, between);
+            const Verdict v = run_image(t, b, site, im, tally);
+            if (between && v.pass && !v.exact) {
+                ++failures;
+                ADD_FAILURE() << "seed " << t.seed << " image " << n << ": every write kept up to a point between "
+                              << "calls, yet " << v.prefix_len << " calls there where " << im.required << " had returned";
+                continue;
+            }
+            if (v.pass) continue;
+            ++failures;
+            if (!trace_saved_) {
+                trace_saved_ = true;
+                saved_seed_ = t.seed;
+                const bool ok = t.save(trace_file);
+                std::printf("trace of seed %" PRIu64 " saved in %s%s\n", t.seed, trace_file.c_str(), ok ? "" : " (FAILED)");
+            }
+            if (failures <= 5) {
+                std::printf("seed %" PRIu64 " image %" PRIu64 " (%s, cut after %" PRIu64 " of %zu events, %" PRIu64
+                            " unsynced writes kept, %" PRIu64 " lost%s, %u calls returned): %s\n",
+                            t.seed, n, kModeNames[im.mode], im.point, t.ev.size(), im.kept, im.lost,
+                            im.torn >= 0 ? ", one torn" : "", im.required, v.why.c_str());
+                if (t.seed == saved_seed_) {
+                    char exe[PATH_MAX] = "crash_image_test";
+                    const ssize_t m = ::readlink("/proc/self/exe", exe, sizeof exe - 1);
+                    if (m > 0) exe[m] = 0;
+                    std::printf("  rebuild: KISAM_CRASH_TRACE=%s KISAM_CRASH_IMAGE=%" PRIu64 " %s --gtest_filter=CrashImage.%s\n",
+                                trace_file.c_str(), n, exe, t.test.c_str());
+                }
+            }
+            if (assert_pass && failures == 1)
+                ADD_FAILURE() << "seed " << t.seed << " image " << n << " (" << kModeNames[im.mode] << "): " << v.why;
+        }
+        return failures;
+    }
+
+    // A whole test: workload runs of `calls` calls per process, images spread over them.
+    // procs0: processes of the first workload run (later runs, in a soak, take 1 to 3);
+    // between: every image cut just after a call returned, every write kept.
+    void run(const char* test, int procs0, int calls, bool durable, uint64_t images_default, bool between = false) {
+        const bool report_only = env_u64("KISAM_CRASH_REPORT_ONLY", 0) != 0;
+        if (const char* tf = std::getenv("KISAM_CRASH_TRACE")) {
+            replay(test, tf);
+            return;
+        }
+        const uint64_t total = env_u64("KISAM_CRASH_IMAGES", images_default);
+        const uint64_t per_run = 5000;   // images from one workload run
+        const uint64_t seed0 = kt::test_seed(durable ? 2410 : 2310);
+        char cwd[PATH_MAX];
+        const std::string trace_file =
+            std::string(::getcwd(cwd, sizeof cwd) ? cwd : ".") + "/crash_image_" + test + ".trace";
+        Tally tally[kModes];
+        long failures = 0;
+        const auto t0 = std::chrono::steady_clock::now();
+        uint64_t done = 0;
+        for (uint64_t r = 0; done < total; ++r) {
+            const uint64_t count = std::min(per_run, total - done);
+            Site site;
+            Trace t;
+            const uint64_t seed = seed0 + r;
+            const int procs = r == 0 || between ? procs0 : 1 + static_cast<int>(r % 3);
+            t.budget = count;
+            t.between = between;
+            if (!record_run(site, test, seed, procs, calls, durable, &t)) return;
+            std::printf("workload (seed %" PRIu64 "): %d processes, %zu calls (%u without a bracket), %zu events (%zu syncs), "
+                            "%.1f MB written\n", seed, procs, t.ops.size(), sh->plain.load(), t.ev.size(), t.boundaries.size(),
+                            t.arena.size() / 1e6);
+            failures += images(t, site, count, tally, !report_only && failures == 0, trace_file, between);
+            done += count;
+        }
+        const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+        print_figures(between ? "cut between calls, every write kept" : durable ? "durable mode" : "default mode", tally);
+        std::printf("  %" PRIu64 " images in %.1f s; %ld failed\n", done, secs, failures);
+        if (failures && report_only) std::printf("  (KISAM_CRASH_REPORT_ONLY: not counted as a test failure)\n");
+    }
+
+    // Rebuilds one image of a saved trace (KISAM_CRASH_IMAGE) in the trace's directory.
+    void replay(const char* test, const char* path) {
+        Trace t;
+        ASSERT_TRUE(t.load(path)) << "cannot read the trace " << path;
+        if (t.test != test) GTEST_SKIP() << "the trace is of CrashImage." << t.test;
+        const char* ni = std::getenv("KISAM_CRASH_IMAGE");
+        ASSERT_TRUE(ni) << "KISAM_CRASH_IMAGE names the image to rebuild";
+        const uint64_t n = std::strtoull(ni, nullptr, 0);
+        const bool keep = env_u64("KISAM_CRASH_KEEP", 0) != 0;
+        Site site(t.dir);
+        site.keep = keep;
+        Builder b(t);
+        Tally tally[kModes];
+        const Image im = b.plan(n, t.budget, t.between);
+        const Verdict v = run_image(t, b, site, im, tally, keep);
+        std::printf("image %" PRIu64 " of seed %" PRIu64 ": %s, cut after %" PRIu64 " of %zu events, %" PRIu64
+                    " unsynced writes kept, %" PRIu64 " lost, torn %s, %u calls returned\n",
+                    n, t.seed, kModeNames[im.mode], im.point, t.ev.size(), im.kept, im.lost,
+                    im.torn >= 0 ? (std::to_string(im.torn) + (im.torn_half ? " (second half kept)" : " (first half kept)")).c_str() : "none",
+                    im.required);
+        std::printf("  opened %d, sound %d (while open %d%s%s), reads %d, prefix %d (%u calls), returned calls present %d: %s\n",
+                    v.opened, v.sound, out->sound_open, out->sound_open ? "" : ": ", out->why_open, v.reads, v.prefix,
+                    v.prefix_len, v.durable, v.pass ? "passed" : v.why.c_str());
+        if (keep) std::printf("  kept: %s (after the restart) and %s.image (before)\n", site.dir.c_str(), site.dir.c_str());
+        EXPECT_TRUE(v.pass) << v.why;
+    }
+};
+
+// Under the sanitizers every restart costs several times as much: fewer images.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr uint64_t kImages = 1000;
+#else
+constexpr uint64_t kImages = 2000;
+#endif
+
+// The default mode may lose the last calls, never damage the file.
+TEST_F(CrashImage, DefaultMode) { run("DefaultMode", 3, 150, false, kImages); }
+
+// The durable mode loses no call that returned.
+TEST_F(CrashImage, DurableMode) { run("DurableMode", 2, 120, true, kImages); }
+
+// A control of the simulation itself: one process, cut just after a call returned, the
+// disk keeping every write.  Such an image holds exactly the calls that returned, on
+// any engine that writes a call out before it returns, or recovers what it logged.
+TEST_F(CrashImage, ACutBetweenCallsWithEveryWriteKeptHoldsTheCallsThatReturned) {
+    run("ACutBetweenCallsWithEveryWriteKeptHoldsTheCallsThatReturned", 1, 150, false, 150, true);
+}
+
+}  // namespace
