@@ -56,6 +56,11 @@ int jn_touch(PAGE pno, const IS_DATA* d) noexcept;
 bool jn_active(void) noexcept;
 // The before-image of page pno of the current file saved by the running unit, or null.
 const IS_DATA* jn_before(PAGE pno) noexcept;
+// The control page image of fcp as the running unit of this process found it; false when
+// no unit of fcp's file is running here.
+bool jn_unit_fcp(const IS_FCP* fcp, unsigned char out[kisam::kFcpImage]) noexcept;
+// The running unit let a changed page go before its end (lg_steal).
+void jn_stole(void) noexcept;
 // The running unit's log record is about to be appended, ending at LSN end (lg.h): a
 // unit found ACTIVE after its owner died committed when the log's end has reached it.
 void jn_committing(uint64_t end) noexcept;

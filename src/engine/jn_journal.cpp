@@ -43,7 +43,7 @@ constexpr uint32_t kMagic = 0x324E4A4Bu;  // "KJN2"
 constexpr size_t kHeadBytes = 4096;
 constexpr uint32_t kFirstCapacity = 256;   // before-images reserved at first use
 constexpr size_t kBootBytes = 48;
-constexpr size_t kPathBytes = 3480;
+constexpr size_t kPathBytes = 3472;
 
 struct jn_head {
     uint32_t jh_magic;          //    0-3
@@ -59,7 +59,10 @@ struct jn_head {
     uint32_t jh_fcplen;         //   44-47   bytes of jh_fcp in use
     uint8_t jh_fcp[kisam::kFcpImage];  // 48-559  control page from is_magic on
     char jh_boot[kBootBytes];   //  560-607  the kernel's boot id when the journal was opened
-    char jh_path[kPathBytes];   //  608-4087 the file's path (absolute when it could be made so)
+    char jh_path[kPathBytes];   //  608-4079 the file's path (absolute when it could be made so)
+    uint32_t jh_stole;          // 4080-4083 nonzero: the unit let pages go before its end (lg_steal),
+                                //           so a rollback must close it in the log
+    uint32_t jh_pad;            // 4084-4087
     uint64_t jh_commit;         // 4088-4095 LSN after the unit's log record once it is being
                                 //           appended (0 before): the unit committed when the
                                 //           file's log end (xf_log_end) has reached it
@@ -348,6 +351,25 @@ int undo_shared(const Map& m, IS_FCP* fcp, int u) noexcept {
     }
     // Pages the unit added lie past the old end: nothing refers to them any more.
     v_discard(fcp, u, nullptr, 0, fcp->is_lastpage);
+    // Pages the unit let go of are in the log as it left them, in a record that leaves
+    // it open: a record with the pages as they are again closes it.
+    if (h->jh_stole && bad == 0) {
+        PAGE* pnos = static_cast<PAGE*>(std::malloc((n ? n : 1) * sizeof(PAGE)));
+        const IS_DATA** datas = static_cast<const IS_DATA**>(std::malloc((n ? n : 1) * sizeof(IS_DATA*)));
+        if (!pnos || !datas) {
+            bad = 1;
+            fail(5);
+        } else {
+            for (uint32_t i = 0; i < n; ++i) {
+                pnos[i] = images(h)[i].ji_pno;
+                datas[i] = &images(h)[i].ji_data;
+            }
+            if (lg_compensate(fcp, u, pnos, datas, static_cast<int>(n)) != 0) bad = 1;
+            else h->jh_stole = 0;
+        }
+        std::free(pnos);
+        std::free(datas);
+    }
     if (isx_area) std::atomic_ref<uint32_t>(isx_area->xh_rolledback).fetch_add(1);
     return bad ? -1 : 0;
 }
@@ -447,6 +469,7 @@ int jn_begin(void) noexcept {
     std::memcpy(h->jh_fcp, &fcp->is_magic, len);
     std::atomic_ref<uint32_t>(h->jh_npages).store(0, std::memory_order_relaxed);
     h->jh_commit = 0;
+    h->jh_stole = 0;
     h->jh_units++;
     state_of(h).store(JN_ACTIVE, std::memory_order_release);
     own.active = true;
@@ -496,6 +519,18 @@ const IS_DATA* jn_before(PAGE pno) noexcept {
         k = (k + 1) & (own.cap - 1);
     }
     return nullptr;
+}
+
+bool jn_unit_fcp(const IS_FCP* fcp, unsigned char out[kisam::kFcpImage]) noexcept {
+    if (!own.active || own.fcp != fcp || !own.m.h) return false;
+    const uint32_t len = own.m.h->jh_fcplen <= kisam::kFcpImage ? own.m.h->jh_fcplen : kisam::kFcpImage;
+    std::memcpy(out, own.m.h->jh_fcp, len);
+    std::memset(out + len, 0, kisam::kFcpImage - len);
+    return true;
+}
+
+void jn_stole(void) noexcept {
+    if (own.active && own.m.h) own.m.h->jh_stole = 1;
 }
 
 void jn_committing(uint64_t end) noexcept {

@@ -74,6 +74,16 @@ void lg_owe(int u, uint64_t end) noexcept;
 // raised: the call is in the file but may not survive a crash).
 int lg_pay(void) noexcept;
 
+// A running call on file u must let go of slot s, which holds a page it changed, before
+// its end (the pool has no other slot to give): the page and its before-image go into
+// the log as a record that leaves the call open, synced, so that the page may be
+// written to the file.  Recovery undoes such pages when the call's final record never
+// came.  0, or -1 with the error raised.
+int lg_steal(IS_FCP* fcp, int u, int s) noexcept;
+// Appends the record that closes a call rolled back after it let pages go (lg_steal):
+// the pages as they are again, and the control page.  0, or -1 with the error raised.
+int lg_compensate(IS_FCP* fcp, int u, const PAGE* pnos, const IS_DATA* const* datas, int n) noexcept;
+
 // The log of file u on disk up to at least `lsn`.  0, or -1 with the error raised.
 int lg_sync_to(int u, uint64_t lsn) noexcept;
 // The rule before writing slot s's page (of file u) to the file: its log on disk.

@@ -34,6 +34,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 bool lg_durable = false;
 
@@ -77,7 +79,10 @@ KISAM_RECORD(lg_rec, 32);
 KISAM_AT(lg_rec, lr_len, 4); KISAM_AT(lg_rec, lr_lsn, 8); KISAM_AT(lg_rec, lr_sum, 16);
 KISAM_AT(lg_rec, lr_gen, 24); KISAM_AT(lg_rec, lr_nent, 28);
 
-enum : uint32_t { kPageEntry = 0, kControlEntry = 1 };
+enum : uint32_t { kPageEntry = 0, kControlEntry = 1, kBeforeEntry = 2 };
+// lr_flags: the record holds pages a running call had to let go of before its end
+// (pages whose before-images it carries too); the call's final record follows it.
+enum : uint16_t { kUnitOpen = 1 };
 
 struct lg_ent {
     uint64_t le_off;              //  0-7   file offset of the page (control page: 0)
@@ -303,8 +308,18 @@ int replay(int lfd, lg_head h, Replayed* out) noexcept {
         std::unordered_map<uint64_t, IS_DATA> pages;
         unsigned char fcp[kisam::kFcpImage];
         bool have_fcp = false;
+        // Pages a call let go of before its end, in order: undone when the log ends
+        // before the call's final record (their before-images; none for a page the call
+        // added past the file's old end, which is then no page of the file).
+        std::vector<std::pair<uint64_t, IS_DATA>> undo;
+        std::vector<uint64_t> added;
         while (len != 0) {
             const lg_rec* r = reinterpret_cast<const lg_rec*>(b.p);
+            const bool open = r->lr_flags & kUnitOpen;
+            if (!open) {
+                undo.clear();
+                added.clear();
+            }
             size_t at = sizeof(lg_rec);
             for (uint32_t i = 0; i < r->lr_nent && rc == 0; ++i) {
                 if (at + sizeof(lg_ent) > len) {
@@ -318,7 +333,12 @@ int replay(int lfd, lg_head h, Replayed* out) noexcept {
                     rc = -1;
                     break;
                 }
-                if (e.le_kind == kControlEntry && e.le_len == kisam::kFcpImage) {
+                if (e.le_kind == kBeforeEntry && e.le_len == kisam::kPage) {
+                    IS_DATA d;
+                    std::memcpy(d.c, b.p + at, kisam::kPage);
+                    undo.emplace_back(e.le_off, d);
+                    if (!added.empty() && added.back() == e.le_off) added.pop_back();
+                } else if (e.le_kind == kControlEntry && e.le_len == kisam::kFcpImage) {
                     std::memcpy(fcp, b.p + at, kisam::kFcpImage);
                     have_fcp = true;
                 } else if (e.le_kind == kPageEntry && e.le_at + e.le_len <= kisam::kPage) {
@@ -334,6 +354,7 @@ int replay(int lfd, lg_head h, Replayed* out) noexcept {
                         it = pages.emplace(e.le_off, d).first;
                     }
                     std::memcpy(it->second.c + e.le_at, b.p + at, e.le_len);
+                    if (open) added.push_back(e.le_off);  // dropped again if a before-image follows
                 }
                 at += round8(e.le_len);
             }
@@ -342,6 +363,9 @@ int replay(int lfd, lg_head h, Replayed* out) noexcept {
             lsn += len;
             len = read_record(lfd, h.lh_gen, h.lh_start, lsn, b);
         }
+        // The log ended inside a call: what it let go of goes back as it was.
+        for (auto it = undo.rbegin(); it != undo.rend(); ++it) pages[it->first] = it->second;
+        for (uint64_t off : added) pages.erase(off);
         if (rc == 0) {
             for (const auto& [off, d] : pages)
                 if (kisam::os_pwrite_full(dfd, d.c, kisam::kPage, static_cast<off_t>(off)) != 0) rc = -1;
@@ -495,57 +519,65 @@ int lg_enter(int u, IS_FCP* fcp) noexcept {
     return 0;
 }
 
-int lg_commit(IS_FCP* fcp, int u, const int16_t* slots, int n, uint64_t* end_lsn) noexcept {
+namespace {
+
+// One page of a record being built: its number, its content, and the content the page
+// had when the running unit began (null when there is none to compare with or to keep).
+struct PageArg {
+    PAGE pno;
+    const IS_DATA* data;
+    const IS_DATA* before;
+    int slot;  // -1: not a slot of the pool (no delta: its log mark is unknown)
+};
+
+// Builds and appends one record of file u: the pages (whole, or the bytes that changed
+// when rule 3 allows), with `befores` also the before-images, and with `fcp_too` the
+// control page.  0 with *end_lsn set, or -1 with the error raised (nothing appended).
+int append(IS_FCP* fcp, int u, const PageArg* pages, int n, uint16_t flags, bool befores, bool fcp_too,
+           uint64_t* end_lsn) noexcept {
     isx_file* x = xfile(u);
     const int fd = log_fd(u);
     if (fd < 0) return fail(ISE_OPENF, 0x26);
-    const bool seq = fcp->is_optbits & ISO_SEQ;
-    const size_t most = sizeof(lg_rec) + static_cast<size_t>(n) * (sizeof(lg_ent) + kisam::kPage) +
+    const size_t most = sizeof(lg_rec) + static_cast<size_t>(n) * 2 * (sizeof(lg_ent) + kisam::kPage) +
                         sizeof(lg_ent) + kisam::kFcpImage;
     if (!rec_buf.fit(most)) return fail(ISE_FLWT, 0x28);
     char* p = rec_buf.p + sizeof(lg_rec);
     uint32_t nent = 0;
     const uint64_t start = at(x->xf_log_start).load(std::memory_order_relaxed);
-    for (int i = 0; i < n; ++i) {
-        const IS_BUF* b = is_env.buf_ + slots[i];
-        lg_ent e;
-        e.le_off = static_cast<uint64_t>(v_fileoffset(fcp, b->bu_pno));
-        e.le_kind = kPageEntry;
-        e.le_at = 0;
-        e.le_len = kisam::kPage;
-        const uint64_t mark = *kisam::isx_lsn(slots[i]);
-        // A page logged whole in this generation, and held by this slot since, needs only
-        // the bytes the call changed (rule 3).
-        if (!(mark & ISX_LSN_FULL) && mark > start) {
-            if (const IS_DATA* before = jn_before(b->bu_pno)) {
-                int lo = 0, hi = kisam::kPage;
-                while (lo < hi && before->c[lo] == b->bu_data.c[lo]) ++lo;
-                while (hi > lo && before->c[hi - 1] == b->bu_data.c[hi - 1]) --hi;
-                if (lo == hi) continue;  // changed back as it was
-                e.le_at = static_cast<uint16_t>(lo);
-                e.le_len = static_cast<uint16_t>(hi - lo);
-            }
-        }
+    auto put = [&](uint64_t off, uint32_t kind, int lo, int hi, const char* bytes) {
+        lg_ent e{off, static_cast<uint16_t>(lo), static_cast<uint16_t>(hi - lo), kind};
         std::memcpy(p, &e, sizeof e);
         p += sizeof e;
-        std::memcpy(p, b->bu_data.c + e.le_at, e.le_len);
+        std::memcpy(p, bytes + lo, e.le_len);
         const size_t r = round8(e.le_len);
         if (r != e.le_len) std::memset(p + e.le_len, 0, r - e.le_len);
         p += r;
         ++nent;
+    };
+    for (int i = 0; i < n; ++i) {
+        const PageArg& a = pages[i];
+        const uint64_t off = static_cast<uint64_t>(v_fileoffset(fcp, a.pno));
+        int lo = 0, hi = kisam::kPage;
+        const uint64_t mark = a.slot >= 0 ? *kisam::isx_lsn(a.slot) : ISX_LSN_FULL;
+        // A page logged whole in this generation, and held by this slot since, needs only
+        // the bytes the call changed (rule 3).
+        if (!befores && a.before && !(mark & ISX_LSN_FULL) && mark > start) {
+            while (lo < hi && a.before->c[lo] == a.data->c[lo]) ++lo;
+            while (hi > lo && a.before->c[hi - 1] == a.data->c[hi - 1]) --hi;
+            if (lo == hi) continue;  // changed back as it was
+        }
+        put(off, kPageEntry, lo, hi, a.data->c);
+        if (befores && a.before) put(off, kBeforeEntry, 0, kisam::kPage, a.before->c);
     }
-    if (!seq) {
-        lg_ent e{0, 0, static_cast<uint16_t>(kisam::kFcpImage), kControlEntry};
-        std::memcpy(p, &e, sizeof e);
-        p += sizeof e;
+    if (fcp_too && !(fcp->is_optbits & ISO_SEQ)) {
+        unsigned char img[kisam::kFcpImage];
         const size_t len = static_cast<size_t>(IS_FCP_SIZE(fcp->is_nkeys) - IS_FCP_JDSIZE);
-        const size_t take = len < static_cast<size_t>(kisam::kFcpImage) ? len : kisam::kFcpImage;
-        std::memcpy(p, &fcp->is_magic, take);
-        std::memset(p + take, 0, kisam::kFcpImage - take);
+        const size_t take = len < sizeof img ? len : sizeof img;
+        std::memcpy(img, &fcp->is_magic, take);
+        std::memset(img + take, 0, sizeof img - take);
         const size_t ob = offsetof(IS_FCP, is_optbits) - IS_FCP_JDSIZE;
-        p[ob] = static_cast<char>(p[ob] & ~ISO_CHANGED);
-        p += kisam::kFcpImage;
-        ++nent;
+        img[ob] = static_cast<unsigned char>(img[ob] & ~ISO_CHANGED);
+        put(0, kControlEntry, 0, kisam::kFcpImage, reinterpret_cast<const char*>(img));
     }
     lg_rec* r = reinterpret_cast<lg_rec*>(rec_buf.p);
     const uint64_t lsn = at(x->xf_log_end).load(std::memory_order_relaxed);
@@ -555,17 +587,63 @@ int lg_commit(IS_FCP* fcp, int u, const int16_t* slots, int n, uint64_t* end_lsn
     r->lr_sum = 0;
     r->lr_gen = x->xf_log_gen;
     r->lr_nent = static_cast<uint16_t>(nent);
-    r->lr_flags = 0;
+    r->lr_flags = flags;
     r->lr_sum = checksum(rec_buf.p, r->lr_len);
     const uint64_t end = lsn + r->lr_len;
     // Whoever finds this call's unit after a death must know whether it committed.
-    jn_committing(end);
+    if (!(flags & kUnitOpen)) jn_committing(end);
     if (kisam::os_pwrite_full(fd, rec_buf.p, r->lr_len, kFirst + static_cast<off_t>(lsn - start)) != 0)
         return fail(ISE_FLWT, 0x28);
-    for (int i = 0; i < n; ++i) *kisam::isx_lsn(slots[i]) = end;
+    for (int i = 0; i < n; ++i)
+        if (pages[i].slot >= 0) *kisam::isx_lsn(pages[i].slot) = end;
     at(x->xf_log_end).store(end, std::memory_order_release);
     if (end_lsn) *end_lsn = end;
     return 0;
+}
+
+// The page arguments of a record; grown as needed.
+PageArg* page_args(int n) noexcept {
+    static PageArg* args = nullptr;
+    static int cap = 0;
+    if (n <= cap) return args;
+    int c = cap ? cap : 64;
+    while (c < n) c *= 2;
+    PageArg* q = static_cast<PageArg*>(std::realloc(args, sizeof(PageArg) * static_cast<size_t>(c)));
+    if (!q) return nullptr;
+    args = q;
+    cap = c;
+    return args;
+}
+
+}  // namespace
+
+int lg_commit(IS_FCP* fcp, int u, const int16_t* slots, int n, uint64_t* end_lsn) noexcept {
+    PageArg* a = page_args(n);
+    if (!a && n > 0) return fail(ISE_FLWT, 0x28);
+    for (int i = 0; i < n; ++i) {
+        const IS_BUF* b = is_env.buf_ + slots[i];
+        a[i] = {b->bu_pno, &b->bu_data, jn_before(b->bu_pno), slots[i]};
+    }
+    return append(fcp, u, a, n, 0, false, true, end_lsn);
+}
+
+int lg_steal(IS_FCP* fcp, int u, int s) noexcept {
+    const IS_BUF* b = is_env.buf_ + s;
+    const PageArg a{b->bu_pno, &b->bu_data, jn_before(b->bu_pno), -1};
+    uint64_t end = 0;
+    // Outside a unit nothing can be undone: the page is simply committed alone.
+    const bool open = jn_active();
+    if (append(fcp, u, &a, 1, open ? kUnitOpen : 0, open, !open, &end) != 0) return -1;
+    if (open) jn_stole();
+    *kisam::isx_lsn(s) = end | ISX_LSN_FULL;
+    return lg_sync_to(u, end);
+}
+
+int lg_compensate(IS_FCP* fcp, int u, const PAGE* pnos, const IS_DATA* const* datas, int n) noexcept {
+    PageArg* a = page_args(n);
+    if (!a && n > 0) return fail(ISE_FLWT, 0x28);
+    for (int i = 0; i < n; ++i) a[i] = {pnos[i], datas[i], nullptr, -1};
+    return append(fcp, u, a, n, 0, false, true, nullptr);
 }
 
 namespace {

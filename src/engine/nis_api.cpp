@@ -2,6 +2,7 @@
 #include "is_error.h"
 #include "is_file.h"
 #include "is_rec.h"
+#include "lg.h"
 #include "v_pool.h"
 
 #include <cstdio>
@@ -22,7 +23,12 @@ KISAM_API int nisflush(int isfd) {
         is_isout();
         return -1;
     }
-    v_flush();
+    // Everything committed so far goes into the file, on disk: its log starts anew.
+    if (v_flush() == 0) {
+        kisam::ErrorKeep keep;
+        const int u = is_curdb->uniqueid;
+        lg_checkpoint(is_curfcp, u, lg_wfd(u));
+    }
     is_relctl();
     is_isout();
     return 0;

@@ -130,6 +130,9 @@ PoolBook bk;
 int16_t chg_slot[BU_FILEMASK + 1];
 uint8_t chg_in[BU_FILEMASK + 1];
 int chg_n = 0;
+// Whether this process's victims may be slots listed above (pages of its running call):
+// only when nothing else is left.
+bool take_own = false;
 
 void book_free() noexcept {
     std::free(bk.tab);
@@ -546,6 +549,7 @@ int own_victim(IS_FCP* fcp, int u, bool rdonly) noexcept {
         if (!valid_slot(h)) h = fcp->jd_buf_hd;
         const uint16_t id = b->bu_id;
         if ((id & BU_INUSE) || (rdonly && (id & BU_DIRTY))) continue;
+        if (chg_in[s] && !take_own) continue;
         // A page changed by a call whose rollback is still due must not reach the file.
         if ((id & BU_DIRTY) && f->xf_undo != 0) continue;
         if (ref_take(s)) continue;
@@ -662,6 +666,7 @@ int steal_victim(bool hb, bool* took) noexcept {
         const uint16_t id = b->bu_id;
         const int w = id & BU_FILEMASK;
         if (!stealable(id, w)) continue;
+        if (chg_in[i] && !take_own) continue;
         if (ref_take(i)) continue;
         IS_FCP* ofcp = pfo_fcp(w);
         if (!is_lock_mine(&ofcp->jd_fcplock)) {
@@ -709,6 +714,14 @@ int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb, bool fresh) noexcept {
         } else {
             bool took = false;
             const int v = steal_victim(hb, &took);
+            if (v < 0 && chg_n > 0 && !take_own) {
+                // Every slot left is fixed or holds a page of this process's running call:
+                // one of the latter goes (through the log, lg_steal).
+                take_own = true;
+                is_unlock(&com->buf_lock);
+                continue;
+            }
+            take_own = false;
             if (v < 0) {
                 // Fixes left by a holder that died are never unfixed by a flush; clear
                 // them and look again before waiting for slots that no one will release.
@@ -863,8 +876,20 @@ int writebuf(IS_BUF* b) noexcept {
     IS_PFI* pfi = &is_pfi[w];
     const int fd = lg_wfd(w);
     if (fd < 0) return is_raise(ISE_RDWT, PROC(P_V_READ, 1));
-    // The log first (lg.h rule 2).
-    if (lg_wal(w, static_cast<int>(b - is_env.buf_)) != 0) return -1;
+    const int s = static_cast<int>(b - is_env.buf_);
+    // The log first (lg.h rule 2); a page of this process's running call goes in with
+    // its before-image.
+    if (chg_in[s]) {
+        if (lg_steal(ofcp, w, s) != 0) return -1;
+        chg_in[s] = 0;
+        for (int i = 0; i < chg_n; ++i)
+            if (chg_slot[i] == s) {
+                chg_slot[i] = chg_slot[--chg_n];
+                break;
+            }
+    } else if (lg_wal(w, s) != 0) {
+        return -1;
+    }
     const off_t off = v_fileoffset(ofcp, b->bu_pno);
     b->bu_wcnt = clock_advance(isam_com->lru_wcnt);
     // The data-changed mark reaches the disk before the first page write after a clean
@@ -884,11 +909,11 @@ int writebuf(IS_BUF* b) noexcept {
 int v_write(PAGE pno, IS_DATA* datap) noexcept {
     int s = v_slot_of(datap);
     if (s < 0 || slot(s)->bu_pno != pno) return -1;
-    // Dirty, and fixed until the commit: a page of a call not yet committed never
-    // reaches the file (lg.h rule 2).
+    // Dirty, and listed for the commit.  Until then only this process (which holds the
+    // control lock) could make the slot a victim, and it does so only when the pool has
+    // no other (lg_steal).
     IS_BUF* b = slot(s);
-    b->bu_id |= BU_DIRTY | BU_INUSE;
-    if (book()) fix_note(s);
+    b->bu_id |= BU_DIRTY;
     if (!chg_in[s]) {
         chg_in[s] = 1;
         chg_slot[chg_n++] = static_cast<int16_t>(s);
@@ -1123,8 +1148,17 @@ int fcp_setdatachanged(IS_FCP* fcp, IS_PFI* pfi, int datachangedf, int syncf) no
     // later clear writes again -- never a mark on the disk that the copy has forgotten,
     // which a last close would leave behind on a sound file.
     if (datachangedf) fcp->is_optbits |= ISO_DIRTYMARK;
+    // The control page as committed: a call under way in this process has it as it was
+    // when the call began (lg.h rule 2).  ISO_CHANGED stays as it is in the shared copy.
     unsigned char img[kisam::kFcpImage];
-    kisam::fcp_image(fcp, img);
+    if (!(u >= 0 && jn_unit_fcp(fcp, img))) {
+        const size_t len = static_cast<size_t>(IS_FCP_SIZE(fcp->is_nkeys) - IS_FCP_JDSIZE);
+        const size_t take = len < sizeof img ? len : sizeof img;
+        std::memcpy(img, &fcp->is_magic, take);
+        std::memset(img + take, 0, sizeof img - take);
+    }
+    constexpr size_t kBitsAt = offsetof(IS_FCP, is_optbits) - offsetof(IS_FCP, is_magic);
+    img[kBitsAt] = static_cast<unsigned char>((img[kBitsAt] & ~ISO_CHANGED) | ISO_DIRTYMARK);
     constexpr size_t kOptbitsAt = offsetof(IS_FCP, is_optbits) - offsetof(IS_FCP, is_magic);
     if (!datachangedf) img[kOptbitsAt] = static_cast<unsigned char>(img[kOptbitsAt] & ~ISO_DIRTYMARK);
     if (kisam::os_pwrite_full(pfi->pfi_osfd, img, sizeof img, 0) != 0) {

@@ -48,8 +48,10 @@ public:
         ASSERT_EQ(is_getctl(), 0);
         in_ = true;
     }
+    // Gives the lock back with the file written back: tests look at its pages on disk.
     void end() {
         in_ = false;
+        EXPECT_EQ(kt::write_back(), 0);
         EXPECT_EQ(is_relctl(), 0);
         is_isout();
     }

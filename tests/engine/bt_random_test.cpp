@@ -219,6 +219,7 @@ protected:
 
     // Flush, check the file from disk, compare every tree with its model, lock again.
     void verify(const char* when) {
+        ASSERT_EQ(kt::write_back(), 0);
         file_->end();
         kisam::check::Report rep = kisam::check::check_file(
             file_->path(), kisam::check::CHECK_TREES | kisam::check::CHECK_FREE);

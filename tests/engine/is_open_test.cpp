@@ -190,10 +190,13 @@ ssize_t f_pwrite(int fd, const void* b, size_t n, off_t o) {
 int f_fstat(int fd, struct stat* st) { return fails("fstat") ? -1 : kisam::os_real.fstat(fd, st); }
 int f_rename(const char* a, const char* b) { return fails("rename") ? -1 : kisam::os_real.rename(a, b); }
 
+// The directory's names, but for the installation's redo logs ("<lock file>.w<n>"): they
+// belong to the installation, not to a create.
 std::vector<std::string> listing(const std::string& dir) {
     std::vector<std::string> names;
     if (DIR* d = ::opendir(dir.c_str())) {
-        while (dirent* e = ::readdir(d)) names.emplace_back(e->d_name);
+        while (dirent* e = ::readdir(d))
+            if (!std::strstr(e->d_name, ".lk.w")) names.emplace_back(e->d_name);
         ::closedir(d);
     }
     std::sort(names.begin(), names.end());

@@ -238,7 +238,7 @@ protected:
         const int n = static_cast<int>(rec.size());
         if (how == 0) {
             int r = niswrite(fd_, rec.data(), n);
-            ASSERT_EQ(r, old ? 1 : 0) << "niswrite";
+            ASSERT_EQ(r, old ? 1 : 0) << "niswrite " << is_errno << " " << kt::stack_code(0) << " " << kt::stack_code(1) << " " << kt::stack_code(2);
             if (!old) model_->put(rec);
         } else if (how == 1) {
             ASSERT_EQ(nisfwrite(fd_, rec.data(), n), 0) << "nisfwrite";

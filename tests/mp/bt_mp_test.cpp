@@ -88,6 +88,7 @@ TEST_P(BtMp, ProcessesShareOneTree) {
     for (int c = 0; c < kChildren; ++c) go.signal('g');
     for (pid_t p : kids) EXPECT_EQ(kt::wait_child(p), 0);
 
+    ASSERT_EQ(kt::write_back(f.fd()), 0);
     kisam::check::Report rep =
         kisam::check::check_file(f.path(), kisam::check::CHECK_TREES | kisam::check::CHECK_FREE);
     ASSERT_TRUE(rep.ok) << rep.error;
