@@ -580,10 +580,10 @@ int kisam_rewind(int isfd, int keyno);
  * when the disk refused the sync. */
 int kisam_sync(void);
 
-/* What the replay at the start of the shared area found (all zero when none ran since
- * the area was made): logs replayed, calls redone, pages written, how long it took, and
- * when it ran (seconds since 1970); self is 1 when this process ran it.  Returns 0, or
- * -1 when not attached. */
+/* kisam_last_recovery fills *out with what the replay at the start of the shared area
+ * found (all zero when none ran since the area was made): logs replayed, calls redone,
+ * pages written, how long it took, when it ran (seconds since 1970), and self = 1 when
+ * this process ran it.  Returns 0, or -1 when not attached. */
 struct kisam_recovery {
     long logs, calls, pages, usec, when;
     int self;

@@ -127,10 +127,16 @@ TEST_F(Tool, RecordsByEveryKey) {
     EXPECT_EQ(r.rc, 1);
     EXPECT_TRUE(has(r.err, "ISE_OPENF")) << r.err;
 
-    // A file whose end lies where no further page can be numbered: the ceiling is named.
+    // A file whose end lies where no further page can be numbered (its control page says
+    // so: free chain and end at 4 GiB - 1 KiB): the ceiling is named.
     const std::string full = path("full");
     ASSERT_EQ(run({"create", full, "4"}).rc, 0);
-    ASSERT_EQ(::truncate(full.c_str(), 0xFFFFFC00LL), 0);
+    {
+        const uint32_t end[2] = {0xFFFFFC00u, 0xFFFFFC00u};  // is_nextfree, is_lastpage
+        const int os = ::open(full.c_str(), O_WRONLY);
+        ASSERT_EQ(::pwrite(os, end, sizeof end, 4), static_cast<ssize_t>(sizeof end));
+        ::close(os);
+    }
     r = run({"put", full, "abcd"});
     EXPECT_EQ(r.rc, 1);
     EXPECT_TRUE(has(r.err, "4 GiB")) << r.err;
