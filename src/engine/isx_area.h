@@ -107,14 +107,17 @@ struct isx_file {
     uint64_t xf_log_synced;  // 32-39  LSN up to which the log is known on disk
     uint64_t xf_log_start;   // 40-47  LSN of the generation's first record: the file on
                              //        disk holds everything logged before it
-    uint32_t xf_spare[4];    // 48-63
+    uint32_t xf_log_fcpgen;  // 48-51  the generation in which the log last took the whole
+                             //        control page (later records may hold only changes)
+    uint32_t xf_spare[3];    // 52-63
 };
 KISAM_RECORD(isx_file, 64);
 KISAM_AT(isx_file, xf_seq, 0);   KISAM_AT(isx_file, xf_chaingen, 4);
 KISAM_AT(isx_file, xf_hand, 8);  KISAM_AT(isx_file, xf_undo, 12);
 KISAM_AT(isx_file, xf_chainlen, 16); KISAM_AT(isx_file, xf_log_gen, 20);
 KISAM_AT(isx_file, xf_log_end, 24); KISAM_AT(isx_file, xf_log_synced, 32);
-KISAM_AT(isx_file, xf_log_start, 40); KISAM_AT(isx_file, xf_spare, 48);
+KISAM_AT(isx_file, xf_log_start, 40); KISAM_AT(isx_file, xf_log_fcpgen, 48);
+KISAM_AT(isx_file, xf_spare, 52);
 
 // One per process-table slot.
 struct isx_proc {

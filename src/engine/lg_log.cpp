@@ -30,6 +30,7 @@
 #include <cstring>
 #include <ctime>
 #include <dirent.h>
+#include <fcntl.h>
 #include <new>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -48,7 +49,7 @@ constexpr off_t kFirst = 1024;
 constexpr uint32_t kMaxRecord = 64u << 20;
 constexpr uint32_t kConfMagic = 0x3143584Bu;  // "KXC1": the configuration's extension
 // A log past this many bytes is checkpointed by the next call that begins.
-constexpr uint64_t kDefaultLimit = uint64_t{16} << 20;
+constexpr uint64_t kDefaultLimit = uint64_t{64} << 20;
 
 struct lg_head {
     uint32_t lh_magic;            //   0-3
@@ -338,8 +339,15 @@ int replay(int lfd, lg_head h, Replayed* out) noexcept {
                     std::memcpy(d.c, b.p + at, kisam::kPage);
                     undo.emplace_back(e.le_off, d);
                     if (!added.empty() && added.back() == e.le_off) added.pop_back();
-                } else if (e.le_kind == kControlEntry && e.le_len == kisam::kFcpImage) {
-                    std::memcpy(fcp, b.p + at, kisam::kFcpImage);
+                } else if (e.le_kind == kControlEntry && e.le_at + e.le_len <= kisam::kFcpImage) {
+                    // A part applies to the whole image an earlier record (or the file)
+                    // gave.
+                    if (!have_fcp && e.le_len != kisam::kFcpImage &&
+                        kisam::os_pread_full(dfd, fcp, sizeof fcp, 0) != static_cast<ssize_t>(sizeof fcp)) {
+                        rc = -1;
+                        break;
+                    }
+                    std::memcpy(fcp + e.le_at, b.p + at, e.le_len);
                     have_fcp = true;
                 } else if (e.le_kind == kPageEntry && e.le_at + e.le_len <= kisam::kPage) {
                     auto it = pages.find(e.le_off);
@@ -577,7 +585,16 @@ int append(IS_FCP* fcp, int u, const PageArg* pages, int n, uint16_t flags, bool
         std::memset(img + take, 0, sizeof img - take);
         const size_t ob = offsetof(IS_FCP, is_optbits) - IS_FCP_JDSIZE;
         img[ob] = static_cast<unsigned char>(img[ob] & ~ISO_CHANGED);
-        put(0, kControlEntry, 0, kisam::kFcpImage, reinterpret_cast<const char*>(img));
+        // Whole once per generation; after that the bytes that changed since the unit
+        // began (the control page of a unit's start is the one the log last left).
+        int lo = 0, hi = kisam::kFcpImage;
+        unsigned char was[kisam::kFcpImage];
+        if (x->xf_log_fcpgen == x->xf_log_gen && jn_unit_fcp(fcp, was)) {
+            was[ob] = static_cast<unsigned char>(was[ob] & ~ISO_CHANGED);
+            while (lo < hi && was[lo] == img[lo]) ++lo;
+            while (hi > lo && was[hi - 1] == img[hi - 1]) --hi;
+        }
+        if (lo < hi) put(0, kControlEntry, lo, hi, reinterpret_cast<const char*>(img));
     }
     lg_rec* r = reinterpret_cast<lg_rec*>(rec_buf.p);
     const uint64_t lsn = at(x->xf_log_end).load(std::memory_order_relaxed);
@@ -596,7 +613,16 @@ int append(IS_FCP* fcp, int u, const PageArg* pages, int n, uint16_t flags, bool
         return fail(ISE_FLWT, 0x28);
     for (int i = 0; i < n; ++i)
         if (pages[i].slot >= 0) *kisam::isx_lsn(pages[i].slot) = end;
+    if (fcp_too) x->xf_log_fcpgen = x->xf_log_gen;  // the control page is in this generation
     at(x->xf_log_end).store(end, std::memory_order_release);
+    // The disk starts on the log now, a megabyte at a time, so that a sync (a checkpoint,
+    // a durable call, a page written back) finds little left to do.
+    if ((lsn >> 20) != (end >> 20)) {
+        const uint64_t from = ((end >> 20) << 20) - (uint64_t{1} << 20);
+        const uint64_t lo = from > start ? from : start;
+        ::sync_file_range(fd, kFirst + static_cast<off_t>(lo - start), static_cast<off_t>((end >> 20 << 20) - lo),
+                          SYNC_FILE_RANGE_WRITE);
+    }
     if (end_lsn) *end_lsn = end;
     return 0;
 }
