@@ -480,8 +480,10 @@ int kisam_recovery_stats(unsigned *cleaned, unsigned *rolledback, int *recent, i
  * rollback is applied at the next start of the shared area or the next use of the file;
  * until then the file on disk holds the call half done, and a program that reads the
  * file itself (a checker, a copy) would find it damaged.  Attaches nothing, changes
- * nothing.  1 pending, 0 not; -1 when path cannot be examined or no configuration file
- * is found (errno says why). */
+ * nothing.  1 pending, 0 not; 2 when no rollback is pending but calls made on the file
+ * are in its redo log and not yet in the file (normal while programs use it, or after a
+ * crash before anyone attached again: kisam_settle writes them in); -1 when path cannot
+ * be examined or no configuration file is found (errno says why). */
 int kisam_pending(const char *path);
 
 /* Applies such a rollback now: attaches to the shared area when not attached (and
@@ -583,7 +585,8 @@ int kisam_sync(void);
 /* kisam_last_recovery fills *out with what the replay at the start of the shared area
  * found (all zero when none ran since the area was made): logs replayed, calls redone,
  * pages written, how long it took, when it ran (seconds since 1970), and self = 1 when
- * this process ran it.  Returns 0, or -1 when not attached. */
+ * this process ran it.  Returns 0, or -1 when not attached (a process that ran a replay
+ * still gets its figures after it detached). */
 struct kisam_recovery {
     long logs, calls, pages, usec, when;
     int self;

@@ -52,7 +52,8 @@ KISAM_API int kisam_pending(const char* path) {
     }
     if (!find_installation()) return -1;
     const uint64_t dev = static_cast<uint64_t>(st.st_dev), ino = static_cast<uint64_t>(st.st_ino);
-    return jn_pending(dev, ino) || lg_pending(dev, ino) ? 1 : 0;
+    if (jn_pending(dev, ino)) return 1;
+    return lg_pending(dev, ino) ? 2 : 0;
 }
 
 KISAM_API int kisam_settle(const char* path) {

@@ -794,6 +794,7 @@ int lg_undo_tail(int u, uint64_t record_end) noexcept {
 
 namespace {
 bool recovered_here = false;
+kisam_recovery recovered{};  // what this process replayed, kept past its detach
 }  // namespace
 
 void lg_recover_all(void) noexcept {
@@ -817,6 +818,12 @@ void lg_recover_all(void) noexcept {
     if (logs == 0) return;
     ::clock_gettime(CLOCK_MONOTONIC, &t1);
     recovered_here = true;
+    recovered.logs = logs;
+    recovered.calls = r.units;
+    recovered.pages = r.pages;
+    recovered.usec = (t1.tv_sec - t0.tv_sec) * 1000000 + (t1.tv_nsec - t0.tv_nsec) / 1000;
+    recovered.when = static_cast<long>(::time(nullptr));
+    recovered.self = 1;
     isx_area->xh_rec_logs = logs;
     isx_area->xh_rec_units = r.units;
     isx_area->xh_rec_pages = r.pages;
@@ -848,7 +855,12 @@ extern "C" KISAM_API int kisam_sync(void) {
 extern "C" KISAM_API int kisam_last_recovery(struct kisam_recovery* out) {
     if (!out) return -1;
     std::memset(out, 0, sizeof *out);
-    if (!isam_com || !isx_area) return -1;
+    if (!isam_com || !isx_area) {
+        // Detached: what this process replayed itself, if anything.
+        if (!recovered_here) return -1;
+        *out = recovered;
+        return 0;
+    }
     out->logs = isx_area->xh_rec_logs;
     out->calls = isx_area->xh_rec_units;
     out->pages = isx_area->xh_rec_pages;

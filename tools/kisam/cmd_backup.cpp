@@ -24,11 +24,14 @@ int settle_first(const std::string& cmd, const std::string& file) {
     if (::stat(file.c_str(), &st) != 0) return EXIT_OK;   // the command reports a missing file
     apply_config_choice();
     // Without a configuration there is no journal to ask: nothing can be pending.
-    if (kisam_pending(file.c_str()) != 1) return EXIT_OK;
+    // 2: calls still only in the file's redo log (normal while programs use the file); they
+    // are written into it first, without a word -- a replay after a crash says so itself.
+    const int pending = kisam_pending(file.c_str());
+    if (pending != 1 && pending != 2) return EXIT_OK;
     clear_lib_error();
     const int rc = kisam_settle(file.c_str());
     if (rc >= 0) {
-        if (rc == 1) {
+        if (rc == 1 && pending == 1) {
             progress_clear();
             std::fprintf(stderr,
                          "kisam %s: %s: a rollback left by an interrupted call (a killed process, or a write the "

@@ -166,7 +166,7 @@ int config_init(std::vector<std::string> words) {
     for (auto o : {"files", "buffers", "users", "keys", "files-per-process", "file-buffers", "avg-alt-keys",
                    "lock-key-len", "locks-per-file", "access"})
         a.option(o);
-    for (auto f : {"track-changes", "sync-on-mark", "clear-on-release", "force"}) a.flag(f);
+    for (auto f : {"track-changes", "sync-on-mark", "clear-on-release", "durable", "force"}) a.flag(f);
     if (!a.parse()) return EXIT_USAGE;
     if (a.pos().size() != 1) return usage_error("config", "config init takes one PATH");
     const std::string path = a.pos()[0];
@@ -202,6 +202,7 @@ int config_init(std::vector<std::string> words) {
     if (track)
         settings.options = KISAM_TRACK_CHANGES | (a.has("sync-on-mark") ? KISAM_SYNC_ON_MARK : 0) |
                            (a.has("clear-on-release") ? KISAM_CLEAR_ON_RELEASE : 0);
+    if (a.has("durable")) settings.options |= KISAM_DURABLE;
 
     // The record as the library will write it, judged first against the limits.
     struct is_config c;
@@ -313,6 +314,14 @@ int config_show(std::vector<std::string> words) {
         opts = "none";
     }
     std::printf("options                 %s (bits 0x%x)\n", opts.c_str(), c.co_bits);
+    // This library's own settings follow the record ("KXC1", then bits).
+    uint32_t ext[2] = {0, 0};
+    if (n >= kRecordSize + 8) std::memcpy(ext, buf + kRecordSize, sizeof ext);
+    const bool durable = ext[0] == 0x3143584Bu && (ext[1] & 1);
+    std::printf("changing calls          %s\n",
+                durable ? "durable: each returns once its log record is on disk (KISAM_DURABLE=0 overrides)"
+                        : "return before the disk has them: a machine crash may lose the last ones, never "
+                          "half of one (KISAM_DURABLE=1 overrides)");
     std::printf("shared segment          %lld bytes (%s)\n", static_cast<long long>(l.segment), kib(l.segment).c_str());
     std::printf("  buffers               at %lld\n", static_cast<long long>(l.bufbase));
     std::printf("  shared-file table     at %lld\n", static_cast<long long>(l.pfobase));

@@ -180,6 +180,16 @@ void print_once(const void* area, int shmid, const std::vector<std::pair<std::st
         }
         std::printf("\n");
     }
+    struct kisam_recovery rec;
+    if (kisam_last_recovery(&rec) == 0) {
+        if (rec.logs > 0)
+            std::printf("crash     at the start of this shared area %ld %s replayed: %ld %s redone, %ld %s "
+                        "written, in %.1f ms\n",
+                        rec.logs, plural(rec.logs, "log", "logs"), rec.calls, plural(rec.calls, "call", "calls"),
+                        rec.pages, plural(rec.pages, "page", "pages"), double(rec.usec) / 1000.0);
+        else
+            std::printf("crash     nothing to replay at the start of this shared area\n");
+    }
     std::fflush(stdout);
 }
 
@@ -250,6 +260,15 @@ void print_json(const void* area, int shmid, const std::vector<std::pair<std::st
     unsigned cleaned = 0, rolledback = 0;
     if (kisam_recovery_stats(&cleaned, &rolledback, nullptr, 0) >= 0)
         doc.raw("recovery", JsonObject().unum("cleaned_up", cleaned).unum("rolled_back", rolledback).done());
+    struct kisam_recovery rec;
+    if (kisam_last_recovery(&rec) == 0)
+        doc.raw("replay", JsonObject()
+                              .num("logs", rec.logs)
+                              .num("calls", rec.calls)
+                              .num("pages", rec.pages)
+                              .num("usec", rec.usec)
+                              .num("when", rec.when)
+                              .done());
     std::printf("%s\n", doc.done().c_str());
     std::fflush(stdout);
 }

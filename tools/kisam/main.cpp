@@ -365,6 +365,7 @@ int main(int argc, char** argv) {
     ::signal(SIGPIPE, SIG_IGN);
     kisam_tool::g.utf8 = kisam_tool::locale_is_utf8();
     int rc = kisam_tool::run(argc, argv);
+    kisam_tool::report_replay();  // a replay run by a library call that attached itself
     if (rc == 0 && kisam_tool::g_late_failure) rc = kisam_tool::EXIT_FAIL;
     if (std::fflush(stdout) != 0 && !kisam_tool::g_write_errno) kisam_tool::g_write_errno = errno;
     // A reader that went away ('kisam scan FILE | head -1') is a normal end of the output:

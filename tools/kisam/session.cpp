@@ -77,7 +77,20 @@ bool Session::attach(bool quiet) {
         return false;
     }
     attached_ = true;
+    report_replay();
     return true;
+}
+
+void report_replay() {
+    static bool reported = false;
+    struct kisam_recovery r;
+    if (reported || kisam_last_recovery(&r) != 0 || !r.self || r.logs <= 0) return;
+    reported = true;
+    std::fprintf(stderr,
+                 "kisam: the programs that last used this installation did not all close their files "
+                 "(a crash?): %ld %s redone from %ld redo %s, %ld %s written, in %.1f ms\n",
+                 r.calls, r.calls == 1 ? "call" : "calls", r.logs, r.logs == 1 ? "log" : "logs", r.pages,
+                 r.pages == 1 ? "page" : "pages", double(r.usec) / 1000.0);
 }
 
 void Session::report_attach_failure() { lib_error(cmd_, "cannot attach to the shared area"); }

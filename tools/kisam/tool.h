@@ -120,6 +120,10 @@ private:
 // Points the engine at the configuration chosen on the command line (or leaves the
 // normal search), then attaches on demand.  The destructor closes every handle and
 // detaches, so that a failing subcommand never leaves its process slot behind.
+// Says on standard error, once, when attaching made this process replay the logs of a
+// crash (the library did it; this only tells the user).
+void report_replay();
+
 class Session {
 public:
     explicit Session(std::string cmd) : cmd_(std::move(cmd)) {}
