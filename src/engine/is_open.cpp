@@ -508,13 +508,13 @@ KISAM_API int nisopen(const char* filename, int access) {
             return fail_fd(ISE_NOTISAM, 6);
         if (magic == ISMAGIC_OLD512 || magic == ISMAGIC_OLD1024) kisam::fcp_convert_old(fcp_scratch);
         if (!key_table_ok(scratch)) return fail_fd(ISE_NOTISAM, 6);
-        // A file left marked with a unit of a killed process still in its journal is
-        // rolled back, and is then sound: read its control page again.
+        // A file left marked with a unit of a killed process still in its journal:
         if ((scratch->is_optbits & ISO_DIRTYMARK) &&
             jn_recover_file(static_cast<uint64_t>(fi.f_dev), static_cast<uint64_t>(fi.f_inode))) {
-            if (kisam::os_pread_full(fd, fcp_scratch + IS_FCP_JDSIZE, kisam::kFcpImage, 0) < kisam::kFcpImage)
-                return fail_fd(ISE_NOTISAM, 5);
-            if (!key_table_ok(scratch)) return fail_fd(ISE_NOTISAM, 6);
+            // That unit never reached the file, and what the log held went in before
+            // (lg_prepare): the file is as its last call left it, and its mark can go (on
+            // disk with the control page's next write).
+            scratch->is_optbits = static_cast<uint8_t>(scratch->is_optbits & ~ISO_DIRTYMARK);
         }
         if (!noverify && (scratch->is_optbits & ISO_DIRTYMARK)) return fail_fd(ISE_INCONSISTENT, 14);
     }

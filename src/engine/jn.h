@@ -9,14 +9,16 @@
 //     jn_begin, under the file's control lock, saves the shared control page and marks
 //     the journal ACTIVE; before a page of the file is first changed in the unit,
 //     jn_touch saves its before-image; pages the unit adds past the file's old end need
-//     none (the rollback cuts the file back).  The unit ends (jn_commit: IDLE, one store)
-//     after its last flush succeeded and before the control word is given up.
+//     none (the rollback drops them).  The unit ends (jn_release: IDLE, one store) after
+//     its commit (its record in the redo log, lg.h) and before the control word is
+//     given up; jn_committing records where that record ends, so that a unit found
+//     ACTIVE whose record the log's end has reached counts as whole.
 //  2. A journal that is ACTIVE or UNDO while its owner no longer holds the file's control
 //     lock describes a unit that must be rolled back before anybody changes the file
-//     again: its before-images go back to disk, the cached copies of those pages and of
-//     the pages past the old end are dropped from the pool, the shared control page is
-//     restored and written, and the file is cut back to its old end.  Rolling back is
-//     idempotent, so a rollback cut short by another death is simply done again.
+//     again: none of its pages reached the file (lg.h rule 2), so its before-images go
+//     back into the pool's slots, the pages past the old end are dropped, and the shared
+//     control page is restored.  Rolling back is idempotent, so a rollback cut short by
+//     another death is simply done again.
 //  3. xf_undo of the file (extension area) names such a journal once somebody has
 //     noticed it: the owner itself when its call failed, or whoever took over the
 //     control word its dead owner left.  Every taker of the control lock (is_getctl)
@@ -25,10 +27,9 @@
 //     nothing is built on a half-undone call.
 //  4. A journal slot is reused only when its journal is IDLE (process slots are claimed
 //     again only after the dead owner's journal is settled).
-//  5. When the common segment is rebuilt (no process attached), every journal still
-//     ACTIVE or UNDO is rolled back straight to disk first, unless it was written before
-//     the machine last started (a crash of the machine is not covered: what of a journal
-//     reached the disk then is unknown, so it is never applied).
+//  5. When the common segment is rebuilt (no process attached), a journal still ACTIVE
+//     or UNDO holds a unit that never reached its file: it is made IDLE, and the redo logs
+//     bring the files up to their last commits (lg.h rule 6).
 //
 // Requires: jn_begin, jn_touch, jn_commit, jn_abort and jn_settle run with the current
 // file's control lock held; the others hold nothing in particular (stated per function).
@@ -84,12 +85,13 @@ int jn_settle(IS_FCP* fcp, int u) noexcept;
 // waiting for it with `wait` (the caller then holds no control lock), else only trying.
 // 0, or -1 when it could not.
 int jn_clear_slot(int i, bool wait) noexcept;
-// Rolls back, straight to disk, every journal found ACTIVE or UNDO: for start-up when
-// the segment is new and nobody can hold a file.  Requires the start-up lock.
+// Makes every journal found ACTIVE or UNDO IDLE (its unit never reached the file): for
+// start-up when the segment is new and nobody can hold a file.  Requires the start-up
+// lock.
 void jn_recover_all(void) noexcept;
-// Rolls back, straight to disk, a journal found ACTIVE or UNDO for the file of device
-// dev and inode ino, clearing the file's data-changed mark.  For the first open of a
-// file that carries the mark.  True when one was rolled back.  Requires opcl_lock.
+// Makes a journal found ACTIVE or UNDO for the file of device dev and inode ino IDLE
+// (its unit never reached the file).  For the first open of a file that carries the
+// mark.  True when there was one.  Requires opcl_lock.
 bool jn_recover_file(uint64_t dev, uint64_t ino) noexcept;
 
 // Whether a journal of the installation (its lock file named by jn_setbase) holds a unit
