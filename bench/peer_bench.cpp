@@ -4,7 +4,7 @@
 //
 //   peer_bench [records [cache_mib [processes]]] [--only NAME,...] [--tsv FILE]
 //              [--syscalls [--syscall-records M]] [--durable CALLS [--writers K]]
-//              [--no-default] [--out DIR]
+//              [--no-default] [--repeat R] [--out DIR]
 //   (defaults: 100000 records, 32 MiB of cache, 2 processes for the mixes and readers;
 //    engines kisam, bdb, lmdb, lmdb-wm, sqlite)
 //
@@ -35,7 +35,10 @@
 // the durable calls): the timed run is never traced.  Under strace every system call is
 // slow, so the durable writers may group their syncs differently than when timed.  --out DIR writes the tables as tab-separated files there (default.tsv,
 // default-syscalls.tsv, durable.tsv, durable-syscalls.tsv) for bench/chart.sh; --tsv FILE
-// writes the default set's operations per second to FILE.
+// writes the default set's operations per second to FILE.  --repeat R runs every timed
+// set R times, in rounds of all engines one after the other, and gives the median of each
+// figure.  The durable set is preceded and followed by a measure of the disk's flush (one
+// 1 KiB pwrite and fdatasync), since its figures follow that.
 //
 // Each engine runs in a process of its own (forked), in a fresh directory under $TMPDIR
 // (else /tmp), removed at the end.  Durable figures depend on the disk under it.
@@ -463,7 +466,10 @@ public:
             while (std::getline(st, line))
                 if (line.rfind("TracerPid:", 0) == 0 && std::atol(line.c_str() + 10) != 0) return true;
             int status;
-            if (::waitpid(pid_, &status, WNOHANG) == pid_) break;  // strace failed
+            if (::waitpid(pid_, &status, WNOHANG) == pid_) {  // strace failed
+                pid_ = -1;
+                break;
+            }
             ::usleep(500);
         }
         std::fprintf(stderr, "peer_bench: strace did not attach (is it installed? tools/deps.sh peers)\n");
@@ -581,22 +587,27 @@ Run run_isolated(const std::string& name, bool durable, long n, long mib, int pr
     return r;
 }
 
-// A table: phases down, engines across.
+// A table: phases down, engines across; a cell given several figures (repeated runs)
+// shows their median.
 struct Table {
     std::vector<std::string> phases;
     std::vector<std::string> engines;
-    std::map<std::string, std::map<std::string, double>> cell;  // engine -> phase -> value
+    std::map<std::string, std::map<std::string, std::vector<double>>> cell;  // engine -> phase -> figures
     void put(const std::string& engine, const std::string& phase, double v) {
         if (std::find(engines.begin(), engines.end(), engine) == engines.end()) engines.push_back(engine);
         if (std::find(phases.begin(), phases.end(), phase) == phases.end()) phases.push_back(phase);
-        cell[engine][phase] = v;
+        cell[engine][phase].push_back(v);
     }
     bool has(const std::string& engine, const std::string& phase) const {
         auto e = cell.find(engine);
         return e != cell.end() && e->second.count(phase) != 0;
     }
     double get(const std::string& engine, const std::string& phase) const {
-        return has(engine, phase) ? cell.at(engine).at(phase) : -1;
+        if (!has(engine, phase)) return -1;
+        std::vector<double> v = cell.at(engine).at(phase);
+        std::sort(v.begin(), v.end());
+        const size_t m = v.size() / 2;
+        return v.size() % 2 ? v[m] : (v[m - 1] + v[m]) / 2;
     }
     void print(const char* title, const char* fmt) const {
         const int w = std::max(48, static_cast<int>(std::strlen(title)));
@@ -634,6 +645,28 @@ struct Table {
     }
 };
 
+// What one durable write costs on the disk under $TMPDIR: the median of 200 writes of
+// 1 KiB at the start of a file, each followed by fdatasync, in microseconds (-1: failed).
+double flush_us() {
+    const char* tmp = std::getenv("TMPDIR");
+    std::string path = std::string(tmp && *tmp ? tmp : "/tmp") + "/kisam-flush-XXXXXX";
+    int fd = ::mkstemp(path.data());
+    if (fd < 0) return -1;
+    ::unlink(path.c_str());
+    char page[1024];
+    std::memset(page, 'f', sizeof page);
+    std::vector<double> t;
+    for (int i = 0; i < 200; ++i) {
+        const auto t0 = wl::Clock::now();
+        if (::pwrite(fd, page, sizeof page, 0) != static_cast<ssize_t>(sizeof page) || ::fdatasync(fd) != 0) break;
+        t.push_back(std::chrono::duration<double, std::micro>(wl::Clock::now() - t0).count());
+    }
+    ::close(fd);
+    if (t.size() < 200) return -1;
+    std::sort(t.begin(), t.end());
+    return t[t.size() / 2];
+}
+
 // The durable set's two questions: kisam against the best other engine, and what K
 // writers do against one (group commit).
 void durable_summary(const Table& t, int writers) {
@@ -662,7 +695,7 @@ int main(int argc, char** argv) {
     std::string only = "kisam,bdb,lmdb,lmdb-wm,sqlite", tsv, outdir;
     bool count = false, defaults = true;
     long count_n = 0, per_writer = 0;
-    int writers = 4;
+    int writers = 4, repeat = 1;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
         if (a == "--only" && i + 1 < argc) only = argv[++i];
@@ -673,6 +706,7 @@ int main(int argc, char** argv) {
         else if (a == "--durable" && i + 1 < argc) per_writer = std::atol(argv[++i]);
         else if (a == "--writers" && i + 1 < argc) writers = std::atoi(argv[++i]);
         else if (a == "--no-default") defaults = false;
+        else if (a == "--repeat" && i + 1 < argc) repeat = std::atoi(argv[++i]);
         else if (!a.empty() && a[0] == '-') pos.push_back("bad");
         else pos.push_back(a);
     }
@@ -687,21 +721,21 @@ int main(int argc, char** argv) {
     }
     bool bad = pos.size() > 3 || n < 1 || n > 4000000 || mib < 1 || mib > 1024 || procs < 1 || procs > 8 ||
                count_n < 1 || count_n > 4000000 || per_writer < 0 || per_writer > 1000000 || writers < 2 ||
-               writers > 8 || engines.empty();
+               writers > 8 || repeat < 1 || repeat > 9 || engines.empty();
     for (auto& e : engines)
         if (!make_engine(e, false)) bad = true;
     if (bad) {
         std::fprintf(stderr,
                      "usage: peer_bench [records [cache_mib [processes]]] [--only NAME,...] [--tsv FILE]\n"
                      "                  [--syscalls [--syscall-records M]] [--durable CALLS [--writers K]]\n"
-                     "                  [--no-default] [--out DIR]\n"
+                     "                  [--no-default] [--repeat R] [--out DIR]\n"
                      "engines: kisam, bdb, lmdb, lmdb-wm, sqlite\n");
         return 2;
     }
 
     int rc = 0;
     Table ops, sys, dops, dsys;
-    std::map<std::string, double> totals;
+    Table totals;  // whole default series, seconds
     auto one = [&](const std::string& e, bool durable, bool counting, Table& t) {
         // The durable set's count runs a quarter of its calls: a synced call costs the same
         // system calls each time, and each costs milliseconds.
@@ -719,21 +753,29 @@ int main(int argc, char** argv) {
                 t.put(e, ph.name, static_cast<double>(r.syscalls[i]) / static_cast<double>(ph.calls));
             else t.put(e, ph.name, -1);
         }
-        if (!counting && !durable) totals[e] = r.seconds;
+        if (!counting && !durable) totals.put(e, "series", r.seconds);
         std::fprintf(stderr, "%s%s%s done in %.1f s\n", e.c_str(), durable ? ", durable" : "",
                      counting ? ", system calls counted" : "", r.seconds);
     };
 
+    if (repeat > 1) std::printf("each figure the median of %d runs (system call counts: one run)\n", repeat);
     if (defaults) {
         std::printf("%ld records of %d bytes, keys of %d, %d and %d bytes; cache %ld MiB; %d processes in the mixes\n",
                     n, kRecLen, kKey0, kKey1, kKey2, mib, procs);
         std::fflush(stdout);
-        for (auto& e : engines) one(e, false, false, ops);
+        // Rounds of every engine one after the other, so that a change of the machine's load
+        // falls on all of them alike.
+        for (int round = 0; round < repeat; ++round)
+            for (auto& e : engines) one(e, false, false, ops);
         if (count)
             for (auto& e : engines) one(e, false, true, sys);
     }
+    double flush_before = -1, flush_after = -1;
     if (per_writer > 0) {
-        for (auto& e : engines) one(e, true, false, dops);
+        flush_before = flush_us();
+        for (int round = 0; round < repeat; ++round)
+            for (auto& e : engines) one(e, true, false, dops);
+        flush_after = flush_us();
         if (count)
             for (auto& e : engines) one(e, true, true, dsys);
     }
@@ -742,7 +784,7 @@ int main(int argc, char** argv) {
         std::printf("\n");
         ops.print("operations per second", " %10.0f");
         std::printf("%-48s", "whole series, seconds");
-        for (auto& e : ops.engines) std::printf(" %10.1f", totals[e]);
+        for (auto& e : ops.engines) std::printf(" %10.1f", totals.get(e, "series"));
         std::printf("\n");
         if (count) {
             std::printf("\n");
@@ -751,6 +793,8 @@ int main(int argc, char** argv) {
     }
     if (per_writer > 0) {
         std::printf("\ndurable: every changing call on the disk when it returns; %ld calls per writer\n", per_writer);
+        std::printf("one 1 KiB pwrite + fdatasync on this disk (median of 200): %.0f us before the set, %.0f us after\n",
+                    flush_before, flush_after);
         dops.print("calls per second, all writers together", " %10.0f");
         if (count) {
             std::printf("\n");
