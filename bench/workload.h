@@ -93,8 +93,8 @@ inline double cpu_seconds() {
     return t;
 }
 
-// Runs every phase on `e`; `after` is called after each phase with its name (for engine
-// figures).  False when an operation failed (reported on stderr).
+// Runs every phase on `e`; `before` and `after` are called around each phase with its
+// name.  False when an operation failed (reported on stderr).
 inline bool run_all(Engine& e, long n, int procs, std::vector<Phase>& out,
                     const PhaseHook& after = {}, const PhaseHook& before = {}) {
     std::vector<unsigned> order(static_cast<size_t>(n));
