@@ -5,7 +5,7 @@ JOBS       ?= $(shell nproc)
 PREFIX     ?= /usr/local
 CMAKE_ARGS ?=
 
-.PHONY: all test deps-test asan test-asan soak fuzz demo install bench clean
+.PHONY: all test deps-test asan test-asan soak fuzz demo install bench bench-peers clean
 
 all: $(BUILD)/.configured
 	cmake --build $(BUILD) -j $(JOBS)
@@ -68,6 +68,37 @@ install: all
 
 bench: all
 	@ls $(BUILD)/bench 2>/dev/null || true
+
+# The comparison with Berkeley DB, LMDB and SQLite (bench/peer_bench.cpp) in one run: the
+# default set at PEER_RECORDS records (PEER_PROCS processes in the mixes), the durable
+# set at PEER_DURABLE calls per writer (1 and PEER_WRITERS writers), and the system calls
+# per call of both, counted under strace in a run of their own (PEER_SYSCALL_RECORDS
+# records, fewer for a quicker count: a traced system call costs tens of microseconds);
+# PEER_REPEAT runs of the timed sets, their median.  The tables go to the
+# terminal and to PEER_OUT (peers.txt, and TSV files), the charts to PEER_OUT/default.png
+# and PEER_OUT/durable.png.  The stores live under TMPDIR (else /tmp): the durable
+# figures are those of the disk under it.
+PEER_RECORDS   ?= 100000
+PEER_CACHE_MIB ?= 32
+PEER_PROCS     ?= 2
+PEER_DURABLE   ?= 2000
+PEER_WRITERS   ?= 4
+PEER_SYSCALL_RECORDS ?= $(PEER_RECORDS)
+PEER_REPEAT    ?= 1
+PEER_OUT       ?= $(BUILD)/peers
+bench-peers: all
+	tools/deps.sh peers
+	@[ -x $(BUILD)/bench/peer_bench ] || cmake -S . -B $(BUILD)
+	cmake --build $(BUILD) -j $(JOBS) --target peer_bench
+	@mkdir -p $(PEER_OUT)
+	$(BUILD)/bench/peer_bench $(PEER_RECORDS) $(PEER_CACHE_MIB) $(PEER_PROCS) \
+	  --syscalls --syscall-records $(PEER_SYSCALL_RECORDS) \
+	  --durable $(PEER_DURABLE) --writers $(PEER_WRITERS) --repeat $(PEER_REPEAT) --out $(PEER_OUT) >$(PEER_OUT)/peers.txt; \
+	  rc=$$?; cat $(PEER_OUT)/peers.txt; exit $$rc
+	bench/chart.sh $(PEER_OUT)/default.tsv $(PEER_OUT)/default.png \
+	  "$(PEER_RECORDS) records, $(PEER_CACHE_MIB) MiB cache: operations per second (higher is better)"
+	bench/chart.sh $(PEER_OUT)/durable.tsv $(PEER_OUT)/durable.png \
+	  "durable calls, $(PEER_DURABLE) per writer: calls per second, all writers (higher is better)"
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)

@@ -1,7 +1,10 @@
 // The workload's engine for this library: one ISAM file with the three keys, in an
 // installation of its own (configuration and lock file in the store's directory, the
 // settings variables pointing there).  Every changed page reaches the file as it changes,
-// so a completed call survives the kill of its process.
+// so a completed call survives the kill of its process.  In durable mode the engine sets
+// "KISAM_DURABLE" to 1 before it attaches (its children inherit it), which asks the library
+// to make every changing call durable before it returns; a library without that mode
+// ignores the variable.
 #pragma once
 
 #include <kisam/kisam.h>
@@ -20,9 +23,13 @@ namespace wl {
 
 class KisamEngine : public Engine {
 public:
+    // durable: 1 sets "KISAM_DURABLE", 0 removes it, -1 leaves the environment as it is.
+    explicit KisamEngine(int durable = -1) : durable_(durable) {}
     const char* name() const override { return "kisam"; }
     bool open(const std::string& dir, long cache_bytes) override {
         dir_ = dir;
+        if (durable_ == 1) ::setenv("KISAM_DURABLE", "1", 1);
+        if (durable_ == 0) ::unsetenv("KISAM_DURABLE");
         long bufs = cache_bytes / 1024;
         if (bufs > 32767) bufs = 32767;  // the slot count is a 16-bit field
         const std::string cfg = dir + "/kisamconfig";
@@ -73,6 +80,7 @@ private:
         return false;
     }
     std::string dir_;
+    int durable_ = -1;
     int fd_ = -1;
 };
 

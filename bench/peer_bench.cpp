@@ -1,30 +1,65 @@
 // The workload of workload.h on this library and on three other embedded stores, in one
-// run, printed as one table (operations per second per phase and engine).
+// run, printed as tables (operations per second per phase and engine, and system calls
+// per call).
 //
 //   peer_bench [records [cache_mib [processes]]] [--only NAME,...] [--tsv FILE]
-//              (defaults: 100000 records, 32 MiB of cache, 2 processes for the mix)
+//              [--syscalls [--syscall-records M]] [--durable CALLS [--writers K]]
+//              [--no-default] [--repeat R] [--out DIR]
+//   (defaults: 100000 records, 32 MiB of cache, 2 processes for the mixes and readers;
+//    engines kisam, bdb, lmdb, lmdb-wm, sqlite)
 //
-// Every engine runs in the mode where a completed call survives the kill of its process
-// (nothing is synced to the disk at commit; the data is in the operating system's hands):
-//   kisam   pages written as they change; a pool of cache_mib MiB (1024-byte buffers,
-//           at most 32,767);
-//   bdb     Berkeley DB, transactional B-trees, DB_TXN_WRITE_NOSYNC, one transaction per
-//           call, secondaries associated with the primary, a cache of cache_mib MiB;
-//   lmdb    LMDB with MDB_NOSYNC, one transaction per call, secondaries as sorted
-//           duplicates (LMDB has no cache of its own: it reads through the page cache);
-//   sqlite  SQLite in WAL mode with synchronous=OFF, a WITHOUT ROWID table with two
-//           indexes, cache_size of cache_mib MiB, one statement per call.
-// Each store lives in a fresh temporary directory, removed at the end.
+// The default set runs every engine in the mode where a completed call survives the kill
+// of its process (nothing is synced to the disk at commit; the data is in the operating
+// system's hands):
+//   kisam    pages written as they change; a pool of cache_mib MiB (1024-byte buffers,
+//            at most 32,767);
+//   bdb      Berkeley DB, transactional B-trees, DB_TXN_WRITE_NOSYNC, one transaction per
+//            call, secondaries associated with the primary, a cache of cache_mib MiB;
+//   lmdb     LMDB with MDB_NOSYNC, one transaction per call, secondaries as sorted
+//            duplicates (LMDB has no cache of its own: it reads through the page cache);
+//   lmdb-wm  the same with MDB_WRITEMAP: a transaction changes the pages of a writable
+//            shared mapping of the file in place, with no write call;
+//   sqlite   SQLite in WAL mode with synchronous=OFF, a WITHOUT ROWID table with two
+//            indexes, cache_size of cache_mib MiB, one statement per call.
+// --durable CALLS runs the durable set (workload.h, run_durable: inserts, then updates, by
+// one writer process and by K at once, CALLS calls per writer) with every engine in the
+// mode where a changing call is on the disk when it returns:
+//   kisam    "KISAM_DURABLE" set to 1 (a library without that mode ignores it);
+//   bdb      transactions synced at commit (no DB_TXN_WRITE_NOSYNC);
+//   lmdb     sync at commit (neither MDB_NOSYNC nor MDB_NOMETASYNC), lmdb-wm with
+//            MDB_WRITEMAP as well;
+//   sqlite   WAL with synchronous=FULL.
+// --syscalls counts the system calls of every phase, the processes it starts included, in
+// a second run of the same sets under `strace -c -f` (attached to the run for each phase
+// only; M records in that run, by default as many as in the timed one, and a quarter of
+// the durable calls): the timed run is never traced.  Under strace every system call is
+// slow, so the durable writers may group their syncs differently than when timed.  --out DIR writes the tables as tab-separated files there (default.tsv,
+// default-syscalls.tsv, durable.tsv, durable-syscalls.tsv) for bench/chart.sh; --tsv FILE
+// writes the default set's operations per second to FILE.  --repeat R runs every timed
+// set R times, in rounds of all engines one after the other, and gives the median of each
+// figure.  The durable set is preceded and followed by a measure of the disk's flush (one
+// 1 KiB pwrite and fdatasync), since its figures follow that.
+//
+// Each engine runs in a process of its own (forked), in a fresh directory under $TMPDIR
+// (else /tmp), removed at the end.  Durable figures depend on the disk under it.
 #include "kisam_engine.h"
 
 #include <db.h>
 #include <lmdb.h>
 #include <sqlite3.h>
 
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <algorithm>
+#include <fstream>
 #include <map>
+#include <sstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -53,6 +88,7 @@ int bdb_key2(DB*, const DBT*, const DBT* pdata, DBT* skey) {
 
 class BdbEngine : public wl::Engine {
 public:
+    explicit BdbEngine(bool durable) : durable_(durable) {}
     const char* name() const override { return "bdb"; }
     bool open(const std::string& dir, long cache_bytes) override {
         dir_ = dir;
@@ -132,7 +168,9 @@ private:
         if (db_env_create(&env_, 0) != 0) return false;
         env_->set_cachesize(env_, static_cast<u_int32_t>(cache_ >> 30),
                             static_cast<u_int32_t>(cache_ & ((1L << 30) - 1)), 1);
-        env_->set_flags(env_, DB_TXN_WRITE_NOSYNC | DB_AUTO_COMMIT, 1);
+        // Durable: each call's transaction commits with the log synced (concurrent commits
+        // share a sync); otherwise the log is written at commit but not synced.
+        env_->set_flags(env_, durable_ ? DB_AUTO_COMMIT : DB_TXN_WRITE_NOSYNC | DB_AUTO_COMMIT, 1);
         env_->set_lk_detect(env_, DB_LOCK_DEFAULT);
         env_->set_lk_max_locks(env_, 100000);
         env_->set_lk_max_objects(env_, 100000);
@@ -155,6 +193,7 @@ private:
             if (*db) (*db)->close(*db, 0), *db = nullptr;
         if (env_) env_->close(env_, 0), env_ = nullptr;
     }
+    bool durable_;
     std::string dir_;
     long cache_ = 0;
     DB_ENV* env_ = nullptr;
@@ -167,7 +206,8 @@ private:
 
 class LmdbEngine : public wl::Engine {
 public:
-    const char* name() const override { return "lmdb"; }
+    LmdbEngine(bool writemap, bool durable) : writemap_(writemap), durable_(durable) {}
+    const char* name() const override { return writemap_ ? "lmdb-wm" : "lmdb"; }
     bool open(const std::string& dir, long) override {
         dir_ = dir;
         return attach();
@@ -257,7 +297,9 @@ private:
         if (mdb_env_create(&env_) != 0) return false;
         mdb_env_set_mapsize(env_, size_t{16} << 30);
         mdb_env_set_maxdbs(env_, 4);
-        if (mdb_env_open(env_, dir_.c_str(), MDB_NOSYNC, 0644) != 0) return false;
+        // Durable: LMDB's default, the data pages and then the meta page synced at commit.
+        const unsigned flags = (writemap_ ? MDB_WRITEMAP : 0u) | (durable_ ? 0u : MDB_NOSYNC);
+        if (mdb_env_open(env_, dir_.c_str(), flags, 0644) != 0) return false;
         MDB_txn* t;
         if (mdb_txn_begin(env_, nullptr, 0, &t) != 0) return false;
         bool ok = mdb_dbi_open(t, "prim", MDB_CREATE, &prim_) == 0 &&
@@ -269,6 +311,7 @@ private:
         if (rt_) mdb_txn_abort(rt_), rt_ = nullptr;
         if (env_) mdb_env_close(env_), env_ = nullptr;
     }
+    bool writemap_, durable_;
     std::string dir_;
     MDB_env* env_ = nullptr;
     MDB_txn* rt_ = nullptr;
@@ -279,6 +322,7 @@ private:
 
 class SqliteEngine : public wl::Engine {
 public:
+    explicit SqliteEngine(bool durable) : durable_(durable) {}
     const char* name() const override { return "sqlite"; }
     bool open(const std::string& dir, long cache_bytes) override {
         path_ = dir + "/bench.sqlite";
@@ -355,7 +399,9 @@ private:
     bool attach() {
         if (sqlite3_open(path_.c_str(), &db_) != SQLITE_OK) return false;
         sqlite3_busy_timeout(db_, 60000);
-        const std::string pragmas = "PRAGMA journal_mode=WAL; PRAGMA synchronous=OFF; PRAGMA cache_size=-" +
+        // Durable: the log synced at every commit (FULL); otherwise never (OFF).
+        const std::string pragmas = std::string("PRAGMA journal_mode=WAL; PRAGMA synchronous=") +
+                                    (durable_ ? "FULL" : "OFF") + "; PRAGMA cache_size=-" +
                                     std::to_string(cache_kib_) + ";";
         return exec(pragmas.c_str());
     }
@@ -373,97 +419,400 @@ private:
             if (*s) sqlite3_finalize(*s), *s = nullptr;
         if (db_) sqlite3_close(db_), db_ = nullptr;
     }
+    bool durable_;
     std::string path_;
     long cache_kib_ = 0;
     sqlite3* db_ = nullptr;
     sqlite3_stmt *ins_ = nullptr, *get_ = nullptr, *scan_ = nullptr, *upd_ = nullptr, *del_ = nullptr;
 };
 
+std::unique_ptr<wl::Engine> make_engine(const std::string& name, bool durable) {
+    if (name == "kisam") return std::make_unique<wl::KisamEngine>(durable ? 1 : 0);
+    if (name == "bdb") return std::make_unique<BdbEngine>(durable);
+    if (name == "lmdb") return std::make_unique<LmdbEngine>(false, durable);
+    if (name == "lmdb-wm") return std::make_unique<LmdbEngine>(true, durable);
+    if (name == "sqlite") return std::make_unique<SqliteEngine>(durable);
+    return nullptr;
+}
+
+// Counts the system calls of this process, and of the processes it starts, between
+// start() and stop(): `strace -c -f` attached to it for that time.
+class SyscallCounter {
+public:
+    bool start() {
+        char tmpl[] = "/tmp/kisam-strace-XXXXXX";
+        int fd = ::mkstemp(tmpl);
+        if (fd < 0) return false;
+        ::close(fd);
+        path_ = tmpl;
+        const std::string self = std::to_string(::getpid());
+        std::fflush(nullptr);
+        pid_ = ::fork();
+        if (pid_ < 0) return false;
+        if (pid_ == 0) {
+            int null = ::open("/dev/null", O_RDWR);
+            if (null >= 0) {  // its summary goes to the file; its notes on detaching mid-call nowhere
+                ::dup2(null, 1);
+                ::dup2(null, 2);
+            }
+            ::execlp("strace", "strace", "-c", "-f", "-q", "-o", path_.c_str(), "-p", self.c_str(),
+                     static_cast<char*>(nullptr));
+            ::_exit(127);
+        }
+        // Attached once the kernel names a tracer for this process.
+        for (int i = 0; i < 20000; ++i) {
+            std::ifstream st("/proc/self/status");
+            std::string line;
+            while (std::getline(st, line))
+                if (line.rfind("TracerPid:", 0) == 0 && std::atol(line.c_str() + 10) != 0) return true;
+            int status;
+            if (::waitpid(pid_, &status, WNOHANG) == pid_) {  // strace failed
+                pid_ = -1;
+                break;
+            }
+            ::usleep(500);
+        }
+        std::fprintf(stderr, "peer_bench: strace did not attach (is it installed? tools/deps.sh peers)\n");
+        stop();
+        return false;
+    }
+    // The calls counted, or -1.
+    long stop() {
+        long calls = -1;
+        if (pid_ > 0) {
+            ::kill(pid_, SIGINT);
+            int status;
+            ::waitpid(pid_, &status, 0);
+            pid_ = -1;
+            // strace's summary ends with the line "... calls [errors] total".
+            std::ifstream f(path_);
+            std::string line;
+            while (std::getline(f, line)) {
+                std::istringstream ws(line);
+                std::vector<std::string> t;
+                for (std::string w; ws >> w;) t.push_back(w);
+                if (t.size() >= 5 && t.back() == "total") calls = std::atol(t[3].c_str());
+            }
+        }
+        if (!path_.empty()) ::unlink(path_.c_str());
+        path_.clear();
+        return calls;
+    }
+
+private:
+    pid_t pid_ = -1;
+    std::string path_;
+};
+
+struct Run {
+    bool ok = false;
+    double seconds = 0;
+    std::vector<wl::Phase> phases;
+    std::vector<long> syscalls;  // per phase, when counted (-1: the count failed)
+};
+
+// One engine through one set (durable or not) in a forked process of its own, so that no
+// engine's global state (nor the environment it was given) carries over to the next.
+Run run_isolated(const std::string& name, bool durable, long n, long mib, int procs, long per_writer,
+                 int writers, bool count) {
+    Run r;
+    int p[2];
+    if (::pipe2(p, O_CLOEXEC) != 0) return r;
+    std::fflush(nullptr);
+    pid_t pid = ::fork();
+    if (pid < 0) return r;
+    if (pid == 0) {
+        ::close(p[0]);
+        const char* tmp = std::getenv("TMPDIR");
+        std::string tmpl = std::string(tmp && *tmp ? tmp : "/tmp") + "/kisam-peer-XXXXXX";
+        if (!::mkdtemp(tmpl.data())) ::_exit(1);
+        auto e = make_engine(name, durable);
+        std::vector<wl::Phase> out;
+        std::vector<long> sys;
+        SyscallCounter counter;
+        wl::PhaseHook before, after;
+        if (count) {
+            before = [&](const char*) { counter.start(); };
+            after = [&](const char*) { sys.push_back(counter.stop()); };
+        }
+        auto t0 = wl::Clock::now();
+        bool ok = e->open(tmpl, mib << 20) &&
+                  (durable ? wl::run_durable(*e, per_writer, writers, out, after, before)
+                           : wl::run_all(*e, n, procs, out, after, before));
+        const double secs = std::chrono::duration<double>(wl::Clock::now() - t0).count();
+        counter.stop();
+        e->close();
+        const std::string cmd = "rm -rf '" + tmpl + "'";
+        if (std::system(cmd.c_str()) != 0) ok = false;
+        std::string msg;
+        for (size_t i = 0; i < out.size(); ++i) {
+            char line[512];
+            std::snprintf(line, sizeof line, "P\t%s\t%.6g\t%.6g\t%ld\t%ld\t%ld\n", out[i].name.c_str(),
+                          out[i].ops_per_s, out[i].cpu_us, out[i].ops, out[i].calls,
+                          i < sys.size() ? sys[i] : -1L);
+            msg += line;
+        }
+        msg += "T\t" + std::to_string(secs) + "\t" + (ok ? "1" : "0") + "\n";
+        for (size_t off = 0; off < msg.size();) {
+            ssize_t w = ::write(p[1], msg.data() + off, msg.size() - off);
+            if (w <= 0) break;
+            off += static_cast<size_t>(w);
+        }
+        ::_exit(ok ? 0 : 1);
+    }
+    ::close(p[1]);
+    std::string all;
+    char buf[4096];
+    for (ssize_t k; (k = ::read(p[0], buf, sizeof buf)) > 0;) all.append(buf, static_cast<size_t>(k));
+    ::close(p[0]);
+    int st = 0;
+    ::waitpid(pid, &st, 0);
+    std::istringstream in(all);
+    for (std::string line; std::getline(in, line);) {
+        std::vector<std::string> f;
+        std::istringstream ls(line);
+        for (std::string x; std::getline(ls, x, '\t');) f.push_back(x);
+        if (f.size() == 7 && f[0] == "P") {
+            wl::Phase ph{f[1], std::atof(f[2].c_str()), std::atof(f[3].c_str()), std::atol(f[4].c_str()),
+                         std::atol(f[5].c_str())};
+            r.phases.push_back(ph);
+            const long sc = std::atol(f[6].c_str());
+            if (count) r.syscalls.push_back(sc);
+        } else if (f.size() == 3 && f[0] == "T") {
+            r.seconds = std::atof(f[1].c_str());
+            r.ok = f[2] == "1";
+        }
+    }
+    r.ok = r.ok && WIFEXITED(st) && WEXITSTATUS(st) == 0;
+    return r;
+}
+
+// A table: phases down, engines across; a cell given several figures (repeated runs)
+// shows their median.
+struct Table {
+    std::vector<std::string> phases;
+    std::vector<std::string> engines;
+    std::map<std::string, std::map<std::string, std::vector<double>>> cell;  // engine -> phase -> figures
+    void put(const std::string& engine, const std::string& phase, double v) {
+        if (std::find(engines.begin(), engines.end(), engine) == engines.end()) engines.push_back(engine);
+        if (std::find(phases.begin(), phases.end(), phase) == phases.end()) phases.push_back(phase);
+        cell[engine][phase].push_back(v);
+    }
+    bool has(const std::string& engine, const std::string& phase) const {
+        auto e = cell.find(engine);
+        return e != cell.end() && e->second.count(phase) != 0;
+    }
+    double get(const std::string& engine, const std::string& phase) const {
+        if (!has(engine, phase)) return -1;
+        std::vector<double> v = cell.at(engine).at(phase);
+        std::sort(v.begin(), v.end());
+        const size_t m = v.size() / 2;
+        return v.size() % 2 ? v[m] : (v[m - 1] + v[m]) / 2;
+    }
+    void print(const char* title, const char* fmt) const {
+        const int w = std::max(48, static_cast<int>(std::strlen(title)));
+        std::printf("%-*s", w, title);
+        for (auto& e : engines) std::printf(" %10s", e.c_str());
+        std::printf("\n");
+        for (auto& ph : phases) {
+            std::printf("%-*s", w, ph.c_str());
+            for (auto& e : engines) {
+                if (has(e, ph) && get(e, ph) >= 0) std::printf(fmt, get(e, ph));
+                else std::printf(" %10s", "-");
+            }
+            std::printf("\n");
+        }
+    }
+    // Tab-separated, the phase quoted, a missing figure 0 (what bench/chart.sh reads).
+    bool write_tsv(const std::string& path, const char* fmt) const {
+        FILE* f = std::fopen(path.c_str(), "w");
+        if (!f) {
+            std::fprintf(stderr, "peer_bench: cannot write %s\n", path.c_str());
+            return false;
+        }
+        std::fprintf(f, "phase");
+        for (auto& e : engines) std::fprintf(f, "\t%s", e.c_str());
+        std::fprintf(f, "\n");
+        for (auto& ph : phases) {
+            std::fprintf(f, "\"%s\"", ph.c_str());
+            for (auto& e : engines) {
+                std::fprintf(f, "\t");
+                std::fprintf(f, fmt, std::max(0.0, get(e, ph)));
+            }
+            std::fprintf(f, "\n");
+        }
+        return std::fclose(f) == 0;
+    }
+};
+
+// What one durable write costs on the disk under $TMPDIR: the median of 200 writes of
+// 1 KiB at the start of a file, each followed by fdatasync, in microseconds (-1: failed).
+double flush_us() {
+    const char* tmp = std::getenv("TMPDIR");
+    std::string path = std::string(tmp && *tmp ? tmp : "/tmp") + "/kisam-flush-XXXXXX";
+    int fd = ::mkstemp(path.data());
+    if (fd < 0) return -1;
+    ::unlink(path.c_str());
+    char page[1024];
+    std::memset(page, 'f', sizeof page);
+    std::vector<double> t;
+    for (int i = 0; i < 200; ++i) {
+        const auto t0 = wl::Clock::now();
+        if (::pwrite(fd, page, sizeof page, 0) != static_cast<ssize_t>(sizeof page) || ::fdatasync(fd) != 0) break;
+        t.push_back(std::chrono::duration<double, std::micro>(wl::Clock::now() - t0).count());
+    }
+    ::close(fd);
+    if (t.size() < 200) return -1;
+    std::sort(t.begin(), t.end());
+    return t[t.size() / 2];
+}
+
+// The durable set's two questions: kisam against the best other engine, and what K
+// writers do against one (group commit).
+void durable_summary(const Table& t, int writers) {
+    const std::string w = std::to_string(writers) + " writers";
+    for (const char* op : {"insert", "update"}) {
+        const std::string one = std::string("durable ") + op + ", 1 writer", many = std::string("durable ") + op + ", " + w;
+        std::printf("%s: %s / 1 writer:", op, w.c_str());
+        for (auto& e : t.engines)
+            if (t.get(e, one) > 0 && t.get(e, many) > 0) std::printf("  %s %.2fx", e.c_str(), t.get(e, many) / t.get(e, one));
+        std::printf("\n");
+        for (const std::string& ph : {one, many}) {
+            std::string best;
+            for (auto& e : t.engines)
+                if (e != "kisam" && t.get(e, ph) > 0 && (best.empty() || t.get(e, ph) > t.get(best, ph))) best = e;
+            if (t.get("kisam", ph) > 0 && !best.empty())
+                std::printf("%s: kisam %.0f against the best other, %s %.0f: %.2fx\n", ph.c_str(), t.get("kisam", ph),
+                            best.c_str(), t.get(best, ph), t.get("kisam", ph) / t.get(best, ph));
+        }
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     std::vector<std::string> pos;
-    std::string only = "kisam,bdb,lmdb,sqlite", tsv;
+    std::string only = "kisam,bdb,lmdb,lmdb-wm,sqlite", tsv, outdir;
+    bool count = false, defaults = true;
+    long count_n = 0, per_writer = 0;
+    int writers = 4, repeat = 1;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
         if (a == "--only" && i + 1 < argc) only = argv[++i];
         else if (a == "--tsv" && i + 1 < argc) tsv = argv[++i];
+        else if (a == "--out" && i + 1 < argc) outdir = argv[++i];
+        else if (a == "--syscalls") count = true;
+        else if (a == "--syscall-records" && i + 1 < argc) count_n = std::atol(argv[++i]);
+        else if (a == "--durable" && i + 1 < argc) per_writer = std::atol(argv[++i]);
+        else if (a == "--writers" && i + 1 < argc) writers = std::atoi(argv[++i]);
+        else if (a == "--no-default") defaults = false;
+        else if (a == "--repeat" && i + 1 < argc) repeat = std::atoi(argv[++i]);
+        else if (!a.empty() && a[0] == '-') pos.push_back("bad");
         else pos.push_back(a);
     }
     const long n = pos.size() > 0 ? std::atol(pos[0].c_str()) : 100000;
     const long mib = pos.size() > 1 ? std::atol(pos[1].c_str()) : 32;
     const int procs = pos.size() > 2 ? std::atoi(pos[2].c_str()) : 2;
-    if (n < 1 || n > 4000000 || mib < 1 || mib > 1024 || procs < 1 || procs > 8) {
-        std::fprintf(stderr, "usage: peer_bench [records [cache_mib [processes]]] [--only NAME,...] [--tsv FILE]\n");
+    if (count_n == 0) count_n = n;
+    std::vector<std::string> engines;
+    for (std::string x, rest = only + ","; !rest.empty(); rest.erase(0, rest.find(',') + 1)) {
+        x = rest.substr(0, rest.find(','));
+        if (!x.empty()) engines.push_back(x);
+    }
+    bool bad = pos.size() > 3 || n < 1 || n > 4000000 || mib < 1 || mib > 1024 || procs < 1 || procs > 8 ||
+               count_n < 1 || count_n > 4000000 || per_writer < 0 || per_writer > 1000000 || writers < 2 ||
+               writers > 8 || repeat < 1 || repeat > 9 || engines.empty();
+    for (auto& e : engines)
+        if (!make_engine(e, false)) bad = true;
+    if (bad) {
+        std::fprintf(stderr,
+                     "usage: peer_bench [records [cache_mib [processes]]] [--only NAME,...] [--tsv FILE]\n"
+                     "                  [--syscalls [--syscall-records M]] [--durable CALLS [--writers K]]\n"
+                     "                  [--no-default] [--repeat R] [--out DIR]\n"
+                     "engines: kisam, bdb, lmdb, lmdb-wm, sqlite\n");
         return 2;
     }
-    std::vector<std::unique_ptr<wl::Engine>> engines;
-    auto want = [&](const char* e) { return ("," + only + ",").find("," + std::string(e) + ",") != std::string::npos; };
-    if (want("kisam")) engines.push_back(std::make_unique<wl::KisamEngine>());
-    if (want("bdb")) engines.push_back(std::make_unique<BdbEngine>());
-    if (want("lmdb")) engines.push_back(std::make_unique<LmdbEngine>());
-    if (want("sqlite")) engines.push_back(std::make_unique<SqliteEngine>());
 
-    std::printf("%ld records of %d bytes, keys of %d, %d and %d bytes; cache %ld MiB; %d processes in the mix\n",
-                n, kRecLen, kKey0, kKey1, kKey2, mib, procs);
-    std::fflush(stdout);
-    std::vector<std::string> phases;
-    std::map<std::string, std::vector<double>> cols;   // engine -> ops/s per phase
-    std::map<std::string, double> totals;
     int rc = 0;
-    for (auto& e : engines) {
-        char tmpl[] = "/tmp/kisam-peer-XXXXXX";
-        if (!::mkdtemp(tmpl)) return 1;
-        const std::string dir = tmpl;
-        std::vector<wl::Phase> out;
-        auto t0 = wl::Clock::now();
-        bool ok = e->open(dir, mib << 20) && wl::run_all(*e, n, procs, out);
-        totals[e->name()] = std::chrono::duration<double>(wl::Clock::now() - t0).count();
-        e->close();
-        std::string cmd = "rm -rf '" + dir + "'";
-        if (std::system(cmd.c_str()) != 0) rc = 1;
-        if (!ok) {
-            std::fprintf(stderr, "%s: failed\n", e->name());
+    Table ops, sys, dops, dsys;
+    Table totals;  // whole default series, seconds
+    auto one = [&](const std::string& e, bool durable, bool counting, Table& t) {
+        // The durable set's count runs a quarter of its calls: a synced call costs the same
+        // system calls each time, and each costs milliseconds.
+        const long pw = counting ? std::max(100L, per_writer / 4) : per_writer;
+        Run r = run_isolated(e, durable, counting ? count_n : n, mib, procs, pw, writers, counting);
+        if (!r.ok) {
+            std::fprintf(stderr, "%s: failed%s%s\n", e.c_str(), durable ? " (durable)" : "",
+                         counting ? " (counting system calls)" : "");
             rc = 1;
-            continue;
         }
-        for (size_t i = 0; i < out.size(); ++i) {
-            if (phases.size() <= i) phases.push_back(out[i].name);
-            cols[e->name()].push_back(out[i].ops_per_s);
+        for (size_t i = 0; i < r.phases.size(); ++i) {
+            const wl::Phase& ph = r.phases[i];
+            if (!counting) t.put(e, ph.name, ph.ops_per_s);
+            else if (i < r.syscalls.size() && r.syscalls[i] >= 0 && ph.calls > 0)
+                t.put(e, ph.name, static_cast<double>(r.syscalls[i]) / static_cast<double>(ph.calls));
+            else t.put(e, ph.name, -1);
         }
-        std::fprintf(stderr, "%s done in %.1f s\n", e->name(), totals[e->name()]);
+        if (!counting && !durable) totals.put(e, "series", r.seconds);
+        std::fprintf(stderr, "%s%s%s done in %.1f s\n", e.c_str(), durable ? ", durable" : "",
+                     counting ? ", system calls counted" : "", r.seconds);
+    };
+
+    if (repeat > 1) std::printf("each figure the median of %d runs (system call counts: one run)\n", repeat);
+    if (defaults) {
+        std::printf("%ld records of %d bytes, keys of %d, %d and %d bytes; cache %ld MiB; %d processes in the mixes\n",
+                    n, kRecLen, kKey0, kKey1, kKey2, mib, procs);
+        std::fflush(stdout);
+        // Rounds of every engine one after the other, so that a change of the machine's load
+        // falls on all of them alike.
+        for (int round = 0; round < repeat; ++round)
+            for (auto& e : engines) one(e, false, false, ops);
+        if (count)
+            for (auto& e : engines) one(e, false, true, sys);
+    }
+    double flush_before = -1, flush_after = -1;
+    if (per_writer > 0) {
+        flush_before = flush_us();
+        for (int round = 0; round < repeat; ++round)
+            for (auto& e : engines) one(e, true, false, dops);
+        flush_after = flush_us();
+        if (count)
+            for (auto& e : engines) one(e, true, true, dsys);
     }
 
-    std::printf("%-36s", "operations per second");
-    for (auto& e : engines) std::printf(" %10s", e->name());
-    std::printf("\n");
-    for (size_t i = 0; i < phases.size(); ++i) {
-        std::printf("%-36s", phases[i].c_str());
-        for (auto& e : engines) {
-            const auto& c = cols[e->name()];
-            if (i < c.size()) std::printf(" %10.0f", c[i]);
-            else std::printf(" %10s", "-");
+    if (defaults) {
+        std::printf("\n");
+        ops.print("operations per second", " %10.0f");
+        std::printf("%-48s", "whole series, seconds");
+        for (auto& e : ops.engines) std::printf(" %10.1f", totals.get(e, "series"));
+        std::printf("\n");
+        if (count) {
+            std::printf("\n");
+            sys.print(("system calls per call (" + std::to_string(count_n) + " records, strace)").c_str(), " %10.2f");
+        }
+    }
+    if (per_writer > 0) {
+        std::printf("\ndurable: every changing call on the disk when it returns; %ld calls per writer\n", per_writer);
+        std::printf("one 1 KiB pwrite + fdatasync on this disk (median of 200): %.0f us before the set, %.0f us after\n",
+                    flush_before, flush_after);
+        dops.print("calls per second, all writers together", " %10.0f");
+        if (count) {
+            std::printf("\n");
+            dsys.print(("system calls per call (" + std::to_string(std::max(100L, per_writer / 4)) +
+                        " calls per writer, strace)").c_str(), " %10.2f");
         }
         std::printf("\n");
+        durable_summary(dops, writers);
     }
-    std::printf("%-36s", "whole series, seconds");
-    for (auto& e : engines) std::printf(" %10.1f", totals[e->name()]);
-    std::printf("\n");
-    if (!tsv.empty()) {
-        FILE* f = std::fopen(tsv.c_str(), "w");
-        if (!f) return 1;
-        std::fprintf(f, "phase");
-        for (auto& e : engines) std::fprintf(f, "\t%s", e->name());
-        std::fprintf(f, "\n");
-        for (size_t i = 0; i < phases.size(); ++i) {
-            std::fprintf(f, "\"%s\"", phases[i].c_str());
-            for (auto& e : engines) {
-                const auto& c = cols[e->name()];
-                std::fprintf(f, "\t%.0f", i < c.size() ? c[i] : 0.0);
-            }
-            std::fprintf(f, "\n");
-        }
-        std::fclose(f);
+    std::fflush(stdout);
+
+    bool wrote = true;
+    if (!tsv.empty() && defaults) wrote = ops.write_tsv(tsv, "%.0f") && wrote;
+    if (!outdir.empty()) {
+        if (defaults) wrote = ops.write_tsv(outdir + "/default.tsv", "%.0f") && wrote;
+        if (defaults && count) wrote = sys.write_tsv(outdir + "/default-syscalls.tsv", "%.2f") && wrote;
+        if (per_writer > 0) wrote = dops.write_tsv(outdir + "/durable.tsv", "%.0f") && wrote;
+        if (per_writer > 0 && count) wrote = dsys.write_tsv(outdir + "/durable-syscalls.tsv", "%.2f") && wrote;
     }
-    return rc;
+    return wrote ? rc : 1;
 }

@@ -4,9 +4,13 @@
 //
 // Phases, each timed on its own: insert in random key order, read by key 0 in random
 // order (by this process, then by one and by several reader processes at once), scan
-// along key 1, update changing key 1 in random order, a mix of reads (3 in 4) and updates
-// run by several processes at once (each on its own share of the records), and delete in
-// random order.
+// along key 1, update changing key 1 in random order, two mixes run by several processes
+// at once (each on its own share of the records): reads and updates (3 : 1), then reads,
+// updates and inserts or deletes of fresh records (5 : 3 : 2), and delete in random order.
+//
+// The durable set (run_durable) times inserts and then updates by one writer process and
+// by several at once on the same store, each writer on a key range of its own, for engines
+// that make every changing call durable before it returns: what group commit gives.
 #pragma once
 
 #include <sys/resource.h>
@@ -69,7 +73,13 @@ struct Phase {
     std::string name;
     double ops_per_s = 0;
     double cpu_us = 0;   // processor time (user and system, children included) per operation
+    long ops = 0;        // operations timed
+    long calls = 0;      // engine calls made in the phase, untimed warm-up passes included
 };
+
+// Called with a phase's name just before it starts (before) and after it ended (after):
+// for engine figures, or to count the system calls of each phase.
+using PhaseHook = std::function<void(const char*)>;
 
 // Processor time used so far by this process and its waited-for children, in seconds.
 inline double cpu_seconds() {
@@ -83,16 +93,17 @@ inline double cpu_seconds() {
     return t;
 }
 
-// Runs every phase on `e`; `after` is called after each phase with its name (for engine
-// figures).  False when an operation failed (reported on stderr).
+// Runs every phase on `e`; `before` and `after` are called around each phase with its
+// name.  False when an operation failed (reported on stderr).
 inline bool run_all(Engine& e, long n, int procs, std::vector<Phase>& out,
-                    const std::function<void(const char*)>& after = {}) {
+                    const PhaseHook& after = {}, const PhaseHook& before = {}) {
     std::vector<unsigned> order(static_cast<size_t>(n));
     std::iota(order.begin(), order.end(), 0u);
     std::mt19937 rng(12345);
     char rec[kRecLen], buf[kRecLen + 16], key[kKey0];
     Clock::time_point t0;  // start of the phase's timing; a body may start it later
-    auto phase = [&](const char* name, long ops, const std::function<bool()>& body) {
+    auto phase = [&](const char* name, long ops, const std::function<bool()>& body, long calls = 0) {
+        if (before) before(name);
         const double c0 = cpu_seconds();
         t0 = Clock::now();
         bool ok = body();
@@ -102,7 +113,7 @@ inline bool run_all(Engine& e, long n, int procs, std::vector<Phase>& out,
             std::fprintf(stderr, "%s: phase \"%s\" failed\n", e.name(), name);
             return false;
         }
-        out.push_back({name, static_cast<double>(ops) / s, cpu});
+        out.push_back({name, static_cast<double>(ops) / s, cpu, ops, calls ? calls : ops});
         if (after) after(name);
         return true;
     };
@@ -184,9 +195,11 @@ inline bool run_all(Engine& e, long n, int procs, std::vector<Phase>& out,
         }
         return ok;
     };
-    if (!phase("1 reader process, random by key 0", n, [&] { return readers(1); })) return false;
+    // A reader makes two passes, the first untimed.
+    if (!phase("1 reader process, random by key 0", n, [&] { return readers(1); }, 2 * n)) return false;
     const std::string readname = std::to_string(procs) + " reader processes, random by key 0";
-    if (procs > 1 && !phase(readname.c_str(), n * procs, [&] { return readers(procs); })) return false;
+    if (procs > 1 && !phase(readname.c_str(), n * procs, [&] { return readers(procs); }, 2 * n * procs))
+        return false;
     if (!phase("scan along key 1", n, [&] { return e.scan_key1() == n; })) return false;
     std::shuffle(order.begin(), order.end(), rng);
     if (!phase("update changing key 1", n, [&] {
@@ -198,44 +211,65 @@ inline bool run_all(Engine& e, long n, int procs, std::vector<Phase>& out,
         }))
         return false;
 
-    // The mix: process k works on the records with id % procs == k, in random order.
+    // The mixes: process k works on the records with id % procs == k, in random order.  In
+    // the second, a tenth of the calls insert fresh records (ids from n on, process k's
+    // those with id % procs == k) and a tenth delete them again, oldest first.
+    auto mix = [&](bool fresh) {
+        std::vector<pid_t> kids;
+        std::fflush(nullptr);  // a child must not write the parent's buffered output again
+        for (int k = 0; k < procs; ++k) {
+            pid_t pid = ::fork();
+            if (pid < 0) break;
+            if (pid == 0) {
+                int rc = e.child_open() ? 0 : 1;
+                char r[kRecLen], b[kRecLen + 16], k0[kKey0];
+                std::mt19937 mr(static_cast<unsigned>(k) + (fresh ? 17 : 7));
+                std::vector<unsigned> added;  // fresh records not yet deleted, oldest first
+                size_t oldest = 0;
+                unsigned next_fresh = static_cast<unsigned>(n) + static_cast<unsigned>(k);
+                bool insert_next = true;
+                for (size_t i = 0; rc == 0 && i < order.size(); ++i) {
+                    const unsigned id = order[i];
+                    if (static_cast<int>(id % static_cast<unsigned>(procs)) != k) continue;
+                    const unsigned pick = fresh ? mr() % 10 : (mr() % 4 == 0 ? 5 : 0);
+                    if (pick >= 8) {
+                        if (insert_next || oldest == added.size()) {
+                            make_record(r, next_fresh, 0);
+                            if (!e.insert(r)) rc = 4;
+                            added.push_back(next_fresh);
+                            next_fresh += static_cast<unsigned>(procs);
+                        } else {
+                            make_key0(k0, added[oldest++]);
+                            if (!e.remove(k0)) rc = 5;
+                        }
+                        insert_next = !insert_next;
+                    } else if (pick >= 5) {
+                        make_record(r, id, fresh ? 3 : 2);
+                        if (!e.update(r)) rc = 2;
+                    } else {
+                        make_key0(k0, id);
+                        if (!e.find(k0, b) || std::memcmp(b, k0, kKey0) != 0) rc = 3;
+                    }
+                }
+                e.child_close();
+                std::fflush(nullptr);
+                ::_exit(rc);
+            }
+            kids.push_back(pid);
+        }
+        bool ok = static_cast<int>(kids.size()) == procs;
+        for (pid_t pid : kids) {
+            int st = 0;
+            if (::waitpid(pid, &st, 0) != pid || !WIFEXITED(st) || WEXITSTATUS(st) != 0) ok = false;
+        }
+        return ok;
+    };
     std::shuffle(order.begin(), order.end(), rng);
     const std::string mixname = std::to_string(procs) + "-process mix (3 reads : 1 update)";
-    if (!phase(mixname.c_str(), n, [&] {
-            std::vector<pid_t> kids;
-            std::fflush(nullptr);  // a child must not write the parent's buffered output again
-            for (int k = 0; k < procs; ++k) {
-                pid_t pid = ::fork();
-                if (pid < 0) return false;
-                if (pid == 0) {
-                    int rc = e.child_open() ? 0 : 1;
-                    char r[kRecLen], b[kRecLen + 16], k0[kKey0];
-                    std::mt19937 mr(static_cast<unsigned>(k) + 7);
-                    for (size_t i = 0; rc == 0 && i < order.size(); ++i) {
-                        const unsigned id = order[i];
-                        if (static_cast<int>(id % static_cast<unsigned>(procs)) != k) continue;
-                        if (mr() % 4 == 0) {
-                            make_record(r, id, 2);
-                            if (!e.update(r)) rc = 2;
-                        } else {
-                            make_key0(k0, id);
-                            if (!e.find(k0, b) || std::memcmp(b, k0, kKey0) != 0) rc = 3;
-                        }
-                    }
-                    e.child_close();
-                    std::fflush(nullptr);
-                    ::_exit(rc);
-                }
-                kids.push_back(pid);
-            }
-            bool ok = true;
-            for (pid_t pid : kids) {
-                int st = 0;
-                if (::waitpid(pid, &st, 0) != pid || !WIFEXITED(st) || WEXITSTATUS(st) != 0) ok = false;
-            }
-            return ok;
-        }))
-        return false;
+    if (!phase(mixname.c_str(), n, [&] { return mix(false); })) return false;
+    std::shuffle(order.begin(), order.end(), rng);
+    const std::string mix2name = std::to_string(procs) + "-process mix (5 reads : 3 updates : 2 ins/del)";
+    if (!phase(mix2name.c_str(), n, [&] { return mix(true); })) return false;
 
     std::shuffle(order.begin(), order.end(), rng);
     if (!phase("delete, random order", n, [&] {
@@ -247,6 +281,92 @@ inline bool run_all(Engine& e, long n, int procs, std::vector<Phase>& out,
         }))
         return false;
     return true;
+}
+
+// Runs body(j) for j = 0..k-1, each in a forked process with handles of its own; the
+// clock (`t0`) starts once every process has opened its handles, when all are let go at
+// once.  True when every process ran and its body succeeded.
+inline bool forked(Engine& e, int k, Clock::time_point& t0, const std::function<bool(int)>& body) {
+    int ready[2], go[2];
+    if (::pipe(ready) != 0) return false;
+    if (::pipe(go) != 0) {
+        ::close(ready[0]);
+        ::close(ready[1]);
+        return false;
+    }
+    std::vector<pid_t> kids;
+    std::fflush(nullptr);
+    for (int j = 0; j < k; ++j) {
+        pid_t pid = ::fork();
+        if (pid < 0) break;
+        if (pid == 0) {
+            ::close(ready[0]);
+            ::close(go[1]);
+            int rc = e.child_open() ? 0 : 1;
+            char c = 'r';
+            if (::write(ready[1], &c, 1) != 1) rc = 4;
+            while (::read(go[0], &c, 1) > 0) {
+            }
+            if (rc == 0 && !body(j)) rc = 2;
+            e.child_close();
+            std::fflush(nullptr);
+            ::_exit(rc);
+        }
+        kids.push_back(pid);
+    }
+    ::close(ready[1]);
+    ::close(go[0]);
+    char c;
+    int seen = 0;
+    while (seen < static_cast<int>(kids.size()) && ::read(ready[0], &c, 1) == 1) ++seen;
+    t0 = Clock::now();
+    ::close(go[1]);
+    ::close(ready[0]);
+    bool ok = static_cast<int>(kids.size()) == k;
+    for (pid_t pid : kids) {
+        int st = 0;
+        if (::waitpid(pid, &st, 0) != pid || !WIFEXITED(st) || WEXITSTATUS(st) != 0) ok = false;
+    }
+    return ok;
+}
+
+// The durable set on `e` (opened in its durable mode): `per_writer` inserts by one writer
+// process, then by `writers` processes at once, then updates of the same records the same
+// way; each writer works on a range of ids of its own (the one writer's range, then one
+// range per writer after it), in random order.  Operations per second are those of all
+// the phase's writers together.
+inline bool run_durable(Engine& e, long per_writer, int writers, std::vector<Phase>& out,
+                        const PhaseHook& after = {}, const PhaseHook& before = {}) {
+    Clock::time_point t0;
+    auto phase = [&](const std::string& name, int k, bool update, unsigned first) {
+        if (before) before(name.c_str());
+        const double c0 = cpu_seconds();
+        t0 = Clock::now();
+        bool ok = forked(e, k, t0, [&](int j) {
+            std::vector<unsigned> ids(static_cast<size_t>(per_writer));
+            std::iota(ids.begin(), ids.end(), first + static_cast<unsigned>(j * per_writer));
+            std::shuffle(ids.begin(), ids.end(), std::mt19937(first + static_cast<unsigned>(j) + (update ? 1000 : 0)));
+            char rec[kRecLen];
+            for (unsigned id : ids) {
+                make_record(rec, id, update ? 1 : 0);
+                if (!(update ? e.update(rec) : e.insert(rec))) return false;
+            }
+            return true;
+        });
+        const double s = std::chrono::duration<double>(Clock::now() - t0).count();
+        const long ops = per_writer * k;
+        if (!ok) {
+            std::fprintf(stderr, "%s: phase \"%s\" failed\n", e.name(), name.c_str());
+            return false;
+        }
+        out.push_back({name, static_cast<double>(ops) / s, (cpu_seconds() - c0) * 1e6 / static_cast<double>(ops), ops, ops});
+        if (after) after(name.c_str());
+        return true;
+    };
+    const unsigned many = static_cast<unsigned>(per_writer);  // the writers' ranges start here
+    const std::string w = std::to_string(writers) + " writers";
+    return phase("durable insert, 1 writer", 1, false, 0) && phase("durable insert, " + w, writers, false, many) &&
+           phase("durable update, 1 writer", 1, true, 0) && phase("durable update, " + w, writers, true, many);
 }
 
 }  // namespace wl

@@ -33,6 +33,7 @@ peers libdb5.3-dev /usr/include/db.h
 peers liblmdb-dev /usr/include/lmdb.h
 peers libsqlite3-dev /usr/include/sqlite3.h
 peers gnuplot-nox cmd:gnuplot
+peers strace cmd:strace
 LIST
 }
 
