@@ -150,6 +150,7 @@ struct Fds {
     int pid = 0;
     int n = 0;
     int* log = nullptr;
+    off_t* log_size = nullptr;  // how far each log is known to be written (zeros or records)
     WriteFd* w = nullptr;
 };
 Fds fds;
@@ -160,6 +161,7 @@ void close_fds() noexcept {
         if (fds.w && fds.w[u].fd >= 0 && fds.pid == is_pid) kisam::os_close(fds.w[u].fd);
     }
     std::free(fds.log);
+    std::free(fds.log_size);
     std::free(fds.w);
     fds = Fds();
 }
@@ -170,7 +172,8 @@ bool fds_ready() noexcept {
     const int n = isam_com->maxopen;
     fds.log = static_cast<int*>(std::malloc(sizeof(int) * static_cast<size_t>(n)));
     fds.w = static_cast<WriteFd*>(std::malloc(sizeof(WriteFd) * static_cast<size_t>(n)));
-    if (!fds.log || !fds.w) {
+    fds.log_size = static_cast<off_t*>(std::calloc(static_cast<size_t>(n), sizeof(off_t)));
+    if (!fds.log || !fds.w || !fds.log_size) {
         close_fds();
         return false;
     }
@@ -185,6 +188,13 @@ bool fds_ready() noexcept {
 }
 
 int fail(int code, int detail) noexcept { return is_raise(code, PROC(P_ISFLUSH, detail)); }
+
+// The log is written ahead of its records in zeros, kExtend at a time: a record then
+// overwrites blocks the file already has, and the sync of a durable call carries no
+// change of the file's size or block map (an append that grows the file costs the file
+// system a journal commit of its own at every sync).
+constexpr off_t kExtend = off_t{4} << 20;
+int extend(int u, int fd, off_t need) noexcept;
 
 // The log of slot u, opened (and created) on first use.
 int log_fd(int u) noexcept {
@@ -203,6 +213,26 @@ int log_fd(int u) noexcept {
 
 inline isx_file* xfile(int u) { return kisam::isx_file_of(u); }
 inline std::atomic_ref<uint64_t> at(uint64_t& v) { return std::atomic_ref<uint64_t>(v); }
+
+int extend(int u, int fd, off_t need) noexcept {
+    if (need <= fds.log_size[u]) return 0;
+    struct stat st;
+    if (kisam::os.fstat(fd, &st) != 0) return -1;
+    off_t size = st.st_size;
+    if (need <= size) {
+        fds.log_size[u] = size;
+        return 0;
+    }
+    static const char zeros[65536] = {};
+    const off_t to = (need + kExtend - 1) / kExtend * kExtend;
+    for (off_t o = size; o < to;) {
+        const size_t n = static_cast<size_t>(to - o < off_t(sizeof zeros) ? to - o : off_t(sizeof zeros));
+        if (kisam::os_pwrite_full(fd, zeros, n, o) != 0) return -1;
+        o += static_cast<off_t>(n);
+    }
+    fds.log_size[u] = to;
+    return 0;
+}
 
 // The valid header of the log open on fd with the higher generation; false when neither
 // copy is valid (a new or foreign file).
@@ -609,7 +639,9 @@ int append(IS_FCP* fcp, int u, const PageArg* pages, int n, uint16_t flags, bool
     const uint64_t end = lsn + r->lr_len;
     // Whoever finds this call's unit after a death must know whether it committed.
     if (!(flags & kUnitOpen)) jn_committing(end);
-    if (kisam::os_pwrite_full(fd, rec_buf.p, r->lr_len, kFirst + static_cast<off_t>(lsn - start)) != 0)
+    const off_t at_off = kFirst + static_cast<off_t>(lsn - start);
+    if (extend(u, fd, at_off + r->lr_len) != 0 ||
+        kisam::os_pwrite_full(fd, rec_buf.p, r->lr_len, at_off) != 0)
         return fail(ISE_FLWT, 0x28);
     for (int i = 0; i < n; ++i)
         if (pages[i].slot >= 0) *kisam::isx_lsn(pages[i].slot) = end;
