@@ -13,7 +13,7 @@ inline uint32_t round_line(uint64_t n) { return static_cast<uint32_t>((n + kLine
 
 struct Geometry {
     uint32_t file_base, proc_base, open_base, open_bytes, ref_base, reaped_base, path_base, link_base,
-        log_base, log_len, lsn_base, size;
+        log_base, log_len, lsn_base, whole_base, whole_mask, size;
 };
 
 // Entries of one chain log: a process that fell further behind than this walks the
@@ -41,7 +41,11 @@ Geometry geometry(int maxopen, int maxusers, int maxbufs) {
     g.log_base = round_line(g.link_base + nb * sizeof(int16_t));
     g.log_len = log_entries(nb);
     g.lsn_base = round_line(g.log_base + no * g.log_len * sizeof(int16_t));
-    g.size = round_line(g.lsn_base + nb * sizeof(uint64_t));
+    g.whole_base = round_line(g.lsn_base + nb * sizeof(uint64_t));
+    uint64_t w = 1024;
+    while (w < 16 * nb) w <<= 1;
+    g.whole_mask = static_cast<uint32_t>(w - 1);
+    g.size = round_line(g.whole_base + w * sizeof(uint64_t));
     return g;
 }
 
@@ -72,6 +76,8 @@ void isx_layout(void) noexcept {
     h->xh_log_base = g.log_base;
     h->xh_log_len = static_cast<uint16_t>(g.log_len);
     h->xh_lsn_base = g.lsn_base;
+    h->xh_whole_base = g.whole_base;
+    h->xh_whole_mask = g.whole_mask;
     isx_file* f = reinterpret_cast<isx_file*>(base + g.file_base);
     for (int u = 0; u < isam_com->maxopen; ++u) f[u].xf_hand = -1;
     // The magic goes in last: a head with the magic is a complete layout.
@@ -92,7 +98,7 @@ isx_head* isx_find(char* base, size_t segsize) noexcept {
         h->xh_open_bytes != g.open_bytes || h->xh_ref_base != g.ref_base ||
         h->xh_reaped_base != g.reaped_base || h->xh_path_base != g.path_base ||
         h->xh_link_base != g.link_base || h->xh_log_base != g.log_base || h->xh_log_len != g.log_len ||
-        h->xh_lsn_base != g.lsn_base)
+        h->xh_lsn_base != g.lsn_base || h->xh_whole_base != g.whole_base || h->xh_whole_mask != g.whole_mask)
         return nullptr;
     return h;
 }

@@ -28,6 +28,11 @@
 //                            must be on disk before the slot's page may be written to its
 //                            file, with ISX_LSN_FULL set while the page's next log entry
 //                            must be its whole image (lg.h)
+//   whole-page table[n]      uint64 each, n a power of two of at least 16 * maxbufs:
+//                            (file slot, log generation, page) of pages whose whole image
+//                            is in their file's log of that generation, for pages that
+//                            leave the pool (a lossy hint: an entry lost costs a whole
+//                            image in the log again, never a wrong one)
 //
 // The area is zeroed with the segment and laid out by the first attacher under the
 // start-up lock.  A segment made without it (by a library that does not know it), or
@@ -68,7 +73,9 @@ struct isx_head {
     uint32_t xh_rec_usec;    // 88-91  and how long it took
     uint32_t xh_leftover;    // 92-95  nonzero: some log may hold calls of a file not in the
                              //        table (a last close could not write them out)
-    uint32_t xh_spare[8];    // 96-127
+    uint32_t xh_whole_base;  // 96-99  the whole-page table
+    uint32_t xh_whole_mask;  // 100-103 its entries - 1
+    uint32_t xh_spare[6];    // 104-127
 };
 KISAM_RECORD(isx_head, 128);
 KISAM_AT(isx_head, xh_magic, 0);       KISAM_AT(isx_head, xh_version, 4);
@@ -84,7 +91,8 @@ KISAM_AT(isx_head, xh_link_base, 60);   KISAM_AT(isx_head, xh_log_base, 64);
 KISAM_AT(isx_head, xh_lsn_base, 68);  KISAM_AT(isx_head, xh_rec_logs, 72);
 KISAM_AT(isx_head, xh_rec_units, 76); KISAM_AT(isx_head, xh_rec_pages, 80);
 KISAM_AT(isx_head, xh_rec_time, 84);  KISAM_AT(isx_head, xh_rec_usec, 88);
-KISAM_AT(isx_head, xh_leftover, 92);  KISAM_AT(isx_head, xh_spare, 96);
+KISAM_AT(isx_head, xh_leftover, 92);  KISAM_AT(isx_head, xh_whole_base, 96);
+KISAM_AT(isx_head, xh_whole_mask, 100); KISAM_AT(isx_head, xh_spare, 104);
 
 // One per shared-file slot.  Reset when the slot is taken by a new file (open) so that
 // nothing learnt about the slot's previous file carries over.
@@ -193,6 +201,15 @@ inline int16_t* isx_link(int s) {
 // Page log mark of buffer slot s.
 inline uint64_t* isx_lsn(int s) {
     return reinterpret_cast<uint64_t*>(reinterpret_cast<char*>(isx_area) + isx_area->xh_lsn_base) + s;
+}
+// The whole-page table: an entry says that page pno of the file in slot u was logged
+// whole in generation gen of its log (README.log.md rule 5).
+inline uint64_t whole_entry(int u, uint32_t gen, uint32_t pno) {
+    return (uint64_t(u) & 0x3FFF) << 50 | (uint64_t(pno >> 10) & 0x3FFFFF) << 28 | (gen & 0xFFFFFFF);
+}
+inline uint64_t* isx_whole_at(uint64_t entry) {
+    uint64_t* t = reinterpret_cast<uint64_t*>(reinterpret_cast<char*>(isx_area) + isx_area->xh_whole_base);
+    return t + ((entry * 0x9E3779B97F4A7C15ull) >> 32 & isx_area->xh_whole_mask);
 }
 // Chain log of shared-file slot u: xh_log_len entries.
 inline int16_t* isx_log(int u) {

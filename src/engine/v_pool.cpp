@@ -466,8 +466,16 @@ int load_slot(IS_FCP* fcp, int u, int s, PAGE pno, bool attach, bool fresh = fal
     b->bu_cnt = clock_now();
     b->bu_wcnt = clock_advance(isam_com->lru_wcnt);
     // The page is as on disk (or new): nothing need reach the log before it is written
-    // back, and its first log entry is its whole image.
-    *kisam::isx_lsn(s) = ISX_LSN_FULL;
+    // back, and its first log entry is its whole image -- unless the log of this
+    // generation has it whole already (it left the pool since), when the bytes that
+    // change will do.
+    {
+        const uint32_t gen = f->xf_log_gen;
+        const uint64_t e = kisam::whole_entry(u, gen, pno);
+        const bool whole = !fresh && std::atomic_ref<uint64_t>(*kisam::isx_whole_at(e)).load(std::memory_order_relaxed) == e;
+        *kisam::isx_lsn(s) = whole ? std::atomic_ref<uint64_t>(f->xf_log_start).load(std::memory_order_relaxed) + 1
+                                   : ISX_LSN_FULL;
+    }
     int rc = 0;
     if (fresh) {
         std::memset(b->bu_data.c, 0, kisam::kPage);
@@ -889,6 +897,15 @@ int writebuf(IS_BUF* b) noexcept {
             }
     } else if (lg_wal(w, s) != 0) {
         return -1;
+    } else {
+        // A page logged whole in this generation (its mark says so) may come back later:
+        // the table remembers it, so that its next entry need not be whole again.
+        const uint64_t mark = *kisam::isx_lsn(s);
+        isx_file* xf = xfile(w);
+        if (!(mark & ISX_LSN_FULL) && mark > std::atomic_ref<uint64_t>(xf->xf_log_start).load(std::memory_order_relaxed)) {
+            const uint64_t e = kisam::whole_entry(w, xf->xf_log_gen, b->bu_pno);
+            std::atomic_ref<uint64_t>(*kisam::isx_whole_at(e)).store(e, std::memory_order_relaxed);
+        }
     }
     const off_t off = v_fileoffset(ofcp, b->bu_pno);
     b->bu_wcnt = clock_advance(isam_com->lru_wcnt);
