@@ -94,6 +94,8 @@ const std::map<std::string, const char*>& details() {
          "  --track-changes        keep each file's data-changed mark on disk\n"
          "  --sync-on-mark         with --track-changes: sync the file when the mark changes\n"
          "  --clear-on-release     with --track-changes: clear the mark after every change\n"
+         "  --durable              every changing call returns only once it would survive a\n"
+         "                         crash of the machine (KISAM_DURABLE=0/1 overrides it)\n"
          "  --force                overwrite an existing configuration file\n"
          "  --access WHO           who may use the installation: user (you alone: lock file\n"
          "                         0600), group:NAME (that group: 0660) or all (every user\n"
