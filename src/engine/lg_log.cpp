@@ -193,7 +193,7 @@ int fail(int code, int detail) noexcept { return is_raise(code, PROC(P_ISFLUSH, 
 // overwrites blocks the file already has, and the sync of a durable call carries no
 // change of the file's size or block map (an append that grows the file costs the file
 // system a journal commit of its own at every sync).
-constexpr off_t kExtend = off_t{4} << 20;
+constexpr off_t kExtend = off_t{1} << 20;
 int extend(int u, int fd, off_t need) noexcept;
 
 // The log of slot u, opened (and created) on first use.
