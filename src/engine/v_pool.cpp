@@ -954,17 +954,21 @@ int v_flush(void) noexcept {
             return is_raise(ISE_FLFCP, PROC(P_V_READ, big ? 1 : 2));
     }
     // The commit: the pages this process changed in u, and u's control page, go into
-    // u's log as one record.  They stay in the pool, dirty, for write-back.
+    // u's log as one record.  They stay in the pool, dirty, for write-back.  A release
+    // inside a call's unit that goes on (is_write's own hold inside niswrite, say)
+    // commits nothing: the call may still fail, and a committed record could no longer
+    // be rolled back.  Its pages stay listed for the release that ends the unit.
+    const bool unit_goes_on = jn_continues(fcp, pfi->pfi_ctlcnt);
     int n = 0;
     int keep = 0;
     for (int i = 0; i < chg_n; ++i) {
         const int s = chg_slot[i];
-        if (file_of(slot(s)) == u)
+        if (file_of(slot(s)) == u && !unit_goes_on)
             chg_slot[BU_FILEMASK - n++] = static_cast<int16_t>(s);  // collected at the top
         else
             chg_slot[keep++] = static_cast<int16_t>(s);
     }
-    if (n > 0 || (fcp->is_optbits & ISO_CHANGED)) {
+    if (!unit_goes_on && (n > 0 || (fcp->is_optbits & ISO_CHANGED))) {
         if (writable(pfi)) {
             // In the order they were changed.
             int16_t* list = chg_slot + BU_FILEMASK + 1 - n;
