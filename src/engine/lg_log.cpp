@@ -719,6 +719,10 @@ int lg_checkpoint(IS_FCP* fcp, int u, int fd) noexcept {
     const uint64_t start = at(x->xf_log_start).load(std::memory_order_relaxed);
     if (end == start && !(fcp->is_optbits & ISO_CHANGED)) return 0;  // nothing since the last one
     if (fd < 0) return fail(ISE_FLWT, 0x2A);
+    // A call whose rollback is still due left pages in the pool that it never committed:
+    // none may reach the file (rule 2), so the file waits for the rollback (or for the
+    // replay of its log) to be brought up to date.
+    if (x->xf_undo != 0) return fail(ISE_FLWT, 0x2A);
     if (lg_sync_to(u, end) != 0) return -1;
     if (v_write_back(fcp, u, fd) != 0) return -1;
     if (!(fcp->is_optbits & ISO_SEQ)) {

@@ -1047,8 +1047,13 @@ int v_write_back(IS_FCP* fcp, int u, int fd) noexcept {
     int n = 0;
     for (int s = fcp->jd_buf_hd; valid_slot(s) && n < nb; s = slot(s)->bu_next, ++n) {
         IS_BUF* b = slot(s);
-        if ((b->bu_id & (BU_DIRTY | BU_INUSE)) != BU_DIRTY || file_of(b) != u || b->bu_pno == KISAM_NOPAGE)
-            continue;
+        if (!(b->bu_id & BU_DIRTY) || file_of(b) != u || b->bu_pno == KISAM_NOPAGE) continue;
+        // A fixed page goes too (a fix left by a call that failed, or by a holder that
+        // died): under the file's control lock nobody changes it, and with no rollback
+        // due (lg_checkpoint) it holds what was committed.  Leaving it out would start the
+        // log's next generation over a file that lacks it.  Only a page of this process's
+        // running call is not committed: then the file cannot be brought up to date.
+        if (chg_in[s]) return is_raise(ISE_FLWT, PROC(P_V_READ, 3));
         const off_t off = v_fileoffset(fcp, b->bu_pno);
         if (off < 0) return is_raise(ISE_FLSK, PROC(P_V_READ, 2));
         if (kisam::os_pwrite_full(fd, b->bu_data.c, kisam::kPage, off) != 0)
