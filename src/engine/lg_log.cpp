@@ -743,7 +743,17 @@ int lg_checkpoint(IS_FCP* fcp, int u, int fd) noexcept {
     h.lh_dev = fcp->jd_dev;
     h.lh_ino = fcp->jd_ino;
     std::snprintf(h.lh_path, sizeof h.lh_path, "%s", kisam::isx_path(u));
-    if (write_head(lfd, &h, true) != 0) return fail(ISE_FLWT, 0x2A);
+    if (write_head(lfd, &h, true) != 0) {
+        // The header may be in the log all the same (its sync failed, not its write):
+        // the records that follow must then carry its generation, or a replay would stop
+        // before them.  The file holds everything up to `end`, so either is right for it.
+        lg_head now;
+        if (read_head(lfd, &now) && now.lh_gen == h.lh_gen) {
+            x->xf_log_gen = h.lh_gen;
+            at(x->xf_log_start).store(end);
+        }
+        return fail(ISE_FLWT, 0x2A);
+    }
     x->xf_log_gen = h.lh_gen;
     at(x->xf_log_start).store(end);
     return 0;
