@@ -681,7 +681,9 @@ int lg_sync_to(int u, uint64_t lsn) noexcept {
             }
         }
     }
-    kisam::os_lock(fd, F_SETLK, F_UNLCK, 0, 1);
+    // A sync lock this process failed to give back would stall every other process that
+    // syncs the log: the process ends, as at any release of a held range that fails.
+    if (kisam::os_lock(fd, F_SETLK, F_UNLCK, 0, 1) != 0) is_lock_abort("is unlockit fail - errno = %d\n");
     return rc;
 }
 
