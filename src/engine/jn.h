@@ -68,6 +68,10 @@ void jn_committing(uint64_t end) noexcept;
 // The release that ends the unit's hold: called by is_relctl after a successful flush
 // with the hold count it left.
 void jn_release(IS_FCP* fcp, int ctlcnt) noexcept;
+// Whether a unit of fcp's file runs here and goes on past a release that leaves the
+// hold count at ctlcnt (a nested hold's release inside the call): such a release
+// commits nothing, so that the call can still be rolled back whole.
+bool jn_continues(const IS_FCP* fcp, int ctlcnt) noexcept;
 // Rolls the running unit back now (its call failed).  The error state of the failure
 // is kept.  When its pages could not all be written back, the rollback stays pending
 // (xf_undo) and every later call on the file retries it first.

@@ -543,6 +543,10 @@ void jn_release(IS_FCP* fcp, int ctlcnt) noexcept {
     own.active = false;
 }
 
+bool jn_continues(const IS_FCP* fcp, int ctlcnt) noexcept {
+    return own.active && own.fcp == fcp && ctlcnt >= own.depth;
+}
+
 void jn_abort(void) noexcept {
     if (!own.active) return;
     own.active = false;

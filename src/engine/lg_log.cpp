@@ -739,7 +739,9 @@ int lg_sync_to(int u, uint64_t lsn) noexcept {
             }
         }
     }
-    kisam::os_lock(fd, F_SETLK, F_UNLCK, 0, 1);
+    // A sync lock this process failed to give back would stall every other process that
+    // syncs the log: the process ends, as at any release of a held range that fails.
+    if (kisam::os_lock(fd, F_SETLK, F_UNLCK, 0, 1) != 0) is_lock_abort("is unlockit fail - errno = %d\n");
     return rc;
 }
 
@@ -777,6 +779,10 @@ int lg_checkpoint(IS_FCP* fcp, int u, int fd) noexcept {
     const uint64_t start = at(x->xf_log_start).load(std::memory_order_relaxed);
     if (end == start && !(fcp->is_optbits & ISO_CHANGED)) return 0;  // nothing since the last one
     if (fd < 0) return fail(ISE_FLWT, 0x2A);
+    // A call whose rollback is still due left pages in the pool that it never committed:
+    // none may reach the file (rule 2), so the file waits for the rollback (or for the
+    // replay of its log) to be brought up to date.
+    if (x->xf_undo != 0) return fail(ISE_FLWT, 0x2A);
     if (lg_sync_to(u, end) != 0) return -1;
     if (v_write_back(fcp, u, fd) != 0) return -1;
     if (!(fcp->is_optbits & ISO_SEQ)) {
@@ -797,7 +803,17 @@ int lg_checkpoint(IS_FCP* fcp, int u, int fd) noexcept {
     h.lh_dev = fcp->jd_dev;
     h.lh_ino = fcp->jd_ino;
     std::snprintf(h.lh_path, sizeof h.lh_path, "%s", kisam::isx_path(u));
-    if (write_head(lfd, &h, true) != 0) return fail(ISE_FLWT, 0x2A);
+    if (write_head(lfd, &h, true) != 0) {
+        // The header may be in the log all the same (its sync failed, not its write):
+        // the records that follow must then carry its generation, or a replay would stop
+        // before them.  The file holds everything up to `end`, so either is right for it.
+        lg_head now;
+        if (read_head(lfd, &now) && now.lh_gen == h.lh_gen) {
+            x->xf_log_gen = h.lh_gen;
+            at(x->xf_log_start).store(end);
+        }
+        return fail(ISE_FLWT, 0x2A);
+    }
     x->xf_log_gen = h.lh_gen;
     at(x->xf_log_start).store(end);
     return 0;

@@ -971,17 +971,21 @@ int v_flush(void) noexcept {
             return is_raise(ISE_FLFCP, PROC(P_V_READ, big ? 1 : 2));
     }
     // The commit: the pages this process changed in u, and u's control page, go into
-    // u's log as one record.  They stay in the pool, dirty, for write-back.
+    // u's log as one record.  They stay in the pool, dirty, for write-back.  A release
+    // inside a call's unit that goes on (is_write's own hold inside niswrite, say)
+    // commits nothing: the call may still fail, and a committed record could no longer
+    // be rolled back.  Its pages stay listed for the release that ends the unit.
+    const bool unit_goes_on = jn_continues(fcp, pfi->pfi_ctlcnt);
     int n = 0;
     int keep = 0;
     for (int i = 0; i < chg_n; ++i) {
         const int s = chg_slot[i];
-        if (file_of(slot(s)) == u)
+        if (file_of(slot(s)) == u && !unit_goes_on)
             chg_slot[BU_FILEMASK - n++] = static_cast<int16_t>(s);  // collected at the top
         else
             chg_slot[keep++] = static_cast<int16_t>(s);
     }
-    if (n > 0 || (fcp->is_optbits & ISO_CHANGED)) {
+    if (!unit_goes_on && (n > 0 || (fcp->is_optbits & ISO_CHANGED))) {
         if (writable(pfi)) {
             // In the order they were changed.
             int16_t* list = chg_slot + BU_FILEMASK + 1 - n;
@@ -1060,8 +1064,13 @@ int v_write_back(IS_FCP* fcp, int u, int fd) noexcept {
     int n = 0;
     for (int s = fcp->jd_buf_hd; valid_slot(s) && n < nb; s = slot(s)->bu_next, ++n) {
         IS_BUF* b = slot(s);
-        if ((b->bu_id & (BU_DIRTY | BU_INUSE)) != BU_DIRTY || file_of(b) != u || b->bu_pno == KISAM_NOPAGE)
-            continue;
+        if (!(b->bu_id & BU_DIRTY) || file_of(b) != u || b->bu_pno == KISAM_NOPAGE) continue;
+        // A fixed page goes too (a fix left by a call that failed, or by a holder that
+        // died): under the file's control lock nobody changes it, and with no rollback
+        // due (lg_checkpoint) it holds what was committed.  Leaving it out would start the
+        // log's next generation over a file that lacks it.  Only a page of this process's
+        // running call is not committed: then the file cannot be brought up to date.
+        if (chg_in[s]) return is_raise(ISE_FLWT, PROC(P_V_READ, 3));
         const off_t off = v_fileoffset(fcp, b->bu_pno);
         if (off < 0) return is_raise(ISE_FLSK, PROC(P_V_READ, 2));
         if (kisam::os_pwrite_full(fd, b->bu_data.c, kisam::kPage, off) != 0)

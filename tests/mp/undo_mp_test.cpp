@@ -1,11 +1,14 @@
-// Every changing call is whole or absent: killed at any of its page writes, or failing
-// at any of them, a write with splits up to the root, an update that changes two keys,
-// a delete of a record with overflow pages and a replace leave the file byte for byte
-// as it was before the call, once another process has used the file (or, with nobody
-// attached, once the next process attaches).
+// Every changing call is whole or absent: killed at any of its page writes or
+// synchronisations, or failing at any of them -- the log record that commits it, and the
+// write-back of the close after it --, a write with splits up to the root, an update that
+// changes two keys, a delete of a record with overflow pages and a replace leave the
+// file's records (read along every key) as they were before the call, or, when the call
+// had returned, as it made them; and the checker finds the file sound once another
+// process has used it (or, with nobody attached, once the next process attaches).
 #include "../engine/open_fixture.h"
 
 #include "kcheck.h"
+#include "os.h"
 
 #include <signal.h>
 #include <sys/wait.h>
@@ -21,6 +24,7 @@ using kt::Faults;
 
 constexpr int kL0 = 60, kL1 = 90, kL2 = 40;
 constexpr int kMinRec = kL0 + kL1 + kL2;
+constexpr int kTightPool = 8;
 
 // Record `id` of generation `gen`: key 0 from the id; keys 1 and 2 from the generation
 // (so that an update changes both); `size` bytes in all.
@@ -71,24 +75,52 @@ void spit(const std::string& path, const std::string& bytes) {
     std::fclose(f);
 }
 
-// Byte for byte, but for the control page's count of processes (is_usecnt, bytes 84-85),
-// which says how many processes had the file open when it was last written.
-::testing::AssertionResult same_file(const std::string& a, const std::string& b) {
-    if (a.size() != b.size())
-        return ::testing::AssertionFailure() << "sizes " << a.size() << " and " << b.size();
-    for (size_t i = 0; i < a.size(); ++i) {
-        if (a[i] == b[i] || i == 84 || i == 85) continue;
-        return ::testing::AssertionFailure() << "first difference at byte " << i << " (page "
-                                             << i / 1024 << ")";
+// The file's records as the library gives them along each of its keys, in key order.
+std::string records_of(int fd) {
+    static const char zeros[128] = {};
+    std::string s;
+    char buf[4096];
+    for (int k = 0; k < 3; ++k) {
+        s += "key " + std::to_string(k) + ":\n";
+        if (nisseek(fd, k, zeros) != 0) return s + "seek fails: " + std::to_string(is_errno);
+        int n;
+        while ((n = nisread(fd, k, buf, sizeof buf)) > 0) s.append(buf, static_cast<size_t>(n)).append("\n");
+        if (n < 0) return s + "read fails: " + std::to_string(is_errno);
     }
+    return s;
+}
+
+// The file as the next process finds it holds exactly `want`: this process (attached to
+// nothing) opens it -- with nobody attached the logs are replayed first --, reads every
+// record along every key, closes (the last close writes the file back) and detaches; the
+// checker then finds the file on disk sound.
+::testing::AssertionResult holds(const std::string& f, const std::string& want) {
+    int fd = nisopen(f.c_str(), ISO_RDONLY);
+    if (fd < 0) return ::testing::AssertionFailure() << "open fails: " << is_errno;
+    const std::string got = records_of(fd);
+    const int closed = nisclose(fd);
+    nisunisam();
+    if (closed != 0) return ::testing::AssertionFailure() << "close fails: " << is_errno;
+    if (got != want) {
+        size_t i = 0;
+        while (i < got.size() && i < want.size() && got[i] == want[i]) ++i;
+        return ::testing::AssertionFailure() << "the records differ from byte " << i << " of the listing ("
+                                             << got.size() << " and " << want.size() << " bytes)";
+    }
+    kisam::check::Report rep = kisam::check::check_file(f);
+    if (!rep.ok) return ::testing::AssertionFailure() << "checker: " << rep.error;
     return ::testing::AssertionSuccess();
 }
+
+bool exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
+
+const char* kind_name(Faults::Kind k) { return k == Faults::kWrite ? "write" : "sync"; }
 
 class Undo : public Env {
 protected:
     void SetUp() override {
         Env::SetUp();
-        ::alarm(240);
+        ::alarm(400);
     }
     void TearDown() override {
         ::alarm(0);
@@ -97,13 +129,13 @@ protected:
 
     struct Target {
         Call call;
-        std::string before;   // the file before the call
+        std::string bytes;    // the file before the call, written back
+        std::string before;   // its records before the call
         std::string after;    // and after it
-        int writes;           // page writes the call makes
     };
 
     // Builds a 3-key file in this process and records, for each call worth testing, the
-    // file before and after it and the number of its page writes; then detaches.
+    // file before it (written back) and its records before and after; then detaches.
     std::vector<Target> build(const std::string& f) {
         std::vector<Target> t;
         const int lens[3] = {kL0, kL1, kL2};
@@ -112,12 +144,17 @@ protected:
         std::mt19937 rng(7);
         auto size = [&] { return kMinRec + static_cast<int>(rng() % 2800); };
         auto root = [&](int k) { return kisam::fcp_key(ot::shared_fcp(fd), k)->k_root; };
+        auto snap = [&](const Call& c) {
+            EXPECT_EQ(kt::write_back(fd), 0) << is_errno;
+            return Target{c, slurp(f), records_of(fd), {}};
+        };
         auto run = [&](const Call& c, bool keep) {
-            std::string before = slurp(f);
-            Faults count;
-            int r = apply(fd, c);
-            EXPECT_EQ(r, 0) << c.what << ": " << is_errno;
-            if (keep) t.push_back({c, before, slurp(f), Faults::calls(Faults::kWrite)});
+            Target x = keep ? snap(c) : Target{};
+            EXPECT_EQ(apply(fd, c), 0) << c.what << ": " << is_errno;
+            if (keep) {
+                x.after = records_of(fd);
+                t.push_back(x);
+            }
         };
         // Writes until the tree of key 1 (order 6) grows to four levels: the write that
         // splits its root then splits every level below it too.  Only a write into a
@@ -125,6 +162,7 @@ protected:
         auto root_full = [&](int k) {
             IS_KEY* kd = kisam::fcp_key(ot::shared_fcp(fd), k);
             int16_t n = 0;
+            EXPECT_EQ(kt::write_back(fd), 0);
             int fh = ::open(f.c_str(), O_RDONLY);
             if (fh >= 0 && kd->k_root != KISAM_NOPAGE) ::pread(fh, &n, 2, kd->k_root + 2);
             if (fh >= 0) ::close(fh);
@@ -135,10 +173,12 @@ protected:
             const PAGE r = root(1);
             Call c{"write splitting every level up to the root", kWrite, id * 2, 0, size()};
             if (grown == 2 && root_full(1)) {
-                std::string before = slurp(f);
-                Faults count;
+                Target x = snap(c);
                 EXPECT_EQ(apply(fd, c), 0);
-                if (root(1) != r) t.push_back({c, before, slurp(f), Faults::calls(Faults::kWrite)});
+                if (root(1) != r) {
+                    x.after = records_of(fd);
+                    t.push_back(x);
+                }
             } else {
                 EXPECT_EQ(apply(fd, c), 0);
             }
@@ -182,130 +222,209 @@ protected:
             return 0;
         });
     }
+
+    // A process opens the file, makes the call and closes the file; it is killed just
+    // before its nth page write -- or its nth synchronisation --, for every n up to the
+    // last of the call and of its close (the log record ends the call; the close that is
+    // the last of the file writes the pages back).  Whether another process had the file
+    // open all along (and rolls the call back when it next takes the file's control
+    // lock), was attached without the file (and rolls it back as the last to leave) or
+    // nobody was (the next process to attach replays the log), the file afterwards holds
+    // the records it held before the call when the process died inside the call, and
+    // those after it when it died in its close; and the checker finds it sound.
+    void kill_sweep() {
+        const std::string f = path("k");
+        const std::string returned = path("returned");
+        std::vector<Target> targets = build(f);
+        ASSERT_FALSE(targets.empty());
+        int kills = 0, inside = 0;
+        for (const Target& t : targets) {
+            SCOPED_TRACE(t.call.what);
+            ASSERT_NE(t.before, t.after);
+            for (Faults::Kind kind : {Faults::kWrite, Faults::kSync}) {
+                int in_call = 0;
+                for (int others = 0; others < 3; ++others) {
+                    // 0: a process has the file open; 1: one is attached; 2: nobody is.
+                    for (int n = 1;; ++n) {
+                        SCOPED_TRACE(std::string("killed before ") + kind_name(kind) + " " + std::to_string(n) +
+                                     (others == 0 ? ", file open elsewhere" : others == 1 ? ", one attached" : ", alone"));
+                        ASSERT_LT(n, 500) << "the call and its close never end";
+                        spit(f, t.bytes);
+                        ::unlink(returned.c_str());
+                        kt::Pipe ready, go;
+                        pid_t p = others < 2 ? peer(f, ready, go, others == 0) : 0;
+                        if (p) {
+                            ASSERT_EQ(ready.wait(), 'x');
+                        }
+                        const int rc = kt::run_child([&] {
+                            ot::become_unattached();
+                            int fd = nisopen(f.c_str(), ISO_RDWR);
+                            if (fd < 0) return 20;
+                            Faults kill;
+                            kill.arm(kind, n, Faults::kKill);
+                            if (apply(fd, t.call) != 0) return 22;
+                            if (FILE* m = std::fopen(returned.c_str(), "w")) std::fclose(m);
+                            if (nisclose(fd) != 0) return 23;
+                            nisunisam();
+                            return 21;  // not killed: every point of the call and its close is swept
+                        });
+                        if (p) {
+                            go.signal();
+                            ASSERT_EQ(kt::wait_child(p), 0);
+                        }
+                        if (rc == 21) {
+                            ASSERT_TRUE(holds(f, t.after));
+                            break;
+                        }
+                        ASSERT_EQ(rc, 128 + SIGKILL);
+                        ++kills;
+                        const bool done = exists(returned);
+                        in_call += !done;
+                        ASSERT_TRUE(holds(f, done ? t.after : t.before))
+                            << (done ? "killed in the close of a call that had returned" : "killed inside the call");
+                        ASSERT_LT(::shmget(inst_->key(), 0, 0), 0) << "a segment was left behind";
+                    }
+                }
+                // The call itself writes (its log record) before it can return.
+                if (kind == Faults::kWrite) {
+                    EXPECT_GT(in_call, 0);
+                }
+                inside += in_call;
+            }
+        }
+        std::printf("[ kills    ] %d (%d inside the calls, the others in their closes)\n", kills, inside);
+    }
+
+    // A call whose nth page write or synchronisation fails -- once, or from then on (a disk
+    // that stays full) --, for every n up to the last of the call and of the close after
+    // it: a call that fails returns -1 with an error code and leaves the file's records as
+    // before it; a call that succeeds (the failure met inside it was made good, or came in
+    // the close, whose failing write-back leaves the calls in the log) has its records all
+    // there for the next process.  Once the disk works again a failed call goes through.
+    void failure_sweep() {
+        const std::string f = path("w");
+        std::vector<Target> targets = build(f);
+        int points = 0, failed = 0, in_close = 0;
+        for (const Target& t : targets) {
+            SCOPED_TRACE(t.call.what);
+            for (Faults::Kind kind : {Faults::kWrite, Faults::kSync}) {
+                for (Faults::Mode mode : {Faults::kOnce, Faults::kFromThenOn}) {
+                    for (int n = 1;; ++n) {
+                        SCOPED_TRACE(std::string(mode == Faults::kOnce ? "once" : "from then on") + " at " +
+                                     kind_name(kind) + " " + std::to_string(n));
+                        ASSERT_LT(n, 500) << "the call and its close never end";
+                        spit(f, t.bytes);
+                        int fd = nisopen(f.c_str(), ISO_RDWR);
+                        ASSERT_GE(fd, 0);
+                        int r, code, closed, close_code;
+                        bool in_call, reached;
+                        {
+                            Faults fail;
+                            fail.arm(kind, n, mode, mode == Faults::kOnce ? EIO : ENOSPC);
+                            r = apply(fd, t.call);
+                            code = is_errno;
+                            in_call = Faults::hit();
+                            closed = nisclose(fd);
+                            close_code = is_errno;
+                            reached = Faults::hit();
+                        }
+                        nisunisam();
+                        if (!reached) {
+                            ASSERT_EQ(r, 0) << code;
+                            ASSERT_EQ(closed, 0) << close_code;
+                            ASSERT_TRUE(holds(f, t.after));
+                            break;
+                        }
+                        ++points;
+                        if (closed != 0) {
+                            EXPECT_GT(close_code, 0) << "a close failed without a code";
+                        }
+                        if (r == 0) {
+                            in_close += !in_call;
+                            ASSERT_TRUE(holds(f, t.after)) << (in_call ? "a call that survived a failure"
+                                                                       : "a call whose close failed");
+                            continue;
+                        }
+                        ++failed;
+                        EXPECT_EQ(r, -1);
+                        EXPECT_GT(code, 0);
+                        ASSERT_TRUE(in_call);
+                        ASSERT_TRUE(holds(f, t.before)) << "a failed call left something of it";
+                        // The disk works again: the call can be made again.
+                        fd = nisopen(f.c_str(), ISO_RDWR);
+                        ASSERT_GE(fd, 0);
+                        ASSERT_EQ(apply(fd, t.call), 0) << is_errno;
+                        ASSERT_EQ(nisclose(fd), 0);
+                        nisunisam();
+                        ASSERT_TRUE(holds(f, t.after));
+                    }
+                }
+            }
+        }
+        EXPECT_GT(failed, 0);
+        EXPECT_GT(in_close, 0);
+        std::printf("[ sweep    ] %d points: %d failed their call, %d came in the close\n", points, failed, in_close);
+    }
 };
 
-// The killed call's process dies before its nth page write, for every n; whether
-// another process had the file open all along (and rolls the call back when it next
-// takes the file's control lock), was attached without the file (and rolls it back as
-// the last to leave) or nobody was (the next process to attach rolls it back), the file
-// is afterwards exactly as it was before the call.
-TEST_F(Undo, KillAtEveryPageWriteLeavesTheFileAsBefore) {
-    const std::string f = path("k");
-    std::vector<Target> targets = build(f);
-    ASSERT_FALSE(targets.empty());
-    int kills = 0;
-    for (const Target& t : targets) {
-        SCOPED_TRACE(t.call.what);
-        ASSERT_GT(t.writes, 1);
-        ASSERT_FALSE(same_file(t.before, t.after));
-        for (int n = 1; n <= t.writes; ++n) {
-            SCOPED_TRACE("killed before page write " + std::to_string(n) + " of " + std::to_string(t.writes));
-            spit(f, t.before);
-            const bool with_peer = n % 3 != 0;
-            kt::Pipe ready, go;
-            pid_t p = with_peer ? peer(f, ready, go, n % 3 == 1) : 0;
-            if (with_peer) {
-                ASSERT_EQ(ready.wait(), 'x');
-            }
-            const int rc = kt::run_child([&] {
-                ot::become_unattached();
-                int fd = nisopen(f.c_str(), ISO_RDWR);
-                if (fd < 0) return 20;
-                Faults kill;
-                kill.arm(Faults::kWrite, n, Faults::kKill);
-                apply(fd, t.call);
-                return 21;  // not killed: the call wrote fewer pages than counted
-            });
-            ASSERT_EQ(rc, 128 + SIGKILL);
-            ++kills;
-            if (with_peer) {
-                go.signal();
-                ASSERT_EQ(kt::wait_child(p), 0);
-            } else {
-                ASSERT_EQ(kt::run_child([&] {
-                    ot::become_unattached();
-                    int fd = nisopen(f.c_str(), ISO_RDONLY);
-                    if (fd < 0) return 30;
-                    nisclose(fd);
-                    nisunisam();
-                    return 0;
-                }), 0);
-            }
-            ASSERT_TRUE(same_file(slurp(f), t.before));
-            ASSERT_LT(::shmget(inst_->key(), 0, 0), 0) << "a segment was left behind";
-        }
-    }
-    std::printf("[ kills    ] %d\n", kills);
-    kisam::check::Report rep = kisam::check::check_file(f);
-    EXPECT_TRUE(rep.ok) << rep.error;
-}
 
-// A call whose nth page write fails -- once, or from then on (a disk that stays full) --
-// returns -1 with an error code and leaves the file as before, for every n; once writes
-// succeed again the same call goes through and gives the file as it is after the call.
-TEST_F(Undo, FailureAtEveryPageWriteIsUndone) {
-    const std::string f = path("w");
-    std::vector<Target> targets = build(f);
-    for (const Target& t : targets) {
-        SCOPED_TRACE(t.call.what);
-        for (Faults::Mode mode : {Faults::kOnce, Faults::kFromThenOn}) {
-            for (int n = 1; n <= t.writes; ++n) {
-                SCOPED_TRACE(std::string(mode == Faults::kOnce ? "once" : "from then on") +
-                             " at page write " + std::to_string(n));
-                spit(f, t.before);
-                int fd = nisopen(f.c_str(), ISO_RDWR);
-                ASSERT_GE(fd, 0);
-                int r;
-                {
-                    Faults fail;
-                    fail.arm(Faults::kWrite, n, mode, mode == Faults::kOnce ? EIO : ENOSPC);
-                    r = apply(fd, t.call);
-                    EXPECT_TRUE(Faults::hit());
-                }
-                // A write that failed once may have been made again within the call (the
-                // control page is written at every release): then the call stands.
-                if (mode == Faults::kOnce && r == 0) {
-                    ASSERT_EQ(nisclose(fd), 0);
-                    nisunisam();
-                    ASSERT_TRUE(same_file(slurp(f), t.after));
-                    continue;
-                }
-                EXPECT_EQ(r, -1);
-                EXPECT_GT(is_errno, 0);
-                // The disk works again: nothing of the failed call is left, and it can
-                // be made again.
-                ASSERT_EQ(nisclose(fd), 0);
-                nisunisam();
-                ASSERT_TRUE(same_file(slurp(f), t.before));
-                fd = nisopen(f.c_str(), ISO_RDWR);
-                ASSERT_GE(fd, 0);
-                ASSERT_EQ(apply(fd, t.call), 0) << is_errno;
-                ASSERT_EQ(nisclose(fd), 0);
-                nisunisam();
-                ASSERT_TRUE(same_file(slurp(f), t.after));
-            }
-        }
+TEST_F(Undo, KillAtEveryPageWriteLeavesTheFileAsBefore) { kill_sweep(); }
+TEST_F(Undo, FailureAtEveryPageWriteIsUndone) { failure_sweep(); }
+
+// With a pool of few slots the calls must let go of pages they changed (written to the
+// file after a log record that leaves the call open) and evict pages of earlier calls
+// (after syncing the log up to them): the kills and failures reach those writes too.
+class UndoTightPool : public Undo {
+protected:
+    void SetUp() override {
+        kt::Config c;
+        c.maxbuf = kTightPool;
+        start(c);
+        ::alarm(400);
     }
-}
+};
+
+TEST_F(UndoTightPool, KillAtEveryPageWriteLeavesTheFileAsBefore) { kill_sweep(); }
+TEST_F(UndoTightPool, FailureAtEveryPageWriteIsUndone) { failure_sweep(); }
 
 }  // namespace
 
 namespace {
 
-// A write whose closing flush cannot write the control page learns it: -1 with the
-// release's 0x2402 over the flush's ISE_FLFCP, and the record is not there once writes
-// succeed again -- nor is anything else of the call.
+// Fails every pwrite at offset 0 of the data file named `fail_path` (its control page),
+// and only those, while set.
+std::string fail_path;
+int control_writes_failed = 0;
+ssize_t failing_control_pwrite(int fd, const void* b, size_t n, off_t off) {
+    if (off == 0 && !fail_path.empty()) {
+        char link[64], target[4096];
+        std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+        const ssize_t len = ::readlink(link, target, sizeof target - 1);
+        if (len > 0 && std::string(target, static_cast<size_t>(len)) == fail_path) {
+            ++control_writes_failed;
+            errno = ENOSPC;
+            return -1;
+        }
+    }
+    return kisam::os_real.pwrite(fd, b, n, off);
+}
+
+// A write whose commit cannot be written -- its log record, which carries the control
+// page -- learns it: -1 with ISE_FLWT under the release, and nothing of the call is
+// there, in the pool or, once writes succeed again, on the disk.
 TEST_F(Undo, AFailedControlPageWriteFailsTheCallAndUndoesIt) {
     const std::string f = path("c");
     const int lens[3] = {kL0, kL1, kL2};
     int fd = niscreate(f.c_str(), 3, const_cast<int*>(lens));
     ASSERT_GE(fd, 0);
     ASSERT_EQ(apply(fd, {"", kWrite, 1, 0, 500}), 0);
+    ASSERT_EQ(kt::write_back(fd), 0);
     const std::string before = slurp(f);
+    const std::string before_records = records_of(fd);
     int writes;
     {
-        // The same call on a copy, to count its page writes: the last one is the control
-        // page at the closing release.
+        // The same call on a copy, to count its page writes: the last one is its log
+        // record at the closing release.
         const std::string g = path("c2");
         spit(g, before);
         int gd = nisopen(g.c_str(), ISO_RDWR);
@@ -315,11 +434,13 @@ TEST_F(Undo, AFailedControlPageWriteFailsTheCallAndUndoesIt) {
         writes = Faults::calls(Faults::kWrite);
         nisclose(gd);
     }
+    ASSERT_GE(writes, 1);
     {
         Faults fail;
         fail.arm(Faults::kWrite, writes, Faults::kFromThenOn, ENOSPC);
         EXPECT_EQ(apply(fd, {"", kWrite, 2, 0, 500}), -1);
-        EXPECT_EQ(is_errno, ISE_FLFCP);
+        EXPECT_TRUE(Faults::hit());
+        EXPECT_EQ(is_errno, ISE_FLWT);
         const std::vector<int> stack = kt::error_stack();
         EXPECT_NE(std::find(stack.begin(), stack.end(), 0x2402), stack.end());
     }
@@ -328,9 +449,42 @@ TEST_F(Undo, AFailedControlPageWriteFailsTheCallAndUndoesIt) {
     EXPECT_EQ(nisfind(fd, 0, k2.data(), buf, sizeof buf), 0);
     std::string k1 = record(1, 0, 500);
     EXPECT_EQ(nisfind(fd, 0, k1.data(), buf, sizeof buf), 500);
+    EXPECT_EQ(records_of(fd), before_records);
     ASSERT_EQ(nisclose(fd), 0);
     nisunisam();
-    EXPECT_TRUE(same_file(slurp(f), before));
+    EXPECT_TRUE(holds(f, before_records));
+}
+
+// A write-back whose control page cannot be written (nisflush, which returns 0 whatever
+// its flush did, then the last close) loses nothing: the calls stay in the log, and the
+// next process finds every record the calls made.
+TEST_F(Undo, AFailedControlPageWriteBackKeepsTheCalls) {
+    const std::string f = path("c");
+    const int lens[3] = {kL0, kL1, kL2};
+    int fd = niscreate(f.c_str(), 3, const_cast<int*>(lens));
+    ASSERT_GE(fd, 0);
+    for (int id = 0; id < 20; ++id) ASSERT_EQ(apply(fd, {"", kWrite, id, 0, 200 + 97 * id}), 0);
+    ASSERT_EQ(nisflush(fd), 0);
+    ASSERT_EQ(apply(fd, {"", kDelete, 3, 0, 0}), 0);
+    ASSERT_EQ(apply(fd, {"", kUpdate, 4, 1, 2500}), 0);
+    const std::string after = records_of(fd);
+    char real[4096];
+    const ssize_t len = ::realpath(f.c_str(), real) ? static_cast<ssize_t>(std::strlen(real)) : -1;
+    ASSERT_GT(len, 0);
+    fail_path = real;
+    control_writes_failed = 0;
+    kisam::os.pwrite = failing_control_pwrite;
+    EXPECT_EQ(nisflush(fd), 0);
+    EXPECT_EQ(control_writes_failed, 1);
+    EXPECT_EQ(records_of(fd), after) << "the calls are still there for this process";
+    EXPECT_EQ(apply(fd, {"", kWrite, 30, 0, 700}), 0) << "the file takes further calls";
+    EXPECT_EQ(apply(fd, {"", kDelete, 30, 0, 0}), 0);
+    nisclose(fd);  // its write-back fails the same way
+    nisunisam();
+    kisam::os = kisam::os_real;
+    fail_path.clear();
+    EXPECT_GE(control_writes_failed, 2);
+    EXPECT_TRUE(holds(f, after)) << "the next process finds the calls";
 }
 
 }  // namespace
