@@ -771,6 +771,7 @@ bool recovered_here = false;
 }  // namespace
 
 void lg_recover_all(void) noexcept {
+    recovered_here = false;  // of this segment only: an earlier one may have been ours
     if (lbase[0] == '\0') return;
     kisam::ErrorKeep keep;
     struct timespec t0, t1;
