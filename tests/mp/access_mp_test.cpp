@@ -271,7 +271,7 @@ TEST_F(Access, SegmentsFoundAtTheKeyMustBeTheInstallations) {
 // A journal beside the lock file that is a symbolic link, or that is not the
 // installation's (another owner, a wider mode), is never written or rolled back: the
 // file it points at or names stays as it was.  The same journal, the installation's own,
-// is rolled back -- so the refusal is what keeps the file safe.
+// is opened and settled -- so the refusal is what keeps a planted one from being used.
 TEST_F(Access, PlantedJournalsAreRefused) {
     lock_mode(0, 0, 0600);
     const std::string victim = path("victim");
