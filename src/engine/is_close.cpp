@@ -111,9 +111,11 @@ KISAM_API int nisclose(int isfd) {
     } else {
         // Last close anywhere: the file takes in what its log holds, then the buffers go
         // back and the shared copy is freed.  When it cannot (a full disk, say), the log
-        // keeps the calls and the next open of the file replays them.
+        // keeps the calls and the next open of the file replays them.  The close still
+        // succeeds (the handle is gone), but its report stays: a sync that failed here
+        // may have left the calls nowhere but in the page cache, and the caller must
+        // be able to tell.
         if (!(pfi->pfi_bits & PFI_RDONLY) || lg_wfd(u) >= 0) {
-            kisam::ErrorKeep keep;
             if (lg_checkpoint(fcp, u, lg_wfd(u)) != 0) isx_area->xh_leftover = 1;
         } else if (kisam::isx_file_of(u)->xf_log_end != kisam::isx_file_of(u)->xf_log_start) {
             isx_area->xh_leftover = 1;

@@ -528,9 +528,17 @@ int lg_prepare(int u, uint64_t dev, uint64_t ino) noexcept {
     return 0;
 }
 
+namespace {
+// The buffers a commit builds its record in, made before any call needs them.
+bool call_buffers_ready() noexcept;
+}  // namespace
+
 int lg_enter(int u, IS_FCP* fcp) noexcept {
     const int fd = log_fd(u);
     if (fd < 0) return fail(ISE_OPENF, 0x26);
+    // A call may be left part way (a signal handler that jumps out of it): it must not be
+    // inside the allocator then, so a commit finds its buffers made.
+    if (!call_buffers_ready()) return fail(ISE_FLWT, 0x28);
     lg_head h;
     std::memset(&h, 0, sizeof h);
     const bool valid = read_head(fd, &h);
@@ -671,6 +679,14 @@ PageArg* page_args(int n) noexcept {
     args = q;
     cap = c;
     return args;
+}
+
+// Room for a record of 64 pages, with their before-images, and the control page: calls
+// that change more grow the buffers (rarely).
+bool call_buffers_ready() noexcept {
+    constexpr int kPages = 64;
+    return page_args(kPages) != nullptr &&
+           rec_buf.fit(sizeof(lg_rec) + kPages * 2 * (sizeof(lg_ent) + kisam::kPage) + sizeof(lg_ent) + kisam::kFcpImage);
 }
 
 }  // namespace
@@ -846,6 +862,7 @@ kisam_recovery recovered{};  // what this process replayed, kept past its detach
 }  // namespace
 
 void lg_recover_all(void) noexcept {
+    recovered_here = false;  // of this segment only: an earlier one may have been ours
     if (lbase[0] == '\0') return;
     kisam::ErrorKeep keep;
     struct timespec t0, t1;

@@ -203,6 +203,8 @@ STALE = [
      "an interrupted call is rolled back, it never leaves a record half indexed"),
     (r"every read(, write and delete)? takes? the (file's )?control lock|each read takes the (file's )?control lock",
      "reads of pages in the pool take no lock"),
+    (r"crash of the whole machine \(power, kernel\) is not covered",
+     "a crash of the machine is covered: the first to attach replays the redo logs"),
 ]
 
 DOCS = {
@@ -221,7 +223,7 @@ SHARED = [
      ["README", "kisam(1)", "kisam(3)", "niswrite(3)"]),
     ("reads of pooled pages take no lock", r"takes? no lock",
      ["README", "kisam(1)", "kisam(3)", "nisread(3)", "nislock(3)"]),
-    ("a machine crash is not covered", r"crash of the whole machine",
+    ("a machine crash is covered: the redo logs are replayed", r"replays? (every|the) logs?",
      ["README", "kisam(1)", "kisam(3)"]),
     ("attaching creates $HOME/.Q9", r"\$HOME/\.Q9", ["README", "python/README", "kisam(3)"]),
     ("attaching creates $HOME/Documents", r"\$HOME/Documents", ["README", "python/README", "kisam(3)"]),

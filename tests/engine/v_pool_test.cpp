@@ -3,6 +3,7 @@
 #include "pool_fixture.h"
 
 #include "isx_area.h"
+#include "lg.h"
 #include "os.h"
 
 #include <map>
@@ -14,20 +15,91 @@ namespace {
 
 class Pool : public PoolEnv {};
 
-TEST_F(Pool, ReadOnlyOpenerNeverEvictsADirtySlot) {
+// What a read-only opener does with dirty slots of a file it has open.  A page of a call
+// that has not committed (here: one whose rollback is still due) never reaches the file,
+// whoever needs the slot.  A committed page may be written back by anyone -- through the
+// file reopened by its recorded path -- but only once the log holds its record on disk.
+// With no way to write the file (its path leads nowhere now) the slot stays as it is.
+std::vector<std::pair<char, int>> g_io;  // 's' fdatasync(fd), 'w' pwrite at offset
+int rec_sync(int fd) {
+    g_io.push_back({'s', fd});
+    return kisam::os_real.fdatasync(fd);
+}
+ssize_t rec_pwrite(int fd, const void* b, size_t n, off_t off) {
+    g_io.push_back({'w', static_cast<int>(off)});
+    return kisam::os_real.pwrite(fd, b, n, off);
+}
+char on_disk(const std::string& file, off_t off) {
+    char c = 0;
+    const int fd = ::open(file.c_str(), O_RDONLY);
+    EXPECT_EQ(::pread(fd, &c, 1, off), 1);
+    ::close(fd);
+    return c;
+}
+
+TEST_F(Pool, ReadOnlyOpenerWritesBackOnlyCommittedPagesAfterTheirLog) {
     for (int quota : {2, 100}) {  // own-quota reuse, then the steal scan
         SCOPED_TRACE(quota);
         start(cfg(2, quota));
+        const std::string file = path("a.ism");
         int fd = make_file("a.ism", 4, ISO_RDONLY);
+        const int u = uid(fd);
+        isx_file* xf = kisam::isx_file_of(u);
+
+        // Committed (its record appended as another process's commit would) but not yet
+        // on disk, and the file cannot be reopened: the slot stays.
         begin(fd);
         IS_DATA* p1 = get(1);
-        get(2);
-        slot(slot_of(p1)).bu_id |= BU_DIRTY;
+        p1->c[100] = 'C';
+        const int16_t list[1] = {static_cast<int16_t>(slot_of(p1))};
+        uint64_t rec_end = 0;
+        ASSERT_EQ(lg_commit(is_curfcp, u, list, 1, &rec_end), 0);
+        slot(list[0]).bu_id |= BU_DIRTY;
         ASSERT_EQ(end(), 0);
+        EXPECT_LT(xf->xf_log_synced, rec_end);
+        ASSERT_EQ(::rename(file.c_str(), path("moved").c_str()), 0);
         begin(fd);
+        get(4);
+        EXPECT_EQ(slot(list[0]).bu_pno, 1024u) << "a slot no one could write went";
+        ASSERT_EQ(end(), 0);
+        ASSERT_EQ(::rename(path("moved").c_str(), file.c_str()), 0);
+
+        // Now it can: the log reaches the disk, then the page the file.
+        g_io.clear();
+        kisam::os.fdatasync = rec_sync;
+        kisam::os.pwrite = rec_pwrite;
+        begin(fd);
+        get(2);
         get(3);
-        EXPECT_EQ(slot(slot_of(p1)).bu_pno, 1024u) << "the dirty slot kept its page";
-        slot(slot_of(p1)).bu_id &= static_cast<uint16_t>(~BU_DIRTY);
+        kisam::os.fdatasync = kisam::os_real.fdatasync;
+        kisam::os.pwrite = kisam::os_real.pwrite;
+        EXPECT_NE(slot(list[0]).bu_pno, 1024u) << "the committed page was not written back";
+        ASSERT_EQ(end(), 0);
+        EXPECT_EQ(on_disk(file, 1024 + 100), 'C');
+        EXPECT_GE(xf->xf_log_synced, rec_end);
+        size_t sync_at = g_io.size(), write_at = g_io.size();
+        for (size_t i = 0; i < g_io.size(); ++i) {
+            if (g_io[i].first == 's' && sync_at == g_io.size()) sync_at = i;
+            if (g_io[i] == std::pair<char, int>{'w', 1024}) write_at = i;
+        }
+        EXPECT_LT(write_at, g_io.size());
+        EXPECT_LT(sync_at, write_at) << "the page reached the file before its log";
+
+        // Uncommitted: page 2 changed and dirty, its rollback due; page 3 clean.
+        begin(fd);
+        IS_DATA* p2 = get(2);
+        const int s2 = slot_of(p2);
+        p2->c[100] = 'U';
+        slot(s2).bu_id |= BU_DIRTY;
+        ASSERT_EQ(end(), 0);  // unfixed, as a dead call leaves it
+        begin(fd);
+        xf->xf_undo = 1;
+        get(4);
+        EXPECT_EQ(slot(s2).bu_pno, 2048u) << "the uncommitted page lost its slot";
+        EXPECT_NE(on_disk(file, 2048 + 100), 'U') << "an uncommitted page reached the file";
+        p2->c[100] = 0;
+        slot(s2).bu_id &= static_cast<uint16_t>(~BU_DIRTY);
+        xf->xf_undo = 0;
         ASSERT_EQ(end(), 0);
         stop();
     }

@@ -60,6 +60,15 @@ std::string slurp(const std::string& path) {
     return s;
 }
 
+void spit_file(const std::string& path, const std::string& bytes) {
+    ::unlink(path.c_str());
+    FILE* f = std::fopen(path.c_str(), "wb");
+    ASSERT_NE(f, nullptr);
+    ASSERT_EQ(std::fwrite(bytes.data(), 1, bytes.size(), f), bytes.size());
+    std::fclose(f);
+    ASSERT_EQ(::chmod(path.c_str(), 0600), 0);
+}
+
 // Byte for byte, but for the control page's count of processes (bytes 84-85).
 ::testing::AssertionResult same_file(const std::string& a, const std::string& b) {
     if (a.size() != b.size()) return ::testing::AssertionFailure() << "sizes " << a.size() << " and " << b.size();
@@ -262,7 +271,7 @@ TEST_F(Access, SegmentsFoundAtTheKeyMustBeTheInstallations) {
 // A journal beside the lock file that is a symbolic link, or that is not the
 // installation's (another owner, a wider mode), is never written or rolled back: the
 // file it points at or names stays as it was.  The same journal, the installation's own,
-// is rolled back -- so the refusal is what keeps the file safe.
+// is opened and settled -- so the refusal is what keeps a planted one from being used.
 TEST_F(Access, PlantedJournalsAreRefused) {
     lock_mode(0, 0, 0600);
     const std::string victim = path("victim");
@@ -297,14 +306,17 @@ TEST_F(Access, PlantedJournalsAreRefused) {
         ::unlink(j0.c_str());
     }
 
-    // A journal left holding a unit that names the victim: found when the segment is
-    // made anew, it would be rolled back into the victim.
+    // A journal left holding a unit that names the victim, found when the segment is
+    // made anew.  No page of a unit that did not commit ever reached its file, so no
+    // journal is rolled back into one: the victim stays as it was in every case.  The
+    // installation's own journal is settled (marked idle); a planted one is not even
+    // written.
     struct stat vs;
     ASSERT_EQ(::stat(victim.c_str(), &vs), 0);
     std::string j(4096 + 1032, '\0');
     auto put32 = [&](size_t at, uint32_t v) { std::memcpy(&j[at], &v, 4); };
     auto put64 = [&](size_t at, uint64_t v) { std::memcpy(&j[at], &v, 8); };
-    put32(0, 0x314E4A4Bu);  // magic
+    put32(0, 0x324E4A4Bu);  // magic
     put32(4, 1);            // ACTIVE
     put64(16, vs.st_dev);
     put64(24, vs.st_ino);
@@ -318,7 +330,7 @@ TEST_F(Access, PlantedJournalsAreRefused) {
         const char* what;
         uid_t owner;
         mode_t mode;
-        bool applied;
+        bool settled;
     } cases[] = {
         {"owned by another user", kNobody, 0600, false},
         {"wider than the lock file", 0, 0666, false},
@@ -336,14 +348,112 @@ TEST_F(Access, PlantedJournalsAreRefused) {
         ASSERT_EQ(::chmod(j3.c_str(), c.mode), 0);
         inst_->remove_segment();
         err = kt::capture_output(2, [] { EXPECT_EQ(is_init(), 0) << is_errno; });
-        if (c.applied) {
-            EXPECT_FALSE(slurp(victim) == original) << "the planted journal is not a live one: the test proves nothing\n" << err;
+        EXPECT_TRUE(slurp(victim) == original);
+        const std::string now = slurp(j3);
+        ASSERT_GE(now.size(), 8u);
+        uint32_t state;
+        std::memcpy(&state, &now[4], 4);
+        if (c.settled) {
+            EXPECT_EQ(state, 0u) << "the planted journal is not a live one: the test proves nothing\n" << err;
         } else {
-            EXPECT_TRUE(slurp(victim) == original);
+            EXPECT_TRUE(now == j) << "a journal that is not the installation's was written";
             EXPECT_NE(err.find("is not this installation's"), std::string::npos) << err;
         }
         nisunisam();
         ::unlink(j3.c_str());
+    }
+}
+
+// The redo logs beside the lock file are guarded as the journals are.  A link where a
+// file's log goes makes the call that needs the log fail and leaves the file linked to
+// alone.  A log holding calls that a killed process committed, found when the segment is
+// made anew, is replayed into the file it names only when it is the installation's own.
+TEST_F(Access, PlantedLogsAreRefused) {
+    lock_mode(0, 0, 0600);
+    const std::string victim = path("victim");
+    const std::string original(8192, 'v');
+    const std::string w0 = lock() + ".w0";
+    for (bool symbolic : {true, false}) {
+        SCOPED_TRACE(symbolic ? "symbolic link" : "hard link");
+        spit_file(victim, original);
+        ASSERT_EQ(symbolic ? ::symlink(victim.c_str(), w0.c_str()) : ::link(victim.c_str(), w0.c_str()), 0);
+        int code = 0;
+        const std::string err = kt::capture_output(2, [&] {
+            EXPECT_LT(create("f", {4}), 0);
+            code = is_errno;
+        });
+        EXPECT_EQ(code, ISE_OPENF);
+        EXPECT_NE(err.find(symbolic ? "symbolic link" : "links 2"), std::string::npos) << err;
+        EXPECT_TRUE(slurp(victim) == original);
+        nisunisam();
+        ::unlink(w0.c_str());
+        ::unlink(path("f").c_str());
+    }
+
+    // A real log: a process commits calls to the file and is killed before any page of
+    // them reached it.
+    const std::string file = path("data");
+    {
+        int fd = create("data", {8});
+        ASSERT_GE(fd, 0) << is_errno;
+        ASSERT_EQ(nisclose(fd), 0);
+        nisunisam();
+    }
+    kt::Pipe ready;
+    pid_t writer = kt::start_child([&] {
+        ready.close_read();
+        int fd = nisopen(file.c_str(), ISO_RDWR);
+        if (fd < 0) return 1;
+        for (int i = 0; i < 20; ++i) {
+            char r[40];
+            std::snprintf(r, sizeof r, "%08d", i);
+            std::memset(r + 8, 'w', sizeof r - 8);
+            if (niswrite(fd, r, sizeof r) != 0) return 2;
+        }
+        ready.signal();
+        for (;;) ::pause();
+    });
+    ready.close_write();
+    ASSERT_EQ(ready.wait(), 'x');
+    ::kill(writer, SIGKILL);
+    EXPECT_EQ(kt::wait_child(writer), 128 + SIGKILL);
+    inst_->remove_segment();
+    const std::string clean = slurp(file), log = slurp(w0);
+    ASSERT_GT(log.size(), 1024u);
+    struct Case {
+        const char* what;
+        uid_t owner;
+        mode_t mode;
+        bool replayed;
+    } cases[] = {
+        {"owned by another user", kNobody, 0600, false},
+        {"wider than the lock file", 0, 0666, false},
+        {"readable by others", 0, 0604, false},
+        {"the installation's own", 0, 0600, true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        spit_file(file, clean);
+        spit_file(w0, log);
+        ASSERT_EQ(::chown(w0.c_str(), c.owner, 0), 0);
+        ASSERT_EQ(::chmod(w0.c_str(), c.mode), 0);
+        const std::string err = kt::capture_output(2, [] { EXPECT_EQ(is_init(), 0) << is_errno; });
+        struct kisam_recovery r;
+        ASSERT_EQ(kisam_last_recovery(&r), 0);
+        if (c.replayed) {
+            EXPECT_FALSE(slurp(file) == clean) << "the log was not a live one: the test proves nothing\n" << err;
+            EXPECT_EQ(r.calls, 20);
+            kisam::check::Report rep = kisam::check::check_file(file);
+            EXPECT_TRUE(rep.ok) << rep.error;
+            EXPECT_EQ(rep.records, 20);
+        } else {
+            EXPECT_TRUE(slurp(file) == clean);
+            EXPECT_TRUE(slurp(w0) == log) << "a log that is not the installation's was written";
+            EXPECT_EQ(r.logs, 0);
+            EXPECT_NE(err.find("is not this installation's"), std::string::npos) << err;
+        }
+        nisunisam();
+        inst_->remove_segment();
     }
 }
 
@@ -411,10 +521,11 @@ TEST_F(Access, AGroupInstallationServesEveryMember) {
     done.signal();
     EXPECT_EQ(kt::wait_child(first), 0);
     struct stat st;
-    for (const char* j : {".u0", ".u1"}) {
+    // The journals of both and the file's log (made by nobody, written by both).
+    for (const char* j : {".u0", ".u1", ".w0"}) {
         ASSERT_EQ(::stat((lock() + j).c_str(), &st), 0) << j;
         EXPECT_EQ(st.st_mode & 0777, 0660u) << j;
-        EXPECT_EQ(st.st_gid, kNogroup) << j << ": daemon's journal is given the group";
+        EXPECT_EQ(st.st_gid, kNogroup) << j << ": the group is given";
     }
 
     // Killed half way through a write, with the other member attached: the survivor
@@ -453,8 +564,10 @@ TEST_F(Access, AGroupInstallationServesEveryMember) {
         pid_t victim = victim_of([&] {
             int fd = nisopen(file.c_str(), ISO_RDWR);
             if (fd < 0) return 40;
+            // Killed as the call appends its record to the log (the call's one write):
+            // before its commit point, with its pages changed in the pool.
             kt::Faults f;
-            f.arm(kt::Faults::kWrite, 2, kt::Faults::kKill);
+            f.arm(kt::Faults::kWrite, 1, kt::Faults::kKill);
             put(fd, id, 'c');
             return 41;  // not killed
         });
