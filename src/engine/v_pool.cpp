@@ -1177,7 +1177,8 @@ int fcp_setdatachanged(IS_FCP* fcp, IS_PFI* pfi, int datachangedf, int syncf) no
     // The control page as committed: a call under way in this process has it as it was
     // when the call began (lg.h rule 2).  ISO_CHANGED stays as it is in the shared copy.
     unsigned char img[kisam::kFcpImage];
-    if (!(u >= 0 && jn_unit_fcp(fcp, img))) {
+    // (A mark cleared is written after the checkpoint, the call committed: as it is now.)
+    if (!(datachangedf && u >= 0 && jn_unit_fcp(fcp, img))) {
         const size_t len = static_cast<size_t>(IS_FCP_SIZE(fcp->is_nkeys) - IS_FCP_JDSIZE);
         const size_t take = len < sizeof img ? len : sizeof img;
         std::memcpy(img, &fcp->is_magic, take);
