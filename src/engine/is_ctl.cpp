@@ -23,7 +23,17 @@
 int is_getctl(void) noexcept {
     IS_PFI* pfi = is_curpfi;
     IS_FCP* fcp = is_curfcp;
-    if (++pfi->pfi_ctlcnt != 1) return 0;
+    if (++pfi->pfi_ctlcnt != 1) {
+        // Held already.  A rollback still pending (this process's own, cut short when a
+        // signal handler left it part way) is settled before anything reads or builds on
+        // the pages it was putting back.
+        const int u = static_cast<int>(pfi - is_pfi);
+        if (isx_area && kisam::isx_file_of(u)->xf_undo != 0 && jn_settle(fcp, u) != 0) {
+            --pfi->pfi_ctlcnt;
+            return is_push(PROC(P_ISGETCTL, 2));
+        }
+        return 0;
+    }
     if (is_lock(&fcp->jd_fcplock) != 0) {
         // The kernel refused the wait (it would close a cycle with a process that waits
         // for something this process holds), the lock call failed, or the wait was given

@@ -8,6 +8,7 @@
 #include "is_file.h"
 #include "is_lock.h"
 #include "is_rec.h"
+#include "isx_area.h"
 #include "jn.h"
 #include "v_pool.h"
 
@@ -49,11 +50,18 @@ int refuse(int code, int procid, int detail) noexcept {
 void abandoned() noexcept {
     kisam::ErrorKeep keep;
     bt_reset_descent();
+    v_abandoned();
     if (is_lock_mine(&isam_com->buf_lock)) {
         v_repair_lists();
         is_unlock(&isam_com->buf_lock);
     }
     if (jn_active()) jn_abort();
+    // A rollback that an earlier abandonment cut short is finished before any hold ends:
+    // a release would commit pages it had not put back yet.
+    for (int u = 0; is_pfi && isx_area && u < isam_com->maxopen; ++u) {
+        IS_FCP* f = kisam::pfo_fcp(u);
+        if (f && is_lock_mine(&f->jd_fcplock) && kisam::isx_file_of(u)->xf_undo != 0) jn_settle(f, u);
+    }
     for (int u = 0; is_pfi && u < isam_com->maxopen; ++u) {
         IS_FCP* f = kisam::pfo_fcp(u);
         if (f && is_pfi[u].pfi_ctlcnt == 0 && is_lock_mine(&f->jd_fcplock)) is_unlock(&f->jd_fcplock);

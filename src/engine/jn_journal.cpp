@@ -321,9 +321,11 @@ bool committed(const jn_head* h, int u) noexcept {
 // log's end is made invalid first.  0, or -1 (error raised).
 int undo_shared(const Map& m, IS_FCP* fcp, int u) noexcept {
     jn_head* h = m.h;
+    // First of all: nothing of the unit may be committed by a release that follows a
+    // rollback cut short.
+    v_unit_forget(u);
     if (h->jh_commit != 0 && lg_undo_tail(u, h->jh_commit) != 0) return -1;
     v_changing(fcp, u);
-    v_unit_forget(u);
 
     // The shared control page as it was, but for the count of processes, which no unit
     // changes and which others may have changed since.
@@ -549,7 +551,6 @@ bool jn_continues(const IS_FCP* fcp, int ctlcnt) noexcept {
 
 void jn_abort(void) noexcept {
     if (!own.active) return;
-    own.active = false;
     kisam::ErrorKeep keep;
     jn_head* h = own.m.h;
     const int u = own.u;
@@ -557,10 +558,15 @@ void jn_abort(void) noexcept {
     // mark, say) is whole: there is nothing to undo.
     if (committed(h, u)) {
         state_of(h).store(JN_IDLE, std::memory_order_release);
+        own.active = false;
         return;
     }
+    // The rollback is named before the unit stops being this process's running one: a
+    // signal handler that leaves this very rollback part way (the next call runs it
+    // again first) must not lose it in between.
     if (isx_area) xfile(u)->xf_undo = static_cast<uint32_t>(own.slot + 1);
     state_of(h).store(JN_UNDO, std::memory_order_release);
+    own.active = false;
     if (undo_shared(own.m, own.fcp, u) == 0) {
         state_of(h).store(JN_IDLE, std::memory_order_release);
         if (isx_area) xfile(u)->xf_undo = 0;

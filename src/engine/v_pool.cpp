@@ -130,6 +130,9 @@ PoolBook bk;
 int16_t chg_slot[BU_FILEMASK + 1];
 uint8_t chg_in[BU_FILEMASK + 1];
 int chg_n = 0;
+// Set while the list and the marks above disagree for a moment: a call left there by a
+// signal handler (siglongjmp) leaves them to be rebuilt from the marks (v_abandoned).
+volatile int chg_busy = 0;
 // Whether this process's victims may be slots listed above (pages of its running call):
 // only when nothing else is left.
 bool take_own = false;
@@ -889,12 +892,14 @@ int writebuf(IS_BUF* b) noexcept {
     // its before-image.
     if (chg_in[s]) {
         if (lg_steal(ofcp, w, s) != 0) return -1;
+        chg_busy = 1;
         chg_in[s] = 0;
         for (int i = 0; i < chg_n; ++i)
             if (chg_slot[i] == s) {
                 chg_slot[i] = chg_slot[--chg_n];
                 break;
             }
+        chg_busy = 0;
     } else if (lg_wal(w, s) != 0) {
         return -1;
     } else {
@@ -932,8 +937,10 @@ int v_write(PAGE pno, IS_DATA* datap) noexcept {
     IS_BUF* b = slot(s);
     b->bu_id |= BU_DIRTY;
     if (!chg_in[s]) {
+        chg_busy = 1;
         chg_in[s] = 1;
         chg_slot[chg_n++] = static_cast<int16_t>(s);
+        chg_busy = 0;
     }
     return 0;
 }
@@ -978,6 +985,7 @@ int v_flush(void) noexcept {
     const bool unit_goes_on = jn_continues(fcp, pfi->pfi_ctlcnt);
     int n = 0;
     int keep = 0;
+    chg_busy = 1;
     for (int i = 0; i < chg_n; ++i) {
         const int s = chg_slot[i];
         if (file_of(slot(s)) == u && !unit_goes_on)
@@ -995,6 +1003,7 @@ int v_flush(void) noexcept {
                 // Listed again: the rollback that follows forgets them.
                 for (int i = 0; i < n; ++i) chg_slot[keep++] = list[i];
                 chg_n = keep;
+                chg_busy = 0;
                 return is_push(PROC(P_V_READ, 3));
             }
             for (int i = 0; i < n; ++i) chg_in[list[i]] = 0;
@@ -1005,6 +1014,7 @@ int v_flush(void) noexcept {
         }
     }
     chg_n = keep;
+    chg_busy = 0;
 
     if (!book()) {
         walk_unfix(fcp, u);
@@ -1035,7 +1045,37 @@ int v_flush(void) noexcept {
     return 0;
 }
 
+void v_abandoned(void) noexcept {
+    take_own = false;
+    if (!isam_com) return;
+    // The page index may have been left half changed (an entry moved, another not yet):
+    // a page of the pool it failed to find would be read from the file, which holds an
+    // older copy of every page not yet written back.  It is built again from the chains.
+    // (Fixes of the abandoned call are cleared by the first flush of each file, which
+    // then walks the file's chain.)
+    bk.com = nullptr;
+    // A load cut short after it named its slot, before the change was recorded, would
+    // let another process catching up load the page into a second slot: every file whose
+    // lock this process still holds is learnt afresh by everyone, from its chain as it
+    // stands.
+    for (int u = 0; isx_area && u < isam_com->maxopen; ++u) {
+        IS_FCP* f = pfo_fcp(u);
+        if (!f || !is_lock_mine(&f->jd_fcplock)) continue;
+        isx_file* x = xfile(u);
+        std::atomic_ref<uint32_t>(x->xf_chaingen)
+            .store(x->xf_chaingen + isx_area->xh_log_len + 1, std::memory_order_release);
+        v_forget_file(u);
+    }
+    if (!chg_busy) return;
+    // Rebuilt from the marks: every slot marked is listed once.
+    chg_n = 0;
+    for (int s = 0; s < isam_com->maxbufs && s <= BU_FILEMASK; ++s)
+        if (chg_in[s]) chg_slot[chg_n++] = static_cast<int16_t>(s);
+    chg_busy = 0;
+}
+
 void v_unit_forget(int u) noexcept {
+    chg_busy = 1;
     int keep = 0;
     for (int i = 0; i < chg_n; ++i) {
         const int s = chg_slot[i];
@@ -1045,18 +1085,28 @@ void v_unit_forget(int u) noexcept {
             chg_slot[keep++] = static_cast<int16_t>(s);
     }
     chg_n = keep;
+    chg_busy = 0;
 }
 
 bool v_restore(IS_FCP* fcp, int u, PAGE pno, const IS_DATA* d) noexcept {
-    const int s = chain_find(fcp, pno);
-    if (s < 0 || file_of(slot(s)) != u) return false;
-    IS_BUF* b = slot(s);
-    std::memcpy(b->bu_data.c, d->c, kisam::kPage);
-    b->bu_id |= BU_DIRTY;
-    // What the page holds now was committed by a record before the log's end; its next
-    // entry is whole, since the entries since its last whole one were not all kept.
-    *kisam::isx_lsn(s) = std::atomic_ref<uint64_t>(xfile(u)->xf_log_end).load() | ISX_LSN_FULL;
-    return true;
+    // Every slot of the chain that names the page gets it back: a load abandoned after
+    // the slot was named, but before the change was recorded, can leave a second one.
+    bool found = false;
+    const int nb = isam_com->maxbufs;
+    const uint64_t mark = std::atomic_ref<uint64_t>(xfile(u)->xf_log_end).load() | ISX_LSN_FULL;
+    int n = 0;
+    for (int s = fcp->jd_buf_hd; valid_slot(s) && n < nb; s = slot(s)->bu_next, ++n) {
+        IS_BUF* b = slot(s);
+        if (b->bu_pno != pno || file_of(b) != u) continue;
+        std::memcpy(b->bu_data.c, d->c, kisam::kPage);
+        b->bu_id |= BU_DIRTY;
+        // What the page holds now was committed by a record before the log's end; its
+        // next entry is whole, since the entries since its last whole one were not all
+        // kept.
+        *kisam::isx_lsn(s) = mark;
+        found = true;
+    }
+    return found;
 }
 
 int v_write_back(IS_FCP* fcp, int u, int fd) noexcept {

@@ -30,6 +30,9 @@ IS_DATA* v_fresh(PAGE pno) noexcept;
 // ---- The log's side of the pool (lg.h) ---------------------------------------------------
 // v_write marks a page dirty and keeps it fixed until the commit; v_flush commits: the
 // pages this process changed in the current file go into its log as one record.
+// After a call of this process was abandoned (a signal handler left it with siglongjmp):
+// makes the list of changed pages agree with their marks again.
+void v_abandoned(void) noexcept;
 // Forgets the pages this process changed in file u since its last commit (rolled back).
 void v_unit_forget(int u) noexcept;
 // Puts d back as page pno of file u when a slot on u's chain holds it; false when none
