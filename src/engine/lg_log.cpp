@@ -539,6 +539,8 @@ int lg_enter(int u, IS_FCP* fcp) noexcept {
     // A call may be left part way (a signal handler that jumps out of it): it must not be
     // inside the allocator then, so a commit finds its buffers made.
     if (!call_buffers_ready()) return fail(ISE_FLWT, 0x28);
+    // The log's first stretch of zeros is written now rather than by the first call.
+    if (extend(u, fd, kExtend) != 0) return fail(ISE_FLWT, 0x27);
     lg_head h;
     std::memset(&h, 0, sizeof h);
     const bool valid = read_head(fd, &h);
