@@ -65,7 +65,7 @@ bool run(int fd, const std::vector<Step>& w, std::map<int, std::string>& model, 
     char buf[4000];
     bool ok = true;
     for (const Step& s : w) {
-        const std::string r = record(s.id, s.gen, s.size);
+        const std::string r = s.op == 's' ? std::string() : record(s.id, s.gen, s.size);
         const bool had = model.count(s.id) != 0;
         int rc = 0;
         switch (s.op) {
