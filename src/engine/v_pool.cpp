@@ -930,7 +930,9 @@ int writebuf(IS_BUF* b) noexcept {
 
 int v_write(PAGE pno, IS_DATA* datap) noexcept {
     int s = v_slot_of(datap);
-    if (s < 0 || slot(s)->bu_pno != pno) return -1;
+    // A buffer that does not hold the page it is said to hold: only a damaged file (a
+    // page reached twice along its links) leads here.
+    if (s < 0 || slot(s)->bu_pno != pno) return is_raise(ISE_BTS, PROC(P_V_WRITE, 6));
     // Dirty, and listed for the commit.  Until then only this process (which holds the
     // control lock) could make the slot a victim, and it does so only when the pool has
     // no other (lg_steal).
