@@ -2,6 +2,12 @@
 // checks of what is found in its place (rules in is_access.h).
 #include "is_access.h"
 
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+
 #include "os.h"
 
 #include <kisam/ztsupport.h>
@@ -243,4 +249,32 @@ int is_open_beside(const char* lockname, const char* path, int flags) noexcept {
     // segment does.
     if (!made && st.st_uid == me && (st.st_mode & kPerm & ~a.shared)) ::fchmod(fd, st.st_mode & kPerm & a.shared);
     return fd;
+}
+
+void is_each_beside(const char* lockname, const char* tag, long maxslot, void (*fn)(int slot, void* arg),
+                    void* arg) noexcept {
+    char dir[PATH_MAX];
+    std::snprintf(dir, sizeof dir, "%s", lockname);
+    char* slash = std::strrchr(dir, '/');
+    const char* prefix;
+    if (slash) {
+        *slash = '\0';
+        prefix = slash + 1;
+        if (dir[0] == '\0') std::strcpy(dir, "/");
+    } else {
+        std::strcpy(dir, ".");
+        prefix = lockname;
+    }
+    const size_t plen = std::strlen(prefix), tlen = std::strlen(tag);
+    DIR* d = ::opendir(dir);
+    if (!d) return;
+    while (struct dirent* e = ::readdir(d)) {
+        const char* n = e->d_name;
+        if (std::strncmp(n, prefix, plen) != 0 || std::strncmp(n + plen, tag, tlen) != 0) continue;
+        char* end = nullptr;
+        const long slot = std::strtol(n + plen + tlen, &end, 10);
+        if (end == n + plen + tlen || *end != '\0' || slot < 0 || slot > maxslot) continue;
+        fn(static_cast<int>(slot), arg);
+    }
+    ::closedir(d);
 }

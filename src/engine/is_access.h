@@ -57,3 +57,7 @@ int is_shm_open(key_t key, size_t size, const struct is_access& a, bool* created
 // descriptor, or -1 with errno (ELOOP for a link, EACCES for a file refused; a message
 // says which).
 int is_open_beside(const char* lockname, const char* path, int flags) noexcept;
+// Calls fn(slot, arg) for every file "<lockname><tag><slot>" beside the lock file (the
+// journals ".u", the logs ".w"), slot from 0 to maxslot.  Opens nothing.
+void is_each_beside(const char* lockname, const char* tag, long maxslot, void (*fn)(int slot, void* arg),
+                    void* arg) noexcept;

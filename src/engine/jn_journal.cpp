@@ -388,33 +388,12 @@ int slot_of(const IS_FCP* fcp) {
 // Calls fn(map) for every journal file of this installation.
 template <class Fn>
 void each_journal(Fn fn) noexcept {
-    char dir[PATH_MAX];
-    std::snprintf(dir, sizeof dir, "%s", jbase);
-    char* slash = std::strrchr(dir, '/');
-    const char* prefix;
-    if (slash) {
-        *slash = '\0';
-        prefix = slash + 1;
-        if (dir[0] == '\0') std::strcpy(dir, "/");
-    } else {
-        std::strcpy(dir, ".");
-        prefix = jbase;
-    }
-    const size_t plen = std::strlen(prefix);
-    DIR* d = ::opendir(dir);
-    if (!d) return;
-    while (struct dirent* e = ::readdir(d)) {
-        const char* n = e->d_name;
-        if (std::strncmp(n, prefix, plen) != 0 || std::strncmp(n + plen, ".u", 2) != 0) continue;
-        char* end = nullptr;
-        long slot = std::strtol(n + plen + 2, &end, 10);
-        if (end == n + plen + 2 || *end != '\0' || slot < 0 || slot > 0x7FFF) continue;
+    is_each_beside(jbase, ".u", 0x7FFF, [](int slot, void* arg) {
         Map m;
-        if (!open_other(static_cast<int>(slot), m)) continue;
-        fn(m);
+        if (!open_other(slot, m)) return;
+        (*static_cast<Fn*>(arg))(m);
         unmap(m);
-    }
-    ::closedir(d);
+    }, &fn);
 }
 
 }  // namespace

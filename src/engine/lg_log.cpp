@@ -451,35 +451,14 @@ bool has_records(int fd, const lg_head& h) noexcept {
 // Calls fn(slot, fd) for every log file of the installation (fd closed afterwards).
 template <class Fn>
 void each_log(Fn fn) noexcept {
-    char dir[PATH_MAX];
-    std::snprintf(dir, sizeof dir, "%s", lbase);
-    char* slash = std::strrchr(dir, '/');
-    const char* prefix;
-    if (slash) {
-        *slash = '\0';
-        prefix = slash + 1;
-        if (dir[0] == '\0') std::strcpy(dir, "/");
-    } else {
-        std::strcpy(dir, ".");
-        prefix = lbase;
-    }
-    const size_t plen = std::strlen(prefix);
-    DIR* d = ::opendir(dir);
-    if (!d) return;
-    while (struct dirent* e = ::readdir(d)) {
-        const char* n = e->d_name;
-        if (std::strncmp(n, prefix, plen) != 0 || std::strncmp(n + plen, ".w", 2) != 0) continue;
-        char* end = nullptr;
-        const long slot = std::strtol(n + plen + 2, &end, 10);
-        if (end == n + plen + 2 || *end != '\0' || slot < 0 || slot > BU_FILEMASK) continue;
+    is_each_beside(lbase, ".w", BU_FILEMASK, [](int slot, void* arg) {
         char name[PATH_MAX + 16];
-        log_name(name, sizeof name, static_cast<int>(slot));
+        log_name(name, sizeof name, slot);
         const int fd = is_open_beside(lbase, name, O_RDWR);
-        if (fd < 0) continue;
-        fn(static_cast<int>(slot), fd);
+        if (fd < 0) return;
+        (*static_cast<Fn*>(arg))(slot, fd);
         kisam::os_close(fd);
-    }
-    ::closedir(d);
+    }, &fn);
 }
 
 }  // namespace
