@@ -1,6 +1,6 @@
 // kisam_config_write: the record it writes is the one start-up lays out, bad settings
 // are refused with nothing written, an existing installation is replaced only when
-// asked; and kisam_rewind / nisseek take a key's cursor back to its first or last record.
+// asked.
 #include "open_fixture.h"
 
 #include <sys/stat.h>
@@ -189,69 +189,6 @@ TEST_F(ConfigWrite, AFailedWriteLeavesNoFile) {
     EXPECT_FALSE(exists(cfg_));
     EXPECT_FALSE(exists(cfg_ + ".lk"));
     EXPECT_EQ(kisam_config_write(cfg_.c_str(), nullptr, 0, 0), 0);
-}
-
-// Key 1 repeats: ("b", 3), ("a", 5), ("b", 1), ("c", 4), ("a", 2) as (key 1, key 0).
-class Rewind : public Env {
-protected:
-    void SetUp() override {
-        start();
-        fd_ = create("f", {2, 1});
-        ASSERT_GE(fd_, 0);
-        for (const char* r : {"03b", "05a", "01b", "04c", "02a"}) ASSERT_EQ(niswrite(fd_, r, 3), 0);
-    }
-    std::string read(int (*op)(int, int, char*, int), int keyno) {
-        char b[8];
-        int n = op(fd_, keyno, b, sizeof b);
-        return n > 0 ? std::string(b, static_cast<size_t>(n)) : n == 0 ? "" : "error";
-    }
-    int fd_ = -1;
-};
-
-TEST_F(Rewind, TakesEitherDirectionBackToItsEnd) {
-    for (int keyno : {0, 1}) {
-        SCOPED_TRACE(keyno);
-        const std::string first = keyno == 0 ? "01b" : "02a", last = keyno == 0 ? "05a" : "04c";
-        // Wherever the cursor stands, also after running off either end.
-        for (int steps : {1, 3, 6}) {
-            for (int i = 0; i < steps; ++i) read(nisread, keyno);
-            ASSERT_EQ(kisam_rewind(fd_, keyno), 0);
-            EXPECT_EQ(read(nisread, keyno), first);
-            for (int i = 0; i < steps; ++i) read(nispread, keyno);
-            ASSERT_EQ(kisam_rewind(fd_, keyno), 0);
-            EXPECT_EQ(read(nispread, keyno), last);
-            EXPECT_EQ(read(nispread, keyno), keyno == 0 ? "04c" : "03b");
-        }
-    }
-    // One key's cursor only.
-    ASSERT_EQ(kisam_rewind(fd_, 0), 0);
-    EXPECT_EQ(read(nisread, 0), "01b");
-    read(nisread, 1);
-    ASSERT_EQ(kisam_rewind(fd_, 1), 0);
-    EXPECT_EQ(read(nisread, 0), "02a");
-}
-
-TEST_F(Rewind, SeekingTheLowestOrHighestValueDoesTheSameForOneDirection) {
-    for (int keyno : {0, 1}) {
-        SCOPED_TRACE(keyno);
-        const char* low = "\0\0";
-        const char* high = "\xff\xff";
-        read(nisread, keyno);
-        read(nisread, keyno);
-        ASSERT_EQ(nisseek(fd_, keyno, low), 0);
-        EXPECT_EQ(read(nisread, keyno), keyno == 0 ? "01b" : "02a");
-        ASSERT_EQ(nisseek(fd_, keyno, high), 0);
-        EXPECT_EQ(read(nispread, keyno), keyno == 0 ? "05a" : "04c");
-    }
-}
-
-TEST_F(Rewind, RefusesWhatNisseekRefuses) {
-    EXPECT_EQ(kisam_rewind(fd_, 2), -1);
-    EXPECT_EQ(is_errno, ISE_BADKN);
-    EXPECT_EQ(kisam_rewind(fd_, -1), -1);
-    EXPECT_EQ(is_errno, ISE_BADKN);
-    EXPECT_EQ(kisam_rewind(fd_ + 1, 0), -1);
-    EXPECT_EQ(is_errno, ISE_BADFD);
 }
 
 }  // namespace

@@ -39,6 +39,7 @@ TEST_F(Frame, BadDescriptorsAreRefused) {
             {0x3700, [&] { return nislock(bad, "ab", 2, 1); }},
             {0x4000, [&] { return nisread(bad, 0, rec, sizeof rec); }},
             {0x3D00, [&] { return niswrite(bad, rec, sizeof rec); }},
+            {0x3A00, [&] { return kisam_rewind(bad, 0); }},
         };
         for (auto& c : calls) {
             is_errno = 0;
@@ -65,6 +66,9 @@ TEST_F(Frame, KeyNumbers) {
         EXPECT_EQ(nisread(two, k, rec, sizeof rec), -1);
         EXPECT_EQ(is_errno, ISE_BADKN);
         EXPECT_EQ(stack_code(), 0x4000);
+        EXPECT_EQ(kisam_rewind(two, k), -1);
+        EXPECT_EQ(is_errno, ISE_BADKN);
+        EXPECT_EQ(stack_code(), 0x3A00);
     }
 }
 
