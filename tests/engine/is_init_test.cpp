@@ -43,6 +43,12 @@ TEST_F(IsInit, RefusesUnusableConfigurations) {
              c.avgalts = -100; c.alenlock = 0; c.anumlock = -100;
          }, 10},
         {"heap estimate below zero", [](kt::Config& c) { c.avgalts = -32768; }, 10},
+        // The segment rounded up to 8192 bytes leaves a heap of 40 bytes: no room for
+        // its anchor, the unused unit and one block.
+        {"heap of 40 bytes", [](kt::Config& c) {
+             c.maxbuf = 7; c.maxopen = 1; c.maxusers = 89;
+             c.avgalts = -98; c.alenlock = 0; c.anumlock = 0;
+         }, 10},
         {"more files than a buffer tag names", [](kt::Config& c) { largest(c); c.maxopen = 16384; }, 10},
     };
     for (const Case& k : cases) {
