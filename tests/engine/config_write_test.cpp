@@ -1,6 +1,6 @@
 // kisam_config_write: the record it writes is the one start-up lays out, bad settings
 // are refused with nothing written, an existing installation is replaced only when
-// asked; and kisam_rewind / nisseek take a key's cursor back to its first or last record.
+// asked.
 #include "open_fixture.h"
 
 #include <sys/stat.h>
@@ -33,6 +33,8 @@ protected:
     std::string cfg_;
 };
 
+// The record written, for the defaults (null settings) and for settings of every field,
+// is the one start-up lays out, computed fields included; start-up then takes it.
 TEST_F(ConfigWrite, WritesTheRecordStartUpLaysOut) {
     kisam_settings s = KISAM_SETTINGS_DEFAULT;
     s.files = 12;
@@ -44,28 +46,26 @@ TEST_F(ConfigWrite, WritesTheRecordStartUpLaysOut) {
     s.lock_key_len = 20;
     s.locks_per_file = 4;
     s.options = KISAM_TRACK_CHANGES | KISAM_CLEAR_ON_RELEASE;
-    ASSERT_EQ(kisam_config_write(cfg_.c_str(), &s, 0, 0), 0) << std::strerror(errno);
-    EXPECT_TRUE(exists(cfg_ + ".lk"));
-
-    std::vector<unsigned char> got = read_head(cfg_);
-    ASSERT_EQ(got.size(), 52u);
-    is_config c;
-    std::memcpy(&c, got.data(), sizeof c);
-    EXPECT_EQ(c.co_maxopen, 12);
-    EXPECT_EQ(c.co_maxbuf, 40);
-    EXPECT_EQ(c.co_maxusers, 7);
-    EXPECT_EQ(c.co_maxnkeys, 9);
-    EXPECT_EQ(c.co_avgalts, 3);
-    EXPECT_EQ(c.co_alenlock, 20);
-    EXPECT_EQ(c.co_anumlock, 4);
-    EXPECT_EQ(c.co_maxfbuf, 40) << "file_buffers 0 means as many as buffers";
-    EXPECT_EQ(c.co_maxufile, 5);
-    EXPECT_EQ(c.co_bits, 0x5u);
-    EXPECT_EQ(c.co_locksig, 0);
-    EXPECT_EQ(c.co_fltime, 0);
-    is_config sized = c;
-    ASSERT_EQ(sizecomm(&sized), 0);
-    EXPECT_EQ(std::memcmp(&sized, &c, sizeof c), 0) << "the computed fields are start-up's";
+    kt::Config defaults, mine;
+    defaults.maxopen = 64, defaults.maxbuf = 256, defaults.maxusers = 32, defaults.maxnkeys = 25;
+    defaults.avgalts = 2, defaults.alenlock = 16, defaults.anumlock = 8, defaults.maxfbuf = 256;
+    mine.maxopen = 12, mine.maxbuf = 40, mine.maxusers = 7, mine.maxnkeys = 9, mine.avgalts = 3;
+    mine.alenlock = 20, mine.anumlock = 4, mine.maxufile = 5, mine.bits = 0x5;
+    mine.maxfbuf = 40;   // file_buffers 0 means as many as buffers
+    for (auto [settings, want] : {std::pair{static_cast<const kisam_settings*>(nullptr), defaults}, {&s, mine}}) {
+        SCOPED_TRACE(settings ? "settings" : "defaults");
+        ::unlink(cfg_.c_str());
+        ::unlink((cfg_ + ".lk").c_str());
+        ASSERT_EQ(kisam_config_write(cfg_.c_str(), settings, 0, 0), 0) << std::strerror(errno);
+        EXPECT_TRUE(exists(cfg_ + ".lk"));
+        std::vector<unsigned char> got = read_head(cfg_);
+        ASSERT_EQ(got.size(), 52u);
+        is_config rec = kt::to_record(want);
+        ASSERT_EQ(sizecomm(&rec), 0);
+        for (size_t i = 0; i < sizeof rec; i += 2)
+            EXPECT_EQ(kisam::load_at<int16_t>(got.data() + i), kisam::load_at<int16_t>(reinterpret_cast<char*>(&rec) + i))
+                << "byte " << i;
+    }
 
     ASSERT_EQ(is_init(), 0);
     EXPECT_EQ(isam_com->maxopen, 12);
@@ -77,22 +77,6 @@ TEST_F(ConfigWrite, WritesTheRecordStartUpLaysOut) {
     EXPECT_GE(niscreate(path("nine").c_str(), 9, lens), 0);
     EXPECT_EQ(niscreate(path("ten").c_str(), 10, lens), -1) << "keys caps the keys of a file";
     EXPECT_EQ(is_errno, ISE_NKEYERR);
-}
-
-TEST_F(ConfigWrite, NullSettingsAreTheDefaults) {
-    ASSERT_EQ(kisam_config_write(cfg_.c_str(), nullptr, 0, 0), 0);
-    is_config c;
-    std::memcpy(&c, read_head(cfg_).data(), sizeof c);
-    EXPECT_EQ(c.co_maxopen, 64);
-    EXPECT_EQ(c.co_maxbuf, 256);
-    EXPECT_EQ(c.co_maxusers, 32);
-    EXPECT_EQ(c.co_maxnkeys, 25);
-    EXPECT_EQ(c.co_avgalts, 2);
-    EXPECT_EQ(c.co_alenlock, 16);
-    EXPECT_EQ(c.co_anumlock, 8);
-    EXPECT_EQ(c.co_maxfbuf, 256);
-    EXPECT_EQ(c.co_maxufile, 0);
-    EXPECT_EQ(c.co_bits, 0u);
 }
 
 TEST_F(ConfigWrite, RefusesBadSettingsWritingNothing) {
@@ -189,69 +173,6 @@ TEST_F(ConfigWrite, AFailedWriteLeavesNoFile) {
     EXPECT_FALSE(exists(cfg_));
     EXPECT_FALSE(exists(cfg_ + ".lk"));
     EXPECT_EQ(kisam_config_write(cfg_.c_str(), nullptr, 0, 0), 0);
-}
-
-// Key 1 repeats: ("b", 3), ("a", 5), ("b", 1), ("c", 4), ("a", 2) as (key 1, key 0).
-class Rewind : public Env {
-protected:
-    void SetUp() override {
-        start();
-        fd_ = create("f", {2, 1});
-        ASSERT_GE(fd_, 0);
-        for (const char* r : {"03b", "05a", "01b", "04c", "02a"}) ASSERT_EQ(niswrite(fd_, r, 3), 0);
-    }
-    std::string read(int (*op)(int, int, char*, int), int keyno) {
-        char b[8];
-        int n = op(fd_, keyno, b, sizeof b);
-        return n > 0 ? std::string(b, static_cast<size_t>(n)) : n == 0 ? "" : "error";
-    }
-    int fd_ = -1;
-};
-
-TEST_F(Rewind, TakesEitherDirectionBackToItsEnd) {
-    for (int keyno : {0, 1}) {
-        SCOPED_TRACE(keyno);
-        const std::string first = keyno == 0 ? "01b" : "02a", last = keyno == 0 ? "05a" : "04c";
-        // Wherever the cursor stands, also after running off either end.
-        for (int steps : {1, 3, 6}) {
-            for (int i = 0; i < steps; ++i) read(nisread, keyno);
-            ASSERT_EQ(kisam_rewind(fd_, keyno), 0);
-            EXPECT_EQ(read(nisread, keyno), first);
-            for (int i = 0; i < steps; ++i) read(nispread, keyno);
-            ASSERT_EQ(kisam_rewind(fd_, keyno), 0);
-            EXPECT_EQ(read(nispread, keyno), last);
-            EXPECT_EQ(read(nispread, keyno), keyno == 0 ? "04c" : "03b");
-        }
-    }
-    // One key's cursor only.
-    ASSERT_EQ(kisam_rewind(fd_, 0), 0);
-    EXPECT_EQ(read(nisread, 0), "01b");
-    read(nisread, 1);
-    ASSERT_EQ(kisam_rewind(fd_, 1), 0);
-    EXPECT_EQ(read(nisread, 0), "02a");
-}
-
-TEST_F(Rewind, SeekingTheLowestOrHighestValueDoesTheSameForOneDirection) {
-    for (int keyno : {0, 1}) {
-        SCOPED_TRACE(keyno);
-        const char* low = "\0\0";
-        const char* high = "\xff\xff";
-        read(nisread, keyno);
-        read(nisread, keyno);
-        ASSERT_EQ(nisseek(fd_, keyno, low), 0);
-        EXPECT_EQ(read(nisread, keyno), keyno == 0 ? "01b" : "02a");
-        ASSERT_EQ(nisseek(fd_, keyno, high), 0);
-        EXPECT_EQ(read(nispread, keyno), keyno == 0 ? "05a" : "04c");
-    }
-}
-
-TEST_F(Rewind, RefusesWhatNisseekRefuses) {
-    EXPECT_EQ(kisam_rewind(fd_, 2), -1);
-    EXPECT_EQ(is_errno, ISE_BADKN);
-    EXPECT_EQ(kisam_rewind(fd_, -1), -1);
-    EXPECT_EQ(is_errno, ISE_BADKN);
-    EXPECT_EQ(kisam_rewind(fd_ + 1, 0), -1);
-    EXPECT_EQ(is_errno, ISE_BADFD);
 }
 
 }  // namespace

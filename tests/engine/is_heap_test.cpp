@@ -1,5 +1,5 @@
-// Common heap: the worked example, and a randomized run checked against a model of the
-// blocks handed out.
+// The common segment as start-up lays it out, and its heap: the worked example, and a
+// randomized run checked against a model of the blocks handed out.
 #include "is_heap.h"
 
 #include <gtest/gtest.h>
@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <map>
 #include <random>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -43,13 +44,28 @@ protected:
 
 }  // namespace
 
-// The configuration whose heap is 3796 bytes: one free block of 235 units, cut from the
-// tail and merged back.  (Exhaustion and whole-block use are the random run's.)
+// The worked example: a configuration laid out as start-up lays it out (sizes, region
+// offsets, the tables' initial links), whose heap is 3796 bytes: one free block of 235
+// units, cut from the tail and merged back.  (Exhaustion and whole-block use are the
+// random run's.)
 TEST_F(Heap, WorkedExample) {
     kt::Config c;
     c.maxbuf = 4; c.maxopen = 10; c.maxusers = 5; c.avgalts = 2; c.alenlock = 10; c.anumlock = 4;
+    struct is_config rec = kt::to_record(c);
+    ASSERT_EQ(sizecomm(&rec), 0);
+    EXPECT_EQ(rec.co_comsize, 8192);
+    EXPECT_EQ(rec.co_heapbase, 4396);
     attach(c);
-    ASSERT_EQ(isam_com->comsize - isam_com->heap_base, 3796);
+    const struct isam_com* h = isam_com;
+    EXPECT_EQ(h->comsize, 8192);
+    EXPECT_EQ(h->buf_base, 156);
+    EXPECT_EQ(h->pfo_base, 4316);
+    EXPECT_EQ(h->pid_base, 4356);
+    EXPECT_EQ(h->need_base, 4376);
+    EXPECT_EQ(h->heap_base, 4396);
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(is_env.buf_[i].bu_next, i == 3 ? -1 : i + 1);
+    for (int i = 0; i < 10; ++i) EXPECT_EQ(is_env.pfo_tbl[i], -1);
+    EXPECT_EQ(is_env.pid_[0], ::getpid());
     EXPECT_EQ(hdr(0)->Cnext, 32u);
     EXPECT_EQ(units(32), 235u);
     char* f = allocncom(136);

@@ -1,7 +1,9 @@
-// Open and close within one process: old control pages, the data-changed mark, the
-// sharing of one slot by several handles, and the levels of close.
+// Open and close within one process: old control pages (their conversion, and their
+// open), the data-changed mark, the sharing of one slot by several handles, the levels
+// of close, and a create that fails at any system call.
 #include "open_fixture.h"
 
+#include "fcp.h"
 #include "is_file.h"
 #include "kcheck.h"
 #include "os.h"
@@ -22,56 +24,111 @@ using ot::stack_code;
 
 class Open : public Env {};
 
-// An old-layout control page, built byte by byte.
-std::vector<unsigned char> old_page(uint16_t magic, int nkeys) {
-    std::vector<unsigned char> p(512, 0);
-    unsigned char* b = p.data();
-    kisam::store_at<uint16_t>(b + 0, magic);
-    kisam::store_at<int16_t>(b + 2, static_cast<int16_t>(nkeys));
-    kisam::store_at<int16_t>(b + 4, static_cast<int16_t>(4 * nkeys));  // is_minrec
-    kisam::store_at<uint32_t>(b + 6, 5 * 1024);                         // is_nextfree
-    kisam::store_at<uint32_t>(b + 10, 9 * 1024);                        // is_lastpage
-    b[14] = ISO_KEYOPT;
-    b[15] = 3;                                                          // is_usecnt
-    kisam::store_at<int16_t>(b + 28, 2);                                // is_mincdpi
-    for (int k = 0; k < nkeys; ++k) {
-        IS_KEY key{};
-        key.k_root = static_cast<PAGE>(1024 * (k + 1));
-        key.k_order = static_cast<int16_t>(50 + k);
-        key.k_keylen = 4;
-        key.k_offset = 4;
-        key.k_itemlen = 8;
-        key.k_ncomp = static_cast<int16_t>(k == 0 ? 4 : 8);
-        std::memcpy(b + 34 + 16 * k, &key, sizeof key);
-    }
-    for (int i = 0; i < 10; ++i)
-        kisam::store_at<uint32_t>(b + 34 + 16 * nkeys + 4 * i, static_cast<uint32_t>(0x1000 * (i + 1) + i));
-    return p;
+template <class T>
+void put(char* disk, int off, T v) { std::memcpy(disk + off, &v, sizeof v); }
+template <class T>
+T get(const char* disk, int off) { T v; std::memcpy(&v, disk + off, sizeof v); return v; }
+
+IS_KEY key_n(int i) {
+    IS_KEY k{};
+    k.k_root = static_cast<PAGE>(1024 * (i + 1));
+    k.k_order = static_cast<int16_t>(50 + i);
+    k.k_keylen = 4;
+    k.k_offset = 4;
+    k.k_itemlen = 8;
+    k.k_ncomp = static_cast<int16_t>(i == 0 ? 4 : 8);
+    return k;
+}
+const unsigned char* hints() {
+    static unsigned char h[40];
+    for (int i = 0; i < 40; ++i) h[i] = static_cast<unsigned char>(0xA0 + i);
+    return h;
 }
 
+// An old-layout control page of n keys (key i: key_n(i)) at d, built byte by byte; the
+// ten free-space hints follow the key table.
+void old_page(char* d, uint16_t magic, int n) {
+    put<uint16_t>(d, 0, magic);
+    put<int16_t>(d, 2, static_cast<int16_t>(n));
+    put<int16_t>(d, 4, static_cast<int16_t>(4 * n + 5));   // is_minrec: the keys and more
+    put<int16_t>(d, 6, 0x1400);    // is_nextfree: hi half 0x1400, lo half 1
+    put<int16_t>(d, 8, 0x0001);
+    put<uint32_t>(d, 10, 0x00020400);
+    put<uint8_t>(d, 14, ISO_KEYOPT);
+    put<int8_t>(d, 15, -1);        // is_usecnt
+    put<uint16_t>(d, 16, 0xBEEF);  // dropped fields
+    put<uint32_t>(d, 18, 0xDEADBEEF);
+    put<int16_t>(d, 28, 3);        // is_mincdpi
+    put<uint32_t>(d, 30, 0xCAFEF00D);
+    for (int i = 0; i < n; ++i) {
+        IS_KEY k = key_n(i);
+        std::memcpy(d + 34 + 16 * i, &k, sizeof k);
+    }
+    std::memcpy(d + 34 + 16 * n, hints(), 40);
+}
+
+// The old layout converted in place, for every key count (the key table moves over
+// itself from six keys on) and both control-page sizes.
+TEST(FcpConvert, EveryKeyCountAndBothMagics) {
+    constexpr int kJd = IS_FCP_JDSIZE;
+    for (uint16_t magic : {ISMAGIC_OLD512, ISMAGIC_OLD1024})
+        for (int n = 0; n <= KISAM_MAXKEYS; ++n) {
+            SCOPED_TRACE(n);
+            // Identity area + 512 bytes at an odd address: pages arrive in read buffers
+            // of any alignment.
+            std::vector<char> store(kJd + kisam::kFcpImage + 1, 0);
+            char* scratch = store.data() + 1;
+            char* d = scratch + kJd;
+            std::memset(scratch, 0x5A, kJd);  // identity area: must survive untouched
+            old_page(d, magic, n);
+
+            kisam::fcp_convert_old(scratch);
+            EXPECT_EQ(get<uint16_t>(d, 0), magic == ISMAGIC_OLD512 ? ISMAGIC_512 : ISMAGIC_1024);
+            EXPECT_EQ(get<int16_t>(d, 2), n);
+            EXPECT_EQ(get<uint32_t>(d, 4), 0x00011400u);
+            EXPECT_EQ(get<uint32_t>(d, 8), 0x00020400u);
+            EXPECT_EQ(get<uint32_t>(d, 12), 0u);
+            EXPECT_EQ(std::memcmp(d + 16, hints(), 40), 0);
+            for (int i = 56; i < 80; ++i) EXPECT_EQ(d[i], 0) << "cdp byte " << i;
+            EXPECT_EQ(get<int32_t>(d, 80), 0);
+            EXPECT_EQ(get<int16_t>(d, 84), -1);
+            EXPECT_EQ(get<int16_t>(d, 86), 4 * n + 5);
+            EXPECT_EQ(get<uint8_t>(d, 88), ISO_KEYOPT);
+            EXPECT_EQ(get<int16_t>(d, 96), 3);
+            for (int i = 0; i < n; ++i) {
+                IS_KEY want = key_n(i);
+                EXPECT_EQ(std::memcmp(&want, d + 100 + 16 * i, sizeof want), 0) << "key " << i;
+            }
+            for (int i = 0; i < kJd; ++i) EXPECT_EQ(static_cast<unsigned char>(scratch[i]), 0x5A);
+        }
+}
+
+// Opened, such a page reaches the shared control page converted, whatever use count
+// it carries.
 TEST_F(Open, OldControlPagesAreConverted) {
     ASSERT_EQ(is_init(), 0);
     for (uint16_t magic : {ISMAGIC_OLD1024, ISMAGIC_OLD512}) {
         SCOPED_TRACE(magic);
-        const int nkeys = 6;  // the key table moves over itself
-        auto page = old_page(magic, nkeys);
+        const int nkeys = 6;
+        std::vector<char> page(512, 0);
+        old_page(page.data(), magic, nkeys);
         ot::write_bytes(path("old"), page.data(), page.size(), 0);
         int fd = nisopen(path("old").c_str(), ISO_RDWR);
         ASSERT_GE(fd, 0) << is_errno;
         IS_FCP* f = ot::shared_fcp(fd);
         EXPECT_EQ(f->is_magic, magic + 2);
         EXPECT_EQ(f->is_nkeys, nkeys);
-        EXPECT_EQ(f->is_minrec, 4 * nkeys);
-        EXPECT_EQ(f->is_nextfree, 5u * 1024);
-        EXPECT_EQ(f->is_lastpage, 9u * 1024);
-        EXPECT_EQ(f->is_mincdpi, 2);
+        EXPECT_EQ(f->is_minrec, 4 * nkeys + 5);
+        EXPECT_EQ(f->is_nextfree, 0x00011400u);
+        EXPECT_EQ(f->is_lastpage, 0x00020400u);
+        EXPECT_EQ(f->is_mincdpi, 3);
         EXPECT_EQ(f->is_usecnt, 1) << "the first opener counts itself, whatever the page says";
         EXPECT_EQ(f->is_optbits & ISO_KEYOPT, ISO_KEYOPT);
         for (int k = 0; k < nkeys; ++k) {
-            EXPECT_EQ(kisam::fcp_key(f, k)->k_root, static_cast<PAGE>(1024 * (k + 1)));
-            EXPECT_EQ(kisam::fcp_key(f, k)->k_order, 50 + k);
+            IS_KEY want = key_n(k);
+            EXPECT_EQ(std::memcmp(kisam::fcp_key(f, k), &want, sizeof want), 0) << "key " << k;
         }
-        for (int i = 0; i < 10; ++i) EXPECT_EQ(f->is_cdp[i], static_cast<PAGE>(0x1000 * (i + 1) + i));
+        EXPECT_EQ(std::memcmp(f->is_cdp, hints(), 40), 0);
         for (int i = 10; i < 16; ++i) EXPECT_EQ(f->is_cdp[i], 0u);
         EXPECT_EQ((ot::pfi_of(fd)->pfi_bits & PFI_BIGFCP) != 0, magic == ISMAGIC_OLD1024);
         int keylens[8];

@@ -1,6 +1,6 @@
 // Record operations against an in-memory model: a long random mix of writes, forced
-// writes, updates, deletes and reads in every mode along every key, checked after every
-// step, then the whole file by the structural checker.  KISAM_SEED replays a run.
+// writes, updates, deletes, seeks, rewinds and reads in every mode along every key,
+// checked after every step, then the whole file by the structural checker.  KISAM_SEED replays a run.
 #include "kisam_test.h"
 
 #include "kcheck.h"
@@ -225,7 +225,13 @@ protected:
         c.item = model_->item(*rec, k);
     }
 
+    // A seek to a value, or a rewind: the next read starts from either end.
     void seek_step(int k) {
+        if (rng_() % 3 == 0) {
+            ASSERT_EQ(kisam_rewind(fd_, k), 0);
+            cur_[static_cast<size_t>(k)] = Cursor{};
+            return;
+        }
         std::string v = pick_value(k);
         ASSERT_EQ(nisseek(fd_, k, v.data()), 0);
         cur_[static_cast<size_t>(k)] = Cursor{1, v};
