@@ -87,19 +87,6 @@ inline int wait_for(pid_t pid) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-// In a forked child: standard input, output and error from and to in, out and err (a
-// descriptor below 0 ends the child with 126), then the program of argv; never returns.
-[[noreturn]] inline void exec_with(int in, int out, int err, std::vector<std::string>& argv) {
-    const int fds[3] = {in, out, err};
-    for (int i = 0; i < 3; ++i)
-        if (fds[i] < 0 || ::dup2(fds[i], i) < 0) ::_exit(126);
-    std::vector<char*> av;
-    for (auto& a : argv) av.push_back(a.data());
-    av.push_back(nullptr);
-    ::execv(av[0], av.data());
-    ::_exit(127);
-}
-
 // One command of a table: its arguments, exit status, and what its output and error
 // output must show: "=TEXT" all of it, "!TEXT" not TEXT anywhere, else TEXT somewhere.
 struct Case {
@@ -182,9 +169,16 @@ protected:
                 ::signal(SIGXFSZ, SIG_IGN);
                 if (::setrlimit(RLIMIT_FSIZE, &rl) != 0) ::_exit(126);
             }
-            exec_with(::open(input_file.c_str(), O_RDONLY),
-                      stdout_gone ? gone[1] : ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666),
-                      ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666), argv);
+            const int fds[3] = {::open(input_file.c_str(), O_RDONLY),
+                                stdout_gone ? gone[1] : ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666),
+                                ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666)};
+            for (int i = 0; i < 3; ++i)
+                if (fds[i] < 0 || ::dup2(fds[i], i) < 0) ::_exit(126);
+            std::vector<char*> av;
+            for (auto& a : argv) av.push_back(a.data());
+            av.push_back(nullptr);
+            ::execv(av[0], av.data());
+            ::_exit(127);
         }
         if (stdout_gone) ::close(gone[1]);
         return pid;
