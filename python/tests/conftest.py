@@ -12,7 +12,6 @@ import select
 import subprocess
 import sys
 import textwrap
-import time
 
 import pytest
 
@@ -177,11 +176,3 @@ def child():
             except (OSError, BrokenPipeError):
                 pass
 
-
-def wait_until(cond, timeout=10):
-    deadline = time.monotonic() + timeout
-    while time.monotonic() < deadline:
-        if cond():
-            return True
-        time.sleep(0.01)
-    return cond()

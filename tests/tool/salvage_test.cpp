@@ -5,64 +5,22 @@
 // nothing appears that was not a live record -- no deleted record, no old version.
 #include "tool_fixture.h"
 
-#include <fcntl.h>
-#include <sys/ipc.h>
-#include <sys/shm.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <cstring>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <random>
 #include <set>
-#include <string>
-#include <vector>
 
 namespace {
 
-
-std::string escape(const std::string& s) {
-    static const char digits[] = "0123456789abcdef";
-    std::string out;
-    for (unsigned char c : s) {
-        if (c >= 0x20 && c < 0x7f && c != '\\') {
-            out += char(c);
-        } else {
-            out += "\\x";
-            out += digits[c >> 4];
-            out += digits[c & 15];
-        }
-    }
-    return out;
-}
-
-uint32_t u32(const std::string& b, size_t off) {
-    uint32_t v = 0;
-    if (off + 4 <= b.size()) std::memcpy(&v, b.data() + off, 4);
-    return v;
-}
 int16_t s16(const std::string& b, size_t off) {
     int16_t v = 0;
     if (off + 2 <= b.size()) std::memcpy(&v, b.data() + off, 2);
     return v;
 }
 
-// The record lines of a dump (without the header and closing lines).
-std::set<std::string> records_of(const std::string& dump) {
-    std::set<std::string> out;
-    size_t at = 0;
-    while (at < dump.size()) {
-        size_t nl = dump.find('\n', at);
-        if (nl == std::string::npos) nl = dump.size();
-        std::string line = dump.substr(at, nl - at);
-        if (!line.empty() && line[0] != '#') out.insert(line);
-        at = nl + 1;
-    }
-    return out;
+// The record lines of a dump.
+std::set<std::string> lines_of(const std::string& dump) {
+    const std::vector<std::string> v = records_of(dump);
+    return {v.begin(), v.end()};
 }
 
 // Where each live record of an intact file lies: key 0 value -> pages it needs.
@@ -117,8 +75,7 @@ protected:
         ToolInstallation::SetUp();
         quiet = true;
         if (const char* s = std::getenv("KISAM_SALVAGE_SEED")) seed = unsigned(std::strtoul(s, nullptr, 10));
-        Result r = run({"config", "init", cfg, "--buffers", "32", "--files", "8", "--users", "8"});
-        ASSERT_EQ(r.rc, 0) << r.err;
+        init_config();
     }
 
     // A file of the seeded mix: short records, long ones with overflow chains (some
@@ -130,7 +87,6 @@ protected:
         // The key-in-index file also has the 512-byte control page: pages lie 512 bytes
         // earlier in the file.
         if (key_in_index) create.insert(create.end(), {"--key-in-index", "--small-header"});
-        EXPECT_EQ(run(create).rc, 0);
         std::mt19937 rng(seed);
         const int lengths[] = {12, 13, 40, 101, 300, 700, 1016, 1018, 1020, 1021, 1500, 2032, 3000, 4064, 7000};
         auto record = [&](int i) {
@@ -141,11 +97,9 @@ protected:
             while (int(r.size()) < len) r += char(rng() % 256);
             return r;
         };
-        std::string in;
+        std::string in, more;
         const int n = 110;
         for (int i = 0; i < n; ++i) in += escape(record(i)) + "\n";
-        Result r = run({"put", f, "-"}, in);
-        EXPECT_EQ(r.rc, 0) << r.err;
         std::vector<std::string> del{"del", f};
         std::string repl;
         for (int i = 0; i < n; ++i) {
@@ -155,16 +109,10 @@ protected:
             if (roll < 2) del.push_back(key);
             else if (roll < 4) repl += escape(record(i)) + "\n";
         }
-        r = run(del);
-        EXPECT_EQ(r.rc, 0) << r.err;
-        r = run({"put", f, "-", "--replace"}, repl);
-        EXPECT_EQ(r.rc, 0) << r.err;
         // A few more after the holes, so that they land in reused space.
-        in.clear();
-        for (int i = n; i < n + 15; ++i) in += escape(record(i)) + "\n";
-        r = run({"put", f, "-"}, in);
-        EXPECT_EQ(r.rc, 0) << r.err;
-        EXPECT_EQ(run({"check", f}).rc, 0);
+        for (int i = n; i < n + 15; ++i) more += escape(record(i)) + "\n";
+        table({{create, 0}, {{"put", f, "-"}, 0, {}, {}, in}, {del, 0}, {{"put", f, "-", "--replace"}, 0, {}, {}, repl},
+               {{"put", f, "-"}, 0, {}, {}, more}, {{"check", f}, 0}});
         return f;
     }
 
@@ -180,7 +128,7 @@ protected:
         Result r = run(args);
         EXPECT_TRUE(r.rc == 0 || r.rc == 1) << what << ": status " << r.rc << "\n" << r.err;
         EXPECT_TRUE(has(r.out, "# kisam dump 1\n") && has(r.out, "# end ")) << what;
-        std::set<std::string> got = records_of(r.out);
+        std::set<std::string> got = lines_of(r.out);
         for (const std::string& line : got)
             EXPECT_TRUE(intact.count(line)) << what << ": invented or stale record " << line.substr(0, 60);
         for (const std::string& k : must) {
@@ -198,7 +146,7 @@ protected:
         const std::string img = slurp(f);
         Result d = run({"dump", f});
         ASSERT_EQ(d.rc, 0) << d.err;
-        const std::set<std::string> intact = records_of(d.out);
+        const std::set<std::string> intact = lines_of(d.out);
         ASSERT_GT(intact.size(), 80u);
         const Layout lay = layout_of(img);
         std::map<std::string, std::string> by_key;   // key 0 value -> dump line
@@ -211,15 +159,11 @@ protected:
         for (auto& [k, l] : by_key) all.insert(k);
 
         // (a) the intact file: the same records, exit 0, and (d) a load of them is sound.
-        {
-            Result r = run({"dump", "--salvage", f, path("rescued.dump")});
-            EXPECT_EQ(r.rc, 0) << r.err;
-            EXPECT_EQ(records_of(slurp(path("rescued.dump"))), intact);
-            Result l = run({"load", path("new"), path("rescued.dump")});
-            EXPECT_EQ(l.rc, 0) << l.err;
-            EXPECT_EQ(run({"check", path("new")}).rc, 0);
-            EXPECT_EQ(records_of(run({"dump", path("new")}).out), intact);
-        }
+        table({{{"dump", "--salvage", f, path("rescued.dump")}, 0},
+               {{"load", path("new"), path("rescued.dump")}, 0},
+               {{"check", path("new")}, 0}});
+        EXPECT_EQ(lines_of(slurp(path("rescued.dump"))), intact);
+        EXPECT_EQ(lines_of(run({"dump", path("new")}).out), intact);
 
         // (b) cut at every page boundary and at odd bytes.
         const std::string cut = path("cut");
@@ -238,9 +182,7 @@ protected:
             salvage_and_check(cut, intact, by_key, must, "cut at " + std::to_string(at));
             if (at == cuts[cuts.size() / 3]) {   // (d) a load of what came back is sound
                 run({"dump", "--salvage", cut, path("part.dump")});
-                Result l = run({"load", path("part"), path("part.dump")});
-                EXPECT_EQ(l.rc, 0) << l.err;
-                EXPECT_EQ(run({"check", path("part")}).rc, 0);
+                table({{{"load", path("part"), path("part.dump")}, 0}, {{"check", path("part")}, 0}});
             }
         }
 
@@ -303,10 +245,7 @@ protected:
         std::string b = img;
         b.replace(0, 512, garbage.substr(0, 512));
         spit(bad, b);
-        Result r = run({"dump", "--salvage", bad});
-        EXPECT_EQ(r.rc, 1);
-        EXPECT_TRUE(has(r.err, "--keys")) << r.err;
-        EXPECT_FALSE(has(r.out, "# kisam dump 1"));
+        table({{{"dump", "--salvage", bad}, 1, {"!# kisam dump 1"}, {"--keys"}}});
         std::vector<std::string> keys{"--keys", "8,4"};
         if (key_in_index) keys.push_back("--key-in-index");
         salvage_and_check(bad, intact, by_key, all, "damaged control page", keys);
@@ -318,23 +257,18 @@ TEST_F(Salvage, KeyInIndexFile) { exercise(true); }
 
 TEST_F(Salvage, UsageAndOddInputs) {
     const std::string f = path("f");
-    ASSERT_EQ(run({"create", f, "4"}).rc, 0);
-    // An empty file salvages to an empty dump.
-    Result r = run({"dump", "--salvage", f});
-    EXPECT_EQ(r.rc, 0) << r.err;
-    EXPECT_EQ(r.out, "# kisam dump 1\n# keys 4\n# end 0 records\n");
-    EXPECT_EQ(run({"dump", f, "--keys", "4"}).rc, 2) << "--keys without --salvage";
-    EXPECT_EQ(run({"dump", "--salvage", f, "--keys", "0"}).rc, 2);
-    EXPECT_EQ(run({"dump", "--salvage", f, "--key-in-index"}).rc, 2);
-    EXPECT_EQ(run({"dump", "--salvage", path("none")}).rc, 1);
     // Not an ISAM file at all: the key lengths are asked for; with them, nothing is found.
     spit(path("text"), std::string(5000, 'x'));
-    r = run({"dump", "--salvage", path("text")});
-    EXPECT_EQ(r.rc, 1);
-    EXPECT_TRUE(has(r.err, "--keys")) << r.err;
-    r = run({"dump", "--salvage", path("text"), "--keys", "4"});
-    EXPECT_EQ(r.rc, 0) << r.err;
-    EXPECT_TRUE(has(r.out, "# end 0 records")) << r.out;
+    table({
+        {{"create", f, "4"}, 0},
+        {{"dump", "--salvage", f}, 0, {"=# kisam dump 1\n# keys 4\n# end 0 records\n"}},   // empty: an empty dump
+        {{"dump", f, "--keys", "4"}, 2},   // --keys without --salvage
+        {{"dump", "--salvage", f, "--keys", "0"}, 2},
+        {{"dump", "--salvage", f, "--key-in-index"}, 2},
+        {{"dump", "--salvage", path("none")}, 1},
+        {{"dump", "--salvage", path("text")}, 1, {}, {"--keys"}},
+        {{"dump", "--salvage", path("text"), "--keys", "4"}, 0, {"# end 0 records"}},
+    });
 }
 
 }  // namespace
