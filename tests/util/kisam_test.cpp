@@ -222,35 +222,6 @@ std::string capture_output(int fd, const std::function<void()>& fn) {
 }
 
 namespace {
-int fail_countdown = 0;   // calls up to the failing one; -1: every call fails
-int fail_errno = 0;
-bool fail_now() {
-    if (fail_countdown < 0 || (fail_countdown > 0 && --fail_countdown == 0)) {
-        errno = fail_errno;
-        return true;
-    }
-    return false;
-}
-ssize_t failing_pread(int fd, void* b, size_t n, off_t off) {
-    return fail_now() ? -1 : kisam::os_real.pread(fd, b, n, off);
-}
-ssize_t failing_pwrite(int fd, const void* b, size_t n, off_t off) {
-    return fail_now() ? -1 : kisam::os_real.pwrite(fd, b, n, off);
-}
-}  // namespace
-
-FailIo::FailIo(Kind kind, int n, int err) {
-    fail_countdown = n > 0 ? n : -1;
-    fail_errno = err;
-    if (kind == kRead) kisam::os.pread = failing_pread;
-    else kisam::os.pwrite = failing_pwrite;
-}
-FailIo::~FailIo() {
-    kisam::os.pread = kisam::os_real.pread;
-    kisam::os.pwrite = kisam::os_real.pwrite;
-}
-
-namespace {
 struct FaultState {
     int counts[Faults::kKinds] = {};
     Faults::Kind kind = Faults::kWrite;

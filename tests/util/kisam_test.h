@@ -106,17 +106,6 @@ std::vector<int> error_stack();
 // Runs fn with file descriptor fd (1 or 2) redirected; returns what fn wrote to it.
 std::string capture_output(int fd, const std::function<void()>& fn);
 
-// While alive, makes the nth page read or write from now fail with errno err
-// (n 0: every one).
-class FailIo {
-public:
-    enum Kind { kRead, kWrite };
-    FailIo(Kind kind, int n, int err = EIO);
-    ~FailIo();
-    FailIo(const FailIo&) = delete;
-    FailIo& operator=(const FailIo&) = delete;
-};
-
 // Fault injection at the OS boundary, for sweeps over every system call of a workload.
 // Counts the calls of each kind made through the engine's OS table while alive (and,
 // with a fault set, makes the nth call fail with err, once or from then on, or kills
