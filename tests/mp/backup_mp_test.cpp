@@ -14,7 +14,6 @@
 // KISAM_SEED replays a run.
 #include "../engine/open_fixture.h"
 
-
 #include <dirent.h>
 #include <signal.h>
 #include <sys/stat.h>
