@@ -384,7 +384,6 @@ struct Trace {
     std::vector<uint32_t> required;     // per point P: highest ticket returned before P (index P)
     std::vector<uint64_t> returned;     // positions of kReturned events, in order
     std::vector<uint64_t> boundaries;   // points just after each sync
-    std::vector<uint64_t> state_hash;   // per prefix of tickets
     std::unordered_multimap<uint64_t, uint32_t> by_hash;
 
     void derive();
@@ -446,7 +445,6 @@ void Trace::derive() {
         }
         required[i + 1] = hi;
     }
-    state_hash.assign(ops.size() + 1, 0);
     by_hash.clear();
     std::map<int, Rec> s;
     uint64_t h = 0;
@@ -462,7 +460,6 @@ void Trace::derive() {
             s[o.id] = Rec{o.id, o.gen, o.size};
             h += rec_hash(s[o.id]);
         }
-        state_hash[k + 1] = h;
         by_hash.emplace(h, static_cast<uint32_t>(k + 1));
     }
 }
