@@ -434,9 +434,9 @@ protected:
         }
         ASSERT_EQ(nisclose(fd), 0);
         nisunisam();
-        const ::testing::AssertionResult sound = kt::sound(file);
-        ASSERT_TRUE(kt::sound(file + ".churn"));
-        if (!sound || HasFailure()) keep();
+        const ::testing::AssertionResult sound = kt::sound(file), churned = kt::sound(file + ".churn");
+        if (!sound || !churned || HasFailure()) keep();
+        ASSERT_TRUE(churned);
         ASSERT_TRUE(sound);
         records_ = static_cast<long>(seen.size());
     }
