@@ -13,7 +13,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -49,30 +48,8 @@ inline int attached_processes() {
     return n;
 }
 
-// Turns a forked child of an attached process into one that has never attached: drops
-// the inherited mapping, so that its own detach can tell when it is the last.
-inline void become_unattached() {
-    if (isam_com) ::shmdt(isam_com);
-    isam_com = nullptr;
-}
-
+using kt::become_unattached;
 // A test with its own installation; detaches (and so removes the segment) at the end.
-class Env : public ::testing::Test {
-protected:
-    void start(const kt::Config& c = kt::Config(), bool lock_file = true) {
-        inst_ = std::make_unique<kt::Installation>(c, lock_file);
-    }
-    void SetUp() override { start(); }
-    void TearDown() override {
-        nisunisam();
-        inst_.reset();
-    }
-    std::string path(const std::string& name) const { return inst_->path(name); }
-    // Creates a file with the given key lengths and returns its descriptor.
-    int create(const std::string& name, std::vector<int> lens) {
-        return niscreate(path(name).c_str(), static_cast<int>(lens.size()), lens.data());
-    }
-    std::unique_ptr<kt::Installation> inst_;
-};
+using Env = kt::Env;
 
 }  // namespace ot

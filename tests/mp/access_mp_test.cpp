@@ -49,33 +49,15 @@ struct shmid_ds segment_stat(key_t key) {
     return ds;
 }
 
-std::string slurp(const std::string& path) {
-    std::string s;
-    if (FILE* f = std::fopen(path.c_str(), "rb")) {
-        char buf[65536];
-        size_t n;
-        while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) s.append(buf, n);
-        std::fclose(f);
-    }
-    return s;
-}
+using kt::slurp;
 
-void spit_file(const std::string& path, const std::string& bytes) {
-    ::unlink(path.c_str());
-    FILE* f = std::fopen(path.c_str(), "wb");
-    ASSERT_NE(f, nullptr);
-    ASSERT_EQ(std::fwrite(bytes.data(), 1, bytes.size(), f), bytes.size());
-    std::fclose(f);
-    ASSERT_EQ(::chmod(path.c_str(), 0600), 0);
-}
-
-// The same file (its inode kept: a log replays only into the file it was written for).
+// The same file, or a new one (an inode kept: a log or a journal names the file's).
 void rewrite_file(const std::string& path, const std::string& bytes) {
-    FILE* f = std::fopen(path.c_str(), "r+b");
-    ASSERT_NE(f, nullptr);
-    ASSERT_EQ(std::fwrite(bytes.data(), 1, bytes.size(), f), bytes.size());
-    std::fclose(f);
-    ASSERT_EQ(::truncate(path.c_str(), static_cast<off_t>(bytes.size())), 0);
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT, 0600);
+    ASSERT_GE(fd, 0) << path;
+    ASSERT_EQ(::pwrite(fd, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+    ASSERT_EQ(::ftruncate(fd, static_cast<off_t>(bytes.size())), 0);
+    ::close(fd);
 }
 
 // Byte for byte, but for the control page's count of processes (bytes 84-85).
@@ -87,11 +69,24 @@ void rewrite_file(const std::string& path, const std::string& bytes) {
     return ::testing::AssertionSuccess();
 }
 
+// A file planted beside the lock file: only the installation's own is used.
+const struct Planted {
+    const char* what;
+    uid_t owner;
+    mode_t mode;
+    bool own;
+} kPlanted[] = {
+    {"owned by another user", kNobody, 0600, false},
+    {"wider than the lock file", 0, 0666, false},
+    {"readable by others", 0, 0604, false},
+    {"the installation's own", 0, 0600, true},
+};
+
 class Access : public ot::Env {
 protected:
     void SetUp() override {
         ot::Env::SetUp();
-        ::alarm(120);
+        bound(120);
         struct passwd* pw = ::getpwuid(kNobody);
         if (::geteuid() != 0 || !pw || pw->pw_gid != kNogroup || !::getpwuid(kDaemon))
             GTEST_SKIP() << "needs root and the users nobody (65534, group 65534) and daemon (1)";
@@ -100,11 +95,29 @@ protected:
         ASSERT_EQ(::chmod(inst_->dir().c_str(), 0755), 0);
         ASSERT_EQ(::chmod(inst_->config_path().c_str(), 0644), 0);
     }
-    void TearDown() override {
-        ::alarm(0);
-        ot::Env::TearDown();
+    // A link, symbolic or hard, to a file of the installation's user planted where one
+    // of its files goes (at): `call` fails with ISE_OPENF and a message naming the link,
+    // and the file linked to stays as it was.
+    void refuses_links(const std::string& at, const std::function<int()>& call) {
+        const std::string victim = path("victim"), original(8192, 'v');
+        for (bool symbolic : {true, false}) {
+            SCOPED_TRACE(symbolic ? "symbolic link" : "hard link");
+            kt::spit(victim, original);
+            ASSERT_EQ(symbolic ? ::symlink(victim.c_str(), at.c_str()) : ::link(victim.c_str(), at.c_str()), 0);
+            int rc = 0, code = 0;
+            const std::string err = kt::capture_output(2, [&] {
+                rc = call();
+                code = is_errno;
+            });
+            EXPECT_EQ(rc, -1);
+            EXPECT_EQ(code, ISE_OPENF);
+            EXPECT_NE(err.find(symbolic ? "symbolic link" : "links 2"), std::string::npos) << err;
+            EXPECT_TRUE(slurp(victim) == original);
+            nisunisam();
+            ::unlink(at.c_str());
+            ::unlink(path("f").c_str());
+        }
     }
-    std::string lock() const { return inst_->config_path() + ".lk"; }
     void lock_mode(uid_t uid, gid_t gid, mode_t mode) {
         ASSERT_EQ(::chown(lock().c_str(), uid, gid), 0);
         ASSERT_EQ(::chmod(lock().c_str(), mode), 0);
@@ -285,35 +298,18 @@ TEST_F(Access, PlantedJournalsAreRefused) {
     lock_mode(0, 0, 0600);
     const std::string victim = path("victim");
     const std::string original(8192, 'v');
-    auto plant_victim = [&] {  // in place: the journal names its inode
-        FILE* f = std::fopen(victim.c_str(), "wb");
-        ASSERT_NE(f, nullptr);
-        ASSERT_EQ(std::fwrite(original.data(), 1, original.size(), f), original.size());
-        std::fclose(f);
-        // As the installation's own files are: only the link itself can give it away.
+    // As the installation's own files are (0600): only the link itself can give it away.
+    auto plant_victim = [&] {
+        rewrite_file(victim, original);
         ASSERT_EQ(::chmod(victim.c_str(), 0600), 0);
     };
 
-    // A link where this process's journal will go, symbolic or hard: the first changing
-    // call fails, and the file linked to is left alone.
+    // A link where this process's journal will go: the first changing call fails.
+    refuses_links(lock() + ".u0", [&] {
+        const int fd = create("f", {4});
+        return fd < 0 ? -2 : niswrite(fd, const_cast<char*>("0001rest"), 8);
+    });
     std::string err;
-    for (bool symbolic : {true, false}) {
-        SCOPED_TRACE(symbolic ? "symbolic link" : "hard link");
-        plant_victim();
-        const std::string j0 = lock() + ".u0";
-        ASSERT_EQ(symbolic ? ::symlink(victim.c_str(), j0.c_str()) : ::link(victim.c_str(), j0.c_str()), 0);
-        int fd = create("f", {4});
-        ASSERT_GE(fd, 0);
-        err = kt::capture_output(2, [&] {
-            EXPECT_EQ(niswrite(fd, const_cast<char*>("0001rest"), 8), -1);
-            EXPECT_EQ(is_errno, ISE_OPENF);
-        });
-        EXPECT_NE(err.find(symbolic ? "symbolic link" : "links 2"), std::string::npos) << err;
-        EXPECT_TRUE(slurp(victim) == original);
-        nisclose(fd);
-        nisunisam();
-        ::unlink(j0.c_str());
-    }
 
     // A journal left holding a unit that names the victim, found when the segment is
     // made anew.  No page of a unit that did not commit ever reached its file, so no
@@ -335,24 +331,10 @@ TEST_F(Access, PlantedJournalsAreRefused) {
     put32(4096, 1024);      // of page 1024
     std::memset(&j[4096 + 8], 'X', 1024);
     const std::string j3 = lock() + ".u3";
-    struct Case {
-        const char* what;
-        uid_t owner;
-        mode_t mode;
-        bool settled;
-    } cases[] = {
-        {"owned by another user", kNobody, 0600, false},
-        {"wider than the lock file", 0, 0666, false},
-        {"readable by others", 0, 0604, false},
-        {"the installation's own", 0, 0600, true},
-    };
-    for (const Case& c : cases) {
+    for (const Planted& c : kPlanted) {
         SCOPED_TRACE(c.what);
         plant_victim();
-        FILE* f = std::fopen(j3.c_str(), "wb");
-        ASSERT_NE(f, nullptr);
-        ASSERT_EQ(std::fwrite(j.data(), 1, j.size(), f), j.size());
-        std::fclose(f);
+        kt::spit(j3, j);
         ASSERT_EQ(::chown(j3.c_str(), c.owner, 0), 0);
         ASSERT_EQ(::chmod(j3.c_str(), c.mode), 0);
         inst_->remove_segment();
@@ -362,7 +344,7 @@ TEST_F(Access, PlantedJournalsAreRefused) {
         ASSERT_GE(now.size(), 8u);
         uint32_t state;
         std::memcpy(&state, &now[4], 4);
-        if (c.settled) {
+        if (c.own) {
             EXPECT_EQ(state, 0u) << "the planted journal is not a live one: the test proves nothing\n" << err;
         } else {
             EXPECT_TRUE(now == j) << "a journal that is not the installation's was written";
@@ -379,38 +361,13 @@ TEST_F(Access, PlantedJournalsAreRefused) {
 // made anew, is replayed into the file it names only when it is the installation's own.
 TEST_F(Access, PlantedLogsAreRefused) {
     lock_mode(0, 0, 0600);
-    const std::string victim = path("victim");
-    const std::string original(8192, 'v');
     const std::string w0 = lock() + ".w0";
-    for (bool symbolic : {true, false}) {
-        SCOPED_TRACE(symbolic ? "symbolic link" : "hard link");
-        spit_file(victim, original);
-        ASSERT_EQ(symbolic ? ::symlink(victim.c_str(), w0.c_str()) : ::link(victim.c_str(), w0.c_str()), 0);
-        int code = 0;
-        const std::string err = kt::capture_output(2, [&] {
-            EXPECT_LT(create("f", {4}), 0);
-            code = is_errno;
-        });
-        EXPECT_EQ(code, ISE_OPENF);
-        EXPECT_NE(err.find(symbolic ? "symbolic link" : "links 2"), std::string::npos) << err;
-        EXPECT_TRUE(slurp(victim) == original);
-        nisunisam();
-        ::unlink(w0.c_str());
-        ::unlink(path("f").c_str());
-    }
+    refuses_links(w0, [&] { return create("f", {4}) < 0 ? -1 : 0; });
 
     // A real log: a process commits calls to the file and is killed before any page of
     // them reached it.
-    const std::string file = path("data");
-    {
-        int fd = create("data", {8});
-        ASSERT_GE(fd, 0) << is_errno;
-        ASSERT_EQ(nisclose(fd), 0);
-        nisunisam();
-    }
-    kt::Pipe ready;
-    pid_t writer = kt::start_child([&] {
-        ready.close_read();
+    const std::string file = made("data", {8});
+    kill(hold([&] {
         int fd = nisopen(file.c_str(), ISO_RDWR);
         if (fd < 0) return 1;
         for (int i = 0; i < 20; ++i) {
@@ -419,42 +376,25 @@ TEST_F(Access, PlantedLogsAreRefused) {
             std::memset(r + 8, 'w', sizeof r - 8);
             if (niswrite(fd, r, sizeof r) != 0) return 2;
         }
-        ready.signal();
-        for (;;) ::pause();
-    });
-    ready.close_write();
-    ASSERT_EQ(ready.wait(), 'x');
-    ::kill(writer, SIGKILL);
-    EXPECT_EQ(kt::wait_child(writer), 128 + SIGKILL);
+        return 0;
+    }));
     inst_->remove_segment();
     const std::string clean = slurp(file), log = slurp(w0);
     ASSERT_GT(log.size(), 1024u);
-    struct Case {
-        const char* what;
-        uid_t owner;
-        mode_t mode;
-        bool replayed;
-    } cases[] = {
-        {"owned by another user", kNobody, 0600, false},
-        {"wider than the lock file", 0, 0666, false},
-        {"readable by others", 0, 0604, false},
-        {"the installation's own", 0, 0600, true},
-    };
-    for (const Case& c : cases) {
+    for (const Planted& c : kPlanted) {
         SCOPED_TRACE(c.what);
         rewrite_file(file, clean);
-        spit_file(w0, log);
+        kt::spit(w0, log);
         ASSERT_EQ(::chown(w0.c_str(), c.owner, 0), 0);
         ASSERT_EQ(::chmod(w0.c_str(), c.mode), 0);
         const std::string err = kt::capture_output(2, [] { EXPECT_EQ(is_init(), 0) << is_errno; });
         struct kisam_recovery r;
         ASSERT_EQ(kisam_last_recovery(&r), 0);
-        if (c.replayed) {
+        if (c.own) {
             EXPECT_FALSE(slurp(file) == clean) << "the log was not a live one: the test proves nothing\n" << err;
             EXPECT_EQ(r.calls, 20);
-            kisam::check::Report rep = kisam::check::check_file(file);
-            EXPECT_TRUE(rep.ok) << rep.error;
-            EXPECT_EQ(rep.records, 20);
+            EXPECT_TRUE(kt::sound(file));
+            EXPECT_EQ(kisam::check::check_file(file).records, 20);
         } else {
             EXPECT_TRUE(slurp(file) == clean);
             EXPECT_TRUE(slurp(w0) == log) << "a log that is not the installation's was written";
@@ -588,8 +528,7 @@ TEST_F(Access, AGroupInstallationServesEveryMember) {
             EXPECT_EQ(kt::wait_child(survivor_of(check)), 0);
         }
         EXPECT_TRUE(same_file(slurp(file), before));
-        kisam::check::Report r = kisam::check::check_file(file);
-        EXPECT_TRUE(r.ok) << r.error;
+        EXPECT_TRUE(kt::sound(file));
     }
     // The last member to leave was neither the segment's creator nor its owner: the
     // kernel let it stay, unattached, for the next to reuse.

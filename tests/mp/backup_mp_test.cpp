@@ -14,8 +14,6 @@
 // KISAM_SEED replays a run.
 #include "../engine/open_fixture.h"
 
-#include "kcheck.h"
-
 #include <dirent.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -161,7 +159,7 @@ int units_logged(const std::string& log) {
     return n;
 }
 
-int verify(const char* copy, void*) { return kisam::check::check_file(copy).ok ? 0 : 1; }
+int verify(const char* copy, void*) { return kt::sound(copy) ? 0 : 1; }
 
 class Backup : public ot::Env {};
 
@@ -170,21 +168,12 @@ TEST_F(Backup, EveryBackupUnderLoadIsTheFileAtOneMomentBetweenCalls) {
     if (const char* b = std::getenv("KISAM_BACKUPS")) backups = std::atoi(b);
     const uint64_t seed = kt::test_seed(1126);
     const std::string file = path("live");
-    const int lens[2] = {8, 8};
-    int fd = niscreate(file.c_str(), 2, const_cast<int*>(lens));
+    const int fd = create("live", {8, 8});
     ASSERT_GE(fd, 0);
     ASSERT_EQ(nisclose(fd), 0);
-    std::vector<pid_t> pids;
-    // A failed assertion returns at once: the writers must not outlive the test.
-    struct Reaper {
-        std::vector<pid_t>& p;
-        ~Reaper() {
-            for (pid_t q : p) ::kill(q, SIGKILL);
-            for (pid_t q : p) kt::wait_child(q);
-        }
-    } reaper{pids};
+    // Held: a failed assertion returns at once, and the writers must not outlive the test.
     for (int w = 0; w < kWriters; ++w)
-        pids.push_back(kt::start_child([&, w] { return writer(file, path("log" + std::to_string(w)), w, seed); }));
+        held_.push_back(kt::start_child([&, w] { return writer(file, path("log" + std::to_string(w)), w, seed); }));
     std::vector<std::vector<int>> lo(static_cast<size_t>(backups));
     long longest = 0;
     for (int b = 0; b < backups; ++b) {
@@ -195,9 +184,9 @@ TEST_F(Backup, EveryBackupUnderLoadIsTheFileAtOneMomentBetweenCalls) {
             << "backup " << b << " is_errno " << is_errno;
         longest = std::max(longest, held);
     }
-    for (pid_t p : pids) ::kill(p, SIGTERM);
-    for (pid_t p : pids) EXPECT_EQ(kt::wait_child(p), 0);
-    pids.clear();
+    for (pid_t p : held_) ::kill(p, SIGTERM);
+    for (pid_t p : held_) EXPECT_EQ(kt::wait_child(p), 0);
+    held_.clear();
     std::vector<std::vector<State>> copies(kWriters, std::vector<State>(static_cast<size_t>(backups)));
     for (int b = 0; b < backups; ++b) {
         const std::string copy = path("copy" + std::to_string(b));
@@ -231,8 +220,7 @@ TEST_F(Backup, EveryBackupUnderLoadIsTheFileAtOneMomentBetweenCalls) {
 
 TEST_F(Backup, AFailedBackupLeavesNothingUnderTheDestination) {
     const std::string file = path("f");
-    const int lens[1] = {8};
-    int fd = niscreate(file.c_str(), 1, const_cast<int*>(lens));
+    const int fd = create("f", {8});
     ASSERT_GE(fd, 0);
     for (int i = 0; i < 300; ++i) {
         const std::string r = record(i, 1, 100);

@@ -337,63 +337,14 @@ int record_size(std::mt19937_64& rng) {
 
 constexpr const char* kData = "data";
 
-// A private installation in a given (or new) directory, as the other process tests set
-// one up: HOME, HOME_Q9 and PROFILEQ9ENV inside it, its own configuration and lock file.
-struct Site {
-    std::string dir, config, lock;
-    bool keep = false;
-    explicit Site(const std::string& at = "") {
-        if (at.empty()) {
-            char tmpl[] = "/tmp/kisam-crash-XXXXXX";
-            if (!::mkdtemp(tmpl)) std::abort();
-            dir = tmpl;
-        } else {
-            dir = at;
-            if (::mkdir(dir.c_str(), 0700) != 0) {
-                std::fprintf(stderr, "cannot make %s (it must not exist): %s\n", dir.c_str(), std::strerror(errno));
-                std::abort();
-            }
-        }
-        config = dir + "/kisamconfig";
-        lock = config + ".lk";
-        ::mkdir((dir + "/home").c_str(), 0777);
-        ::mkdir((dir + "/q9").c_str(), 0777);
-        ::setenv("HOME", (dir + "/home").c_str(), 1);
-        ::setenv("HOME_Q9", (dir + "/q9").c_str(), 1);
-        ::setenv("PROFILEQ9ENV", (dir + "/home/.Q9.profile").c_str(), 1);
-        ::setenv("KISCONFIG", config.c_str(), 1);
-        ZTPutEnv("KISCONFIG", config.c_str());
-        kt::Config c;
-        if (const char* b = std::getenv("KISAM_CRASH_BITS")) c.bits = static_cast<uint32_t>(std::strtoul(b, nullptr, 0));
-        kt::write_config(config, c);
-        const int fd = ::open(lock.c_str(), O_RDWR | O_CREAT, 0666);
-        if (fd >= 0) ::close(fd);
-    }
-    ~Site() {
-        remove_segment();
-        if (keep) return;
-        const std::string cmd = "rm -rf '" + dir + "'";
-        if (std::system(cmd.c_str()) != 0) { /* best effort */ }
-    }
-    std::string path(const std::string& name) const { return dir + "/" + name; }
-    // Removes the segment keyed on the lock file; true when there was one.
-    bool remove_segment() const {
-        const key_t k = ::ftok(lock.c_str(), 1);
-        if (k == -1) return false;
-        const int id = ::shmget(k, 0, 0);
-        return id >= 0 && ::shmctl(id, IPC_RMID, nullptr) == 0;
-    }
-};
+using Site = kt::Installation;
 
-std::string read_file(const std::string& path) {
-    std::string s;
-    const int fd = ::open(path.c_str(), O_RDONLY);
-    if (fd < 0) return s;
-    char buf[65536];
-    ssize_t n;
-    while ((n = ::read(fd, buf, sizeof buf)) > 0) s.append(buf, static_cast<size_t>(n));
-    ::close(fd);
-    return s;
+// The installation of a run (KISAM_CRASH_BITS: the options of the data-changed mark), in
+// a new directory or, to rebuild an image of a saved trace, in the trace's.
+kt::Config site_config() {
+    kt::Config c;
+    if (const char* b = std::getenv("KISAM_CRASH_BITS")) c.bits = static_cast<uint32_t>(std::strtoul(b, nullptr, 0));
+    return c;
 }
 
 // Regular files directly in dir.
@@ -433,7 +384,6 @@ struct Trace {
     std::vector<uint32_t> required;     // per point P: highest ticket returned before P (index P)
     std::vector<uint64_t> returned;     // positions of kReturned events, in order
     std::vector<uint64_t> boundaries;   // points just after each sync
-    std::vector<uint64_t> state_hash;   // per prefix of tickets
     std::unordered_multimap<uint64_t, uint32_t> by_hash;
 
     void derive();
@@ -495,7 +445,6 @@ void Trace::derive() {
         }
         required[i + 1] = hi;
     }
-    state_hash.assign(ops.size() + 1, 0);
     by_hash.clear();
     std::map<int, Rec> s;
     uint64_t h = 0;
@@ -511,7 +460,6 @@ void Trace::derive() {
             s[o.id] = Rec{o.id, o.gen, o.size};
             h += rec_hash(s[o.id]);
         }
-        state_hash[k + 1] = h;
         by_hash.emplace(h, static_cast<uint32_t>(k + 1));
     }
 }
@@ -566,7 +514,7 @@ bool Trace::save(const std::string& path) const {
 }
 
 bool Trace::load(const std::string& path) {
-    const std::string in = read_file(path);
+    const std::string in = kt::slurp(path);
     size_t at = 0;
     uint64_t magic, nsnap;
     std::string evs, opss;
@@ -1035,12 +983,12 @@ Verdict run_image(const Trace& t, Builder& b, const Site& site, const Image& im,
     b.build(im);
     std::string why;
     if (site.remove_segment()) ++tally[im.mode].segments_left;
-    if (!b.write(site.dir, &why)) {
+    if (!b.write(site.dir(), &why)) {
         ADD_FAILURE() << why;
         return Verdict{};
     }
     if (keep_before) {
-        const std::string cmd = "rm -rf '" + site.dir + ".image' && cp -a '" + site.dir + "' '" + site.dir + ".image'";
+        const std::string cmd = "rm -rf '" + site.dir() + ".image' && cp -a '" + site.dir() + "' '" + site.dir() + ".image'";
         if (std::system(cmd.c_str()) != 0) std::fprintf(stderr, "could not copy the image\n");
     }
     std::memset(static_cast<void*>(out), 0, offsetof(Outcome, recs));
@@ -1105,11 +1053,6 @@ protected:
         arena = static_cast<char*>(map_shared(kArenaBytes));
         out = static_cast<Outcome*>(map_shared(sizeof(Outcome)));
         ASSERT_TRUE(sh && arena && out);
-        pthread_mutexattr_t a;
-        pthread_mutexattr_init(&a);
-        pthread_mutexattr_setpshared(&a, PTHREAD_PROCESS_SHARED);
-        pthread_mutex_init(&sh->mu, &a);
-        pthread_mutexattr_destroy(&a);
     }
     void TearDown() override {
         if (sh) ::munmap(sh, sizeof(Shared));
@@ -1131,7 +1074,7 @@ protected:
         pthread_mutexattr_setpshared(&a, PTHREAD_PROCESS_SHARED);
         pthread_mutex_init(&sh->mu, &a);
         pthread_mutexattr_destroy(&a);
-        std::snprintf(sh->dir, sizeof sh->dir, "%s", site.dir.c_str());
+        std::snprintf(sh->dir, sizeof sh->dir, "%s", site.dir().c_str());
         // The empty file, made and closed by a process that then detaches: the disk as the
         // workload finds it (taken as synced).
         const std::string file = site.path(kData);
@@ -1148,14 +1091,14 @@ protected:
         }
         site.remove_segment();
         t->test = test;
-        t->dir = site.dir;
+        t->dir = site.dir();
         t->seed = seed;
         t->procs = procs;
         t->durable = durable;
-        t->snap_names = list_dir(site.dir);
+        t->snap_names = list_dir(site.dir());
         t->snap_data.clear();
         for (const std::string& name : t->snap_names) {
-            t->snap_data.push_back(read_file(site.path(name)));
+            t->snap_data.push_back(kt::slurp(site.path(name)));
             struct stat st;
             if (::stat(site.path(name).c_str(), &st) != 0) return false;
             FileEnt& f = sh->files[sh->nfiles++];
@@ -1195,10 +1138,10 @@ protected:
         Builder b(*t);
         b.build(b.plan_at(t->ev.size()));
         std::vector<std::string> missed;
-        for (const std::string& name : list_dir(site.dir)) {
+        for (const std::string& name : list_dir(site.dir())) {
             auto it = b.names().find(name);
             if (it == b.names().end()) missed.push_back(name + " (not created through the OS table)");
-            else if (!mapped_file(name) && read_file(site.path(name)) != b.content(it->second))
+            else if (!mapped_file(name) && kt::slurp(site.path(name)) != b.content(it->second))
                 missed.push_back(name + " (written outside the OS table)");
         }
         for (const auto& [name, f] : b.names())
@@ -1280,7 +1223,7 @@ protected:
         uint64_t done = 0;
         for (uint64_t r = 0; done < total; ++r) {
             const uint64_t count = std::min(per_run, total - done);
-            Site site;
+            Site site(site_config());
             Trace t;
             const uint64_t seed = seed0 + r;
             const int procs = r == 0 || between ? procs0 : 1 + static_cast<int>(r % 3);
@@ -1308,7 +1251,7 @@ protected:
         ASSERT_TRUE(ni) << "KISAM_CRASH_IMAGE names the image to rebuild";
         const uint64_t n = std::strtoull(ni, nullptr, 0);
         const bool keep = env_u64("KISAM_CRASH_KEEP", 0) != 0;
-        Site site(t.dir);
+        Site site(site_config(), true, t.dir);
         site.keep = keep;
         Builder b(t);
         Tally tally[kModes];
@@ -1322,7 +1265,7 @@ protected:
         std::printf("  opened %d, sound %d (while open %d%s%s), reads %d, prefix %d (%u calls), returned calls present %d: %s\n",
                     v.opened, v.sound, out->sound_open, out->sound_open ? "" : ": ", out->why_open, v.reads, v.prefix,
                     v.prefix_len, v.durable, v.pass ? "passed" : v.why.c_str());
-        if (keep) std::printf("  kept: %s (after the restart) and %s.image (before)\n", site.dir.c_str(), site.dir.c_str());
+        if (keep) std::printf("  kept: %s (after the restart) and %s.image (before)\n", site.dir().c_str(), site.dir().c_str());
         EXPECT_TRUE(v.pass) << v.why;
     }
 };

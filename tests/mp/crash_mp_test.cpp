@@ -5,7 +5,6 @@
 
 #include "is_common.h"
 #include "is_lock.h"
-#include "kcheck.h"
 
 #include <signal.h>
 
@@ -18,26 +17,7 @@ class Crash : public Env {
 protected:
     void SetUp() override {
         Env::SetUp();
-        ::alarm(60);
-    }
-    void TearDown() override {
-        ::alarm(0);
-        Env::TearDown();
-    }
-    // Runs fn in a child that then sleeps until it is killed; returns once fn is done.
-    pid_t hold(const std::function<int()>& fn) {
-        kt::Pipe ready;
-        pid_t pid = kt::start_child([&] {
-            if (int r = fn(); r != 0) return r;
-            ready.signal();
-            for (;;) ::pause();
-        });
-        EXPECT_EQ(ready.wait(), 'x');
-        return pid;
-    }
-    void kill(pid_t pid) {
-        ::kill(pid, SIGKILL);
-        EXPECT_EQ(kt::wait_child(pid), 128 + SIGKILL);
+        bound(60);
     }
 };
 
@@ -184,7 +164,7 @@ protected:
         c.bits = 0x1;
         c.maxbuf = 6;
         start(c);
-        ::alarm(120);
+        bound(120);
     }
     static bool marked_on_disk(const std::string& f) {
         const std::vector<unsigned char> h = ot::read_head(f);
@@ -256,8 +236,7 @@ TEST_F(CrashMarked, MarkOfADeadWriterIsClearedByTheLastToLeave) {
     ASSERT_GE(fd, 0) << "is_errno " << is_errno;
     EXPECT_TRUE(holds(fd, n)) << "the dead writer's calls are all there";
     ASSERT_EQ(nisclose(fd), 0);
-    kisam::check::Report rep = kisam::check::check_file(f);
-    EXPECT_TRUE(rep.ok) << rep.error;
+    EXPECT_TRUE(kt::sound(f));
 }
 
 // A writer killed in its close, at any of the writes and syncs by which the close brings
@@ -315,8 +294,7 @@ TEST_F(CrashMarked, WriterKilledWhileItsCloseClearsTheMark) {
             char buf[32];
             EXPECT_EQ(nisfind(fd, 0, r0, buf, sizeof buf), static_cast<int>(sizeof r0));
             ASSERT_EQ(nisclose(fd), 0);
-            kisam::check::Report rep = kisam::check::check_file(f);
-            EXPECT_TRUE(rep.ok) << rep.error;
+            EXPECT_TRUE(kt::sound(f));
             if (rc == 22) break;
         }
     }

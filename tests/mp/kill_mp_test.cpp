@@ -15,7 +15,6 @@
 // KISAM_SEED replays a run.
 #include "../engine/open_fixture.h"
 
-#include "kcheck.h"
 #include "is_lock.h"
 #include "v_pool.h"
 
@@ -296,10 +295,7 @@ protected:
     void SetUp() override {}   // the configuration depends on the test
     void TearDown() override {
         for (pid_t p : live_)
-            if (p > 0) ::kill(p, SIGKILL);
-        for (pid_t p : live_)
-            if (p > 0) ::waitpid(p, nullptr, 0);
-        ::alarm(0);
+            if (p > 0) held_.push_back(p);   // killed and reaped by the fixture
         Env::TearDown();
     }
 
@@ -438,32 +434,22 @@ protected:
         }
         ASSERT_EQ(nisclose(fd), 0);
         nisunisam();
-        kisam::check::Report rep = kisam::check::check_file(file);
-        kisam::check::Report crep = kisam::check::check_file(file + ".churn");
-        ASSERT_TRUE(crep.ok) << "the churned file: " << crep.error;
-        if (!rep.ok || HasFailure()) keep();
-        ASSERT_TRUE(rep.ok) << rep.error;
+        const ::testing::AssertionResult sound = kt::sound(file), churned = kt::sound(file + ".churn");
+        if (!sound || !churned || HasFailure()) keep();
+        ASSERT_TRUE(churned);
+        ASSERT_TRUE(sound);
         records_ = static_cast<long>(seen.size());
     }
 
     void run(const kt::Config& c, int kills_default) {
         start(c);
-        ::alarm(600);
+        bound(600);
         int kills = kills_default;
         if (const char* k = std::getenv("KISAM_KILLS")) kills = std::atoi(k);
         std::mt19937_64 rng(kt::test_seed(20261124));
         const std::string file = path("load");
-        ASSERT_EQ(kt::run_child([&] {
-            ot::become_unattached();
-            const int lens[3] = {kL0, kL1, kL2};
-            for (const std::string& f : {file, file + ".churn"}) {
-                int fd = niscreate(f.c_str(), 3, const_cast<int*>(lens));
-                if (fd < 0) return 1;
-                nisclose(fd);
-            }
-            nisunisam();
-            return 0;
-        }), 0);
+        made("load", {kL0, kL1, kL2});
+        made("load.churn", {kL0, kL1, kL2});
         for (int s = 0; s < kMaxWorkers; ++s) logs_.push_back(path("log" + std::to_string(s)));
         model_.assign(kMaxWorkers, SlotModel());
         live_.assign(kMaxWorkers, 0);

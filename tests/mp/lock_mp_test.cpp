@@ -1,20 +1,33 @@
-// Lock words between real processes: exclusion, takeover of a dead holder's word, the
-// non-waiting request, a refused cycle of waits.
-#include "is_lock.h"
-
-#include <gtest/gtest.h>
+// Locks between real processes.  The lock words: exclusion, takeover of a dead
+// holder's word, the non-waiting request, a refused cycle of waits.  Record locks: a
+// randomized comparison with a model, conflicts, waits and prefix overlap.  A record-lock
+// wait whose control lock cannot be taken back ends in ISE_DEADLOCK after its bound.
+// The wait hook: it learns the holder, what it holds and the file; a signal gives the
+// wait up when the hook (or the flag) says so, and the call then fails with
+// KISAM_ISE_INTERRUPTED having changed and kept nothing.  A free lock costs one lock
+// request, hook or not; a failed request refuses its call with a code.
+#include "../engine/open_fixture.h"
 
 #include "is_common.h"
 #include "is_heap.h"
-#include "kisam_test.h"
+#include "is_lock.h"
+#include "os.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
+#include <cstring>
+#include <random>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
+
+using ot::Env;
+
+// ---- lock words --------------------------------------------------------------------------
 
 // A forked child inherits the attachment but not the parent's locks or identity: it
 // takes its own pid and process slot, as start-up does in a child.
@@ -46,8 +59,6 @@ protected:
     kt::Config cfg_;
     std::unique_ptr<kt::Installation> inst_;
 };
-
-}  // namespace
 
 TEST_F(LockMp, OneHolderAtATime) {
     // A slow read-modify-write under the lock: an overlapping holder shows as a wrong total.
@@ -131,3 +142,435 @@ TEST_F(LockMp, CycleOfWaitsIsRefusedWithoutAborting) {
     is_unlock(freel());
     is_unlock(opcl());
 }
+
+// ---- a record-lock wait that cannot take its control lock back ------------------------------
+
+class Fwait : public Env {};
+
+// True while some process of the installation waits for the lock-file range of word.
+bool someone_waits_for(volatile unsigned* word) {
+    const auto o = static_cast<uint32_t>(kisam::com_offset(word));
+    for (int i = 0; i < isam_com->maxusers; ++i)
+        if (is_env.needs_[i] == o) return true;
+    return false;
+}
+
+TEST_F(Fwait, RetakeRefusedUntilTheBoundEndsInDeadlock) {
+    const int f1 = create("f1", {4});
+    const int f2 = create("f2", {4});
+    ASSERT_GE(f1, 0);
+    ASSERT_GE(f2, 0);
+    IS_FCP* c1 = ot::shared_fcp(f1);
+    IS_FCP* c2 = ot::shared_fcp(f2);
+    const int me = is_env.useridx;
+
+    // H holds the record lock, and dies once B waits for f2's control lock: the kernel
+    // then wakes the parent, whose retake of f1's control lock closes the cycle.
+    kt::Pipe held;
+    pid_t h = kt::start_child([&] {
+        if (is_chinit() != 0 || nislock(f1, "k", 1, 1) != 0) return 1;
+        held.signal();
+        while (!someone_waits_for(&c2->jd_fcplock)) ::usleep(1000);
+        ::usleep(100000);   // B is inside its wait by now
+        ::_exit(0);         // dies holding the lock
+    });
+    ASSERT_EQ(held.wait(), 'x');
+
+    ASSERT_EQ(nisgetctl(f2), 0);
+    ASSERT_EQ(nisgetctl(f1), 0);   // an application hold of the file being locked
+    // B takes f1's control lock while the parent waits for the record lock, then waits
+    // for f2's control lock, which the parent keeps.
+    pid_t b = kt::start_child([&] {
+        if (is_chinit() != 0) return 1;
+        while (is_env.needs_[me] == 0) ::usleep(1000);
+        if (nisgetctl(f1) != 0) return 2;
+        if (nisgetctl(f2) != 0) return 3;
+        nisrelctl(f2);
+        nisrelctl(f1);
+        return 0;
+    });
+
+    const auto t0 = std::chrono::steady_clock::now();
+    is_errno = 0;
+    EXPECT_EQ(nislock(f1, "k", 1, 0), -1);
+    const auto waited = std::chrono::steady_clock::now() - t0;
+    EXPECT_EQ(is_errno, ISE_DEADLOCK);
+    EXPECT_EQ(kt::error_stack(), std::vector<int>{0x3704});
+    EXPECT_GE(waited, std::chrono::milliseconds(kFwaitRetakeTries * kFwaitRetakePauseNs / 1000000));
+    EXPECT_EQ(ot::pfi_of(f1)->pfi_ctlcnt, 0) << "every hold on f1 is gone";
+    EXPECT_NE(c1->jd_fcplock, static_cast<uint32_t>(is_pid));
+    EXPECT_EQ(ot::pfi_of(f2)->pfi_ctlcnt, 1) << "the other file's hold is untouched";
+
+    EXPECT_EQ(nisrelctl(f1), 0) << "the application's release finds nothing to release";
+    EXPECT_EQ(nisrelctl(f2), 0);   // lets B go on
+    EXPECT_EQ(kt::wait_child(b), 0);
+    EXPECT_EQ(kt::wait_child(h), 0);
+
+    // The waiter left nothing behind: the dead holder's entry goes at the next lock.
+    EXPECT_EQ(nislock(f1, "k", 1, 1), 0);
+    EXPECT_EQ(nisunlock(f1, "k", 1, 0), 0);
+    EXPECT_EQ(c1->jd_lock_hd, KISAM_NOREL);
+}
+
+// ---- record locks ---------------------------------------------------------------------------
+
+class RecLock : public Env {};
+
+struct Lock {
+    int isfd;
+    std::string key;
+    bool operator==(const Lock& o) const { return isfd == o.isfd && key == o.key; }
+};
+
+bool overlap(const std::string& a, const std::string& b) {
+    size_t n = std::min(a.size(), b.size());
+    return a.compare(0, n, b, 0, n) == 0;
+}
+
+// The file's lock chain, front first.
+std::vector<Lock> chain(IS_FCP* f) {
+    std::vector<Lock> out;
+    for (RELt r = f->jd_lock_hd; r != KISAM_NOREL;) {
+        IS_RC* e = kisam::rel_ptr<IS_RC>(r);
+        if (e->rc_lock != 0) out.push_back({e->rc_isfd, std::string(e->rc_key, static_cast<size_t>(e->rc_len))});
+        r = e->rc_next;
+    }
+    return out;
+}
+
+TEST_F(RecLock, MatchesTheModel) {
+    const uint64_t seed = kt::test_seed(20261122);
+    std::mt19937_64 rng(seed);
+    int h[2] = {create("f", {4}), -1};
+    ASSERT_GE(h[0], 0);
+    h[1] = nisopen(path("f").c_str(), ISO_RDWR);
+    ASSERT_GE(h[1], 0);
+    IS_FCP* f = ot::shared_fcp(h[0]);
+    std::vector<Lock> model;  // front first, like the chain
+
+    auto rnd = [&](int n) { return static_cast<int>(rng() % static_cast<uint64_t>(n)); };
+    for (int step = 0; step < 3000; ++step) {
+        int which = rnd(2);
+        int fd = h[which];
+        std::string key;
+        for (int n = rnd(4); n > 0; --n) key.push_back("ab"[rnd(2)]);
+        int op = rnd(10);
+        int got = 0, want = 0;
+        std::string what;
+        if (op < 5) {
+            int rtnopt = rnd(3);
+            what = "lock " + std::to_string(rtnopt);
+            bool mine = std::any_of(model.begin(), model.end(), [&](const Lock& l) { return overlap(l.key, key); });
+            want = rtnopt == 2 && mine ? 1 : 0;
+            if (want == 0) model.insert(model.begin(), {fd, key});
+            got = nislock(fd, key.data(), static_cast<int>(key.size()), rtnopt);
+        } else if (op < 7) {
+            what = "unlock exact";
+            auto it = std::find_if(model.begin(), model.end(),
+                                   [&](const Lock& l) { return l.isfd == fd && l.key == key; });
+            want = it == model.end() ? -1 : 0;
+            if (it != model.end()) model.erase(it);
+            got = nisunlock(fd, key.data(), static_cast<int>(key.size()), 0);
+        } else if (op < 9) {
+            what = "unlock overlapping";
+            auto keep = [&](const Lock& l) { return !(l.isfd == fd && overlap(l.key, key)); };
+            auto it = std::stable_partition(model.begin(), model.end(), keep);
+            want = static_cast<int>(model.end() - it);
+            model.erase(it, model.end());
+            got = nisunlock(fd, key.data(), static_cast<int>(key.size()), 1);
+        } else {
+            what = "close and reopen";
+            model.erase(std::remove_if(model.begin(), model.end(), [&](const Lock& l) { return l.isfd == fd; }),
+                        model.end());
+            ASSERT_EQ(nisclose(fd), 0);
+            h[which] = nisopen(path("f").c_str(), ISO_RDWR);
+            ASSERT_EQ(h[which], fd) << "the freed number is reused";
+        }
+        SCOPED_TRACE("seed " + std::to_string(seed) + " step " + std::to_string(step) + ": " + what + " '" + key + "'");
+        ASSERT_EQ(got, want);
+        ASSERT_TRUE(chain(f) == model) << "the lock chain differs from the model";
+        ASSERT_EQ(isam_com->curusrlocks, model.size());
+    }
+    EXPECT_EQ(nisclose(h[0]), 0);
+    EXPECT_EQ(nisclose(h[1]), 0);
+}
+
+TEST_F(RecLock, ConflictsWaitsAndOverlapBetweenProcesses) {
+    int fd = create("f", {4});
+    ASSERT_GE(fd, 0);
+    const int me = is_env.useridx;
+    kt::Pipe locked, go;
+    pid_t child = kt::start_child([&] {
+        if (is_chinit() != 0) return 1;
+        if (nislock(fd, "ab", 2, 1) != 0) return 2;
+        if (nislock(fd, "zz", 2, 1) != 0) return 3;
+        locked.signal();
+        go.wait();
+        // Release once the parent sleeps on the lock.
+        while (is_env.needs_[me] == 0) ::usleep(1000);
+        ::usleep(20000);
+        if (nisunlock(fd, "ab", 2, 0) != 0) return 4;
+        if (nisunlock(fd, "ab", 2, 0) != -1) return 5;
+        nisunisam();  // closing releases "zz"
+        return 0;
+    });
+    ASSERT_EQ(locked.wait(), 'x');
+    struct Try {
+        const char* key;
+        int len;
+        int want;
+    } tries[] = {{"abc", 3, -1}, {"a", 1, -1}, {"ax", 2, 0}, {"b", 1, 0}};
+    for (const Try& t : tries) {
+        for (int rtnopt : {1, 2}) {
+            is_errno = 0;
+            EXPECT_EQ(nislock(fd, t.key, t.len, rtnopt), rtnopt == 2 && t.want == 0 ? 1 : t.want)
+                << t.key << " " << rtnopt;
+            EXPECT_EQ(is_errno, 0) << "a conflict sets no error code";
+        }
+    }
+    uint32_t waits = isam_com->usrwaits;
+    go.signal();
+    EXPECT_EQ(nislock(fd, "abc", 3, 0), 0) << "waits until the holder unlocks";
+    EXPECT_GT(isam_com->usrwaits, waits);
+    EXPECT_EQ(kt::wait_child(child), 0);
+    EXPECT_EQ(nislock(fd, "", 0, 1), 0) << "the child's locks went with its close";
+    EXPECT_EQ(nisunlock(fd, "", 0, 1), 4);  // ax, b, abc and the empty key
+    EXPECT_EQ(chain(ot::shared_fcp(fd)).size(), 0u);
+}
+
+// ---- the wait hook ----------------------------------------------------------------------------
+
+class WaitHook : public Env {};
+
+// What the child's hook saw; the hook writes only these and the pipe.
+struct Seen {
+    int begins = 0, signals = 0, ends = 0;
+    int holder = 0, what = 0, can_give_up = -1, given_up = -1;
+    char file[256] = {};
+    double seconds = -1;
+};
+Seen seen;
+int hook_answer = 0;
+int begin_pipe = -1;
+
+int hook(const struct kisam_wait* w, void*) {
+    if (w->event == KISAM_WAIT_BEGIN) {
+        ++seen.begins;
+        seen.holder = w->holder;
+        seen.what = w->what;
+        std::snprintf(seen.file, sizeof seen.file, "%s", w->file ? w->file : "");
+        if (begin_pipe >= 0) (void)!::write(begin_pipe, "b", 1);
+    } else if (w->event == KISAM_WAIT_SIGNAL) {
+        ++seen.signals;
+        seen.can_give_up = w->can_give_up;
+        seen.seconds = w->seconds;
+        return hook_answer;
+    } else {
+        ++seen.ends;
+        seen.given_up = w->given_up;
+    }
+    return 0;
+}
+
+void on_usr1(int) {}
+
+// A handler that interrupts system calls (no SA_RESTART), as a program that wants its
+// waits to end installs it.
+void interrupting_usr1() {
+    struct sigaction sa;
+    std::memset(&sa, 0, sizeof sa);
+    sa.sa_handler = on_usr1;
+    sigemptyset(&sa.sa_mask);
+    ::sigaction(SIGUSR1, &sa, nullptr);
+}
+
+bool ends_with(const std::string& s, const std::string& tail) {
+    return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
+}
+
+// Sends SIGUSR1 to pid until it has ended (the wait may be entered just after a signal).
+int interrupt_until_done(pid_t pid) {
+    for (int i = 0; i < 500; ++i) {
+        ::kill(pid, SIGUSR1);
+        int st;
+        pid_t r = ::waitpid(pid, &st, WNOHANG);
+        if (r == pid) return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+        ::usleep(10000);
+    }
+    ::kill(pid, SIGKILL);
+    return kt::wait_child(pid) + 1000;
+}
+
+// Runs wait in a child whose hook gives the wait up at a signal, and interrupts the
+// child once its hook heard of the wait; the child's status (wait's result).
+int given_up(const std::function<int()>& wait) {
+    int pfd[2];
+    if (::pipe(pfd) != 0) return -1;
+    pid_t child = kt::start_child([&] {
+        interrupting_usr1();
+        if (is_chinit() != 0) return 1;
+        begin_pipe = pfd[1];
+        hook_answer = 1;
+        kisam_set_wait_hook(hook, nullptr, 0);
+        return wait();
+    });
+    ::close(pfd[1]);
+    char c;
+    const bool began = ::read(pfd[0], &c, 1) == 1;   // else the child ended without a wait
+    ::close(pfd[0]);
+    const int st = interrupt_until_done(child);
+    return began ? st : 1000 + st;
+}
+
+// A wait given up: the hook was told who holds what in which file, the call fails with
+// KISAM_ISE_INTERRUPTED, and the waiter keeps nothing of the wait -- for the control
+// lock, no hold, no word, no wait noted and nothing written; for a record lock, the
+// caller's own hold on the control lock in force again and no waiter on the entry.
+TEST_F(WaitHook, AWaitGivenUpAtASignalKeepsNothingOfIt) {
+    int fd = create("f", {4});
+    ASSERT_GE(fd, 0);
+    const pid_t parent = ::getpid();
+    ASSERT_EQ(nisgetctl(fd), 0);
+    EXPECT_EQ(given_up([&] {
+                  if (niswrite(fd, "abcd-record", 11) != -1) return 2;
+                  if (is_errno != KISAM_ISE_INTERRUPTED || errno != EINTR) return 3;
+                  if (seen.begins != 1 || seen.ends != 1 || seen.signals < 1) return 4;
+                  if (seen.holder != parent || seen.what != KISAM_WAIT_CONTROL) return 5;
+                  if (!ends_with(seen.file, "/f")) return 6;
+                  if (seen.can_give_up != 1 || seen.given_up != 1) return 7;
+                  if (is_pfi[is_db[fd]->uniqueid].pfi_ctlcnt != 0) return 8;
+                  if (is_lock_mine(&ot::shared_fcp(fd)->jd_fcplock)) return 9;
+                  if (is_env.needs_[is_env.useridx] != 0) return 10;
+                  char msg[200];
+                  niserrmsgget(msg, sizeof msg);
+                  if (!std::strstr(msg, "KISAM_ISE_INTERRUPTED wait for a lock given up at a signal")) return 11;
+                  return 0;
+              }),
+              0);
+    char buf[64];
+    EXPECT_EQ(nisfind(fd, 0, "abcd", buf, sizeof buf), 0) << "the record was written";
+    EXPECT_EQ(nisrelctl(fd), 0);
+    // The file is free for others after the child gave up.
+    EXPECT_EQ(kt::run_child([&] {
+        if (is_chinit() != 0) return 1;
+        return niswrite(fd, "abcd-record", 11) == 0 ? 0 : 2;
+    }), 0);
+    EXPECT_GT(nisfind(fd, 0, "abcd", buf, sizeof buf), 0);
+
+    ASSERT_EQ(nislock(fd, "ab", 2, 1), 0);
+    EXPECT_EQ(given_up([&] {
+                  if (nisgetctl(fd) != 0) return 2;
+                  if (nislock(fd, "abc", 3, 0) != -1 || is_errno != KISAM_ISE_INTERRUPTED) return 3;
+                  if (seen.what != KISAM_WAIT_RECORD || seen.holder != parent || !ends_with(seen.file, "/f")) return 4;
+                  IS_FCP* f = ot::shared_fcp(fd);
+                  if (!is_lock_mine(&f->jd_fcplock) || is_pfi[is_db[fd]->uniqueid].pfi_ctlcnt != 1) return 5;
+                  IS_RC* e = kisam::rel_ptr<IS_RC>(f->jd_lock_hd);
+                  if (e->rc_waitcount != 0 || e->rc_next != KISAM_NOREL) return 6;
+                  return nisrelctl(fd) == 0 ? 0 : 7;
+              }),
+              0);
+    EXPECT_EQ(nisunlock(fd, "ab", 2, 0), 0);
+    EXPECT_EQ(ot::shared_fcp(fd)->jd_lock_hd, KISAM_NOREL) << "a lock was added";
+}
+
+// A signal the hook lets pass, or one that comes with neither hook nor flag, does not
+// end the wait: the call goes through once the holder lets go.
+TEST_F(WaitHook, ASignalNotGivenUpKeepsTheWaitUntilTheHolderLetsGo) {
+    int fd = create("f", {4});
+    ASSERT_GE(fd, 0);
+    for (bool with_hook : {true, false}) {
+        SCOPED_TRACE(with_hook ? "the hook lets it pass" : "no hook, no flag");
+        const std::string rec = with_hook ? "abcd-record" : "abce-record";
+        ASSERT_EQ(nisgetctl(fd), 0);
+        int pfd[2];
+        ASSERT_EQ(::pipe(pfd), 0);
+        pid_t child = kt::start_child([&] {
+            interrupting_usr1();
+            if (is_chinit() != 0) return 1;
+            if (with_hook) {
+                begin_pipe = pfd[1];
+                hook_answer = 0;
+                kisam_set_wait_hook(hook, nullptr, 0);
+            } else if (::write(pfd[1], "r", 1) != 1) {
+                return 5;
+            }
+            if (niswrite(fd, rec.data(), 11) != 0) return 2;
+            if (with_hook && (seen.begins != 1 || seen.ends != 1 || seen.signals < 1 || seen.given_up != 0)) return 3;
+            if (with_hook && seen.seconds <= 0) return 4;
+            return 0;
+        });
+        ::close(pfd[1]);
+        char c;
+        ASSERT_EQ(::read(pfd[0], &c, 1), 1);
+        ::close(pfd[0]);
+        for (int i = 0; i < 5; ++i) {
+            ::kill(child, SIGUSR1);
+            ::usleep(20000);
+        }
+        char buf[64];
+        EXPECT_EQ(nisfind(fd, 0, rec.data(), buf, sizeof buf), 0);
+        EXPECT_EQ(nisrelctl(fd), 0);
+        EXPECT_EQ(kt::wait_child(child), 0);
+        EXPECT_GT(nisfind(fd, 0, rec.data(), buf, sizeof buf), 0) << "the wait ended without the write";
+    }
+}
+
+TEST_F(WaitHook, TheFlagGivesUpAnOpenWaitingForTheOpenLockWithoutAHook) {
+    int fd = create("f", {4});
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(nisclose(fd), 0);
+    const uint32_t o = static_cast<uint32_t>(kisam::com_offset(&isam_com->opcl_lock));
+    kt::Pipe ready, go;
+    pid_t child = kt::start_child([&] {
+        interrupting_usr1();
+        if (is_chinit() != 0) return 1;
+        kisam_set_wait_hook(nullptr, nullptr, KISAM_WAIT_GIVE_UP);
+        ready.signal();
+        go.wait();
+        if (nisopen(path("f").c_str(), ISO_RDWR) != -1 || is_errno != KISAM_ISE_INTERRUPTED) return 2;
+        if (is_lock_mine(&isam_com->opcl_lock)) return 3;
+        return 0;
+    });
+    ASSERT_EQ(ready.wait(), 'x');
+    ASSERT_EQ(is_lock(&isam_com->opcl_lock), 0);
+    go.signal();
+    // Once the child waits for the range, interrupt it.
+    bool waiting = false;
+    for (int i = 0; i < 1000 && !waiting; ++i) {
+        for (int u = 0; u < isam_com->maxusers; ++u) waiting |= is_env.needs_[u] == o;
+        if (!waiting) ::usleep(2000);
+    }
+    EXPECT_TRUE(waiting);
+    EXPECT_EQ(interrupt_until_done(child), 0);
+    is_unlock(&isam_com->opcl_lock);
+}
+
+// A free lock costs one lock request with or without a hook; a take whose request fails
+// refuses the call with KISAM_ISE_LOCKFAIL and keeps nothing.
+TEST_F(WaitHook, AFreeLockCostsOneRequestAndAFailedOneRefusesTheCall) {
+    int fd = create("f", {4});
+    ASSERT_GE(fd, 0);
+    for (bool with_hook : {false, true}) {
+        kisam_set_wait_hook(with_hook ? hook : nullptr, nullptr, with_hook ? KISAM_WAIT_GIVE_UP : 0);
+        kt::Faults count;
+        ASSERT_EQ(nisgetctl(fd), 0);
+        EXPECT_EQ(kt::Faults::calls(kt::Faults::kLock), 1) << "hook " << with_hook;
+        ASSERT_EQ(nisrelctl(fd), 0);
+    }
+    kisam_set_wait_hook(nullptr, nullptr, 0);
+    EXPECT_EQ(seen.begins, 0);
+    for (int err : {ENOLCK, EIO}) {
+        kt::Faults fail;
+        fail.arm(kt::Faults::kLock, 1, kt::Faults::kOnce, err);
+        EXPECT_EQ(niswrite(fd, "abcd-record", 11), -1);
+        EXPECT_EQ(is_errno, KISAM_ISE_LOCKFAIL);
+        EXPECT_EQ(errno, err);
+        EXPECT_EQ(is_pfi[is_db[fd]->uniqueid].pfi_ctlcnt, 0);
+        EXPECT_FALSE(is_lock_mine(&ot::shared_fcp(fd)->jd_fcplock));
+    }
+    char buf[64];
+    EXPECT_EQ(nisfind(fd, 0, "abcd", buf, sizeof buf), 0);
+    EXPECT_EQ(niswrite(fd, "abcd-record", 11), 0) << "the file works once the lock calls do";
+}
+
+}  // namespace

@@ -4,6 +4,10 @@
 // they make, and that the generations it sees of one record never go back.  Writers are
 // also paused and killed in the middle of a change (through the test hook), where only
 // the change count keeps the readers from seeing half of it.
+//
+// And writers on their own key ranges and on one they all fight over, in a small pool:
+// afterwards a fresh process finds exactly the owned records each writer reported, only
+// well-formed records in the shared range, and the checker finds no damage.
 #include "kisam_test.h"
 
 #include "is_rec.h"
@@ -80,33 +84,26 @@ std::string order_key(const char* p, int k) {
     return s;
 }
 
-class ReadNoLockMp : public ::testing::Test {
+class ReadNoLockMp : public kt::Env {
 protected:
+    void SetUp() override {}   // the pool's size depends on the test
+    // The installation, the read file holding every id at generation 1, the other file.
     void start(int buffers) {
         kt::Config c;
         c.maxbuf = static_cast<int16_t>(buffers);
-        c.maxusers = 16;
-        inst_ = std::make_unique<kt::Installation>(c);
-        path_ = inst_->path("r.ism");
-        other_ = inst_->path("other.ism");
+        Env::start(c);
+        path_ = path("r.ism");
+        other_ = made("other.ism", {kK0});
         seed_ = kt::test_seed(0xC0FFEE);
-        int lens[3] = {kK0, kK1, kK2};
-        ASSERT_EQ(kt::run_child([&] {
-                      if (is_init() != 0) return 1;
-                      int fd = niscreate(path_.c_str(), 3, lens);
-                      int fo = niscreate(other_.c_str(), 1, lens);
-                      if (fd < 0 || fo < 0) return 2;
-                      for (unsigned id = 0; id < kIds; ++id) {
-                          const std::string r = record(id, 1);
-                          if (niswrite(fd, r.data(), static_cast<int>(r.size())) != 0) return 3;
-                      }
-                      nisclose(fo);
-                      nisclose(fd);
-                      return nisunisam() == 0 ? 0 : 4;
-                  }),
-                  0);
+        const int fd = create("r.ism", {kK0, kK1, kK2});
+        ASSERT_GE(fd, 0);
+        for (unsigned id = 0; id < kIds; ++id) {
+            const std::string r = record(id, 1);
+            ASSERT_EQ(niswrite(fd, r.data(), static_cast<int>(r.size())), 0);
+        }
+        nisclose(fd);
+        ASSERT_EQ(nisunisam(), 0);
     }
-    void TearDown() override { inst_.reset(); }
 
     std::string stop_file() const { return inst_->path("stop"); }
     bool stopped() const { return ::access(stop_file().c_str(), F_OK) == 0; }
@@ -256,49 +253,35 @@ protected:
                       return 0;
                   }),
                   0);
-        kisam::check::Report rep = kisam::check::check_file(path_);
-        EXPECT_TRUE(rep.ok) << rep.error;
+        EXPECT_TRUE(kt::sound(path_));
     }
 
-    std::unique_ptr<kt::Installation> inst_;
     std::string path_, other_;
     uint64_t seed_ = 0;
 };
 
-// Two writers and two readers at once, the file in the pool: every record the readers
-// get is whole and of a generation no older than one they saw before, and most reads
-// take no lock.
+// Two writers and two readers at once: every record the readers get is whole and of a
+// generation no older than one they saw before.  With the file in the pool, most reads
+// take no lock.  With a pool far smaller than the files, and a writer that also fills
+// another file, misses, loads in place and steals of the read file's slots go on all the
+// time.
 TEST_F(ReadNoLockMp, ReadersCheckEveryRecordWhileWritersChangeThem) {
-    start(2000);
-    std::vector<pid_t> readers;
-    for (int r = 0; r < 2; ++r) readers.push_back(kt::start_child([&, r] { return reader(r); }));
-    std::vector<pid_t> writers;
-    for (int w = 0; w < 2; ++w) writers.push_back(kt::start_child([&, w] { return writer(w, 2, 1500, false); }));
-    for (pid_t p : writers) EXPECT_EQ(kt::wait_child(p), 0);
-    stop();
-    for (pid_t p : readers) EXPECT_EQ(kt::wait_child(p), 0);
-    for (int r = 0; r < 2; ++r) {
-        auto [reads, nolock] = figures(r);
-        EXPECT_GT(reads, 1000);
-        EXPECT_GT(nolock, reads / 10) << "reader " << r;
+    for (bool small : {false, true}) {
+        SCOPED_TRACE(small ? "a small pool" : "the file in the pool");
+        start(small ? 96 : 2000);
+        const std::vector<pid_t> readers = spawn(2, [&](int r) { return reader(r); });
+        for (int st : workers(2, [&](int w) { return writer(w, 2, small ? 250 : 1500, small && w == 0); })) EXPECT_EQ(st, 0);
+        stop();
+        for (pid_t p : readers) EXPECT_EQ(kt::wait_child(p), 0);
+        for (int r = 0; r < 2; ++r) {
+            auto [reads, nolock] = figures(r);
+            EXPECT_GT(reads, small ? 100 : 1000);
+            if (!small) {
+                EXPECT_GT(nolock, reads / 10) << "reader " << r;
+            }
+        }
+        final_check();
     }
-    final_check();
-}
-
-// The same with a pool far smaller than the files, and a writer that also fills another
-// file: misses, loads in place and steals of the read file's slots go on all the time.
-TEST_F(ReadNoLockMp, ReadersCheckEveryRecordInASmallPool) {
-    start(96);
-    std::vector<pid_t> readers;
-    for (int r = 0; r < 2; ++r) readers.push_back(kt::start_child([&, r] { return reader(r); }));
-    pid_t w0 = kt::start_child([&] { return writer(0, 2, 250, true); });
-    pid_t w1 = kt::start_child([&] { return writer(1, 2, 250, false); });
-    EXPECT_EQ(kt::wait_child(w0), 0);
-    EXPECT_EQ(kt::wait_child(w1), 0);
-    stop();
-    for (pid_t p : readers) EXPECT_EQ(kt::wait_child(p), 0);
-    for (int r = 0; r < 2; ++r) EXPECT_GT(figures(r).first, 100);
-    final_check();
 }
 
 // Where a writer stops in the middle of a change, and what it does there.
@@ -341,8 +324,7 @@ TEST_P(ReadNoLockStop, ReadersStayRight) {
     const Stop st = GetParam();
     start(st.buffers);
     kt::Pipe hook;
-    std::vector<pid_t> readers;
-    for (int r = 0; r < 2; ++r) readers.push_back(kt::start_child([&, r] { return reader(r); }));
+    const std::vector<pid_t> readers = spawn(2, [&](int r) { return reader(r); });
     const int at = 3 + static_cast<int>(std::mt19937(static_cast<unsigned>(seed_))() % 20);
     pid_t w = kt::start_child([&] {
         hook_where = st.where;
@@ -365,11 +347,7 @@ TEST_P(ReadNoLockStop, ReadersStayRight) {
     if (!st.kill && first == 'p') {
         EXPECT_EQ(hook.wait(), 'r');
     }
-    const int wrc = kt::wait_child(w);
-    if (st.kill)
-        EXPECT_EQ(wrc, 128 + SIGKILL);
-    else
-        EXPECT_EQ(wrc, 0);
+    EXPECT_EQ(kt::wait_child(w), st.kill ? 128 + SIGKILL : 0);
     // The next writer repairs (when it comes first) and changes the file further.
     EXPECT_EQ(kt::run_child([&] { return writer(0, 1, 300, false); }), 0);
     stop();
@@ -387,5 +365,193 @@ INSTANTIATE_TEST_SUITE_P(
         const char* w = i.param.where == kisam::kHookTouch ? "Touch" : i.param.where == kisam::kHookLoad ? "Load" : "TakeAway";
         return std::string(i.param.kill ? "Kill" : "Pause") + w;
     });
+
+// ---- writers on their own ranges and a shared one ---------------------------------------
+
+constexpr int kKey0 = 8;
+constexpr int kKey1 = 4;
+constexpr int kWriters = 4;
+constexpr int kOwned = 250;      // ids per writer
+constexpr unsigned kShared = 9000;
+constexpr int kSharedIds = 60;
+
+std::string key0_of(unsigned id) {
+    std::string k(kKey0, '\0');
+    for (int i = 0; i < 4; ++i) k[static_cast<size_t>(i)] = static_cast<char>(id >> (24 - 8 * i));
+    for (int i = 4; i < kKey0; ++i) k[static_cast<size_t>(i)] = static_cast<char>(0xA0 + i);
+    return k;
+}
+
+uint32_t fnv(const char* p, size_t n) {
+    uint32_t h = 2166136261u;
+    for (size_t i = 0; i < n; ++i) h = (h ^ static_cast<unsigned char>(p[i])) * 16777619u;
+    return h;
+}
+
+// key 0, key 1, payload, and a checksum over everything before it in the last 4 bytes.
+std::string make_record(unsigned id, std::mt19937& rng) {
+    std::string r = key0_of(id);
+    static const char* vals[] = {"aaaa", "bbbb", "\x80\x80\x80\x80", "zz\xff\xff"};
+    r += vals[rng() % 4];
+    size_t len = 4 + (rng() % 10 == 0 ? rng() % 4000 : rng() % 200);
+    for (size_t i = 0; i < len; ++i) r += static_cast<char>(rng());
+    uint32_t h = fnv(r.data(), r.size());
+    r.append(reinterpret_cast<const char*>(&h), 4);
+    return r;
+}
+
+bool well_formed(const char* p, int n) {
+    if (n < kKey0 + kKey1 + 4) return false;
+    uint32_t h;
+    std::memcpy(&h, p + n - 4, 4);
+    return h == fnv(p, static_cast<size_t>(n - 4));
+}
+
+class ConcurrentRecords : public kt::Env {
+protected:
+    // A small pool, so that the writers take slots from each other all the time.
+    void SetUp() override {
+        kt::Config c;
+        c.maxbuf = 24;
+        start(c);
+        path_ = made("shared.ism", {kKey0, kKey1});
+    }
+
+    // One writer: random changes to its own range and the shared one, scans along key 1
+    // in between.  Its final view of its own range goes to a file for the parent.
+    int writer(int w) {
+        int fd = nisopen(path_.c_str(), ISO_RDWR);
+        if (fd < 0) return 10;
+        std::mt19937 rng(1000u + static_cast<unsigned>(w));
+        std::map<std::string, std::string> mine;
+        std::vector<char> buf(70000);
+        for (int step = 0; step < 1500; ++step) {
+            unsigned op = rng() % 100;
+            bool shared = rng() % 4 == 0;
+            unsigned id = shared ? kShared + rng() % kSharedIds : 1000u * (w + 1) + rng() % kOwned;
+            std::string rec = make_record(id, rng);
+            std::string k0 = key0_of(id);
+            bool had = mine.count(k0) != 0;
+            int n = static_cast<int>(rec.size());
+            if (op < 35) {
+                int r = niswrite(fd, rec.data(), n);
+                if (r < 0 || (!shared && r != (had ? 1 : 0))) return 20;
+                if (!shared && !had) mine[k0] = rec;
+            } else if (op < 50) {
+                if (nisfwrite(fd, rec.data(), n) != 0) return 21;
+                if (!shared) mine[k0] = rec;
+            } else if (op < 62) {
+                int r = nisupdate(fd, rec.data(), n);
+                if (!shared && r != (had ? 0 : -1)) return 22;
+                if (r < 0 && is_errno != ISE_NOKEY) return 23;
+                if (!shared && had) mine[k0] = rec;
+            } else if (op < 75) {
+                int r = nisdelete(fd, k0.data());
+                if (!shared && r != (had ? 0 : -1)) return 24;
+                if (r < 0 && is_errno != ISE_NOKEY) return 25;
+                mine.erase(k0);
+            } else {
+                // Own records read back exactly, whatever the others do meanwhile.
+                int r = nisfind(fd, 0, k0.data(), buf.data(), static_cast<int>(buf.size()));
+                if (!shared) {
+                    if (had != (r > 0)) return 26;
+                    if (had && std::string(buf.data(), static_cast<size_t>(r)) != mine[k0]) return 27;
+                } else if (r > 0 && !well_formed(buf.data(), r)) {
+                    return 28;
+                }
+            }
+        }
+        if (nisclose(fd) != 0) return 40;
+        FILE* f = std::fopen(inst_->path("owned." + std::to_string(w)).c_str(), "wb");
+        if (!f) return 41;
+        for (auto& [k, r] : mine) {
+            uint32_t n = static_cast<uint32_t>(r.size());
+            std::fwrite(&n, 4, 1, f);
+            std::fwrite(r.data(), 1, n, f);
+        }
+        std::fclose(f);
+        return nisunisam() == 0 ? 0 : 42;
+    }
+
+    std::map<std::string, std::string> owned(int w) {
+        std::map<std::string, std::string> m;
+        FILE* f = std::fopen(inst_->path("owned." + std::to_string(w)).c_str(), "rb");
+        if (!f) return m;
+        uint32_t n;
+        while (std::fread(&n, 4, 1, f) == 1) {
+            std::string r(n, '\0');
+            if (std::fread(r.data(), 1, n, f) != n) break;
+            m[r.substr(0, kKey0)] = r;
+        }
+        std::fclose(f);
+        return m;
+    }
+
+    std::string path_;
+};
+
+TEST_F(ConcurrentRecords, WritersKeepTheirOwnRangesAndTheIndexesWhole) {
+    // Two writers attach on their own, two inherit the parent's attachment through fork;
+    // all start at once.
+    kt::Pipe go;
+    std::vector<pid_t> pids;
+    for (int w = 0; w < 2; ++w)
+        pids.push_back(kt::start_child([&, w] {
+            if (is_init() != 0) return 50;
+            go.wait();
+            return writer(w);
+        }));
+    ASSERT_EQ(is_init(), 0);
+    for (int w = 2; w < kWriters; ++w)
+        pids.push_back(kt::start_child([&, w] {
+            if (is_chinit() != 0) return 51;
+            go.wait();
+            return writer(w);
+        }));
+    for (int w = 0; w < kWriters; ++w) go.signal();
+    for (size_t i = 0; i < pids.size(); ++i) EXPECT_EQ(kt::wait_child(pids[i]), 0) << "writer " << i;
+    ASSERT_EQ(nisunisam(), 0);
+    ASSERT_FALSE(HasFailure());
+
+    std::map<std::string, std::string> want;
+    for (int w = 0; w < kWriters; ++w) {
+        auto m = owned(w);
+        want.insert(m.begin(), m.end());
+    }
+    ASSERT_FALSE(want.empty());
+
+    // A fresh process scans key 0 from end to end.
+    EXPECT_EQ(kt::run_child([&] {
+                  if (is_init() != 0) return 1;
+                  int fd = nisopen(path_.c_str(), ISO_RDONLY);
+                  if (fd < 0) return 2;
+                  std::vector<char> buf(70000);
+                  size_t mine = 0;
+                  int r;
+                  while ((r = nisread(fd, 0, buf.data(), static_cast<int>(buf.size()))) > 0) {
+                      std::string rec(buf.data(), static_cast<size_t>(r));
+                      unsigned id = 0;
+                      for (int i = 0; i < 4; ++i) id = (id << 8) | static_cast<unsigned char>(rec[static_cast<size_t>(i)]);
+                      auto it = want.find(rec.substr(0, kKey0));
+                      if (id < kShared) {
+                          // An owned id: exactly what its writer last stored.
+                          if (it == want.end() || it->second != rec) return 3;
+                          ++mine;
+                      } else if (!well_formed(rec.data(), r)) {
+                          return 5;
+                      }
+                  }
+                  if (r < 0) return 6;
+                  if (mine != want.size()) return 7;
+                  nisclose(fd);
+                  return nisunisam() == 0 ? 0 : 8;
+              }),
+              0);
+
+    const kisam::check::Report rep = kisam::check::check_file(path_);
+    EXPECT_TRUE(kt::sound(path_));
+    EXPECT_TRUE(rep.data_accounted);
+    EXPECT_GE(rep.records, static_cast<long>(want.size()));
+}
 
 }  // namespace

@@ -7,7 +7,6 @@
 // process has used it (or, with nobody attached, once the next process attaches).
 #include "../engine/open_fixture.h"
 
-#include "kcheck.h"
 #include "os.h"
 
 #include <signal.h>
@@ -21,6 +20,8 @@ namespace {
 
 using ot::Env;
 using kt::Faults;
+using kt::slurp;
+using kt::spit;
 
 constexpr int kL0 = 60, kL1 = 90, kL2 = 40;
 constexpr int kMinRec = kL0 + kL1 + kL2;
@@ -57,24 +58,6 @@ int apply(int fd, const Call& c) {
     return -1;
 }
 
-std::string slurp(const std::string& path) {
-    std::string s;
-    FILE* f = std::fopen(path.c_str(), "rb");
-    if (!f) return s;
-    char buf[65536];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) s.append(buf, n);
-    std::fclose(f);
-    return s;
-}
-void spit(const std::string& path, const std::string& bytes) {
-    ::unlink(path.c_str());
-    FILE* f = std::fopen(path.c_str(), "wb");
-    ASSERT_NE(f, nullptr);
-    ASSERT_EQ(std::fwrite(bytes.data(), 1, bytes.size(), f), bytes.size());
-    std::fclose(f);
-}
-
 // The file's records as the library gives them along each of its keys, in key order.
 std::string records_of(int fd) {
     static const char zeros[128] = {};
@@ -107,9 +90,7 @@ std::string records_of(int fd) {
         return ::testing::AssertionFailure() << "the records differ from byte " << i << " of the listing ("
                                              << got.size() << " and " << want.size() << " bytes)";
     }
-    kisam::check::Report rep = kisam::check::check_file(f);
-    if (!rep.ok) return ::testing::AssertionFailure() << "checker: " << rep.error;
-    return ::testing::AssertionSuccess();
+    return kt::sound(f);
 }
 
 bool exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
@@ -120,11 +101,7 @@ class Undo : public Env {
 protected:
     void SetUp() override {
         Env::SetUp();
-        ::alarm(400);
-    }
-    void TearDown() override {
-        ::alarm(0);
-        Env::TearDown();
+        bound(400);
     }
 
     struct Target {
@@ -380,7 +357,7 @@ protected:
         kt::Config c;
         c.maxbuf = kTightPool;
         start(c);
-        ::alarm(400);
+        bound(400);
     }
 };
 

@@ -6,6 +6,7 @@
 #include "is_error.h"
 #include "is_file.h"
 #include "isx_area.h"
+#include "kcheck.h"
 #include "is_rec.h"
 #include "lg.h"
 #include "v_pool.h"
@@ -22,6 +23,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 namespace kt {
 
@@ -52,11 +54,15 @@ void write_config(const std::string& path, const Config& c) {
     ::close(fd);
 }
 
-Installation::Installation(const Config& c, bool with_lock_file) : lock_file_(with_lock_file) {
+Installation::Installation(const Config& c, bool with_lock_file, const std::string& at) : lock_file_(with_lock_file) {
     char tmpl[] = "/tmp/kisam-test-XXXXXX";
-    char* d = ::mkdtemp(tmpl);
-    if (!d) std::abort();
-    dir_ = d;
+    if (!at.empty() && ::mkdir(at.c_str(), 0700) != 0) {
+        std::fprintf(stderr, "cannot make %s (it must not exist): %s\n", at.c_str(), std::strerror(errno));
+        std::abort();
+    }
+    char* d = at.empty() ? ::mkdtemp(tmpl) : nullptr;
+    if (at.empty() && !d) std::abort();
+    dir_ = at.empty() ? std::string(d) : at;
     config_ = dir_ + "/kisamconfig";
     ::mkdir((dir_ + "/home").c_str(), 0777);
     ::mkdir((dir_ + "/q9").c_str(), 0777);
@@ -79,15 +85,16 @@ key_t Installation::key() const {
     return ::ftok(keyfile.c_str(), 1);
 }
 
-void Installation::remove_segment() {
+bool Installation::remove_segment() const {
     key_t k = key();
-    if (k == -1) return;
+    if (k == -1) return false;
     int id = ::shmget(k, 0, 0);
-    if (id >= 0) ::shmctl(id, IPC_RMID, nullptr);
+    return id >= 0 && ::shmctl(id, IPC_RMID, nullptr) == 0;
 }
 
 Installation::~Installation() {
     remove_segment();
+    if (keep) return;
     std::string cmd = "rm -rf '" + dir_ + "'";
     if (std::system(cmd.c_str()) != 0) { /* best effort */ }
 }
@@ -215,35 +222,6 @@ std::string capture_output(int fd, const std::function<void()>& fn) {
 }
 
 namespace {
-int fail_countdown = 0;   // calls up to the failing one; -1: every call fails
-int fail_errno = 0;
-bool fail_now() {
-    if (fail_countdown < 0 || (fail_countdown > 0 && --fail_countdown == 0)) {
-        errno = fail_errno;
-        return true;
-    }
-    return false;
-}
-ssize_t failing_pread(int fd, void* b, size_t n, off_t off) {
-    return fail_now() ? -1 : kisam::os_real.pread(fd, b, n, off);
-}
-ssize_t failing_pwrite(int fd, const void* b, size_t n, off_t off) {
-    return fail_now() ? -1 : kisam::os_real.pwrite(fd, b, n, off);
-}
-}  // namespace
-
-FailIo::FailIo(Kind kind, int n, int err) {
-    fail_countdown = n > 0 ? n : -1;
-    fail_errno = err;
-    if (kind == kRead) kisam::os.pread = failing_pread;
-    else kisam::os.pwrite = failing_pwrite;
-}
-FailIo::~FailIo() {
-    kisam::os.pread = kisam::os_real.pread;
-    kisam::os.pwrite = kisam::os_real.pwrite;
-}
-
-namespace {
 struct FaultState {
     int counts[Faults::kKinds] = {};
     Faults::Kind kind = Faults::kWrite;
@@ -309,6 +287,87 @@ void Faults::disarm() {
 }
 int Faults::calls(Kind kind) { return fs.counts[kind]; }
 bool Faults::hit() { return fs.hit; }
+
+void become_unattached() {
+    if (isam_com) ::shmdt(isam_com);
+    isam_com = nullptr;
+}
+
+::testing::AssertionResult sound(const std::string& file) {
+    const kisam::check::Report r = kisam::check::check_file(file);
+    if (r.ok) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << file << ": " << r.error;
+}
+
+std::string slurp(const std::string& path) {
+    std::string s;
+    const int fd = ::open(path.c_str(), O_RDONLY);
+    if (fd < 0) return s;
+    char buf[65536];
+    ssize_t n;
+    while ((n = ::read(fd, buf, sizeof buf)) > 0) s.append(buf, static_cast<size_t>(n));
+    ::close(fd);
+    return s;
+}
+
+void spit(const std::string& path, const std::string& bytes, mode_t mode) {
+    ::unlink(path.c_str());
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, mode);
+    ASSERT_GE(fd, 0) << path;
+    ASSERT_EQ(::write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size())) << path;
+    ::close(fd);
+    ASSERT_EQ(::chmod(path.c_str(), mode), 0);
+}
+
+void Env::TearDown() {
+    for (pid_t p : held_) ::kill(p, SIGKILL);
+    for (pid_t p : held_) wait_child(p);
+    held_.clear();
+    ::alarm(0);
+    nisunisam();
+    inst_.reset();
+}
+
+std::string Env::made(const std::string& name, std::vector<int> lens) {
+    const int fd = create(name, std::move(lens));
+    EXPECT_GE(fd, 0) << name << ": is_errno " << is_errno;
+    EXPECT_EQ(nisclose(fd), 0);
+    nisunisam();
+    return path(name);
+}
+
+pid_t Env::hold(const std::function<int()>& fn) {
+    Pipe ready;
+    const pid_t pid = start_child([&] {
+        if (int r = fn(); r != 0) return r;
+        ready.signal();
+        for (;;) ::pause();
+    });
+    ready.close_write();
+    EXPECT_EQ(ready.wait(), 'x') << "the held child failed";
+    held_.push_back(pid);
+    return pid;
+}
+
+void Env::kill(pid_t pid) {
+    ::kill(pid, SIGKILL);
+    EXPECT_EQ(wait_child(pid), 128 + SIGKILL);
+    std::erase(held_, pid);
+}
+
+std::vector<pid_t> Env::spawn(int n, const std::function<int(int)>& fn) {
+    std::vector<pid_t> pids;
+    for (int i = 0; i < n; ++i) pids.push_back(start_child([&fn, i] { return fn(i); }));
+    return pids;
+}
+
+std::vector<int> Env::workers(int n, const std::function<int(int)>& fn) {
+    std::vector<int> st;
+    for (pid_t p : spawn(n, fn)) st.push_back(wait_child(p));
+    return st;
+}
+
+void Env::bound(unsigned seconds) { ::alarm(seconds); }
 
 uint64_t test_seed(uint64_t fallback) {
     uint64_t seed = fallback;

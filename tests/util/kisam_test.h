@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -40,9 +41,10 @@ void write_config(const std::string& path, const Config& c);
 struct is_config to_record(const Config& c);
 
 // A temporary installation: directory, settings variables, configuration and lock file.
+// `at`: a directory to make (it must not exist) instead of a new temporary one.
 class Installation {
 public:
-    explicit Installation(const Config& c = Config(), bool with_lock_file = true);
+    explicit Installation(const Config& c = Config(), bool with_lock_file = true, const std::string& at = "");
     ~Installation();
     Installation(const Installation&) = delete;
     Installation& operator=(const Installation&) = delete;
@@ -50,10 +52,11 @@ public:
     const std::string& dir() const { return dir_; }
     std::string path(const std::string& name) const { return dir_ + "/" + name; }
     const std::string& config_path() const { return config_; }
-    // Removes every segment created under this installation's key (also called by the
-    // destructor).  Safe to call more than once.
-    void remove_segment();
+    // Removes the segment created under this installation's key (also called by the
+    // destructor); true when there was one.  Safe to call more than once.
+    bool remove_segment() const;
     key_t key() const;
+    bool keep = false;   // the destructor leaves the directory
 
 private:
     std::string dir_;
@@ -103,17 +106,6 @@ std::vector<int> error_stack();
 // Runs fn with file descriptor fd (1 or 2) redirected; returns what fn wrote to it.
 std::string capture_output(int fd, const std::function<void()>& fn);
 
-// While alive, makes the nth page read or write from now fail with errno err
-// (n 0: every one).
-class FailIo {
-public:
-    enum Kind { kRead, kWrite };
-    FailIo(Kind kind, int n, int err = EIO);
-    ~FailIo();
-    FailIo(const FailIo&) = delete;
-    FailIo& operator=(const FailIo&) = delete;
-};
-
 // Fault injection at the OS boundary, for sweeps over every system call of a workload.
 // Counts the calls of each kind made through the engine's OS table while alive (and,
 // with a fault set, makes the nth call fail with err, once or from then on, or kills
@@ -133,6 +125,52 @@ public:
     static int calls(Kind kind);
     // Whether the armed fault has been hit.
     static bool hit();
+};
+
+// ---- the multi-process fixture ---------------------------------------------------------
+
+// Turns a forked child of an attached process into one that has never attached: drops
+// the inherited mapping, so that its own detach can tell when it is the last.
+void become_unattached();
+
+// The structural checker's verdict on a closed file.
+::testing::AssertionResult sound(const std::string& file);
+
+// A file's bytes ("" when it cannot be read); a file made anew with the given bytes and mode.
+std::string slurp(const std::string& path);
+void spit(const std::string& path, const std::string& bytes, mode_t mode = 0600);
+
+// A test with its own installation (configuration c, made by start(); SetUp makes the
+// default one), its children and a bound on its time.  At the end it kills and reaps
+// every child still held, detaches, and removes the segment with the directory.
+class Env : public ::testing::Test {
+protected:
+    void start(const Config& c = Config(), bool lock_file = true) {
+        inst_ = std::make_unique<Installation>(c, lock_file);
+    }
+    void SetUp() override { start(); }
+    void TearDown() override;
+    std::string path(const std::string& name) const { return inst_->path(name); }
+    std::string lock() const { return inst_->config_path() + ".lk"; }
+    // Creates a file with the given key lengths and returns its descriptor.
+    int create(const std::string& name, std::vector<int> lens) {
+        return niscreate(path(name).c_str(), static_cast<int>(lens.size()), lens.data());
+    }
+    // Creates the file, closes it and detaches (no segment left); its path.
+    std::string made(const std::string& name, std::vector<int> lens);
+    // Runs fn in a child that, once fn returned 0, stays until it is killed; returns its
+    // pid when fn is done (fn's failure ends the child with fn's code).
+    pid_t hold(const std::function<int()>& fn);
+    // Kills a child with SIGKILL; expects it to die by it.
+    void kill(pid_t pid);
+    // Starts fn(0) .. fn(n - 1) in n children at once; their pids.
+    static std::vector<pid_t> spawn(int n, const std::function<int(int)>& fn);
+    // Runs fn(0) .. fn(n - 1) in n children at once; their exit statuses.
+    static std::vector<int> workers(int n, const std::function<int(int)>& fn);
+    // The test ends by SIGALRM after `seconds` (0: no bound), a hang being a failure.
+    void bound(unsigned seconds);
+    std::unique_ptr<Installation> inst_;
+    std::vector<pid_t> held_;
 };
 
 // Seed for randomized tests: KISAM_SEED from the environment, else a fixed default.
