@@ -153,7 +153,7 @@ def check_error_texts(map_path, kisam_h, man_dir):
     """niserrmsg(3) names every ISE_* code and gives each message exactly as the
     library's table has it (a tab written <tab>; runs of blanks compare as one)."""
     faults = []
-    src = os.path.join(os.path.dirname(os.path.abspath(map_path)), "engine", "is_error.cpp")
+    src = os.path.join(os.path.dirname(os.path.abspath(map_path)), "engine", "api", "is_error.cpp")
     table = open(src).read().split("msg_tbl[", 1)[1].split("};", 1)[0]
     msgs = [bytes(m, "ascii").decode("unicode_escape") for m in re.findall(r'"((?:[^"\\]|\\.)*)"', table)]
     page = rendered(os.path.join(man_dir, "niserrmsg.3"), 1000).stdout.decode()
