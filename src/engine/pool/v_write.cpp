@@ -5,7 +5,6 @@
 #include "v_pool.h"
 #include "v_internal.h"
 
-#include "fcp.h"
 #include "is_error.h"
 #include "is_lock.h"
 #include "jn.h"
