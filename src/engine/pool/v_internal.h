@@ -189,6 +189,16 @@ inline int index_find(int u, PAGE pno) noexcept {
 
 inline bool valid_slot(int s) { return s >= 0 && s < isam_com->maxbufs; }
 
+// Slot whose bu_data is at addr, or -1 (v_slot_of).
+inline int slot_of_data(const void* addr) noexcept {
+    if (!isam_com || !addr) return -1;
+    const uintptr_t base = reinterpret_cast<uintptr_t>(is_env.buf_) + offsetof(IS_BUF, bu_data);
+    const uintptr_t p = reinterpret_cast<uintptr_t>(addr);
+    if (p < base || (p - base) % sizeof(IS_BUF) != 0) return -1;
+    const uintptr_t s = (p - base) / sizeof(IS_BUF);
+    return s < static_cast<uintptr_t>(isam_com->maxbufs) ? static_cast<int>(s) : -1;
+}
+
 inline uint32_t chaingen(int u) noexcept {
     return std::atomic_ref<uint32_t>(xfile(u)->xf_chaingen).load(std::memory_order_acquire);
 }

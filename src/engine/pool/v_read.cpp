@@ -77,14 +77,7 @@ IS_DATA* get(PAGE pno, bool fresh) noexcept {
 
 using namespace kisam::pool;
 
-int v_slot_of(const void* addr) noexcept {
-    if (!isam_com || !addr) return -1;
-    const uintptr_t base = reinterpret_cast<uintptr_t>(is_env.buf_) + offsetof(IS_BUF, bu_data);
-    const uintptr_t p = reinterpret_cast<uintptr_t>(addr);
-    if (p < base || (p - base) % sizeof(IS_BUF) != 0) return -1;
-    const uintptr_t s = (p - base) / sizeof(IS_BUF);
-    return s < static_cast<uintptr_t>(isam_com->maxbufs) ? static_cast<int>(s) : -1;
-}
+int v_slot_of(const void* addr) noexcept { return slot_of_data(addr); }
 
 IS_DATA* v_read(PAGE pno) noexcept { return get(pno, false); }
 IS_DATA* v_fresh(PAGE pno) noexcept { return get(pno, true); }
@@ -115,7 +108,7 @@ int readbuf(IS_BUF* b, PAGE pno) noexcept {
 }
 
 int v_unsafe(PAGE pno, char* addr) noexcept {
-    int s = v_slot_of(addr);
+    int s = slot_of_data(addr);
     if (s < 0 || slot(s)->bu_pno != pno) return -1;
     slot(s)->bu_id &= static_cast<uint16_t>(~BU_INUSE);
     return 0;
@@ -146,8 +139,9 @@ int v_flush(void) noexcept {
         if (fcp->is_magic != (big ? ISMAGIC_1024 : ISMAGIC_512))
             return is_raise(ISE_FLFCP, PROC(P_V_READ, big ? 1 : 2));
     }
-    // The commit (v_write.cpp); the fixes are released only when it succeeded.
-    if (commit_changes(fcp, u, pfi) != 0) return -1;
+    // The commit (v_write.cpp); the fixes are released only when it succeeded.  With no
+    // page listed and the control page unchanged it has nothing to do.
+    if ((chg_n > 0 || (fcp->is_optbits & ISO_CHANGED)) && commit_changes(fcp, u, pfi) != 0) return -1;
 
     if (!book()) {
         walk_unfix(fcp, u);

@@ -126,7 +126,7 @@ int writebuf(IS_BUF* b) noexcept {
 }
 
 int v_write(PAGE pno, IS_DATA* datap) noexcept {
-    int s = v_slot_of(datap);
+    int s = slot_of_data(datap);
     // A buffer that does not hold the page it is said to hold: only a damaged file (a
     // page reached twice along its links) leads here.
     if (s < 0 || slot(s)->bu_pno != pno) return is_raise(ISE_BTS, PROC(P_V_WRITE, 6));
