@@ -6,6 +6,7 @@
 #include <sys/shm.h>
 
 #include "is_common.h"
+#include "is_heap.h"
 #include "isx_area.h"
 
 namespace {
@@ -109,6 +110,7 @@ TEST_F(IsInit, SegmentsWithoutTheExtensionAreaAreRefused) {
         // The documented regions as another library lays them out; the area left zero.
         isam_com = reinterpret_cast<struct isam_com*>(p);
         is_comlayout(&conf);
+        is_heaplayout(&conf);
         isam_com = nullptr;
         std::string err = kt::capture_output(2, [] { EXPECT_EQ(is_init(), -1); });
         EXPECT_EQ(is_errno, ISE_INITERR);

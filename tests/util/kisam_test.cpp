@@ -5,6 +5,7 @@
 #include "is_common.h"
 #include "is_error.h"
 #include "is_file.h"
+#include "is_heap.h"
 #include "isx_area.h"
 #include "kcheck.h"
 #include "is_rec.h"
@@ -111,6 +112,7 @@ int attach_raw(const Installation& inst, const Config& c) {
     isam_com = reinterpret_cast<struct isam_com*>(base);
     if (is_firstcomf || isam_com->maxopen == 0) {
         is_comlayout(&conf);
+        is_heaplayout(&conf);
         isx_layout();
     }
     if (!isx_attach(is_shmsize)) return -1;

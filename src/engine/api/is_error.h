@@ -8,6 +8,8 @@
 // (a link to no page, a page of the wrong kind, a chain that loops or leaves its page)
 // raises ISE_BTS, the code that says "the file is damaged", even where it would only
 // push its own entry over the failure of a routine it called.
+//
+// Requires: nothing; the state is this process's own.
 #pragma once
 
 #include "layout.h"

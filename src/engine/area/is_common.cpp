@@ -4,12 +4,12 @@
 //
 // Nothing inside the segment holds an address: every process maps it wherever it can,
 // so regions are reached through the header's bases and heap objects through offsets.
-// getcomm zeroes a segment that no process had attached; is_comlayout then initialises
-// it under the start-up lock, before any other process can look at it.
+// getcomm zeroes a segment that no process had attached; is_comlayout and the heap's
+// is_heaplayout then initialise it under the start-up lock, before any other process can
+// look at it.
 #include "is_common.h"
 
 #include "is_access.h"
-#include "is_heap.h"
 #include "isx_area.h"
 #include "os.h"
 
@@ -201,9 +201,6 @@ void is_comlayout(const struct is_config* conf) noexcept {
 
     int32_t* pfo = reinterpret_cast<int32_t*>(base + conf->co_pfobase);
     for (int i = 0; i < conf->co_maxopen; ++i) pfo[i] = -1;
-
-    heapinit(base + conf->co_heapbase,
-             static_cast<unsigned int>(conf->co_comsize - conf->co_heapbase));
 }
 
 void is_setenv(void) noexcept {

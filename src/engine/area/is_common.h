@@ -2,6 +2,12 @@
 // file locks; file identity.
 //
 // Module globals is_shmid and is_firstcomf describe the last getcomm().
+//
+// Requires: getcomm, freecom, is_comlayout (and is_heaplayout) run under the start-up
+// lock (bytes 0-1 of the lock file); the rest needs only the segment attached.  The
+// folder's other contracts: layout.h (the records), fcp.h (the control page's image),
+// is_lock.h (lock words), is_heap.h (the heap), isx_area.h (our own shared state),
+// is_access.h (who may use an installation).
 #pragma once
 
 #include "layout.h"
@@ -38,7 +44,8 @@ int sizecomm(struct is_config* confp) noexcept;
 int size_layout(struct is_config* confp, int64_t* heapp) noexcept;
 
 // First-attacher initialisation of the segment at isam_com from the configuration
-// record: header, buffer chain, shared-file table, heap.  Caller holds the start-up lock.
+// record: header, buffer chain, shared-file table; the heap is laid out next by
+// is_heaplayout (is_heap.h).  Caller holds the start-up lock.
 void is_comlayout(const struct is_config* conf) noexcept;
 // Sets is_env from the header's bases and the attach address isam_com.
 void is_setenv(void) noexcept;

@@ -49,6 +49,11 @@ void heapinit(void* vp, unsigned int nbytes) noexcept {
     isam_com->free_base = 0;
 }
 
+void is_heaplayout(const struct is_config* conf) noexcept {
+    heapinit(reinterpret_cast<char*>(isam_com) + conf->co_heapbase,
+             static_cast<unsigned int>(conf->co_comsize - conf->co_heapbase));
+}
+
 char* alloccom(unsigned int nbytes) noexcept {
     const uint64_t units = (static_cast<uint64_t>(nbytes) + kUnit - 1) / kUnit + 1;
     if (is_lock(free_lock()) != 0) return nullptr;

@@ -1,7 +1,8 @@
 // B-tree indexes: search, insert with splits, delete with underflow repair.
 //
-// Requires: the current file's control lock.  Pages go through the buffer pool and are
-// written as they change.  Item layout and page format: see bt_search.cpp.
+// Requires: the current file's control lock, and for a change the call's unit (a page's
+// before-image is saved before it first changes).  Pages go through the buffer pool and
+// reach the file's log at the commit.  Item layout and page format: see bt_search.cpp.
 //
 // Page of key k (L = k_itemlen, inc = L + 4):
 //   0  int16 bt_keyno, 2 int16 bt_nitems, 4 PAGE pointer 0 (__p0),

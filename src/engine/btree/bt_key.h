@@ -1,5 +1,7 @@
 // Key helpers: fill, overlap-safe move, ordering and equality of byte strings, and the
 // capacity of a B-tree page.  Keys compare as unsigned bytes.
+//
+// Requires: nothing; pure functions of their arguments.
 #pragma once
 
 #include "layout.h"

@@ -1,4 +1,9 @@
-// Start-up, handles, open, create, close, call framing and record locks.
+// Files and handles: create, open, close and shutdown, the per-process handle tables, and
+// processes that died while attached (is_reap.cpp).
+//
+// Requires: opcl_lock for every change of the shared-file table, of is_usecnt and of this
+// process's IS_PFI entries (is_open_note, the open and close paths); the exported
+// operations take it themselves.  Nothing else may be held when is_reap_slot waits.
 #pragma once
 
 #include "layout.h"
@@ -8,19 +13,11 @@ extern short n_ufiles;
 extern short IsKeyopt;
 extern short IsMagicVal;
 
-// Call frame.
-int is_isin(int procid, int isfd, int keyno) noexcept;
-void is_isout(void) noexcept;
-
-// Start-up helpers.
-int kiopenconfigfile(char* fnbuf, int util) noexcept;
+// Call frame (is_frame.h): every exported operation on files enters through it.
+#include "is_frame.h"
 
 // Handles.
 void is_dbfree(int isfd) noexcept;
-
-// Record locks: release this process's locks of handle isfd matching key (exact when
-// matchopt is 0, overlapping otherwise).  Requires the control lock.
-int is_unres(int isfd, const char* key, int keylen, int matchopt) noexcept;
 
 // Processes that died while attached (is_reap.cpp).  A process holds a lock on the byte
 // of the lock file at its process-table entry for as long as it is attached.

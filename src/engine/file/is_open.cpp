@@ -21,7 +21,6 @@
 #include "is_file.h"
 #include "is_heap.h"
 #include "is_lock.h"
-#include "is_rec.h"
 #include "isx_area.h"
 #include "jn.h"
 #include "lg.h"

@@ -18,11 +18,12 @@
 //   5  ISE_DEADLOCK or KISAM_ISE_LOCKFAIL: the range of the new lock could not be taken;
 //      no lock was added.
 // A conflict under rtnopt > 0 and an exhausted heap return -1 with no code.
+#include "is_ctl.h"
+
 #include "is_error.h"
-#include "is_file.h"
+#include "is_frame.h"
 #include "is_heap.h"
 #include "is_lock.h"
-#include "is_rec.h"
 #include "jn.h"
 #include "v_pool.h"
 

@@ -4,6 +4,8 @@
 // as a failure with errno kept (EIO for a transfer that ended early without an error).
 // The calls go through a table of function pointers so that tests can make the Nth call
 // of a kind fail and reach the error paths.
+//
+// Requires: nothing; callable from every layer under any lock.
 #pragma once
 
 #include <sys/types.h>

@@ -1,8 +1,10 @@
-// The buffer pool and page allocation.
+// The buffer pool and page allocation (rules in v_internal.h and README.pool.md).
 //
-// All calls work on the current file (is_curdb, is_curpfi, is_curfcp, set by the call
-// frame) and require this process to hold that file's control lock.  A page returned by
-// v_read or v_new stays fixed (BU_INUSE) until v_unsafe or the next v_flush.
+// Requires: the calls on pages work on the current file (is_curdb, is_curpfi, is_curfcp,
+// set by the call frame) and require this process to hold that file's control lock;
+// calls on another file (slot u, control page fcp) state the lock they need; buf_lock is
+// the pool's own, never held by a caller.  A page returned by v_read or v_new stays fixed
+// (BU_INUSE) until v_unsafe or the next v_flush.
 #pragma once
 
 #include "layout.h"

@@ -1,7 +1,8 @@
 // Data records: shared data pages, overflow chains and the free-space table.
 //
-// Requires: the current file's control lock.  Pages go through the buffer pool; every
-// page changed here is written to disk before the call returns.
+// Requires: the current file's control lock, inside the call's unit (a page's
+// before-image is saved before it first changes).  Pages go through the buffer pool and
+// reach the file's log at the commit.
 //
 // Record address: 0xFFFFFFFF none; P + 1 the record starts in overflow page P;
 // P + s (s even, 2..1022) it starts with the segment at byte s of shared page P.

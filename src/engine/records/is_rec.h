@@ -1,16 +1,12 @@
-// Record operations and the control lock of the current file.
+// Record operations on the current file: keyed read, write, update, delete.
+//
+// Requires: the call frame has selected the current file (is_isin).  is_read and is_write
+// take the control lock themselves (it nests); is_update and is_delete require it held,
+// inside the call's unit (nis_rec.cpp).
 #pragma once
 
+#include "is_ctl.h"
 #include "layout.h"
-
-// Control lock (nesting per process and file).  is_getctl: 0, or -1 when the wait was
-// refused as a deadlock (ISE_DEADLOCK raised, nothing taken).
-int is_getctl(void) noexcept;
-int is_relctl(void) noexcept;   // 0, -1 when the flush failed (lock kept)
-// After an outermost release that failed and the rollback of the unit it ended: flush
-// again and give the word up when that succeeds, or when a rollback is still pending on
-// the file (every later taker settles it before using the file).
-void is_relctl_again(void) noexcept;
 
 int is_read(int keyno, char* record, int recsize, int dir) noexcept;
 // The same read without the control lock (README.reads.md): its result (>= 0) when it

@@ -20,6 +20,8 @@
 #include "is_common.h"
 #include "is_error.h"
 #include "is_file.h"
+#include "is_heap.h"
+#include "is_init.h"
 #include "is_lock.h"
 #include "isx_area.h"
 #include "jn.h"
@@ -240,6 +242,7 @@ extern "C" KISAM_API int is_init(void) {
 
     if (is_firstcomf || isam_com->maxopen == 0) {
         is_comlayout(&conf);
+        is_heaplayout(&conf);
         isx_layout();
     }
     if (isam_com->iscom_magicval != ISCOM_MAGIC) return fail(ISE_MAGICVALERR, 1);

@@ -7,6 +7,9 @@
 //
 // Lock order: opcl_lock, then a file's control lock, then free_lock or buf_lock.
 //
+// Requires: the segment attached and the lock file open (is_lockfd); a caller takes the
+// words in the order above and waits for no word while it holds free_lock or buf_lock.
+//
 // A request to take a range that fails does not abort: the kernel refusing a wait that
 // would close a cycle of waits (EDEADLK), a lock call that fails (ENOLCK when the
 // kernel's lock table is full, EIO, ...), or a wait given up because a signal came (see

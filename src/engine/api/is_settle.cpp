@@ -8,7 +8,7 @@
 // dump, a salvage, a copy -- would take it for damage.  These calls let it ask first and
 // settle the rollback, without changing anything for the programs using the file.
 #include "is_error.h"
-#include "is_file.h"
+#include "is_init.h"
 #include "jn.h"
 #include "lg.h"
 

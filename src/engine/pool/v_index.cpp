@@ -1,0 +1,225 @@
+// The pool's per-process bookkeeping of one attachment: the page index, which maps
+// (file slot, page) to a pool slot, and what this process knows of each file's chain
+// (v_internal.h rules 2, 3 and 6).  Everything here is this process's own memory but the
+// change counts and chain logs in the extension area, written under the file's control
+// lock.
+#include "v_pool.h"
+#include "v_internal.h"
+
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+namespace kisam::pool {
+
+PoolBook bk;
+
+namespace {
+
+void book_free() noexcept {
+    std::free(bk.tab);
+    std::free(bk.key_of);
+    std::free(bk.known);
+    std::free(bk.known_gen);
+    std::free(bk.known_fcp);
+    std::free(bk.fixed);
+    std::free(bk.listed);
+    std::free(bk.walk_waits);
+    std::free(bk.walked);
+    std::free(bk.refused);
+    bk = PoolBook();
+}
+
+}  // namespace
+
+void book_setup() noexcept {
+    const int nb = isam_com->maxbufs > 0 ? isam_com->maxbufs : 0;
+    const int no = isam_com->maxopen > 0 ? isam_com->maxopen : 0;
+    if (!bk.ok || bk.nbufs != nb || bk.nopen != no) {
+        book_free();
+        uint32_t cap = 16;
+        int bits = 4;
+        while (cap < 2u * static_cast<uint32_t>(nb)) cap <<= 1, ++bits;
+        bk.tab = static_cast<uint64_t*>(std::malloc(cap * sizeof(uint64_t)));
+        bk.key_of = static_cast<uint64_t*>(std::malloc((nb + 1) * sizeof(uint64_t)));
+        bk.fixed = static_cast<int16_t*>(std::malloc((nb + 1) * sizeof(int16_t)));
+        bk.listed = static_cast<uint8_t*>(std::malloc(nb + 1));
+        bk.known = static_cast<uint8_t*>(std::malloc(no + 1));
+        bk.known_gen = static_cast<uint32_t*>(std::malloc((no + 1) * sizeof(uint32_t)));
+        bk.known_fcp = static_cast<int32_t*>(std::malloc((no + 1) * sizeof(int32_t)));
+        bk.walk_waits = static_cast<uint32_t*>(std::malloc((no + 1) * sizeof(uint32_t)));
+        bk.walked = static_cast<uint8_t*>(std::malloc(no + 1));
+        bk.refused = static_cast<uint32_t*>(std::malloc((no + 1) * sizeof(uint32_t)));
+        bk.ok = bk.tab && bk.key_of && bk.fixed && bk.listed && bk.known && bk.known_gen &&
+                bk.known_fcp && bk.walk_waits && bk.walked && bk.refused;
+        if (!bk.ok) {
+            book_free();
+        } else {
+            bk.mask = cap - 1;
+            bk.shift = 64 - bits;
+            bk.nbufs = nb;
+            bk.nopen = no;
+        }
+    }
+    if (bk.ok) {
+        std::memset(bk.tab, 0xFF, (bk.mask + 1) * sizeof(uint64_t));  // kEmpty
+        for (int i = 0; i < nb; ++i) bk.key_of[i] = kNoKey;
+        std::memset(bk.listed, 0, nb + 1);
+        std::memset(bk.known, 0, no + 1);
+        std::memset(bk.walked, 0, no + 1);
+        std::memset(bk.refused, 0, (no + 1) * sizeof(uint32_t));
+        bk.scan_no = 0;
+        bk.nfixed = 0;
+    }
+    bk.com = isam_com;
+    bk.shmid = is_shmid;
+}
+
+void index_erase(int s) noexcept {
+    uint64_t key = bk.key_of[s];
+    if (key == kNoKey) return;
+    bk.key_of[s] = kNoKey;
+    const uint64_t mine = entry_of(key, s);
+    uint32_t i = home_of(key);
+    while (bk.tab[i] != mine) i = (i + 1) & bk.mask;
+    // Backward-shift deletion keeps every probe sequence unbroken without tombstones.
+    for (uint32_t j = i;;) {
+        j = (j + 1) & bk.mask;
+        const uint64_t t = bk.tab[j];
+        if (t == kEmpty) break;
+        uint32_t k = home_of(entry_key(t));
+        bool movable = (j > i) ? (k <= i || k > j) : (k <= i && k > j);
+        if (movable) {
+            bk.tab[i] = t;
+            i = j;
+        }
+    }
+    bk.tab[i] = kEmpty;
+}
+
+void index_put(int u, PAGE pno, int s) noexcept {
+    if (pno == KISAM_NOPAGE) {
+        index_erase(s);
+        return;
+    }
+    uint64_t key = page_key(u, pno);
+    if (bk.key_of[s] == key) return;
+    index_erase(s);
+    int pos = index_pos(key);
+    if (pos >= 0) {
+        bk.key_of[entry_slot(bk.tab[pos])] = kNoKey;
+        bk.tab[pos] = entry_of(key, s);
+    } else {
+        uint32_t i = home_of(key);
+        while (bk.tab[i] != kEmpty) i = (i + 1) & bk.mask;
+        bk.tab[i] = entry_of(key, s);
+    }
+    bk.key_of[s] = key;
+}
+
+namespace {
+
+// Files slot s as its tag says when it is u's; drops an entry of u's that it no longer
+// deserves.
+inline void index_refile(int u, int s) noexcept {
+    const IS_BUF* b = slot(s);
+    if (file_of(b) == u)
+        index_put(u, b->bu_pno, s);
+    else if (bk.key_of[s] != kNoKey && key_file(bk.key_of[s]) == u)
+        index_erase(s);
+}
+
+}  // namespace
+
+void learn(IS_FCP* fcp, int u) noexcept {
+    const uint32_t now = chaingen(u);
+    if (knows(u)) {
+        const uint32_t behind = now - bk.known_gen[u];
+        if (behind == 0) return;
+        if (behind <= isx_area->xh_log_len) {
+            const int16_t* log = kisam::isx_log(u);
+            for (uint32_t g = bk.known_gen[u] + 1; g != now + 1; ++g) {
+                const int s = log[g & log_mask()];
+                if (valid_slot(s)) index_refile(u, s);
+            }
+            bk.known_gen[u] = now;
+            return;
+        }
+    }
+    const int nb = isam_com->maxbufs;
+    int n = 0;
+    for (int s = fcp->jd_buf_hd; valid_slot(s) && n < nb; s = slot(s)->bu_next, ++n)
+        index_put(u, slot(s)->bu_pno, s);
+    // The shared length is only as good as the last change: a process that died in the
+    // middle of one may have left it off.  The walk knows it exactly.
+    xfile(u)->xf_chainlen = static_cast<uint32_t>(n);
+    bk.known[u] = 1;
+    bk.known_gen[u] = now;
+    bk.known_fcp[u] = is_env.pfo_tbl[u];
+}
+
+void chain_changed(int u, int s) noexcept {
+    isx_file* f = xfile(u);
+    const uint32_t g = f->xf_chaingen + 1;
+    kisam::isx_log(u)[g & log_mask()] = static_cast<int16_t>(s);
+    std::atomic_ref<uint32_t>(f->xf_chaingen).store(g, std::memory_order_release);
+    if (bk.com == isam_com && bk.ok && u < bk.nopen && knows(u) && bk.known_gen[u] == g - 1) {
+        index_refile(u, s);
+        bk.known_gen[u] = g;
+    }
+}
+
+void chain_reset(int u) noexcept {
+    isx_file* f = xfile(u);
+    f->xf_hand = -1;
+    f->xf_chainlen = 0;
+    std::atomic_ref<uint32_t>(f->xf_chaingen)
+        .store(f->xf_chaingen + isx_area->xh_log_len + 1, std::memory_order_release);
+}
+
+void chain_forget(int u) noexcept {
+    isx_file* f = xfile(u);
+    std::atomic_ref<uint32_t>(f->xf_chaingen)
+        .store(f->xf_chaingen + isx_area->xh_log_len + 1, std::memory_order_release);
+}
+
+}  // namespace kisam::pool
+
+using namespace kisam::pool;
+
+void v_forget_file(int u) noexcept {
+    if (!isam_com || bk.com != isam_com || !bk.ok || u < 0 || u >= bk.nopen) return;
+    bk.known[u] = 0;
+    bk.walked[u] = 0;
+}
+
+void v_enter_file(int u) noexcept {
+    if (!isam_com || !isx_area || u < 0 || u >= isam_com->maxopen) return;
+    chain_reset(u);
+    // Nobody has the slot's old file open any more; whatever count it left, the new
+    // file starts with no change under way.
+    std::atomic_ref<uint32_t> q(xfile(u)->xf_seq);
+    if (q.load(std::memory_order_relaxed) & 1) q.fetch_add(1, std::memory_order_release);
+    v_forget_file(u);
+}
+
+void v_reset_process(void) noexcept {
+    bk.com = nullptr;
+    bk.shmid = -1;
+}
+
+void v_fork_process(void) noexcept {
+    peek_forget();  // the parent adds its own
+    if (bk.com != isam_com || bk.shmid != is_shmid || !bk.ok) {
+        v_reset_process();
+        return;
+    }
+    // A fork happens between calls, when no page is fixed; the fixes of the parent, if
+    // any, stay the parent's to release.
+    bk.nfixed = 0;
+    std::memset(bk.listed, 0, bk.nbufs + 1);
+    std::memset(bk.walked, 0, bk.nopen + 1);
+    std::memset(bk.refused, 0, (bk.nopen + 1) * sizeof(uint32_t));
+    bk.scan_no = 0;
+}
