@@ -732,9 +732,11 @@ bool sleep_on(isx_sync* s, uint32_t g, long usec) noexcept {
     const uint32_t want = g | ISX_SYNC_SLEEPERS;
     if (g != want && !at32(s->xs_gen).compare_exchange_strong(g, want)) return false;
     struct timespec ts{usec / 1000000, (usec % 1000000) * 1000};
+    const int e = errno;  // a call that succeeds leaves errno as the program set it
     // The segment is shared between processes: no private futex.
-    const long r = ::syscall(SYS_futex, &s->xs_gen, FUTEX_WAIT, want, &ts, nullptr, 0);
-    return r != 0 && errno == ETIMEDOUT;
+    const bool ran_out = ::syscall(SYS_futex, &s->xs_gen, FUTEX_WAIT, want, &ts, nullptr, 0) != 0 && errno == ETIMEDOUT;
+    errno = e;
+    return ran_out;
 }
 
 // The generation moves on; whoever sleeps on it wakes.
@@ -742,7 +744,11 @@ void next_gen(isx_sync* s) noexcept {
     uint32_t g = at32(s->xs_gen).load(std::memory_order_relaxed);
     while (!at32(s->xs_gen).compare_exchange_weak(g, (g + 1) & ~ISX_SYNC_SLEEPERS, std::memory_order_acq_rel)) {
     }
-    if (g & ISX_SYNC_SLEEPERS) ::syscall(SYS_futex, &s->xs_gen, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+    if (g & ISX_SYNC_SLEEPERS) {
+        const int e = errno;
+        ::syscall(SYS_futex, &s->xs_gen, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+        errno = e;
+    }
 }
 
 // This process as a sync's leader: its pid and its process-table slot.
@@ -771,8 +777,8 @@ int lead_sync(int u, int fd, int i) noexcept {
     // The durable calls this sync covers (those committed since the previous one took
     // the log's end) are the group the next one gathers.
     const uint32_t calls = at32(s->xs_calls).load(std::memory_order_acquire);
-    s->xs_group = calls - s->xs_base;
-    s->xs_base = calls;
+    at32(s->xs_group).store(calls - at32(s->xs_base).load(std::memory_order_relaxed), std::memory_order_relaxed);
+    at32(s->xs_base).store(calls, std::memory_order_relaxed);
     // Every record below xf_log_end was written before the end was advanced past it:
     // the sync that starts now covers them all.
     const uint64_t end = at(x->xf_log_end).load(std::memory_order_acquire);
@@ -788,8 +794,8 @@ int lead_sync(int u, int fd, int i) noexcept {
         }
     }
     const long us = usec_since(t0);
-    s->xs_usec = static_cast<uint32_t>(us > 0 ? us : 0);
-    s->xs_syncs++;
+    at32(s->xs_usec).store(static_cast<uint32_t>(us > 0 ? us : 0), std::memory_order_relaxed);
+    at32(s->xs_syncs).fetch_add(1, std::memory_order_relaxed);
     at(s->xs_target[i]).store(0, std::memory_order_relaxed);
     at(s->xs_lead[i]).store(0, std::memory_order_release);
     // A sync that failed wakes the others too: each then syncs and reports for itself.
@@ -846,9 +852,10 @@ int sync_to(int u, uint64_t lsn, bool gather) noexcept {
         }
         if (!gathered) {
             const long waited = usec_since(t0);
-            const long most = std::min<long>(s->xs_usec, kGatherMaxUs);
-            const uint32_t have = at32(s->xs_calls).load(std::memory_order_acquire) - s->xs_base;
-            if (have < s->xs_group && waited < most) {
+            const long most = std::min<long>(at32(s->xs_usec).load(std::memory_order_relaxed), kGatherMaxUs);
+            const uint32_t have = at32(s->xs_calls).load(std::memory_order_acquire) -
+                                  at32(s->xs_base).load(std::memory_order_relaxed);
+            if (have < at32(s->xs_group).load(std::memory_order_relaxed) && waited < most) {
                 sleep_on(s, g, most - waited);
                 continue;
             }
