@@ -10,6 +10,7 @@
 #include "is_rec.h"
 #include "isx_area.h"
 #include "jn.h"
+#include "lg.h"
 #include "v_pool.h"
 
 #include <cerrno>
@@ -56,6 +57,7 @@ void abandoned() noexcept {
         is_unlock(&isam_com->buf_lock);
     }
     if (jn_active()) jn_abort();
+    lg_abandoned();
     // A rollback that an earlier abandonment cut short is finished before any hold ends:
     // a release would commit pages it had not put back yet.
     for (int u = 0; is_pfi && isx_area && u < isam_com->maxopen; ++u) {

@@ -13,7 +13,7 @@ inline uint32_t round_line(uint64_t n) { return static_cast<uint32_t>((n + kLine
 
 struct Geometry {
     uint32_t file_base, proc_base, open_base, open_bytes, ref_base, reaped_base, path_base, link_base,
-        log_base, log_len, lsn_base, whole_base, whole_mask, size;
+        log_base, log_len, lsn_base, whole_base, whole_mask, sync_base, size;
 };
 
 // Entries of one chain log: a process that fell further behind than this walks the
@@ -45,7 +45,8 @@ Geometry geometry(int maxopen, int maxusers, int maxbufs) {
     uint64_t w = 1024;
     while (w < 16 * nb) w <<= 1;
     g.whole_mask = static_cast<uint32_t>(w - 1);
-    g.size = round_line(g.whole_base + w * sizeof(uint64_t));
+    g.sync_base = round_line(g.whole_base + w * sizeof(uint64_t));
+    g.size = round_line(g.sync_base + no * sizeof(isx_sync));
     return g;
 }
 
@@ -78,6 +79,7 @@ void isx_layout(void) noexcept {
     h->xh_lsn_base = g.lsn_base;
     h->xh_whole_base = g.whole_base;
     h->xh_whole_mask = g.whole_mask;
+    h->xh_sync_base = g.sync_base;
     isx_file* f = reinterpret_cast<isx_file*>(base + g.file_base);
     for (int u = 0; u < isam_com->maxopen; ++u) f[u].xf_hand = -1;
     // The magic goes in last: a head with the magic is a complete layout.
@@ -98,7 +100,8 @@ isx_head* isx_find(char* base, size_t segsize) noexcept {
         h->xh_open_bytes != g.open_bytes || h->xh_ref_base != g.ref_base ||
         h->xh_reaped_base != g.reaped_base || h->xh_path_base != g.path_base ||
         h->xh_link_base != g.link_base || h->xh_log_base != g.log_base || h->xh_log_len != g.log_len ||
-        h->xh_lsn_base != g.lsn_base || h->xh_whole_base != g.whole_base || h->xh_whole_mask != g.whole_mask)
+        h->xh_lsn_base != g.lsn_base || h->xh_whole_base != g.whole_base || h->xh_whole_mask != g.whole_mask ||
+        h->xh_sync_base != g.sync_base)
         return nullptr;
     return h;
 }

@@ -33,6 +33,9 @@
 //                            is in their file's log of that generation, for pages that
 //                            leave the pool (a lossy hint: an entry lost costs a whole
 //                            image in the log again, never a wrong one)
+//   isx_sync[maxopen]        64 bytes each, one per shared-file slot: who syncs the
+//                            file's redo log now, and the group of durable calls that
+//                            share that sync (group commit, lg.h)
 //
 // The area is zeroed with the segment and laid out by the first attacher under the
 // start-up lock.  A segment made without it (by a library that does not know it), or
@@ -75,7 +78,8 @@ struct isx_head {
                              //        table (a last close could not write them out)
     uint32_t xh_whole_base;  // 96-99  the whole-page table
     uint32_t xh_whole_mask;  // 100-103 its entries - 1
-    uint32_t xh_spare[6];    // 104-127
+    uint32_t xh_sync_base;   // 104-107 the group-commit table
+    uint32_t xh_spare[5];    // 108-127
 };
 KISAM_RECORD(isx_head, 128);
 KISAM_AT(isx_head, xh_magic, 0);       KISAM_AT(isx_head, xh_version, 4);
@@ -92,7 +96,8 @@ KISAM_AT(isx_head, xh_lsn_base, 68);  KISAM_AT(isx_head, xh_rec_logs, 72);
 KISAM_AT(isx_head, xh_rec_units, 76); KISAM_AT(isx_head, xh_rec_pages, 80);
 KISAM_AT(isx_head, xh_rec_time, 84);  KISAM_AT(isx_head, xh_rec_usec, 88);
 KISAM_AT(isx_head, xh_leftover, 92);  KISAM_AT(isx_head, xh_whole_base, 96);
-KISAM_AT(isx_head, xh_whole_mask, 100); KISAM_AT(isx_head, xh_spare, 104);
+KISAM_AT(isx_head, xh_whole_mask, 100); KISAM_AT(isx_head, xh_sync_base, 104);
+KISAM_AT(isx_head, xh_spare, 108);
 
 // One per shared-file slot.  Reset when the slot is taken by a new file (open) so that
 // nothing learnt about the slot's previous file carries over.
@@ -127,6 +132,30 @@ KISAM_AT(isx_file, xf_log_end, 24); KISAM_AT(isx_file, xf_log_synced, 32);
 KISAM_AT(isx_file, xf_log_start, 40); KISAM_AT(isx_file, xf_log_fcpgen, 48);
 KISAM_AT(isx_file, xf_spare, 52);
 
+// One per shared-file slot: the group commit of the file's redo log (lg.h rule 7).
+// Reset with the slot's log when a file enters the slot.
+struct isx_sync {
+    uint64_t xs_lead[2];     //  0-15  the processes syncing the log now, two at most at
+                             //        once: pid << 16 | (process-table slot + 1); 0 free
+    uint64_t xs_target[2];   // 16-31  the LSN each running sync covers (0 until known)
+    uint32_t xs_gen;         // 32-35  advanced when a sync ends (a futex word: those
+                             //        waiting for a sync sleep on it); ISX_SYNC_SLEEPERS
+                             //        set while someone sleeps on it
+    uint32_t xs_calls;       // 36-39  durable calls committed on the file (wraps)
+    uint32_t xs_base;        // 40-43  xs_calls when the latest sync took the log's end
+    uint32_t xs_group;       // 44-47  durable calls committed between the two latest
+                             //        syncs' starts: the group the next one gathers
+    uint32_t xs_usec;        // 48-51  how long the latest sync took, microseconds
+    uint32_t xs_syncs;       // 52-55  statistics: syncs of the log (wraps)
+    uint32_t xs_spare[2];    // 56-63
+};
+KISAM_RECORD(isx_sync, 64);
+KISAM_AT(isx_sync, xs_lead, 0);   KISAM_AT(isx_sync, xs_target, 16); KISAM_AT(isx_sync, xs_gen, 32);
+KISAM_AT(isx_sync, xs_calls, 36); KISAM_AT(isx_sync, xs_base, 40);   KISAM_AT(isx_sync, xs_group, 44);
+KISAM_AT(isx_sync, xs_usec, 48);  KISAM_AT(isx_sync, xs_syncs, 52);  KISAM_AT(isx_sync, xs_spare, 56);
+inline constexpr int ISX_SYNC_SLOTS = 2;
+inline constexpr uint32_t ISX_SYNC_SLEEPERS = 0x80000000u;
+
 // One per process-table slot.
 struct isx_proc {
     int32_t xp_pid;          //  0-3   the process that claimed the slot (0 when free)
@@ -152,7 +181,9 @@ inline constexpr uint32_t ISX_MAGIC = 0x3158414Bu;  // "KAX1"
 // a library refuses this one.
 // 4: pages reach their files only after the redo log that covers them (lg.h): a library
 // that wrote pages at every call would break that order, so versions do not mix.
-inline constexpr uint16_t ISX_VERSION = 4;
+// 5: durable calls share a sync through the group-commit table (isx_sync) instead of a
+// lock on the log: a library that waited on the lock would not see who syncs.
+inline constexpr uint16_t ISX_VERSION = 5;
 // In a page log mark: the page's next log entry must be its whole image.
 inline constexpr uint64_t ISX_LSN_FULL = uint64_t{1} << 63;
 
@@ -210,6 +241,10 @@ inline uint64_t whole_entry(int u, uint32_t gen, uint32_t pno) {
 inline uint64_t* isx_whole_at(uint64_t entry) {
     uint64_t* t = reinterpret_cast<uint64_t*>(reinterpret_cast<char*>(isx_area) + isx_area->xh_whole_base);
     return t + ((entry * 0x9E3779B97F4A7C15ull) >> 32 & isx_area->xh_whole_mask);
+}
+// Group commit of the log of shared-file slot u.
+inline isx_sync* isx_sync_of(int u) {
+    return reinterpret_cast<isx_sync*>(reinterpret_cast<char*>(isx_area) + isx_area->xh_sync_base) + u;
 }
 // Chain log of shared-file slot u: xh_log_len entries.
 inline int16_t* isx_log(int u) {

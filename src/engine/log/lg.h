@@ -33,8 +33,13 @@
 //     slot when a file enters it.
 //  7. Durable mode (configuration or KISAM_DURABLE=1): a changing call returns only once
 //     the log holds it on disk.  Calls of several processes ending together share one
-//     sync (group commit): whoever syncs takes the log's sync lock and covers every
-//     record appended so far; the others find their record covered.
+//     sync (group commit, the file's isx_sync): a call whose record is neither on disk
+//     nor covered by a running sync takes one of two sync slots and syncs everything
+//     appended so far; the others sleep (a futex on xs_gen) until a sync ends and look
+//     again.  Before it syncs, a durable call waits a little (at most about a sync's
+//     time) for as many durable calls as the latest sync covered, so that a group stays
+//     together.  A slot whose process died, or that a call abandoned by a signal
+//     handler's jump left taken, is freed by whoever finds it so.
 //
 // Requires: lg_commit, lg_checkpoint and lg_undo_tail run with the file's control lock
 // held; lg_sync_to holds nothing; lg_enter holds opcl_lock; lg_recover_all the start-up
@@ -86,6 +91,9 @@ int lg_compensate(IS_FCP* fcp, int u, const PAGE* pnos, const IS_DATA* const* da
 
 // The log of file u on disk up to at least `lsn`.  0, or -1 with the error raised.
 int lg_sync_to(int u, uint64_t lsn) noexcept;
+// A call of this process was abandoned part way: a sync it was making for the others
+// is given up (they sync themselves).
+void lg_abandoned(void) noexcept;
 // The rule before writing slot s's page (of file u) to the file: its log on disk.
 int lg_wal(int u, int s) noexcept;
 
