@@ -6,6 +6,8 @@
 // operations take it themselves.  Nothing else may be held when is_reap_slot waits.
 #pragma once
 
+#include "is_live.h"
+
 #include "layout.h"
 
 // Per-process counters and create options.
@@ -19,11 +21,8 @@ extern short IsMagicVal;
 // Handles.
 void is_dbfree(int isfd) noexcept;
 
-// Processes that died while attached (is_reap.cpp).  A process holds a lock on the byte
-// of the lock file at its process-table entry for as long as it is attached.
-bool is_slot_dead(int i) noexcept;        // slot i names a process that is gone
-int is_live_claim(void) noexcept;         // take that lock for this process's slot; 0/-1
-void is_live_release(void) noexcept;      // give it up (detach)
+// Processes that died while attached (is_reap.cpp); telling them from live ones is the
+// area's (is_live.h).
 // Marks file slot u open (or no longer open) in this process's open set.  Requires
 // opcl_lock.
 void is_open_note(int u, bool open) noexcept;

@@ -13,7 +13,7 @@
 #include "fcp.h"
 #include "is_access.h"
 #include "is_error.h"
-#include "is_file.h"
+#include "is_live.h"
 #include "is_lock.h"
 #include "isx_area.h"
 #include "jn.h"

@@ -1,0 +1,14 @@
+// Which attached processes are alive.  A process holds a write lock on the byte of the
+// lock file at its process-table entry for as long as it is attached; the kernel drops it
+// with the process, so a slot whose byte nobody holds names a process that is gone -- a
+// test that a reused process id cannot fool.  (A process between claiming its slot and
+// taking the lock, or attached by a tool that takes none, is judged by whether its pid
+// exists.)
+//
+// Requires: attached (isam_com, isx_area, the lock file open); is_live_claim and
+// is_live_release run for this process's own slot, under the start-up lock.
+#pragma once
+
+bool is_slot_dead(int i) noexcept;        // slot i names a process that is gone
+int is_live_claim(void) noexcept;         // take that lock for this process's slot; 0/-1
+void is_live_release(void) noexcept;      // give it up (detach)
