@@ -13,7 +13,7 @@
 //      is held afterwards
 #include "is_error.h"
 #include "is_lock.h"
-#include "is_rec.h"
+#include "is_ctl.h"
 #include "isx_area.h"
 #include "jn.h"
 #include "v_pool.h"
