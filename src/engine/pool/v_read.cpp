@@ -24,6 +24,19 @@ void walk_unfix(IS_FCP* fcp, int u) noexcept {
 
 namespace {
 
+// The slot holding page pno of file u, or -1: through this process's page index when it
+// keeps one (hb), learning u's chain again when the index may be behind it, else along
+// the chain.
+inline int find_cached(IS_FCP* fcp, int u, PAGE pno, bool hb) noexcept {
+    if (!hb) return chain_find(fcp, pno);
+    int s = index_find(u, pno);
+    if (s < 0 && !(knows(u) && bk.known_gen[u] == chaingen(u))) {
+        learn(fcp, u);
+        s = index_find(u, pno);
+    }
+    return s;
+}
+
 // Page pno of the current file fixed in a slot: as cached or read, or (fresh) a page
 // past the file's end, zeroed without a read.
 IS_DATA* get(PAGE pno, bool fresh) noexcept {
@@ -32,16 +45,7 @@ IS_DATA* get(PAGE pno, bool fresh) noexcept {
     const bool hb = book();
     const LRUt C = clock_advance(isam_com->lru_cnt);
 
-    int s;
-    if (hb) {
-        s = index_find(u, pno);
-        if (s < 0 && !(knows(u) && bk.known_gen[u] == chaingen(u))) {
-            learn(fcp, u);
-            s = index_find(u, pno);
-        }
-    } else {
-        s = chain_find(fcp, pno);
-    }
+    int s = find_cached(fcp, u, pno, hb);
     if (s >= 0) {
         IS_BUF* b = slot(s);
         count(isam_com->hit);
@@ -117,16 +121,7 @@ int v_unsafe(PAGE pno, char* addr) noexcept {
 int v_hit(PAGE pno, int keyno) noexcept {
     IS_FCP* fcp = is_curfcp;
     const int u = current_file();
-    int s;
-    if (book()) {
-        s = index_find(u, pno);
-        if (s < 0 && !(knows(u) && bk.known_gen[u] == chaingen(u))) {
-            learn(fcp, u);
-            s = index_find(u, pno);
-        }
-    } else {
-        s = chain_find(fcp, pno);
-    }
+    int s = find_cached(fcp, u, pno, book());
     return s >= 0 && slot(s)->bu_data.bt.bt_keyno == keyno ? 1 : 0;
 }
 
