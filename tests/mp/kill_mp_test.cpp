@@ -16,6 +16,8 @@
 #include "../engine/open_fixture.h"
 
 #include "is_lock.h"
+#include "kcheck.h"
+#include "os.h"
 #include "v_pool.h"
 
 #include <fcntl.h>
@@ -518,6 +520,132 @@ protected:
     std::vector<pid_t> live_;
     long records_ = 0;
 };
+
+// A kill at the k-th write, sync or lock of a process that opens a file nobody else has
+// open, writes to it and closes it: whatever the kill cut (the open, a call, the last
+// close and its checkpoint), the file holds every call that returned, and at most the one
+// cut short besides -- on disk, checking sound without its log, once the last process
+// has left (cleaning the dead one up as the close would have); and, when a process that
+// opened the file after the kill made a call and died too, the last one attached, once
+// recovery has replayed the log.
+int kill_at = 0, calls_made = 0;
+void tick() {
+    if (++calls_made == kill_at) ::raise(SIGKILL);
+}
+ssize_t ticking_pwrite(int fd, const void* b, size_t n, off_t off) {
+    tick();
+    return kisam::os_real.pwrite(fd, b, n, off);
+}
+int ticking_fdatasync(int fd) {
+    tick();
+    return kisam::os_real.fdatasync(fd);
+}
+int ticking_lock(int fd, int cmd, struct flock* fl) {
+    tick();
+    return kisam::os_real.fcntl_lock(fd, cmd, fl);
+}
+
+TEST_F(KillTest, KilledAnywhereInAnOpenCallsAndTheLastClose) {
+    kt::Config c;
+    c.maxbuf = 64;
+    start(c);
+    bound(300);
+    const std::string file = made("f", {kL0, kL1, kL2});
+    const std::string keep = made("keep", {kL0, kL1, kL2});
+    constexpr int kCalls = 3;
+    long have = 0;
+    int id = 0;
+    // Opens the file, makes kCalls writes (one byte down `done` for each that returned)
+    // and closes it; the k-th system call from the open on kills the process.
+    auto child = [&](int k, kt::Pipe& done) {
+        const int first = id;
+        id += kCalls;
+        return kt::start_child([&, k, first]() -> int {
+            done.close_read();
+            ot::become_unattached();
+            kill_at = k;
+            kisam::os.pwrite = ticking_pwrite;
+            kisam::os.fdatasync = ticking_fdatasync;
+            kisam::os.fcntl_lock = ticking_lock;
+            const int fd = nisopen(file.c_str(), ISO_RDWR);
+            if (fd < 0) return 1;
+            for (int i = 0; i < kCalls; ++i) {
+                const std::string r = record(first + i, 1, 700 + 300 * i);
+                if (niswrite(fd, r.data(), static_cast<int>(r.size())) < 0) return 2;
+                done.signal();
+            }
+            if (nisclose(fd) != 0) return 3;
+            nisunisam();
+            return 0;
+        });
+    };
+    // How the child ended, and how many of its calls returned.
+    auto ended = [](pid_t pid, kt::Pipe& done, int* returned) {
+        done.close_write();
+        *returned = 0;
+        while (done.wait()) ++*returned;
+        return kt::wait_child(pid);
+    };
+    auto check = [&](int k, const char* how, int returned) {
+        const kisam::check::Report r = kisam::check::check_file(file);
+        EXPECT_TRUE(r.ok) << how << ", killed at system call " << k << ": " << r.error;
+        EXPECT_GE(r.records, have + returned) << how << ", killed at system call " << k << ": calls that returned are missing";
+        EXPECT_LE(r.records, have + returned + 1) << how << ", killed at system call " << k;
+        have = r.records;
+    };
+    bool whole = false;
+    int points = 0;
+    for (int k = 1; !whole && k < 1000 && !HasFailure(); ++k, ++points) {
+        // This process keeps the segment; the dead child is cleaned up by it, the last
+        // one to leave, rather than forgotten with the segment.
+        ASSERT_GE(nisopen(keep.c_str(), ISO_RDONLY), 0);
+        kt::Pipe done;
+        int returned;
+        const int rc = ended(child(k, done), done, &returned);
+        ASSERT_TRUE(rc == 0 || rc == 128 + SIGKILL) << "the child ended with " << rc;
+        whole = rc == 0;
+        nisunisam();
+        check(k, "left by the last process", returned);
+
+        // Another process, attached all along, opens the file after the kill, makes a
+        // call and dies, the last one attached: nobody is left to write anything back,
+        // and recovery replays the log.
+        kt::Pipe up, go;
+        const int next_id = id++;
+        const pid_t keeper = kt::start_child([&, next_id]() -> int {
+            up.close_read();
+            go.close_write();
+            ot::become_unattached();
+            if (nisopen(keep.c_str(), ISO_RDONLY) < 0) return 1;
+            up.signal();
+            go.wait();
+            const int fd = nisopen(file.c_str(), ISO_RDWR);
+            const std::string r = record(next_id, 1, 900);
+            if (fd < 0 || niswrite(fd, r.data(), static_cast<int>(r.size())) < 0) return 2;
+            up.signal();
+            for (;;) ::pause();
+        });
+        held_.push_back(keeper);
+        up.close_write();
+        go.close_read();
+        ASSERT_EQ(up.wait(), 'x');
+        {
+            kt::Pipe done1;
+            const int rc1 = ended(child(k, done1), done1, &returned);
+            ASSERT_TRUE(rc1 == 0 || rc1 == 128 + SIGKILL) << "the child ended with " << rc1;
+        }
+        go.signal();
+        ASSERT_EQ(up.wait(), 'x') << "the call after the kill fails";
+        kill(keeper);
+        ASSERT_GE(nisopen(file.c_str(), ISO_RDONLY), 0);  // the segment made anew
+        nisunisam();
+        check(k, "recovered", returned + 1);
+    }
+    if (!HasFailure()) {
+        EXPECT_TRUE(whole) << "the child never got through";
+    }
+    std::printf("[ figures  ] %d kill points\n", points);
+}
 
 TEST_F(KillTest, SmallPool) {
     kt::Config c;

@@ -324,8 +324,8 @@ extern "C" KISAM_API int is_chinit(void) {
     for (int i = 0; is_pfi && i < maxopen; ++i) {
         if (is_pfi[i].pfi_osfd < 0) continue;
         if (IS_FCP* fcp = kisam::pfo_fcp(i)) {
+            is_open_note(i, true);  // before the count (is_open.cpp says why)
             ++fcp->is_usecnt;
-            is_open_note(i, true);
         }
     }
     is_unlock(&isam_com->opcl_lock);

@@ -98,8 +98,12 @@ KISAM_API int nisclose(int isfd) {
         is_isout();
         return 0;
     }
-    // This process no longer has the file open.
-    is_open_note(u, false);
+    // This process stops counting among the file's users.  It stays in the file's open
+    // set until the close is complete: a process killed anywhere in between is then
+    // still found there by the clean-up of dead processes, which recounts the users and,
+    // when none is left, finishes the last close (checkpoint included) in its place.
+    // Left out of the set earlier, it would leave a shared copy that no clean-up visits
+    // and no last close ever writes back.
     if (--fcp->is_usecnt > 0) {
         // Other processes keep the shared copy.
         v_flush();
@@ -131,6 +135,7 @@ KISAM_API int nisclose(int isfd) {
         is_dbfree(isfd);
         freencom(reinterpret_cast<char*>(fcp), IS_FCP_SIZE(fcp->is_nkeys));
     }
+    is_open_note(u, false);
     if (pfi->pfi_osfd < 0) {
         // This process no longer has the file: the shared copy may go with another
         // process's close, so nothing may keep pointing at it.

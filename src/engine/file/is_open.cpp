@@ -445,8 +445,10 @@ KISAM_API int nisopen(const char* filename, int access) {
                 return fail(ISE_OPENF, 11);
             }
             v_forget_file(u);
-            ++fcp->is_usecnt;
+            // In the open set before the count goes up: a process killed in between is
+            // recounted by the clean-up of dead processes, never left counted for ever.
             is_open_note(u, true);
+            ++fcp->is_usecnt;
             if (kisam::isx_path(u)[0] == '\0') jn_setpath(u, filename);
             pfi->pfi_osfd = fd;
             pfi->pfi_nkeys = static_cast<int8_t>(fcp->is_nkeys);

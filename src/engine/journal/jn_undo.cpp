@@ -127,7 +127,9 @@ void jn_abort(void) noexcept {
 void jn_note_stale(IS_FCP* fcp, uint32_t pid) noexcept {
     if (!isam_com || !isx_area || !fcp || pid == 0) return;
     const int u = slot_of(fcp);
-    if (u < 0 || xfile(u)->xf_undo != 0) return;
+    if (u < 0) return;
+    lg_stale(u);  // a checkpoint the dead holder was making
+    if (xfile(u)->xf_undo != 0) return;
     // A journal that holds a unit of this file belongs to a process that died: a live
     // one would hold the word now being taken over.  It need not be the dead holder's
     // own: a process that took the word over from it may have died before noting it.

@@ -107,6 +107,12 @@ int lg_maybe_checkpoint(IS_FCP* fcp, int u) noexcept;
 // -1 when there is none.
 int lg_wfd(int u) noexcept;
 
+// The holder of file u's control lock died: a checkpoint it was making may have put the
+// log's next generation on disk without noting it in the shared state, which then takes
+// it (records appended under the old one would never count).  Requires u's control
+// lock (taken over from the dead holder).
+void lg_stale(int u) noexcept;
+
 // A call whose record may lie in the log past xf_log_end (written, never committed) is
 // being rolled back: that record is made invalid.  0, or -1 with the error raised.
 int lg_undo_tail(int u, uint64_t record_end) noexcept;

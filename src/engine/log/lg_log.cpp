@@ -996,6 +996,22 @@ int lg_undo_tail(int u, uint64_t record_end) noexcept {
     return 0;
 }
 
+void lg_stale(int u) noexcept {
+    if (!isx_area || u < 0 || u >= isam_com->maxopen) return;
+    kisam::ErrorKeep keep;
+    isx_file* x = xfile(u);
+    const int fd = log_fd(u);
+    lg_head h;
+    if (fd < 0 || !read_head(fd, &h)) return;
+    // The file holds every call up to the new generation's start (it was synced before
+    // the header was written), so the log may as well begin there.
+    const uint64_t end = at(x->xf_log_end).load(std::memory_order_relaxed);
+    if (h.lh_gen == x->xf_log_gen + 1 && h.lh_start == end) {
+        x->xf_log_gen = h.lh_gen;
+        at(x->xf_log_start).store(end);
+    }
+}
+
 namespace {
 bool recovered_here = false;
 kisam_recovery recovered{};  // what this process replayed, kept past its detach
