@@ -7,6 +7,7 @@ builds, runs the test suite as `make test` does and records which tests caught i
     run.py --check [--tree DIR]            every snippet found exactly once, nothing run
     run.py --baseline [--tree DIR] [--build DIR]   the unmutated tree: build and suite
     run.py --compare before.tsv after.tsv
+    run.py --summary results.tsv           its figures and the faults no test caught
 
 A snippet is found by its content anywhere under the tree's src/ (never by file and
 line), and must be there exactly once: the same list applies after code moves between
@@ -333,6 +334,28 @@ def compare(before_path, after_path):
     return 1 if lost else 0
 
 
+def summary(path):
+    rows = read_results(path)
+    counts = {}
+    for r in rows.values():
+        counts[r["status"]] = counts.get(r["status"], 0) + 1
+    secs = sum(int(r.get("seconds") or 0) for r in rows.values())
+    print(f"mutants: {len(rows)}, built: {len(rows) - counts.get('build-failed', 0)}, "
+          f"caught: {counts.get('caught', 0)}, timed out: {counts.get('timeout', 0)}, "
+          f"survived: {counts.get('survived', 0)}, build failed: {counts.get('build-failed', 0)}; "
+          f"{secs / 60:.0f} min of mutants")
+    by_area = {}
+    for r in rows.values():
+        a = by_area.setdefault(r.get("area", ""), [0, 0])
+        a[0] += 1
+        a[1] += detected(r)
+    print("by area: " + ", ".join(f"{a} {c}/{n}" for a, (n, c) in sorted(by_area.items())))
+    for r in rows.values():
+        if r["status"] in ("survived", "build-failed"):
+            print(f"  {r['status']}: {r['id']} ({r['kind']}): {r.get('desc', '')}")
+    return 0
+
+
 def main():
     ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     ap.add_argument("--tree", default=os.path.dirname(os.path.dirname(HERE)),
@@ -352,10 +375,13 @@ def main():
     ap.add_argument("--check", action="store_true", help="check the snippets only")
     ap.add_argument("--baseline", action="store_true", help="build and test the unmutated tree")
     ap.add_argument("--compare", nargs=2, metavar=("BEFORE", "AFTER"))
+    ap.add_argument("--summary", metavar="RESULTS", help="the figures of one results file")
     args = ap.parse_args()
 
     if args.compare:
         return compare(*args.compare)
+    if args.summary:
+        return summary(args.summary)
 
     args.tree = os.path.abspath(args.tree)
     if args.build is None:
@@ -397,7 +423,9 @@ def main():
                 print(f"baseline: the build failed ({time.time() - t0:.0f} s)")
                 return 1
             t1 = time.time()
+            before = set(segments())
             rc, out = runner.suite(stop_on_failure=False)
+            remove_leftovers(before, t1)
             if args.logs:
                 write(os.path.join(args.logs, "baseline.log"), out)
             tail = [line for line in out.splitlines() if "tests passed" in line or "Total Test time" in line]
