@@ -254,7 +254,8 @@ class Runner:
 
     def suite(self, stop_on_failure):
         home = tempfile.mkdtemp(dir=self.scratch)
-        cmd = ["ctest", "--test-dir", self.build, "-j", str(self.jobs), "--timeout", str(self.timeout)]
+        cmd = ["ctest", "--test-dir", self.build, "-j", str(self.jobs), "--timeout", str(self.timeout),
+               "--output-on-failure"]
         if stop_on_failure:
             cmd.append("--stop-on-failure")
         if self.retries > 1:
