@@ -3,10 +3,10 @@
 # --out DIR) as a bar chart (PNG), one group of bars per phase, one bar per engine,
 # operations per second on a logarithmic axis (its range fitted to the figures).
 #   bench/chart.sh TABLE.tsv CHART.png ["title"]
-# Needs gnuplot (bench/install-peers.sh installs it).
+# Needs gnuplot (`tools/deps.sh peers` installs it).
 set -eu
 [ $# -ge 2 ] || { echo "usage: $0 TABLE.tsv CHART.png [title]" >&2; exit 2; }
-command -v gnuplot >/dev/null || { echo "$0: gnuplot is not installed (bench/install-peers.sh)" >&2; exit 1; }
+command -v gnuplot >/dev/null || { echo "$0: gnuplot is not installed (tools/deps.sh peers)" >&2; exit 1; }
 table=$1
 png=$2
 title=${3:-"operations per second (higher is better)"}
