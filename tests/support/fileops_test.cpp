@@ -39,6 +39,9 @@ TEST_F(FileOps, StatusCodes) {
     EXPECT_EQ(op(ZTFO_CREATEDIR, 0, {d}), -1);
     EXPECT_EQ(status, 9);
     EXPECT_EQ(op(ZTFO_CREATEFILE, 0, {f}), 0);   // parents made
+    EXPECT_EQ(op(ZTFO_CREATEFILE, 0, {f}), -1);  // an existing file only with force
+    EXPECT_EQ(status, 9);
+    EXPECT_EQ(op(ZTFO_CREATEFILE, ZTFO_FORCE, {f}), 0);
     EXPECT_EQ(op(ZTFO_TESTDIR, 0, {f}), 0);
     EXPECT_EQ(op(ZTFO_TESTDIR, 0, {f + "x"}), -1);
     EXPECT_EQ(status, 3);

@@ -69,6 +69,20 @@ TEST(Hashes, KnownValuesSignednessAndChecksum) {
     EXPECT_EQ(Fletcher16CSum(one_two, 2), 0x0403);
     unsigned char zeros[255] = {};
     EXPECT_EQ(Fletcher16CSum(zeros, 255), 0xFFFF);
+    // Sums past 255 (the modulus is 255, not 256).
+    EXPECT_EQ(Fletcher16CSum("abcde", 5), 0xC8F0);
+    EXPECT_EQ(Fletcher16CSum("abcdef", 6), 0x2057);
+}
+
+TEST(Compare, CaseBlindOrderAndPrefixes) {
+    EXPECT_LT(ICStrcmp("abc", "ABD"), 0);
+    EXPECT_GT(ICStrcmp("b", "A"), 0);
+    EXPECT_GT(ICStrcmp("abc", "AB"), 0);
+    EXPECT_EQ(ICStrcmp("Abc", "aBC"), 0);
+    EXPECT_EQ(equsub("abc", "abc"), 1);   // a prefix may be the whole text
+    EXPECT_EQ(equsub("ab", "abc"), 1);
+    EXPECT_EQ(equsub("abcd", "abc"), 0);
+    EXPECT_EQ(equsub("abd", "abc"), 0);
 }
 
 TEST(Bits, RandomizedAgainstBitset) {
