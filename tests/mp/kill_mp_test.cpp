@@ -168,7 +168,9 @@ void on_stop(int) { g_stop = 1; }
 void churn(const std::string& file, std::mt19937_64& rng) {
     int fd = nisopen(file.c_str(), ISO_RDWR);
     if (fd < 0) {
-        std::fprintf(stderr, "churn: open fails, errno %d\n", is_errno);
+        char msg[512];
+        niserrmsgget(msg, sizeof msg);
+        std::fprintf(stderr, "churn: open fails, errno %d: %s\n", is_errno, msg);
         std::_Exit(58);
     }
     const int id = 5000 + static_cast<int>(rng() % 300);
@@ -191,7 +193,9 @@ void churn(const std::string& file, std::mt19937_64& rng) {
     ::signal(SIGUSR1, on_stop);
     int fd = nisopen(file.c_str(), ISO_RDWR);
     if (fd < 0) {
-        std::fprintf(stderr, "worker %d: open fails, errno %d\n", slot, is_errno);
+        char msg[512];
+        niserrmsgget(msg, sizeof msg);
+        std::fprintf(stderr, "worker %d: open fails, errno %d: %s\n", slot, is_errno, msg);
         std::_Exit(50);
     }
     heal(logpath);
