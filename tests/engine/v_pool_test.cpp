@@ -215,6 +215,31 @@ struct Model {
     }
 };
 
+// The largest pool: every one of its 32,767 slots can hold a changed page.  The list of
+// a call's changed pages is kept per slot; one sized by the file-slot bound (16,384) let
+// slots past it mark bytes of other state, and a later checkpoint saw pages of no call
+// as uncommitted and refused to write the file back.
+TEST_F(Pool, EverySlotOfTheLargestPoolHoldsAChangedPage) {
+    const int nbuf = INT16_MAX, npages = nbuf - 8;
+    start(cfg(nbuf, 0));
+    const int fd = make_file("big.ism", npages);
+    for (int first = 1; first <= npages; first += 1000) {
+        begin(fd);
+        for (int i = first; i < first + 1000 && i <= npages; ++i) {
+            IS_DATA* d = get(i);
+            ASSERT_NE(d, nullptr);
+            d->c[12] = 'x';
+            ASSERT_EQ(v_write(static_cast<PAGE>(i) * 1024, d), 0);
+        }
+        ASSERT_EQ(end(), 0) << "pages from " << first;
+    }
+    int high = 0;  // dirty slots past the file-slot bound
+    for (int i = BU_FILEMASK + 1; i < nbuf; ++i) high += (slot(i).bu_id & BU_DIRTY) != 0;
+    ASSERT_GT(high, 16000);
+    ASSERT_EQ(kt::write_back(fd), 0) << "stack " << std::hex << stack_code();
+    for (int i : {1, 16384, 16385, 20000, npages}) EXPECT_EQ(on_disk(path("big.ism"), i * 1024L + 12), 'x') << i;
+}
+
 // Random holds on three files, some of them run by short-lived child processes, each
 // checked against the model: hit or miss, the slot chosen, every slot's tag and stamp.
 TEST_F(Pool, RandomizedRunAgreesWithModel) {

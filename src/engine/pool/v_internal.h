@@ -123,9 +123,12 @@ extern PoolBook bk;
 
 // The pages this process changed (v_write) since its last commit, each slot once: the
 // content of the next log record of their file (lg.h).  Slots of several files may be
-// listed when a process holds several control locks.
-extern int16_t chg_slot[BU_FILEMASK + 1];
-extern uint8_t chg_in[BU_FILEMASK + 1];
+// listed when a process holds several control locks.  Indexed by buffer slot: a pool has
+// at most INT16_MAX buffers (isx_config.cpp), so kSlots covers every slot and an int16_t
+// names each.  (BU_FILEMASK bounds file slots, not buffers: the two must not be confused.)
+inline constexpr int kSlots = INT16_MAX + 1;
+extern int16_t chg_slot[kSlots];
+extern uint8_t chg_in[kSlots];
 extern int chg_n;
 // Set while the list and the marks above disagree for a moment: a call left there by a
 // signal handler (siglongjmp) leaves them to be rebuilt from the marks (v_abandoned).

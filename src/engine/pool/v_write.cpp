@@ -21,8 +21,8 @@ namespace kisam::pool {
 // The pages this process changed (v_write) since its last commit, each slot once: the
 // content of the next log record of their file (lg.h).  Slots of several files may be
 // listed when a process holds several control locks.
-int16_t chg_slot[BU_FILEMASK + 1];
-uint8_t chg_in[BU_FILEMASK + 1];
+int16_t chg_slot[kSlots];
+uint8_t chg_in[kSlots];
 int chg_n = 0;
 // Set while the list and the marks above disagree for a moment: a call left there by a
 // signal handler (siglongjmp) leaves them to be rebuilt from the marks (v_abandoned).
@@ -44,14 +44,14 @@ int commit_changes(IS_FCP* fcp, int u, IS_PFI* pfi) noexcept {
     for (int i = 0; i < chg_n; ++i) {
         const int s = chg_slot[i];
         if (file_of(slot(s)) == u && !unit_goes_on)
-            chg_slot[BU_FILEMASK - n++] = static_cast<int16_t>(s);  // collected at the top
+            chg_slot[kSlots - 1 - n++] = static_cast<int16_t>(s);  // collected at the top
         else
             chg_slot[keep++] = static_cast<int16_t>(s);
     }
     if (!unit_goes_on && (n > 0 || (fcp->is_optbits & ISO_CHANGED))) {
         if (writable(pfi)) {
             // In the order they were changed.
-            int16_t* list = chg_slot + BU_FILEMASK + 1 - n;
+            int16_t* list = chg_slot + kSlots - n;
             std::reverse(list, list + n);
             uint64_t end = 0;
             if (lg_commit(fcp, u, list, n, &end) != 0) {
@@ -65,7 +65,7 @@ int commit_changes(IS_FCP* fcp, int u, IS_PFI* pfi) noexcept {
             fcp->is_optbits &= static_cast<uint8_t>(~ISO_CHANGED);
             lg_owe(u, end);
         } else {
-            for (int i = 0; i < n; ++i) chg_in[chg_slot[BU_FILEMASK - i]] = 0;
+            for (int i = 0; i < n; ++i) chg_in[chg_slot[kSlots - 1 - i]] = 0;
         }
     }
     chg_n = keep;
@@ -168,7 +168,7 @@ void v_abandoned(void) noexcept {
     if (!chg_busy) return;
     // Rebuilt from the marks: every slot marked is listed once.
     chg_n = 0;
-    for (int s = 0; s < isam_com->maxbufs && s <= BU_FILEMASK; ++s)
+    for (int s = 0; s < isam_com->maxbufs && s < kSlots; ++s)
         if (chg_in[s]) chg_slot[chg_n++] = static_cast<int16_t>(s);
     chg_busy = 0;
 }
