@@ -122,6 +122,9 @@ TEST(ErrorReport, OneLineFormInEachCase) {
     is_raise(ISE_OPENF, PROC(P_ISOPEN, 4));
     is_push(PROC(P_ISCLOSE, 1));  // further entries are not part of the one-line form
     EXPECT_EQ(std::string(buf, niserrmsgget(buf, sizeof buf)), "ISE_OPENF   cannot open file in proc. isopen - 4");
+    is_errno = ISE_INCONSISTENT;  // the last code with a text
+    EXPECT_EQ(std::string(buf, niserrmsgget(buf, sizeof buf)),
+              "ISE_INCONSISTENT\tFile was not closed properly and is in an inconsistent state in proc. isopen - 4");
     is_errno = 31;  // no text: the numeric form
     EXPECT_EQ(std::string(buf, niserrmsgget(buf, sizeof buf)), "isam error #31 in proc. isopen - 4");
 

@@ -338,6 +338,30 @@ TEST_F(RecLock, ConflictsWaitsAndOverlapBetweenProcesses) {
     EXPECT_EQ(chain(ot::shared_fcp(fd)).size(), 0u);
 }
 
+// Reaping a dead holder takes only its locks: the reaper's own (whose ranges it could
+// take again itself, being their holder) and a living process's stay, and both still
+// keep others out.
+TEST_F(RecLock, ReapingADeadHolderTakesOnlyItsLocks) {
+    int fd = create("f", {4});
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(nislock(fd, "mine", 4, 1), 0);
+    hold([&] { return is_chinit() == 0 && nislock(fd, "live", 4, 1) == 0 ? 0 : 1; });
+    pid_t dead = hold([&] { return is_chinit() == 0 && nislock(fd, "dead", 4, 1) == 0 ? 0 : 1; });
+    kill(dead);
+    int pids[4] = {};
+    ASSERT_EQ(kisam_reap(pids, 4), 1);
+    EXPECT_EQ(pids[0], dead);
+    EXPECT_EQ(chain(ot::shared_fcp(fd)).size(), 2u) << "the reaper's lock and the living one's";
+    EXPECT_EQ(kt::run_child([&] {
+        if (is_chinit() != 0) return 1;
+        if (nislock(fd, "mine", 4, 1) != -1) return 2;
+        if (nislock(fd, "live", 4, 1) != -1) return 3;
+        if (nislock(fd, "dead", 4, 1) != 0) return 4;
+        nisunisam();
+        return 0;
+    }), 0);
+}
+
 // ---- the wait hook ----------------------------------------------------------------------------
 
 class WaitHook : public Env {};
