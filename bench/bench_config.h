@@ -15,7 +15,7 @@ inline bool bench_write_config(const std::string& path, int maxbuf) {
     std::memset(&c, 0, sizeof c);
     c.co_maxopen = 16;
     c.co_maxbuf = static_cast<int16_t>(maxbuf);
-    c.co_maxusers = 8;
+    c.co_maxusers = 64;  // the parent and up to 63 writer or reader processes
     c.co_maxnkeys = 25;
     c.co_avgalts = 2;
     c.co_alenlock = 16;
