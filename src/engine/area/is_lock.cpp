@@ -437,10 +437,15 @@ WaitFor wait_for(volatile unsigned* lockidp, bool may_give_up) {
 // The slot of the process that holds what segment offset x stands for, -1 when none is
 // known (free, or held by a process without a slot).  Appends what it read to trace;
 // *range is set when x is a lock-file range.
+constexpr int kMaxHops = 256;
+uint32_t hop_tags[kMaxHops + 2];  // the futex words' holders met by the latest walk
+int nhop_tags = 0;
+
 int holder_slot(uint32_t x, uint32_t* trace, int& n, bool* range) {
     if (uint32_t* fw = futex_at(x)) {
         const uint32_t t = word(fw).load() & kTagMask;
         trace[n++] = t;
+        if (t != 0 && nhop_tags < kMaxHops + 2) hop_tags[nhop_tags++] = t;
         if (t == 0) return -1;
         return tag_slot(t);
     }
@@ -468,9 +473,9 @@ int holder_slot(uint32_t x, uint32_t* trace, int& n, bool* range) {
 // Follows holder -> what it waits for -> ... from what this process waits for (offset
 // o).  True when the chain comes back to this process; *range when it runs through a
 // lock-file range.  trace receives everything read, n its length.
-constexpr int kMaxHops = 256;
 bool walk(uint32_t o, uint32_t* trace, int& n, bool* range) {
     n = 0;
+    nhop_tags = 0;
     *range = false;
     const int me = is_env.useridx;
     int s = holder_slot(o, trace, n, range);
@@ -495,7 +500,14 @@ bool crossed(uint32_t o, bool first) {
     int na = 0, nb = 0;
     bool ra = false, rb = false;
     if (!walk(o, a, na, &ra) || (!first && !ra)) return false;
-    return walk(o, b, nb, &rb) && na == nb && std::memcmp(a, b, sizeof a[0] * static_cast<size_t>(na)) == 0;
+    if (!walk(o, b, nb, &rb) || na != nb || std::memcmp(a, b, sizeof a[0] * static_cast<size_t>(na)) != 0)
+        return false;
+    // A process that died waiting still names what it waited for, and a word it holds
+    // is taken over, not waited for forever: a cycle through a gone holder is none.  (A
+    // range's holder is the kernel's answer: alive.)
+    for (int i = 0; i < nhop_tags; ++i)
+        if (hop_tags[i] != self_tag() && holder_gone(hop_tags[i])) return false;
+    return true;
 }
 
 // ---- futex words ---------------------------------------------------------------------------
@@ -768,6 +780,10 @@ void is_lock_forget(void) noexcept {
     nheld = 0;
     held_overflow = false;
     forked_pid = 0;  // is_pid is this process's again (start-up, is_chinit)
+}
+
+void is_lock_abandoned(void) noexcept {
+    if (uint32_t* w = my_wait()) word(w).store(0);
 }
 
 void is_unlock(unsigned* lockidp) noexcept {

@@ -88,5 +88,8 @@ int is_lock_try(volatile unsigned* lockidp, uint32_t* dead) noexcept;
 bool is_lock_set_seq(const volatile unsigned* lockidp, uint32_t* seq) noexcept;
 // Whether this hold of lockidp carries a change count (made odd in this hold).
 bool is_lock_has_seq(const volatile unsigned* lockidp) noexcept;
+// A call of this process was abandoned (a signal handler jumped out of it), perhaps in a
+// wait: this process waits for nothing now (its record for the walks of crossed waits).
+void is_lock_abandoned(void) noexcept;
 // Forgets every word this process believed it held (a child after fork holds none).
 void is_lock_forget(void) noexcept;
