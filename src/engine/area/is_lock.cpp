@@ -105,6 +105,7 @@ constexpr int kHeld = 64;
 struct Held {
     unsigned long off;
     uint32_t* seq;
+    uint32_t tag;  // a futex word's: the tag this process wrote when it took it
 };
 Held held[kHeld];
 int nheld = 0;
@@ -116,12 +117,24 @@ Held* entry(unsigned long o) {
     return nullptr;
 }
 bool registered(unsigned long o) { return entry(o) != nullptr || held_overflow; }
-void enter(unsigned long o) {
-    if (entry(o)) return;
+void enter(unsigned long o, uint32_t tag = 0) {
+    if (Held* e = entry(o)) {
+        e->tag = tag;
+        return;
+    }
     if (nheld < kHeld)
-        held[nheld++] = Held{o, nullptr};
+        held[nheld++] = Held{o, nullptr, tag};
     else
         held_overflow = true;
+}
+uint32_t self_tag();
+// Whether futex word value v is this process's hold of the word at offset o: the tag it
+// wrote when it took it (its identity may have changed since: a slot claimed after a
+// take without one).
+bool holds(unsigned long o, uint32_t v) {
+    const Held* e = entry(o);
+    if (e) return (v & 0x7FFFFFFFu) == e->tag;
+    return held_overflow && (v & 0x7FFFFFFFu) == self_tag();
 }
 void leave(unsigned long o) {
     for (int i = 0; i < nheld; ++i) {
@@ -604,8 +617,9 @@ int futex_wait_held(uint32_t* fw, uint32_t me, unsigned long o, const WaitFor& w
     return rc;
 }
 
-// Makes futex word fw (documented word doc at offset o), just taken, this process's.
-void own(volatile unsigned* doc, unsigned long o) {
+// Makes the futex word (documented word doc at offset o), just taken with tag me, this
+// process's.
+void own(volatile unsigned* doc, unsigned long o, uint32_t me) {
     auto d = word(doc);
     const uint32_t cur = d.load(std::memory_order_acquire);
     // Rule 1: a documented word set when the lock became ours was left by a holder that
@@ -613,7 +627,7 @@ void own(volatile unsigned* doc, unsigned long o) {
     is_lock_stale = cur != 0 ? 1 : 0;
     is_lock_stale_pid = cur;
     d.store(static_cast<uint32_t>(is_pid), std::memory_order_release);
-    enter(o);
+    enter(o, me);
     is_incsyslocks();
 }
 
@@ -623,7 +637,7 @@ int lock_futex(volatile unsigned* doc, uint32_t* fw, bool may_give_up) {
     const unsigned long o = kisam::com_offset(doc);
     uint32_t cur = 0;
     if (!a.compare_exchange_strong(cur, me, std::memory_order_acquire)) {
-        if ((cur & kTagMask) == me && registered(o)) {
+        if (holds(o, cur)) {
             is_lock_stale = 0;
             is_lock_stale_pid = 0;
             return 0;
@@ -635,7 +649,7 @@ int lock_futex(volatile unsigned* doc, uint32_t* fw, bool may_give_up) {
             return -1;
         }
     }
-    own(doc, o);
+    own(doc, o, me);
     return 0;
 }
 
@@ -715,8 +729,7 @@ int lock_word(volatile unsigned* lockidp, bool may_give_up) noexcept {
 bool is_lock_mine(const volatile unsigned* lockidp) noexcept {
     const unsigned long o = kisam::com_offset(lockidp);
     if (const uint32_t* fw = futex_of(lockidp))
-        return (std::atomic_ref<const uint32_t>(*fw).load(std::memory_order_acquire) & kTagMask) == self_tag() &&
-               registered(o);
+        return holds(o, std::atomic_ref<const uint32_t>(*fw).load(std::memory_order_acquire));
     const uint32_t cur = std::atomic_ref<uint32_t>(*const_cast<uint32_t*>(lockidp)).load(std::memory_order_acquire);
     return cur == static_cast<uint32_t>(is_pid) && registered(o);
 }
@@ -743,7 +756,7 @@ int is_lock_try(volatile unsigned* lockidp, uint32_t* dead) noexcept {
     uint32_t cur = 0;
     if (!a.compare_exchange_strong(cur, me, std::memory_order_acquire)) {
         const uint32_t t = cur & kTagMask;
-        if (t == me && registered(o)) return 0;
+        if (holds(o, cur)) return 0;
         // Taken over only from a holder that is gone (a word naming this process that it
         // did not take is one); the waiters bit stays for whoever sleeps on it.
         if (t != me && !holder_gone(t)) return -1;
@@ -751,7 +764,7 @@ int is_lock_try(volatile unsigned* lockidp, uint32_t* dead) noexcept {
     }
     const int stale = is_lock_stale;
     const uint32_t stale_pid = is_lock_stale_pid;
-    own(lockidp, o);
+    own(lockidp, o, me);
     *dead = is_lock_stale_pid;
     is_lock_stale = stale;
     is_lock_stale_pid = stale_pid;
@@ -791,7 +804,7 @@ void is_unlock(unsigned* lockidp) noexcept {
     uint32_t* fw = futex_of(lockidp);
     auto w = word(lockidp);
     if (fw) {
-        if ((word(fw).load(std::memory_order_acquire) & kTagMask) != self_tag() || !registered(o)) return;
+        if (!holds(o, word(fw).load(std::memory_order_acquire))) return;
     } else {
         const uint32_t cur = w.load(std::memory_order_acquire);
         // A word holding our pid that we did not take is a dead process's: not ours to clear.
