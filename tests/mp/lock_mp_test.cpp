@@ -4,7 +4,8 @@
 // wait whose control lock cannot be taken back ends in ISE_DEADLOCK after its bound.
 // Control locks, words taken in memory: crossed waits for two files refused to the one
 // that closes the cycle, sleepers on a killed holder's word, a holder that execs, a
-// bracket shared by the threads of a process.  The wait hook: it learns the holder, what it holds and the file; a signal gives the
+// bracket shared by the threads of a process, random orders of control and record locks
+// in three processes that never hang.  The wait hook: it learns the holder, what it holds and the file; a signal gives the
 // wait up when the hook (or the flag) says so, and the call then fails with
 // KISAM_ISE_INTERRUPTED having changed and kept nothing.  A free control lock costs no
 // lock request, hook or not; a failed request refuses its call with a code.
@@ -354,6 +355,81 @@ TEST_F(CtlWords, ThreadsOfOneProcessShareItsHold) {
     EXPECT_EQ(ctl_word(f), 0u);
     char buf[64];
     EXPECT_GT(nisfind(f, 0, "abcd", buf, sizeof buf), 0);
+}
+
+// Three processes take the control locks of three files in random orders, holding each
+// (nisgetctl) while they ask for the next, and sometimes a record lock as well: cycles of
+// waits keep closing.  Every request ends -- taken, or refused with ISE_DEADLOCK -- and
+// at least one process is refused nothing in each cycle, so all of them finish; no word
+// is left held.  (A hang shows as the alarm ending a worker.)  Taken in one order, the
+// same locks close no cycle, and nothing is refused.  Seeded; the seed is printed.
+TEST_F(CtlWords, RandomOrdersOfControlAndRecordLocksNeverHang) {
+    const int nfiles = 3, nprocs = 3, rounds = 150;
+    std::vector<int> fds;
+    for (int k = 0; k < nfiles; ++k) {
+        fds.push_back(create("r" + std::to_string(k), {4}));
+        ASSERT_GE(fds.back(), 0);
+    }
+    const unsigned seed = static_cast<unsigned>(std::random_device{}());
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::printf("[ seed     ] %u\n", seed);
+    for (const bool ordered : {false, true}) {
+    SCOPED_TRACE(ordered ? "one order" : "random orders");
+    std::vector<pid_t> kids;
+    for (int p = 0; p < nprocs; ++p)
+        kids.push_back(kt::start_child([&, p] {
+            ::alarm(30);
+            if (is_chinit() != 0) return 1;
+            std::mt19937 rng(seed + static_cast<unsigned>(p));
+            int refused = 0;
+            for (int r = 0; r < rounds; ++r) {
+                std::vector<int> order(fds);
+                std::shuffle(order.begin(), order.end(), rng);
+                order.resize(1 + rng() % nfiles);
+                if (ordered) std::sort(order.begin(), order.end());
+                std::vector<int> held;
+                bool ok = true;
+                for (int fd : order) {
+                    if (nisgetctl(fd) != 0) {
+                        if (is_errno != ISE_DEADLOCK) return 2;
+                        ok = false;
+                        ++refused;
+                        break;
+                    }
+                    held.push_back(fd);
+                    ::usleep(rng() % 400);  // the others come meanwhile
+                    if (rng() % 4 == 0) {
+                        // A record lock of a file whose bracket is held: its wait gives that
+                        // file's control lock up, not the others'.
+                        const char key[4] = {'k', static_cast<char>('0' + rng() % 2), 0, 0};
+                        const int rc = nislock(fd, key, 2, 0);
+                        if (rc != 0 && is_errno != ISE_DEADLOCK) return 3;
+                        if (rc != 0 && ot::pfi_of(fd)->pfi_ctlcnt == 0) held.pop_back();  // detail 4
+                        if (rc == 0 && nisunlock(fd, key, 2, 0) != 0) return 4;
+                        if (rc != 0) {
+                            ok = false;
+                            ++refused;
+                            break;
+                        }
+                    }
+                }
+                if (ok && !held.empty()) {
+                    char rec[12];
+                    std::snprintf(rec, sizeof rec, "%c%03d-%05d", 'a' + p + (ordered ? nprocs : 0), r % 1000, r);
+                    if (niswrite(held.back(), rec, 11) != 0) return 5;
+                }
+                for (auto it = held.rbegin(); it != held.rend(); ++it)
+                    if (nisrelctl(*it) != 0) return 6;
+            }
+            std::printf("[ process  ] %d refused %d of %d rounds%s\n", p, refused, rounds, ordered ? " (one order)" : "");
+            return ordered && refused > 0 ? 7 : 0;
+        }));
+    for (pid_t k : kids) EXPECT_EQ(kt::wait_child(k), 0);
+    for (int fd : fds) {
+        EXPECT_EQ(ctl_word(fd), 0u);
+        EXPECT_EQ(ot::shared_fcp(fd)->jd_fcplock, 0u);
+    }
+    }
 }
 
 // ---- record locks ---------------------------------------------------------------------------
