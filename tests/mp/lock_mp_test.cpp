@@ -4,7 +4,8 @@
 // wait whose control lock cannot be taken back ends in ISE_DEADLOCK after its bound.
 // Control locks, words taken in memory: crossed waits for two files refused to the one
 // that closes the cycle, sleepers on a killed holder's word, a holder that execs, a
-// bracket shared by the threads of a process, random orders of control and record locks
+// child forked without is_chinit that ends holding a word, a bracket shared by the
+// threads of a process, random orders of control and record locks
 // in three processes that never hang.  The wait hook: it learns the holder, what it holds and the file; a signal gives the
 // wait up when the hook (or the flag) says so, and the call then fails with
 // KISAM_ISE_INTERRUPTED having changed and kept nothing.  A free control lock costs no
@@ -327,6 +328,29 @@ TEST_F(CtlWords, AHolderThatExecsLeavesItsWordToBeTakenOver) {
     EXPECT_EQ(nisrelctl(f), 0);
     ::kill(c, SIGKILL);
     EXPECT_EQ(kt::wait_child(c), 128 + SIGKILL);
+}
+
+// A child forked without is_chinit takes a control lock as a process of its own (not as
+// its parent), and ends holding it: the word is taken over once the child has ended,
+// even before its parent has waited for it.
+TEST_F(CtlWords, AChildWithoutChinitThatEndsHoldingAWordLeavesItToBeTakenOver) {
+    const int f = create("f", {4});
+    ASSERT_GE(f, 0);
+    unsigned* word = &ot::shared_fcp(f)->jd_fcplock;
+    pid_t c = ::fork();
+    ASSERT_GE(c, 0);
+    if (c == 0) {
+        if (is_lock_mine(word) || is_lock(word) != 0) ::_exit(1);
+        ::_exit(0);  // ends holding it
+    }
+    // Not waited for yet: the child stays a zombie while the parent takes the word.
+    for (int i = 0; i < 5000 && ctl_word(f) == 0; ++i) ::usleep(1000);
+    ASSERT_NE(ctl_word(f), 0u);
+    ::usleep(20000);
+    ASSERT_EQ(nisgetctl(f), 0);
+    EXPECT_EQ(nisrelctl(f), 0);
+    EXPECT_EQ(kt::wait_child(c), 0);
+    EXPECT_EQ(ctl_word(f), 0u);
 }
 
 // Ownership is the process's: a bracket opened by one thread is used and closed by

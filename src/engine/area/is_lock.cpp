@@ -42,6 +42,7 @@
 
 #include <kisam/kisam.h>
 
+#include <fcntl.h>
 #include <linux/futex.h>
 #include <pthread.h>
 #include <signal.h>
@@ -192,13 +193,30 @@ int tag_pid(uint32_t t) {
     return std::atomic_ref<int32_t>(is_env.pid_[i]).load(std::memory_order_relaxed);
 }
 
-// Whether the holder a tag names is gone (rule 6).  Costs a system call.
+// Whether process pid has ended and not been waited for yet: it exists for kill, but
+// runs no more (a child that its parent has not reaped).
+bool zombie(pid_t pid) {
+    char path[32];
+    std::snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
+    const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    char buf[256];
+    const ssize_t n = ::read(fd, buf, sizeof buf - 1);
+    ::close(fd);
+    if (n <= 0) return false;
+    buf[n] = '\0';
+    // "pid (name) state ...": the name may hold anything, the state follows its last ')'.
+    const char* r = std::strrchr(buf, ')');
+    return r && r[1] == ' ' && (r[2] == 'Z' || r[2] == 'X');
+}
+
+// Whether the holder a tag names is gone (rule 6).  Costs a system call or a few.
 bool holder_gone(uint32_t t) {
     const int e = errno;
     bool gone;
     if (t & kPidForm) {
         const pid_t pid = static_cast<pid_t>(t & 0x3FFFFFFFu);
-        gone = pid <= 0 || (::kill(pid, 0) != 0 && errno == ESRCH);
+        gone = pid <= 0 || (::kill(pid, 0) != 0 && errno == ESRCH) || zombie(pid);
     } else {
         gone = is_slot_gone(tag_slot(t), t >> 16 & kGenMask);
     }
