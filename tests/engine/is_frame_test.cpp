@@ -99,13 +99,16 @@ TEST_F(Frame, AbandonedCallIsRepairedByTheNextCall) {
     EXPECT_EQ(ot::shared_fcp(fd)->jd_fcplock, 0u);
     EXPECT_EQ(ot::pfi_of(fd)->pfi_ctlcnt, 0);
 
-    // The ranges are free too: another process gets all three without waiting.
+    // The ranges and the control lock's word are free too: another process gets all
+    // three without waiting.
     unsigned long offs[] = {kisam::com_offset(&isam_com->opcl_lock),
-                            kisam::com_offset(&isam_com->free_lock),
-                            kisam::com_offset(&ot::shared_fcp(fd)->jd_fcplock)};
+                            kisam::com_offset(&isam_com->free_lock)};
+    unsigned* ctl = &ot::shared_fcp(fd)->jd_fcplock;
     EXPECT_EQ(kt::run_child([&] {
                   for (unsigned long o : offs)
                       if (is_lockitnw(o) != 0) return 1;
+                  uint32_t dead = 1;
+                  if (is_lock_try(ctl, &dead) != 0 || dead != 0) return 2;
                   return 0;
               }),
               0);

@@ -33,7 +33,8 @@ constexpr int kTightPool = 6;
 
 struct Step {
     char op;   // w write, f forced write, u update, d delete, r read along key 1,
-               // s nisflush (a write-back of the file in the middle of the run)
+               // s nisflush (a write-back of the file in the middle of the run),
+               // l a record lock taken and given back
     int id, gen, size;
 };
 
@@ -55,6 +56,8 @@ std::vector<Step> workload() {
     for (int i = 0; i < 26; ++i) {
         w.push_back({ops[rng() % 6], static_cast<int>(rng() % 40), i + 1, size()});
         if (i == 5 || i == 17) w.push_back({'s', 0, 0, 0});
+        // Record locks: the lock calls of the workload (control locks take none).
+        if (i == 9 || i == 21) w.push_back({'l', i, 0, kMin});
     }
     return w;
 }
@@ -78,6 +81,10 @@ bool run(int fd, const std::vector<Step>& w, std::map<int, std::string>& model, 
                 while ((rc = nisread(fd, 1, buf, sizeof buf)) > 0) {}
                 break;
             case 's': rc = nisflush(fd); break;
+            case 'l':
+                rc = nislock(fd, r.data(), 6, 1);
+                if (rc == 0) rc = nisunlock(fd, r.data(), 6, 0);
+                break;
         }
         // Every failure carries a code, and its own: ISE_NOKEY ("no record with this
         // key") only for a record that is not there -- a failed read of the search must

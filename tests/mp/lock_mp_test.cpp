@@ -2,15 +2,20 @@
 // holder's word, the non-waiting request, a refused cycle of waits.  Record locks: a
 // randomized comparison with a model, conflicts, waits and prefix overlap.  A record-lock
 // wait whose control lock cannot be taken back ends in ISE_DEADLOCK after its bound.
-// The wait hook: it learns the holder, what it holds and the file; a signal gives the
+// Control locks, words taken in memory: crossed waits for two files refused to the one
+// that closes the cycle, sleepers on a killed holder's word, a holder that execs, a
+// child forked without is_chinit that ends holding a word, a bracket shared by the
+// threads of a process, random orders of control and record locks
+// in three processes that never hang.  The wait hook: it learns the holder, what it holds and the file; a signal gives the
 // wait up when the hook (or the flag) says so, and the call then fails with
-// KISAM_ISE_INTERRUPTED having changed and kept nothing.  A free lock costs one lock
-// request, hook or not; a failed request refuses its call with a code.
+// KISAM_ISE_INTERRUPTED having changed and kept nothing.  A free control lock costs no
+// lock request, hook or not; a failed request refuses its call with a code.
 #include "../engine/open_fixture.h"
 
 #include "is_common.h"
 #include "is_heap.h"
 #include "is_lock.h"
+#include "isx_area.h"
 #include "os.h"
 
 #include <algorithm>
@@ -21,6 +26,7 @@
 #include <cstring>
 #include <random>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -210,6 +216,244 @@ TEST_F(Fwait, RetakeRefusedUntilTheBoundEndsInDeadlock) {
     EXPECT_EQ(nislock(f1, "k", 1, 1), 0);
     EXPECT_EQ(nisunlock(f1, "k", 1, 0), 0);
     EXPECT_EQ(c1->jd_lock_hd, KISAM_NOREL);
+}
+
+// ---- control locks: words taken in memory -------------------------------------------------
+
+class CtlWords : public Env {
+protected:
+    // How many processes sleep on the control lock of fd (their need entries name it).
+    static int sleepers(int fd) {
+        const auto o = static_cast<uint32_t>(kisam::com_offset(&ot::shared_fcp(fd)->jd_fcplock));
+        int n = 0;
+        for (int i = 0; i < isam_com->maxusers; ++i) n += is_env.pid_[i] != 0 && is_env.needs_[i] == o;
+        return n;
+    }
+    static bool wait_for_sleepers(int fd, int n) {
+        for (int i = 0; i < 5000; ++i) {
+            if (sleepers(fd) >= n) return true;
+            ::usleep(1000);
+        }
+        return false;
+    }
+    static uint32_t ctl_word(int fd) {
+        return std::atomic_ref<uint32_t>(kisam::isx_file_of(is_db[fd]->uniqueid)->xf_ctl_word).load();
+    }
+};
+
+// Two processes each hold one file's control lock and ask for the other's: the request
+// that closes the cycle fails with ISE_DEADLOCK (as the kernel refused it when control
+// locks were lock-file ranges) holding nothing new; the other goes on once it lets go.
+TEST_F(CtlWords, CrossedWaitsForTwoFilesAreRefusedToTheOneThatClosesTheCycle) {
+    const int f1 = create("f1", {4});
+    const int f2 = create("f2", {4});
+    ASSERT_GE(f1, 0);
+    ASSERT_GE(f2, 0);
+    ASSERT_EQ(nisgetctl(f1), 0);
+    kt::Pipe holds;
+    pid_t c = kt::start_child([&] {
+        if (is_chinit() != 0) return 1;
+        if (nisgetctl(f2) != 0) return 2;
+        holds.signal();
+        if (!wait_for_sleepers(f2, 1)) return 3;
+        ::usleep(20000);  // the parent is asleep, and has looked at the holder
+        is_errno = 0;
+        if (nisgetctl(f1) != -1 || is_errno != ISE_DEADLOCK) return 4;
+        if (kt::error_stack() != std::vector<int>({0x3601, 0x3600})) return 5;
+        if (ot::pfi_of(f1)->pfi_ctlcnt != 0 || is_lock_mine(&ot::shared_fcp(f1)->jd_fcplock)) return 6;
+        if (!is_lock_mine(&ot::shared_fcp(f2)->jd_fcplock)) return 7;
+        ::usleep(100000);  // the parent's later looks at its wait must not refuse it
+        return nisrelctl(f2) == 0 ? 0 : 8;
+    });
+    ASSERT_EQ(holds.wait(), 'x');
+    EXPECT_EQ(nisgetctl(f2), 0) << "the wait that did not close the cycle goes on";
+    EXPECT_EQ(kt::wait_child(c), 0);
+    EXPECT_EQ(nisrelctl(f2), 0);
+    EXPECT_EQ(nisrelctl(f1), 0);
+    EXPECT_EQ(ctl_word(f1), 0u);
+    EXPECT_EQ(ctl_word(f2), 0u);
+}
+
+// A holder killed inside its bracket while two processes sleep on its word: each of them
+// gets the lock in turn, the first one taking the word over, and finds the calls the
+// dead holder completed; the word is free at the end.
+TEST_F(CtlWords, SleepersOnAKilledHoldersWordGetItInTurn) {
+    const int f = create("f", {4});
+    ASSERT_GE(f, 0);
+    ASSERT_EQ(niswrite(f, "keep-record", 11), 0);
+    kt::Pipe held;
+    pid_t h = kt::start_child([&] {
+        if (is_chinit() != 0 || nisgetctl(f) != 0) return 1;
+        if (niswrite(f, "dead-record", 11) != 0) return 2;
+        held.signal();
+        for (;;) ::pause();
+    });
+    ASSERT_EQ(held.wait(), 'x');
+    std::vector<pid_t> waiters;
+    for (int k = 0; k < 2; ++k)
+        waiters.push_back(kt::start_child([&] {
+            if (is_chinit() != 0) return 1;
+            if (nisgetctl(f) != 0) return 2;
+            char buf[64];
+            const bool dead = nisfind(f, 0, "dead", buf, sizeof buf) > 0;
+            const bool kept = nisfind(f, 0, "keep", buf, sizeof buf) > 0;
+            if (nisrelctl(f) != 0) return 3;
+            return dead && kept ? 0 : 4;
+        }));
+    ASSERT_TRUE(wait_for_sleepers(f, 2));
+    ::kill(h, SIGKILL);
+    EXPECT_EQ(kt::wait_child(h), 128 + SIGKILL);
+    for (pid_t w : waiters) EXPECT_EQ(kt::wait_child(w), 0);
+    EXPECT_EQ(ctl_word(f), 0u) << "no holder, nobody asleep";
+    EXPECT_EQ(ot::shared_fcp(f)->jd_fcplock, 0u);
+    char buf[64];
+    EXPECT_GT(nisfind(f, 0, "dead", buf, sizeof buf), 0);
+}
+
+// A holder that replaces its image (exec) keeps its pid but leaves the library: its word
+// is taken over while the new image still runs.
+TEST_F(CtlWords, AHolderThatExecsLeavesItsWordToBeTakenOver) {
+    const int f = create("f", {4});
+    ASSERT_GE(f, 0);
+    kt::Pipe held;
+    pid_t c = kt::start_child([&] {
+        if (is_chinit() != 0 || nisgetctl(f) != 0) return 1;
+        held.signal();
+        ::execl("/bin/sleep", "sleep", "30", static_cast<char*>(nullptr));
+        return 2;
+    });
+    ASSERT_EQ(held.wait(), 'x');
+    ASSERT_EQ(nisgetctl(f), 0);
+    EXPECT_EQ(::kill(c, 0), 0) << "the new image still runs";
+    EXPECT_EQ(nisrelctl(f), 0);
+    ::kill(c, SIGKILL);
+    EXPECT_EQ(kt::wait_child(c), 128 + SIGKILL);
+}
+
+// A child forked without is_chinit takes a control lock as a process of its own (not as
+// its parent), and ends holding it: the word is taken over once the child has ended,
+// even before its parent has waited for it.
+TEST_F(CtlWords, AChildWithoutChinitThatEndsHoldingAWordLeavesItToBeTakenOver) {
+    const int f = create("f", {4});
+    ASSERT_GE(f, 0);
+    unsigned* word = &ot::shared_fcp(f)->jd_fcplock;
+    pid_t c = ::fork();
+    ASSERT_GE(c, 0);
+    if (c == 0) {
+        if (is_lock_mine(word) || is_lock(word) != 0) ::_exit(1);
+        ::_exit(0);  // ends holding it
+    }
+    // Not waited for yet: the child stays a zombie while the parent takes the word.
+    for (int i = 0; i < 5000 && ctl_word(f) == 0; ++i) ::usleep(1000);
+    ASSERT_NE(ctl_word(f), 0u);
+    ::usleep(20000);
+    ASSERT_EQ(nisgetctl(f), 0);
+    EXPECT_EQ(nisrelctl(f), 0);
+    EXPECT_EQ(kt::wait_child(c), 0);
+    EXPECT_EQ(ctl_word(f), 0u);
+}
+
+// Ownership is the process's: a bracket opened by one thread is used and closed by
+// another, and another process is kept out meanwhile.
+TEST_F(CtlWords, ThreadsOfOneProcessShareItsHold) {
+    const int f = create("f", {4});
+    ASSERT_GE(f, 0);
+    unsigned* word = &ot::shared_fcp(f)->jd_fcplock;
+    int r[3] = {-1, -1, -1};
+    std::thread([&] { r[0] = nisgetctl(f); }).join();
+    ASSERT_EQ(r[0], 0);
+    EXPECT_TRUE(is_lock_mine(word));
+    EXPECT_EQ(kt::run_child([&] {
+                  uint32_t dead = 0;
+                  return is_chinit() == 0 && is_lock_try(word, &dead) == -1 ? 0 : 1;
+              }),
+              0)
+        << "another process is kept out while a thread holds the bracket";
+    std::thread([&] {
+        r[1] = niswrite(f, "abcd-thread", 11);
+        r[2] = nisrelctl(f);
+    }).join();
+    EXPECT_EQ(r[1], 0);
+    EXPECT_EQ(r[2], 0);
+    EXPECT_FALSE(is_lock_mine(word));
+    EXPECT_EQ(ctl_word(f), 0u);
+    char buf[64];
+    EXPECT_GT(nisfind(f, 0, "abcd", buf, sizeof buf), 0);
+}
+
+// Three processes take the control locks of three files in random orders, holding each
+// (nisgetctl) while they ask for the next, and sometimes a record lock as well: cycles of
+// waits keep closing.  Every request ends -- taken, or refused with ISE_DEADLOCK -- and
+// at least one process is refused nothing in each cycle, so all of them finish; no word
+// is left held.  (A hang shows as the alarm ending a worker.)  Taken in one order, the
+// same locks close no cycle, and nothing is refused.  Seeded; the seed is printed.
+TEST_F(CtlWords, RandomOrdersOfControlAndRecordLocksNeverHang) {
+    const int nfiles = 3, nprocs = 3, rounds = 150;
+    std::vector<int> fds;
+    for (int k = 0; k < nfiles; ++k) {
+        fds.push_back(create("r" + std::to_string(k), {4}));
+        ASSERT_GE(fds.back(), 0);
+    }
+    const unsigned seed = static_cast<unsigned>(std::random_device{}());
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::printf("[ seed     ] %u\n", seed);
+    for (const bool ordered : {false, true}) {
+    SCOPED_TRACE(ordered ? "one order" : "random orders");
+    std::vector<pid_t> kids;
+    for (int p = 0; p < nprocs; ++p)
+        kids.push_back(kt::start_child([&, p] {
+            ::alarm(30);
+            if (is_chinit() != 0) return 1;
+            std::mt19937 rng(seed + static_cast<unsigned>(p));
+            int refused = 0;
+            for (int r = 0; r < rounds; ++r) {
+                std::vector<int> order(fds);
+                std::shuffle(order.begin(), order.end(), rng);
+                order.resize(1 + rng() % nfiles);
+                if (ordered) std::sort(order.begin(), order.end());
+                std::vector<int> held;
+                bool ok = true;
+                for (int fd : order) {
+                    if (nisgetctl(fd) != 0) {
+                        if (is_errno != ISE_DEADLOCK) return 2;
+                        ok = false;
+                        ++refused;
+                        break;
+                    }
+                    held.push_back(fd);
+                    ::usleep(rng() % 400);  // the others come meanwhile
+                    if (rng() % 4 == 0) {
+                        // A record lock of a file whose bracket is held: its wait gives that
+                        // file's control lock up, not the others'.
+                        const char key[4] = {'k', static_cast<char>('0' + rng() % 2), 0, 0};
+                        const int rc = nislock(fd, key, 2, 0);
+                        if (rc != 0 && is_errno != ISE_DEADLOCK) return 3;
+                        if (rc != 0 && ot::pfi_of(fd)->pfi_ctlcnt == 0) held.pop_back();  // detail 4
+                        if (rc == 0 && nisunlock(fd, key, 2, 0) != 0) return 4;
+                        if (rc != 0) {
+                            ok = false;
+                            ++refused;
+                            break;
+                        }
+                    }
+                }
+                if (ok && !held.empty()) {
+                    char rec[12];
+                    std::snprintf(rec, sizeof rec, "%c%03d-%05d", 'a' + p + (ordered ? nprocs : 0), r % 1000, r);
+                    if (niswrite(held.back(), rec, 11) != 0) return 5;
+                }
+                for (auto it = held.rbegin(); it != held.rend(); ++it)
+                    if (nisrelctl(*it) != 0) return 6;
+            }
+            std::printf("[ process  ] %d refused %d of %d rounds%s\n", p, refused, rounds, ordered ? " (one order)" : "");
+            return ordered && refused > 0 ? 7 : 0;
+        }));
+    for (pid_t k : kids) EXPECT_EQ(kt::wait_child(k), 0);
+    for (int fd : fds) {
+        EXPECT_EQ(ctl_word(fd), 0u);
+        EXPECT_EQ(ot::shared_fcp(fd)->jd_fcplock, 0u);
+    }
+    }
 }
 
 // ---- record locks ---------------------------------------------------------------------------
@@ -569,32 +813,38 @@ TEST_F(WaitHook, TheFlagGivesUpAnOpenWaitingForTheOpenLockWithoutAHook) {
     is_unlock(&isam_com->opcl_lock);
 }
 
-// A free lock costs one lock request with or without a hook; a take whose request fails
-// refuses the call with KISAM_ISE_LOCKFAIL and keeps nothing.
-TEST_F(WaitHook, AFreeLockCostsOneRequestAndAFailedOneRefusesTheCall) {
+// A free control lock costs no lock request, with or without a hook (its word is taken
+// in memory); a free range (opcl_lock) costs one.  A take whose request fails refuses the
+// call with KISAM_ISE_LOCKFAIL and keeps nothing.
+TEST_F(WaitHook, AFreeLockCostsNoRequestAndAFailedOneRefusesTheCall) {
     int fd = create("f", {4});
     ASSERT_GE(fd, 0);
     for (bool with_hook : {false, true}) {
         kisam_set_wait_hook(with_hook ? hook : nullptr, nullptr, with_hook ? KISAM_WAIT_GIVE_UP : 0);
         kt::Faults count;
         ASSERT_EQ(nisgetctl(fd), 0);
-        EXPECT_EQ(kt::Faults::calls(kt::Faults::kLock), 1) << "hook " << with_hook;
+        EXPECT_EQ(kt::Faults::calls(kt::Faults::kLock), 0) << "hook " << with_hook;
         ASSERT_EQ(nisrelctl(fd), 0);
+        EXPECT_EQ(kt::Faults::calls(kt::Faults::kLock), 0) << "hook " << with_hook;
+        ASSERT_EQ(is_lock(&isam_com->opcl_lock), 0);
+        EXPECT_EQ(kt::Faults::calls(kt::Faults::kLock), 1) << "hook " << with_hook;
+        is_unlock(&isam_com->opcl_lock);
     }
     kisam_set_wait_hook(nullptr, nullptr, 0);
     EXPECT_EQ(seen.begins, 0);
     for (int err : {ENOLCK, EIO}) {
         kt::Faults fail;
         fail.arm(kt::Faults::kLock, 1, kt::Faults::kOnce, err);
-        EXPECT_EQ(niswrite(fd, "abcd-record", 11), -1);
+        EXPECT_EQ(nisopen(path("f").c_str(), ISO_RDWR), -1);
         EXPECT_EQ(is_errno, KISAM_ISE_LOCKFAIL);
         EXPECT_EQ(errno, err);
-        EXPECT_EQ(is_pfi[is_db[fd]->uniqueid].pfi_ctlcnt, 0);
+        EXPECT_FALSE(is_lock_mine(&isam_com->opcl_lock));
         EXPECT_FALSE(is_lock_mine(&ot::shared_fcp(fd)->jd_fcplock));
     }
-    char buf[64];
-    EXPECT_EQ(nisfind(fd, 0, "abcd", buf, sizeof buf), 0);
-    EXPECT_EQ(niswrite(fd, "abcd-record", 11), 0) << "the file works once the lock calls do";
+    const int fd2 = nisopen(path("f").c_str(), ISO_RDWR);
+    EXPECT_GE(fd2, 0) << "the file opens once the lock calls work";
+    EXPECT_EQ(niswrite(fd, "abcd-record", 11), 0);
+    EXPECT_EQ(nisclose(fd2), 0);
 }
 
 }  // namespace

@@ -50,6 +50,7 @@ int refuse(int code, int procid, int detail) noexcept {
 // A call abandoned after its unit ended is whole: nothing is rolled back.
 void abandoned() noexcept {
     kisam::ErrorKeep keep;
+    is_lock_abandoned();
     bt_reset_descent();
     v_abandoned();
     if (is_lock_mine(&isam_com->buf_lock)) {

@@ -18,6 +18,8 @@
 
 #include "is_lock.h"
 
+#include <cerrno>
+
 #include <cstdint>
 #include <cstring>
 
@@ -70,6 +72,7 @@ char* alloccom(unsigned int nbytes) noexcept {
     while (p->Csize < units) {
         if (p_off == start || ++steps > limit) {  // walked the whole list once
             is_unlock(free_lock());
+            errno = ENOMEM;
             return nullptr;
         }
         prev_off = p_off;
@@ -98,7 +101,10 @@ char* alloccom(unsigned int nbytes) noexcept {
 char* allocncom(unsigned int nbytes) noexcept {
     const uint64_t rounded = (static_cast<uint64_t>(nbytes) + kUnit - 1) / kUnit * kUnit;
     // A zero-byte block cannot be given back (its size would be 0 units).
-    if (rounded == 0 || rounded > UINT32_MAX) return nullptr;
+    if (rounded == 0 || rounded > UINT32_MAX) {
+        errno = ENOMEM;
+        return nullptr;
+    }
     char* r = alloccom(static_cast<unsigned int>(rounded - kUnit));
     if (r == nullptr) return nullptr;
     std::memset(r - kUnit, 0, kUnit);

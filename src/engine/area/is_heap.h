@@ -12,6 +12,8 @@ void heapinit(void* vp, unsigned int nbytes) noexcept;
 // The heap of a new segment at isam_com, laid out by is_comlayout from conf: one free
 // block over the whole heap.  Caller holds the start-up lock.
 void is_heaplayout(const struct is_config* conf) noexcept;
+// Null with errno ENOMEM when no free block is large enough, or with the errno of a
+// take of free_lock that failed (is_lock_code).
 char* alloccom(unsigned int nbytes) noexcept;     // area behind a header, or null
 char* allocncom(unsigned int nbytes) noexcept;    // whole block (rounded to 16), or null
 void freencom(char* ap, unsigned int nbytes) noexcept;

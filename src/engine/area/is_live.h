@@ -9,6 +9,15 @@
 // is_live_release run for this process's own slot, under the start-up lock.
 #pragma once
 
+#include <cstdint>
+
 bool is_slot_dead(int i) noexcept;        // slot i names a process that is gone
+// Whether the process that held slot i when its claim count was gen (the low kGenBits
+// bits) is gone: the slot was claimed again since, freed, or its process died.  Unlike
+// is_slot_dead, a slot other than this process's own that holds this process's pid (left
+// by its image before an exec) is judged like any other.
+bool is_slot_gone(int i, uint32_t gen) noexcept;
+inline constexpr int kGenBits = 14;
+inline constexpr uint32_t kGenMask = (1u << kGenBits) - 1;
 int is_live_claim(void) noexcept;         // take that lock for this process's slot; 0/-1
 void is_live_release(void) noexcept;      // give it up (detach)

@@ -1,37 +1,61 @@
-// Lock words and their lock-file ranges.
+// Lock words: futex words of our own area for control locks and buf_lock, lock-file
+// ranges for opcl_lock, free_lock and record locks.  The rulebook is README.locks.md.
 //
-// Rules kept here:
-//  1. A word goes 0 -> is_pid only after its range is granted, and back to 0 before its
-//     range is released; so whoever is granted a range finds the word 0 or stale (left
-//     by a holder that died, whose ranges the kernel dropped), never a live holder.
-//  2. A process that already holds a word is granted its range again at once (POSIX
-//     locks of one process do not conflict); locks do not nest, one release frees it.
+// Rules kept here (the numbers are the rulebook's):
+//  1. The documented word of a lock holds its holder's is_pid (0 when free), as it always
+//     has.  It goes 0 -> is_pid only once the lock is this process's (its futex word
+//     taken, or its range granted) and back to 0 before the lock is given up; so whoever
+//     takes a lock finds the documented word 0, or set by a holder that died (stale).
+//  2. A process that already holds a word takes it again at once (ownership is per
+//     process, not per thread); locks do not nest, one release frees it.
 //  3. A take that fails is reported, not fatal: the waiting call returns -1 having
-//     taken nothing and leaving the word as it was (errno EDEADLK for a cycle of waits
-//     the kernel refused, EINTR for a wait given up for a signal, the lock call's own
-//     errno otherwise), and the waiter's need-table entry is cleared again since it no
-//     longer waits.  A failed release of a held range means the lock file or the
-//     kernel's lock table is unusable and the range cannot be given up: the process
-//     prints the message to standard output and aborts.
+//     taken nothing and leaving the word as it was (errno EDEADLK for a cycle of waits,
+//     EINTR for a wait given up for a signal, the lock call's own errno otherwise), and
+//     the waiter's need-table entry and waiting record are cleared again.  A failed
+//     release of a held range means the lock file or the kernel's lock table is unusable
+//     and the range cannot be given up: the process prints the message to standard
+//     output and aborts.
 //  4. Statistics are plain read-modify-write updates without a common lock; concurrent
 //     updates may be lost, nothing depends on them.
-//  5. A free range costs one non-waiting request (F_SETLK), as much as a waiting one
-//     would.  Only a range held elsewhere costs more: with a wait hook set, one request
-//     to learn the holder (F_GETLK), then the waiting request; the kernel queues and
-//     wakes the waiter, nothing polls.
-// Reads: isam_com, is_env (need table), is_pid, is_lockfd, is_curfcp (is_fwait).
+//  5. A free futex word costs no system call to take or to give up: a compare-and-swap
+//     takes it, an exchange gives it up, and only a word whose waiters bit is set costs
+//     a FUTEX_WAKE.  A free range costs one non-waiting request (F_SETLK).
+//  6. A futex word holds its holder's tag: (claim count << 16 | process slot + 1) for an
+//     attached process, kPidForm | pid for one without a slot; kWaiters is set by those
+//     who sleep on it.  A waiter looks at the holder whenever a sleep runs out: a holder
+//     that is gone (is_slot_gone; kill for the pid form) has its word taken over by
+//     compare-and-swap, so one taker wins and finds the documented word stale.
+//  7. Crossed waits: every process that sleeps on a word or waits for a range records
+//     what in its isx_proc (xp_wait).  Before its first sleep a waiter follows holder ->
+//     what it waits for -> ...; coming back to itself it fails with EDEADLK.  After a
+//     sleep ran out or the holder changed, it looks again, and then fails only for a
+//     cycle that runs through a range: the kernel sees no cycle through a futex word, so
+//     a cycle closed by a range wait is found by a futex waiter on it.
+// Reads: isam_com, isx_area, is_env (need table, process table, pfo_tbl), is_pid,
+// is_lockfd, is_curfcp (is_fwait), is_curpfi/is_pfi (the current file's slot).
 #include "is_lock.h"
 
 #include "is_common.h"
+#include "is_live.h"
+#include "isx_area.h"
 #include "os.h"
 
 #include <kisam/kisam.h>
 
+#include <fcntl.h>
+#include <linux/futex.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/syscall.h>
+
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <unistd.h>
 
@@ -42,10 +66,20 @@ namespace {
 
 constexpr off_t kRangeLen = 4;
 
+// A futex word: the holder's tag, and kWaiters while someone sleeps on it.
+constexpr uint32_t kWaiters = 0x80000000u;
+constexpr uint32_t kPidForm = 0x40000000u;  // a holder without a process slot: its pid
+constexpr uint32_t kTagMask = ~kWaiters;
+// A waiter looks at the holder (alive? a cycle?) after sleeping this long, then twice as
+// long each time up to kLookMaxUs, and again from the start whenever the holder changes.
+constexpr long kLookFirstUs = 1000;
+constexpr long kLookMaxUs = 50000;
+
 // A lock word as seen by other processes: never cached across the lock calls.
 inline std::atomic_ref<uint32_t> word(volatile unsigned* p) {
     return std::atomic_ref<uint32_t>(*const_cast<uint32_t*>(p));
 }
+inline std::atomic_ref<uint32_t> word(uint32_t* p) { return std::atomic_ref<uint32_t>(*p); }
 
 [[noreturn]] void fatal(const char* fmt) noexcept {
     int e = errno;
@@ -62,16 +96,17 @@ inline std::atomic_ref<uint32_t> word(volatile unsigned* p) {
     std::abort();
 }
 
-// The words this process holds (their offsets), so that a word holding this process's
-// pid is known to be this process's -- and not left by a dead one with the same pid.
+// The words this process holds (their offsets), so that a word naming this process is
+// known to be this process's -- and not left by a dead one with the same pid or tag.
 // A process holds a handful at once; should more ever be held, the rest are trusted by
-// their pid alone.
+// their contents alone.
 // Each entry may carry a change count that this hold made odd (is_lock_set_seq); the
 // release makes it even again before the word is given up.
 constexpr int kHeld = 64;
 struct Held {
     unsigned long off;
     uint32_t* seq;
+    uint32_t tag;  // a futex word's: the tag this process wrote when it took it
 };
 Held held[kHeld];
 int nheld = 0;
@@ -83,12 +118,24 @@ Held* entry(unsigned long o) {
     return nullptr;
 }
 bool registered(unsigned long o) { return entry(o) != nullptr || held_overflow; }
-void enter(unsigned long o) {
-    if (entry(o)) return;
+void enter(unsigned long o, uint32_t tag = 0) {
+    if (Held* e = entry(o)) {
+        e->tag = tag;
+        return;
+    }
     if (nheld < kHeld)
-        held[nheld++] = Held{o, nullptr};
+        held[nheld++] = Held{o, nullptr, tag};
     else
         held_overflow = true;
+}
+uint32_t self_tag();
+// Whether futex word value v is this process's hold of the word at offset o: the tag it
+// wrote when it took it (its identity may have changed since: a slot claimed after a
+// take without one).
+bool holds(unsigned long o, uint32_t v) {
+    const Held* e = entry(o);
+    if (e) return (v & 0x7FFFFFFFu) == e->tag;
+    return held_overflow && (v & 0x7FFFFFFFu) == self_tag();
 }
 void leave(unsigned long o) {
     for (int i = 0; i < nheld; ++i) {
@@ -104,12 +151,165 @@ void set_need(unsigned long ofst) {
         is_env.needs_[is_env.useridx] = static_cast<uint32_t>(ofst);
 }
 
+// ---- who this process is, and who holds a futex word -------------------------------------
+
+// In a child forked from a process that used the library: the child's own pid (the child
+// keeps the parent's is_pid and slot until is_chinit gives it its own).
+pid_t forked_pid = 0;
+void after_fork_in_child() {
+    forked_pid = ::getpid();
+    nheld = 0;  // the child holds none of the parent's words
+    held_overflow = false;
+}
+
+// This process's xp_wait, or null without a slot.
+uint32_t* my_wait() {
+    const int i = is_env.useridx;
+    if (!isx_area || !isam_com || !is_env.pid_ || i < 0 || i >= isam_com->maxusers) return nullptr;
+    return &kisam::isx_proc_of(i)->xp_wait;
+}
+
+// The tag this process writes into the futex words it takes.
+uint32_t self_tag() {
+    const int i = is_env.useridx;
+    const bool own_slot = (forked_pid == 0 || forked_pid == is_pid) && isx_area && isam_com && is_env.pid_ &&
+                          i >= 0 && i < isam_com->maxusers &&
+                          std::atomic_ref<int32_t>(is_env.pid_[i]).load(std::memory_order_relaxed) == is_pid;
+    if (own_slot) {
+        const uint32_t gen = std::atomic_ref<uint32_t>(kisam::isx_proc_of(i)->xp_gen).load(std::memory_order_relaxed);
+        return (gen & kGenMask) << 16 | static_cast<uint32_t>(i + 1);
+    }
+    return kPidForm | (static_cast<uint32_t>(forked_pid ? forked_pid : is_pid) & 0x3FFFFFFFu);
+}
+
+// The process slot a tag names (-1 for the pid form).
+int tag_slot(uint32_t t) { return (t & kPidForm) ? -1 : static_cast<int>(t & 0xFFFFu) - 1; }
+
+// The pid of the holder a tag names, for the wait hook (0 when not known).
+int tag_pid(uint32_t t) {
+    if (t & kPidForm) return static_cast<int>(t & 0x3FFFFFFFu);
+    const int i = tag_slot(t);
+    if (i < 0 || i >= isam_com->maxusers) return 0;
+    return std::atomic_ref<int32_t>(is_env.pid_[i]).load(std::memory_order_relaxed);
+}
+
+// Whether process pid has ended and not been waited for yet: it exists for kill, but
+// runs no more (a child that its parent has not reaped).
+bool zombie(pid_t pid) {
+    char path[32];
+    std::snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
+    const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    char buf[256];
+    const ssize_t n = ::read(fd, buf, sizeof buf - 1);
+    ::close(fd);
+    if (n <= 0) return false;
+    buf[n] = '\0';
+    // "pid (name) state ...": the name may hold anything, the state follows its last ')'.
+    const char* r = std::strrchr(buf, ')');
+    return r && r[1] == ' ' && (r[2] == 'Z' || r[2] == 'X');
+}
+
+// Whether the holder a tag names is gone (rule 6).  Costs a system call or a few.
+bool holder_gone(uint32_t t) {
+    const int e = errno;
+    bool gone;
+    if (t & kPidForm) {
+        const pid_t pid = static_cast<pid_t>(t & 0x3FFFFFFFu);
+        gone = pid <= 0 || (::kill(pid, 0) != 0 && errno == ESRCH) || zombie(pid);
+    } else {
+        gone = is_slot_gone(tag_slot(t), t >> 16 & kGenMask);
+    }
+    errno = e;
+    return gone;
+}
+
+// The futex word standing for the documented word at doc: buf_lock's, or the control
+// lock's of the file whose shared control page holds doc; null for the words that stand
+// for lock-file ranges (opcl_lock, free_lock) and for a control page in no slot.
+int last_slot = -1;  // the slot of the control page found last
+uint32_t* futex_of(const volatile unsigned* doc) {
+    if (!isx_area || !isam_com) return nullptr;
+    if (doc == &isam_com->buf_lock) return &isx_area->xh_buf_word;
+    if (doc == &isam_com->opcl_lock || doc == &isam_com->free_lock) return nullptr;
+    const auto rel = static_cast<int32_t>(reinterpret_cast<const volatile char*>(doc) -
+                                          offsetof(IS_FCP, jd_fcplock) - is_env.heap_);
+    const int n = isam_com->maxopen;
+    auto at = [&](int u) { return u >= 0 && u < n && is_env.pfo_tbl[u] == rel; };
+    int u = is_curpfi && is_pfi ? static_cast<int>(is_curpfi - is_pfi) : -1;
+    if (!at(u)) {
+        u = last_slot;
+        if (!at(u)) {
+            for (u = 0; u < n && !at(u); ++u) {
+            }
+            if (u == n) return nullptr;
+            last_slot = u;
+        }
+    }
+    return &kisam::isx_file_of(u)->xf_ctl_word;
+}
+
+// The futex word at segment offset x, or null when x is not one (a range).
+uint32_t* futex_at(uint32_t x) {
+    if (x == kisam::com_offset(&isam_com->buf_lock)) return &isx_area->xh_buf_word;
+    for (int u = 0; u < isam_com->maxopen; ++u) {
+        const IS_FCP* f = kisam::pfo_fcp(u);
+        if (f && kisam::com_offset(&f->jd_fcplock) == x) return &kisam::isx_file_of(u)->xf_ctl_word;
+    }
+    return nullptr;
+}
+
+// ---- futex calls ---------------------------------------------------------------------------
+
+// Sleeps while *w holds val, until the monotonic deadline.  0 when woken or the word
+// changed, ETIMEDOUT, or EINTR for a signal whose handler does not restart calls.
+// futex_waitv restarts after a handler installed with SA_RESTART, as a lock-file wait
+// does; FUTEX_WAIT with a timeout would not, so it serves only on kernels without it.
+int futex_sleep(uint32_t* w, uint32_t val, const struct timespec& deadline) {
+    static bool no_waitv = false;
+    const int e = errno;
+    int r = 0;
+    if (!no_waitv) {
+        struct futex_waitv fw {};
+        fw.val = val;
+        fw.uaddr = reinterpret_cast<uintptr_t>(w);
+        fw.flags = FUTEX_32;  // shared between processes: not private
+        if (::syscall(__NR_futex_waitv, &fw, 1, 0, &deadline, CLOCK_MONOTONIC) < 0) {
+            if (errno == ENOSYS)
+                no_waitv = true;
+            else if (errno == ETIMEDOUT || errno == EINTR)
+                r = errno;
+        }
+    }
+    if (no_waitv) {
+        struct timespec now {};
+        ::clock_gettime(CLOCK_MONOTONIC, &now);
+        long ns = (deadline.tv_sec - now.tv_sec) * 1000000000L + (deadline.tv_nsec - now.tv_nsec);
+        if (ns <= 0) {
+            r = ETIMEDOUT;
+        } else {
+            struct timespec rel {ns / 1000000000L, ns % 1000000000L};
+            if (::syscall(SYS_futex, w, FUTEX_WAIT, val, &rel, nullptr, 0) != 0 &&
+                (errno == ETIMEDOUT || errno == EINTR))
+                r = errno;
+        }
+    }
+    errno = e;
+    return r;
+}
+
+void futex_wake(uint32_t* w) {
+    const int e = errno;
+    ::syscall(SYS_futex, w, FUTEX_WAKE, 1, nullptr, nullptr, 0);
+    errno = e;
+}
+
 // The program's wait hook (kisam_set_wait_hook).
 kisam_wait_fn hook_fn = nullptr;
 void* hook_arg = nullptr;
 int hook_flags = 0;
 
-// What a wait is for, worked out only once the range is found held.
+// What a wait is for, worked out only once the lock is found held.
 struct WaitFor {
     const volatile unsigned* word;  // the lock word, or the record-lock entry's range
     int what;                       // KISAM_WAIT_*, 0 when not known
@@ -146,64 +346,97 @@ void file_name(const IS_FCP* fcp, char* buf, size_t size) {
     }
 }
 
+// One wait as the hook hears of it: whom it waits for at its beginning, each signal
+// that interrupts it (and whether that gives it up), and its end.
+class HookedWait {
+public:
+    explicit HookedWait(const WaitFor& wf)
+        : wf_(wf), fn_(hook_fn), arg_(hook_arg), flags_(hook_flags), start_(fn_ ? now() : 0) {}
+    bool hooked() const { return fn_ != nullptr; }
+    void begin(int holder) {
+        if (!fn_ || told_) return;
+        w_.holder = holder;
+        w_.what = wf_.what;
+        const IS_FCP* fcp = nullptr;
+        if (wf_.what == KISAM_WAIT_RECORD)
+            fcp = is_curfcp;
+        else if (wf_.what == KISAM_WAIT_CONTROL)
+            fcp = reinterpret_cast<const IS_FCP*>(reinterpret_cast<const char*>(
+                      const_cast<const unsigned*>(wf_.word)) - offsetof(IS_FCP, jd_fcplock));
+        file_name(fcp, name_, sizeof name_);
+        w_.file = name_[0] ? name_ : nullptr;
+        w_.event = KISAM_WAIT_BEGIN;
+        w_.can_give_up = wf_.may_give_up ? 1 : 0;
+        fn_(&w_, arg_);
+        told_ = true;
+    }
+    // A signal whose handler does not restart calls came: true when the wait is given up.
+    bool signal() {
+        bool give_up = wf_.may_give_up && (flags_ & KISAM_WAIT_GIVE_UP);
+        if (fn_ && told_) {
+            w_.event = KISAM_WAIT_SIGNAL;
+            w_.seconds = now() - start_;
+            if (fn_(&w_, arg_) != 0 && wf_.may_give_up) give_up = true;
+        }
+        return give_up;
+    }
+    void end(bool taken) {
+        if (!told_) return;
+        const int e = errno;
+        w_.event = KISAM_WAIT_END;
+        w_.seconds = now() - start_;
+        w_.given_up = taken ? 0 : 1;
+        fn_(&w_, arg_);
+        errno = e;
+    }
+
+private:
+    const WaitFor& wf_;
+    const kisam_wait_fn fn_;
+    void* const arg_;
+    const int flags_;
+    const double start_;
+    struct kisam_wait w_ {};
+    char name_[512];
+    bool told_ = false;
+};
+
+bool crossed(uint32_t o, bool first);
+
 // The slow path of taking a range: it is held by another process.  Waits in the kernel;
 // tells the hook whom it waits for, and asks it (or the flag) whether a signal that
 // interrupts the wait gives the wait up.  0, or -1 with errno (EINTR when given up).
 int wait_held(unsigned long ofst, const WaitFor& wf) {
-    const kisam_wait_fn fn = hook_fn;
-    void* const arg = hook_arg;
-    const int flags = hook_flags;
-    struct kisam_wait w {};
-    char name[512];
+    HookedWait hw(wf);
     struct flock fl;
-    const double start = fn ? now() : 0;
-    bool told = false;
-    if (fn) {
+    if (hw.hooked()) {
         // Whom we wait for: the kernel's answer is the truth (the word may be stale, or
         // already cleared by a holder on its way out).
-        if (request(F_GETLK, F_WRLCK, ofst, &fl) == 0 && fl.l_type != F_UNLCK) {
-            w.holder = static_cast<int>(fl.l_pid);
-            w.what = wf.what;
-            const IS_FCP* fcp = nullptr;
-            if (wf.what == KISAM_WAIT_RECORD)
-                fcp = is_curfcp;
-            else if (wf.what == KISAM_WAIT_CONTROL)
-                fcp = reinterpret_cast<const IS_FCP*>(reinterpret_cast<const char*>(
-                          const_cast<const unsigned*>(wf.word)) - offsetof(IS_FCP, jd_fcplock));
-            file_name(fcp, name, sizeof name);
-            w.file = name[0] ? name : nullptr;
-            w.event = KISAM_WAIT_BEGIN;
-            w.can_give_up = wf.may_give_up ? 1 : 0;
-            fn(&w, arg);
-            told = true;
-        }
+        if (request(F_GETLK, F_WRLCK, ofst, &fl) == 0 && fl.l_type != F_UNLCK) hw.begin(static_cast<int>(fl.l_pid));
         // else the holder let go meanwhile: the waiting request is granted at once.
     }
-    int rc;
+    uint32_t* wait_rec = my_wait();
+    if (wait_rec) word(wait_rec).store(static_cast<uint32_t>(ofst));
+    // The kernel refuses a wait that closes a cycle of range waits, but it cannot see a
+    // holder that sleeps on a futex word (rule 7).
+    int rc = -1;
+    if (crossed(static_cast<uint32_t>(ofst), true)) {
+        if (wait_rec) word(wait_rec).store(0);
+        errno = EDEADLK;
+        hw.end(false);
+        return -1;
+    }
     for (;;) {
         rc = request(F_SETLKW, F_WRLCK, ofst, &fl);
         if (rc == 0 || errno != EINTR) break;
         // A signal whose handler does not restart calls: the program may want to stop.
-        bool give_up = false;
-        if (wf.may_give_up && (flags & KISAM_WAIT_GIVE_UP)) give_up = true;
-        if (fn && told) {
-            w.event = KISAM_WAIT_SIGNAL;
-            w.seconds = now() - start;
-            if (fn(&w, arg) != 0 && wf.may_give_up) give_up = true;
-        }
-        if (give_up) {
+        if (hw.signal()) {
             errno = EINTR;
             break;
         }
     }
-    if (told) {
-        const int e = errno;
-        w.event = KISAM_WAIT_END;
-        w.seconds = now() - start;
-        w.given_up = rc == 0 ? 0 : 1;
-        fn(&w, arg);
-        errno = e;
-    }
+    if (wait_rec) word(wait_rec).store(0);
+    hw.end(rc == 0);
     return rc;
 }
 
@@ -228,6 +461,214 @@ WaitFor wait_for(volatile unsigned* lockidp, bool may_give_up) {
     if (lockidp == &isam_com->buf_lock) return {lockidp, KISAM_WAIT_BUFFERS, false};
     if (lockidp == &isam_com->opcl_lock) return {lockidp, KISAM_WAIT_OPEN, may_give_up};
     return {lockidp, KISAM_WAIT_CONTROL, may_give_up};  // the other words are control locks
+}
+
+// ---- crossed waits (rule 7) ----------------------------------------------------------------
+
+// The slot of the process that holds what segment offset x stands for, -1 when none is
+// known (free, or held by a process without a slot).  Appends what it read to trace;
+// *range is set when x is a lock-file range.
+constexpr int kMaxHops = 256;
+uint32_t hop_tags[kMaxHops + 2];  // the futex words' holders met by the latest walk
+int nhop_tags = 0;
+
+int holder_slot(uint32_t x, uint32_t* trace, int& n, bool* range) {
+    if (uint32_t* fw = futex_at(x)) {
+        const uint32_t t = word(fw).load() & kTagMask;
+        trace[n++] = t;
+        if (t != 0 && nhop_tags < kMaxHops + 2) hop_tags[nhop_tags++] = t;
+        if (t == 0) return -1;
+        return tag_slot(t);
+    }
+    *range = true;
+    struct flock fl;
+    int32_t pid = 0;
+    if (request(F_GETLK, F_WRLCK, x, &fl) == 0 && fl.l_type != F_UNLCK) {
+        pid = fl.l_pid;
+    } else if (x + 12 <= static_cast<uint32_t>(isam_com->comsize)) {
+        // The kernel does not report this process's own ranges: the word (opcl_lock,
+        // free_lock) or the record-lock entry (its holder at byte 8) may name this process.
+        const auto* p = reinterpret_cast<const char*>(isam_com) + x;
+        const bool word_range = x == kisam::com_offset(&isam_com->opcl_lock) || x == kisam::com_offset(&isam_com->free_lock);
+        const uint32_t named = kisam::load_at<uint32_t>(word_range ? p : p + 8);
+        if (named == static_cast<uint32_t>(is_pid)) pid = is_pid;
+    }
+    trace[n++] = static_cast<uint32_t>(pid);
+    if (pid <= 0) return -1;
+    if (pid == is_pid) return is_env.useridx;
+    for (int i = 0; i < isam_com->maxusers; ++i)
+        if (std::atomic_ref<int32_t>(is_env.pid_[i]).load(std::memory_order_relaxed) == pid) return i;
+    return -1;
+}
+
+// Follows holder -> what it waits for -> ... from what this process waits for (offset
+// o).  True when the chain comes back to this process; *range when it runs through a
+// lock-file range.  trace receives everything read, n its length.
+bool walk(uint32_t o, uint32_t* trace, int& n, bool* range) {
+    n = 0;
+    nhop_tags = 0;
+    *range = false;
+    const int me = is_env.useridx;
+    int s = holder_slot(o, trace, n, range);
+    for (int hop = 0; hop < kMaxHops && hop <= isam_com->maxusers; ++hop) {
+        if (s < 0 || s >= isam_com->maxusers) return false;
+        if (s == me) return true;
+        const uint32_t x = word(&kisam::isx_proc_of(s)->xp_wait).load();
+        trace[n++] = x;
+        if (x == 0) return false;
+        s = holder_slot(x, trace, n, range);
+    }
+    return false;
+}
+
+// Whether this process's wait for offset o closes a cycle of waits.  A cycle is believed
+// only when a second walk reads the same (a holder that let go and went on to wait for
+// something else between two reads would look like one).  first: the wait is new, and
+// any cycle counts; else only one through a range (rule 7).
+bool crossed(uint32_t o, bool first) {
+    if (tag_slot(self_tag()) < 0) return false;  // a process without a slot waits for none
+    static uint32_t a[2 * kMaxHops + 4], b[2 * kMaxHops + 4];
+    int na = 0, nb = 0;
+    bool ra = false, rb = false;
+    if (!walk(o, a, na, &ra) || (!first && !ra)) return false;
+    if (!walk(o, b, nb, &rb) || na != nb || std::memcmp(a, b, sizeof a[0] * static_cast<size_t>(na)) != 0)
+        return false;
+    // A process that died waiting still names what it waited for, and a word it holds
+    // is taken over, not waited for forever: a cycle through a gone holder is none.  (A
+    // range's holder is the kernel's answer: alive.)
+    for (int i = 0; i < nhop_tags; ++i)
+        if (hop_tags[i] != self_tag() && holder_gone(hop_tags[i])) return false;
+    return true;
+}
+
+// ---- futex words ---------------------------------------------------------------------------
+
+// The slow path of taking futex word fw (documented word at offset o): it is held.
+// Sleeps on it, looking at the holder as rule 6 and 7 say.  0 once it is this process's,
+// or -1 with errno (EDEADLK, EINTR when given up).
+int futex_wait_held(uint32_t* fw, uint32_t me, unsigned long o, const WaitFor& wf) {
+    auto a = word(fw);
+    HookedWait hw(wf);
+    uint32_t* wait_rec = my_wait();
+    set_need(o);
+    if (wait_rec) word(wait_rec).store(static_cast<uint32_t>(o));
+    uint32_t holder = 0;   // the holder seen last
+    bool first = true;     // no look at any holder yet
+    bool slept = false;
+    int seen_crossed = 0;  // looks in a row that found a cycle
+    long look_us = kLookFirstUs;
+    struct timespec deadline {};
+    int rc = 0;
+    for (;;) {
+        uint32_t cur = a.load(std::memory_order_acquire);
+        const uint32_t t = cur & kTagMask;
+        if (t == 0) {
+            // Free.  Whoever slept takes it with the waiters bit: others may sleep still.
+            if (a.compare_exchange_strong(cur, me | (slept ? kWaiters : 0), std::memory_order_acquire)) break;
+            continue;
+        }
+        bool ran_out = false;
+        if (t != holder || first) {
+            holder = t;
+            look_us = kLookFirstUs;
+            seen_crossed = 0;
+            ::clock_gettime(CLOCK_MONOTONIC, &deadline);
+            deadline.tv_nsec += look_us * 1000;
+            if (deadline.tv_nsec >= 1000000000L) { deadline.tv_sec += 1; deadline.tv_nsec -= 1000000000L; }
+            if (t == me) {
+                // Names this process, which did not take it: left by an earlier image of
+                // it (an exec) or by its parent's hold in a child -- gone either way.
+                if (a.compare_exchange_strong(cur, me | kWaiters, std::memory_order_acquire)) break;
+                continue;
+            }
+            // A new holder closes any cycle it makes itself (and finds it); this wait
+            // looks when it begins.
+            if (first && crossed(static_cast<uint32_t>(o), true)) {
+                errno = EDEADLK;
+                rc = -1;
+                break;
+            }
+            first = false;
+        } else {
+            struct timespec n {};
+            ::clock_gettime(CLOCK_MONOTONIC, &n);
+            ran_out = n.tv_sec > deadline.tv_sec || (n.tv_sec == deadline.tv_sec && n.tv_nsec >= deadline.tv_nsec);
+        }
+        if (ran_out) {
+            if (holder_gone(t)) {
+                if (a.compare_exchange_strong(cur, me | kWaiters, std::memory_order_acquire)) break;
+                continue;
+            }
+            // A backstop: a cycle that whoever closed it did not see (their walks raced
+            // past each other's records) is believed once two looks in a row find it.
+            if (!crossed(static_cast<uint32_t>(o), false))
+                seen_crossed = 0;
+            else if (++seen_crossed == 2) {
+                errno = EDEADLK;
+                rc = -1;
+                break;
+            }
+            look_us = look_us * 2 > kLookMaxUs ? kLookMaxUs : look_us * 2;
+            ::clock_gettime(CLOCK_MONOTONIC, &deadline);
+            deadline.tv_nsec += look_us * 1000;
+            while (deadline.tv_nsec >= 1000000000L) { deadline.tv_sec += 1; deadline.tv_nsec -= 1000000000L; }
+        }
+        if (!(cur & kWaiters)) {
+            if (!a.compare_exchange_strong(cur, cur | kWaiters)) continue;
+            cur |= kWaiters;
+        }
+        hw.begin(tag_pid(t));
+        slept = true;
+        const int r = futex_sleep(fw, cur, deadline);
+        if (r == EINTR && hw.signal()) {
+            errno = EINTR;
+            rc = -1;
+            break;
+        }
+    }
+    if (wait_rec) word(wait_rec).store(0);
+    set_need(0);
+    // A wake meant for the next waiter may have come to this one, which leaves without
+    // the word: pass it on.
+    if (rc != 0 && slept) futex_wake(fw);
+    hw.end(rc == 0);
+    return rc;
+}
+
+// Makes the futex word (documented word doc at offset o), just taken with tag me, this
+// process's.
+void own(volatile unsigned* doc, unsigned long o, uint32_t me) {
+    auto d = word(doc);
+    const uint32_t cur = d.load(std::memory_order_acquire);
+    // Rule 1: a documented word set when the lock became ours was left by a holder that
+    // died; the caller may have to repair what it was doing.
+    is_lock_stale = cur != 0 ? 1 : 0;
+    is_lock_stale_pid = cur;
+    d.store(static_cast<uint32_t>(is_pid), std::memory_order_release);
+    enter(o, me);
+    is_incsyslocks();
+}
+
+int lock_futex(volatile unsigned* doc, uint32_t* fw, bool may_give_up) {
+    auto a = word(fw);
+    const uint32_t me = self_tag();
+    const unsigned long o = kisam::com_offset(doc);
+    uint32_t cur = 0;
+    if (!a.compare_exchange_strong(cur, me, std::memory_order_acquire)) {
+        if (holds(o, cur)) {
+            is_lock_stale = 0;
+            is_lock_stale_pid = 0;
+            return 0;
+        }
+        isam_com->syswaits++;
+        if (futex_wait_held(fw, me, o, wait_for(doc, may_give_up)) != 0) {
+            is_lock_stale = 0;
+            is_lock_stale_pid = 0;
+            return -1;
+        }
+    }
+    own(doc, o, me);
+    return 0;
 }
 
 int lock_word(volatile unsigned* lockidp, bool may_give_up) noexcept;
@@ -263,6 +704,15 @@ int is_lock_nogiveup(volatile unsigned* lockidp) noexcept { return lock_word(loc
 namespace {
 
 int lock_word(volatile unsigned* lockidp, bool may_give_up) noexcept {
+    if (uint32_t* fw = futex_of(lockidp)) return lock_futex(lockidp, fw, may_give_up);
+    if (lockidp != &isam_com->opcl_lock && lockidp != &isam_com->free_lock) {
+        // A control page in no slot of the shared-file table: nobody could find its
+        // lock, and taking it would exclude nobody.
+        errno = ENOLCK;
+        is_lock_stale = 0;
+        is_lock_stale_pid = 0;
+        return -1;
+    }
     auto w = word(lockidp);
     if (w.load(std::memory_order_acquire) != 0) isam_com->syswaits++;
     const unsigned long o = kisam::com_offset(lockidp);
@@ -295,18 +745,48 @@ int lock_word(volatile unsigned* lockidp, bool may_give_up) noexcept {
 }  // namespace
 
 bool is_lock_mine(const volatile unsigned* lockidp) noexcept {
+    const unsigned long o = kisam::com_offset(lockidp);
+    if (const uint32_t* fw = futex_of(lockidp))
+        return holds(o, std::atomic_ref<const uint32_t>(*fw).load(std::memory_order_acquire));
     const uint32_t cur = std::atomic_ref<uint32_t>(*const_cast<uint32_t*>(lockidp)).load(std::memory_order_acquire);
-    return cur == static_cast<uint32_t>(is_pid) && registered(kisam::com_offset(lockidp));
+    return cur == static_cast<uint32_t>(is_pid) && registered(o);
 }
 
-uint32_t is_lock_claim(volatile unsigned* lockidp) noexcept {
-    auto w = word(lockidp);
-    const uint32_t cur = w.load(std::memory_order_acquire);
+int is_lock_try(volatile unsigned* lockidp, uint32_t* dead) noexcept {
+    *dead = 0;
     const unsigned long o = kisam::com_offset(lockidp);
-    w.store(static_cast<uint32_t>(is_pid), std::memory_order_release);
-    enter(o);
-    is_incsyslocks();
-    return cur;
+    uint32_t* fw = futex_of(lockidp);
+    if (!fw) {
+        if (lockidp != &isam_com->opcl_lock && lockidp != &isam_com->free_lock) return -1;
+        if (is_lockitnw(o) != 0) return -1;
+        auto w = word(lockidp);
+        const uint32_t cur = w.load(std::memory_order_acquire);
+        w.store(static_cast<uint32_t>(is_pid), std::memory_order_release);
+        enter(o);
+        is_incsyslocks();
+        // The word is cleared before its range is released: set once the range is ours,
+        // it names a holder that died.
+        *dead = cur;
+        return 0;
+    }
+    auto a = word(fw);
+    const uint32_t me = self_tag();
+    uint32_t cur = 0;
+    if (!a.compare_exchange_strong(cur, me, std::memory_order_acquire)) {
+        const uint32_t t = cur & kTagMask;
+        if (holds(o, cur)) return 0;
+        // Taken over only from a holder that is gone (a word naming this process that it
+        // did not take is one); the waiters bit stays for whoever sleeps on it.
+        if (t != me && !holder_gone(t)) return -1;
+        if (!a.compare_exchange_strong(cur, me | (cur & kWaiters), std::memory_order_acquire)) return -1;
+    }
+    const int stale = is_lock_stale;
+    const uint32_t stale_pid = is_lock_stale_pid;
+    own(lockidp, o, me);
+    *dead = is_lock_stale_pid;
+    is_lock_stale = stale;
+    is_lock_stale_pid = stale_pid;
+    return 0;
 }
 
 bool is_lock_set_seq(const volatile unsigned* lockidp, uint32_t* seq) noexcept {
@@ -322,16 +802,32 @@ bool is_lock_has_seq(const volatile unsigned* lockidp) noexcept {
 }
 
 void is_lock_forget(void) noexcept {
+    static bool fork_noted = false;
+    if (!fork_noted) {
+        // A child forked without is_chinit must not take words as its parent.
+        ::pthread_atfork(nullptr, nullptr, after_fork_in_child);
+        fork_noted = true;
+    }
     nheld = 0;
     held_overflow = false;
+    forked_pid = 0;  // is_pid is this process's again (start-up, is_chinit)
+}
+
+void is_lock_abandoned(void) noexcept {
+    if (uint32_t* w = my_wait()) word(w).store(0);
 }
 
 void is_unlock(unsigned* lockidp) noexcept {
-    auto w = word(lockidp);
-    const uint32_t cur = w.load(std::memory_order_acquire);
     const unsigned long o = kisam::com_offset(lockidp);
-    // A word holding our pid that we did not take is a dead process's: not ours to clear.
-    if (cur == 0 || cur != static_cast<uint32_t>(is_pid) || !registered(o)) return;
+    uint32_t* fw = futex_of(lockidp);
+    auto w = word(lockidp);
+    if (fw) {
+        if (!holds(o, word(fw).load(std::memory_order_acquire))) return;
+    } else {
+        const uint32_t cur = w.load(std::memory_order_acquire);
+        // A word holding our pid that we did not take is a dead process's: not ours to clear.
+        if (cur == 0 || cur != static_cast<uint32_t>(is_pid) || !registered(o)) return;
+    }
     // A change count this hold made odd becomes even after the hold's last change and
     // before anyone else can take the word: readers without the lock see it even only
     // when no change is under way.
@@ -344,6 +840,10 @@ void is_unlock(unsigned* lockidp) noexcept {
     w.store(0, std::memory_order_release);
     leave(o);
     isam_com->cursyslocks--;
+    if (fw) {
+        if (word(fw).exchange(0, std::memory_order_acq_rel) & kWaiters) futex_wake(fw);
+        return;
+    }
     if (is_unlockit(o) != 0) fatal("is unlockit fail - errno = %d\n");
 }
 

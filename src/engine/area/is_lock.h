@@ -1,28 +1,36 @@
-// Lock words and their lock-file ranges.
-//
-// A lock word in the common area holds its holder's is_pid (0 when free) and stands for
-// a write lock on the 4 bytes of the lock file at the word's offset from the segment's
-// start.  The kernel does the excluding and waiting and frees the ranges of a process
-// that dies; the word only tells who holds it.
+// Lock words.  Every lock has a documented word in the common area that holds its
+// holder's is_pid (0 when free).  What excludes and waits differs (README.locks.md):
+//  - a file's control lock (jd_fcplock) and buf_lock: a futex word of our own area
+//    (isx_file.xf_ctl_word, isx_head.xh_buf_word) holding the holder's tag; taking and
+//    giving up a free one makes no system call.  A waiter sleeps on it and looks now and
+//    then whether the holder is gone (taking the word over) and whether the wait closes
+//    a cycle of waits (EDEADLK);
+//  - opcl_lock, free_lock and record locks: a write lock on the 4 bytes of the lock file
+//    at the word's offset from the segment's start.  The kernel does the excluding and
+//    waiting, refuses a wait that would close a cycle (EDEADLK), and frees the ranges of
+//    a process that dies.
+// Ownership is per process, not per thread, for both kinds.
 //
 // Lock order: opcl_lock, then a file's control lock, then free_lock or buf_lock.
 //
 // Requires: the segment attached and the lock file open (is_lockfd); a caller takes the
 // words in the order above and waits for no word while it holds free_lock or buf_lock.
+// A control lock's word is found through the shared-file table: its control page must be
+// in a slot (pfo_tbl) while the lock is taken, held or given up.
 //
-// A request to take a range that fails does not abort: the kernel refusing a wait that
-// would close a cycle of waits (EDEADLK), a lock call that fails (ENOLCK when the
-// kernel's lock table is full, EIO, ...), or a wait given up because a signal came (see
-// kisam_set_wait_hook; errno EINTR).  The taking call returns -1 with errno saying why,
-// the word is left as it was, and the operation fails with is_lock_code()'s code,
-// holding nothing it did not hold before -- except a record-lock wait whose control lock
-// cannot be taken back (is_fwait -2), after which the caller holds that control lock no
-// more.  A failed release of a held range aborts the process with a message: the range
-// would stay held with no way to give it up.
+// A request to take a lock that fails does not abort: a wait that would close a cycle of
+// waits (EDEADLK), a lock call that fails (ENOLCK when the kernel's lock table is full,
+// EIO, ...), or a wait given up because a signal came (see kisam_set_wait_hook; errno
+// EINTR).  The taking call returns -1 with errno saying why, the word is left as it was,
+// and the operation fails with is_lock_code()'s code, holding nothing it did not hold
+// before -- except a record-lock wait whose control lock cannot be taken back (is_fwait
+// -2), after which the caller holds that control lock no more.  A failed release of a
+// held range aborts the process with a message: the range would stay held with no way to
+// give it up.
 //
-// Taking a range costs one non-waiting request when it is free; only when it is held
-// elsewhere does the process sleep in a waiting request (and, with a wait hook set,
-// learn the holder first).
+// Taking a free futex word costs no system call; a free range one non-waiting request.
+// Only a lock held elsewhere costs more: the process sleeps (and, with a wait hook set,
+// learns the holder first).
 #pragma once
 
 #include "layout.h"
@@ -68,10 +76,10 @@ extern uint32_t is_lock_stale_pid;
 // (Process ids are reused: a word may hold this process's pid left by a dead process
 // that had it, and that word is not this process's.)
 bool is_lock_mine(const volatile unsigned* lockidp) noexcept;
-// After the range of lockidp was granted to this process without waiting (is_lockitnw):
-// makes the word this process's and counts it.  Returns the pid of a holder that died
-// holding it (the word was set and not this process's), else 0.
-uint32_t is_lock_claim(volatile unsigned* lockidp) noexcept;
+// Takes lockidp without waiting: 0 when it is now this process's (or was already), with
+// *dead the pid of a holder that died holding it (its documented word was still set),
+// else 0; -1 when a live process holds it.  Leaves is_lock_stale as it was.
+int is_lock_try(volatile unsigned* lockidp, uint32_t* dead) noexcept;
 // Change counts tied to a hold (the readers that take no lock, README.reads.md): the
 // holder of lockidp makes `seq` odd and registers it here; is_unlock of lockidp makes it
 // even again just before the word is given up, whatever path gives it up.  False when
@@ -80,5 +88,8 @@ uint32_t is_lock_claim(volatile unsigned* lockidp) noexcept;
 bool is_lock_set_seq(const volatile unsigned* lockidp, uint32_t* seq) noexcept;
 // Whether this hold of lockidp carries a change count (made odd in this hold).
 bool is_lock_has_seq(const volatile unsigned* lockidp) noexcept;
+// A call of this process was abandoned (a signal handler jumped out of it), perhaps in a
+// wait: this process waits for nothing now (its record for the walks of crossed waits).
+void is_lock_abandoned(void) noexcept;
 // Forgets every word this process believed it held (a child after fork holds none).
 void is_lock_forget(void) noexcept;

@@ -79,7 +79,9 @@ struct isx_head {
     uint32_t xh_whole_base;  // 96-99  the whole-page table
     uint32_t xh_whole_mask;  // 100-103 its entries - 1
     uint32_t xh_sync_base;   // 104-107 the group-commit table
-    uint32_t xh_spare[5];    // 108-127
+    uint32_t xh_buf_word;    // 108-111 buf_lock's lock word (is_lock.h: holder's tag, the
+                             //         waiters bit; a futex word)
+    uint32_t xh_spare[4];    // 112-127
 };
 KISAM_RECORD(isx_head, 128);
 KISAM_AT(isx_head, xh_magic, 0);       KISAM_AT(isx_head, xh_version, 4);
@@ -97,7 +99,7 @@ KISAM_AT(isx_head, xh_rec_units, 76); KISAM_AT(isx_head, xh_rec_pages, 80);
 KISAM_AT(isx_head, xh_rec_time, 84);  KISAM_AT(isx_head, xh_rec_usec, 88);
 KISAM_AT(isx_head, xh_leftover, 92);  KISAM_AT(isx_head, xh_whole_base, 96);
 KISAM_AT(isx_head, xh_whole_mask, 100); KISAM_AT(isx_head, xh_sync_base, 104);
-KISAM_AT(isx_head, xh_spare, 108);
+KISAM_AT(isx_head, xh_buf_word, 108); KISAM_AT(isx_head, xh_spare, 112);
 
 // One per shared-file slot.  Reset when the slot is taken by a new file (open) so that
 // nothing learnt about the slot's previous file carries over.
@@ -122,7 +124,10 @@ struct isx_file {
                              //        disk holds everything logged before it
     uint32_t xf_log_fcpgen;  // 48-51  the generation in which the log last took the whole
                              //        control page (later records may hold only changes)
-    uint32_t xf_spare[3];    // 52-63
+    uint32_t xf_ctl_word;    // 52-55  the file's control lock word (is_lock.h: holder's tag,
+                             //        the waiters bit; a futex word).  Kept when a new file
+                             //        takes the slot: it is a lock, not knowledge of a file
+    uint32_t xf_spare[2];    // 56-63
 };
 KISAM_RECORD(isx_file, 64);
 KISAM_AT(isx_file, xf_seq, 0);   KISAM_AT(isx_file, xf_chaingen, 4);
@@ -130,7 +135,7 @@ KISAM_AT(isx_file, xf_hand, 8);  KISAM_AT(isx_file, xf_undo, 12);
 KISAM_AT(isx_file, xf_chainlen, 16); KISAM_AT(isx_file, xf_log_gen, 20);
 KISAM_AT(isx_file, xf_log_end, 24); KISAM_AT(isx_file, xf_log_synced, 32);
 KISAM_AT(isx_file, xf_log_start, 40); KISAM_AT(isx_file, xf_log_fcpgen, 48);
-KISAM_AT(isx_file, xf_spare, 52);
+KISAM_AT(isx_file, xf_ctl_word, 52); KISAM_AT(isx_file, xf_spare, 56);
 
 // One per shared-file slot: the group commit of the file's redo log (lg.h rule 7).
 // Reset with the slot's log when a file enters the slot.
@@ -160,10 +165,14 @@ inline constexpr uint32_t ISX_SYNC_SLEEPERS = 0x80000000u;
 struct isx_proc {
     int32_t xp_pid;          //  0-3   the process that claimed the slot (0 when free)
     uint32_t xp_flags;       //  4-7
-    uint32_t xp_spare[2];    //  8-15
+    uint32_t xp_wait;        //  8-11  what the process sleeps for now: the segment offset of
+                             //        a lock word or lock-file range (is_lock.h), 0 none
+    uint32_t xp_gen;         // 12-15  claims of this slot: advanced whenever a process claims
+                             //        it, so that a lock word naming an earlier claimer is
+                             //        known to be left by a process that is gone
 };
 KISAM_RECORD(isx_proc, 16);
-KISAM_AT(isx_proc, xp_pid, 0); KISAM_AT(isx_proc, xp_flags, 4); KISAM_AT(isx_proc, xp_spare, 8);
+KISAM_AT(isx_proc, xp_pid, 0); KISAM_AT(isx_proc, xp_flags, 4); KISAM_AT(isx_proc, xp_wait, 8); KISAM_AT(isx_proc, xp_gen, 12);
 
 // A process cleaned up after it died attached.
 struct isx_reaped {
@@ -183,7 +192,9 @@ inline constexpr uint32_t ISX_MAGIC = 0x3158414Bu;  // "KAX1"
 // that wrote pages at every call would break that order, so versions do not mix.
 // 5: durable calls share a sync through the group-commit table (isx_sync) instead of a
 // lock on the log: a library that waited on the lock would not see who syncs.
-inline constexpr uint16_t ISX_VERSION = 5;
+// 6: control locks and buf_lock are words of this area (futex words) instead of lock-file
+// ranges: a library that took the ranges would not exclude one that takes the words.
+inline constexpr uint16_t ISX_VERSION = 6;
 // In a page log mark: the page's next log entry must be its whole image.
 inline constexpr uint64_t ISX_LSN_FULL = uint64_t{1} << 63;
 

@@ -555,7 +555,9 @@ KISAM_API int nisopen(const char* filename, int access) {
     // Nothing learnt about the slot's previous file carries over; this process counts
     // among the file's users before the file can be found.
     isx_file* xf = kisam::isx_file_of(u);
+    const uint32_t ctl_word = xf->xf_ctl_word;  // a lock word, not knowledge of a file
     std::memset(xf, 0, sizeof *xf);
+    xf->xf_ctl_word = ctl_word;
     xf->xf_hand = -1;
     jn_setpath(u, filename);
     if (lg_enter(u, fcp) != 0) {

@@ -61,8 +61,9 @@ struct TryWord {
             if (is_lock(w) != 0) return;
             prev = is_lock_stale ? is_lock_stale_pid : 0;
         } else {
-            if (is_lockitnw(kisam::com_offset(w)) != 0) return;
-            prev = is_lock_claim(w);
+            uint32_t dead = 0;
+            if (is_lock_try(w, &dead) != 0) return;
+            prev = dead;
         }
         ok = took = true;
         if (prev != 0) {

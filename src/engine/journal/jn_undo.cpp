@@ -203,11 +203,12 @@ int jn_clear_slot(int i, bool wait) noexcept {
                     }
                     prev = is_lock_stale ? is_lock_stale_pid : 0;
                 } else {
-                    if (is_lockitnw(kisam::com_offset(w)) != 0) {
+                    uint32_t dead = 0;
+                    if (is_lock_try(w, &dead) != 0) {
                         unmap(m);
                         return -1;
                     }
-                    prev = is_lock_claim(w);
+                    prev = dead;
                 }
                 if (prev != 0) {
                     jn_note_stale(fcp, prev);

@@ -5,8 +5,11 @@
 // is_curfcp).  is_getctl takes nothing else first: opcl_lock may be held, never free_lock
 // or buf_lock (lock order: opcl_lock, a control lock, then free_lock or buf_lock).
 // is_unres and every change of a file's record-lock list require its control lock; no
-// process waits for a record lock while holding a control lock (is_fwait gives it up
-// while it waits).
+// process waits for a record lock while holding that file's control lock (is_fwait gives
+// it up while it waits).  Control locks of other files that the application holds with
+// nisgetctl stay held meanwhile, so a cycle of waits may mix record locks (lock-file
+// ranges) and control locks (futex words); the lock layer finds such cycles too
+// (area/README.locks.md, "Crossed waits").
 #pragma once
 
 // Control lock of the current file, nesting per process and file.  The first take

@@ -17,6 +17,8 @@
 //      the application had taken with nisgetctl (a later nisrelctl is harmless);
 //   5  ISE_DEADLOCK or KISAM_ISE_LOCKFAIL: the range of the new lock could not be taken;
 //      no lock was added.
+//   6  KISAM_ISE_LOCKFAIL or ISE_DEADLOCK: the heap's lock could not be taken for the
+//      new lock's entry; no lock was added.
 // A conflict under rtnopt > 0 and an exhausted heap return -1 with no code.
 #include "is_ctl.h"
 
@@ -174,7 +176,10 @@ rescan:
     if (already_held) return leave(1);
 
     IS_RC* e = reinterpret_cast<IS_RC*>(allocncom(static_cast<unsigned>(keylen) + 16u));
-    if (!e) return leave(-1);
+    if (!e) {
+        if (errno != ENOMEM) is_raise(is_lock_code(errno), PROC(P_ISLOCK, 6));
+        return leave(-1);
+    }
     if (keylen > 0) std::memcpy(e->rc_key, key, static_cast<size_t>(keylen));
     e->rc_lock = static_cast<uint32_t>(is_pid);
     e->rc_isfd = static_cast<int16_t>(isfd);

@@ -60,15 +60,14 @@ bool reap_dead_holders() noexcept {
         if (!f) continue;
         const unsigned w = f->jd_fcplock;
         if (w == 0 || is_lock_mine(&f->jd_fcplock)) continue;
-        const unsigned long off = kisam::com_offset(&f->jd_fcplock);
-        if (is_lockitnw(off) != 0) continue;  // a live holder
-        // The word is cleared before its range is released, so a word still set once the
-        // range is ours names a holder that died.
-        if (f->jd_fcplock == 0) {
-            is_unlockit(off);
+        uint32_t dead = 0;
+        if (is_lock_try(&f->jd_fcplock, &dead) != 0) continue;  // a live holder
+        // The word is cleared before the lock is given up, so a word still set once the
+        // lock is ours names a holder that died.
+        if (dead == 0) {
+            is_unlock(&f->jd_fcplock);
             continue;
         }
-        const unsigned dead = is_lock_claim(&f->jd_fcplock);
         // The call it was making is rolled back by the file's next user (noted first: a
         // death of this process meanwhile must not lose it).
         jn_note_stale(f, dead);
@@ -129,11 +128,11 @@ int steal_victim(bool hb, bool* took) noexcept {
         IS_FCP* ofcp = pfo_fcp(w);
         if (!is_lock_mine(&ofcp->jd_fcplock)) {
             if (hb && bk.refused[w] == bk.scan_no) continue;
-            if (is_lockitnw(kisam::com_offset(&ofcp->jd_fcplock)) != 0) {
+            uint32_t prev = 0;
+            if (is_lock_try(&ofcp->jd_fcplock, &prev) != 0) {
                 if (hb) bk.refused[w] = bk.scan_no;
                 continue;
             }
-            const unsigned prev = is_lock_claim(&ofcp->jd_fcplock);
             // A holder that died may have left fixes on its file's slots, and a call half
             // done, which the file's next user rolls back (noted first: a death of this
             // process meanwhile must not lose it).
