@@ -1,0 +1,226 @@
+// The log's records: what a commit, a steal and a rollback's compensation append, each
+// page whole or as the bytes that changed, and the header a file's first open writes.
+#include "lg_internal.h"
+
+#include "fcp.h"
+#include "jn.h"
+#include "os.h"
+#include "v_pool.h"
+
+#include <algorithm>
+#include <cstring>
+#include <fcntl.h>
+
+using namespace kisam::lg;
+
+namespace {
+Buf rec_buf;  // the record being built
+}  // namespace
+
+namespace {
+// The buffers a commit builds its record in, made before any call needs them.
+bool call_buffers_ready() noexcept;
+}  // namespace
+
+int lg_enter(int u, IS_FCP* fcp) noexcept {
+    const int fd = log_fd(u);
+    if (fd < 0) return fail(ISE_OPENF, 0x26);
+    // A call may be left part way (a signal handler that jumps out of it): it must not be
+    // inside the allocator then, so a commit finds its buffers made.
+    if (!call_buffers_ready()) return fail(ISE_FLWT, 0x28);
+    // The log's first stretch of zeros is written now rather than by the first call.
+    if (extend(u, fd, kExtend) != 0) return fail(ISE_FLWT, 0x27);
+    lg_head h;
+    std::memset(&h, 0, sizeof h);
+    const bool valid = read_head(fd, &h);
+    lg_head n;
+    std::memset(&n, 0, sizeof n);
+    n.lh_gen = valid ? h.lh_gen + 1 : 2;
+    n.lh_start = valid ? h.lh_start : 0;
+    n.lh_dev = fcp->jd_dev;
+    n.lh_ino = fcp->jd_ino;
+    std::snprintf(n.lh_path, sizeof n.lh_path, "%s", kisam::isx_path(u));
+    // Not synced here: records carry their generation, so those of this file never count
+    // under the header of the slot's previous file, and the first sync of the log (before
+    // any page of the file is written) takes the header along.
+    if (write_head(fd, &n, false) != 0) return fail(ISE_FLWT, 0x27);
+    isx_file* x = xfile(u);
+    x->xf_log_gen = n.lh_gen;
+    at(x->xf_log_start).store(n.lh_start);
+    at(x->xf_log_end).store(n.lh_start);
+    at(x->xf_log_synced).store(n.lh_start);
+    std::memset(kisam::isx_sync_of(u), 0, sizeof(isx_sync));
+    if (fds.w[u].fd >= 0) {
+        kisam::os_close(fds.w[u].fd);
+        fds.w[u].fd = -1;
+    }
+    return 0;
+}
+
+namespace {
+
+// One page of a record being built: its number, its content, and the content the page
+// had when the running unit began (null when there is none to compare with or to keep).
+struct PageArg {
+    PAGE pno;
+    const IS_DATA* data;
+    const IS_DATA* before;
+    int slot;  // -1: not a slot of the pool (no delta: its log mark is unknown)
+};
+
+// Builds and appends one record of file u: the pages (whole, or the bytes that changed
+// when rule 3 allows), with `befores` also the before-images, and with `fcp_too` the
+// control page.  0 with *end_lsn set, or -1 with the error raised (nothing appended).
+int append(IS_FCP* fcp, int u, const PageArg* pages, int n, uint16_t flags, bool befores, bool fcp_too,
+           uint64_t* end_lsn) noexcept {
+    isx_file* x = xfile(u);
+    const int fd = log_fd(u);
+    if (fd < 0) return fail(ISE_OPENF, 0x26);
+    const size_t most = sizeof(lg_rec) + static_cast<size_t>(n) * 2 * (sizeof(lg_ent) + kisam::kPage) +
+                        sizeof(lg_ent) + kisam::kFcpImage;
+    if (!rec_buf.fit(most)) return fail(ISE_FLWT, 0x28);
+    char* p = rec_buf.p + sizeof(lg_rec);
+    uint32_t nent = 0;
+    const uint64_t start = at(x->xf_log_start).load(std::memory_order_relaxed);
+    auto put = [&](uint64_t off, uint32_t kind, int lo, int hi, const char* bytes) {
+        lg_ent e{off, static_cast<uint16_t>(lo), static_cast<uint16_t>(hi - lo), kind};
+        std::memcpy(p, &e, sizeof e);
+        p += sizeof e;
+        std::memcpy(p, bytes + lo, e.le_len);
+        const size_t r = round8(e.le_len);
+        if (r != e.le_len) std::memset(p + e.le_len, 0, r - e.le_len);
+        p += r;
+        ++nent;
+    };
+    for (int i = 0; i < n; ++i) {
+        const PageArg& a = pages[i];
+        const uint64_t off = static_cast<uint64_t>(v_fileoffset(fcp, a.pno));
+        int lo = 0, hi = kisam::kPage;
+        const uint64_t mark = a.slot >= 0 ? *kisam::isx_lsn(a.slot) : ISX_LSN_FULL;
+        // A page logged whole in this generation, and held by this slot since, needs only
+        // the bytes the call changed (rule 3).
+        if (!befores && a.before && !(mark & ISX_LSN_FULL) && mark > start) {
+            while (lo < hi && a.before->c[lo] == a.data->c[lo]) ++lo;
+            while (hi > lo && a.before->c[hi - 1] == a.data->c[hi - 1]) --hi;
+            if (lo == hi) continue;  // changed back as it was
+        }
+        put(off, kPageEntry, lo, hi, a.data->c);
+        if (befores && a.before) put(off, kBeforeEntry, 0, kisam::kPage, a.before->c);
+    }
+    if (fcp_too && !(fcp->is_optbits & ISO_SEQ)) {
+        unsigned char img[kisam::kFcpImage];
+        const size_t len = static_cast<size_t>(IS_FCP_SIZE(fcp->is_nkeys) - IS_FCP_JDSIZE);
+        const size_t take = len < sizeof img ? len : sizeof img;
+        std::memcpy(img, &fcp->is_magic, take);
+        std::memset(img + take, 0, sizeof img - take);
+        const size_t ob = offsetof(IS_FCP, is_optbits) - IS_FCP_JDSIZE;
+        img[ob] = static_cast<unsigned char>(img[ob] & ~ISO_CHANGED);
+        // Whole once per generation; after that the bytes that changed since the unit
+        // began (the control page of a unit's start is the one the log last left).
+        int lo = 0, hi = kisam::kFcpImage;
+        unsigned char was[kisam::kFcpImage];
+        if (x->xf_log_fcpgen == x->xf_log_gen && jn_unit_fcp(fcp, was)) {
+            was[ob] = static_cast<unsigned char>(was[ob] & ~ISO_CHANGED);
+            while (lo < hi && was[lo] == img[lo]) ++lo;
+            while (hi > lo && was[hi - 1] == img[hi - 1]) --hi;
+        }
+        if (lo < hi) put(0, kControlEntry, lo, hi, reinterpret_cast<const char*>(img));
+    }
+    lg_rec* r = reinterpret_cast<lg_rec*>(rec_buf.p);
+    const uint64_t lsn = at(x->xf_log_end).load(std::memory_order_relaxed);
+    r->lr_magic = kRecMagic;
+    r->lr_len = static_cast<uint32_t>(p - rec_buf.p);
+    r->lr_lsn = lsn;
+    r->lr_sum = 0;
+    r->lr_gen = x->xf_log_gen;
+    r->lr_nent = static_cast<uint16_t>(nent);
+    r->lr_flags = flags;
+    r->lr_sum = checksum(rec_buf.p, r->lr_len);
+    const uint64_t end = lsn + r->lr_len;
+    // Whoever finds this call's unit after a death must know whether it committed.
+    if (!(flags & kUnitOpen)) jn_committing(end);
+    const off_t at_off = kFirst + static_cast<off_t>(lsn - start);
+    if (extend(u, fd, at_off + r->lr_len) != 0 ||
+        kisam::os_pwrite_full(fd, rec_buf.p, r->lr_len, at_off) != 0)
+        return fail(ISE_FLWT, 0x28);
+    for (int i = 0; i < n; ++i)
+        if (pages[i].slot >= 0) *kisam::isx_lsn(pages[i].slot) = end;
+    if (fcp_too) x->xf_log_fcpgen = x->xf_log_gen;  // the control page is in this generation
+    at(x->xf_log_end).store(end, std::memory_order_release);
+    // The disk starts on the log now, a megabyte at a time, so that a sync (a checkpoint,
+    // a durable call, a page written back) finds little left to do.
+    if ((lsn >> 20) != (end >> 20)) {
+        const uint64_t from = ((end >> 20) << 20) - (uint64_t{1} << 20);
+        const uint64_t lo = from > start ? from : start;
+        ::sync_file_range(fd, kFirst + static_cast<off_t>(lo - start), static_cast<off_t>((end >> 20 << 20) - lo),
+                          SYNC_FILE_RANGE_WRITE);
+    }
+    if (end_lsn) *end_lsn = end;
+    return 0;
+}
+
+// The page arguments of a record; grown as needed.
+PageArg* page_args(int n) noexcept {
+    static PageArg* args = nullptr;
+    static int cap = 0;
+    if (n <= cap) return args;
+    int c = cap ? cap : 64;
+    while (c < n) c *= 2;
+    PageArg* q = static_cast<PageArg*>(std::realloc(args, sizeof(PageArg) * static_cast<size_t>(c)));
+    if (!q) return nullptr;
+    args = q;
+    cap = c;
+    return args;
+}
+
+// Room for a record of 64 pages, with their before-images, and the control page: calls
+// that change more grow the buffers (rarely).
+bool call_buffers_ready() noexcept {
+    constexpr int kPages = 64;
+    return page_args(kPages) != nullptr &&
+           rec_buf.fit(sizeof(lg_rec) + kPages * 2 * (sizeof(lg_ent) + kisam::kPage) + sizeof(lg_ent) + kisam::kFcpImage);
+}
+
+}  // namespace
+
+int lg_commit(IS_FCP* fcp, int u, const int16_t* slots, int n, uint64_t* end_lsn) noexcept {
+    PageArg* a = page_args(n);
+    if (!a && n > 0) return fail(ISE_FLWT, 0x28);
+    for (int i = 0; i < n; ++i) {
+        const IS_BUF* b = is_env.buf_ + slots[i];
+        a[i] = {b->bu_pno, &b->bu_data, jn_before(b->bu_pno), slots[i]};
+    }
+    return append(fcp, u, a, n, 0, false, true, end_lsn);
+}
+
+int lg_steal(IS_FCP* fcp, int u, int s) noexcept {
+    const IS_BUF* b = is_env.buf_ + s;
+    const PageArg a{b->bu_pno, &b->bu_data, jn_before(b->bu_pno), -1};
+    uint64_t end = 0;
+    // Outside a unit nothing can be undone: the page is simply committed alone.
+    const bool open = jn_active();
+    if (append(fcp, u, &a, 1, open ? kUnitOpen : 0, open, !open, &end) != 0) return -1;
+    if (open) jn_stole();
+    *kisam::isx_lsn(s) = end | ISX_LSN_FULL;
+    return lg_sync_to(u, end);
+}
+
+int lg_compensate(IS_FCP* fcp, int u, const PAGE* pnos, const IS_DATA* const* datas, int n) noexcept {
+    PageArg* a = page_args(n);
+    if (!a && n > 0) return fail(ISE_FLWT, 0x28);
+    for (int i = 0; i < n; ++i) a[i] = {pnos[i], datas[i], nullptr, -1};
+    return append(fcp, u, a, n, 0, false, true, nullptr);
+}
+
+int lg_undo_tail(int u, uint64_t record_end) noexcept {
+    isx_file* x = xfile(u);
+    const uint64_t end = at(x->xf_log_end).load(std::memory_order_relaxed);
+    if (record_end <= end) return 0;
+    const int fd = log_fd(u);
+    if (fd < 0) return fail(ISE_OPENF, 0x26);
+    lg_rec zero;
+    std::memset(&zero, 0, sizeof zero);
+    const off_t off = kFirst + static_cast<off_t>(end - at(x->xf_log_start).load(std::memory_order_relaxed));
+    if (kisam::os_pwrite_full(fd, &zero, sizeof zero, off) != 0) return fail(ISE_FLWT, 0x28);
+    return 0;
+}

@@ -1,0 +1,82 @@
+// Checkpoints: every committed page of a file written back, then the log's next
+// generation begun where the old one ended; and the takeover of a generation that a dead
+// checkpointer began.
+#include "lg_internal.h"
+
+#include "fcp.h"
+#include "os.h"
+#include "v_pool.h"
+
+#include <cstring>
+
+using namespace kisam::lg;
+
+int lg_checkpoint(IS_FCP* fcp, int u, int fd) noexcept {
+    isx_file* x = xfile(u);
+    const uint64_t end = at(x->xf_log_end).load(std::memory_order_relaxed);
+    const uint64_t start = at(x->xf_log_start).load(std::memory_order_relaxed);
+    if (end == start && !(fcp->is_optbits & ISO_CHANGED)) return 0;  // nothing since the last one
+    if (fd < 0) return fail(ISE_FLWT, 0x2A);
+    // A call whose rollback is still due left pages in the pool that it never committed:
+    // none may reach the file (rule 2), so the file waits for the rollback (or for the
+    // replay of its log) to be brought up to date.
+    if (x->xf_undo != 0) return fail(ISE_FLWT, 0x2A);
+    if (lg_sync_to(u, end) != 0) return -1;
+    if (v_write_back(fcp, u, fd) != 0) return -1;
+    if (!(fcp->is_optbits & ISO_SEQ)) {
+        unsigned char img[kisam::kFcpImage];
+        kisam::fcp_image(fcp, img);
+        if (kisam::os_pwrite_full(fd, img, sizeof img, 0) != 0) {
+            fcp->is_optbits |= ISO_CHANGED;
+            return fail(ISE_FLFCP, 0x2A);
+        }
+    }
+    if (kisam::os_fdatasync(fd) != 0) return fail(ISE_FLWT, 0x2A);
+    const int lfd = log_fd(u);
+    if (lfd < 0) return fail(ISE_OPENF, 0x26);
+    lg_head h;
+    std::memset(&h, 0, sizeof h);
+    h.lh_gen = x->xf_log_gen + 1;
+    h.lh_start = end;
+    h.lh_dev = fcp->jd_dev;
+    h.lh_ino = fcp->jd_ino;
+    std::snprintf(h.lh_path, sizeof h.lh_path, "%s", kisam::isx_path(u));
+    if (write_head(lfd, &h, true) != 0) {
+        // The header may be in the log all the same (its sync failed, not its write):
+        // the records that follow must then carry its generation, or a replay would stop
+        // before them.  The file holds everything up to `end`, so either is right for it.
+        lg_head now;
+        if (read_head(lfd, &now) && now.lh_gen == h.lh_gen) {
+            x->xf_log_gen = h.lh_gen;
+            at(x->xf_log_start).store(end);
+        }
+        return fail(ISE_FLWT, 0x2A);
+    }
+    x->xf_log_gen = h.lh_gen;
+    at(x->xf_log_start).store(end);
+    return 0;
+}
+
+int lg_maybe_checkpoint(IS_FCP* fcp, int u) noexcept {
+    isx_file* x = xfile(u);
+    if (at(x->xf_log_end).load(std::memory_order_relaxed) - at(x->xf_log_start).load(std::memory_order_relaxed) <
+        limit_bytes)
+        return 0;
+    return lg_checkpoint(fcp, u, lg_wfd(u));
+}
+
+void lg_stale(int u) noexcept {
+    if (!isx_area || u < 0 || u >= isam_com->maxopen) return;
+    kisam::ErrorKeep keep;
+    isx_file* x = xfile(u);
+    const int fd = log_fd(u);
+    lg_head h;
+    if (fd < 0 || !read_head(fd, &h)) return;
+    // The file holds every call up to the new generation's start (it was synced before
+    // the header was written), so the log may as well begin there.
+    const uint64_t end = at(x->xf_log_end).load(std::memory_order_relaxed);
+    if (h.lh_gen == x->xf_log_gen + 1 && h.lh_start == end) {
+        x->xf_log_gen = h.lh_gen;
+        at(x->xf_log_start).store(end);
+    }
+}

@@ -1,0 +1,222 @@
+// The log's files: their names and descriptors, headers, records read back, the zeros
+// written ahead, and the settings read at attach.
+#include "lg_internal.h"
+
+#include "is_access.h"
+#include "os.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+bool lg_durable = false;
+
+namespace kisam::lg {
+
+// A 64-bit checksum in the manner of xxHash64: four lanes over 32-byte blocks.  It only
+// has to tell a record that was written whole from one that was torn, lost in part or
+// left over from an older generation; it is not a defence against forgery (the log is
+// the installation's own file, like the lock file).
+constexpr uint64_t P1 = 11400714785074694791ull, P2 = 14029467366897019727ull, P3 = 1609587929392839161ull,
+                   P4 = 9650029242287828579ull, P5 = 2870177450012600261ull;
+inline uint64_t rotl(uint64_t x, int r) { return (x << r) | (x >> (64 - r)); }
+inline uint64_t round1(uint64_t acc, uint64_t in) { return rotl(acc + in * P2, 31) * P1; }
+inline uint64_t merge(uint64_t acc, uint64_t v) { return (acc ^ round1(0, v)) * P1 + P4; }
+uint64_t checksum(const void* data, size_t len) noexcept {
+    const unsigned char* p = static_cast<const unsigned char*>(data);
+    const unsigned char* end = p + len;
+    uint64_t h;
+    if (len >= 32) {
+        uint64_t v1 = P1 + P2, v2 = P2, v3 = 0, v4 = 0 - P1;
+        const unsigned char* limit = end - 32;
+        do {
+            v1 = round1(v1, kisam::load_at<uint64_t>(p));
+            v2 = round1(v2, kisam::load_at<uint64_t>(p + 8));
+            v3 = round1(v3, kisam::load_at<uint64_t>(p + 16));
+            v4 = round1(v4, kisam::load_at<uint64_t>(p + 24));
+            p += 32;
+        } while (p <= limit);
+        h = rotl(v1, 1) + rotl(v2, 7) + rotl(v3, 12) + rotl(v4, 18);
+        h = merge(merge(merge(merge(h, v1), v2), v3), v4);
+    } else {
+        h = P5;
+    }
+    h += len;
+    for (; p + 8 <= end; p += 8) h = rotl(h ^ round1(0, kisam::load_at<uint64_t>(p)), 27) * P1 + P4;
+    for (; p < end; ++p) h = rotl(h ^ (*p * P5), 11) * P1;
+    h ^= h >> 33;
+    h *= P2;
+    h ^= h >> 29;
+    h *= P3;
+    h ^= h >> 32;
+    return h;
+}
+
+char lbase[PATH_MAX];
+uint64_t limit_bytes = kDefaultLimit;
+
+Fds fds;
+
+void close_fds() noexcept {
+    for (int u = 0; u < fds.n; ++u) {
+        if (fds.log && fds.log[u] >= 0 && fds.pid == is_pid) kisam::os_close(fds.log[u]);
+        if (fds.w && fds.w[u].fd >= 0 && fds.pid == is_pid) kisam::os_close(fds.w[u].fd);
+    }
+    std::free(fds.log);
+    std::free(fds.log_size);
+    std::free(fds.w);
+    fds = Fds();
+}
+
+bool fds_ready() noexcept {
+    if (fds.com == isam_com && fds.n == isam_com->maxopen) return true;
+    close_fds();
+    const int n = isam_com->maxopen;
+    fds.log = static_cast<int*>(std::malloc(sizeof(int) * static_cast<size_t>(n)));
+    fds.w = static_cast<WriteFd*>(std::malloc(sizeof(WriteFd) * static_cast<size_t>(n)));
+    fds.log_size = static_cast<off_t*>(std::calloc(static_cast<size_t>(n), sizeof(off_t)));
+    if (!fds.log || !fds.w || !fds.log_size) {
+        close_fds();
+        return false;
+    }
+    for (int u = 0; u < n; ++u) {
+        fds.log[u] = -1;
+        fds.w[u] = {-1, 0, 0};
+    }
+    fds.n = n;
+    fds.com = isam_com;
+    fds.pid = is_pid;
+    return true;
+}
+
+// The log of slot u, opened (and created) on first use.
+int log_fd(int u) noexcept {
+    if (!fds_ready()) {
+        errno = ENOMEM;
+        return -1;
+    }
+    if (fds.log[u] >= 0) return fds.log[u];
+    char name[PATH_MAX + 16];
+    log_name(name, sizeof name, u);
+    // The log carries page images of every file of the installation: it gets the lock
+    // file's owner, group and mode, and one planted by someone else is refused.
+    fds.log[u] = is_open_beside(lbase, name, O_RDWR | O_CREAT);
+    return fds.log[u];
+}
+
+int extend(int u, int fd, off_t need) noexcept {
+    if (need <= fds.log_size[u]) return 0;
+    struct stat st;
+    if (kisam::os.fstat(fd, &st) != 0) return -1;
+    off_t size = st.st_size;
+    if (need <= size) {
+        fds.log_size[u] = size;
+        return 0;
+    }
+    static const char zeros[65536] = {};
+    const off_t to = (need + kExtend - 1) / kExtend * kExtend;
+    for (off_t o = size; o < to;) {
+        const size_t n = static_cast<size_t>(to - o < off_t(sizeof zeros) ? to - o : off_t(sizeof zeros));
+        if (kisam::os_pwrite_full(fd, zeros, n, o) != 0) return -1;
+        o += static_cast<off_t>(n);
+    }
+    fds.log_size[u] = to;
+    return 0;
+}
+
+// The valid header of the log open on fd with the higher generation; false when neither
+// copy is valid (a new or foreign file).
+bool read_head(int fd, lg_head* out) noexcept {
+    lg_head h[2];
+    const ssize_t n = kisam::os_pread_full(fd, h, sizeof h, 0);
+    if (n < 0) return false;
+    bool found = false;
+    for (int i = 0; i < 2; ++i) {
+        if (static_cast<size_t>(n) < (i + 1) * sizeof(lg_head)) break;
+        if (h[i].lh_magic != kHeadMagic || h[i].lh_version != kVersion ||
+            h[i].lh_sum != checksum(&h[i], offsetof(lg_head, lh_sum)) || (h[i].lh_gen & 1) != static_cast<uint32_t>(i))
+            continue;
+        if (!found || h[i].lh_gen > out->lh_gen) *out = h[i];
+        found = true;
+    }
+    if (found) out->lh_path[ISX_PATHLEN - 1] = '\0';
+    return found;
+}
+
+// Writes the header of generation h->lh_gen into its copy; with `sync`, to disk.
+int write_head(int fd, lg_head* h, bool sync) noexcept {
+    h->lh_magic = kHeadMagic;
+    h->lh_version = kVersion;
+    h->lh_sum = checksum(h, offsetof(lg_head, lh_sum));
+    if (kisam::os_pwrite_full(fd, h, sizeof *h, static_cast<off_t>(h->lh_gen & 1) * 512) != 0) return -1;
+    return sync ? kisam::os_fdatasync(fd) : 0;
+}
+
+// Reads the record at lsn of the log on fd (generation gen, first record at start) into
+// b; its length, or 0 when there is no valid record there.
+uint32_t read_record(int fd, uint32_t gen, uint64_t start, uint64_t lsn, Buf& b) noexcept {
+    lg_rec r;
+    const off_t off = kFirst + static_cast<off_t>(lsn - start);
+    if (kisam::os_pread_full(fd, &r, sizeof r, off) != static_cast<ssize_t>(sizeof r)) return 0;
+    if (r.lr_magic != kRecMagic || r.lr_gen != gen || r.lr_lsn != lsn || r.lr_len < sizeof r ||
+        r.lr_len > kMaxRecord || (r.lr_len & 7) != 0)
+        return 0;
+    if (!b.fit(r.lr_len)) return 0;
+    if (kisam::os_pread_full(fd, b.p, r.lr_len, off) != static_cast<ssize_t>(r.lr_len)) return 0;
+    lg_rec* h = reinterpret_cast<lg_rec*>(b.p);
+    const uint64_t sum = h->lr_sum;
+    h->lr_sum = 0;
+    const bool ok = checksum(b.p, r.lr_len) == sum;
+    h->lr_sum = sum;
+    return ok ? r.lr_len : 0;
+}
+
+}  // namespace kisam::lg
+
+using namespace kisam::lg;
+
+void lg_setbase(const char* lockname) noexcept {
+    std::snprintf(lbase, sizeof lbase, "%s", lockname ? lockname : "");
+    limit_bytes = kDefaultLimit;
+    if (const char* v = std::getenv("KISAM_LOG_LIMIT")) {
+        char* end = nullptr;
+        const unsigned long long n = std::strtoull(v, &end, 10);
+        if (end != v && *end == '\0' && n >= 4096) limit_bytes = n;
+    }
+}
+
+void lg_close(void) noexcept { close_fds(); }
+
+void lg_settings(const unsigned char* ext, size_t n) noexcept {
+    lg_durable = false;
+    if (ext && n >= 8 && kisam::load_at<uint32_t>(ext) == kConfMagic)
+        lg_durable = (kisam::load_at<uint32_t>(ext + 4) & 1) != 0;
+    if (const char* v = std::getenv("KISAM_DURABLE")) {
+        if (std::strcmp(v, "1") == 0 || std::strcmp(v, "yes") == 0) lg_durable = true;
+        if (std::strcmp(v, "0") == 0 || std::strcmp(v, "no") == 0) lg_durable = false;
+    }
+}
+
+int lg_wfd(int u) noexcept {
+    if (is_pfi && is_pfi[u].pfi_osfd >= 0 && !(is_pfi[u].pfi_bits & PFI_RDONLY)) return is_pfi[u].pfi_osfd;
+    const IS_FCP* fcp = kisam::pfo_fcp(u);
+    if (!fcp || !fds_ready()) return -1;
+    WriteFd& w = fds.w[u];
+    if (w.fd >= 0 && w.dev == fcp->jd_dev && w.ino == fcp->jd_ino) return w.fd;
+    if (w.fd >= 0) kisam::os_close(w.fd);
+    w.fd = -1;
+    const char* path = kisam::isx_path(u);
+    if (path[0] == '\0') return -1;
+    const int fd = kisam::os_open(path, O_RDWR | O_CLOEXEC);
+    if (fd < 0) return -1;
+    struct stat st;
+    if (kisam::os.fstat(fd, &st) != 0 || static_cast<uint64_t>(st.st_dev) != fcp->jd_dev ||
+        static_cast<uint64_t>(st.st_ino) != fcp->jd_ino) {
+        kisam::os_close(fd);
+        return -1;
+    }
+    w = {fd, fcp->jd_dev, fcp->jd_ino};
+    return fd;
+}

@@ -1,0 +1,157 @@
+// What the files of the redo log share (lg.h is the log's contract with its callers; the
+// rules are in README.log.md).  Only lg_*.cpp include this.
+//
+// File layout ("<lock file>.w<u>", machine byte order):
+//   0     lg_head, the header of the generation in use, in one of two 512-byte copies
+//         (generation g at (g % 2) * 512): a header torn by a crash leaves the other
+//   1024  records, back to back: lg_rec, then lr_nent entries (lg_ent and its bytes,
+//         rounded up to 8); the record at LSN l lies at 1024 + (l - lh_start)
+// A checkpoint starts a new generation at the LSN where the old one ended; records of
+// an older generation that remain past the new ones are never valid again (their
+// generation and their LSN both disagree).
+#pragma once
+
+#include "lg.h"
+
+#include "is_error.h"
+#include "isx_area.h"
+#include "layout.h"
+
+#include <atomic>
+#include <climits>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <sys/types.h>
+
+namespace kisam::lg {
+
+constexpr uint32_t kHeadMagic = 0x3148574Bu;  // "KWH1"
+constexpr uint32_t kRecMagic = 0x3152574Bu;   // "KWR1"
+constexpr uint32_t kVersion = 1;
+constexpr off_t kFirst = 1024;
+constexpr uint32_t kMaxRecord = 64u << 20;
+constexpr uint32_t kConfMagic = 0x3143584Bu;  // "KXC1": the configuration's extension
+// A log past this many bytes is checkpointed by the next call that begins.
+constexpr uint64_t kDefaultLimit = uint64_t{64} << 20;
+
+struct lg_head {
+    uint32_t lh_magic;            //   0-3
+    uint32_t lh_version;          //   4-7
+    uint32_t lh_gen;              //   8-11  generation; the valid copy with the higher wins
+    uint32_t lh_pad;              //  12-15
+    uint64_t lh_start;            //  16-23  LSN of the first record
+    uint64_t lh_dev;              //  24-31  the file the records belong to
+    uint64_t lh_ino;              //  32-39
+    char lh_path[ISX_PATHLEN];    //  40-295 its absolute path
+    uint8_t lh_spare[208];        // 296-503
+    uint64_t lh_sum;              // 504-511 checksum of bytes 0-503
+};
+KISAM_RECORD(lg_head, 512);
+KISAM_AT(lg_head, lh_gen, 8); KISAM_AT(lg_head, lh_start, 16); KISAM_AT(lg_head, lh_path, 40);
+KISAM_AT(lg_head, lh_sum, 504);
+
+struct lg_rec {
+    uint32_t lr_magic;            //  0-3
+    uint32_t lr_len;              //  4-7   bytes of the whole record (a multiple of 8)
+    uint64_t lr_lsn;              //  8-15  its position
+    uint64_t lr_sum;              // 16-23  checksum of the record with this field 0
+    uint32_t lr_gen;              // 24-27  generation of the log it was written in
+    uint16_t lr_nent;             // 28-29  entries
+    uint16_t lr_flags;            // 30-31
+};
+KISAM_RECORD(lg_rec, 32);
+KISAM_AT(lg_rec, lr_len, 4); KISAM_AT(lg_rec, lr_lsn, 8); KISAM_AT(lg_rec, lr_sum, 16);
+KISAM_AT(lg_rec, lr_gen, 24); KISAM_AT(lg_rec, lr_nent, 28);
+
+enum : uint32_t { kPageEntry = 0, kControlEntry = 1, kBeforeEntry = 2 };
+// lr_flags: the record holds pages a running call had to let go of before its end
+// (pages whose before-images it carries too); the call's final record follows it.
+enum : uint16_t { kUnitOpen = 1 };
+
+struct lg_ent {
+    uint64_t le_off;              //  0-7   file offset of the page (control page: 0)
+    uint16_t le_at;               //  8-9   first byte of the page the entry holds
+    uint16_t le_len;              // 10-11  bytes it holds (a whole page: 0 and 1024)
+    uint32_t le_kind;             // 12-15  kPageEntry, kControlEntry
+};
+KISAM_RECORD(lg_ent, 16);
+
+inline size_t round8(size_t n) { return (n + 7) & ~size_t{7}; }
+
+// The checksum of a log header or record (lg_file.cpp).
+uint64_t checksum(const void* data, size_t len) noexcept;
+
+// The lock file's name, which the logs' names extend, and the log size past which the
+// next call checkpoints (KISAM_LOG_LIMIT).
+extern char lbase[PATH_MAX];
+extern uint64_t limit_bytes;
+inline void log_name(char* out, size_t n, int u) { std::snprintf(out, n, "%s.w%d", lbase, u); }
+
+// This process's descriptors: of each slot's log, and of files it reopened to write
+// pages back (with the identity they were opened for).
+struct WriteFd {
+    int fd;
+    uint64_t dev, ino;
+};
+struct Fds {
+    const void* com = nullptr;  // the segment they were opened for
+    int pid = 0;
+    int n = 0;
+    int* log = nullptr;
+    off_t* log_size = nullptr;  // how far each log is known to be written (zeros or records)
+    WriteFd* w = nullptr;
+};
+extern Fds fds;
+
+// Frees this process's descriptors and tables; makes them for the attached segment
+// (false when out of memory).
+void close_fds() noexcept;
+bool fds_ready() noexcept;
+
+inline int fail(int code, int detail) noexcept { return is_raise(code, PROC(P_ISFLUSH, detail)); }
+
+// The log is written ahead of its records in zeros, kExtend at a time: a record then
+// overwrites blocks the file already has, and the sync of a durable call carries no
+// change of the file's size or block map (an append that grows the file costs the file
+// system a journal commit of its own at every sync).
+constexpr off_t kExtend = off_t{1} << 20;
+// The log's zeros reach at least `need` bytes (0; -1 with errno).
+int extend(int u, int fd, off_t need) noexcept;
+
+// The log of slot u, opened (and created) on first use.
+int log_fd(int u) noexcept;
+
+inline isx_file* xfile(int u) { return kisam::isx_file_of(u); }
+inline std::atomic_ref<uint64_t> at(uint64_t& v) { return std::atomic_ref<uint64_t>(v); }
+
+// The valid header of the log open on fd with the higher generation; false when neither
+// copy is valid (a new or foreign file).
+bool read_head(int fd, lg_head* out) noexcept;
+// Writes the header of generation h->lh_gen into its copy; with `sync`, to disk.
+int write_head(int fd, lg_head* h, bool sync) noexcept;
+
+// A growable buffer of this process.
+struct Buf {
+    char* p = nullptr;
+    size_t cap = 0;
+    bool fit(size_t n) noexcept {
+        if (n <= cap) return true;
+        size_t c = cap ? cap : 16384;
+        while (c < n) c *= 2;
+        char* q = static_cast<char*>(std::realloc(p, c));
+        if (!q) return false;
+        p = q;
+        cap = c;
+        return true;
+    }
+};
+
+// Reads the record at lsn of the log on fd (generation gen, first record at start) into
+// b; its length, or 0 when there is no valid record there.
+uint32_t read_record(int fd, uint32_t gen, uint64_t start, uint64_t lsn, Buf& b) noexcept;
+
+inline std::atomic_ref<uint32_t> at32(uint32_t& v) { return std::atomic_ref<uint32_t>(v); }
+
+}  // namespace kisam::lg
