@@ -57,8 +57,8 @@ void fill_info(const struct stat& st, struct file_info* fi) {
     fi->f_size = static_cast<PAGE>(st.st_size);
 }
 
-// A segment under the key that this configuration cannot use as it is (too small, or
-// of another size) may be thrown away when it is certainly abandoned: nobody is attached
+// A segment under the key that this configuration cannot use (too small) may be thrown
+// away when it is certainly abandoned: nobody is attached
 // to it, and no process of the installation is alive that could still count on it --
 // every process registered in a segment holds its liveness lock on the lock file
 // (is_live.h), and lock words are only held while attached.  The caller holds the
@@ -82,8 +82,8 @@ char* getcomm(key_t key, int size, void (*leftover)(char*, size_t), const struct
     is_firstcomf = 0;
     is_shmsize = 0;
     is_shm_refused = false;
-    // At most one abandoned segment of the wrong size is removed, then the key is tried
-    // again: whatever is found the second time is taken or refused as it is.
+    // At most one abandoned segment too small is removed, then the key is tried again:
+    // whatever is found the second time is taken or refused as it is.
     bool may_discard = true;
     for (;;) {
         bool created = false;
@@ -112,11 +112,7 @@ char* getcomm(key_t key, int size, void (*leftover)(char*, size_t), const struct
             return reinterpret_cast<char*>(-1);
         }
         if (::shmctl(is_shmid, IPC_STAT, &ds) == 0) {
-            // A larger one, abandoned, is made anew at this configuration's size too.
-            if (ds.shm_segsz != static_cast<size_t>(size) && may_discard && discard_abandoned(is_shmid, ds, leftover)) {
-                may_discard = false;
-                continue;
-            }
+            // (A larger one is used as it is, and laid out anew when nobody is attached.)
             is_shmsize = ds.shm_segsz;
             if (ds.shm_nattch == 0) is_firstcomf = 1;
         }
