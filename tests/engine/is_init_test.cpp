@@ -8,6 +8,9 @@
 #include "is_common.h"
 #include "is_heap.h"
 #include "isx_area.h"
+#include "test_hook.h"
+
+#include <signal.h>
 
 namespace {
 
@@ -158,6 +161,160 @@ TEST_F(IsInit, AnEnlargedConfigurationNamesTheOldSegment) {
     ASSERT_LT(::shmget(inst_->key(), 0, 0), 0);
     ASSERT_EQ(is_init(), 0);
     EXPECT_EQ(isam_com->maxbufs, bigger.maxbuf);
+}
+
+// Bytes of the segment a configuration asks for: the documented area and ours after it.
+size_t segment_bytes(const kt::Config& c) {
+    struct is_config conf = kt::to_record(c);
+    conf.co_maxufile = conf.co_maxopen;
+    EXPECT_EQ(sizecomm(&conf), 0);
+    return static_cast<size_t>(conf.co_comsize) + isx_size(conf.co_maxopen, conf.co_maxusers, conf.co_maxbuf);
+}
+
+// Size of segment id, or 0 when it is gone.
+size_t segment_size(int id) {
+    struct shmid_ds ds;
+    return ::shmctl(id, IPC_STAT, &ds) == 0 ? ds.shm_segsz : 0;
+}
+
+// A segment left at the key by programs that are all gone -- too small, or large enough
+// but of another layout -- is made anew: a small one removed and made at this
+// configuration's size, a large enough one laid out anew in place.  While a program is
+// attached to it, it is refused as it is and stays; once that program is gone it is
+// made anew too.
+TEST_F(IsInit, AnAbandonedSegmentOfAnotherSizeIsMadeAnew) {
+    kt::Config c;
+    start(c);
+    const size_t want = segment_bytes(c);
+    for (size_t size : {size_t{8192}, want - 8192, want + 65536, want}) {
+        SCOPED_TRACE(size);
+        const int old = ::shmget(inst_->key(), size, IPC_CREAT | IPC_EXCL | 0600);
+        ASSERT_GE(old, 0);
+        void* p = ::shmat(old, nullptr, 0);
+        ASSERT_NE(p, reinterpret_cast<void*>(-1));
+        std::memset(p, 0x5A, size);  // no layout this library knows
+        // Held by a program: refused (the system's refusal of a small one, a foreign
+        // layout in one large enough), and left as it is.
+        kt::Pipe up;
+        const pid_t holder = kt::start_child([&]() -> int {
+            up.signal();
+            for (;;) ::pause();
+        });
+        ASSERT_EQ(up.wait(), 'x');
+        ::shmdt(p);
+        EXPECT_EQ(is_init(), -1);
+        EXPECT_TRUE(is_errno == ISE_INITERR || is_errno == ISE_MAGICVALERR) << is_errno;
+        EXPECT_EQ(isam_com, nullptr);
+        EXPECT_EQ(segment_size(old), size) << "a segment in use was removed";
+        // Nobody attached any more: made anew.
+        ::kill(holder, SIGKILL);
+        ASSERT_EQ(kt::wait_child(holder), 128 + SIGKILL);
+        ASSERT_EQ(is_init(), 0) << is_errno;
+        const int now = ::shmget(inst_->key(), 0, 0);
+        ASSERT_GE(now, 0);
+        if (size < want) {
+            EXPECT_NE(now, old);
+            EXPECT_EQ(segment_size(old), 0u) << "the old segment is still there";
+            EXPECT_EQ(segment_size(now), want);
+        } else {
+            EXPECT_EQ(now, old);
+        }
+        EXPECT_EQ(isam_com->iscom_magicval, ISCOM_MAGIC);
+        const int fd = create("f", {4});
+        EXPECT_GE(fd, 0) << is_errno;
+        EXPECT_EQ(nisclose(fd), 0);
+        ::unlink(path("f").c_str());
+        nisunisam();
+        EXPECT_LT(::shmget(inst_->key(), 0, 0), 0);
+    }
+}
+
+// A process of the installation that is alive and registered in the old segment still
+// counts on it even when it is not attached to it at the moment: the segment of the old
+// size is refused with the system's refusal and the line that names it.  Once that
+// process is gone, the larger configuration starts.
+TEST_F(IsInit, AnOldSegmentOfALiveProcessIsKept) {
+    kt::Config c;
+    start(c);
+    const pid_t live = hold([] {
+        if (is_init() != 0) return 1;
+        ot::become_unattached();  // registered, its liveness lock held, not attached
+        return 0;
+    });
+    const int old = ::shmget(inst_->key(), 0, 0);
+    ASSERT_GE(old, 0);
+    kt::Config bigger = c;
+    bigger.maxbuf = static_cast<int16_t>(c.maxbuf * 2);
+    kt::write_config(inst_->config_path(), bigger);
+    const std::string err = kt::capture_output(2, [] { EXPECT_EQ(is_init(), -1); });
+    EXPECT_EQ(is_errno, ISE_INITERR);
+    EXPECT_EQ(stack_code(), 0x2204);
+    EXPECT_NE(err.find("old size"), std::string::npos) << err;
+    EXPECT_EQ(segment_size(old), segment_bytes(c));
+    kill(live);
+    ASSERT_EQ(is_init(), 0) << is_errno;
+    EXPECT_EQ(isam_com->maxbufs, bigger.maxbuf);
+    EXPECT_EQ(segment_size(old), 0u);
+    nisunisam();
+}
+
+// A segment of the old size left by a process that was killed: made anew with the same
+// recovery as one made anew in place -- the calls that returned are replayed from the
+// redo log into the file, and the call cut short by the kill is absent.
+TEST_F(IsInit, AnOldSegmentMadeAnewRecoversItsFiles) {
+    kt::Config c;
+    start(c);
+    const std::string f = path("f");
+    constexpr int kCalls = 20;
+    auto rec = [](int i) {
+        std::string r(300, static_cast<char>('a' + i % 26));
+        char k[8];
+        std::snprintf(k, sizeof k, "%04d", i);
+        std::memcpy(&r[0], k, 4);
+        return r;
+    };
+    EXPECT_EQ(kt::run_child([&] {
+                  int lens[] = {4};
+                  const int fd = niscreate(f.c_str(), 1, lens);
+                  if (fd < 0) return 1;
+                  for (int i = 0; i < kCalls; ++i) {
+                      const std::string r = rec(i);
+                      if (niswrite(fd, r.data(), static_cast<int>(r.size())) != 0) return 2;
+                  }
+                  // Killed in the middle of one more.
+                  kisam::test_hook = [](int where, int) {
+                      if (where == kisam::kHookTouch) ::raise(SIGKILL);
+                  };
+                  const std::string r = rec(kCalls);
+                  niswrite(fd, r.data(), static_cast<int>(r.size()));
+                  return 3;
+              }),
+              128 + SIGKILL);
+    const int old = ::shmget(inst_->key(), 0, 0);
+    ASSERT_GE(old, 0);
+    kt::Config bigger = c;
+    bigger.maxbuf = static_cast<int16_t>(c.maxbuf * 2);
+    kt::write_config(inst_->config_path(), bigger);
+    ASSERT_EQ(is_init(), 0) << is_errno;
+    EXPECT_EQ(segment_size(old), 0u);
+    EXPECT_EQ(isam_com->maxbufs, bigger.maxbuf);
+    nisunisam();
+    EXPECT_TRUE(kt::sound(f));
+    const int fd = nisopen(f.c_str(), ISO_RDONLY);
+    ASSERT_GE(fd, 0) << is_errno;
+    char buf[400];
+    for (int i = 0; i <= kCalls; ++i) {
+        const std::string r = rec(i);
+        const int n = nisfind(fd, 0, r.data(), buf, sizeof buf);
+        if (i < kCalls) {
+            EXPECT_EQ(n, static_cast<int>(r.size())) << "record " << i;
+            EXPECT_EQ(std::memcmp(buf, r.data(), r.size()), 0) << "record " << i;
+        } else {
+            EXPECT_EQ(n, 0) << "the call cut short is there";
+        }
+    }
+    EXPECT_EQ(nisclose(fd), 0);
+    nisunisam();
 }
 
 }  // namespace

@@ -5,8 +5,12 @@
 
 #include "is_common.h"
 #include "is_lock.h"
+#include "jn.h"
+#include "test_hook.h"
+#include "v_pool.h"
 
 #include <signal.h>
+#include <sys/wait.h>
 
 namespace {
 
@@ -145,6 +149,129 @@ TEST(CrashTable, SlotOfAKilledProcessIsReused) {
               }),
               0);
     nisunisam();
+}
+
+// A new process that finds the table full waits to clean up the first dead slot: here a
+// process killed in the middle of a call, whose unit needs the file's control lock to be
+// rolled back, while another process holds that lock.
+class CrashFullTable : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ::alarm(60);  // a hang is a failure
+        kt::Config c;
+        c.maxusers = 2;
+        inst_ = std::make_unique<kt::Installation>(c);
+        int lens[] = {4};
+        fd_ = niscreate(f().c_str(), 1, lens);
+        ASSERT_GE(fd_, 0);
+        ASSERT_EQ(niswrite(fd_, kRec, sizeof kRec), 0);
+        // Slot 1: killed in the middle of a call on f, holding f's control lock.
+        ASSERT_EQ(kt::run_child([&] {
+                      ot::become_unattached();
+                      const int cfd = nisopen(f().c_str(), ISO_RDWR);
+                      if (cfd < 0) return 1;
+                      kisam::test_hook = [](int where, int) {
+                          if (where == kisam::kHookTouch) ::raise(SIGKILL);
+                      };
+                      char rec[sizeof kRec];
+                      std::memcpy(rec, kRec, sizeof rec);
+                      rec[0] = 'z';
+                      niswrite(cfd, rec, sizeof rec);
+                      return 2;
+                  }),
+                  128 + SIGKILL);
+        ASSERT_EQ(ot::attached_processes(), 2);
+        // This process takes the dead holder's word over as the clean-up does before it
+        // rolls back, and keeps it: the unit stays to be rolled back.
+        fcp_ = ot::shared_fcp(fd_);
+        ASSERT_EQ(is_lock(&fcp_->jd_fcplock), 0);
+        ASSERT_TRUE(is_lock_stale);
+        jn_note_stale(fcp_, is_lock_stale_pid);
+        v_stale_fcplock(fcp_);
+    }
+    void TearDown() override {
+        if (isam_com) nisunisam();
+        inst_.reset();
+        ::alarm(0);
+    }
+    std::string f() const { return inst_->path("f"); }
+
+    // Starts a process that attaches; `ready` receives a byte each time it begins to
+    // wait for a lock.  Its exit status: 0 with a slot of the table, else 10 + the
+    // detail of is_init's failure (+ 100 when it printed no message about the table).
+    static pid_t attacher(int ready[2], bool give_up) {
+        return kt::start_child([ready, give_up] {
+            ot::become_unattached();
+            ::close(ready[0]);
+            struct sigaction sa {};
+            sa.sa_handler = [](int) {};
+            ::sigaction(SIGUSR1, &sa, nullptr);  // no SA_RESTART: a wait is interrupted
+            kisam_set_wait_hook(
+                [](const struct kisam_wait* w, void* fdp) {
+                    if (w->event == KISAM_WAIT_BEGIN && ::write(*static_cast<int*>(fdp), "w", 1) != 1) std::_Exit(9);
+                    return 0;
+                },
+                &ready[1], give_up ? KISAM_WAIT_GIVE_UP : 0);
+            int r = 0;
+            const std::string err = kt::capture_output(2, [&] { r = is_init(); });
+            if (r == 0) return is_env.useridx == 1 ? 0 : 3;
+            const bool said = err.find("cannot be taken over") != std::string::npos;
+            return 10 + (kt::stack_code() & 0xFF) + (said ? 0 : 100);
+        });
+    }
+    // Waits until the attacher waits for a lock.
+    static void await_wait(int ready[2]) {
+        char w = 0;
+        ASSERT_EQ(::read(ready[0], &w, 1), 1);
+    }
+
+    std::unique_ptr<kt::Installation> inst_;
+    int fd_ = -1;
+    IS_FCP* fcp_ = nullptr;
+};
+
+// The dead slot cannot be cleaned up (the wait for the lock is given up): the table stays
+// full, and the failure says so with its own detail and a message, not as a table full
+// of live processes.
+TEST_F(CrashFullTable, ADeadSlotThatCannotBeCleanedUpIsReported) {
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const pid_t late = attacher(ready, true);
+    ::close(ready[1]);
+    await_wait(ready);
+    // (A signal that comes before the wait has begun is lost: sent until it ends.)
+    int st = 0;
+    for (int k = 0; k < 6000 && ::waitpid(late, &st, WNOHANG) == 0; ++k) {
+        ::kill(late, SIGUSR1);
+        ::usleep(10000);
+    }
+    ASSERT_TRUE(WIFEXITED(st));
+    EXPECT_EQ(WEXITSTATUS(st), 10 + 15);
+    ::close(ready[0]);
+    is_unlock(&fcp_->jd_fcplock);
+}
+
+// While the new process waits, the holder cleans the dead slot up, as an open or a close
+// does: the slot is free when the wait ends, and the new process takes it instead of
+// failing with the table full.
+TEST_F(CrashFullTable, ASlotCleanedUpByAnotherWhileWaitingIsTaken) {
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const pid_t late = attacher(ready, false);
+    ::close(ready[1]);
+    await_wait(ready);
+    int pids[2];
+    EXPECT_EQ(kisam_reap(pids, 2), 1);
+    is_unlock(&fcp_->jd_fcplock);
+    EXPECT_EQ(kt::wait_child(late), 0) << "10 + the detail of is_init's failure";
+    ::close(ready[0]);
+    // The killed call was rolled back.
+    char rec[sizeof kRec] = {};
+    EXPECT_EQ(nisfind(fd_, 0, "abcd", rec, sizeof rec), static_cast<int>(sizeof kRec));
+    EXPECT_EQ(std::memcmp(rec, kRec, sizeof kRec), 0);
+    EXPECT_EQ(nisclose(fd_), 0);
+    nisunisam();
+    EXPECT_TRUE(kt::sound(f()));
 }
 
 }  // namespace

@@ -651,6 +651,64 @@ TEST_F(KillTest, KilledAnywhereInAnOpenCallsAndTheLastClose) {
     std::printf("[ figures  ] %d kill points\n", points);
 }
 
+// A process dies with a file open, its last user; the next process to attach cleans it
+// up and so finishes its last close (the checkpoint that brings the file up to date) --
+// and is killed at the k-th write, sync or lock of that.  Whatever the kill cut, the
+// last process to leave finishes the close: the file on disk, without its log, holds
+// every call that returned and checks sound.
+TEST_F(KillTest, ACleanerKilledAnywhereInTheLastCloseItFinishesLeavesItToTheNext) {
+    kt::Config c;
+    c.maxbuf = 64;
+    start(c);
+    bound(300);
+    const std::string file = made("f", {kL0, kL1, kL2});
+    const std::string keep = made("keep", {kL0, kL1, kL2});
+    constexpr int kCalls = 3;
+    long have = 0;
+    int id = 0;
+    bool whole = false;
+    int points = 0;
+    for (int k = 1; !whole && k < 1000 && !HasFailure(); ++k, ++points) {
+        ASSERT_GE(nisopen(keep.c_str(), ISO_RDONLY), 0);  // the segment stays
+        const int first = id;
+        id += kCalls;
+        ASSERT_EQ(kt::run_child([&] {
+                      ot::become_unattached();
+                      const int fd = nisopen(file.c_str(), ISO_RDWR);
+                      if (fd < 0) return 1;
+                      for (int i = 0; i < kCalls; ++i) {
+                          const std::string r = record(first + i, 1, 700 + 300 * i);
+                          if (niswrite(fd, r.data(), static_cast<int>(r.size())) < 0) return 2;
+                      }
+                      ::raise(SIGKILL);
+                      return 3;
+                  }),
+                  128 + SIGKILL);
+        const int rc = kt::run_child([&] {
+            ot::become_unattached();
+            kill_at = k;
+            kisam::os.pwrite = ticking_pwrite;
+            kisam::os.fdatasync = ticking_fdatasync;
+            kisam::os.fcntl_lock = ticking_lock;
+            if (is_init() != 0) return 1;  // cleans the dead writer up
+            kisam::os = kisam::os_real;
+            nisunisam();
+            return 0;
+        });
+        ASSERT_TRUE(rc == 0 || rc == 128 + SIGKILL) << "the cleaner ended with " << rc;
+        whole = rc == 0;
+        nisunisam();
+        const kisam::check::Report r = kisam::check::check_file(file);
+        EXPECT_TRUE(r.ok) << "cleaner killed at system call " << k << ": " << r.error;
+        EXPECT_EQ(r.records, have + kCalls) << "cleaner killed at system call " << k;
+        have = r.records;
+    }
+    if (!HasFailure()) {
+        EXPECT_TRUE(whole) << "the cleaner never got through";
+    }
+    std::printf("[ figures  ] %d kill points\n", points);
+}
+
 TEST_F(KillTest, SmallPool) {
     kt::Config c;
     c.maxbuf = 64;

@@ -13,6 +13,9 @@
 //   14  the segment under the key holds no extension area laid out for its header: it
 //       was made by a library that does not keep the shared state this one relies on,
 //       and can only be used once every program attached to it has detached.
+//   15  the process table is full and the slot of a process that died cannot be taken
+//       over yet: the call it was making could not be rolled back (a message names it
+//       and says why).  From is_chinit too.
 //   16  the segment under the key is not the installation's: a user who may not use
 //       the installation created or owns it, or it grants more than the lock file does
 //       (is_access.h); the message names it and how to remove it.
@@ -68,19 +71,69 @@ bool claim_slot(int i, int32_t expect) noexcept {
     return true;
 }
 
+// Takes free slot i once its journal holds no unit (its owner detached with a rollback
+// pending: the unit is settled first).
+bool take_free(int i) noexcept {
+    return is_env.pid_[i] == 0 && jn_clear_slot(i, true) == 0 && claim_slot(i, 0);
+}
+
+// The slot of a dead process that could not be cleaned up (its unit could not be rolled
+// back), and why, for the report of a table that stays full; -1 when there was none.
+int stuck_slot = -1;
+int32_t stuck_pid = 0;
+char stuck_why[200];
+
+// Cleans dead slot i up (0 or 1), or notes why it could not be (-1).
+int reap_or_note(int i) noexcept {
+    const int32_t pid = is_env.pid_[i];
+    is_errno = 0;
+    errno = 0;
+    const int r = is_reap_slot(i, true);
+    if (r >= 0) return r;
+    stuck_slot = i;
+    stuck_pid = pid;
+    if (is_errno != 0)
+        niserrmsgget(stuck_why, sizeof stuck_why);
+    else
+        std::snprintf(stuck_why, sizeof stuck_why, "%s",
+                      errno != 0 ? std::strerror(errno) : "a lock it needs could not be taken");
+    return -1;
+}
+
 int _is_mkpid(void) noexcept {
     is_pid = static_cast<int>(::getpid());
-    int n = isam_com->maxusers;
-    // A free slot whose journal still holds a unit (its owner detached with a rollback
-    // pending) is taken only once that unit is settled.
-    for (int i = 0; i < n; ++i) {
-        if (is_env.pid_[i] == 0 && jn_clear_slot(i, true) == 0 && claim_slot(i, 0)) return 0;
-    }
-    for (int i = 0; i < n; ++i) {
-        if (is_slot_dead(i) && is_reap_slot(i, true) == 1 && claim_slot(i, 0)) return 0;
+    const int n = isam_com->maxusers;
+    stuck_slot = -1;
+    // Slots come free while this runs: the clean-up of dead processes also runs in open
+    // and close, without the start-up lock, so a dead slot this process waits to clean may
+    // be cleaned by another process meanwhile -- possibly every one of them while this
+    // process waits for the first.  A slot found free after a clean-up, whoever did it, is
+    // taken; and the table is looked at again as long as the last look saw a slot come
+    // free (bounded: slots taken by others in between are taken for good).
+    for (int pass = 0; pass <= n; ++pass) {
+        for (int i = 0; i < n; ++i)
+            if (take_free(i)) return 0;
+        bool freed = false;
+        for (int i = 0; i < n; ++i) {
+            if (!is_slot_dead(i) || reap_or_note(i) < 0) continue;
+            if (take_free(i)) return 0;
+            freed = true;
+        }
+        if (!freed) break;
     }
     isam_com = nullptr;  // the segment stays attached; the caller detaches it
     return -1;
+}
+
+// The detail of a full table: 5 (or `full` from is_chinit) when every slot is a live
+// process's; 15, with a message naming the dead process, when a dead process's slot
+// could not be cleaned up because its unit could not be rolled back -- the slot comes
+// free once a process that has the file open settles it.
+int full_table(int full) noexcept {
+    if (stuck_slot < 0) return full;
+    VError("kisam: the process table is full; the slot of process %d, which died, cannot be "
+           "taken over until its last call is rolled back: %s\n", static_cast<int>(stuck_pid), stuck_why);
+    return 15;
 }
 
 // Refuses a segment without the extension area, saying why.
@@ -226,9 +279,11 @@ extern "C" KISAM_API int is_init(void) {
     char* base = getcomm(key, static_cast<int>(whole), jn_leftover, &acc);
     if (base == reinterpret_cast<char*>(-1)) {
         if (is_shm_refused) return fail(ISE_INITERR, 16);
-        // A segment too small for this configuration: one that this library made for a
+        // A segment too small for this configuration that is still in use (getcomm
+        // removes an abandoned one and makes it anew): one that this library made for a
         // smaller configuration (the system's own refusal stands, with how to get rid of
-        // the old segment), or one that a library without the area made.
+        // the old segment once its programs have left), or one that a library without
+        // the area made.
         if (is_shmsize > 0 && is_shmsize < static_cast<size_t>(conf.co_comsize) + xsize) {
             if (!segment_has_area(is_shmid, is_shmsize)) return foreign_segment(fail);
             VError("kisam: a shared area of the old size (%zu bytes, shmid %d) is still there; "
@@ -257,7 +312,7 @@ extern "C" KISAM_API int is_init(void) {
     if (_is_mkpid() != 0) {
         // _is_mkpid leaves the segment attached but forgets it; detach it here.
         isam_com = reinterpret_cast<struct isam_com*>(base);
-        return fail(ISE_INITERR, 5);
+        return fail(ISE_INITERR, full_table(5));
     }
     if (is_live_claim() != 0) {
         is_env.pid_[is_env.useridx] = 0;
@@ -301,7 +356,7 @@ extern "C" KISAM_API int is_chinit(void) {
     if (!isam_com) return 0;
     // A child that finds the process table full is left unattached (_is_mkpid forgets
     // the area); its inherited mapping goes away when it exits.
-    if (_is_mkpid() != 0) return is_raise(ISE_INITERR, PROC(P_IS_INIT, 8));
+    if (_is_mkpid() != 0) return is_raise(ISE_INITERR, PROC(P_IS_INIT, full_table(8)));
     // What the parent knew of the pool is as good for the child: it need not learn every
     // page again through the locked reads.
     v_fork_process();

@@ -178,7 +178,6 @@ int is_reap_slot(int i, bool wait) noexcept {
             return -1;
         }
         drop_dead_locks(fcp, static_cast<uint32_t>(pid));
-        set_bit(set, u, false);
         fcp->is_usecnt = holders(u, i);
         if (fcp->is_usecnt == 0 && w.took &&
             release_file(fcp, u)) {
@@ -187,6 +186,12 @@ int is_reap_slot(int i, bool wait) noexcept {
             is_env.pfo_tbl[u] = -1;
             freencom(reinterpret_cast<char*>(fcp), IS_FCP_SIZE(fcp->is_nkeys));
         }
+        // Only now does the dead process leave the file's open set: a cleaner killed
+        // while it finishes the last close (in the middle of its checkpoint, say) leaves
+        // the dead process there, and the next clean-up finishes the close.  Out of the
+        // set any earlier, the file would be left with no process counted and no
+        // clean-up to visit it, its log unapplied when the last process leaves.
+        set_bit(set, u, false);
     }
     isx_proc* p = kisam::isx_proc_of(i);
     p->xp_flags = 0;
