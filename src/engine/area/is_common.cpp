@@ -10,7 +10,6 @@
 #include "is_common.h"
 
 #include "is_access.h"
-#include "is_live.h"
 #include "isx_area.h"
 #include "os.h"
 
@@ -57,81 +56,52 @@ void fill_info(const struct stat& st, struct file_info* fi) {
     fi->f_size = static_cast<PAGE>(st.st_size);
 }
 
-// A segment under the key that this configuration cannot use (too small) may be thrown
-// away when it is certainly abandoned: nobody is attached
-// to it, and no process of the installation is alive that could still count on it --
-// every process registered in a segment holds its liveness lock on the lock file
-// (is_live.h), and lock words are only held while attached.  The caller holds the
-// start-up lock, so nobody attaches meanwhile.  What its last users left in it goes to
-// `leftover` first, as when a segment is made anew in place; then it is removed.
-bool discard_abandoned(int shmid, const struct shmid_ds& ds, void (*leftover)(char*, size_t)) noexcept {
-    if (ds.shm_nattch != 0 || is_live_anyone()) return false;
-    if (leftover) {
-        void* p = ::shmat(shmid, nullptr, SHM_RDONLY);
-        if (p != reinterpret_cast<void*>(-1)) {
-            leftover(static_cast<char*>(p), ds.shm_segsz);
-            ::shmdt(p);
-        }
-    }
-    return ::shmctl(shmid, IPC_RMID, nullptr) == 0;
-}
-
 }  // namespace
 
 char* getcomm(key_t key, int size, void (*leftover)(char*, size_t), const struct is_access* acc) noexcept {
     is_firstcomf = 0;
     is_shmsize = 0;
     is_shm_refused = false;
-    // At most one abandoned segment too small is removed, then the key is tried again:
-    // whatever is found the second time is taken or refused as it is.
-    bool may_discard = true;
-    for (;;) {
-        bool created = false;
-        if (acc && !acc->everyone)
-            is_shmid = is_shm_open(key, static_cast<size_t>(size), *acc, &created);
-        else
-            is_shmid = kisam::os.shmget(key, static_cast<size_t>(size), IPC_CREAT | 0666);
-        struct shmid_ds ds;
-        if (is_shmid < 0) {
-            if (is_shm_refused) return reinterpret_cast<char*>(-1);  // is_shm_open said why
-            const int e = errno;
-            // Too small a segment under the key: removed when abandoned; otherwise learn
-            // its size, so that the caller can say what kind of segment it is.
-            int old = e == EINVAL ? ::shmget(key, 0, 0) : -1;
-            if (old >= 0 && ::shmctl(old, IPC_STAT, &ds) == 0) {
-                if (may_discard && discard_abandoned(old, ds, leftover)) {
-                    may_discard = false;
-                    continue;
-                }
-                is_shmid = old;
-                is_shmsize = ds.shm_segsz;
-            }
-            errno = e;
-            VError("shmget fail. errno = %d\n", e);
-            errno = e;
-            return reinterpret_cast<char*>(-1);
-        }
-        if (::shmctl(is_shmid, IPC_STAT, &ds) == 0) {
-            // (A larger one is used as it is, and laid out anew when nobody is attached.)
+    bool created = false;
+    if (acc && !acc->everyone)
+        is_shmid = is_shm_open(key, static_cast<size_t>(size), *acc, &created);
+    else
+        is_shmid = kisam::os.shmget(key, static_cast<size_t>(size), IPC_CREAT | 0666);
+    struct shmid_ds ds;
+    if (is_shmid < 0) {
+        if (is_shm_refused) return reinterpret_cast<char*>(-1);  // is_shm_open said why
+        const int e = errno;
+        // Too small a segment under the key: learn its size, so that the caller can say
+        // what kind of segment it is.
+        int old = e == EINVAL ? ::shmget(key, 0, 0) : -1;
+        if (old >= 0 && ::shmctl(old, IPC_STAT, &ds) == 0) {
+            is_shmid = old;
             is_shmsize = ds.shm_segsz;
-            if (ds.shm_nattch == 0) is_firstcomf = 1;
         }
-        void* p = ::shmat(is_shmid, attach_hint(), SHM_RND);
-        if (p == reinterpret_cast<void*>(-1)) {
-            const int e = errno;
-            // A segment nobody is attached to is of no use to anyone: do not leave it behind.
-            if (is_firstcomf) ::shmctl(is_shmid, IPC_RMID, nullptr);
-            VError("shmget fail. errno = %d\n", e);
-            errno = e;
-            return reinterpret_cast<char*>(-1);
-        }
-        // A segment nobody had attached may hold what its last users left: start clean.
-        if (is_firstcomf) {
-            if (leftover) leftover(static_cast<char*>(p), is_shmsize);
-            std::memset(p, 0, static_cast<size_t>(size));
-        }
-        return static_cast<char*>(p);
+        errno = e;
+        VError("shmget fail. errno = %d\n", e);
+        errno = e;
+        return reinterpret_cast<char*>(-1);
     }
+    if (::shmctl(is_shmid, IPC_STAT, &ds) == 0) {
+        is_shmsize = ds.shm_segsz;
+        if (ds.shm_nattch == 0) is_firstcomf = 1;
+    }
+    void* p = ::shmat(is_shmid, attach_hint(), SHM_RND);
+    if (p == reinterpret_cast<void*>(-1)) {
+        const int e = errno;
+        // A segment nobody is attached to is of no use to anyone: do not leave it behind.
+        if (is_firstcomf) ::shmctl(is_shmid, IPC_RMID, nullptr);
+        VError("shmget fail. errno = %d\n", e);
+        errno = e;
+        return reinterpret_cast<char*>(-1);
+    }
+    // A segment nobody had attached may hold what its last users left: start clean.
+    if (is_firstcomf) {
+        if (leftover) leftover(static_cast<char*>(p), is_shmsize);
+        std::memset(p, 0, static_cast<size_t>(size));
+    }
+    return static_cast<char*>(p);
 }
 
 void freecom(void) noexcept {

@@ -21,11 +21,7 @@ extern size_t is_shmsize;
 
 // Creates or attaches the segment; address, or (char *) -1.  A segment that no process
 // had attached is zeroed -- after `leftover` (when given) has looked at what its last
-// users left in it.  One smaller than `size` that nobody is attached to and no live
-// process of the installation is registered in (none holds a lock on the lock file,
-// is_live.h) is handed to `leftover` and removed, and the segment made anew; one in use
-// is refused (shmget's EINVAL, with is_shmid and is_shmsize naming it).  A larger one is
-// taken as it is.  With `acc`, the segment follows the installation's access rule
+// users left in it.  With `acc`, the segment follows the installation's access rule
 // (is_access.h): created with its lock file's owner, group and shared mode, and refused
 // (is_shm_refused, with a message) when the one found at the key is not its own; without,
 // or when everyone may use the installation, it is created 0666 and taken as found.

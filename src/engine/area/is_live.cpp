@@ -70,8 +70,3 @@ void is_live_release(void) noexcept {
     p->xp_pid = 0;
     kisam::os_lock(is_lockfd, F_SETLK, F_UNLCK, live_offset(i), 1);
 }
-
-bool is_live_anyone(void) noexcept {
-    // Bytes 2 to the end of any file; a lock this process holds conflicts with nothing.
-    return is_lockfd < 0 || kisam::os_testlock(is_lockfd, 2, 0) != 0;
-}

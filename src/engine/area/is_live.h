@@ -21,7 +21,3 @@ inline constexpr int kGenBits = 14;
 inline constexpr uint32_t kGenMask = (1u << kGenBits) - 1;
 int is_live_claim(void) noexcept;         // take that lock for this process's slot; 0/-1
 void is_live_release(void) noexcept;      // give it up (detach)
-// Whether another process holds a lock on the lock file (is_lockfd) beyond the start-up
-// lock: a process that is attached, or registered in a segment, holds its liveness byte
-// there, and a lock word only while attached.  Needs the lock file open, not a segment.
-bool is_live_anyone(void) noexcept;
