@@ -25,15 +25,7 @@ namespace ko = kt::oracle;
 const ko::Layout kL{8, 8, 4};
 constexpr int kIds = 600;
 
-// What the file holds under id; gen -2 when the bytes are no record the oracle makes.
-ko::Rec stored(int fd, int id) {
-    char buf[1024];
-    const int n = nisfind(fd, 0, ko::key(kL, id).c_str(), buf, sizeof buf);
-    int got;
-    ko::Rec r;
-    if (n <= 0) return ko::Rec{n == 0 ? -1 : -3, 0};
-    return ko::parse(kL, buf, n, &got, &r) && got == id ? r : ko::Rec{-2, n};
-}
+ko::Rec stored(int fd, int id) { return ko::find(fd, kL, id); }
 
 sigjmp_buf jump;
 volatile sig_atomic_t in_call = 0;

@@ -41,15 +41,12 @@ int slot_base(int slot) { return slot * 1000; }
 // The calls: w write, f forced write, u update, d delete, l update under a record lock,
 // b a read and an update in a bracket.
 
-// What is stored for id now (read under the file's control lock).
+// What is stored for id now (read under the file's control lock); a wrong record ends
+// the worker.
 ko::Rec stored(int fd, int id) {
-    char buf[4000];
-    int n = nisfind(fd, 0, ko::key(kL, id).c_str(), buf, sizeof buf);
-    int got;
-    ko::Rec r;
-    if (n > 0 && ko::parse(kL, buf, n, &got, &r) && got == id) return r;
-    if (n == 0) return ko::Rec{};
-    std::fprintf(stderr, "worker: record %d reads back wrong (%d bytes, errno %d)\n", id, n, is_errno);
+    const ko::Rec r = ko::find(fd, kL, id);
+    if (r.gen >= -1) return r;
+    std::fprintf(stderr, "worker: record %d reads back wrong (gen %d, %d bytes, is_errno %d)\n", id, r.gen, r.size, is_errno);
     std::_Exit(52);
 }
 

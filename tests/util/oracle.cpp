@@ -46,7 +46,7 @@ std::string record(const Layout& L, int id, int gen, int size) {
     std::memcpy(&r[static_cast<size_t>(L.l0)], k1, static_cast<size_t>(gen_digits(L)));
     for (int i = gen_digits(L); i < L.l1; ++i) r[static_cast<size_t>(L.l0 + i)] = static_cast<char>('a' + (id * 7 + static_cast<int>(g)) % 26);
     const size_t k2 = static_cast<size_t>(L.l0 + L.l1);
-    r[k2] = static_cast<char>('A' + (static_cast<int>(g) * 7 + id) % 5);   // few values: long runs of duplicates
+    if (L.l2 > 0) r[k2] = static_cast<char>('A' + (static_cast<int>(g) * 7 + id) % 5);   // few values: long runs of duplicates
     for (int i = 1; i < L.l2; ++i) r[k2 + static_cast<size_t>(i)] = static_cast<char>('A' + (id + static_cast<int>(g) * 3 + i) % 26);
     for (size_t i = static_cast<size_t>(L.min()); i < r.size(); ++i)
         r[i] = static_cast<char>('a' + (id * 13 + static_cast<int>(g) * 7 + static_cast<int>(i)) % 26);
@@ -66,6 +66,15 @@ bool parse(const Layout& L, const char* p, int n, int* id, Rec* r) {
     *id = static_cast<int>(i);
     *r = Rec{static_cast<int>(g), n};
     return true;
+}
+
+Rec find(int fd, const Layout& L, int id) {
+    std::vector<char> buf(65536);
+    const int n = nisfind(fd, 0, key(L, id).c_str(), buf.data(), static_cast<int>(buf.size()));
+    int got;
+    Rec r;
+    if (n <= 0) return Rec{n == 0 ? -1 : -3, 0};
+    return parse(L, buf.data(), n, &got, &r) && got == id ? r : Rec{-2, n};
 }
 
 Rec after(char op, const Rec& before, int gen, int size) {
@@ -203,6 +212,7 @@ int Log::open_call(const std::string& path) {
 
 Scan scan(int fd, const Layout& L, int keys) {
     Scan s;
+    if (keys == 0) keys = L.keys();
     const int off[3] = {0, L.l0, L.l0 + L.l1}, len[3] = {L.l0, L.l1, L.l2};
     const std::string low(static_cast<size_t>(std::max({L.l0, L.l1, L.l2})), '\0');
     std::vector<std::pair<int, Rec>> along[3];

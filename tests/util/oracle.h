@@ -32,7 +32,13 @@ namespace kt::oracle {
 struct Layout {
     int l0, l1, l2;
     int min() const { return l0 + l1 + l2; }
-    std::vector<int> lens() const { return {l0, l1, l2}; }
+    std::vector<int> lens() const {   // of the keys there are
+        std::vector<int> v{l0};
+        if (l1) v.push_back(l1);
+        if (l1 && l2) v.push_back(l2);
+        return v;
+    }
+    int keys() const { return static_cast<int>(lens().size()); }
 };
 
 // What the file holds for an id: a generation and a size, or nothing (gen -1).
@@ -53,6 +59,10 @@ std::string record(const Layout& L, int id, int gen, int size);
 std::string key(const Layout& L, int id);
 // The id and record of bytes read back; false when record() could not have made them.
 bool parse(const Layout& L, const char* p, int n, int* id, Rec* r);
+
+// What an open file holds under id (read by key 0): gen -2 when the bytes read are no
+// record of id, -3 when the read fails.
+Rec find(int fd, const Layout& L, int id);
 
 // What op leaves for a record that was `before` when it returns: w (write: only where
 // there was none), f (forced write), d (delete); any other op is an update (changes a
@@ -121,7 +131,7 @@ struct Scan {
     bool read_failed = false;
     bool ok() const { return why.empty(); }
 };
-Scan scan(int fd, const Layout& L, int keys = 3);
+Scan scan(int fd, const Layout& L, int keys = 0);   // 0: every key of L
 
 // The file as the next process finds it: opened by this process (attached to nothing:
 // with nobody attached, recovery runs first), scanned along every key, closed (the last
