@@ -53,7 +53,8 @@ ko::Rec stored(int fd, int id) {
 volatile sig_atomic_t g_stop = 0;
 void on_stop(int) { g_stop = 1; }
 
-// Opens and closes a second file, locks records of it and writes to it: opens and
+// Opens and closes a second file, locks records of it and writes to it (records that all
+// workers share, where the first file's are each worker's own): opens and
 // closes anywhere (the first open enters the file in the shared table, the last close
 // frees its control page and buffers), heap blocks for record locks, buffers moving
 // between files -- so that kills land in those too.
@@ -74,8 +75,25 @@ void churn(const std::string& file, std::mt19937_64& rng) {
             std::_Exit(59);
         }
     }
+    // Records every worker fights over, forced and updated without a lock: whatever a
+    // read finds of them is whole.
+    const std::string f = record(5000 + static_cast<int>(rng() % 300), static_cast<int>(rng() % 100), kL.min() + static_cast<int>(rng() % 300));
+    const std::string u = record(5000 + static_cast<int>(rng() % 300), static_cast<int>(rng() % 100), kL.min() + static_cast<int>(rng() % 300));
+    if (nisfwrite(fd, f.data(), static_cast<int>(f.size())) < 0 ||
+        (nisupdate(fd, u.data(), static_cast<int>(u.size())) < 0 && is_errno != ISE_NOKEY)) {
+        std::fprintf(stderr, "churn: forced write or update fails, errno %d\n", is_errno);
+        std::_Exit(63);
+    }
     char buf[4000];
-    if (nisread(fd, 1, buf, sizeof buf) < 0) std::_Exit(61);
+    nisseek(fd, 1, u.data() + kL.l0);
+    for (int k = 0, n = 1, got; k < 3 && n > 0; ++k) {
+        ko::Rec rec;
+        if ((n = nisread(fd, 1, buf, sizeof buf)) < 0) std::_Exit(61);
+        if (n > 0 && !ko::parse(kL, buf, n, &got, &rec)) {
+            std::fprintf(stderr, "churn: a read along key 1 returned a wrong record of %d bytes\n", n);
+            std::_Exit(64);
+        }
+    }
     if (rng() % 4 == 0) nisdelete(fd, r.data());
     nisclose(fd);
 }

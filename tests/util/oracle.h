@@ -28,7 +28,8 @@
 
 namespace kt::oracle {
 
-// Key lengths of a 3-key file whose records record() makes.
+// Key lengths of the records record() makes (a length 0: no such key, and no generation
+// in the bytes when key 1 has none), and of the files that hold them.
 struct Layout {
     int l0, l1, l2;
     int min() const { return l0 + l1 + l2; }
