@@ -148,6 +148,37 @@ TEST(CrashTable, SlotOfAKilledProcessIsReused) {
     nisunisam();
 }
 
+// A process killed at any lock call of its attach -- also after it took its slot in the
+// process table but before it holds the lock that says it lives -- leaves a slot that
+// the next process to attach takes over: with room for two, this one and one more.
+TEST(CrashTable, KilledAnywhereInItsAttachItLeavesNoSlotBehind) {
+    kt::Config c;
+    c.maxusers = 2;
+    kt::Installation inst(c);
+    ASSERT_EQ(is_init(), 0);
+    int kills = 0;
+    for (int n = 1;; ++n) {
+        ASSERT_LT(n, 100) << "the attach never gets through";
+        const int rc = kt::run_child([n] {
+            kt::become_unattached();
+            kt::Faults kill;
+            kill.arm(kt::Faults::kLock, n, kt::Faults::kKill);
+            return is_init() == 0 ? 0 : 1;
+        });
+        if (rc == 0) break;
+        ASSERT_EQ(rc, 128 + SIGKILL) << "lock call " << n;
+        ++kills;
+        EXPECT_EQ(kt::run_child([] {
+                      kt::become_unattached();
+                      return is_init() == 0 ? 0 : 1;
+                  }),
+                  0)
+            << "killed at lock call " << n << " of its attach, a process kept its slot";
+    }
+    EXPECT_GT(kills, 1);
+    nisunisam();
+}
+
 }  // namespace
 
 namespace {
