@@ -13,6 +13,7 @@
 // KISAM_BACKUPS sets the number of backups under load (make soak takes many more);
 // KISAM_SEED replays a run.
 #include "../engine/open_fixture.h"
+#include "oracle.h"
 
 #include <dirent.h>
 #include <signal.h>
@@ -29,19 +30,12 @@ namespace {
 constexpr int kWriters = 2;
 constexpr int kIdsPerWriter = 300;
 
-std::string record(int id, int gen, int size) {
-    char k[32];
-    std::snprintf(k, sizeof k, "%08d%08d", id, gen);
-    std::string r(k);
-    r.resize(static_cast<size_t>(size), static_cast<char>('a' + (id + gen) % 26));
-    return r;
-}
+namespace ko = kt::oracle;
+const ko::Layout kL{8, 8, 0};   // key 0 the id, key 1 the generation
 
-struct Rec {
-    int gen = -1, size = 0;
-    bool operator==(const Rec& o) const { return gen == o.gen && size == o.size; }
-};
-using State = std::map<int, Rec>;
+std::string record(int id, int gen, int size) { return ko::record(kL, id, gen, size); }
+using Rec = ko::Rec;
+using State = ko::Model;
 
 volatile sig_atomic_t stop = 0;
 void on_term(int) { stop = 1; }
@@ -70,9 +64,7 @@ int writer(const std::string& file, const std::string& log, int w, uint64_t seed
             Rec& r = st[id];
             int rc;
             if (r.gen >= 0 && rng() % 3 == 0) {
-                char key[16];
-                std::snprintf(key, sizeof key, "%08d", id);
-                rc = nisdelete(fd, key);
+                rc = nisdelete(fd, ko::key(kL, id).c_str());
                 r = Rec{};
             } else {
                 const bool had = r.gen >= 0;
@@ -168,7 +160,7 @@ TEST_F(Backup, EveryBackupUnderLoadIsTheFileAtOneMomentBetweenCalls) {
     if (const char* b = std::getenv("KISAM_BACKUPS")) backups = std::atoi(b);
     const uint64_t seed = kt::test_seed(1126);
     const std::string file = path("live");
-    const int fd = create("live", {8, 8});
+    const int fd = create("live", kL.lens());
     ASSERT_GE(fd, 0);
     ASSERT_EQ(nisclose(fd), 0);
     // Held: a failed assertion returns at once, and the writers must not outlive the test.
@@ -192,17 +184,11 @@ TEST_F(Backup, EveryBackupUnderLoadIsTheFileAtOneMomentBetweenCalls) {
         const std::string copy = path("copy" + std::to_string(b));
         int cfd = nisopen(copy.c_str(), ISO_RDONLY);
         ASSERT_GE(cfd, 0) << "backup " << b << " does not open: is_errno " << is_errno;
+        // Every record whole along both keys.
+        const ko::Scan scan = ko::scan(cfd, kL);
+        ASSERT_TRUE(scan.ok()) << "backup " << b << ": " << scan.why;
         std::vector<State> got(kWriters);
-        char buf[400];
-        nisseek(cfd, 0, "        ");
-        int n;
-        while ((n = nisread(cfd, 0, buf, sizeof buf)) > 0) {
-            int id = 0, gen = 0;
-            ASSERT_EQ(std::sscanf(buf, "%8d%8d", &id, &gen), 2);
-            ASSERT_EQ(std::string(buf, static_cast<size_t>(n)), record(id, gen, n)) << "backup " << b;
-            got[static_cast<size_t>(id / kIdsPerWriter)][id] = Rec{gen, n};
-        }
-        ASSERT_EQ(n, 0);
+        for (const auto& [id, r] : scan.recs) got[static_cast<size_t>(id / kIdsPerWriter)][id] = r;
         ASSERT_EQ(nisclose(cfd), 0);
         for (int w = 0; w < kWriters; ++w) copies[static_cast<size_t>(w)][static_cast<size_t>(b)] = std::move(got[static_cast<size_t>(w)]);
     }

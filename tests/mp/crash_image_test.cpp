@@ -47,6 +47,7 @@
 
 #include "kcheck.h"
 #include "kisam_test.h"
+#include "oracle.h"
 #include "os.h"
 #include "test_hook.h"
 
@@ -76,6 +77,8 @@
 #include <vector>
 
 namespace {
+
+namespace ko = kt::oracle;
 
 // ---- the shared record -----------------------------------------------------------------
 
@@ -291,40 +294,16 @@ void install_recorder(int proc) {
 
 // ---- records -------------------------------------------------------------------------
 
-constexpr int kL0 = 6, kL1 = 4, kL2 = 2;
-constexpr int kMinRec = kL0 + kL1 + kL2;
+const ko::Layout kL{6, 4, 2};
 constexpr int kIdsPerProc = 60;
 constexpr int kMaxRecs = 8 * kIdsPerProc;
 
-std::string record(int id, int gen, int size) {
-    std::string r(static_cast<size_t>(size), ' ');
-    char k[16];
-    std::snprintf(k, sizeof k, "%06d%04x", id, gen & 0xFFFF);
-    std::memcpy(&r[0], k, kL0 + kL1);
-    r[10] = static_cast<char>('A' + (gen * 7 + id) % 5);   // few values: long runs of duplicates
-    r[11] = static_cast<char>('A' + (gen + id) % 26);
-    for (size_t i = kMinRec; i < r.size(); ++i) r[i] = static_cast<char>('a' + (id * 13 + gen * 7 + static_cast<int>(i)) % 26);
-    return r;
-}
-
+// A record as the file holds it (the oracle's records say which they are).
 struct Rec {
     int32_t id, gen, size;
     bool operator<(const Rec& o) const { return id != o.id ? id < o.id : gen != o.gen ? gen < o.gen : size < o.size; }
     bool operator==(const Rec& o) const { return id == o.id && gen == o.gen && size == o.size; }
 };
-
-// Parses a record read back; false when record() could not have made it.
-bool parse(const char* p, int n, Rec* out) {
-    if (n < kMinRec) return false;
-    unsigned id = 0, gen = 0;
-    char k[11] = {};
-    std::memcpy(k, p, 10);
-    if (std::sscanf(k, "%6u%4x", &id, &gen) != 2) return false;
-    const std::string want = record(static_cast<int>(id), static_cast<int>(gen), n);
-    if (std::memcmp(want.data(), p, static_cast<size_t>(n)) != 0) return false;
-    *out = Rec{static_cast<int32_t>(id), static_cast<int32_t>(gen), n};
-    return true;
-}
 
 int record_size(std::mt19937_64& rng) {
     const int r = static_cast<int>(rng() % 10);
@@ -594,7 +573,7 @@ int worker(const std::string& file, int w, uint64_t seed, int calls, bool durabl
             std::snprintf(key, sizeof key, "%06d", id);
             rc = nisdelete(fd, key);
         } else {
-            const std::string r = record(id, g, size);
+            const std::string r = ko::record(kL, id, g, size);
             rc = op == 'w' ? niswrite(fd, r.data(), size) : nisupdate(fd, r.data(), size);
         }
         if (rc != 0) {
@@ -854,60 +833,14 @@ int restart(const std::string& file) {
     const kisam::check::Report open = kisam::check::check_file(file);
     out->sound_open = open.ok;
     if (!open.ok) say(out->why_open, sizeof out->why_open, "%s", open.error.c_str());
-    // Along key 0: every record verified, in key order.  Along keys 1 and 2: the same
-    // records, no more, no fewer.
-    // Every key is read to its end (or its first error), also after a bad record, so
-    // that a program that would have seen an error is told from one that would not.
-    std::vector<Rec> along[3];
-    char buf[4096];
-    bool ok = true;
-    for (int k = 0; k < 3; ++k) {
-        int n;
-        size_t got = 0;
-        while ((n = nisread(fd, k, buf, sizeof buf)) > 0) {
-            Rec r;
-            if (++got > static_cast<size_t>(kMaxRecs)) {
-                if (ok) say(out->why_read, sizeof out->why_read, "key %d: more than %d records", k, kMaxRecs);
-                ok = false;
-                break;
-            }
-            if (parse(buf, n, &r)) {
-                along[k].push_back(r);
-                continue;
-            }
-            if (ok)
-                say(out->why_read, sizeof out->why_read, "key %d: a record of %d bytes that no call wrote (\"%.12s\")", k, n, buf);
-            ok = false;
-        }
-        if (n < 0) {
-            if (ok) {
-                char m[160];
-                niserrmsgget(m, sizeof m);
-                say(out->why_read, sizeof out->why_read, "read along key %d failed: %s", k, m);
-            }
-            out->read_failed = 1;
-            ok = false;
-        }
-    }
-    if (ok) {
-        for (size_t i = 1; i < along[0].size() && ok; ++i)
-            if (!(along[0][i - 1].id < along[0][i].id)) {
-                say(out->why_read, sizeof out->why_read, "key 0: records out of order");
-                ok = false;
-            }
-        std::vector<Rec> want = along[0];
-        std::sort(want.begin(), want.end());
-        for (int k = 1; k < 3 && ok; ++k) {
-            std::sort(along[k].begin(), along[k].end());
-            if (along[k] != want) {
-                say(out->why_read, sizeof out->why_read, "key %d holds %zu records, key 0 %zu, or other ones", k, along[k].size(), want.size());
-                ok = false;
-            }
-        }
-    }
-    out->reads_ok = ok;
-    out->nrec = static_cast<int>(std::min<size_t>(along[0].size(), kMaxRecs));
-    std::copy(along[0].begin(), along[0].begin() + out->nrec, out->recs);
+    // Every record verified along every key, every key in order and giving the same
+    // records.
+    const ko::Scan got = ko::scan(fd, kL);
+    out->read_failed = got.read_failed;
+    out->reads_ok = got.ok() && got.recs.size() <= static_cast<size_t>(kMaxRecs);
+    say(out->why_read, sizeof out->why_read, "%s", got.ok() ? "more records than the calls wrote" : got.why.c_str());
+    for (const auto& [id, r] : got.recs)
+        if (out->nrec < kMaxRecs) out->recs[out->nrec++] = Rec{id, r.gen, r.size};
     nisclose(fd);
     nisunisam();
     // And at rest, as a user checks it once the program has ended.
@@ -1078,9 +1011,9 @@ protected:
         // The empty file, made and closed by a process that then detaches: the disk as the
         // workload finds it (taken as synced).
         const std::string file = site.path(kData);
-        const int lens[3] = {kL0, kL1, kL2};
+        std::vector<int> lens = kL.lens();
         const int rc = kt::run_child([&] {
-            const int fd = niscreate(file.c_str(), 3, lens);
+            const int fd = niscreate(file.c_str(), 3, lens.data());
             if (fd < 0 || nisclose(fd) != 0) return 1;
             nisunisam();
             return 0;

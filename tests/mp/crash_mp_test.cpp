@@ -2,6 +2,7 @@
 // opcl_lock, free_lock, buf_lock, a control lock and a record lock are each taken by a
 // child that is then killed, and the survivors get through promptly.
 #include "../engine/open_fixture.h"
+#include "oracle.h"
 
 #include "is_common.h"
 #include "is_lock.h"
@@ -274,6 +275,37 @@ TEST_F(CrashFullTable, ASlotCleanedUpByAnotherWhileWaitingIsTaken) {
     EXPECT_TRUE(kt::sound(f()));
 }
 
+// A process killed at any lock call of its attach -- also after it took its slot in the
+// process table but before it holds the lock that says it lives -- leaves a slot that
+// the next process to attach takes over: with room for two, this one and one more.
+TEST(CrashTable, KilledAnywhereInItsAttachItLeavesNoSlotBehind) {
+    kt::Config c;
+    c.maxusers = 2;
+    kt::Installation inst(c);
+    ASSERT_EQ(is_init(), 0);
+    int kills = 0;
+    for (int n = 1;; ++n) {
+        ASSERT_LT(n, 100) << "the attach never gets through";
+        const int rc = kt::run_child([n] {
+            kt::become_unattached();
+            kt::Faults kill;
+            kill.arm(kt::Faults::kLock, n, kt::Faults::kKill);
+            return is_init() == 0 ? 0 : 1;
+        });
+        if (rc == 0) break;
+        ASSERT_EQ(rc, 128 + SIGKILL) << "lock call " << n;
+        ++kills;
+        EXPECT_EQ(kt::run_child([] {
+                      kt::become_unattached();
+                      return is_init() == 0 ? 0 : 1;
+                  }),
+                  0)
+            << "killed at lock call " << n << " of its attach, a process kept its slot";
+    }
+    EXPECT_GT(kills, 1);
+    nisunisam();
+}
+
 }  // namespace
 
 namespace {
@@ -284,6 +316,9 @@ namespace {
 // unsound at its next first open.  Pages reach the file only when they are written back
 // (here: evicted from a pool smaller than the file), and the mark with the first of
 // them; the writers below write until the mark is on the disk.
+namespace ko = kt::oracle;
+const ko::Layout kL{4, 0, 0};   // one key: the record number
+
 class CrashMarked : public Crash {
 protected:
     void SetUp() override {
@@ -297,14 +332,8 @@ protected:
         const std::vector<unsigned char> h = ot::read_head(f);
         return h.size() > 88 && (h[88] & ISO_DIRTYMARK) != 0;
     }
-    // Record i: 4-byte key, then enough bytes that a few records fill a page.
-    static std::string rec(int i) {
-        char k[16];
-        std::snprintf(k, sizeof k, "%04d", i);
-        std::string r(600, static_cast<char>('a' + i % 26));
-        std::memcpy(&r[0], k, 4);
-        return r;
-    }
+    // Record i: a 4-byte key and enough bytes that a few records fill a page.
+    static std::string rec(int i) { return ko::record(kL, i, 0, 600); }
     // Writes records 0, 1, ... on fd until the mark is on the disk of f; their number,
     // or -1.
     static int write_until_marked(int fd, const std::string& f) {
@@ -315,17 +344,13 @@ protected:
         }
         return -1;
     }
-    // Whether the file holds records 0 .. n-1 as written (and the checker finds it sound
-    // once it is closed by the caller).
-    static ::testing::AssertionResult holds(int fd, int n) {
-        char buf[700];
-        for (int i = 0; i < n; ++i) {
-            const std::string r = rec(i);
-            if (nisfind(fd, 0, r.data(), buf, sizeof buf) != static_cast<int>(r.size()) ||
-                std::memcmp(buf, r.data(), r.size()) != 0)
-                return ::testing::AssertionFailure() << "record " << i << " of " << n << " is not there";
-        }
-        return ::testing::AssertionSuccess();
+    // Whether the file holds records 0 .. n-1 as written, and `also` (and the checker
+    // finds it sound once it is closed by the caller).
+    static ::testing::AssertionResult holds(int fd, int n, ko::Model also = {}) {
+        for (int i = 0; i < n; ++i) also[i] = ko::Rec{0, 600};
+        const ko::Scan s = ko::scan(fd, kL, 1);
+        if (!s.ok()) return ::testing::AssertionFailure() << s.why;
+        return ko::same(also, s.recs);
     }
 };
 
@@ -380,8 +405,8 @@ TEST_F(CrashMarked, WriterKilledWhileItsCloseClearsTheMark) {
             const std::string f = path(name);
             int fd = create(name, {4});
             ASSERT_GE(fd, 0);
-            char r0[] = "abcd-record";
-            ASSERT_EQ(niswrite(fd, r0, sizeof r0), 0);
+            const std::string r0 = ko::record(kL, 9999, 0, 20);
+            ASSERT_EQ(niswrite(fd, r0.data(), 20), 0);
             const std::string count = path("count");
             ::unlink(count.c_str());
             const int rc = kt::run_child([&] {
@@ -412,14 +437,12 @@ TEST_F(CrashMarked, WriterKilledWhileItsCloseClearsTheMark) {
                     EXPECT_NE(ot::shared_fcp(fd)->is_optbits & ISO_DIRTYMARK, 0) << "the copy forgot the mark";
                 }
             }
-            EXPECT_TRUE(holds(fd, n));
+            EXPECT_TRUE(holds(fd, n, {{9999, ko::Rec{0, 20}}}));
             ASSERT_EQ(nisclose(fd), 0);
             EXPECT_FALSE(marked_on_disk(f)) << "the last close leaves the file clean";
             fd = nisopen(f.c_str(), ISO_RDWR);
             ASSERT_GE(fd, 0) << "is_errno " << is_errno;
-            EXPECT_TRUE(holds(fd, n));
-            char buf[32];
-            EXPECT_EQ(nisfind(fd, 0, r0, buf, sizeof buf), static_cast<int>(sizeof r0));
+            EXPECT_TRUE(holds(fd, n, {{9999, ko::Rec{0, 20}}}));
             ASSERT_EQ(nisclose(fd), 0);
             EXPECT_TRUE(kt::sound(f));
             if (rc == 22) break;

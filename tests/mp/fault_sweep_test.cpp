@@ -12,6 +12,7 @@
 // process with the lock layer's message; the calls it completed before are all there
 // for the next process.
 #include "../engine/open_fixture.h"
+#include "oracle.h"
 
 #include "os.h"
 
@@ -26,8 +27,9 @@ namespace {
 
 using ot::Env;
 using kt::Faults;
+namespace ko = kt::oracle;
 
-constexpr int kLens[3] = {6, 8, 4};
+const ko::Layout kL{6, 8, 4};
 constexpr int kMin = 18;
 constexpr int kTightPool = 6;
 
@@ -38,23 +40,19 @@ struct Step {
     int id, gen, size;
 };
 
-std::string record(int id, int gen, int size) {
-    std::string r(static_cast<size_t>(size), '.');
-    char k[32];
-    std::snprintf(k, sizeof k, "%06d%08d%04d", id, (id * 31 + gen * 7) % 100000000, gen % 10000);
-    std::memcpy(&r[0], k, kMin);
-    for (size_t i = kMin; i < r.size(); ++i) r[i] = static_cast<char>('a' + (id + gen + i) % 26);
-    return r;
-}
-
 std::vector<Step> workload() {
     std::mt19937 rng(11);
     auto size = [&] { return rng() % 3 == 0 ? kMin + static_cast<int>(rng() % 2980) : kMin + static_cast<int>(rng() % 120); };
     std::vector<Step> w;
-    for (int i = 0; i < 24; ++i) w.push_back({'w', static_cast<int>(rng() % 40), 0, size()});
+    // Generations that differ from id to id: key 1 (the generation) nearly unique.
+    for (int i = 0; i < 24; ++i) {
+        const int id = static_cast<int>(rng() % 40);
+        w.push_back({'w', id, id * 31, size()});
+    }
     const char ops[] = {'w', 'f', 'u', 'u', 'd', 'r'};
     for (int i = 0; i < 26; ++i) {
-        w.push_back({ops[rng() % 6], static_cast<int>(rng() % 40), i + 1, size()});
+        const int id = static_cast<int>(rng() % 40);
+        w.push_back({ops[rng() % 6], id, id * 31 + (i + 1) * 7, size()});
         if (i == 5 || i == 17) w.push_back({'s', 0, 0, 0});
         // Record locks: the lock calls of the workload (control locks take none).
         if (i == 9 || i == 21) w.push_back({'l', i, 0, kMin});
@@ -62,20 +60,24 @@ std::vector<Step> workload() {
     return w;
 }
 
-// Runs the workload on fd, keeping `model` to what the calls that succeeded did.  A
-// failing call must carry an error code.  Returns whether the last call succeeded.
-bool run(int fd, const std::vector<Step>& w, std::map<int, std::string>& model, bool* coded) {
+// Runs the workload on fd, telling the oracle each changing call and how it ended (and,
+// with a log, logging it there too).  A failing call must carry an error code.  Returns
+// whether the last call succeeded.
+bool run(int fd, const std::vector<Step>& w, ko::Oracle& o, bool* coded, ko::Log* log = nullptr) {
     char buf[4000];
     bool ok = true;
     for (const Step& s : w) {
-        const std::string r = s.op == 's' ? std::string() : record(s.id, s.gen, s.size);
-        const bool had = model.count(s.id) != 0;
+        const std::string r = s.op == 's' ? std::string() : ko::record(kL, s.id, s.gen, s.size);
+        const bool had = o.get(s.id).present();
+        const bool changes = std::strchr("wfud", s.op) != nullptr;
+        if (changes) o.begin(s.op, s.id, s.gen, s.size);
+        if (changes && log) log->begin(0, s.op, s.id, s.gen, s.size);
         int rc = 0;
         switch (s.op) {
-            case 'w': rc = niswrite(fd, r.data(), s.size); if (rc == 0) model[s.id] = r; break;
-            case 'f': rc = nisfwrite(fd, r.data(), s.size); if (rc == 0) model[s.id] = r; break;
-            case 'u': rc = nisupdate(fd, r.data(), s.size); if (rc == 0) model[s.id] = r; break;
-            case 'd': rc = nisdelete(fd, r.data()); if (rc == 0) model.erase(s.id); break;
+            case 'w': rc = niswrite(fd, r.data(), s.size); break;
+            case 'f': rc = nisfwrite(fd, r.data(), s.size); break;
+            case 'u': rc = nisupdate(fd, r.data(), s.size); break;
+            case 'd': rc = nisdelete(fd, r.data()); break;
             case 'r':
                 nisseek(fd, 1, "\0\0\0\0\0\0\0\0");
                 while ((rc = nisread(fd, 1, buf, sizeof buf)) > 0) {}
@@ -86,6 +88,8 @@ bool run(int fd, const std::vector<Step>& w, std::map<int, std::string>& model, 
                 if (rc == 0) rc = nisunlock(fd, r.data(), 6, 0);
                 break;
         }
+        if (changes) o.end(rc);
+        if (changes && log) log->end(0, rc, rc < 0 ? is_errno : 0);
         // Every failure carries a code, and its own: ISE_NOKEY ("no record with this
         // key") only for a record that is not there -- a failed read of the search must
         // not pass for an absent record.
@@ -124,30 +128,15 @@ protected:
     // Creates the file afresh (no fault), with the options of `bits`.
     int fresh(const std::string& f) {
         ::unlink(f.c_str());
-        int fd = niscreate(f.c_str(), 3, const_cast<int*>(kLens));
+        std::vector<int> lens = kL.lens();
+        int fd = niscreate(f.c_str(), 3, lens.data());
         EXPECT_GE(fd, 0);
         return fd;
     }
 
     // The file as the next process finds it, compared with the model; then the checker.
-    ::testing::AssertionResult matches(const std::string& f, const std::map<int, std::string>& model) {
-        int fd = nisopen(f.c_str(), ISO_RDONLY | ISF_NOVERIFY);
-        if (fd < 0) return ::testing::AssertionFailure() << "open fails: " << is_errno;
-        std::map<int, std::string> got;
-        char buf[4000];
-        int n;
-        while ((n = nisread(fd, 0, buf, sizeof buf)) > 0) got[std::atoi(std::string(buf, 6).c_str())] = std::string(buf, n);
-        nisclose(fd);
-        nisunisam();
-        if (n < 0) return ::testing::AssertionFailure() << "read fails: " << is_errno;
-        if (got != model) {
-            for (const auto& [id, r] : model)
-                if (!got.count(id) || got[id] != r)
-                    return ::testing::AssertionFailure() << "record " << id << " is not as the calls made it ("
-                                                         << (got.count(id) ? "its bytes differ" : "missing") << ")";
-            return ::testing::AssertionFailure() << "a record no call left there";
-        }
-        return kt::sound(f);
+    static ::testing::AssertionResult matches(const std::string& f, const ko::Model& model) {
+        return ko::holds(f, kL, model, ISO_RDONLY | ISF_NOVERIFY);
     }
 
     // Removes the journals of the installation (nobody is attached).
@@ -160,12 +149,12 @@ protected:
     int calls_of(const std::string& f, const std::vector<Step>& w, Faults::Kind kind, bool verify,
                  bool with_close = true) {
         int fd = fresh(f);
-        std::map<int, std::string> model;
+        ko::Oracle o;
         bool coded = true;
         int total;
         {
             Faults count;
-            run(fd, w, model, &coded);
+            run(fd, w, o, &coded);
             total = Faults::calls(kind);
             EXPECT_EQ(nisclose(fd), 0);
             if (with_close) total = Faults::calls(kind);
@@ -173,7 +162,7 @@ protected:
         nisunisam();
         if (verify) {
             EXPECT_TRUE(coded);
-            EXPECT_TRUE(matches(f, model));
+            EXPECT_TRUE(matches(f, o.model()));
         }
         return total;
     }
@@ -196,18 +185,18 @@ protected:
                 // run reserves its journal anew.
                 if (kind == Faults::kAlloc) drop_journals();
                 int fd = fresh(f);
-                std::map<int, std::string> model;
+                ko::Oracle o;
                 bool coded = true;
                 {
                     Faults fail;
                     fail.arm(kind, n, mode, kind == Faults::kWrite && mode == Faults::kFromThenOn ? ENOSPC : EIO);
-                    run(fd, w, model, &coded);
+                    run(fd, w, o, &coded);
                     if (nisclose(fd) != 0 && is_errno <= 0) coded = false;
                     ASSERT_TRUE(Faults::hit()) << "the run no longer reaches the point";
                 }
                 ASSERT_TRUE(coded) << "a call failed without an error code of its own";
                 nisunisam();
-                ASSERT_TRUE(matches(f, model));
+                ASSERT_TRUE(matches(f, o.model()));
                 ASSERT_LT(::shmget(inst_->key(), 0, 0), 0) << "a segment was left behind";
             }
         }
@@ -268,9 +257,8 @@ TEST_F(Sweep, LockCalls) {
                 nisclose(fd);
                 nisunisam();
             }
-            // The child logs each call it completed and whether it succeeded; the parent
-            // replays the ones that did.
-            const std::string log = path("acked");
+            // The child keeps the oracle's log of its calls; the parent replays it.
+            const std::string log = path("log");
             ::unlink(log.c_str());
             std::string err;
             int st = 0;
@@ -278,19 +266,14 @@ TEST_F(Sweep, LockCalls) {
                 st = kt::run_child([&] {
                     int fd = nisopen(f.c_str(), ISO_RDWR);
                     if (fd < 0) return 3;
-                    FILE* lg = std::fopen(log.c_str(), "w");
-                    std::map<int, std::string> model;
+                    ko::Log lg(log);
+                    ko::Oracle o;
                     bool coded = true;
                     Faults fail;
                     fail.arm(Faults::kLock, n, mode, mode == Faults::kOnce ? EIO : ENOLCK);
                     armed_fcntl = kisam::os.fcntl_lock;
                     kisam::os.fcntl_lock = telling_fcntl;
-                    for (size_t i = 0; i < w.size(); ++i) {
-                        std::vector<Step> one{w[i]};
-                        const bool ok = run(fd, one, model, &coded);
-                        std::fprintf(lg, "%zu %d\n", i, ok ? 1 : 0);
-                        std::fflush(lg);
-                    }
+                    run(fd, w, o, &coded, &lg);
                     // Not the close: the last close's hand-over of the file's slots must
                     // get the pool's lock, and ends the process when it cannot.
                     fail.disarm();
@@ -309,36 +292,15 @@ TEST_F(Sweep, LockCalls) {
                 EXPECT_FALSE(into_release) << "a failed release did not end the process";
                 refused += err.find("[injected into a take]") != std::string::npos;
             }
-            // What the acknowledged calls made; the one cut short is whole or absent.
-            std::vector<Step> done;
-            size_t acked = 0;
-            if (FILE* lg = std::fopen(log.c_str(), "r")) {
-                size_t i;
-                int ok;
-                while (std::fscanf(lg, "%zu %d", &i, &ok) == 2) {
-                    if (ok) done.push_back(w[i]);
-                    acked = i + 1;
-                }
-                std::fclose(lg);
-            }
-            // Replay in this process on a copy, to learn what the calls did.
-            std::map<int, std::string> model;
-            bool coded = true;
-            const std::string copy = path("replay");
-            ::unlink(copy.c_str());
-            int fd = niscreate(copy.c_str(), 3, const_cast<int*>(kLens));
-            ASSERT_GE(fd, 0);
-            run(fd, done, model, &coded);
-            std::map<int, std::string> with_next = model;
-            if (acked < w.size()) {
-                std::vector<Step> next{w[acked]};
-                run(fd, next, with_next, &coded);
-            }
-            nisclose(fd);
-            nisunisam();
-            ::testing::AssertionResult a = matches(f, model);
-            if (!a) {
-                EXPECT_TRUE(matches(f, with_next)) << a.message();
+            // What the calls that returned made; the one cut short is whole or absent.
+            ko::Oracle o;
+            long offset = 0;
+            ASSERT_TRUE(ko::replay(log, &offset, o));
+            ::testing::AssertionResult a = matches(f, o.model());
+            if (!a && o.pending()) {
+                EXPECT_TRUE(matches(f, o.with_pending())) << a.message();
+            } else {
+                EXPECT_TRUE(a);
             }
             ASSERT_LT(::shmget(inst_->key(), 0, 0), 0) << "a segment was left behind";
         }

@@ -3,6 +3,7 @@
 // sync it never finished for done), or leaving the call by a signal handler's jump
 // (its next call gives the sync up).  Real processes, real shared memory.
 #include "../engine/open_fixture.h"
+#include "oracle.h"
 
 #include "isx_area.h"
 #include "kcheck.h"
@@ -20,27 +21,12 @@
 
 namespace {
 
-std::string rec(int id) {
-    char r[40];
-    std::snprintf(r, sizeof r, "%08d", id);
-    std::memset(r + 8, 'g', sizeof r - 8);
-    return std::string(r, sizeof r);
-}
-int put(int fd, int id) {
-    std::string r = rec(id);
-    return niswrite(fd, r.data(), static_cast<int>(r.size()));
-}
-bool present(int fd, int id) {
-    std::string want = rec(id), got(want.size(), '\0');
-    return nisfind(fd, 0, want.data(), got.data(), static_cast<int>(got.size())) == static_cast<int>(want.size()) &&
-           got == want;
-}
+namespace ko = kt::oracle;
+const ko::Layout kL{8, 0, 0};   // one key: the id
 
-// Sets KISAM_DURABLE for the life of a scope (read at start-up).
-struct Durable {
-    Durable() { ::setenv("KISAM_DURABLE", "1", 1); }
-    ~Durable() { ::unsetenv("KISAM_DURABLE"); }
-};
+int put(int fd, int id) { return niswrite(fd, ko::record(kL, id, 0, 40).data(), 40); }
+bool present(int fd, int id) { return ko::find(fd, kL, id) == ko::Rec{0, 40}; }
+using kt::Durable;
 
 class GroupCommit : public ot::Env {
 protected:

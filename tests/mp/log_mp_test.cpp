@@ -5,6 +5,7 @@
 // could not reach the disk waits in its journal; a program that reads the file itself
 // asks kisam_pending first and settles it with kisam_settle.
 #include "../engine/open_fixture.h"
+#include "oracle.h"
 
 #include "kcheck.h"
 #include "os.h"
@@ -20,29 +21,19 @@
 
 namespace {
 
-std::string rec(int id, char fill = 'r') {
-    char r[48];
-    std::snprintf(r, sizeof r, "%08d", id);
-    std::memset(r + 8, fill, sizeof r - 8);
-    return std::string(r, sizeof r);
-}
-int put(int fd, int id, char fill = 'r') {
-    std::string r = rec(id, fill);
-    return niswrite(fd, r.data(), static_cast<int>(r.size()));
-}
+namespace ko = kt::oracle;
+const ko::Layout kL{8, 2, 0};   // key 0 the id; then the generation (no key of the files)
+
+std::string rec(int id, int gen = 0) { return ko::record(kL, id, gen, 48); }
+int put(int fd, int id, int gen = 0) { return niswrite(fd, rec(id, gen).data(), 48); }
 // 0: the record is there as put; 1: absent; 2: something else.
-int look(int fd, int id, char fill = 'r') {
-    std::string want = rec(id, fill), got(want.size(), '\0');
-    const int n = nisfind(fd, 0, want.data(), got.data(), static_cast<int>(got.size()));
-    return n == static_cast<int>(want.size()) && got == want ? 0 : n == 0 ? 1 : 2;
+int look(int fd, int id, int gen = 0) {
+    const ko::Rec r = ko::find(fd, kL, id);
+    return r == ko::Rec{gen, 48} ? 0 : r.gen == -1 ? 1 : 2;
 }
 int syncs() { return kt::Faults::calls(kt::Faults::kSync); }
 
-// Sets KISAM_DURABLE for the life of a scope (read at start-up).
-struct Durable {
-    explicit Durable(const char* v) { ::setenv("KISAM_DURABLE", v, 1); }
-    ~Durable() { ::unsetenv("KISAM_DURABLE"); }
-};
+using kt::Durable;
 
 class Log : public ot::Env {};
 
@@ -81,12 +72,12 @@ TEST_F(Log, DurableModeSyncsEveryChangingCall) {
         kt::Faults f;
         for (int i = 0; i < 5; ++i) ASSERT_EQ(put(fd, i), 0);
         EXPECT_EQ(syncs(), 5);
-        std::string r = rec(2, 'u');
+        std::string r = rec(2, 1);
         ASSERT_EQ(nisupdate(fd, r.data(), static_cast<int>(r.size())), 0);
         ASSERT_EQ(nisdelete(fd, rec(3).data()), 0);
         EXPECT_EQ(syncs(), 7);
         EXPECT_EQ(look(fd, 1), 0);
-        EXPECT_EQ(look(fd, 2, 'u'), 0);
+        EXPECT_EQ(look(fd, 2, 1), 0);
         EXPECT_EQ(syncs(), 7) << "a read synced";
         // The sync after the commit fails: the call says so, though its change stands.
         f.arm(kt::Faults::kSync, 1, kt::Faults::kOnce);
@@ -209,13 +200,10 @@ TEST_F(Log, ASegmentMadeAnewReplaysTheLogsOfKilledProcesses) {
 
 class Settle : public ot::Env {};
 
-std::string load_rec(int i) {
-    char b[200];
-    std::snprintf(b, sizeof b, "%08d%08d", i * 7919 % 100000, i);
-    std::string r(b);
-    r.resize(60 + i % 120, static_cast<char>('a' + i % 26));
-    return r;
-}
+// Record i of a load: key 0 spread over the tree, key 1 the generation i.
+const ko::Layout kLoad{8, 8, 0};
+int load_id(int i) { return i * 7919 % 100000; }
+std::string load_rec(int i) { return ko::record(kLoad, load_id(i), i, 60 + i % 120); }
 
 TEST_F(Settle, ARollbackLeftInAJournalIsFoundAndApplied) {
     const std::string file = path("load");
@@ -225,8 +213,8 @@ TEST_F(Settle, ARollbackLeftInAJournalIsFoundAndApplied) {
         // The child reports how many records it stored before the failure.
         kt::Pipe done;
         const int st = kt::run_child([&]() -> int {
-            const int lens[2] = {8, 8};
-            int fd = niscreate(file.c_str(), 2, const_cast<int*>(lens));
+            std::vector<int> lens = kLoad.lens();
+            int fd = niscreate(file.c_str(), 2, lens.data());
             if (fd < 0) return 10;
             int stored = 0;
             {
@@ -258,13 +246,8 @@ TEST_F(Settle, ARollbackLeftInAJournalIsFoundAndApplied) {
         ASSERT_TRUE(kt::sound(file)) << "n " << n;
         int fd = nisopen(file.c_str(), ISO_RDONLY);
         ASSERT_GE(fd, 0) << "n " << n;
-        char out[256];
-        for (int i = 0; i < stored; ++i) {
-            const std::string r = load_rec(i);
-            ASSERT_EQ(nisfind(fd, 0, r.substr(0, 8).c_str(), out, sizeof out), static_cast<int>(r.size()))
-                << "n " << n << " record " << i;
-            ASSERT_EQ(std::string(out, r.size()), r);
-        }
+        for (int i = 0; i < stored; ++i)
+            ASSERT_EQ(ko::find(fd, kLoad, load_id(i)), (ko::Rec{i, 60 + i % 120})) << "n " << n << " record " << i;
         ASSERT_EQ(nisclose(fd), 0);
         nisunisam();
     }

@@ -6,6 +6,7 @@
 // had returned, as it made them; and the checker finds the file sound once another
 // process has used it (or, with nobody attached, once the next process attaches).
 #include "../engine/open_fixture.h"
+#include "oracle.h"
 
 #include "os.h"
 
@@ -19,26 +20,15 @@
 namespace {
 
 using ot::Env;
+namespace ko = kt::oracle;
 using kt::Faults;
 using kt::slurp;
 using kt::spit;
 
-constexpr int kL0 = 60, kL1 = 90, kL2 = 40;
-constexpr int kMinRec = kL0 + kL1 + kL2;
+// Long keys: key 1 has order 6, so that a few hundred writes grow its tree to four
+// levels.
+const ko::Layout kL{60, 90, 40};
 constexpr int kTightPool = 8;
-
-// Record `id` of generation `gen`: key 0 from the id; keys 1 and 2 from the generation
-// (so that an update changes both); `size` bytes in all.
-std::string record(int id, int gen, int size) {
-    std::string r(static_cast<size_t>(size < kMinRec ? kMinRec : size), '.');
-    char k0[kL0 + 1];
-    std::snprintf(k0, sizeof k0, "%060d", id);
-    std::memcpy(&r[0], k0, kL0);
-    std::memset(&r[kL0], 'a' + (id * 7 + gen) % 26, kL1);
-    std::memset(&r[kL0 + kL1], 'A' + (id + gen * 3) % 26, kL2);
-    for (size_t i = kMinRec; i < r.size(); ++i) r[i] = static_cast<char>('0' + (id + gen + i) % 10);
-    return r;
-}
 
 enum Op { kWrite, kUpdate, kDelete, kReplace };
 struct Call {
@@ -48,7 +38,7 @@ struct Call {
 };
 
 int apply(int fd, const Call& c) {
-    std::string r = record(c.id, c.gen, c.size);
+    std::string r = ko::record(kL, c.id, c.gen, c.size);
     switch (c.op) {
         case kWrite: return niswrite(fd, r.data(), static_cast<int>(r.size()));
         case kUpdate: return nisupdate(fd, r.data(), static_cast<int>(r.size()));
@@ -58,40 +48,15 @@ int apply(int fd, const Call& c) {
     return -1;
 }
 
-// The file's records as the library gives them along each of its keys, in key order.
-std::string records_of(int fd) {
-    static const char zeros[128] = {};
-    std::string s;
-    char buf[4096];
-    for (int k = 0; k < 3; ++k) {
-        s += "key " + std::to_string(k) + ":\n";
-        if (nisseek(fd, k, zeros) != 0) return s + "seek fails: " + std::to_string(is_errno);
-        int n;
-        while ((n = nisread(fd, k, buf, sizeof buf)) > 0) s.append(buf, static_cast<size_t>(n)).append("\n");
-        if (n < 0) return s + "read fails: " + std::to_string(is_errno);
-    }
-    return s;
+// The file's records as the library gives them along every key.
+ko::Model records_of(int fd) {
+    const ko::Scan s = ko::scan(fd, kL);
+    EXPECT_TRUE(s.ok()) << s.why;
+    return s.recs;
 }
 
-// The file as the next process finds it holds exactly `want`: this process (attached to
-// nothing) opens it -- with nobody attached the logs are replayed first --, reads every
-// record along every key, closes (the last close writes the file back) and detaches; the
-// checker then finds the file on disk sound.
-::testing::AssertionResult holds(const std::string& f, const std::string& want) {
-    int fd = nisopen(f.c_str(), ISO_RDONLY);
-    if (fd < 0) return ::testing::AssertionFailure() << "open fails: " << is_errno;
-    const std::string got = records_of(fd);
-    const int closed = nisclose(fd);
-    nisunisam();
-    if (closed != 0) return ::testing::AssertionFailure() << "close fails: " << is_errno;
-    if (got != want) {
-        size_t i = 0;
-        while (i < got.size() && i < want.size() && got[i] == want[i]) ++i;
-        return ::testing::AssertionFailure() << "the records differ from byte " << i << " of the listing ("
-                                             << got.size() << " and " << want.size() << " bytes)";
-    }
-    return kt::sound(f);
-}
+// The file as the next process finds it holds exactly `want` (the oracle's holds()).
+::testing::AssertionResult holds(const std::string& f, const ko::Model& want) { return ko::holds(f, kL, want); }
 
 bool exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
 
@@ -107,19 +72,19 @@ protected:
     struct Target {
         Call call;
         std::string bytes;    // the file before the call, written back
-        std::string before;   // its records before the call
-        std::string after;    // and after it
+        ko::Model before;     // its records before the call
+        ko::Model after;      // and after it
     };
 
     // Builds a 3-key file in this process and records, for each call worth testing, the
     // file before it (written back) and its records before and after; then detaches.
     std::vector<Target> build(const std::string& f) {
         std::vector<Target> t;
-        const int lens[3] = {kL0, kL1, kL2};
-        int fd = niscreate(f.c_str(), 3, const_cast<int*>(lens));
+        std::vector<int> lens = kL.lens();
+        int fd = niscreate(f.c_str(), 3, lens.data());
         EXPECT_GE(fd, 0);
         std::mt19937 rng(7);
-        auto size = [&] { return kMinRec + static_cast<int>(rng() % 2800); };
+        auto size = [&] { return kL.min() + static_cast<int>(rng() % 2800); };
         auto root = [&](int k) { return kisam::fcp_key(ot::shared_fcp(fd), k)->k_root; };
         auto snap = [&](const Call& c) {
             EXPECT_EQ(kt::write_back(fd), 0) << is_errno;
@@ -165,7 +130,7 @@ protected:
         run({"write of a record with overflow pages", kWrite, 1, 0, 3000}, true);
         run({"update changing keys 1 and 2", kUpdate, 4, 1, 2500}, true);
         run({"delete of a record with overflow pages", kDelete, 1, 0, 0}, true);
-        run({"replace", kReplace, 6, 2, 40 + kMinRec}, true);
+        run({"replace", kReplace, 6, 2, 40 + kL.min()}, true);
         for (int k = 0; k < 12; ++k) run({"delete", kDelete, k * 2 + 10, 0, 0}, false);
         run({"delete that merges pages", kDelete, 40, 0, 0}, true);
         EXPECT_EQ(nisclose(fd), 0);
@@ -391,13 +356,13 @@ ssize_t failing_control_pwrite(int fd, const void* b, size_t n, off_t off) {
 // there, in the pool or, once writes succeed again, on the disk.
 TEST_F(Undo, AFailedControlPageWriteFailsTheCallAndUndoesIt) {
     const std::string f = path("c");
-    const int lens[3] = {kL0, kL1, kL2};
-    int fd = niscreate(f.c_str(), 3, const_cast<int*>(lens));
+    std::vector<int> lens = kL.lens();
+    int fd = niscreate(f.c_str(), 3, lens.data());
     ASSERT_GE(fd, 0);
     ASSERT_EQ(apply(fd, {"", kWrite, 1, 0, 500}), 0);
     ASSERT_EQ(kt::write_back(fd), 0);
     const std::string before = slurp(f);
-    const std::string before_records = records_of(fd);
+    const ko::Model before_records = records_of(fd);
     int writes;
     {
         // The same call on a copy, to count its page writes: the last one is its log
@@ -422,9 +387,9 @@ TEST_F(Undo, AFailedControlPageWriteFailsTheCallAndUndoesIt) {
         EXPECT_NE(std::find(stack.begin(), stack.end(), 0x2402), stack.end());
     }
     char buf[600];
-    std::string k2 = record(2, 0, 500);
+    std::string k2 = ko::record(kL, 2, 0, 500);
     EXPECT_EQ(nisfind(fd, 0, k2.data(), buf, sizeof buf), 0);
-    std::string k1 = record(1, 0, 500);
+    std::string k1 = ko::record(kL, 1, 0, 500);
     EXPECT_EQ(nisfind(fd, 0, k1.data(), buf, sizeof buf), 500);
     EXPECT_EQ(records_of(fd), before_records);
     ASSERT_EQ(nisclose(fd), 0);
@@ -437,14 +402,14 @@ TEST_F(Undo, AFailedControlPageWriteFailsTheCallAndUndoesIt) {
 // next process finds every record the calls made.
 TEST_F(Undo, AFailedControlPageWriteBackKeepsTheCalls) {
     const std::string f = path("c");
-    const int lens[3] = {kL0, kL1, kL2};
-    int fd = niscreate(f.c_str(), 3, const_cast<int*>(lens));
+    std::vector<int> lens = kL.lens();
+    int fd = niscreate(f.c_str(), 3, lens.data());
     ASSERT_GE(fd, 0);
     for (int id = 0; id < 20; ++id) ASSERT_EQ(apply(fd, {"", kWrite, id, 0, 200 + 97 * id}), 0);
     ASSERT_EQ(nisflush(fd), 0);
     ASSERT_EQ(apply(fd, {"", kDelete, 3, 0, 0}), 0);
     ASSERT_EQ(apply(fd, {"", kUpdate, 4, 1, 2500}), 0);
-    const std::string after = records_of(fd);
+    const ko::Model after = records_of(fd);
     char real[4096];
     const ssize_t len = ::realpath(f.c_str(), real) ? static_cast<ssize_t>(std::strlen(real)) : -1;
     ASSERT_GT(len, 0);

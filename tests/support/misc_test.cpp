@@ -83,6 +83,9 @@ TEST(Compare, CaseBlindOrderAndPrefixes) {
     EXPECT_EQ(equsub("ab", "abc"), 1);
     EXPECT_EQ(equsub("abcd", "abc"), 0);
     EXPECT_EQ(equsub("abd", "abc"), 0);
+    EXPECT_LT(cmpbuf("ab\x01", "ab\x80", 3), 0);   // bytes compare unsigned, first by first
+    EXPECT_GT(cmpbuf("b", "a", 1), 0);
+    EXPECT_EQ(cmpbuf("abX", "abY", 2), 0);
 }
 
 TEST(Bits, RandomizedAgainstBitset) {
@@ -151,6 +154,19 @@ TEST(ConvLine, EscapesCaretsAndWarnings) {
     EXPECT_STREQ(inplace, "a\tb\tc");
 }
 
+// Blanks go from the end (StripBl) or the front (LStripBl), all of them, also when the
+// text is nothing else.
+TEST(Blanks, StripEndsAndAllBlankTexts) {
+    char a[] = "a b  ", b[] = "   ", c[] = "  a b ", d[] = "";
+    StripBl(a);
+    StripBl(b);
+    LStripBl(c);
+    StripBl(d);
+    EXPECT_STREQ(a, "a b");
+    EXPECT_STREQ(b, "");
+    EXPECT_STREQ(c, "a b ");
+    EXPECT_STREQ(d, "");
+}
 
 TEST(Messages, OneLineEachAndCut) {
     EXPECT_EQ(kt::capture_output(1, [] { VMsg("abc"); VMsg("%s-%d\n", "x", 5); }), "abc\nx-5\n");

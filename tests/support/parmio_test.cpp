@@ -75,7 +75,7 @@ TEST_F(ParmFile, LineLimits) {
 TEST_F(ParmFile, ArgumentCracking) {
     st::write_file(file, "r1 abc 12 \"x y\" +=5\n"
                          "r2 0x10 08 010 12ab -5 99999999999\n"
-                         "r3 'a\\'b' \"\\101\\x41\\xg\\t\\n\\\\\" \"open\n");
+                         "r3 'a\\'b' \"\\101\\x41\\x6a\\xg\\t\\n\\\\\" \"open\n");
     ASSERT_EQ(ParmOpen(file.c_str()), 0);
     ASSERT_EQ(ParmRead(), 1);
     ASSERT_EQ(ParmArgc(), 5);
@@ -86,7 +86,7 @@ TEST_F(ParmFile, ArgumentCracking) {
     ASSERT_EQ(ParmArgc(), 7);
     for (int i = 0; i < 7; ++i) EXPECT_EQ(ParmArgvN(i), want2[i]) << i;
     ASSERT_EQ(ParmRead(), 1);
-    const char *want3[] = {"a'b", "AAxgt\n\\", "open"};
+    const char *want3[] = {"a'b", "AAjxgt\n\\", "open"};
     ASSERT_EQ(ParmArgc(), 3);
     for (int i = 0; i < 3; ++i) EXPECT_STREQ(ParmArgvS(i), want3[i]) << i;
     ParmOpen(nullptr);

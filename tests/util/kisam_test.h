@@ -13,6 +13,7 @@
 #include <sys/types.h>
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <string>
@@ -171,6 +172,12 @@ protected:
     void bound(unsigned seconds);
     std::unique_ptr<Installation> inst_;
     std::vector<pid_t> held_;
+};
+
+// Sets KISAM_DURABLE for the life of a scope (read at start-up).
+struct Durable {
+    explicit Durable(const char* v = "1") { ::setenv("KISAM_DURABLE", v, 1); }
+    ~Durable() { ::unsetenv("KISAM_DURABLE"); }
 };
 
 // Seed for randomized tests: KISAM_SEED from the environment, else a fixed default.

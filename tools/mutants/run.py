@@ -179,7 +179,9 @@ def run_group(cmd, wall, env=None, cwd=None):
             pass
 
 
-FAILED_LINE = re.compile(r"^\s*\d+\s+-\s+(\S+)\s+\((.*)\)\s*$")
+# "74 - Suite.Name (Failed)", or with a parameterized test's value between:
+# "74 - Shapes/Model.Case/shape0  # GetParam() = ... (Failed)".
+FAILED_LINE = re.compile(r"^\s*\d+\s+-\s+(\S+)(?:\s+#.*)?\s+\(([^()]*)\)\s*$")
 RESULT_LINE = re.compile(r"^\s*\d+/\d+\s+Test\s+#\d+:\s+(\S+)\s+\.+\**\s*(.*?)\s+[\d.]+\s+sec\s*$")
 
 
