@@ -3,9 +3,9 @@
 // The item being placed at a level travels in the module's carried state: new_item (the
 // item) and new_page (the page right of it, KISAM_NOPAGE at the leaf).  A level that
 // splits sends its middle item up in the same state and returns 2, so every level above
-// works on one carried item only.  The carried area grows to the largest k_itemlen seen
-// and is never shrunk; the module is single-entry per process (the control lock keeps
-// other processes out of the tree).
+// works on one carried item only.  The carried area holds any item that fits a page; the
+// module is single-entry per process (the control lock keeps other processes out of the
+// tree).
 //
 // Split rule: with Sp_half non-zero the old page keeps (K + 1) / 2 of the K + 1 items;
 // with Sp_half zero it splits at the insertion point, so that ascending or descending
@@ -34,8 +34,10 @@ using kisam::bt_setptr;
 
 namespace {
 
-char* new_item = nullptr;    // carried item, new_len bytes
-int new_len = 0;
+// Carried item.  Its room is static, not allocated in the call: a call left part way by
+// a signal handler's jump must never be inside the allocator.  An item of any key that
+// fits a page fits here.
+char new_item[kisam::kPage];
 PAGE new_page = KISAM_NOPAGE;
 
 // K + 1 items with their pointers, in page layout from pointer 0 on: at most
@@ -48,13 +50,7 @@ int scan_insert(IS_DATA* d, const IS_KEY* kp, const char* item) {
     return j < 0 ? d->bt.bt_nitems : j;
 }
 
-bool reserve_new_item(int len) {
-    if (len <= new_len) return true;
-    if (new_len > 0) std::free(new_item);
-    new_item = static_cast<char*>(std::malloc(static_cast<size_t>(len)));
-    new_len = new_item != nullptr ? len : 0;
-    return new_item != nullptr;
-}
+bool reserve_new_item(int len) { return len >= 0 && len <= static_cast<int>(sizeof new_item); }
 
 }  // namespace
 
