@@ -288,6 +288,14 @@ bool same_file(const IS_FCP* fcp, const file_info& fi) {
            fcp->jd_dev == static_cast<uint64_t>(fi.f_dev);
 }
 
+// Before a writer's first call: what its units and commits need is made now, so that no
+// call allocates (a call left part way by a signal handler's jump must not be inside the
+// allocator).  Best effort: a call makes what is still missing, and reports its failure.
+void ready_for_calls() noexcept {
+    jn_ready();
+    lg_ready();
+}
+
 int open_fail(int code, int detail) noexcept {
     is_raise(code, PROC(P_ISOPEN, detail));
     is_isout();
@@ -472,6 +480,7 @@ KISAM_API int nisopen(const char* filename, int access) {
         is_unlock(&isam_com->opcl_lock);
         // Processes that died with the file open still count as its users.
         is_reap_holders(u);
+        if (!rdonly) ready_for_calls();
         is_isout();
         return isfd;
     }
@@ -585,6 +594,7 @@ KISAM_API int nisopen(const char* filename, int access) {
     is_curpfi = pfi;
 
     is_unlock(&isam_com->opcl_lock);
+    if (!rdonly) ready_for_calls();
     is_isout();
     return isfd;
 }

@@ -48,6 +48,10 @@ void jn_close(void) noexcept;
 
 // Starts a unit on the current file.  0, or -1 (error raised, nothing changed) when the
 // journal cannot be opened or grown.
+// Made ready before the first unit of this process (its table of the pages a unit saved),
+// so that no unit allocates: a unit left part way by a signal handler's jump must not be
+// inside the allocator.  0, or -1 when out of memory (the first unit tries again).
+int jn_ready(void) noexcept;
 int jn_begin(void) noexcept;
 // Saves the before-image of page pno of the current file (d: its content now) unless
 // the unit saved it already.  0, or -1 (error raised: ISE_RDWT, v_write detail 1) when

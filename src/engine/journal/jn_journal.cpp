@@ -238,6 +238,8 @@ void jn_setpath(int u, const char* filename) noexcept {
     if (own.path_u == u) own.path_u = -1;
 }
 
+int jn_ready(void) noexcept { return own.cap != 0 || seen_grow() ? 0 : -1; }
+
 int jn_begin(void) noexcept {
     if (open_own() != 0) return -1;
     IS_FCP* fcp = is_curfcp;

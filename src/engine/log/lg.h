@@ -66,6 +66,10 @@ int lg_prepare(int u, uint64_t dev, uint64_t ino) noexcept;
 // Makes the log of slot u the log of the file fcp, which has just entered the slot (its
 // path recorded).  0, or -1 with the error raised.
 int lg_enter(int u, IS_FCP* fcp) noexcept;
+// Makes this process's buffers for the records of its commits (room for a call that
+// changes up to 512 pages) before its first call, so that no call allocates.  False when
+// out of memory (a call then grows them itself).
+bool lg_ready(void) noexcept;
 
 // Appends the record of a call on file u: the pages of slots[0..n) and the control page.
 // On success the call is committed; *end_lsn is the LSN after its record.  -1 with the

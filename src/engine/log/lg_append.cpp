@@ -173,10 +173,12 @@ PageArg* page_args(int n) noexcept {
     return args;
 }
 
-// Room for a record of 64 pages, with their before-images, and the control page: calls
-// that change more grow the buffers (rarely).
+// Room for a record of 512 pages (a unit's journal table holds as many before it grows),
+// with their before-images, and the control page: calls that change more grow the
+// buffers (rarely).  About 1 MiB, which the allocator maps and the system backs only as
+// far as records reach.
 bool call_buffers_ready() noexcept {
-    constexpr int kPages = 64;
+    constexpr int kPages = 512;
     return page_args(kPages) != nullptr &&
            rec_buf.fit(sizeof(lg_rec) + kPages * 2 * (sizeof(lg_ent) + kisam::kPage) + sizeof(lg_ent) + kisam::kFcpImage);
 }
@@ -224,3 +226,5 @@ int lg_undo_tail(int u, uint64_t record_end) noexcept {
     if (kisam::os_pwrite_full(fd, &zero, sizeof zero, off) != 0) return fail(ISE_FLWT, 0x28);
     return 0;
 }
+
+bool lg_ready(void) noexcept { return call_buffers_ready(); }
