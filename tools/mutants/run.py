@@ -286,14 +286,14 @@ class Runner:
             else:
                 rc, out = self.suite(stop_on_failure=True)
                 failed = failed_tests(out)
-            if self.logs:
-                write(os.path.join(self.logs, m["id"] + ".log"), out)
                 if rc is None:
                     status = "timeout"
                 elif rc != 0:
                     status = "caught"
                     if not failed:
                         failed = ["ctest exit " + str(rc)]
+            if self.logs:
+                write(os.path.join(self.logs, m["id"] + ".log"), out)
         finally:
             write(path, original)
             remove_leftovers(before, started)
