@@ -169,6 +169,33 @@ TEST_F(OpenMp, TwoProcessesShareOneSlot) {
     EXPECT_LT(::shmget(inst_->key(), 0, 0), 0);
 }
 
+// A child forked with a file open, whose parent closes the file (its last close: the
+// child does not count yet) and opens another into the freed slot before the child calls
+// is_chinit.  The child's handle of the first file must not lead to the second.
+TEST_F(OpenMp, AChildDoesNotTakeTheFileThatTookItsClosedFilesSlot) {
+    int fd = create("f", {4});
+    ASSERT_GE(fd, 0);
+    const int u = is_db[fd]->uniqueid;
+    kt::Pipe go;
+    pid_t child = kt::start_child([&] {
+        go.wait();
+        if (is_chinit() != 0) return 1;
+        char buf[64];
+        if (nisread(fd, 0, buf, sizeof buf) >= 0) return 2;  // g's record, through f's handle
+        nisunisam();
+        return 0;
+    });
+    ASSERT_EQ(nisclose(fd), 0);
+    const int g = create("g", {4});
+    ASSERT_GE(g, 0);
+    ASSERT_EQ(is_db[g]->uniqueid, u) << "g takes f's slot";
+    ASSERT_EQ(niswrite(g, "gggg", 4), 0);
+    go.signal();
+    EXPECT_EQ(kt::wait_child(child), 0);
+    EXPECT_EQ(ot::shared_fcp(g)->is_usecnt, 1) << "the child is no user of g";
+    EXPECT_EQ(nisclose(g), 0);
+}
+
 // This process holds a's control lock (nisgetctl) while another process, inside a close
 // of a, holds opcl_lock and waits for that control lock.  Waiting for opcl_lock now would
 // close a cycle: the kernel refuses it and the operation fails holding nothing new.

@@ -41,6 +41,7 @@
 #include <fcntl.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "os.h"
@@ -352,6 +353,22 @@ extern "C" KISAM_API int is_init(void) {
     return 0;
 }
 
+namespace {
+
+// Until the child counts among a file's users (under opcl_lock, below), the parent may
+// close its last handle of the file: the shared slot is freed, and may hold another file
+// by now.  The child's handles of it lead nowhere then (later calls on them fail as on a
+// closed handle), rather than to whatever file took the slot.
+void drop_inherited(int u) noexcept {
+    for (int isfd = 0; is_db && isfd < isam_com->maxopen; ++isfd)
+        if (is_db[isfd] && is_db[isfd]->uniqueid == u) is_dbfree(isfd);
+    kisam::os_close(is_pfi[u].pfi_osfd);
+    is_pfi[u].pfi_osfd = -1;
+    is_pfi[u].pfi_refcnt = 0;
+}
+
+}  // namespace
+
 extern "C" KISAM_API int is_chinit(void) {
     if (!isam_com) return 0;
     // A child that finds the process table full is left unattached (_is_mkpid forgets
@@ -378,9 +395,14 @@ extern "C" KISAM_API int is_chinit(void) {
     }
     for (int i = 0; is_pfi && i < maxopen; ++i) {
         if (is_pfi[i].pfi_osfd < 0) continue;
-        if (IS_FCP* fcp = kisam::pfo_fcp(i)) {
+        IS_FCP* fcp = kisam::pfo_fcp(i);
+        struct stat st;
+        if (fcp && kisam::os.fstat(is_pfi[i].pfi_osfd, &st) == 0 &&
+            static_cast<uint64_t>(st.st_dev) == fcp->jd_dev && static_cast<uint64_t>(st.st_ino) == fcp->jd_ino) {
             is_open_note(i, true);  // before the count (is_open.cpp says why)
             ++fcp->is_usecnt;
+        } else {
+            drop_inherited(i);
         }
     }
     is_unlock(&isam_com->opcl_lock);
