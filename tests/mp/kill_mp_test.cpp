@@ -201,6 +201,17 @@ void churn(const std::string& file, std::mt19937_64& rng) {
 class KillTest : public Env {
 protected:
     void SetUp() override {}   // the configuration depends on the test
+    // A pool of 64 buffers, a bound on the test's time, and two files of the workers'
+    // layout: `file`, which the test works on, and `keep`, which a process holds open so
+    // that the segment stays between children.
+    void small_pool_with_two_files(std::string* file, std::string* keep) {
+        kt::Config c;
+        c.maxbuf = 64;
+        start(c);
+        bound(300);
+        *file = made("f", kL.lens());
+        *keep = made("keep", kL.lens());
+    }
     void TearDown() override {
         for (pid_t p : live_)
             if (p > 0) held_.push_back(p);   // killed and reaped by the fixture
@@ -346,12 +357,8 @@ int ticking_lock(int fd, int cmd, struct flock* fl) {
 }
 
 TEST_F(KillTest, KilledAnywhereInAnOpenCallsAndTheLastClose) {
-    kt::Config c;
-    c.maxbuf = 64;
-    start(c);
-    bound(300);
-    const std::string file = made("f", kL.lens());
-    const std::string keep = made("keep", kL.lens());
+    std::string file, keep;
+    small_pool_with_two_files(&file, &keep);
     constexpr int kCalls = 3;
     long have = 0;
     int id = 0;
@@ -453,12 +460,8 @@ TEST_F(KillTest, KilledAnywhereInAnOpenCallsAndTheLastClose) {
 // last process to leave finishes the close: the file on disk, without its log, holds
 // every call that returned and checks sound.
 TEST_F(KillTest, ACleanerKilledAnywhereInTheLastCloseItFinishesLeavesItToTheNext) {
-    kt::Config c;
-    c.maxbuf = 64;
-    start(c);
-    bound(300);
-    const std::string file = made("f", kL.lens());
-    const std::string keep = made("keep", kL.lens());
+    std::string file, keep;
+    small_pool_with_two_files(&file, &keep);
     constexpr int kCalls = 3;
     long have = 0;
     int id = 0;
