@@ -1,0 +1,675 @@
+// B-tree: exact page images of inserts, splits, merges and given-back pages; the search
+// against a scan; the structural checker finding each kind of damage; and the tree against
+// an ordered in-memory model, with orders 2 to 5 so that every split, borrow, merge and
+// root change happens often, under both split rules and both control-page sizes (the
+// checker reads the file after every batch; the trees end empty and every page free).
+// KISAM_SEED replays a randomized run.
+#include "bt_fixture.h"
+
+#include "bt.h"
+#include "bt_key.h"
+#include "kcheck.h"
+#include "v_pool.h"
+
+#include <algorithm>
+#include <functional>
+#include <iterator>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+#include <tuple>
+
+using btt::BtFile;
+using btt::item_at;
+using btt::nitems;
+using btt::ptr_at;
+namespace kc = kisam::check;
+
+namespace {
+
+constexpr PAGE kNone = KISAM_NOPAGE;
+constexpr int kTreesAndFree = kc::CHECK_TREES | kc::CHECK_FREE;
+
+// Item of a key 0 of length 7 with a pad byte that the tree must store as zero.
+std::string item7(char c, uint32_t addr) {
+    std::string s(12, '\0');
+    std::memset(s.data(), c, 7);
+    s[7] = 0x77;
+    kisam::store_at<uint32_t>(s.data() + 8, addr);
+    return s;
+}
+
+// Item of a key 0 of length 240 (item 244 bytes, order 4): v in the first two bytes, then filler.
+constexpr int kLen4 = 244;
+std::string item4(int v) {
+    std::string s(kLen4, 'k');
+    s[0] = static_cast<char>(v >> 8);
+    s[1] = static_cast<char>(v);
+    kisam::store_at<uint32_t>(s.data() + 240, 0x1000u + static_cast<uint32_t>(v));
+    return s;
+}
+
+std::string keys_of(const IS_DATA& d) {
+    std::string r;
+    for (int i = 0; i < nitems(d); ++i) r += static_cast<char>('0' + item_at(d, i, kLen4)[1]);
+    return r;
+}
+
+// Inserts the items lo .. hi under the caller's lock.
+void insert_all(BtFile& f, int lo, int hi) {
+    for (int v = lo; v <= hi; ++v) {
+        std::string it = item4(v);
+        ASSERT_EQ(f.insert(0, it), 0) << v;
+    }
+}
+
+}  // namespace
+
+TEST(BtPages, LeafImageInCompactHeaderFile) {
+    BtFile f(512, {7});
+    ASSERT_TRUE(f.ok());
+    f.begin();
+    EXPECT_EQ(f.key(0)->k_order, 63);
+    for (char c : {'c', 'a', 'b'}) {
+        std::string it = item7(c, 0x11223300u + static_cast<uint32_t>(c));
+        ASSERT_EQ(f.insert(0, it), 0);
+    }
+    EXPECT_EQ(f.root(0), 1024u);
+    EXPECT_EQ(f.currpage(0), 1024u);   // room left in the page
+    f.end();
+
+    IS_DATA d = f.disk_page(1024);
+    EXPECT_EQ(d.bt.bt_keyno, 0);
+    EXPECT_EQ(nitems(d), 3);
+    EXPECT_EQ(ptr_at(d, 0, 12), kNone);
+    for (int i = 0; i < 3; ++i) {
+        std::string want = item7(static_cast<char>('a' + i), 0x11223300u + static_cast<uint32_t>('a' + i));
+        want[7] = 0;
+        EXPECT_EQ(item_at(d, i, 12), want) << i;
+        EXPECT_EQ(ptr_at(d, i + 1, 12), kNone) << i;
+    }
+}
+
+// An even split and a new root, then a merge that collapses the root: the pages it
+// gives back form the free chain on disk, last freed first, and are taken again in
+// that order before the file grows.
+TEST(BtPages, SplitMergeAndTheFreeChain) {
+    BtFile f(512, {240});
+    ASSERT_TRUE(f.ok());
+    f.begin();
+    ASSERT_EQ(f.key(0)->k_order, 4);
+    insert_all(f, 1, 3);
+    EXPECT_EQ(f.currpage(0), 1024u);
+    insert_all(f, 4, 4);
+    EXPECT_EQ(f.currpage(0), kNone);   // the insert filled the page
+    insert_all(f, 5, 5);
+    EXPECT_EQ(f.currpage(0), kNone);   // the root split
+    EXPECT_EQ(f.root(0), 3072u);
+    f.end();
+
+    IS_DATA r = f.disk_page(3072), l = f.disk_page(1024), g = f.disk_page(2048);
+    EXPECT_EQ(nitems(r), 1);
+    EXPECT_EQ(ptr_at(r, 0, kLen4), 1024u);
+    EXPECT_EQ(item_at(r, 0, kLen4), item4(3));
+    EXPECT_EQ(ptr_at(r, 1, kLen4), 2048u);
+    EXPECT_EQ(keys_of(l), "12");
+    EXPECT_EQ(keys_of(g), "45");
+    EXPECT_EQ(ptr_at(g, 0, kLen4), kNone);
+    EXPECT_EQ(ptr_at(g, 2, kLen4), kNone);
+
+    f.begin();
+    ASSERT_EQ(f.remove(0, item4(5)), 0);
+    EXPECT_EQ(f.root(0), 1024u);
+    f.end();
+    EXPECT_EQ(keys_of(f.disk_page(1024)), "1234");
+    const IS_DATA head = f.disk_page(512);   // file offset 0: the control page
+    EXPECT_EQ(kisam::load_at<PAGE>(head.c + 4), 3072u);   // is_nextfree: the root, freed last
+    EXPECT_EQ(kisam::load_at<PAGE>(head.c + 8), 4096u);   // is_lastpage
+    for (auto [page, next] : {std::pair<PAGE, PAGE>{3072, 2048}, {2048, 4096}}) {
+        IS_DATA d = f.disk_page(page);
+        const unsigned char* b = reinterpret_cast<const unsigned char*>(d.c);
+        EXPECT_EQ(kisam::load_at<uint32_t>(b), 0xFFFFFFFEu) << page;   // free-page mark
+        EXPECT_EQ(kisam::load_at<PAGE>(b + 4), next) << page;
+        for (int i = 8; i < 32; ++i) EXPECT_EQ(b[i], 0xFF) << page << " byte " << i;
+    }
+
+    // The next split takes 3072 for the right half, then 2048 for the new root.
+    f.begin();
+    insert_all(f, 6, 6);
+    EXPECT_EQ(f.root(0), 2048u);
+    f.end();
+    r = f.disk_page(2048);
+    EXPECT_EQ(ptr_at(r, 0, kLen4), 1024u);
+    EXPECT_EQ(ptr_at(r, 1, kLen4), 3072u);
+    kc::Report rep = kc::check_file(f.path(), kTreesAndFree);
+    ASSERT_TRUE(rep.ok) << rep.error;
+    EXPECT_TRUE(rep.free_chain.empty());
+}
+
+// The item where a search stops, found by bisection, is the one that a scan from the
+// first item in the search direction stops at, for every mode, with duplicates over the
+// key part (mode 5), odd keys whose pad byte the page holds as non-zero, and keys below,
+// among, between and above the items.  KISAM_SEED replays a run.
+TEST(BtScan, BisectionStopsWhereTheScanStops) {
+    const uint64_t seed = kt::test_seed(0xB15EC7);
+    std::mt19937_64 rng(seed);
+    SCOPED_TRACE("KISAM_SEED=" + std::to_string(seed));
+    for (int keylen : {1, 3, 4, 7}) {
+        // A key other than 0 with a 2-byte key 0: the compared bytes cover the pad.
+        IS_KEY k{};
+        k.k_keylen = static_cast<int16_t>(keylen);
+        k.k_offset = static_cast<int16_t>((keylen + 1) & ~1);
+        k.k_itemlen = static_cast<int16_t>(k.k_offset + 2);
+        k.k_ncomp = static_cast<int16_t>(k.k_offset + 2);
+        k.k_order = static_cast<int16_t>(bt_order(k.k_itemlen, 1024));
+        const int len = k.k_itemlen, inc = len + 4;
+        for (int round = 0; round < 300; ++round) {
+            // Distinct items in order over k_ncomp bytes from a small alphabet, so that the
+            // key part repeats; the pad byte counts as zero in the order.
+            std::set<std::string> items;
+            const int n = static_cast<int>(rng() % (k.k_order + 1));
+            while (static_cast<int>(items.size()) < n) {
+                std::string it(static_cast<size_t>(len), '\0');
+                for (char& c : it) c = static_cast<char>("\x01\x02\x7E\x7F\x80\x81\xFE\xFF"[rng() % 8]);
+                if (k.k_offset > keylen) it[keylen] = 0;
+                items.insert(it);
+            }
+            IS_DATA page{};
+            page.bt.bt_nitems = static_cast<int16_t>(n);
+            int i = 0;
+            for (const std::string& it : items) {
+                char* x = page.c + kisam::bt_item_off(i++, inc);
+                std::memcpy(x, it.data(), it.size());
+                if (k.k_offset > keylen && rng() % 2) x[keylen] = static_cast<char>(0x5A);
+            }
+            std::string key(static_cast<size_t>(len), '\0');
+            if (n > 0 && rng() % 2) {
+                key = *std::next(items.begin(), static_cast<long>(rng() % n));
+            } else {
+                for (char& c : key) c = static_cast<char>("\x00\x01\x7F\x80\xFF"[rng() % 5]);
+            }
+            if (k.k_offset > keylen) key[keylen] = 0;
+            for (int flag : {0, 1, 2, 3, 5}) {
+                const int ncomp = flag == 5 ? keylen : k.k_ncomp;
+                // The scan as the pages' order defines it, on a copy with the pads zeroed.
+                IS_DATA ref = page;
+                int want = -1;
+                for (int j = 0; j < n; ++j) {
+                    const int at = flag & 2 ? n - 1 - j : j;
+                    char* x = ref.c + kisam::bt_item_off(at, inc);
+                    kisam::bt_zero_pad(x, &k);
+                    if (!is_more(reinterpret_cast<const CmpType*>(key.data()),
+                                 reinterpret_cast<const CmpType*>(x), ncomp, flag)) {
+                        want = at;
+                        break;
+                    }
+                }
+                IS_DATA d = page;
+                const int got = kisam::bt_scan(&d, &k, key.data(), ncomp, flag);
+                ASSERT_EQ(got, want) << "keylen " << keylen << " n " << n << " flag " << flag;
+                if (got >= 0) {
+                    EXPECT_EQ(std::memcmp(d.c + kisam::bt_item_off(got, inc),
+                                          ref.c + kisam::bt_item_off(got, inc), static_cast<size_t>(len)), 0)
+                        << "the item found carries a zero pad byte";
+                }
+            }
+        }
+    }
+}
+
+// ---- the structural checker: each kind of damage, patched into a file on disk, is the
+// first violation reported, with its place ----
+
+namespace {
+
+// Raw page access through the checker's own image of the file.
+struct Disk {
+    explicit Disk(const std::string& p) : path(p) {
+        std::string err;
+        EXPECT_TRUE(kc::open_image(path, &img, &err)) << err;
+    }
+    IS_DATA page(PAGE p) {
+        IS_DATA d;
+        std::string err;
+        EXPECT_TRUE(img.read_page(p, &d, &err)) << err;
+        return d;
+    }
+    void put_page(PAGE p, const IS_DATA& d) {
+        int fd = ::open(path.c_str(), O_RDWR);
+        EXPECT_EQ(::pwrite(fd, d.c, sizeof d.c, static_cast<off_t>(img.offset(p))), 1024);
+        ::close(fd);
+    }
+    std::string path;
+    kc::FileImage img;
+};
+
+PAGE ptr(const IS_DATA& d, int i) { return ptr_at(d, i, kLen4); }
+void set_ptr(IS_DATA& d, int i, PAGE p) { kisam::store_at<PAGE>(d.c + 4 + i * (kLen4 + 4), p); }
+char* item_of(IS_DATA& d, int i) { return d.c + 8 + i * (kLen4 + 4); }
+
+// Applies `damage` to a copy of the pages it names, checks, and restores them.
+void expect_violation(Disk& disk, std::vector<PAGE> pages,
+                      const std::function<void(std::vector<IS_DATA>&)>& damage,
+                      const std::string& expected) {
+    std::vector<IS_DATA> orig;
+    for (PAGE p : pages) orig.push_back(disk.page(p));
+    std::vector<IS_DATA> bad = orig;
+    damage(bad);
+    for (size_t i = 0; i < pages.size(); ++i) disk.put_page(pages[i], bad[i]);
+    kc::Report rep = kc::check_file(disk.path, kTreesAndFree);
+    EXPECT_FALSE(rep.ok) << "expected: " << expected;
+    EXPECT_NE(rep.error.find(expected), std::string::npos) << rep.error;
+    for (size_t i = 0; i < pages.size(); ++i) disk.put_page(pages[i], orig[i]);
+    EXPECT_TRUE(kc::check_file(disk.path, kTreesAndFree).ok);
+}
+
+// A three-level tree of order 4 with items 1 .. n.
+void build(BtFile& f, int n) {
+    f.begin();
+    insert_all(f, 1, n);
+    f.end();
+}
+
+}  // namespace
+
+TEST(Kcheck, TreeDamage) {
+    BtFile f(1024, {240});
+    ASSERT_TRUE(f.ok());
+    build(f, 40);
+    Disk disk(f.path());
+    const PAGE R = disk.img.keys[0].k_root;
+    IS_DATA root = disk.page(R);
+    const PAGE A = ptr(root, 0), B = ptr(root, 1);
+    const PAGE L1 = ptr(disk.page(A), 0), L2 = ptr(disk.page(A), 1), LB = ptr(disk.page(B), 0);
+    ASSERT_EQ(ptr(disk.page(L1), 0), KISAM_NOPAGE) << "expected three levels";
+
+    expect_violation(disk, {L1}, [](auto& p) {
+        std::string t(item_of(p[0], 0), kLen4);
+        std::memcpy(item_of(p[0], 0), item_of(p[0], 1), kLen4);
+        std::memcpy(item_of(p[0], 1), t.data(), kLen4);
+    }, "item 1: not above item 0");
+    expect_violation(disk, {L1, L2}, [](auto& p) {
+        std::memcpy(item_of(p[1], 0), item_of(p[0], 0), kLen4);
+    }, "not above the separator left of the page");
+    expect_violation(disk, {L1}, [](auto& p) { p[0].bt.bt_nitems = 5; }, "5 items (order 4)");
+    expect_violation(disk, {L1}, [](auto& p) { p[0].fp.fp_ident = -2; }, "a free page is linked");
+    expect_violation(disk, {A}, [](auto& p) { set_ptr(p[0], 1, 1500); },
+                     "child 1500 is not a page of the file");
+    expect_violation(disk, {A}, [L1](auto& p) { set_ptr(p[0], 1, L1); }, "reached twice");
+    expect_violation(disk, {R}, [LB](auto& p) { set_ptr(p[0], 1, LB); }, "leaf at depth 1");
+}
+
+TEST(Kcheck, FreeChainDamage) {
+    BtFile f(512, {240});
+    ASSERT_TRUE(f.ok());
+    build(f, 40);
+    f.begin();
+    for (int v = 1; v <= 30; ++v) ASSERT_EQ(f.remove(0, item4(v)), 0) << v;
+    f.end();
+    kc::Report rep = kc::check_file(f.path(), kTreesAndFree);
+    ASSERT_TRUE(rep.ok) << rep.error;
+    ASSERT_GE(rep.free_chain.size(), 3u);
+    EXPECT_EQ(rep.free_pages, static_cast<long>(rep.free_chain.size()));
+    EXPECT_EQ(rep.unknown_pages, 0);
+
+    Disk disk(f.path());
+    const PAGE head = rep.free_chain[0], second = rep.free_chain[1], last = rep.free_chain.back();
+    const PAGE tree = disk.img.keys[0].k_root;
+    expect_violation(disk, {last}, [head](auto& p) { p[0].fp.fp_nextpage = head; }, "cycle");
+    expect_violation(disk, {head}, [tree](auto& p) { p[0].fp.fp_nextpage = tree; },
+                     "is also in the tree of key 0");
+    expect_violation(disk, {second}, [](auto& p) { p[0].fp.fp_ident = 5; }, "is not marked free");
+    expect_violation(disk, {second}, [](auto& p) { p[0].c[10] = 0; }, "filler bytes");
+}
+
+// Every control-page field that sizes a copy is checked against the others before any
+// page is read: a key table whose fields disagree is damage, with the field named --
+// never a copy past an item, and never "sound".  The file: keys of 8, 12 and 4 bytes,
+// with records, so that the data check pairs every alternate item with its record.
+TEST(Kcheck, ControlPageFieldsThatDisagreeAreNamed) {
+    BtFile f(1024, {8, 12, 4});
+    ASSERT_TRUE(f.ok());
+    std::string r(60, 'r');
+    for (int i = 0; i < 40; ++i) {
+        char k[32];
+        std::snprintf(k, sizeof k, "%08d%012d%04d", i, 1000 - i, i % 7);
+        std::memcpy(&r[0], k, 24);
+        ASSERT_EQ(niswrite(f.fd(), r.data(), static_cast<int>(r.size())), 0);
+    }
+    ASSERT_EQ(nisflush(f.fd()), 0);
+    ASSERT_TRUE(kc::check_file(f.path()).ok);
+
+    // (byte of the control page, 16-bit value, what the report names)
+    const int key1 = 100 + 16;
+    struct Case {
+        int at;
+        int16_t value;
+        const char* named;
+    } cases[] = {
+        {key1 + 12, 7, "key 1: k_ncomp 7"},         // the reported image: 20 -> 7
+        {key1 + 12, 40, "key 1: k_ncomp 40"},
+        {key1 + 10, 16, "key 1: k_itemlen 16"},
+        {key1 + 8, 14, "key 1: k_offset 14"},
+        {key1 + 6, 13, "key 1: k_offset 12 for k_keylen 13"},
+        {100 + 6, 9, "key 0: k_offset 8 for k_keylen 9"},
+        {100 + 6, 6, "key 0: k_offset 8 for k_keylen 6"},
+        {100 + 12, 9, "key 0: k_ncomp 9"},
+        {100 + 4, 3, "key 0: k_order 3"},
+        {86, 23, "is_minrec 23"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.named);
+        int fd = ::open(f.path().c_str(), O_RDWR);
+        int16_t old;
+        ASSERT_EQ(::pread(fd, &old, 2, c.at), 2);
+        ASSERT_EQ(::pwrite(fd, &c.value, 2, c.at), 2);
+        kc::Report rep = kc::check_file(f.path());
+        EXPECT_FALSE(rep.ok);
+        EXPECT_NE(rep.error.find(c.named), std::string::npos) << rep.error;
+        std::vector<std::string> items;
+        std::string err;
+        EXPECT_EQ(kc::list_items(f.path(), 1, &items, &err), -1);
+        ASSERT_EQ(::pwrite(fd, &old, 2, c.at), 2);
+        ::close(fd);
+    }
+    EXPECT_TRUE(kc::check_file(f.path()).ok);
+}
+
+// ---- against an ordered model ----
+
+namespace {
+
+using Model = std::map<std::string, std::string>;   // compared bytes -> whole item
+
+struct Shape {
+    const char* name;
+    std::vector<int> lens;
+};
+
+// Orders 2, 3, 4 and 5; then odd keys (pad bytes) of order 63 and 4.
+const Shape kShapes[] = {
+    {"order2", {400}}, {"order3", {300}}, {"order4", {240}}, {"order5", {190}},
+    {"twokeys", {7, 233}},
+};
+
+uint32_t mix(uint32_t x) {
+    x = (x ^ (x >> 16)) * 0x7feb352dU;
+    x = (x ^ (x >> 15)) * 0x846ca68bU;
+    return x ^ (x >> 16);
+}
+
+// Key bytes of value v: a scrambled first byte (so that bytes above 0x7F lead often),
+// v itself, then filler.  Distinct v give distinct keys.
+void put_key(char* at, uint32_t v, int len) {
+    at[0] = static_cast<char>(mix(v) & 0xFF);
+    for (int i = 1; i < 4; ++i) at[i] = static_cast<char>(v >> (24 - 8 * i));
+    for (int i = 4; i < len; ++i) at[i] = static_cast<char>(mix(v * 131u + static_cast<uint32_t>(i)) >> 7);
+}
+
+
+class Differential : public ::testing::TestWithParam<std::tuple<int, int, int>> {
+protected:
+    void SetUp() override {
+        auto [shape, sp, magic] = GetParam();
+        old_sp_ = Sp_half;
+        Sp_half = static_cast<short>(sp);
+        seed_ = kt::test_seed(0x5EED0000u + static_cast<uint64_t>(shape * 4 + sp * 2 + (magic == 512)));
+        rng_.seed(seed_);
+        kt::Config cfg;
+        cfg.maxbuf = 256;
+        file_ = std::make_unique<btt::BtFile>(magic, kShapes[shape].lens, cfg);
+        ASSERT_TRUE(file_->ok());
+        nkeys_ = static_cast<int>(kShapes[shape].lens.size());
+        models_.assign(static_cast<size_t>(nkeys_), Model());
+    }
+    void TearDown() override {
+        file_.reset();
+        Sp_half = old_sp_;
+    }
+
+    const IS_KEY& kd(int k) const { return *file_->key(k); }
+
+    // Comparable form: the first k_ncomp bytes, pad byte zeroed.
+    std::string form(int k, const std::string& item) const {
+        const IS_KEY& d = kd(k);
+        std::string f = item.substr(0, static_cast<size_t>(d.k_ncomp));
+        if (d.k_offset > d.k_keylen && d.k_keylen < d.k_ncomp) f[static_cast<size_t>(d.k_keylen)] = 0;
+        return f;
+    }
+
+    // An item of key k for value v (key 0: v and a record address; key 1: the value w of
+    // a small range, so that it repeats, and v as the key 0 part).
+    std::string make_item(int k, uint32_t v) {
+        const IS_KEY& d = kd(k);
+        std::string s(static_cast<size_t>(d.k_itemlen), '\0');
+        if (k == 0) {
+            put_key(s.data(), v, d.k_keylen);
+            kisam::store_at<uint32_t>(s.data() + d.k_offset, static_cast<uint32_t>(rng_()));
+        } else {
+            put_key(s.data(), 1000000u + v % 37u, d.k_keylen);
+            put_key(s.data() + d.k_offset, v, kd(0).k_keylen);
+        }
+        return s;
+    }
+    uint32_t any_value() { return static_cast<uint32_t>(rng_() % 700); }
+    const std::string* any_present(int k) {
+        Model& m = models_[static_cast<size_t>(k)];
+        if (m.empty()) return nullptr;
+        auto it = m.lower_bound(form(k, make_item(k, any_value())));
+        if (it == m.end()) it = m.begin();
+        return &it->second;
+    }
+
+    // The cursor hint: left as it is, dropped, or set to any page of the file.
+    void shake_hint(int k) {
+        unsigned r = static_cast<unsigned>(rng_() % 8);
+        if (r == 0) file_->currpage(k) = KISAM_NOPAGE;
+        if (r == 1) {
+            PAGE last = is_curfcp->is_lastpage;
+            if (last > 1024) file_->currpage(k) = 1024u * (1u + static_cast<PAGE>(rng_() % (last / 1024 - 1)));
+        }
+    }
+
+    void op_insert(int k) {
+        Model& m = models_[static_cast<size_t>(k)];
+        std::string it = make_item(k, any_value());
+        const std::string f = form(k, it);
+        auto old = m.find(f);
+        const bool force = k == 0 && rng_() % 3 == 0;
+        std::string sent = it;
+        shake_hint(k);
+        const bool was_empty = file_->root(k) == KISAM_NOPAGE;
+        int r = file_->insert(k, it, force);
+        if (old == m.end()) {
+            ASSERT_EQ(r, 0) << "insert, " << errinfo();
+            // A hint left by an insert (not the first) names a page of this key with room.
+            if (PAGE cp = file_->currpage(k); cp != KISAM_NOPAGE && !was_empty) {
+                IS_DATA* d = v_read(cp);
+                ASSERT_NE(d, nullptr);
+                EXPECT_EQ(d->bt.bt_keyno, k);
+                EXPECT_LT(d->bt.bt_nitems, kd(k).k_order);
+                v_unsafe(cp, d->c);
+            }
+            if (kd(k).k_offset > kd(k).k_keylen) sent[static_cast<size_t>(kd(k).k_keylen)] = 0;
+            m[f] = sent;
+        } else {
+            ASSERT_EQ(r, 1) << "insert of a present item, " << errinfo();
+            if (!force) {
+                EXPECT_TRUE(it == sent) << "a refused insert changed the caller's item";
+            } else {
+                // The tree takes the new record address, the caller's item the old one.
+                const int off = kd(k).k_offset;
+                EXPECT_EQ(it.compare(static_cast<size_t>(off), 4, old->second, static_cast<size_t>(off), 4), 0);
+                old->second.replace(static_cast<size_t>(off), 4, sent, static_cast<size_t>(off), 4);
+            }
+        }
+    }
+
+    void op_delete(int k) {
+        Model& m = models_[static_cast<size_t>(k)];
+        const std::string* p = rng_() % 5 ? any_present(k) : nullptr;
+        std::string it = p ? *p : make_item(k, any_value());
+        if (k == 0 && p) kisam::store_at<uint32_t>(it.data() + kd(0).k_offset, 0xA5A5A5A5u);
+        const bool present = m.count(form(k, it)) != 0;
+        int r = file_->remove(k, it);
+        if (present) {
+            ASSERT_EQ(r, 0) << "delete, " << errinfo();
+            m.erase(form(k, it));
+        } else {
+            ASSERT_EQ(r, -1);
+            ASSERT_EQ(is_errno, ISE_BTNP);
+            EXPECT_EQ(btt::error_stack().at(0), 0x0101);
+        }
+    }
+
+    void op_search(int k) {
+        const Model& m = models_[static_cast<size_t>(k)];
+        static const int kModes[] = {0, 1, 2, 3, 5};
+        const int mode = kModes[rng_() % 5];
+        const std::string* p = rng_() % 3 == 0 ? any_present(k) : nullptr;
+        std::string probe = p ? *p : make_item(k, any_value());
+        const std::string f = form(k, probe);
+        shake_hint(k);
+
+        const std::string* want = nullptr;
+        if (mode == 0 || mode == 1) {
+            auto it = mode == 1 ? m.lower_bound(f) : m.upper_bound(f);
+            if (it != m.end()) want = &it->second;
+        } else if (mode == 2 || mode == 3) {
+            auto it = mode == 3 ? m.upper_bound(f) : m.lower_bound(f);
+            if (it != m.begin()) want = &std::prev(it)->second;
+        }
+        const size_t kl = static_cast<size_t>(kd(k).k_keylen);
+        bool any5 = false;
+        if (mode == 5) {
+            auto it = m.lower_bound(f.substr(0, kl));
+            any5 = it != m.end() && it->first.compare(0, kl, f, 0, kl) == 0;
+        }
+
+        std::string got = probe;
+        int r = bt_search(k, file_->root(k), mode, got.data(), 0);
+        ASSERT_GE(r, 0) << "search mode " << mode << ", " << errinfo();
+        if (mode == 5) {
+            ASSERT_EQ(r, any5 ? 1 : 0) << "mode 5";
+            if (r == 1) {
+                EXPECT_EQ(got.compare(0, kl, probe, 0, kl), 0);
+                auto it = m.find(form(k, got));
+                ASSERT_NE(it, m.end());
+                EXPECT_EQ(it->second, got);
+            }
+        } else {
+            ASSERT_EQ(r, want ? 1 : 0) << "mode " << mode;
+            if (want) { EXPECT_EQ(got, *want) << "mode " << mode; }
+        }
+        if (r == 1) {
+            // currpage names the page that holds the item.
+            PAGE cp = file_->currpage(k);
+            ASSERT_NE(cp, KISAM_NOPAGE);
+            IS_DATA* d = v_read(cp);
+            ASSERT_NE(d, nullptr);
+            bool found = false;
+            const int inc = kd(k).k_itemlen + 4;
+            for (int i = 0; i < d->bt.bt_nitems && !found; ++i)
+                found = std::memcmp(d->c + 8 + i * inc, got.data(), static_cast<size_t>(kd(k).k_itemlen)) == 0;
+            EXPECT_TRUE(found) << "currpage " << cp;
+        }
+    }
+
+    std::string errinfo() const {
+        std::string s = "is_errno " + std::to_string(is_errno) + ", stack";
+        for (int c : btt::error_stack()) s += " " + std::to_string(c);
+        return s;
+    }
+
+    // Flush, check the file from disk, compare every tree with its model, lock again.
+    void verify(const char* when) {
+        ASSERT_EQ(kt::write_back(), 0);
+        file_->end();
+        kisam::check::Report rep = kisam::check::check_file(
+            file_->path(), kisam::check::CHECK_TREES | kisam::check::CHECK_FREE);
+        ASSERT_TRUE(rep.ok) << when << ": " << rep.error;
+        for (int k = 0; k < nkeys_; ++k) {
+            std::vector<std::string> items;
+            std::string err;
+            ASSERT_GE(kisam::check::list_items(file_->path(), k, &items, &err), 0) << err;
+            std::vector<std::string> want;
+            for (const auto& [f, item] : models_[static_cast<size_t>(k)]) want.push_back(item);
+            ASSERT_TRUE(items == want) << when << ", key " << k;
+            max_depth_ = std::max(max_depth_, rep.keys[static_cast<size_t>(k)].depth);
+        }
+        last_report_ = rep;
+        file_->begin();
+    }
+
+    void run_phase(const char* name, int ops, int p_insert, int p_delete) {
+        for (int i = 0; i < ops; ++i) {
+            const int k = static_cast<int>(rng_() % static_cast<unsigned>(nkeys_));
+            const int r = static_cast<int>(rng_() % 100);
+            if (r < p_insert) op_insert(k);
+            else if (r < p_insert + p_delete) op_delete(k);
+            else op_search(k);
+            if (HasFatalFailure()) return;
+            if (i % 64 == 63) verify(name);
+            if (HasFatalFailure()) return;
+        }
+        verify(name);
+    }
+
+    short old_sp_ = 1;
+    uint64_t seed_ = 0;
+    std::mt19937_64 rng_;
+    std::unique_ptr<btt::BtFile> file_;
+    int nkeys_ = 0;
+    std::vector<Model> models_;
+    int max_depth_ = 0;
+    kisam::check::Report last_report_;
+};
+
+TEST_P(Differential, AgainstOrderedModel) {
+    SCOPED_TRACE("KISAM_SEED=" + std::to_string(seed_));
+    file_->begin();
+    for (auto [name, ops, p_insert, p_delete] :
+         {std::tuple{"growing", 1500, 65, 15}, {"mixed", 1000, 40, 40}, {"shrinking", 1000, 15, 65}}) {
+        run_phase(name, ops, p_insert, p_delete);
+        if (HasFatalFailure()) return;
+    }
+
+    // Empty every tree, searching between deletes.
+    for (int k = 0; k < nkeys_; ++k) {
+        Model& m = models_[static_cast<size_t>(k)];
+        std::vector<std::string> left;
+        for (const auto& [f, item] : m) left.push_back(item);
+        std::shuffle(left.begin(), left.end(), rng_);
+        int n = 0;
+        for (const std::string& it : left) {
+            ASSERT_EQ(file_->remove(k, it), 0) << errinfo();
+            m.erase(form(k, it));
+            op_search(k);
+            if (HasFatalFailure()) return;
+            if (++n % 32 == 0) verify("emptying");
+            if (HasFatalFailure()) return;
+        }
+        EXPECT_EQ(file_->root(k), KISAM_NOPAGE);
+    }
+    verify("empty");
+    if (HasFatalFailure()) return;
+    EXPECT_GE(max_depth_, 3) << "the trees never grew deep";
+    // Nothing but trees ever lived in the file: every page is free again.
+    const kisam::check::Report& rep = last_report_;
+    EXPECT_EQ(rep.unknown_pages, 0);
+    EXPECT_EQ(static_cast<long>(rep.free_chain.size()), static_cast<long>(rep.map.use.size()));
+    file_->end();
+}
+
+std::string param_name(const ::testing::TestParamInfo<std::tuple<int, int, int>>& info) {
+    auto [shape, sp, magic] = info.param;
+    return std::string(kShapes[shape].name) + (sp ? "_half" : "_atpoint") + "_" + std::to_string(magic);
+}
+
+INSTANTIATE_TEST_SUITE_P(Bt, Differential,
+                         ::testing::Combine(::testing::Range(0, 5), ::testing::Values(0, 1),
+                                            ::testing::Values(512, 1024)),
+                         param_name);
+
+}  // namespace
