@@ -31,15 +31,6 @@ namespace {
 constexpr PAGE kNone = KISAM_NOPAGE;
 constexpr int kTreesAndFree = kc::CHECK_TREES | kc::CHECK_FREE;
 
-// Item of a key 0 of length 7 with a pad byte that the tree must store as zero.
-std::string item7(char c, uint32_t addr) {
-    std::string s(12, '\0');
-    std::memset(s.data(), c, 7);
-    s[7] = 0x77;
-    kisam::store_at<uint32_t>(s.data() + 8, addr);
-    return s;
-}
-
 // Item of a key 0 of length 240 (item 244 bytes, order 4): v in the first two bytes, then filler.
 constexpr int kLen4 = 244;
 std::string item4(int v) {
@@ -65,31 +56,6 @@ void insert_all(BtFile& f, int lo, int hi) {
 }
 
 }  // namespace
-
-TEST(BtPages, LeafImageInCompactHeaderFile) {
-    BtFile f(512, {7});
-    ASSERT_TRUE(f.ok());
-    f.begin();
-    EXPECT_EQ(f.key(0)->k_order, 63);
-    for (char c : {'c', 'a', 'b'}) {
-        std::string it = item7(c, 0x11223300u + static_cast<uint32_t>(c));
-        ASSERT_EQ(f.insert(0, it), 0);
-    }
-    EXPECT_EQ(f.root(0), 1024u);
-    EXPECT_EQ(f.currpage(0), 1024u);   // room left in the page
-    f.end();
-
-    IS_DATA d = f.disk_page(1024);
-    EXPECT_EQ(d.bt.bt_keyno, 0);
-    EXPECT_EQ(nitems(d), 3);
-    EXPECT_EQ(ptr_at(d, 0, 12), kNone);
-    for (int i = 0; i < 3; ++i) {
-        std::string want = item7(static_cast<char>('a' + i), 0x11223300u + static_cast<uint32_t>('a' + i));
-        want[7] = 0;
-        EXPECT_EQ(item_at(d, i, 12), want) << i;
-        EXPECT_EQ(ptr_at(d, i + 1, 12), kNone) << i;
-    }
-}
 
 // An even split and a new root, then a merge that collapses the root: the pages it
 // gives back form the free chain on disk, last freed first, and are taken again in
