@@ -1,26 +1,36 @@
-// Open and close within one process: old control pages (their conversion, and their
-// open), the data-changed mark, the sharing of one slot by several handles, the levels
-// of close, and a create that fails at any system call.
+// The calls of the interface within one process: open and close, the call frame and its
+// error reports, and damage met by a call.
 #include "open_fixture.h"
-
 #include "fcp.h"
+#include "is_error.h"
 #include "is_file.h"
+#include "is_lock.h"
+#include "is_rec.h"
 #include "kcheck.h"
 #include "os.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
 #include <dirent.h>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <string>
 #include <sys/shm.h>
 #include <sys/stat.h>
-
-#include <algorithm>
-#include <fstream>
-#include <iterator>
-
-namespace {
+#include <sys/wait.h>
 
 using ot::Env;
 using ot::read_head;
 using ot::stack_code;
+
+namespace {
+
+// Open and close within one process: old control pages (their conversion, and their
+// open), the data-changed mark, the sharing of one slot by several handles, the levels
+// of close, and a create that fails at any system call.
 
 class Open : public Env {};
 
@@ -117,19 +127,12 @@ TEST_F(Open, OldControlPagesAreConverted) {
         ASSERT_GE(fd, 0) << is_errno;
         IS_FCP* f = ot::shared_fcp(fd);
         EXPECT_EQ(f->is_magic, magic + 2);
-        EXPECT_EQ(f->is_nkeys, nkeys);
-        EXPECT_EQ(f->is_minrec, 4 * nkeys + 5);
+        // The conversion's fields one by one are FcpConvert's; here: that they arrive.
         EXPECT_EQ(f->is_nextfree, 0x00011400u);
-        EXPECT_EQ(f->is_lastpage, 0x00020400u);
-        EXPECT_EQ(f->is_mincdpi, 3);
         EXPECT_EQ(f->is_usecnt, 1) << "the first opener counts itself, whatever the page says";
-        EXPECT_EQ(f->is_optbits & ISO_KEYOPT, ISO_KEYOPT);
-        for (int k = 0; k < nkeys; ++k) {
-            IS_KEY want = key_n(k);
-            EXPECT_EQ(std::memcmp(kisam::fcp_key(f, k), &want, sizeof want), 0) << "key " << k;
-        }
+        IS_KEY want = key_n(nkeys - 1);
+        EXPECT_EQ(std::memcmp(kisam::fcp_key(f, nkeys - 1), &want, sizeof want), 0);
         EXPECT_EQ(std::memcmp(f->is_cdp, hints(), 40), 0);
-        for (int i = 10; i < 16; ++i) EXPECT_EQ(f->is_cdp[i], 0u);
         EXPECT_EQ((ot::pfi_of(fd)->pfi_bits & PFI_BIGFCP) != 0, magic == ISMAGIC_OLD1024);
         int keylens[8];
         EXPECT_EQ(nisstat(fd, 8, keylens), nkeys);
@@ -350,3 +353,281 @@ TEST_F(Open, ACreateThatFailsLeavesNothingNewBehind) {
                     existing ? "over a file" : "of a new name", total, failed);
     }
 }
+
+// The call frame: descriptor and key-number refusals, the repair of a call that never
+// left, and the error reports a failed call leaves.
+namespace {
+
+class Frame : public Env {};
+
+TEST_F(Frame, BadDescriptorsAreRefused) {
+    int lens[1] = {4};
+    int keylens[4];
+    char rec[16] = {};
+    // Before start-up.
+    EXPECT_EQ(nisclose(0), -1);
+    EXPECT_EQ(is_errno, ISE_BADFD);
+    EXPECT_EQ(stack_code(), 0x3100);
+    EXPECT_EQ(Iscurfun, -0x3100);
+
+    int fd = niscreate(path("f").c_str(), 1, lens);
+    ASSERT_GE(fd, 0);
+    const int maxopen = isam_com->maxopen;
+    struct Call {
+        int code;
+        std::function<int()> fn;
+    };
+    for (int bad : {-1, maxopen, fd + 1}) {
+        SCOPED_TRACE(bad);
+        std::vector<Call> calls = {
+            {0x3100, [&] { return nisclose(bad); }},
+            {0x3700, [&] { return nislock(bad, "ab", 2, 1); }},
+            {0x4000, [&] { return nisread(bad, 0, rec, sizeof rec); }},
+            {0x3D00, [&] { return niswrite(bad, rec, sizeof rec); }},
+            {0x3A00, [&] { return kisam_rewind(bad, 0); }},
+        };
+        for (auto& c : calls) {
+            is_errno = 0;
+            EXPECT_EQ(c.fn(), -1);
+            EXPECT_EQ(is_errno, ISE_BADFD);
+            EXPECT_EQ(stack_code(), c.code);
+            EXPECT_EQ(ot::stack_depth(), 1);
+            EXPECT_EQ(Iscurfun, -c.code);
+        }
+    }
+    // A descriptor whose handle was freed by a close.
+    ASSERT_EQ(nisclose(fd), 0);
+    EXPECT_EQ(is_db[fd], nullptr);
+    EXPECT_EQ(nisstat(fd, 4, keylens), -1);
+    EXPECT_EQ(is_errno, ISE_BADFD);
+}
+
+TEST_F(Frame, KeyNumbers) {
+    int two = create("two", {4, 6});
+    ASSERT_GE(two, 0);
+    char rec[16];
+    EXPECT_EQ(nisread(two, 1, rec, sizeof rec), 0);
+    for (int k : {-1, 2, 25}) {
+        EXPECT_EQ(nisread(two, k, rec, sizeof rec), -1);
+        EXPECT_EQ(is_errno, ISE_BADKN);
+        EXPECT_EQ(stack_code(), 0x4000);
+        EXPECT_EQ(kisam_rewind(two, k), -1);
+        EXPECT_EQ(is_errno, ISE_BADKN);
+        EXPECT_EQ(stack_code(), 0x3A00);
+    }
+}
+
+TEST_F(Frame, AbandonedCallIsRepairedByTheNextCall) {
+    int fd = create("f", {4});
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(Iscurfun, -0x3800) << "create leaves through the open it ends with";
+
+    // An operation that stops half-way, holding opcl_lock, the control lock and
+    // free_lock, and never reaches its exit.
+    ASSERT_EQ(is_isin(0x3B00, fd, 0), 0);
+    ASSERT_EQ(is_lock(&isam_com->opcl_lock), 0);
+    ASSERT_EQ(is_getctl(), 0);
+    ASSERT_EQ(is_lock(&isam_com->free_lock), 0);
+    EXPECT_GT(Iscurfun, 0);
+
+    int keylens[1];
+    EXPECT_EQ(nisstat(fd, 1, keylens), 1);
+    EXPECT_EQ(Islastfun, 0x3B00);
+    EXPECT_EQ(Iscurfun, -0x4500);
+    EXPECT_EQ(isam_com->opcl_lock, 0u);
+    EXPECT_EQ(isam_com->free_lock, 0u);
+    EXPECT_EQ(ot::shared_fcp(fd)->jd_fcplock, 0u);
+    EXPECT_EQ(ot::pfi_of(fd)->pfi_ctlcnt, 0);
+
+    // The ranges and the control lock's word are free too: another process gets all
+    // three without waiting.
+    unsigned long offs[] = {kisam::com_offset(&isam_com->opcl_lock),
+                            kisam::com_offset(&isam_com->free_lock)};
+    unsigned* ctl = &ot::shared_fcp(fd)->jd_fcplock;
+    EXPECT_EQ(kt::run_child([&] {
+                  for (unsigned long o : offs)
+                      if (is_lockitnw(o) != 0) return 1;
+                  uint32_t dead = 1;
+                  if (is_lock_try(ctl, &dead) != 0 || dead != 0) return 2;
+                  return 0;
+              }),
+              0);
+    EXPECT_EQ(nisclose(fd), 0);
+}
+
+// Error reports: the texts of niserrmsgget and niserrmsg in each form.
+TEST(ErrorReport, OneLineFormInEachCase) {
+    char buf[1100];
+    is_errno = 0;
+    is_etop = nullptr;
+    errno = 0;
+    EXPECT_EQ(niserrmsgget(buf, sizeof buf), 0) << "nothing before the first failure";
+    is_raise(ISE_OPENF, PROC(P_ISOPEN, 4));
+    is_push(PROC(P_ISCLOSE, 1));  // further entries are not part of the one-line form
+    EXPECT_EQ(std::string(buf, niserrmsgget(buf, sizeof buf)), "ISE_OPENF   cannot open file in proc. isopen - 4");
+    is_errno = ISE_INCONSISTENT;  // the last code with a text
+    EXPECT_EQ(std::string(buf, niserrmsgget(buf, sizeof buf)),
+              "ISE_INCONSISTENT\tFile was not closed properly and is in an inconsistent state in proc. isopen - 4");
+    is_errno = 31;  // no text: the numeric form
+    EXPECT_EQ(std::string(buf, niserrmsgget(buf, sizeof buf)), "isam error #31 in proc. isopen - 4");
+
+    is_raise(ISE_RDRD, PROC(0x30, 200));  // unknown procedure, detail shown as a signed byte
+    errno = ENOENT;
+    std::string sys = std::string("ISE_RDRD    read failed in \"v_read\" in proc. #48 - -56") +
+                      ", Sys errno #2 " + std::strerror(ENOENT);
+    EXPECT_EQ(niserrmsgget(buf, sizeof buf), static_cast<int>(sys.size()));
+    EXPECT_EQ(std::string(buf), sys);
+    // Cut to buflen - 1; no cut for buflen 0.
+    EXPECT_EQ(niserrmsgget(buf, 10), 9);
+    EXPECT_EQ(std::string(buf), sys.substr(0, 9));
+    EXPECT_EQ(niserrmsgget(buf, 0), static_cast<int>(sys.size()));
+}
+
+TEST(ErrorReport, FullReportOnStandardError) {
+    is_raise(ISE_INITERR, PROC(P_IS_INIT, 1));
+    is_push(PROC(P_ISOPEN, 2));
+    is_push(PROC(0x7F, 3));
+    errno = EACCES;
+    EXPECT_EQ(kt::capture_output(2, [] { niserrmsg(); }),
+              std::string("ISE_INITERR isam initialization error in proc. is_init - 1\r\n") +
+                  "    called from proc. isopen - 2\r\n    called from proc. #127 - 3\r\n" +
+                  "Sys errno #13 " + std::strerror(EACCES) + "\n");
+    errno = 0;
+    is_errno = 44;
+    EXPECT_EQ(kt::capture_output(2, [] { niserrmsg(); }),
+              "isam error #44 in proc. is_init - 1\r\n    called from proc. isopen - 2\r\n"
+              "    called from proc. #127 - 3\r\n");
+}
+
+// Damage found in a file's pages always has a name: every call that meets it returns -1
+// with ISE_BTS and a stack that starts where the damage was found and names each layer
+// on the way out.
+
+constexpr int kKeyLen = 8;
+
+class Damage : public Env {
+public:
+    // A file with one key: a short record (one segment of a shared page) and a long one
+    // (an overflow page and a tail), written, closed everywhere and reopened only after
+    // the damage, so that nothing of it is cached.
+    void SetUp() override {
+        Env::SetUp();
+        file_ = path("dmg");
+        int fd = create("dmg", {kKeyLen});
+        ASSERT_GE(fd, 0);
+        short_ = record("00000001", 100);
+        long_ = record("00000002", 1500);
+        ASSERT_EQ(niswrite(fd, short_.data(), static_cast<int>(short_.size())), 0);
+        ASSERT_EQ(niswrite(fd, long_.data(), static_cast<int>(long_.size())), 0);
+        ASSERT_EQ(nisclose(fd), 0);
+        std::vector<std::string> items;
+        std::string err;
+        ASSERT_EQ(kisam::check::list_items(file_, 0, &items, &err), 2) << err;
+        std::memcpy(&short_addr_, items[0].data() + kKeyLen, 4);
+        std::memcpy(&long_addr_, items[1].data() + kKeyLen, 4);
+        ASSERT_EQ(short_addr_ & 1, 0u) << "short record in a shared page";
+        ASSERT_EQ(long_addr_ & 0x3FF, 1u) << "long record starts in an overflow page";
+    }
+
+    static std::string record(const char* key, size_t n) {
+        std::string r(key);
+        for (size_t i = r.size(); i < n; ++i) r.push_back(static_cast<char>('a' + i % 26));
+        return r;
+    }
+    void poke(off_t off, const void* p, size_t n) { ot::write_bytes(file_, p, n, off); }
+    void poke16(off_t off, uint16_t v) { poke(off, &v, 2); }
+    void poke32(off_t off, uint32_t v) { poke(off, &v, 4); }
+
+    std::string file_, short_, long_;
+    PAGE short_addr_ = 0, long_addr_ = 0;
+};
+
+struct Case {
+    const char* what;
+    std::function<void(Damage&)> damage;
+    bool long_record;        // the damaged record is the long one
+    int where;               // procedure code at the bottom of the stack
+};
+
+// Each case damages one record; reading it, deleting it and replacing it must each fail
+// with ISE_BTS, the damage at the bottom of the stack and the operation's own entry
+// above it.
+TEST_F(Damage, EveryOperationThatMeetsItFailsWithTheDamagedCode) {
+    const Case cases[] = {
+        {"segment runs off its page",
+         [](Damage& d) { d.poke16(d.short_addr_, 0x8000 | 0x3FF); }, false, 0x1103},
+        {"continued segment names an odd offset",
+         [](Damage& d) {
+             d.poke16(d.short_addr_, 0xC000 | 10);
+             const unsigned char odd = 3;
+             d.poke(d.short_addr_ + 2, &odd, 1);
+         }, false, 0x1103},
+        {"overflow page links to the control page",
+         [](Damage& d) { d.poke32((d.long_addr_ - 1) + 4, 0 + 1); }, true, 0x1101},
+        {"overflow page links to an odd address",
+         [](Damage& d) { d.poke32((d.long_addr_ - 1) + 4, 2048 + 3); }, true, 0x1101},
+    };
+    for (const Case& c : cases) {
+        for (int op = 0; op < 3; ++op) {
+            TearDown();   // a fresh installation and sound file for every operation
+            SetUp();
+            ASSERT_FALSE(HasFatalFailure());
+            SCOPED_TRACE(std::string(c.what) + ", operation " + std::to_string(op));
+            c.damage(*this);
+            int fd = nisopen(file_.c_str(), ISO_RDWR);
+            ASSERT_GE(fd, 0);
+            const std::string& rec = c.long_record ? long_ : short_;
+            std::vector<char> buf(4096);
+            is_errno = 0;
+            is_etop = nullptr;
+            int r = 0;
+            std::vector<int> above;
+            if (op == 0) {
+                r = nisfind(fd, 0, rec.data(), buf.data(), static_cast<int>(buf.size()));
+                above = {0x2302};
+            } else if (op == 1) {
+                r = nisdelete(fd, rec.data());
+                above = {0x2105};
+            } else {
+                r = nisupdate(fd, rec.data(), static_cast<int>(rec.size()));
+                above = {0x2105};
+            }
+            EXPECT_EQ(r, -1);
+            EXPECT_EQ(is_errno, ISE_BTS);
+            std::vector<int> want{c.where};
+            want.insert(want.end(), above.begin(), above.end());
+            if (op != 0 && c.where >> 8 == 0x11) want[0] = (0x15 << 8) | (want[0] & 0xFF);
+            EXPECT_EQ(kt::error_stack(), want);
+            char msg[200];
+            niserrmsgget(msg, sizeof msg);
+            EXPECT_NE(std::string(msg).find("ISE_BTS"), std::string::npos) << msg;
+            // The sound record still reads.
+            const std::string& other = c.long_record ? short_ : long_;
+            EXPECT_EQ(nisfind(fd, 0, other.data(), buf.data(), static_cast<int>(buf.size())),
+                      static_cast<int>(other.size()));
+            EXPECT_EQ(nisclose(fd), 0);
+        }
+    }
+}
+
+// Scanning the whole file in key order stops at the damaged record with the same name,
+// and the stack is whole: a stale entry from an earlier failure is never left at its
+// bottom.
+TEST_F(Damage, ScanStopsWithAWholeStack) {
+    poke16(short_addr_, 0x8000 | 0x3FF);
+    int fd = nisopen(file_.c_str(), ISO_RDONLY);
+    ASSERT_GE(fd, 0);
+    std::vector<char> buf(4096);
+    // An earlier, unrelated failure.
+    EXPECT_EQ(nisread(fd, 7, buf.data(), 10), -1);
+    EXPECT_EQ(is_errno, ISE_BADKN);
+    EXPECT_EQ(nisread(fd, 0, buf.data(), static_cast<int>(buf.size())), -1);
+    EXPECT_EQ(is_errno, ISE_BTS);
+    EXPECT_EQ(kt::error_stack(), (std::vector<int>{0x1103, 0x2302}));
+    EXPECT_EQ(nisseek(fd, 0, "99999999"), 0);
+    EXPECT_EQ(nispread(fd, 0, buf.data(), static_cast<int>(buf.size())), static_cast<int>(long_.size()))
+        << "the other record is read from the other end";
+    EXPECT_EQ(nisclose(fd), 0);
+}
+
+}  // namespace
