@@ -1,0 +1,985 @@
+// Records: data pages byte for byte and against a model of their chunks, the record calls
+// against a model of the file, and the reads without the control lock against the locked
+// ones.
+#include "open_fixture.h"
+#include "dr.h"
+#include "is_error.h"
+#include "is_file.h"
+#include "is_rec.h"
+#include "isx_area.h"
+#include "kcheck.h"
+#include "kisam_test.h"
+#include "test_hook.h"
+#include "v_pool.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <map>
+#include <memory>
+#include <random>
+#include <set>
+#include <string>
+#include <tuple>
+#include <unistd.h>
+#include <vector>
+
+// Data pages byte for byte: where records of each size land, how the free chunks of a
+// shared page are split, merged and tiled, and how the free-space table follows.
+namespace {
+
+using Page = std::array<unsigned char, 1024>;
+
+uint16_t w16(const Page& p, int off) { return static_cast<uint16_t>(p[off] | (p[off + 1] << 8)); }
+uint32_t w32(const Page& p, int off) {
+    return static_cast<uint32_t>(w16(p, off)) | (static_cast<uint32_t>(w16(p, off + 2)) << 16);
+}
+
+std::vector<char> pattern(int n, int seed) {
+    std::vector<char> v(static_cast<size_t>(n));
+    for (int i = 0; i < n; ++i) v[static_cast<size_t>(i)] = static_cast<char>((i * 7 + seed * 31 + i / 251) & 0xFF);
+    return v;
+}
+
+class DataPages : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(is_init(), 0);
+        path_ = inst_.path("data.ism");
+        int lens[1] = {8};
+        fd_ = niscreate(path_.c_str(), 1, lens);
+        ASSERT_GE(fd_, 0);
+        osfd_ = ::open(path_.c_str(), O_RDONLY);
+        ASSERT_GE(osfd_, 0);
+    }
+    void TearDown() override {
+        if (osfd_ >= 0) ::close(osfd_);
+        nisclose(fd_);
+        nisunisam();
+    }
+
+    // Runs f in the frame of a public operation: handle selected, control lock held.
+    template <class F>
+    auto locked(F f) {
+        EXPECT_EQ(is_isin(PROC(P_ISWRITE), fd_, 0), 0);
+        EXPECT_EQ(is_getctl(), 0);
+        auto r = f();
+        EXPECT_EQ(is_relctl(), 0);
+        is_isout();
+        return r;
+    }
+    PAGE put(const std::vector<char>& rec) {
+        return locked([&] { return dr_put(rec.data(), static_cast<int>(rec.size())); });
+    }
+    int rel(PAGE a) { return locked([&] { return dr_rel(a); }); }
+    std::vector<char> get(PAGE a, int maxlen, int* n) {
+        std::vector<char> out(static_cast<size_t>(maxlen) + 16, 0);
+        *n = locked([&] { return dr_get(a, out.data(), maxlen); });
+        if (*n > 0) out.resize(static_cast<size_t>(*n));
+        return out;
+    }
+    Page disk(PAGE p) {
+        EXPECT_EQ(kt::write_back(fd_), 0);
+        return raw(p);
+    }
+    // Page p as the file holds it now, without writing anything back first.
+    Page raw(PAGE p) {
+        Page pg{};
+        EXPECT_EQ(::pread(osfd_, pg.data(), pg.size(), static_cast<off_t>(p)), 1024) << p;
+        return pg;
+    }
+    // Page p as this process's pool holds it (no write-back, no system call on a hit).
+    Page pooled(PAGE p) {
+        return locked([&] {
+            Page pg{};
+            IS_DATA* d = v_read(p);
+            EXPECT_NE(d, nullptr) << p;
+            if (d) {
+                std::memcpy(pg.data(), d->c, pg.size());
+                v_unsafe(p, d->c);
+            }
+            return pg;
+        });
+    }
+    std::vector<char> whole_file() {
+        EXPECT_EQ(kt::write_back(fd_), 0);
+        off_t end = ::lseek(osfd_, 0, SEEK_END);
+        std::vector<char> v(static_cast<size_t>(end));
+        EXPECT_EQ(::pread(osfd_, v.data(), v.size(), 0), end);
+        return v;
+    }
+    // The shared control page of the file (valid while it is open).
+    IS_FCP* fcp() {
+        EXPECT_EQ(is_isin(PROC(P_ISREAD), fd_, 0), 0);
+        is_isout();
+        return is_curfcp;
+    }
+
+    kt::Installation inst_;
+    std::string path_;
+    int fd_ = -1;
+    int osfd_ = -1;
+};
+
+TEST_F(DataPages, RecordShapesByLength) {
+    ASSERT_EQ(fcp()->is_magic, ISMAGIC_1024);   // page P lies at file offset P
+
+    // 1020 bytes fill a fresh shared page exactly: page word without free chunk.
+    auto r1020 = pattern(1020, 1);
+    PAGE a = put(r1020);
+    EXPECT_EQ(a, 1024u + 2);
+    Page p = disk(1024);
+    EXPECT_EQ(w16(p, 0), 0x8000);
+    EXPECT_EQ(w16(p, 2), 0x8000 + 1020);
+    EXPECT_EQ(std::memcmp(p.data() + 4, r1020.data(), 1020), 0);
+    EXPECT_EQ(fcp()->is_cdp[0], 0u);
+    EXPECT_EQ(fcp()->is_mincdpi, -1);
+
+    // 1021 bytes: one overflow page and a 5-byte tail at the end of a new shared page.
+    auto r1021 = pattern(1021, 2);
+    PAGE b = put(r1021);
+    EXPECT_EQ(b, 3072u + 1);
+    Page ov = disk(3072);
+    EXPECT_EQ(w16(ov, 0), 0x8001);
+    EXPECT_EQ(w16(ov, 2), 1);
+    EXPECT_EQ(w32(ov, 4), 2048u + 1016);
+    EXPECT_EQ(std::memcmp(ov.data() + 8, r1021.data(), 1016), 0);
+    Page tail = disk(2048);
+    EXPECT_EQ(w16(tail, 0), 0x8002);
+    EXPECT_EQ(w16(tail, 2), 0);       // dr_next
+    EXPECT_EQ(w16(tail, 4), 1014);    // dr_avail
+    EXPECT_EQ(w16(tail, 1016), 0x8000 + 5);
+    EXPECT_EQ(std::memcmp(tail.data() + 1018, r1021.data() + 1016, 5), 0);
+    EXPECT_EQ(fcp()->is_cdp[0], 2048u + 1014);
+    EXPECT_EQ(fcp()->is_mincdpi, 0);
+
+    // 2032 bytes: one overflow page and a full 1016-byte tail, which no longer fits in
+    // the page with 1014 free bytes: a new page keeps a 4-byte chunk in front.
+    auto r2032 = pattern(2032, 3);
+    PAGE c = put(r2032);
+    EXPECT_EQ(c, 5120u + 1);
+    EXPECT_EQ(w32(disk(5120), 4), 4096u + 6);
+    Page t2 = disk(4096);
+    EXPECT_EQ(w16(t2, 0), 0x8002);
+    EXPECT_EQ(w16(t2, 4), 4);
+    EXPECT_EQ(w16(t2, 6), 0x8000 + 1016);
+    EXPECT_EQ(fcp()->is_cdp[0], 2048u + 1014);
+    EXPECT_EQ(fcp()->is_cdp[1], 4096u + 4);
+    EXPECT_EQ(fcp()->is_mincdpi, 1);
+
+    // 3000 bytes: overflow pages numbered 1 and 2, and a 968-byte tail placed at the end
+    // of the first page of the table with room.
+    auto r3000 = pattern(3000, 4);
+    PAGE d = put(r3000);
+    // The tail goes in first; then the last block's page, then the first block's.
+    Page last = disk(6144), first = disk(7168);
+    EXPECT_EQ(d, 7168u + 1);
+    EXPECT_EQ(w16(first, 0), 0x8001);
+    EXPECT_EQ(w16(first, 2), 1);
+    EXPECT_EQ(w32(first, 4), 6144u + 1);
+    EXPECT_EQ(w16(last, 2), 2);
+    EXPECT_EQ(w32(last, 4), 2048u + 46);
+    EXPECT_EQ(std::memcmp(first.data() + 8, r3000.data(), 1016), 0);
+    EXPECT_EQ(std::memcmp(last.data() + 8, r3000.data() + 1016, 1016), 0);
+    Page t3 = disk(2048);
+    EXPECT_EQ(w16(t3, 4), 44);
+    EXPECT_EQ(w16(t3, 46), 0x8000 + 968);
+    EXPECT_EQ(fcp()->is_cdp[0], 2048u + 44);
+    EXPECT_EQ(fcp()->is_mincdpi, 1);
+
+    // Everything reads back whole, and prefixes are cut without error.
+    for (auto [addr, rec] : {std::pair{a, &r1020}, {b, &r1021}, {c, &r2032}, {d, &r3000}}) {
+        int n = 0;
+        auto back = get(addr, 65534, &n);
+        ASSERT_EQ(n, static_cast<int>(rec->size()));
+        EXPECT_EQ(back, *rec);
+        back = get(addr, 100, &n);
+        EXPECT_EQ(n, 100);
+        EXPECT_EQ(std::memcmp(back.data(), rec->data(), 100), 0);
+    }
+}
+
+TEST_F(DataPages, RecordInPiecesFollowsTheFreeList) {
+    // Lay out one page: 100-byte segments A, C, E separated by small ones, then fill it.
+    std::vector<PAGE> keep;
+    PAGE A = put(pattern(98, 1));
+    keep.push_back(put(pattern(18, 2)));
+    PAGE C = put(pattern(98, 3));
+    keep.push_back(put(pattern(18, 4)));
+    PAGE E = put(pattern(98, 5));
+    keep.push_back(put(pattern(680, 6)));
+    ASSERT_EQ(A, 1024u + 924);
+    ASSERT_EQ(C, 1024u + 804);
+    ASSERT_EQ(E, 1024u + 684);
+    ASSERT_EQ(w16(disk(1024), 0), 0x8000);
+    for (PAGE x : {A, C, E}) ASSERT_EQ(rel(x), 0);
+    Page p = disk(1024);
+    EXPECT_EQ(w16(p, 0), 0x8000 + 684);
+    EXPECT_EQ(w16(p, 684), 804);
+    EXPECT_EQ(w16(p, 686), 100);
+    EXPECT_EQ(w16(p, 804), 924);
+    EXPECT_EQ(w16(p, 924), 0);
+    EXPECT_EQ(fcp()->is_cdp[0], 1024u + 300);
+
+    // 250 bytes: no chunk holds them whole, so they go as 97 + 97 + 56.
+    auto rec = pattern(250, 7);
+    PAGE r = put(rec);
+    EXPECT_EQ(r, 1024u + 684);
+    p = disk(1024);
+    EXPECT_EQ(w16(p, 684), 0xC000 + 0xC00 + 97);   // next 804 = 0x324
+    EXPECT_EQ(p[686], 0x24);
+    EXPECT_EQ(w16(p, 804), 0xC000 + 0xC00 + 97);   // next 924 = 0x39C
+    EXPECT_EQ(p[806], 0x9C);
+    EXPECT_EQ(w16(p, 924), 0x8000 + 56);
+    EXPECT_EQ(w16(p, 0), 0x8000 + 982);            // the rest of the last chunk
+    EXPECT_EQ(w16(p, 982), 0);
+    EXPECT_EQ(w16(p, 984), 42);
+    EXPECT_EQ(std::memcmp(p.data() + 687, rec.data(), 97), 0);
+    EXPECT_EQ(std::memcmp(p.data() + 807, rec.data() + 97, 97), 0);
+    EXPECT_EQ(std::memcmp(p.data() + 926, rec.data() + 194, 56), 0);
+    EXPECT_EQ(fcp()->is_cdp[0], 1024u + 42);
+    int n = 0;
+    EXPECT_EQ(get(r, 300, &n), rec);
+
+    // Freeing it all merges everything back into one chunk: the page goes back to the
+    // free chain.
+    ASSERT_EQ(rel(r), 0);
+    for (PAGE x : keep) ASSERT_EQ(rel(x), 0);
+    p = disk(1024);
+    EXPECT_EQ(w16(p, 0), 0xFFFE);   // free-page mark
+    EXPECT_EQ(fcp()->is_cdp[0], 0u);
+    EXPECT_EQ(fcp()->is_mincdpi, -1);
+    EXPECT_EQ(fcp()->is_nextfree, 1024u);
+}
+
+TEST_F(DataPages, RefusedReleaseWritesNothing) {
+    PAGE x = put(pattern(100, 1));   // at 922
+    PAGE y = put(pattern(100, 2));   // at 820, in front of x
+    ASSERT_EQ(x, 1024u + 922);
+    ASSERT_EQ(y, 1024u + 820);
+    ASSERT_EQ(rel(x), 0);            // not merged: y separates it from the front chunk
+    auto before = whole_file();
+
+    EXPECT_EQ(rel(x), -1);
+    EXPECT_EQ(whole_file(), before);
+
+    int n = 0;
+    EXPECT_EQ(get(y, 200, &n), pattern(100, 2));
+}
+
+// Random stores and releases against a model of the live records.  After every step
+// each shared page that holds a live record is tiled by those records' segments and its
+// free chunks, with no more than 3 bytes of slack, and only behind a live segment (a
+// released segment takes its slack with it, or it would be lost for good); its entry
+// in the free-space table (if any) gives its free total; a page whose last record went
+// is given back at once.  At the end every record reads back, and releasing them all
+// leaves every page of the file on the free chain.
+TEST_F(DataPages, RandomStoresAndReleasesAgreeWithAModel) {
+    const uint64_t seed = kt::test_seed(2711);
+    const int kSteps = std::getenv("KISAM_STEPS") ? std::atoi(std::getenv("KISAM_STEPS")) : 10000;
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937_64 rng(seed);
+    auto pick = [&](int lo, int hi) { return lo + static_cast<int>(rng() % static_cast<uint64_t>(hi - lo + 1)); };
+
+    struct Live {
+        std::vector<char> data;
+        PAGE tail;   // the shared page of its tail
+    };
+    std::map<PAGE, Live> live;
+
+    // The tail address of a record: past its overflow pages.
+    auto tail_of = [&](PAGE addr) {
+        while ((addr & 0x3FF) == 1) addr = w32(pooled(addr - 1), 4);
+        return addr;
+    };
+    // The pieces a record's segments occupy in its tail page.
+    auto segments = [&](const Page& p, PAGE addr, std::vector<std::pair<int, int>>* out) {
+        for (int s = static_cast<int>(addr & 0x3FF); s != 0;) {
+            const uint16_t ctlw = w16(p, s);
+            const int len = ctlw & 0x3FF;
+            int next = 0, size = len + 2;
+            if ((ctlw & 0xC000) == 0xC000) {
+                next = ((ctlw >> 2) & 0x300) + p[static_cast<size_t>(s) + 2];
+                if (next != 0) size = len + 3;
+            }
+            size += size & 1;
+            out->push_back({s, s + std::max(size, 4)});
+            s = next;
+        }
+    };
+    auto check_pages = [&](int step) {
+        std::map<PAGE, std::vector<PAGE>> by_page;
+        for (auto& [addr, l] : live) by_page[l.tail & ~PAGE{0x3FF}].push_back(l.tail);
+        // The pool's pages at every step, the file's every 64th (a checkpoint is slow).
+        const bool on_disk = step % 64 == 0;
+        if (on_disk) {
+            ASSERT_EQ(kt::write_back(fd_), 0);
+        }
+        const IS_FCP* f = fcp();
+        for (auto& [pg, addrs] : by_page) {
+            const Page p = on_disk ? raw(pg) : pooled(pg);
+            std::vector<std::pair<int, int>> segs, pieces;
+            for (PAGE a : addrs) segments(p, a, &segs);
+            int total = 0;
+            for (int c = w16(p, 0) & 0x7FFF; c != 0; c = w16(p, c)) {
+                pieces.push_back({c, c + w16(p, c + 2)});
+                total += w16(p, c + 2);
+            }
+            std::set<int> seg_ends;
+            for (auto& s : segs) seg_ends.insert(s.second);
+            pieces.insert(pieces.end(), segs.begin(), segs.end());
+            std::sort(pieces.begin(), pieces.end());
+            int at = 2;
+            bool behind_segment = false;
+            for (auto& [b, e] : pieces) {
+                ASSERT_GE(b, at) << "step " << step << ": page " << pg << ": piece at " << b << " overlaps";
+                ASSERT_TRUE(b == at || (behind_segment && b - at <= 3))
+                    << "step " << step << ": page " << pg << ": " << b - at << " bytes lost at " << at;
+                behind_segment = seg_ends.count(e) != 0;
+                at = e;
+            }
+            ASSERT_LE(at, 1024);
+            ASSERT_TRUE(at == 1024 || (behind_segment && 1024 - at <= 3))
+                << "step " << step << ": page " << pg << ": " << 1024 - at << " bytes lost at the end";
+            for (int i = 0; i < 16 && f->is_cdp[i] != 0; ++i) {
+                if ((f->is_cdp[i] & ~PAGE{0x3FF}) == pg) {
+                    ASSERT_EQ(static_cast<int>(f->is_cdp[i] & 0x3FF), total) << "step " << step << ": page " << pg;
+                }
+            }
+        }
+    };
+
+    auto release = [&](std::map<PAGE, Live>::iterator it, int step) {
+        const PAGE pg = it->second.tail & ~PAGE{0x3FF};
+        ASSERT_EQ(rel(it->first), 0) << "step " << step;
+        live.erase(it);
+        for (auto& [a, l] : live)
+            if ((l.tail & ~PAGE{0x3FF}) == pg) return;
+        ASSERT_EQ(w16(pooled(pg), 0), 0xFFFE) << "step " << step << ": page " << pg << " holds no record";
+    };
+
+    for (int step = 0; step < kSteps; ++step) {
+        const bool store = live.empty() || (live.size() < 60 && rng() % 100 < 55);
+        if (store) {
+            const int r = pick(0, 99);
+            const int len = r < 60 ? pick(1, 40) : r < 90 ? pick(41, 400) : r < 98 ? pick(401, 1020) : pick(1021, 3100);
+            auto rec = pattern(len, step);
+            const PAGE a = put(rec);
+            ASSERT_NE(a, KISAM_NOPAGE) << "step " << step << " is_errno " << is_errno;
+            ASSERT_EQ(live.count(a), 0u) << "step " << step;
+            live[a] = Live{rec, tail_of(a)};
+        } else {
+            auto it = live.begin();
+            std::advance(it, static_cast<long>(rng() % live.size()));
+            release(it, step);
+        }
+        check_pages(step);
+        if (HasFatalFailure()) return;
+    }
+    for (auto& [a, l] : live) {
+        int n = 0;
+        ASSERT_EQ(get(a, 65534, &n), l.data) << "record at " << a;
+    }
+    while (!live.empty()) {
+        auto it = live.begin();
+        std::advance(it, static_cast<long>(rng() % live.size()));
+        release(it, -1);
+        if (HasFatalFailure()) return;
+    }
+    const IS_FCP* f = fcp();
+    EXPECT_EQ(f->is_cdp[0], 0u);
+    ASSERT_EQ(kt::write_back(fd_), 0);
+    for (PAGE pg = 1024; pg < f->is_lastpage; pg += 1024) EXPECT_EQ(w16(raw(pg), 0), 0xFFFE) << pg;
+}
+
+// Record operations against an in-memory model: a long random mix of writes, forced
+// writes, updates, deletes, seeks, rewinds and reads in every mode along every key,
+// checked after every step, then the whole file by the structural checker.  KISAM_SEED replays a run.
+
+struct Shape {
+    std::vector<int> keylens;
+    bool keyopt;
+    short split_half;
+    int magic;      // 512 or 1024
+    int ops;
+};
+
+// How GoogleTest shows a shape (in test listings too): in words, not as a byte dump.
+void PrintTo(const Shape& s, std::ostream* os) {
+    *os << "keys";
+    for (size_t i = 0; i < s.keylens.size(); ++i) *os << (i ? "," : " ") << s.keylens[i];
+    *os << (s.keyopt ? " key-in-index" : "") << (s.split_half ? ", split half, " : ", split at point, ")
+        << s.magic << "-byte header, " << s.ops << " ops";
+}
+
+class Model {
+public:
+    explicit Model(const std::vector<int>& kl) : kl_(kl), items_(kl.size()) {
+        for (int l : kl) pos_.push_back(minrec_), minrec_ += l;
+    }
+    int nkeys() const { return static_cast<int>(kl_.size()); }
+    int kl(int k) const { return kl_[static_cast<size_t>(k)]; }
+    int minrec() const { return minrec_; }
+    int offset(int k) const { return (kl(k) + 1) & ~1; }
+    std::string key(const std::string& rec, int k) const {
+        return rec.substr(static_cast<size_t>(pos_[static_cast<size_t>(k)]), static_cast<size_t>(kl(k)));
+    }
+    // The compared part of the index item of rec under key k.
+    std::string item(const std::string& rec, int k) const { return make_item(k, key(rec, k), key(rec, 0)); }
+    std::string make_item(int k, const std::string& value, const std::string& key0) const {
+        return k == 0 ? value : value + std::string(static_cast<size_t>(kl(k) & 1), '\0') + key0;
+    }
+    const std::set<std::string>& items(int k) const { return items_[static_cast<size_t>(k)]; }
+    std::string key0_of_item(int k, const std::string& it) const {
+        return k == 0 ? it : it.substr(static_cast<size_t>(offset(k)), static_cast<size_t>(kl(0)));
+    }
+
+    const std::string* find(const std::string& key0) const {
+        auto it = recs_.find(key0);
+        return it == recs_.end() ? nullptr : &it->second;
+    }
+    void put(const std::string& rec) {
+        erase(key(rec, 0));
+        recs_[key(rec, 0)] = rec;
+        for (int k = 0; k < nkeys(); ++k) items_[static_cast<size_t>(k)].insert(item(rec, k));
+    }
+    void erase(const std::string& key0) {
+        auto it = recs_.find(key0);
+        if (it == recs_.end()) return;
+        for (int k = 0; k < nkeys(); ++k) items_[static_cast<size_t>(k)].erase(item(it->second, k));
+        recs_.erase(it);
+    }
+    size_t size() const { return recs_.size(); }
+    const std::map<std::string, std::string>& all() const { return recs_; }
+
+private:
+    std::vector<int> kl_;
+    std::vector<int> pos_;
+    int minrec_ = 0;
+    std::map<std::string, std::string> recs_;
+    std::vector<std::set<std::string>> items_;
+};
+
+// Cursor of one key as the model sees it: state and compared item bytes.
+struct Cursor {
+    int state = 0;
+    std::string item;
+};
+
+class RecordModel : public ::testing::TestWithParam<Shape> {
+protected:
+    void SetUp() override {
+        const Shape& sh = GetParam();
+        seed_ = kt::test_seed(0x5eed0000u + static_cast<uint64_t>(sh.ops) + sh.keylens.size() * 7);
+        rng_.seed(seed_);
+        ASSERT_EQ(is_init(), 0);
+        path_ = inst_.path("model.ism");
+        niscr_ctl(0, sh.magic);  // the key option, if any, comes from a negative key count
+        Sp_half = sh.split_half;
+        int n = static_cast<int>(sh.keylens.size());
+        fd_ = niscreate(path_.c_str(), sh.keyopt ? -n : n, sh.keylens.data());
+        ASSERT_GE(fd_, 0);
+        model_ = std::make_unique<Model>(sh.keylens);
+        cur_.assign(sh.keylens.size(), Cursor());
+        for (int k = 0; k < n; ++k) {
+            std::vector<std::string> vals;
+            for (int v = 0; v < 6 + 2 * k; ++v) vals.push_back(random_bytes(model_->kl(k)));
+            values_.push_back(vals);
+        }
+        buf_.assign(70000, 0);
+    }
+    void TearDown() override {
+        if (fd_ >= 0) nisclose(fd_);
+        nisunisam();
+        Sp_half = 1;
+        niscr_ctl(1, 1024);
+    }
+
+    std::string random_bytes(int n) {
+        static const unsigned char alphabet[] = {0x00, 0x01, 0x41, 0x7F, 0x80, 0xC3, 0xFE, 0xFF};
+        std::string s(static_cast<size_t>(n), '\0');
+        for (auto& c : s) c = static_cast<char>(alphabet[rng_() % sizeof alphabet]);
+        return s;
+    }
+    // Key 0 value of id: a bijection of 16 bits spreads the values over the byte range.
+    std::string key0(unsigned id) const {
+        const int kl = model_->kl(0);
+        std::string s(static_cast<size_t>(kl), '\0');
+        unsigned v = (id * 40503u) & 0xFFFF;
+        s[0] = static_cast<char>(v >> 8);
+        if (kl > 1) s[1] = static_cast<char>(v & 0xFF);
+        for (int i = 2; i < kl; ++i) s[static_cast<size_t>(i)] = static_cast<char>((v * (i + 3)) >> 3);
+        return s;
+    }
+    int record_length() {
+        const int minrec = model_->minrec();
+        unsigned r = rng_() % 1000;
+        if (r < 2) return 65534;
+        if (r < 80) return minrec + static_cast<int>(rng_() % 5000);
+        if (r < 150) return minrec;
+        return minrec + static_cast<int>(rng_() % 300);
+    }
+    std::string make_record(const std::string& k0, const std::string* old, bool keep_alternates) {
+        std::string rec = k0;
+        for (int k = 1; k < model_->nkeys(); ++k) {
+            if (keep_alternates && old)
+                rec += model_->key(*old, k);
+            else
+                rec += values_[static_cast<size_t>(k)][rng_() % values_[static_cast<size_t>(k)].size()];
+        }
+        int len = record_length();
+        while (static_cast<int>(rec.size()) < len) rec += static_cast<char>(rng_() & 0xFF);
+        return rec;
+    }
+    std::string pick_value(int k) {
+        if (rng_() % 3 == 0 || model_->size() == 0) {
+            if (k == 0) return key0(static_cast<unsigned>(rng_() % kIds));
+            return values_[static_cast<size_t>(k)][rng_() % values_[static_cast<size_t>(k)].size()];
+        }
+        auto it = model_->all().begin();
+        std::advance(it, static_cast<long>(rng_() % model_->size()));
+        return model_->key(it->second, k);
+    }
+
+    // Checks one read result against the record the model expects (null: none).
+    void expect_record(int got, int recsize, const std::string* want, const char* what) {
+        if (want == nullptr) {
+            ASSERT_EQ(got, 0) << what;
+            return;
+        }
+        int n = std::min(recsize, static_cast<int>(want->size()));
+        ASSERT_EQ(got, n) << what << " key0 " << ::testing::PrintToString(model_->key(*want, 0));
+        ASSERT_EQ(std::memcmp(buf_.data(), want->data(), static_cast<size_t>(n)), 0)
+            << what << ": record " << ::testing::PrintToString(model_->key(*want, 0)) << " differs";
+    }
+
+    // nisread (dir 0) or nispread (dir 2) on key k, against the model cursor.
+    void read_step(int k, int dir) {
+        Cursor& c = cur_[static_cast<size_t>(k)];
+        const auto& items = model_->items(k);
+        const char pad = dir == 2 ? '\xFF' : '\0';
+        std::string probe;
+        if (c.state == 2) {
+            probe = c.item;
+        } else {
+            std::string v = c.state == 1 ? c.item.substr(0, static_cast<size_t>(model_->kl(k)))
+                                         : std::string(static_cast<size_t>(model_->kl(k)), pad);
+            probe = model_->make_item(k, v, std::string(static_cast<size_t>(model_->kl(0)), pad));
+        }
+        const std::string* want = nullptr;
+        std::string found;
+        if (dir == 0) {
+            auto it = c.state == 2 ? items.upper_bound(probe) : items.lower_bound(probe);
+            if (it != items.end()) found = *it;
+        } else {
+            auto it = c.state == 2 ? items.lower_bound(probe) : items.upper_bound(probe);
+            if (it != items.begin()) found = *std::prev(it);
+        }
+        if (!found.empty()) want = model_->find(model_->key0_of_item(k, found));
+        int recsize = rng_() % 8 == 0 ? model_->kl(0) + static_cast<int>(rng_() % 40) : 70000;
+        int got = dir == 0 ? nisread(fd_, k, buf_.data(), recsize) : nispread(fd_, k, buf_.data(), recsize);
+        expect_record(got, recsize, want, dir == 0 ? "nisread" : "nispread");
+        c.state = 2;
+        c.item = want ? found : probe;
+    }
+
+    void find_step(int k) {
+        std::string v = pick_value(k);
+        Cursor& c = cur_[static_cast<size_t>(k)];
+        std::string lo = model_->make_item(k, v, std::string(static_cast<size_t>(model_->kl(0)), '\0'));
+        auto it = model_->items(k).lower_bound(lo);
+        bool exists = it != model_->items(k).end() && it->compare(0, v.size(), v) == 0;
+        int got = nisfind(fd_, k, v.data(), buf_.data(), 70000);
+        c.state = 2;
+        if (!exists) {
+            ASSERT_EQ(got, 0) << "nisfind";
+            c.item = lo;
+            return;
+        }
+        // Any record with that value may come back.
+        ASSERT_GE(got, model_->kl(0)) << "nisfind";
+        const std::string* rec = model_->find(std::string(buf_.data(), static_cast<size_t>(model_->kl(0))));
+        ASSERT_NE(rec, nullptr) << "nisfind returned a record the model lacks";
+        ASSERT_EQ(model_->key(*rec, k), v);
+        expect_record(got, 70000, rec, "nisfind");
+        c.item = model_->item(*rec, k);
+    }
+
+    // A seek to a value, or a rewind: the next read starts from either end.
+    void seek_step(int k) {
+        if (rng_() % 3 == 0) {
+            ASSERT_EQ(kisam_rewind(fd_, k), 0);
+            cur_[static_cast<size_t>(k)] = Cursor{};
+            return;
+        }
+        std::string v = pick_value(k);
+        ASSERT_EQ(nisseek(fd_, k, v.data()), 0);
+        cur_[static_cast<size_t>(k)] = Cursor{1, v};
+    }
+
+    void write_step(int how) {
+        const std::string k0 = key0(static_cast<unsigned>(rng_() % kIds));
+        const std::string* old = model_->find(k0);
+        std::string rec = make_record(k0, old, rng_() % 2 == 0);
+        const int n = static_cast<int>(rec.size());
+        if (how == 0) {
+            int r = niswrite(fd_, rec.data(), n);
+            ASSERT_EQ(r, old ? 1 : 0) << "niswrite " << is_errno << " " << kt::stack_code(0) << " " << kt::stack_code(1) << " " << kt::stack_code(2);
+            if (!old) model_->put(rec);
+        } else if (how == 1) {
+            ASSERT_EQ(nisfwrite(fd_, rec.data(), n), 0) << "nisfwrite";
+            model_->put(rec);
+        } else {
+            int r = nisupdate(fd_, rec.data(), n);
+            if (old) {
+                ASSERT_EQ(r, 0) << "nisupdate";
+                model_->put(rec);
+            } else {
+                ASSERT_EQ(r, -1) << "nisupdate";
+                ASSERT_EQ(is_errno, ISE_NOKEY);
+            }
+        }
+    }
+
+    void delete_step() {
+        const std::string k0 = pick_value(0);
+        const bool had = model_->find(k0) != nullptr;
+        int r = nisdelete(fd_, k0.data());
+        if (had) {
+            ASSERT_EQ(r, 0) << "nisdelete";
+            model_->erase(k0);
+        } else {
+            ASSERT_EQ(r, -1);
+            ASSERT_EQ(is_errno, ISE_NOKEY);
+        }
+    }
+
+    void bad_size_step() {
+        std::string rec = make_record(key0(static_cast<unsigned>(rng_() % kIds)), nullptr, false);
+        int n = rng_() % 2 ? model_->minrec() - 1 : 65535;
+        rec.resize(std::max(rec.size(), static_cast<size_t>(n)));
+        ASSERT_EQ(rng_() % 2 ? niswrite(fd_, rec.data(), n) : nisupdate(fd_, rec.data(), n), -1);
+        ASSERT_EQ(is_errno, ISE_RSIZE);
+    }
+
+    // A second handle scans key k from end to end: the whole model, in order.
+    void full_scan(int k, int dir) {
+        int h = nisopen(path_.c_str(), ISO_RDONLY);
+        ASSERT_GE(h, 0);
+        std::vector<std::string> want(model_->items(k).begin(), model_->items(k).end());
+        if (dir == 2) std::reverse(want.begin(), want.end());
+        for (const std::string& it : want) {
+            int got = dir == 0 ? nisread(h, k, buf_.data(), 70000) : nispread(h, k, buf_.data(), 70000);
+            expect_record(got, 70000, model_->find(model_->key0_of_item(k, it)), "scan");
+        }
+        EXPECT_EQ(dir == 0 ? nisread(h, k, buf_.data(), 70000) : nispread(h, k, buf_.data(), 70000), 0);
+        ASSERT_EQ(nisclose(h), 0);
+    }
+
+    void run() {
+        const Shape& sh = GetParam();
+        const int nk = model_->nkeys();
+        for (int step = 0; step < sh.ops; ++step) {
+            SCOPED_TRACE("step " + std::to_string(step) + ", seed " + std::to_string(seed_));
+            unsigned op = rng_() % 100;
+            int k = static_cast<int>(rng_() % static_cast<unsigned>(nk));
+            if (op < 22) write_step(0);
+            else if (op < 32) write_step(1);
+            else if (op < 42) write_step(2);
+            else if (op < 52) delete_step();
+            else if (op < 70) read_step(k, 0);
+            else if (op < 82) read_step(k, 2);
+            else if (op < 90) find_step(k);
+            else if (op < 96) seek_step(k);
+            else if (op < 97) bad_size_step();
+            else if (op < 98 && step % 7 == 0) full_scan(k, static_cast<int>(rng_() % 2) * 2);
+            if (HasFatalFailure()) return;
+        }
+        for (int k = 0; k < nk; ++k) {
+            full_scan(k, 0);
+            if (HasFatalFailure()) return;
+        }
+        ASSERT_EQ(nisflush(fd_), 0);
+        kisam::check::Report rep = kisam::check::check_file(path_);
+        EXPECT_TRUE(rep.ok) << rep.error << " (seed " << seed_ << ")";
+        EXPECT_EQ(rep.records, static_cast<long>(model_->size()));
+        EXPECT_TRUE(rep.data_accounted);
+        EXPECT_EQ(rep.unknown_pages, 0);
+    }
+
+    static constexpr unsigned kIds = 900;
+    kt::Installation inst_;
+    std::string path_;
+    int fd_ = -1;
+    uint64_t seed_ = 0;
+    std::mt19937_64 rng_;
+    std::unique_ptr<Model> model_;
+    std::vector<Cursor> cur_;
+    std::vector<std::vector<std::string>> values_;
+    std::vector<char> buf_;
+};
+
+TEST_P(RecordModel, MatchesTheModel) { run(); }
+
+INSTANTIATE_TEST_SUITE_P(
+    Shapes, RecordModel,
+    ::testing::Values(Shape{{8, 5, 3, 6}, true, 1, 1024, 12000},
+                      Shape{{7, 4, 9}, false, 0, 1024, 12000},
+                      Shape{{5}, true, 1, 512, 8000},
+                      Shape{{2, 1}, false, 1, 512, 8000},
+                      Shape{{6, 12}, true, 0, 1024, 8000}),
+    [](const ::testing::TestParamInfo<Shape>& info) { return "shape" + std::to_string(info.index); });
+
+// Reads without the control lock, in one process: they must give what the locked reads
+// give -- results, bytes, errors and the cursor positions they leave -- in every mode,
+// and must take no lock and leave the change count alone.
+
+constexpr int kK0 = 7, kK1 = 5, kK2 = 4;  // odd lengths: items carry pad bytes
+
+std::string key0_of(unsigned id) {
+    char t[16];
+    std::snprintf(t, sizeof t, "%07u", id);
+    return std::string(t, kK0);
+}
+
+std::string random_record(unsigned id, std::mt19937& rng) {
+    std::string r = key0_of(id);
+    static const char* k1[] = {"aaaaa", "abcde", "zzzzz", "\x00\x00\x00\x00\x01", "\xff\xff\xff\xff\xff"};
+    r.append(k1[rng() % 5], kK1);
+    for (int i = 0; i < kK2; ++i) r += static_cast<char>(rng() % 3 == 0 ? 0xFF : rng() % 3);
+    const size_t len = rng() % 12 == 0 ? rng() % 3000 : rng() % 60;
+    for (size_t i = 0; i < len; ++i) r += static_cast<char>(rng());
+    return r;
+}
+
+uint32_t seq_of(int isfd) { return kisam::isx_file_of(is_db[isfd]->uniqueid)->xf_seq; }
+
+// (key 0 kept only in the index, control page size, buffers)
+class ReadNoLock : public ot::Env, public ::testing::WithParamInterface<std::tuple<int, int, int>> {
+protected:
+    void SetUp() override {
+        kt::Config c;
+        c.maxbuf = static_cast<int16_t>(std::get<2>(GetParam()));
+        start(c);
+    }
+    void TearDown() override {
+        kisam::test_locked_reads = false;
+        ot::Env::TearDown();
+    }
+};
+
+// The same calls on two handles of one file, one read without the lock where it can and
+// one always locked, give the same results, the same bytes and the same errors; their
+// cursors stay together, which every later read compares again.
+TEST_P(ReadNoLock, AgreesWithLockedReads) {
+    const uint64_t seed = kt::test_seed(0x5EED12);
+    std::mt19937 rng(static_cast<unsigned>(seed));
+    niscr_ctl(std::get<0>(GetParam()), std::get<1>(GetParam()));
+    int a = create("f", {kK0, kK1, kK2});
+    ASSERT_GE(a, 0);
+    int b = nisopen(path("f").c_str(), ISO_RDWR);
+    ASSERT_GE(b, 0);
+    std::map<std::string, std::string> model;
+    std::vector<char> ba(4000), bb(4000);
+    const unsigned long before = is_nolock_reads;
+    int reads = 0;
+    for (int step = 0; step < 6000; ++step) {
+        SCOPED_TRACE("step " + std::to_string(step));
+        const unsigned op = rng() % 100;
+        const unsigned id = rng() % 300;
+        if (op < 25) {
+            std::string r = random_record(id, rng);
+            const int n = static_cast<int>(r.size());
+            switch (rng() % 4) {
+                case 0: ASSERT_GE(niswrite(a, r.data(), n), 0); if (!model.count(r.substr(0, kK0))) model[r.substr(0, kK0)] = r; break;
+                case 1: ASSERT_EQ(nisfwrite(a, r.data(), n), 0); model[r.substr(0, kK0)] = r; break;
+                case 2: if (nisupdate(a, r.data(), n) == 0) model[r.substr(0, kK0)] = r; break;
+                default: nisdelete(a, r.data()); model.erase(r.substr(0, kK0)); break;
+            }
+            continue;
+        }
+        const int keyno = static_cast<int>(rng() % 3);
+        const int lens[3] = {kK0, kK1, kK2};
+        std::string key;
+        if (!model.empty() && rng() % 2) {
+            auto it = model.begin();
+            std::advance(it, rng() % model.size());
+            const int off = keyno == 0 ? 0 : keyno == 1 ? kK0 : kK0 + kK1;
+            key = it->second.substr(static_cast<size_t>(off), static_cast<size_t>(lens[keyno]));
+        } else {
+            for (int i = 0; i < lens[keyno]; ++i) key += static_cast<char>(rng() % 4 == 0 ? 0xFF : rng() % 256);
+        }
+        // Sizes: whole, cut inside the record, below key 0 (an error), or no buffer.
+        int size = 4000;
+        const unsigned z = rng() % 20;
+        if (z < 3) size = static_cast<int>(rng() % 40);
+        char* pa = ba.data();
+        char* pb = bb.data();
+        if (z == 3) pa = pb = nullptr;
+        const unsigned how = rng() % 10;
+        int ra, rb;
+        std::fill(ba.begin(), ba.end(), 0);
+        std::fill(bb.begin(), bb.end(), 0);
+        auto both = [&](auto call) {
+            kisam::test_locked_reads = false;
+            ra = call(a, pa);
+            const int ea = is_errno;
+            kisam::test_locked_reads = true;
+            rb = call(b, pb);
+            kisam::test_locked_reads = false;
+            ASSERT_EQ(ra, rb) << "keyno " << keyno << " how " << how;
+            if (ra < 0) {
+                EXPECT_EQ(ea, is_errno);
+            } else if (pa && ra > 0) {
+                ASSERT_EQ(std::memcmp(ba.data(), bb.data(), static_cast<size_t>(ra)), 0) << "keyno " << keyno;
+            }
+        };
+        ++reads;
+        // The writes went through a, and moved its page hints; a search may land on
+        // another of several equal alternate keys from another hint, so b starts from a's.
+        for (int k = 0; k < 3; ++k) kisam::db_cursor(is_db[b], k)->currpage = kisam::db_cursor(is_db[a], k)->currpage;
+        if (how < 3) {
+            ASSERT_EQ(nisseek(a, keyno, key.data()), 0);
+            ASSERT_EQ(nisseek(b, keyno, key.data()), 0);
+        } else if (how < 5) {
+            both([&](int fd, char* p) { return nisfind(fd, keyno, key.data(), p, size); });
+        } else if (how < 8) {
+            both([&](int fd, char* p) { return nisread(fd, keyno, p, size); });
+        } else {
+            both([&](int fd, char* p) { return nispread(fd, keyno, p, size); });
+        }
+        if (HasFatalFailure()) return;
+        for (int k = 0; k < 3; ++k) {
+            const IS_DBKEY* ca = kisam::db_cursor(is_db[a], k);
+            const IS_DBKEY* cb = kisam::db_cursor(is_db[b], k);
+            const int il = kisam::fcp_key(ot::shared_fcp(a), k)->k_itemlen;
+            ASSERT_EQ(ca->curr_kstate, cb->curr_kstate) << "cursor " << k;
+            ASSERT_EQ(ca->currpage, cb->currpage) << "cursor " << k;
+            if (ca->curr_kstate != 0) {
+                ASSERT_EQ(std::memcmp(ca->currkey, cb->currkey, static_cast<size_t>(il)), 0) << "cursor " << k;
+            }
+        }
+    }
+    // The path was taken, and mostly so when the pool holds the file.
+    const unsigned long nolock = is_nolock_reads - before;
+    EXPECT_GT(nolock, 0u);
+    if (std::get<2>(GetParam()) >= 1000) {
+        EXPECT_GT(nolock, static_cast<unsigned long>(reads) / 4);
+    }
+    EXPECT_EQ(seq_of(a) % 2, 0u);
+    EXPECT_EQ(nisclose(b), 0);
+    EXPECT_EQ(nisclose(a), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Layouts, ReadNoLock,
+                         ::testing::Values(std::make_tuple(1, 1024, 2000), std::make_tuple(0, 512, 2000),
+                                           std::make_tuple(1, 1024, 40), std::make_tuple(0, 1024, 40)));
+
+class ReadNoLockCost : public ot::Env {
+protected:
+    void SetUp() override {
+        kt::Config c;
+        c.maxbuf = 500;
+        start(c);
+    }
+};
+
+// A read of pages in the pool takes no lock, advances no clock and changes no count; a
+// locked read that only hits leaves the change count as it was, a change moves it by two
+// (odd while it lasts), and so does a read that loads a page.
+TEST_F(ReadNoLockCost, ReadsTakeNoLockAndLeaveTheCountAlone) {
+    int fd = create("f", {8});
+    ASSERT_GE(fd, 0);
+    char rec[40] = {};
+    for (int i = 0; i < 300; ++i) {
+        std::snprintf(rec, sizeof rec, "%08d and the rest", i);
+        ASSERT_EQ(niswrite(fd, rec, sizeof rec), 0);
+    }
+    char out[40];
+    ASSERT_EQ(nisfind(fd, 0, "00000001", out, sizeof out), 40);  // this process knows the chain
+    const uint32_t locks = isam_com->totsyslocks;
+    const uint32_t clock = isam_com->lru_cnt;
+    const uint32_t seq = seq_of(fd);
+    EXPECT_EQ(seq % 2, 0u);
+    const unsigned long before = is_nolock_reads;
+    for (int i = 0; i < 300; ++i) {
+        char k[9];
+        std::snprintf(k, sizeof k, "%08d", (i * 7) % 300);
+        ASSERT_EQ(nisfind(fd, 0, k, out, sizeof out), 40);
+        ASSERT_EQ(std::memcmp(out, k, 8), 0);
+    }
+    while (nisread(fd, 0, out, sizeof out) > 0) {
+    }
+    EXPECT_EQ(isam_com->totsyslocks, locks);
+    EXPECT_EQ(isam_com->lru_cnt, clock);
+    EXPECT_EQ(seq_of(fd), seq);
+    EXPECT_GE(is_nolock_reads - before, 300u);
+
+    // Locked reads that hit change nothing either.
+    ASSERT_EQ(nisgetctl(fd), 0);
+    ASSERT_EQ(nisfind(fd, 0, "00000005", out, sizeof out), 40);
+    ASSERT_EQ(nisrelctl(fd), 0);
+    EXPECT_EQ(seq_of(fd), seq);
+
+    // A change is odd while it lasts and even after it.
+    static uint32_t seen;
+    static int fdx;
+    fdx = fd;
+    seen = 0;
+    kisam::test_hook = [](int where, int) {
+        if (where == kisam::kHookTouch) seen = seq_of(fdx);
+    };
+    std::snprintf(rec, sizeof rec, "%08d changed", 5);
+    ASSERT_EQ(nisupdate(fd, rec, sizeof rec), 0);
+    kisam::test_hook = nullptr;
+    EXPECT_EQ(seen, seq + 1);
+    EXPECT_EQ(seq_of(fd), seq + 2);
+    ASSERT_EQ(nisfind(fd, 0, "00000005", out, sizeof out), 40);
+    EXPECT_EQ(std::string(out + 8, 8), " changed");
+
+    // A bracket that changes keeps the count odd until its end: the process's own reads
+    // inside it take the lock and see its changes.
+    ASSERT_EQ(nisgetctl(fd), 0);
+    std::snprintf(rec, sizeof rec, "%08d again", 6);
+    ASSERT_EQ(nisupdate(fd, rec, sizeof rec), 0);
+    EXPECT_EQ(seq_of(fd) % 2, 1u);
+    ASSERT_EQ(nisfind(fd, 0, "00000006", out, sizeof out), 40);
+    EXPECT_EQ(std::string(out + 8, 6), " again");
+    ASSERT_EQ(nisrelctl(fd), 0);
+    EXPECT_EQ(seq_of(fd), seq + 4);
+    EXPECT_EQ(nisclose(fd), 0);
+}
+
+// An attempt that finds the count odd or moved leaves the cursors where they were and
+// says to look again; the locked read then does the work.
+TEST_F(ReadNoLockCost, AnOddCountSendsTheReadToTheLock) {
+    int fd = create("f", {8});
+    ASSERT_GE(fd, 0);
+    char rec[20] = "00000001 first";
+    ASSERT_EQ(niswrite(fd, rec, sizeof rec), 0);
+    std::memcpy(rec, "00000002 second", 16);
+    ASSERT_EQ(niswrite(fd, rec, sizeof rec), 0);
+    char out[20];
+    ASSERT_EQ(nisread(fd, 0, out, sizeof out), 20);  // positioned on the first
+    uint32_t& seq = kisam::isx_file_of(is_db[fd]->uniqueid)->xf_seq;
+    seq += 1;  // as a changer under way would leave it
+    ASSERT_EQ(is_isin(PROC(P_ISREAD), fd, 0), 0);
+    EXPECT_EQ(is_read_nolock(0, out, sizeof out, 0), kReadAgain);
+    is_isout();
+    // The locked read goes on from the cursor left by the first.
+    const unsigned long before = is_nolock_reads;
+    ASSERT_EQ(nisread(fd, 0, out, sizeof out), 20);
+    EXPECT_EQ(std::memcmp(out, "00000002", 8), 0);
+    EXPECT_EQ(is_nolock_reads, before);
+    // The locked read took the odd count as left by a changer that died, and made it even.
+    EXPECT_EQ(seq % 2, 0u);
+    ASSERT_EQ(nispread(fd, 0, out, sizeof out), 20);
+    EXPECT_EQ(std::memcmp(out, "00000001", 8), 0);
+    EXPECT_EQ(is_nolock_reads, before + 1);
+    EXPECT_EQ(nisclose(fd), 0);
+}
+
+}  // namespace
