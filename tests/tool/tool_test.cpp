@@ -490,19 +490,6 @@ TEST_F(Tool, ExitStatusesAndMessages) {
     table({{{"get", f, "cccc"}, 0, {"=ccccRRRfour\n"}}});
 }
 
-TEST_F(Tool, StatEveryWaitsForTheArea) {
-    init_config();
-    const std::string f = path("w");
-    ASSERT_EQ(run({"create", f, "4"}).rc, 0);
-    pid_t st = start({"stat", "--every", "1", "--count", "1"});
-    ::usleep(300000);
-    Writer w = writer(f, "abcdE", "w");   // an engine user the area appears for
-    Result r = finish(st);
-    end(w);
-    EXPECT_EQ(r.rc, 0) << r.err;
-    EXPECT_TRUE(has(r.out, "waiting for a program to attach") && has(r.out, "shared area at")) << r.out;
-}
-
 // On a terminal the progress line is erased before the closing message.
 TEST_F(Tool, ProgressLineIsErased) {
     init_config();
@@ -673,8 +660,13 @@ TEST_F(Tool, StatSeesProcessesAndTheDead) {
     init_config();
     const std::string f = path("s");
     ASSERT_EQ(run({"create", f, "4"}).rc, 0);
-    // Writers that stay attached with the file open.
+    // Writers that stay attached with the file open; stat --every waits for the first.
+    pid_t st = start({"stat", "--every", "1", "--count", "1"}, "/dev/null", "st");
+    ::usleep(300000);
     Writer w[2] = {writer(f, "abcdEFGH", "w0"), writer(f, "wxyz1234", "w1")};
+    Result r = finish(st, "st");
+    EXPECT_EQ(r.rc, 0) << r.err;
+    EXPECT_TRUE(has(r.out, "waiting for a program to attach") && has(r.out, "shared area at")) << r.out;
     table({{{"stat"}, 0, {"processes 3 attached", "used by 2 processes", "pid " + std::to_string(w[0].pid)}}});
     // One writer dies without detaching; the next attach (this stat's own) cleans it up,
     // and stat says so, while the other keeps the area.
@@ -858,8 +850,8 @@ protected:
         holder = -1;
     }
     // Starts 'put f abcdRECORD' and returns once it says whom it waits for (10 s at most).
-    pid_t waiting_put() {
-        pid_t pid = start({"put", path("f"), "abcdRECORD"});
+    pid_t waiting_put(const std::string& record = "abcdRECORD") {
+        pid_t pid = start({"put", path("f"), record});
         const std::string says = "waiting for process " + std::to_string(holder) + " (holds the control lock of " + dir + "/f)";
         for (int i = 0; i < 1000 && !has(slurp(path(".err")), says); ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -885,19 +877,16 @@ TEST_F(ToolWait, AnInterruptDuringAWaitStopsWithNothingWritten) {
         EXPECT_TRUE(has(r.err, "kisam put: interrupted")) << r.err;
         EXPECT_LT(secs, 5.0) << "the interrupt waited for the holder";
     }
-    release();
-    table({{{"get", path("f"), "abcd"}, 1, {"="}}});   // no record was stored
-}
-
-TEST_F(ToolWait, AHangupIgnoredAtTheStartStaysIgnored) {
+    // A hangup ignored when the command started ('nohup') stays ignored.
     ignore_hup = true;
-    pid_t pid = waiting_put();
+    pid_t pid = waiting_put("wxyzRECORD");
     ::kill(pid, SIGHUP);
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     EXPECT_TRUE(running(pid)) << "a hangup ended a command that started with it ignored";
     release();
     EXPECT_EQ(finish(pid).rc, 0);
-    table({{{"get", path("f"), "abcd"}, 0, {"=abcdRECORD\n"}}});
+    table({{{"get", path("f"), "abcd"}, 1, {"="}},   // the interrupted ones stored nothing
+           {{"get", path("f"), "wxyz"}, 0, {"=wxyzRECORD\n"}}});
 }
 
 // kisam backup, kisam compact, and the settling of a pending rollback by the commands
