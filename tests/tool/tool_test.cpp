@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <iterator>
@@ -126,7 +127,8 @@ protected:
         int id = segment();
         EXPECT_LT(id, 0) << "a command left the shared segment behind";
         if (id >= 0) ::shmctl(id, IPC_RMID, nullptr);
-        if (std::system(("rm -rf '" + dir + "'").c_str()) != 0) { /* best effort */ }
+        std::error_code ec;
+        std::filesystem::remove_all(dir, ec);
     }
 
     int segment() const {
@@ -251,13 +253,10 @@ protected:
     // the commands' own output files.
     std::string temporaries() const {
         std::string out;
-        FILE* p = ::popen(("ls -A '" + dir + "'").c_str(), "r");
-        char line[512];
-        while (p && std::fgets(line, sizeof line, p)) {
-            std::string name(line);
-            if (name[0] == '.' && name != ".out\n" && name != ".err\n" && name != ".in\n") out += name;
+        for (const auto& e : std::filesystem::directory_iterator(dir)) {
+            const std::string name = e.path().filename().string();
+            if (name[0] == '.' && name != ".out" && name != ".err" && name != ".in") out += name + "\n";
         }
-        if (p) ::pclose(p);
         return out;
     }
 };
