@@ -95,27 +95,6 @@ TEST_F(LockMp, OneHolderAtATime) {
     EXPECT_EQ(load(opcl()), 0u);
 }
 
-TEST_F(LockMp, KilledHolderLeavesAStaleWordThatIsTakenOver) {
-    kt::Pipe held;
-    pid_t c = kt::start_child([&] {
-        if (child_attach() != 0 || is_lock(opcl()) != 0) return 2;
-        held.signal();
-        for (;;) ::pause();
-    });
-    ASSERT_EQ(held.wait(), 'x');
-    EXPECT_EQ(is_lockitnw(kisam::com_offset(opcl())), -1);  // held elsewhere: refused at once
-    ::kill(c, SIGKILL);
-    EXPECT_EQ(kt::wait_child(c), 128 + SIGKILL);
-    EXPECT_EQ(load(opcl()), static_cast<uint32_t>(c));  // the word still names the dead holder
-    ASSERT_EQ(is_lock(opcl()), 0);
-    EXPECT_EQ(is_lock_stale, 1);
-    EXPECT_EQ(load(opcl()), static_cast<uint32_t>(is_pid));
-    is_unlock(opcl());
-    ASSERT_EQ(is_lock(opcl()), 0);
-    EXPECT_EQ(is_lock_stale, 0);
-    is_unlock(opcl());
-}
-
 TEST_F(LockMp, CycleOfWaitsIsRefusedWithoutAborting) {
     // The parent holds opcl and waits for free; the child holds free and asks for opcl.
     // The request that closes the cycle returns -1 holding nothing new.
@@ -129,8 +108,7 @@ TEST_F(LockMp, CycleOfWaitsIsRefusedWithoutAborting) {
         child_holds.signal();
         parent_waits.wait();
         // Wait until the parent is really blocked on free's range.
-        for (int i = 0; i < 5000 && is_env.needs_[parent_slot] != free_off; ++i) ::usleep(1000);
-        if (is_env.needs_[parent_slot] != free_off) return 3;
+        if (!kt::await([&] { return is_env.needs_[parent_slot] == free_off; })) return 3;
         ::usleep(20000);
         errno = 0;
         if (is_lock(opcl()) != -1 || errno != EDEADLK) return 4;
@@ -153,14 +131,6 @@ TEST_F(LockMp, CycleOfWaitsIsRefusedWithoutAborting) {
 
 class Fwait : public Env {};
 
-// True while some process of the installation waits for the lock-file range of word.
-bool someone_waits_for(volatile unsigned* word) {
-    const auto o = static_cast<uint32_t>(kisam::com_offset(word));
-    for (int i = 0; i < isam_com->maxusers; ++i)
-        if (is_env.needs_[i] == o) return true;
-    return false;
-}
-
 TEST_F(Fwait, RetakeRefusedUntilTheBoundEndsInDeadlock) {
     const int f1 = create("f1", {4});
     const int f2 = create("f2", {4});
@@ -176,7 +146,7 @@ TEST_F(Fwait, RetakeRefusedUntilTheBoundEndsInDeadlock) {
     pid_t h = kt::start_child([&] {
         if (is_chinit() != 0 || nislock(f1, "k", 1, 1) != 0) return 1;
         held.signal();
-        while (!someone_waits_for(&c2->jd_fcplock)) ::usleep(1000);
+        kt::await([&] { return kt::waiting_for(&c2->jd_fcplock) > 0; }, 1 << 30);
         ::usleep(100000);   // B is inside its wait by now
         ::_exit(0);         // dies holding the lock
     });
@@ -188,7 +158,7 @@ TEST_F(Fwait, RetakeRefusedUntilTheBoundEndsInDeadlock) {
     // for f2's control lock, which the parent keeps.
     pid_t b = kt::start_child([&] {
         if (is_chinit() != 0) return 1;
-        while (is_env.needs_[me] == 0) ::usleep(1000);
+        kt::await([&] { return is_env.needs_[me] != 0; }, 1 << 30);
         if (nisgetctl(f1) != 0) return 2;
         if (nisgetctl(f2) != 0) return 3;
         nisrelctl(f2);
@@ -222,19 +192,9 @@ TEST_F(Fwait, RetakeRefusedUntilTheBoundEndsInDeadlock) {
 
 class CtlWords : public Env {
 protected:
-    // How many processes sleep on the control lock of fd (their need entries name it).
-    static int sleepers(int fd) {
-        const auto o = static_cast<uint32_t>(kisam::com_offset(&ot::shared_fcp(fd)->jd_fcplock));
-        int n = 0;
-        for (int i = 0; i < isam_com->maxusers; ++i) n += is_env.pid_[i] != 0 && is_env.needs_[i] == o;
-        return n;
-    }
+    // Whether n processes come to sleep on the control lock of fd.
     static bool wait_for_sleepers(int fd, int n) {
-        for (int i = 0; i < 5000; ++i) {
-            if (sleepers(fd) >= n) return true;
-            ::usleep(1000);
-        }
-        return false;
+        return kt::await([&] { return kt::waiting_for(&ot::shared_fcp(fd)->jd_fcplock) >= n; });
     }
     static uint32_t ctl_word(int fd) {
         return std::atomic_ref<uint32_t>(kisam::isx_file_of(is_db[fd]->uniqueid)->xf_ctl_word).load();
@@ -344,8 +304,7 @@ TEST_F(CtlWords, AChildWithoutChinitThatEndsHoldingAWordLeavesItToBeTakenOver) {
         ::_exit(0);  // ends holding it
     }
     // Not waited for yet: the child stays a zombie while the parent takes the word.
-    for (int i = 0; i < 5000 && ctl_word(f) == 0; ++i) ::usleep(1000);
-    ASSERT_NE(ctl_word(f), 0u);
+    ASSERT_TRUE(kt::await([&] { return ctl_word(f) != 0; }));
     ::usleep(20000);
     ASSERT_EQ(nisgetctl(f), 0);
     EXPECT_EQ(nisrelctl(f), 0);
@@ -551,7 +510,7 @@ TEST_F(RecLock, ConflictsWaitsAndOverlapBetweenProcesses) {
         locked.signal();
         go.wait();
         // Release once the parent sleeps on the lock.
-        while (is_env.needs_[me] == 0) ::usleep(1000);
+        kt::await([&] { return is_env.needs_[me] != 0; }, 1 << 30);
         ::usleep(20000);
         if (nisunlock(fd, "ab", 2, 0) != 0) return 4;
         if (nisunlock(fd, "ab", 2, 0) != -1) return 5;
@@ -787,7 +746,6 @@ TEST_F(WaitHook, TheFlagGivesUpAnOpenWaitingForTheOpenLockWithoutAHook) {
     int fd = create("f", {4});
     ASSERT_GE(fd, 0);
     ASSERT_EQ(nisclose(fd), 0);
-    const uint32_t o = static_cast<uint32_t>(kisam::com_offset(&isam_com->opcl_lock));
     kt::Pipe ready, go;
     pid_t child = kt::start_child([&] {
         interrupting_usr1();
@@ -803,12 +761,7 @@ TEST_F(WaitHook, TheFlagGivesUpAnOpenWaitingForTheOpenLockWithoutAHook) {
     ASSERT_EQ(is_lock(&isam_com->opcl_lock), 0);
     go.signal();
     // Once the child waits for the range, interrupt it.
-    bool waiting = false;
-    for (int i = 0; i < 1000 && !waiting; ++i) {
-        for (int u = 0; u < isam_com->maxusers; ++u) waiting |= is_env.needs_[u] == o;
-        if (!waiting) ::usleep(2000);
-    }
-    EXPECT_TRUE(waiting);
+    EXPECT_TRUE(kt::await([] { return kt::waiting_for(&isam_com->opcl_lock) > 0; }, 2000));
     EXPECT_EQ(interrupt_until_done(child), 0);
     is_unlock(&isam_com->opcl_lock);
 }

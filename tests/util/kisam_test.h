@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <functional>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -134,6 +135,15 @@ public:
 // the inherited mapping, so that its own detach can tell when it is the last.
 void become_unattached();
 
+// Polls pred every millisecond for up to ms milliseconds; whether it came true.
+bool await(const std::function<bool()>& pred, int ms = 5000);
+// How many processes of the installation wait for the lock-file range of a shared word
+// (their need entries name it); with pid, whether that process waits for anything.
+int waiting_for(const volatile unsigned* word);
+bool waiting(pid_t pid);
+// Zeroed memory shared with the children forked after it (MAP_SHARED); never null.
+void* shared_memory(size_t n);
+
 // The structural checker's verdict on a closed file.
 ::testing::AssertionResult sound(const std::string& file);
 
@@ -170,8 +180,17 @@ protected:
     static std::vector<int> workers(int n, const std::function<int(int)>& fn);
     // The test ends by SIGALRM after `seconds` (0: no bound), a hang being a failure.
     void bound(unsigned seconds);
+    // A T in memory shared with the children forked after it, value-initialized; it
+    // goes (without its destructor) at the end of the test.
+    template <class T>
+    T& shared() {
+        void* m = shared_memory(sizeof(T));
+        maps_.emplace_back(m, sizeof(T));
+        return *new (m) T{};
+    }
     std::unique_ptr<Installation> inst_;
     std::vector<pid_t> held_;
+    std::vector<std::pair<void*, size_t>> maps_;
 };
 
 // Sets KISAM_DURABLE for the life of a scope (read at start-up).
