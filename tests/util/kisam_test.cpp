@@ -237,7 +237,11 @@ FaultState fs;
 
 // True when this call of kind k must fail (errno set); kills when so armed.
 bool fault(Faults::Kind k) {
-    const int n = ++fs.counts[k];
+    int n = ++fs.counts[k];
+    if (k == Faults::kWrite || k == Faults::kSync || k == Faults::kLock) {
+        const int c = ++fs.counts[Faults::kChanges];
+        if (fs.kind == Faults::kChanges) n = c, k = Faults::kChanges;
+    }
     if (fs.at == 0 || k != fs.kind) return false;
     if (n == fs.at || (fs.mode == Faults::kFromThenOn && n > fs.at)) {
         fs.hit = true;

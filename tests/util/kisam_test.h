@@ -114,7 +114,8 @@ std::string capture_output(int fd, const std::function<void()>& fn);
 // the process with SIGKILL just before the nth call runs).
 class Faults {
 public:
-    enum Kind { kRead, kWrite, kSync, kLock, kAlloc, kKinds };
+    // kChanges: writes, syncs and lock calls counted together.
+    enum Kind { kRead, kWrite, kSync, kLock, kAlloc, kChanges, kKinds };
     enum Mode { kOnce, kFromThenOn, kKill };
     Faults();   // counting only
     ~Faults();
