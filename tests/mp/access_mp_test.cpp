@@ -11,7 +11,6 @@
 #include <grp.h>
 #include <pwd.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
 
@@ -142,9 +141,7 @@ TEST_F(Access, OtherUsersReachNeitherTheSegmentNorTheJournals) {
         const key_t key = inst_->key();
         const std::string journal = lock() + ".u0";
         // The segment's size, told to the attacker as if it had guessed it.
-        size_t* segsz = static_cast<size_t*>(
-            ::mmap(nullptr, sizeof(size_t), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-        ASSERT_NE(segsz, MAP_FAILED);
+        size_t* segsz = &shared<size_t>();
         kt::Pipe go;
         pid_t attacker = start_as(kNobody, kNogroup, {kNogroup}, [&] {
             go.close_write();
@@ -194,7 +191,6 @@ TEST_F(Access, OtherUsersReachNeitherTheSegmentNorTheJournals) {
         nisunisam();
         EXPECT_LT(::shmget(key, 0, 0), 0);
         ::unlink(journal.c_str());
-        ::munmap(segsz, sizeof(size_t));
     }
 }
 

@@ -11,7 +11,6 @@
 
 #include <setjmp.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -57,9 +56,7 @@ int dying_sync(int fd) {
 
 TEST_F(GroupCommit, LeaderKilledInsideItsSync) {
     const std::string file = make_file();
-    void* m = ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    ASSERT_NE(m, MAP_FAILED);
-    g_shared = new (m) Shared{};
+    g_shared = &shared<Shared>();
     Durable d;
     // Writer w writes ids w * 10000 + i in rounds; a round's writers that die are
     // replaced by new ones that go on from where the dead one's returned calls ended.
@@ -119,8 +116,6 @@ TEST_F(GroupCommit, LeaderKilledInsideItsSync) {
     EXPECT_EQ(nisclose(fd), 0);
     for (int u = 0; isx_area && u < isam_com->maxopen; ++u)
         for (int i = 0; i < ISX_SYNC_SLOTS; ++i) EXPECT_EQ(kisam::isx_sync_of(u)->xs_lead[i], 0u);
-    ::munmap(m, sizeof(Shared));
-    g_shared = nullptr;
 }
 
 // A signal handler jumps out of a durable call while the call syncs for the group: the

@@ -11,7 +11,6 @@
 #include "os.h"
 
 #include <signal.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 
 #include <atomic>
@@ -110,9 +109,7 @@ int slow_sync(int fd) {
 TEST_F(Log, DurableWritersShareSyncs) {
     constexpr int kWriters = 4, kCalls = 40;
     const std::string file = made("shared", {8});
-    void* m = ::mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    ASSERT_NE(m, MAP_FAILED);
-    g_syncs = new (m) std::atomic<int>(0);
+    g_syncs = &shared<std::atomic<int>>();
     kt::Pipe go;
     pid_t kids[kWriters];
     for (int w = 0; w < kWriters; ++w) {
@@ -138,8 +135,6 @@ TEST_F(Log, DurableWritersShareSyncs) {
     std::printf("%d durable calls, %d syncs\n", kWriters * kCalls, total);
     EXPECT_GE(total, kCalls) << "a writer returned before its record was synced";
     EXPECT_LT(total, kWriters * kCalls) << "no sync was shared";
-    ::munmap(m, sizeof(std::atomic<int>));
-    g_syncs = nullptr;
     int fd = nisopen(file.c_str(), ISO_RDONLY);
     ASSERT_GE(fd, 0);
     for (int w = 0; w < kWriters; ++w)

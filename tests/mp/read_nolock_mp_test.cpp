@@ -21,6 +21,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <ostream>
@@ -94,6 +95,7 @@ protected:
         kt::Config c;
         c.maxbuf = static_cast<int16_t>(buffers);
         Env::start(c);
+        *stop_ = false;
         path_ = path("r.ism");
         other_ = made("other.ism", {kK0});
         seed_ = kt::test_seed(0xC0FFEE);
@@ -107,8 +109,7 @@ protected:
         ASSERT_EQ(nisunisam(), 0);
     }
 
-    std::string stop_file() const { return inst_->path("stop"); }
-    bool stopped() const { return ::access(stop_file().c_str(), F_OK) == 0; }
+    bool stopped() const { return stop_->load(); }
 
     // A writer owning the ids of residue w modulo `of`: new generations by update, by
     // delete and write again, and by forced write; with `other`, a record of the other
@@ -153,7 +154,7 @@ protected:
     }
 
     // A reader: random finds and scans by every key in both directions, whole records
-    // and cut ones, until the stop file appears.  Leaves how many reads it made and how
+    // and cut ones, until told to stop.  Leaves how many reads it made and how
     // many of them took no lock in figures_[r].
     int reader(int r) {
         if (is_init() != 0) return 60;
@@ -209,11 +210,7 @@ protected:
         return rc;
     }
 
-    void stop() {
-        FILE* f = std::fopen(stop_file().c_str(), "w");
-        ASSERT_NE(f, nullptr);
-        std::fclose(f);
-    }
+    void stop() { *stop_ = true; }
 
     // Reads and reads without the lock of reader r.
     std::pair<long, long> figures(int r) const { return (*figures_)[static_cast<size_t>(r)]; }
@@ -249,6 +246,7 @@ protected:
     std::string path_, other_;
     uint64_t seed_ = 0;
     std::array<std::pair<long, long>, 2>* figures_ = &shared<std::array<std::pair<long, long>, 2>>();
+    std::atomic<bool>* stop_ = &shared<std::atomic<bool>>();
 };
 
 // Two writers and two readers at once: every record the readers get is whole and of a
