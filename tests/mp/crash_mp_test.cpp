@@ -181,33 +181,30 @@ protected:
     }
     std::string f() const { return inst_->path("f"); }
 
-    // Starts a process that attaches; `ready` receives a byte each time it begins to
-    // wait for a lock.  Its exit status: 0 with a slot of the table, else 10 + the
-    // detail of is_init's failure (+ 100 when it printed no message about the table).
-    static pid_t attacher(int ready[2], bool give_up) {
-        return kt::start_child([ready, give_up] {
+    // Starts a process that attaches, and returns once it waits for a lock.  Its exit
+    // status: 0 with a slot of the table, else 10 + the detail of is_init's failure
+    // (+ 100 when it printed no message about the table).
+    static pid_t attacher(bool give_up) {
+        kt::Pipe ready;
+        const pid_t pid = kt::start_child([&ready, give_up] {
             ot::become_unattached();
-            ::close(ready[0]);
-            struct sigaction sa {};
-            sa.sa_handler = [](int) {};
-            ::sigaction(SIGUSR1, &sa, nullptr);  // no SA_RESTART: a wait is interrupted
+            ready.close_read();
+            kt::interrupting_usr1();
             kisam_set_wait_hook(
-                [](const struct kisam_wait* w, void* fdp) {
-                    if (w->event == KISAM_WAIT_BEGIN && ::write(*static_cast<int*>(fdp), "w", 1) != 1) std::_Exit(9);
+                [](const struct kisam_wait* w, void* p) {
+                    if (w->event == KISAM_WAIT_BEGIN) static_cast<kt::Pipe*>(p)->signal();
                     return 0;
                 },
-                &ready[1], give_up ? KISAM_WAIT_GIVE_UP : 0);
+                &ready, give_up ? KISAM_WAIT_GIVE_UP : 0);
             int r = 0;
             const std::string err = kt::capture_output(2, [&] { r = is_init(); });
             if (r == 0) return is_env.useridx == 1 ? 0 : 3;
             const bool said = err.find("cannot be taken over") != std::string::npos;
             return 10 + (kt::stack_code() & 0xFF) + (said ? 0 : 100);
         });
-    }
-    // Waits until the attacher waits for a lock.
-    static void await_wait(int ready[2]) {
-        char w = 0;
-        ASSERT_EQ(::read(ready[0], &w, 1), 1);
+        ready.close_write();
+        EXPECT_EQ(ready.wait(), 'x') << "the attacher does not wait";
+        return pid;
     }
 
     std::unique_ptr<kt::Installation> inst_;
@@ -219,20 +216,7 @@ protected:
 // full, and the failure says so with its own detail and a message, not as a table full
 // of live processes.
 TEST_F(CrashFullTable, ADeadSlotThatCannotBeCleanedUpIsReported) {
-    int ready[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    const pid_t late = attacher(ready, true);
-    ::close(ready[1]);
-    await_wait(ready);
-    // (A signal that comes before the wait has begun is lost: sent until it ends.)
-    int st = 0;
-    for (int k = 0; k < 6000 && ::waitpid(late, &st, WNOHANG) == 0; ++k) {
-        ::kill(late, SIGUSR1);
-        ::usleep(10000);
-    }
-    ASSERT_TRUE(WIFEXITED(st));
-    EXPECT_EQ(WEXITSTATUS(st), 10 + 15);
-    ::close(ready[0]);
+    EXPECT_EQ(kt::interrupt_until_done(attacher(true)), 10 + 15);
     is_unlock(&fcp_->jd_fcplock);
 }
 
@@ -240,16 +224,11 @@ TEST_F(CrashFullTable, ADeadSlotThatCannotBeCleanedUpIsReported) {
 // does: the slot is free when the wait ends, and the new process takes it instead of
 // failing with the table full.
 TEST_F(CrashFullTable, ASlotCleanedUpByAnotherWhileWaitingIsTaken) {
-    int ready[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    const pid_t late = attacher(ready, false);
-    ::close(ready[1]);
-    await_wait(ready);
+    const pid_t late = attacher(false);
     int pids[2];
     EXPECT_EQ(kisam_reap(pids, 2), 1);
     is_unlock(&fcp_->jd_fcplock);
     EXPECT_EQ(kt::wait_child(late), 0) << "10 + the detail of is_init's failure";
-    ::close(ready[0]);
     // The killed call was rolled back.
     char rec[sizeof kRec] = {};
     EXPECT_EQ(nisfind(fd_, 0, "abcd", rec, sizeof rec), static_cast<int>(sizeof kRec));

@@ -578,7 +578,7 @@ struct Seen {
 };
 Seen seen;
 int hook_answer = 0;
-int begin_pipe = -1;
+kt::Pipe* begin_pipe = nullptr;   // told of each wait that begins
 
 int hook(const struct kisam_wait* w, void*) {
     if (w->event == KISAM_WAIT_BEGIN) {
@@ -586,7 +586,7 @@ int hook(const struct kisam_wait* w, void*) {
         seen.holder = w->holder;
         seen.what = w->what;
         std::snprintf(seen.file, sizeof seen.file, "%s", w->file ? w->file : "");
-        if (begin_pipe >= 0) (void)!::write(begin_pipe, "b", 1);
+        if (begin_pipe) begin_pipe->signal('b');
     } else if (w->event == KISAM_WAIT_SIGNAL) {
         ++seen.signals;
         seen.can_give_up = w->can_give_up;
@@ -599,54 +599,27 @@ int hook(const struct kisam_wait* w, void*) {
     return 0;
 }
 
-void on_usr1(int) {}
-
-// A handler that interrupts system calls (no SA_RESTART), as a program that wants its
-// waits to end installs it.
-void interrupting_usr1() {
-    struct sigaction sa;
-    std::memset(&sa, 0, sizeof sa);
-    sa.sa_handler = on_usr1;
-    sigemptyset(&sa.sa_mask);
-    ::sigaction(SIGUSR1, &sa, nullptr);
-}
-
 bool ends_with(const std::string& s, const std::string& tail) {
     return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
-}
-
-// Sends SIGUSR1 to pid until it has ended (the wait may be entered just after a signal).
-int interrupt_until_done(pid_t pid) {
-    for (int i = 0; i < 500; ++i) {
-        ::kill(pid, SIGUSR1);
-        int st;
-        pid_t r = ::waitpid(pid, &st, WNOHANG);
-        if (r == pid) return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-        ::usleep(10000);
-    }
-    ::kill(pid, SIGKILL);
-    return kt::wait_child(pid) + 1000;
 }
 
 // Runs wait in a child whose hook gives the wait up at a signal, and interrupts the
 // child once its hook heard of the wait; the child's status (wait's result).
 int given_up(const std::function<int()>& wait) {
-    int pfd[2];
-    if (::pipe(pfd) != 0) return -1;
-    pid_t child = kt::start_child([&] {
-        interrupting_usr1();
+    kt::Pipe began;
+    const pid_t child = kt::start_child([&] {
+        began.close_read();
+        kt::interrupting_usr1();
         if (is_chinit() != 0) return 1;
-        begin_pipe = pfd[1];
+        begin_pipe = &began;
         hook_answer = 1;
         kisam_set_wait_hook(hook, nullptr, 0);
         return wait();
     });
-    ::close(pfd[1]);
-    char c;
-    const bool began = ::read(pfd[0], &c, 1) == 1;   // else the child ended without a wait
-    ::close(pfd[0]);
-    const int st = interrupt_until_done(child);
-    return began ? st : 1000 + st;
+    began.close_write();
+    const bool waited = began.wait() != 0;   // else the child ended without a wait
+    const int st = kt::interrupt_until_done(child, 5);
+    return waited ? st : 1000 + st;
 }
 
 // A wait given up: the hook was told who holds what in which file, the call fails with
@@ -709,27 +682,25 @@ TEST_F(WaitHook, ASignalNotGivenUpKeepsTheWaitUntilTheHolderLetsGo) {
         SCOPED_TRACE(with_hook ? "the hook lets it pass" : "no hook, no flag");
         const std::string rec = with_hook ? "abcd-record" : "abce-record";
         ASSERT_EQ(nisgetctl(fd), 0);
-        int pfd[2];
-        ASSERT_EQ(::pipe(pfd), 0);
+        kt::Pipe ready;
         pid_t child = kt::start_child([&] {
-            interrupting_usr1();
+            ready.close_read();
+            kt::interrupting_usr1();
             if (is_chinit() != 0) return 1;
             if (with_hook) {
-                begin_pipe = pfd[1];
+                begin_pipe = &ready;
                 hook_answer = 0;
                 kisam_set_wait_hook(hook, nullptr, 0);
-            } else if (::write(pfd[1], "r", 1) != 1) {
-                return 5;
+            } else {
+                ready.signal('r');
             }
             if (niswrite(fd, rec.data(), 11) != 0) return 2;
             if (with_hook && (seen.begins != 1 || seen.ends != 1 || seen.signals < 1 || seen.given_up != 0)) return 3;
             if (with_hook && seen.seconds <= 0) return 4;
             return 0;
         });
-        ::close(pfd[1]);
-        char c;
-        ASSERT_EQ(::read(pfd[0], &c, 1), 1);
-        ::close(pfd[0]);
+        ready.close_write();
+        ASSERT_NE(ready.wait(), 0);
         for (int i = 0; i < 5; ++i) {
             ::kill(child, SIGUSR1);
             ::usleep(20000);
@@ -748,7 +719,7 @@ TEST_F(WaitHook, TheFlagGivesUpAnOpenWaitingForTheOpenLockWithoutAHook) {
     ASSERT_EQ(nisclose(fd), 0);
     kt::Pipe ready, go;
     pid_t child = kt::start_child([&] {
-        interrupting_usr1();
+        kt::interrupting_usr1();
         if (is_chinit() != 0) return 1;
         kisam_set_wait_hook(nullptr, nullptr, KISAM_WAIT_GIVE_UP);
         ready.signal();
@@ -762,7 +733,7 @@ TEST_F(WaitHook, TheFlagGivesUpAnOpenWaitingForTheOpenLockWithoutAHook) {
     go.signal();
     // Once the child waits for the range, interrupt it.
     EXPECT_TRUE(kt::await([] { return kt::waiting_for(&isam_com->opcl_lock) > 0; }, 2000));
-    EXPECT_EQ(interrupt_until_done(child), 0);
+    EXPECT_EQ(kt::interrupt_until_done(child, 5), 0);
     is_unlock(&isam_com->opcl_lock);
 }
 

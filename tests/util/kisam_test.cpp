@@ -345,6 +345,24 @@ bool waiting(pid_t pid) {
     return false;
 }
 
+void interrupting_usr1() {
+    struct sigaction sa {};
+    sa.sa_handler = [](int) {};
+    sigemptyset(&sa.sa_mask);
+    ::sigaction(SIGUSR1, &sa, nullptr);
+}
+
+int interrupt_until_done(pid_t pid, int seconds) {
+    for (int i = 0; i < seconds * 100; ++i) {
+        ::kill(pid, SIGUSR1);
+        int st;
+        if (::waitpid(pid, &st, WNOHANG) == pid) return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+        ::usleep(10000);
+    }
+    ::kill(pid, SIGKILL);
+    return wait_child(pid) + 1000;
+}
+
 void* shared_memory(size_t n) {
     void* p = ::mmap(nullptr, n, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (p == MAP_FAILED) std::abort();

@@ -142,6 +142,13 @@ bool await(const std::function<bool()>& pred, int ms = 5000);
 // (their need entries name it); with pid, whether that process waits for anything.
 int waiting_for(const volatile unsigned* word);
 bool waiting(pid_t pid);
+// Makes SIGUSR1 interrupt system calls (a handler without SA_RESTART), as a program that
+// wants its lock waits to end sets it up.
+void interrupting_usr1();
+// Sends SIGUSR1 to pid every 10 ms until it has ended (a signal that comes before its
+// wait has begun is lost); its exit status, or 1000 + status when it had to be killed
+// after `seconds`.
+int interrupt_until_done(pid_t pid, int seconds = 60);
 // Zeroed memory shared with the children forked after it (MAP_SHARED); never null.
 void* shared_memory(size_t n);
 
