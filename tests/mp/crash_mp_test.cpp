@@ -110,44 +110,40 @@ TEST_F(Crash, RecordLockHolderDiesWhileOthersWait) {
 }
 
 
+// A table with room for two processes.
+class CrashTable : public Env {
+protected:
+    void SetUp() override {
+        kt::Config c;
+        c.maxusers = 2;
+        start(c);
+        bound(60);
+    }
+};
+
 // A process killed while attached never frees its process-table slot; a later attacher
 // takes the slot over instead of finding the table full for ever.
-TEST(CrashTable, SlotOfAKilledProcessIsReused) {
-    kt::Config c;
-    c.maxusers = 2;
-    kt::Installation inst(c);
+TEST_F(CrashTable, SlotOfAKilledProcessIsReused) {
     ASSERT_EQ(is_init(), 0);
-    kt::Pipe ready;
-    pid_t pid = kt::start_child([&] {
-        if (is_init() != 0) return 1;  // the second slot
-        ready.signal();
-        for (;;) ::pause();
-    });
-    ASSERT_EQ(ready.wait(), 'x');
+    const pid_t pid = hold([] { return is_init(); });   // the second slot
     // Full while the holder lives: a third process is refused.
     EXPECT_EQ(kt::run_child([] { return is_init() == -1 && is_errno == ISE_INITERR ? 0 : 1; }), 0);
-    ::kill(pid, SIGKILL);
-    ASSERT_EQ(kt::wait_child(pid), 128 + SIGKILL);
+    kill(pid);
     EXPECT_EQ(kt::run_child([&] {
                   if (is_init() != 0) return 1;
                   return is_env.pid_[is_env.useridx] == is_pid && is_env.useridx == 1 ? 0 : 2;
               }),
               0);
-    nisunisam();
 }
 
 // A new process that finds the table full waits to clean up the first dead slot: here a
 // process killed in the middle of a call, whose unit needs the file's control lock to be
 // rolled back, while another process holds that lock.
-class CrashFullTable : public ::testing::Test {
+class CrashFullTable : public CrashTable {
 protected:
     void SetUp() override {
-        ::alarm(60);  // a hang is a failure
-        kt::Config c;
-        c.maxusers = 2;
-        inst_ = std::make_unique<kt::Installation>(c);
-        int lens[] = {4};
-        fd_ = niscreate(f().c_str(), 1, lens);
+        CrashTable::SetUp();
+        fd_ = create("f", {4});
         ASSERT_GE(fd_, 0);
         ASSERT_EQ(niswrite(fd_, kRec, sizeof kRec), 0);
         // Slot 1: killed in the middle of a call on f, holding f's control lock.
@@ -174,12 +170,7 @@ protected:
         jn_note_stale(fcp_, is_lock_stale_pid);
         v_stale_fcplock(fcp_);
     }
-    void TearDown() override {
-        if (isam_com) nisunisam();
-        inst_.reset();
-        ::alarm(0);
-    }
-    std::string f() const { return inst_->path("f"); }
+    std::string f() const { return path("f"); }
 
     // Starts a process that attaches, and returns once it waits for a lock.  Its exit
     // status: 0 with a slot of the table, else 10 + the detail of is_init's failure
@@ -207,7 +198,6 @@ protected:
         return pid;
     }
 
-    std::unique_ptr<kt::Installation> inst_;
     int fd_ = -1;
     IS_FCP* fcp_ = nullptr;
 };
@@ -241,10 +231,7 @@ TEST_F(CrashFullTable, ASlotCleanedUpByAnotherWhileWaitingIsTaken) {
 // A process killed at any lock call of its attach -- also after it took its slot in the
 // process table but before it holds the lock that says it lives -- leaves a slot that
 // the next process to attach takes over: with room for two, this one and one more.
-TEST(CrashTable, KilledAnywhereInItsAttachItLeavesNoSlotBehind) {
-    kt::Config c;
-    c.maxusers = 2;
-    kt::Installation inst(c);
+TEST_F(CrashTable, KilledAnywhereInItsAttachItLeavesNoSlotBehind) {
     ASSERT_EQ(is_init(), 0);
     int kills = 0;
     for (int n = 1;; ++n) {
@@ -266,7 +253,6 @@ TEST(CrashTable, KilledAnywhereInItsAttachItLeavesNoSlotBehind) {
             << "killed at lock call " << n << " of its attach, a process kept its slot";
     }
     EXPECT_GT(kills, 1);
-    nisunisam();
 }
 
 }  // namespace

@@ -50,20 +50,19 @@ int child_attach() {
 
 uint32_t load(const unsigned* w) { return std::atomic_ref<const uint32_t>(*w).load(); }
 
-class LockMp : public ::testing::Test {
+// The segment attached by its raw steps, without the library's start-up.
+class LockMp : public Env {
 protected:
     void SetUp() override {
-        inst_ = std::make_unique<kt::Installation>(cfg_);
-        ASSERT_EQ(kt::attach_raw(*inst_, cfg_), 0);
+        Env::SetUp();
+        ASSERT_EQ(kt::attach_raw(*inst_, kt::Config()), 0);
     }
     void TearDown() override {
         kt::detach_raw();
-        inst_.reset();
+        Env::TearDown();
     }
     unsigned* opcl() { return &isam_com->opcl_lock; }
     unsigned* freel() { return &isam_com->free_lock; }
-    kt::Config cfg_;
-    std::unique_ptr<kt::Installation> inst_;
 };
 
 TEST_F(LockMp, OneHolderAtATime) {
