@@ -1,13 +1,13 @@
-// Locks between real processes.  The lock words: exclusion, takeover of a dead
-// holder's word, the non-waiting request, a refused cycle of waits.  Record locks: a
-// randomized comparison with a model, conflicts, waits and prefix overlap.  A record-lock
-// wait whose control lock cannot be taken back ends in ISE_DEADLOCK after its bound.
-// Control locks, words taken in memory: crossed waits for two files refused to the one
-// that closes the cycle, sleepers on a killed holder's word, a holder that execs, a
-// child forked without is_chinit that ends holding a word, a bracket shared by the
-// threads of a process, random orders of control and record locks
-// in three processes that never hang.  The wait hook: it learns the holder, what it holds and the file; a signal gives the
-// wait up when the hook (or the flag) says so, and the call then fails with
+// Locks between real processes.  The lock words: exclusion and a refused cycle of waits
+// (a dead holder's word taken over: crash_mp_test).  Record locks: a randomized
+// comparison with a model, conflicts, waits and prefix overlap.  A record-lock wait whose
+// control lock cannot be taken back ends in ISE_DEADLOCK after its bound.  Control locks,
+// words taken in memory: crossed waits for two files refused to the one that closes the
+// cycle, sleepers on a killed holder's word, a holder that execs, a child forked without
+// is_chinit that ends holding a word, a bracket shared by the threads of a process,
+// random orders of control and record locks in three processes that never hang.  The
+// wait hook: it learns the holder, what it holds and the file; a signal gives the wait
+// up when the hook (or the flag) says so, and the call then fails with
 // KISAM_ISE_INTERRUPTED having changed and kept nothing.  A free control lock costs no
 // lock request, hook or not; a failed request refuses its call with a code.
 #include "../engine/open_fixture.h"
