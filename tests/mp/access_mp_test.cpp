@@ -11,7 +11,6 @@
 #include <grp.h>
 #include <pwd.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
 
@@ -118,6 +117,15 @@ protected:
             ::unlink(path("f").c_str());
         }
     }
+    // Plants `bytes` at `at` as c says, and attaches with no segment there (so that
+    // what is left beside the lock file is settled); what the attach said.
+    std::string plant_and_attach(const std::string& at, const std::string& bytes, const Planted& c) {
+        kt::spit(at, bytes);
+        EXPECT_EQ(::chown(at.c_str(), c.owner, 0), 0);
+        EXPECT_EQ(::chmod(at.c_str(), c.mode), 0);
+        inst_->remove_segment();
+        return kt::capture_output(2, [] { EXPECT_EQ(is_init(), 0) << is_errno; });
+    }
     void lock_mode(uid_t uid, gid_t gid, mode_t mode) {
         ASSERT_EQ(::chown(lock().c_str(), uid, gid), 0);
         ASSERT_EQ(::chmod(lock().c_str(), mode), 0);
@@ -142,9 +150,7 @@ TEST_F(Access, OtherUsersReachNeitherTheSegmentNorTheJournals) {
         const key_t key = inst_->key();
         const std::string journal = lock() + ".u0";
         // The segment's size, told to the attacker as if it had guessed it.
-        size_t* segsz = static_cast<size_t*>(
-            ::mmap(nullptr, sizeof(size_t), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-        ASSERT_NE(segsz, MAP_FAILED);
+        size_t* segsz = &shared<size_t>();
         kt::Pipe go;
         pid_t attacker = start_as(kNobody, kNogroup, {kNogroup}, [&] {
             go.close_write();
@@ -194,7 +200,6 @@ TEST_F(Access, OtherUsersReachNeitherTheSegmentNorTheJournals) {
         nisunisam();
         EXPECT_LT(::shmget(key, 0, 0), 0);
         ::unlink(journal.c_str());
-        ::munmap(segsz, sizeof(size_t));
     }
 }
 
@@ -309,7 +314,6 @@ TEST_F(Access, PlantedJournalsAreRefused) {
         const int fd = create("f", {4});
         return fd < 0 ? -2 : niswrite(fd, const_cast<char*>("0001rest"), 8);
     });
-    std::string err;
 
     // A journal left holding a unit that names the victim, found when the segment is
     // made anew.  No page of a unit that did not commit ever reached its file, so no
@@ -334,11 +338,7 @@ TEST_F(Access, PlantedJournalsAreRefused) {
     for (const Planted& c : kPlanted) {
         SCOPED_TRACE(c.what);
         plant_victim();
-        kt::spit(j3, j);
-        ASSERT_EQ(::chown(j3.c_str(), c.owner, 0), 0);
-        ASSERT_EQ(::chmod(j3.c_str(), c.mode), 0);
-        inst_->remove_segment();
-        err = kt::capture_output(2, [] { EXPECT_EQ(is_init(), 0) << is_errno; });
+        const std::string err = plant_and_attach(j3, j, c);
         EXPECT_TRUE(slurp(victim) == original);
         const std::string now = slurp(j3);
         ASSERT_GE(now.size(), 8u);
@@ -384,10 +384,7 @@ TEST_F(Access, PlantedLogsAreRefused) {
     for (const Planted& c : kPlanted) {
         SCOPED_TRACE(c.what);
         rewrite_file(file, clean);
-        kt::spit(w0, log);
-        ASSERT_EQ(::chown(w0.c_str(), c.owner, 0), 0);
-        ASSERT_EQ(::chmod(w0.c_str(), c.mode), 0);
-        const std::string err = kt::capture_output(2, [] { EXPECT_EQ(is_init(), 0) << is_errno; });
+        const std::string err = plant_and_attach(w0, log, c);
         struct kisam_recovery r;
         ASSERT_EQ(kisam_last_recovery(&r), 0);
         if (c.own) {

@@ -35,10 +35,8 @@
 // event precedes the crash point.
 //
 // KISAM_CRASH_IMAGES: images of each test (make soak: many).  KISAM_SEED replays a run's
-// workload (its interleaving depends on the scheduler, so a failing run also saves its
-// trace).  KISAM_CRASH_TRACE=<trace file> KISAM_CRASH_IMAGE=<n> rebuilds and restarts
-// image n of a saved trace alone and prints what it found; KISAM_CRASH_KEEP=1 then leaves
-// the directory (and the image before its restart, in <dir>.image) for inspection.
+// workload (its interleaving depends on the scheduler; a failure prints the seed, the
+// image's number, its kind and cut, and what the restart found).
 // KISAM_CRASH_REPORT_ONLY=1 prints the figures without failing on damaged images;
 // KISAM_CRASH_BITS sets co_bits of the configuration (the data-changed mark options).
 #include <gtest/gtest.h>
@@ -63,11 +61,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <climits>
 #include <cinttypes>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -131,11 +129,6 @@ struct Shared {
     Event ev[kMaxEvents];
 };
 
-void* map_shared(size_t n) {
-    void* p = ::mmap(nullptr, n, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    return p == MAP_FAILED ? nullptr : p;
-}
-
 Shared* sh = nullptr;
 char* arena = nullptr;
 
@@ -152,22 +145,14 @@ struct MuGuard {
 };
 
 // Appends an event (mutex held); returns false when the buffers are full.
-bool append(Kind k, uint32_t file, uint64_t off, uint64_t len, const void* data, size_t n, uint64_t cover = 0) {
+bool append(Kind k, int file, uint64_t off, uint64_t len, const void* data, size_t n, uint64_t cover = 0) {
     if (sh->nev >= kMaxEvents || sh->narena + n > kArenaBytes) {
         sh->overflow = 1;
         return false;
     }
-    Event& e = sh->ev[sh->nev];
-    e.off = off;
-    e.len = len;
-    e.data = sh->narena;
-    e.cover = cover;
-    e.file = file;
-    e.kind = k;
-    e.proc = static_cast<uint8_t>(proc_no);
+    sh->ev[sh->nev++] = Event{off, len, sh->narena, cover, static_cast<uint32_t>(file), k, static_cast<uint8_t>(proc_no), {}};
     if (n) std::memcpy(arena + sh->narena, data, n);
     sh->narena += n;
-    ++sh->nev;
     return true;
 }
 
@@ -213,11 +198,11 @@ int rec_open(const char* path, int flags, mode_t mode) {
     int idx = existed ? find_file(st.st_dev, st.st_ino) : -1;
     if (idx < 0 && name) {
         idx = new_file(st.st_dev, st.st_ino, name);
-        if (idx >= 0) append(kCreate, static_cast<uint32_t>(idx), 0, 0, name, std::strlen(name) + 1);
+        if (idx >= 0) append(kCreate, idx, 0, 0, name, std::strlen(name) + 1);
     }
     fd_file[fd] = idx;
     fd_dsync[fd] = (flags & O_DSYNC) != 0;   // O_SYNC includes it
-    if (idx >= 0 && (flags & O_TRUNC)) append(kTrunc, static_cast<uint32_t>(idx), 0, 0, nullptr, 0);
+    if (idx >= 0 && (flags & O_TRUNC)) append(kTrunc, idx, 0, 0, nullptr, 0);
     return fd;
 }
 
@@ -225,9 +210,8 @@ ssize_t rec_pwrite(int fd, const void* b, size_t n, off_t off) {
     MuGuard g;
     const ssize_t r = kisam::os_real.pwrite(fd, b, n, off);
     if (r > 0 && tracked(fd) >= 0) {
-        const uint32_t f = static_cast<uint32_t>(tracked(fd));
-        append(kWrite, f, static_cast<uint64_t>(off), static_cast<uint64_t>(r), b, static_cast<size_t>(r));
-        if (fd_dsync[fd]) append(kSync, f, 0, 0, nullptr, 0, sh->nev);
+        append(kWrite, tracked(fd), static_cast<uint64_t>(off), static_cast<uint64_t>(r), b, static_cast<size_t>(r));
+        if (fd_dsync[fd]) append(kSync, tracked(fd), 0, 0, nullptr, 0, sh->nev);
     }
     return r;
 }
@@ -235,29 +219,22 @@ ssize_t rec_pwrite(int fd, const void* b, size_t n, off_t off) {
 int rec_ftruncate(int fd, off_t len) {
     MuGuard g;
     const int r = kisam::os_real.ftruncate(fd, len);
-    if (r == 0 && tracked(fd) >= 0) append(kTrunc, static_cast<uint32_t>(tracked(fd)), static_cast<uint64_t>(len), 0, nullptr, 0);
+    if (r == 0 && tracked(fd) >= 0) append(kTrunc, tracked(fd), static_cast<uint64_t>(len), 0, nullptr, 0);
     return r;
 }
 
 int rec_fallocate(int fd, off_t off, off_t len) {
     MuGuard g;
     const int r = kisam::os_real.fallocate(fd, off, len);
-    if (r == 0 && tracked(fd) >= 0)
-        append(kAlloc, static_cast<uint32_t>(tracked(fd)), static_cast<uint64_t>(off), static_cast<uint64_t>(len), nullptr, 0);
+    if (r == 0 && tracked(fd) >= 0) append(kAlloc, tracked(fd), static_cast<uint64_t>(off), static_cast<uint64_t>(len), nullptr, 0);
     return r;
 }
 
 int rec_fdatasync(int fd) {
-    uint64_t began;
-    {
-        MuGuard g;
-        began = sh->nev;
-    }
+    const uint64_t began = [] { MuGuard g; return sh->nev; }();
     const int r = kisam::os_real.fdatasync(fd);
-    if (r == 0 && tracked(fd) >= 0) {
-        MuGuard g;
-        append(kSync, static_cast<uint32_t>(tracked(fd)), 0, 0, nullptr, 0, began);
-    }
+    MuGuard g;
+    if (r == 0 && tracked(fd) >= 0) append(kSync, tracked(fd), 0, 0, nullptr, 0, began);
     return r;
 }
 
@@ -318,8 +295,7 @@ constexpr const char* kData = "data";
 
 using Site = kt::Installation;
 
-// The installation of a run (KISAM_CRASH_BITS: the options of the data-changed mark), in
-// a new directory or, to rebuild an image of a saved trace, in the trace's.
+// The installation of a run (KISAM_CRASH_BITS: the options of the data-changed mark).
 kt::Config site_config() {
     kt::Config c;
     if (const char* b = std::getenv("KISAM_CRASH_BITS")) c.bits = static_cast<uint32_t>(std::strtoul(b, nullptr, 0));
@@ -350,9 +326,8 @@ bool mapped_file(const std::string& name) {
 // ---- the trace of one workload run ------------------------------------------------------
 
 struct Trace {
-    std::string test, dir;
-    uint64_t seed = 0, budget = 0;   // budget: the images planned from this trace
-    int procs = 0, durable = 0, between = 0;
+    uint64_t seed = 0;
+    int procs = 0, durable = 0;
     std::vector<std::string> snap_names, snap_data;   // file i < snapshot size: the directory before
     std::vector<Event> ev;
     std::string arena;
@@ -366,8 +341,6 @@ struct Trace {
     std::unordered_multimap<uint64_t, uint32_t> by_hash;
 
     void derive();
-    bool save(const std::string& path) const;
-    bool load(const std::string& path);
 };
 
 uint64_t mix(uint64_t x) {
@@ -441,76 +414,6 @@ void Trace::derive() {
         }
         by_hash.emplace(h, static_cast<uint32_t>(k + 1));
     }
-}
-
-template <class T>
-void put(std::string& out, const T& v) {
-    out.append(reinterpret_cast<const char*>(&v), sizeof v);
-}
-void put_str(std::string& out, const std::string& s) {
-    put(out, static_cast<uint64_t>(s.size()));
-    out += s;
-}
-template <class T>
-bool get(const std::string& in, size_t& at, T* v) {
-    if (at + sizeof *v > in.size()) return false;
-    std::memcpy(v, in.data() + at, sizeof *v);
-    at += sizeof *v;
-    return true;
-}
-bool get_str(const std::string& in, size_t& at, std::string* s) {
-    uint64_t n;
-    if (!get(in, at, &n) || at + n > in.size()) return false;
-    s->assign(in.data() + at, n);
-    at += n;
-    return true;
-}
-
-constexpr uint64_t kTraceMagic = 0x4b43524153483031ull;   // "KCRASH01"
-
-bool Trace::save(const std::string& path) const {
-    std::string out;
-    put(out, kTraceMagic);
-    put_str(out, test);
-    put_str(out, dir);
-    put(out, seed);
-    put(out, budget);
-    put(out, procs);
-    put(out, durable);
-    put(out, between);
-    put(out, static_cast<uint64_t>(snap_names.size()));
-    for (size_t i = 0; i < snap_names.size(); ++i) {
-        put_str(out, snap_names[i]);
-        put_str(out, snap_data[i]);
-    }
-    put_str(out, std::string(reinterpret_cast<const char*>(ev.data()), ev.size() * sizeof(Event)));
-    put_str(out, arena);
-    put_str(out, std::string(reinterpret_cast<const char*>(ops.data()), ops.size() * sizeof(Op)));
-    FILE* f = std::fopen(path.c_str(), "wb");
-    if (!f) return false;
-    const bool ok = std::fwrite(out.data(), 1, out.size(), f) == out.size();
-    return std::fclose(f) == 0 && ok;
-}
-
-bool Trace::load(const std::string& path) {
-    const std::string in = kt::slurp(path);
-    size_t at = 0;
-    uint64_t magic, nsnap;
-    std::string evs, opss;
-    if (!get(in, at, &magic) || magic != kTraceMagic || !get_str(in, at, &test) || !get_str(in, at, &dir) ||
-        !get(in, at, &seed) || !get(in, at, &budget) || !get(in, at, &procs) || !get(in, at, &durable) || !get(in, at, &between) || !get(in, at, &nsnap))
-        return false;
-    snap_names.resize(nsnap);
-    snap_data.resize(nsnap);
-    for (size_t i = 0; i < nsnap; ++i)
-        if (!get_str(in, at, &snap_names[i]) || !get_str(in, at, &snap_data[i])) return false;
-    if (!get_str(in, at, &evs) || !get_str(in, at, &arena) || !get_str(in, at, &opss)) return false;
-    ev.resize(evs.size() / sizeof(Event));
-    std::memcpy(static_cast<void*>(ev.data()), evs.data(), ev.size() * sizeof(Event));
-    ops.resize(opss.size() / sizeof(Op));
-    std::memcpy(static_cast<void*>(ops.data()), opss.data(), ops.size() * sizeof(Op));
-    derive();
-    return true;
 }
 
 // ---- the workload ----------------------------------------------------------------------
@@ -796,28 +699,16 @@ private:
 
 struct Outcome {
     int exited;           // the restart process's status (0: it ran to the end)
-    int opened;
-    int sound;            // the checker, once the restarted program has detached
+    int opened, sound;    // sound: the checker, once the restarted program has detached
     int sound_open;       // the checker, with the file open after the recovery
     int reads_ok;
     int read_failed;      // a read returned an error
     int nrec;
-    char why_check[256];  // the checker's complaints, at rest and while open
-    char why_open[256];
-    char why_read[256];   // what the reads found wrong
-    char open_why[160];
+    char why_check[256], why_open[256], why_read[256], open_why[160];
     Rec recs[kMaxRecs];
 };
 
 Outcome* out = nullptr;
-
-void say(char* buf, size_t n, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
-void say(char* buf, size_t n, const char* fmt, ...) {
-    va_list ap;
-    va_start(ap, fmt);
-    std::vsnprintf(buf, n, fmt, ap);
-    va_end(ap);
-}
 
 // In a fresh process, as a program started after the reboot: open, check, read.
 int restart(const std::string& file) {
@@ -832,13 +723,13 @@ int restart(const std::string& file) {
     // The checker reads the disk: once recovered at the attach, the file there is whole.
     const kisam::check::Report open = kisam::check::check_file(file);
     out->sound_open = open.ok;
-    if (!open.ok) say(out->why_open, sizeof out->why_open, "%s", open.error.c_str());
+    std::snprintf(out->why_open, sizeof out->why_open, "%s", open.error.c_str());
     // Every record verified along every key, every key in order and giving the same
     // records.
     const ko::Scan got = ko::scan(fd, kL);
     out->read_failed = got.read_failed;
     out->reads_ok = got.ok() && got.recs.size() <= static_cast<size_t>(kMaxRecs);
-    say(out->why_read, sizeof out->why_read, "%s", got.ok() ? "more records than the calls wrote" : got.why.c_str());
+    std::snprintf(out->why_read, sizeof out->why_read, "%s", got.ok() ? "more records than the calls wrote" : got.why.c_str());
     for (const auto& [id, r] : got.recs)
         if (out->nrec < kMaxRecs) out->recs[out->nrec++] = Rec{id, r.gen, r.size};
     nisclose(fd);
@@ -846,17 +737,16 @@ int restart(const std::string& file) {
     // And at rest, as a user checks it once the program has ended.
     const kisam::check::Report rest = kisam::check::check_file(file);
     out->sound = rest.ok;
-    if (!rest.ok) say(out->why_check, sizeof out->why_check, "%s", rest.error.c_str());
+    std::snprintf(out->why_check, sizeof out->why_check, "%s", rest.error.c_str());
     return 0;
 }
 
 // ---- figures -------------------------------------------------------------------------------
 
-struct Tally {
-    long images = 0, opened = 0, sound = 0, reads = 0, prefix = 0, durable = 0, passed = 0, silent = 0, crashed = 0;
-    long segments_left = 0;
-    long unsound_open = 0;   // sound at rest, but not on disk while open after the recovery
-};
+// The counts of one mode: images, and how many of them opened, ...; the first eight
+// are the columns printed.
+enum Count { nImages, nOpened, nSound, nReads, nPrefix, nDurable, nPassed, nSilent, nCrashed, nSegmentsLeft, nUnsoundOpen, nCounts };
+using Tally = std::array<long, nCounts>;
 
 struct Verdict {
     bool opened, sound, reads, prefix, durable, pass, silent;
@@ -864,6 +754,12 @@ struct Verdict {
     uint32_t prefix_len;   // the longest prefix of calls whose records these are
     std::string why;
 };
+
+std::vector<Rec> records_after(const Trace& t, size_t k) {
+    std::vector<Rec> v;
+    for (const auto& [id, r] : state_after(t, k)) v.push_back(r);
+    return v;
+}
 
 Verdict judge(const Trace& t, const Image& im) {
     Verdict v{};
@@ -875,29 +771,21 @@ Verdict judge(const Trace& t, const Image& im) {
     else if (!v.sound) v.why = "checker: " + std::string(out->why_check);
     else if (!v.reads) v.why = out->why_read;
     if (v.reads) {
+        // The prefixes whose records hash alike, longest first.
         uint64_t h = 0;
         for (int i = 0; i < out->nrec; ++i) h += rec_hash(out->recs[i]);
-        auto range = t.by_hash.equal_range(h);
         std::vector<uint32_t> cands;
-        for (auto it = range.first; it != range.second; ++it) cands.push_back(it->second);
+        for (auto [it, end] = t.by_hash.equal_range(h); it != end; ++it) cands.push_back(it->second);
         std::sort(cands.rbegin(), cands.rend());
         std::vector<Rec> got(out->recs, out->recs + out->nrec);
         std::sort(got.begin(), got.end());
-        for (uint32_t k : cands) {
-            const auto s = state_after(t, k);
-            std::vector<Rec> want;
-            for (const auto& [id, r] : s) want.push_back(r);
-            if (want == got) {
+        for (uint32_t k : cands)
+            if (records_after(t, k) == got) {
                 v.prefix = true;
                 v.prefix_len = k;
                 break;
             }
-        }
-        if (v.prefix) {
-            std::vector<Rec> want;
-            for (const auto& [id, r] : state_after(t, im.required)) want.push_back(r);
-            v.exact = want == got;
-        }
+        v.exact = v.prefix && records_after(t, im.required) == got;
         if (!v.prefix && v.why.empty()) v.why = std::to_string(out->nrec) + " records that no prefix of the calls leaves";
     }
     v.durable = v.prefix && v.prefix_len >= im.required;
@@ -912,34 +800,23 @@ Verdict judge(const Trace& t, const Image& im) {
 }
 
 // Builds, writes and restarts a planned image; counts it in the tally of its mode.
-Verdict run_image(const Trace& t, Builder& b, const Site& site, const Image& im, Tally* tally, bool keep_before = false) {
+Verdict run_image(const Trace& t, Builder& b, const Site& site, const Image& im, Tally* tally) {
+    Tally& y = tally[im.mode];
     b.build(im);
     std::string why;
-    if (site.remove_segment()) ++tally[im.mode].segments_left;
+    y[nSegmentsLeft] += site.remove_segment();
     if (!b.write(site.dir(), &why)) {
         ADD_FAILURE() << why;
         return Verdict{};
     }
-    if (keep_before) {
-        const std::string cmd = "rm -rf '" + site.dir() + ".image' && cp -a '" + site.dir() + "' '" + site.dir() + ".image'";
-        if (std::system(cmd.c_str()) != 0) std::fprintf(stderr, "could not copy the image\n");
-    }
     std::memset(static_cast<void*>(out), 0, offsetof(Outcome, recs));
     const std::string file = site.path(kData);
     out->exited = kt::run_child([&] { return restart(file); });
-    if (site.remove_segment()) ++tally[im.mode].segments_left;
+    y[nSegmentsLeft] += site.remove_segment();
     const Verdict v = judge(t, im);
-    Tally& y = tally[im.mode];
-    ++y.images;
-    y.opened += v.opened;
-    y.sound += v.sound;
-    y.reads += v.reads;
-    y.prefix += v.prefix;
-    y.durable += v.durable;
-    y.passed += v.pass;
-    y.silent += v.silent;
-    y.crashed += out->exited != 0;
-    y.unsound_open += v.sound && !out->sound_open;
+    const bool counts[nCounts] = {true, v.opened, v.sound, v.reads, v.prefix, v.durable, v.pass, v.silent,
+                                  out->exited != 0, false, v.sound && !out->sound_open};
+    for (int c = 0; c < nCounts; ++c) y[c] += counts[c];
     return v;
 }
 
@@ -947,28 +824,24 @@ void print_figures(const char* what, const Tally* tally) {
     std::printf("crash images (%s):\n", what);
     std::printf("  %-9s %7s %7s %7s %7s %7s %9s %7s %7s\n", "mode", "images", "opened", "sound", "reads", "prefix",
                 "returned", "passed", "silent");
-    Tally all;
+    Tally all{};
     for (int m = 0; m <= kModes; ++m) {
         const Tally& y = m < kModes ? tally[m] : all;
-        if (m < kModes) {
-            all.images += y.images, all.opened += y.opened, all.sound += y.sound, all.reads += y.reads;
-            all.prefix += y.prefix, all.durable += y.durable, all.passed += y.passed, all.silent += y.silent;
-            all.crashed += y.crashed, all.segments_left += y.segments_left, all.unsound_open += y.unsound_open;
-        }
-        if (y.images == 0) continue;
-        std::printf("  %-9s %7ld %7ld %7ld %7ld %7ld %9ld %7ld %7ld\n", m < kModes ? kModeNames[m] : "all", y.images,
-                    y.opened, y.sound, y.reads, y.prefix, y.durable, y.passed, y.silent);
+        for (int c = 0; c < nCounts && m < kModes; ++c) all[c] += y[c];
+        if (y[nImages] == 0) continue;
+        std::printf("  %-9s %7ld %7ld %7ld %7ld %7ld %9ld %7ld %7ld\n", m < kModes ? kModeNames[m] : "all", y[nImages],
+                    y[nOpened], y[nSound], y[nReads], y[nPrefix], y[nDurable], y[nPassed], y[nSilent]);
     }
     std::printf("  (opened: the file opens; sound: the checker finds no fault once the program detached;\n"
                 "   reads: every record along every key reads back intact and the keys agree; prefix: the\n"
                 "   records are those after some prefix of the completed calls; returned: that prefix holds\n"
                 "   every call that had returned; silent: opened, and no read returned an error, yet not\n"
                 "   sound, not read back intact, or no prefix)\n");
-    if (all.crashed) std::printf("  %ld restarts died\n", all.crashed);
-    if (all.unsound_open)
+    if (all[nCrashed]) std::printf("  %ld restarts died\n", all[nCrashed]);
+    if (all[nUnsoundOpen])
         std::printf("  %ld files sound at rest were not while open after their recovery (the checker reads the disk)\n",
-                    all.unsound_open);
-    if (all.segments_left) std::printf("  %ld segments were left behind and removed\n", all.segments_left);
+                    all[nUnsoundOpen]);
+    if (all[nSegmentsLeft]) std::printf("  %ld segments were left behind and removed\n", all[nSegmentsLeft]);
     std::fflush(stdout);
 }
 
@@ -982,25 +855,18 @@ uint64_t env_u64(const char* name, uint64_t fallback) {
 class CrashImage : public ::testing::Test {
 protected:
     void SetUp() override {
-        sh = static_cast<Shared*>(map_shared(sizeof(Shared)));
-        arena = static_cast<char*>(map_shared(kArenaBytes));
-        out = static_cast<Outcome*>(map_shared(sizeof(Outcome)));
-        ASSERT_TRUE(sh && arena && out);
+        sh = static_cast<Shared*>(kt::shared_memory(sizeof(Shared)));
+        arena = static_cast<char*>(kt::shared_memory(kArenaBytes));
+        out = static_cast<Outcome*>(kt::shared_memory(sizeof(Outcome)));
     }
     void TearDown() override {
-        if (sh) ::munmap(sh, sizeof(Shared));
-        if (arena) ::munmap(arena, kArenaBytes);
-        if (out) ::munmap(out, sizeof(Outcome));
-        sh = nullptr;
-        arena = nullptr;
-        out = nullptr;
+        ::munmap(sh, sizeof(Shared));
+        ::munmap(arena, kArenaBytes);
+        ::munmap(out, sizeof(Outcome));
     }
 
-    bool trace_saved_ = false;   // the trace of the first run with a failure is kept
-    uint64_t saved_seed_ = 0;
-
     // One workload run into a trace; false (with a failure added) when it did not go.
-    bool record_run(Site& site, const char* test, uint64_t seed, int procs, int calls, bool durable, Trace* t) {
+    bool record_run(Site& site, uint64_t seed, int procs, int calls, bool durable, Trace* t) {
         std::memset(static_cast<void*>(sh), 0, offsetof(Shared, ops));
         pthread_mutexattr_t a;
         pthread_mutexattr_init(&a);
@@ -1023,8 +889,6 @@ protected:
             return false;
         }
         site.remove_segment();
-        t->test = test;
-        t->dir = site.dir();
         t->seed = seed;
         t->procs = procs;
         t->durable = durable;
@@ -1083,7 +947,7 @@ protected:
         if (!missed.empty()) return false;
         // The images of no crash at all: before the first event and after the last.
         for (uint64_t point : {uint64_t(0), uint64_t(t->ev.size())}) {
-            Tally tally[kModes];
+            Tally tally[kModes]{};
             const Verdict v = run_image(*t, b, site, b.plan_at(point), tally);
             if (!v.pass || !v.exact) {
                 ADD_FAILURE() << "the directory " << (point ? "after" : "before") << " the workload fails: " << v.why
@@ -1095,8 +959,7 @@ protected:
     }
 
     // Builds and restarts `count` images of t; returns the failures.
-    long images(const Trace& t, Site& site, uint64_t count, Tally* tally, bool assert_pass, const std::string& trace_file,
-                bool between) {
+    long images(const Trace& t, Site& site, uint64_t count, Tally* tally, bool assert_pass, bool between) {
         Builder b(t);
         long failures = 0;
         for (uint64_t n = 0; n < count; ++n) {
@@ -1109,26 +972,12 @@ protected:
                 continue;
             }
             if (v.pass) continue;
-            ++failures;
-            if (!trace_saved_) {
-                trace_saved_ = true;
-                saved_seed_ = t.seed;
-                const bool ok = t.save(trace_file);
-                std::printf("trace of seed %" PRIu64 " saved in %s%s\n", t.seed, trace_file.c_str(), ok ? "" : " (FAILED)");
-            }
-            if (failures <= 5) {
+            if (++failures <= 5)
                 std::printf("seed %" PRIu64 " image %" PRIu64 " (%s, cut after %" PRIu64 " of %zu events, %" PRIu64
-                            " unsynced writes kept, %" PRIu64 " lost%s, %u calls returned): %s\n",
-                            t.seed, n, kModeNames[im.mode], im.point, t.ev.size(), im.kept, im.lost,
-                            im.torn >= 0 ? ", one torn" : "", im.required, v.why.c_str());
-                if (t.seed == saved_seed_) {
-                    char exe[PATH_MAX] = "crash_image_test";
-                    const ssize_t m = ::readlink("/proc/self/exe", exe, sizeof exe - 1);
-                    if (m > 0) exe[m] = 0;
-                    std::printf("  rebuild: KISAM_CRASH_TRACE=%s KISAM_CRASH_IMAGE=%" PRIu64 " %s --gtest_filter=CrashImage.%s\n",
-                                trace_file.c_str(), n, exe, t.test.c_str());
-                }
-            }
+                            " unsynced writes kept, %" PRIu64 " lost, torn %" PRId64 " at %" PRIu64 " (half %d), %u calls "
+                            "returned; while open the checker said: %s): %s\n",
+                            t.seed, n, kModeNames[im.mode], im.point, t.ev.size(), im.kept, im.lost, im.torn, im.torn_at,
+                            im.torn_half, im.required, out->sound_open ? "sound" : out->why_open, v.why.c_str());
             if (assert_pass && failures == 1)
                 ADD_FAILURE() << "seed " << t.seed << " image " << n << " (" << kModeNames[im.mode] << "): " << v.why;
         }
@@ -1138,19 +987,12 @@ protected:
     // A whole test: workload runs of `calls` calls per process, images spread over them.
     // procs0: processes of the first workload run (later runs, in a soak, take 1 to 3);
     // between: every image cut just after a call returned, every write kept.
-    void run(const char* test, int procs0, int calls, bool durable, uint64_t images_default, bool between = false) {
+    void run(int procs0, int calls, bool durable, uint64_t images_default, bool between = false) {
         const bool report_only = env_u64("KISAM_CRASH_REPORT_ONLY", 0) != 0;
-        if (const char* tf = std::getenv("KISAM_CRASH_TRACE")) {
-            replay(test, tf);
-            return;
-        }
         const uint64_t total = env_u64("KISAM_CRASH_IMAGES", images_default);
         const uint64_t per_run = 5000;   // images from one workload run
         const uint64_t seed0 = kt::test_seed(durable ? 2410 : 2310);
-        char cwd[PATH_MAX];
-        const std::string trace_file =
-            std::string(::getcwd(cwd, sizeof cwd) ? cwd : ".") + "/crash_image_" + test + ".trace";
-        Tally tally[kModes];
+        Tally tally[kModes]{};
         long failures = 0;
         const auto t0 = std::chrono::steady_clock::now();
         uint64_t done = 0;
@@ -1160,46 +1002,17 @@ protected:
             Trace t;
             const uint64_t seed = seed0 + r;
             const int procs = r == 0 || between ? procs0 : 1 + static_cast<int>(r % 3);
-            t.budget = count;
-            t.between = between;
-            if (!record_run(site, test, seed, procs, calls, durable, &t)) return;
+            if (!record_run(site, seed, procs, calls, durable, &t)) return;
             std::printf("workload (seed %" PRIu64 "): %d processes, %zu calls (%u without a bracket), %zu events (%zu syncs), "
                             "%.1f MB written\n", seed, procs, t.ops.size(), sh->plain.load(), t.ev.size(), t.boundaries.size(),
                             t.arena.size() / 1e6);
-            failures += images(t, site, count, tally, !report_only && failures == 0, trace_file, between);
+            failures += images(t, site, count, tally, !report_only && failures == 0, between);
             done += count;
         }
         const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
         print_figures(between ? "cut between calls, every write kept" : durable ? "durable mode" : "default mode", tally);
         std::printf("  %" PRIu64 " images in %.1f s; %ld failed\n", done, secs, failures);
         if (failures && report_only) std::printf("  (KISAM_CRASH_REPORT_ONLY: not counted as a test failure)\n");
-    }
-
-    // Rebuilds one image of a saved trace (KISAM_CRASH_IMAGE) in the trace's directory.
-    void replay(const char* test, const char* path) {
-        Trace t;
-        ASSERT_TRUE(t.load(path)) << "cannot read the trace " << path;
-        if (t.test != test) GTEST_SKIP() << "the trace is of CrashImage." << t.test;
-        const char* ni = std::getenv("KISAM_CRASH_IMAGE");
-        ASSERT_TRUE(ni) << "KISAM_CRASH_IMAGE names the image to rebuild";
-        const uint64_t n = std::strtoull(ni, nullptr, 0);
-        const bool keep = env_u64("KISAM_CRASH_KEEP", 0) != 0;
-        Site site(site_config(), true, t.dir);
-        site.keep = keep;
-        Builder b(t);
-        Tally tally[kModes];
-        const Image im = b.plan(n, t.budget, t.between);
-        const Verdict v = run_image(t, b, site, im, tally, keep);
-        std::printf("image %" PRIu64 " of seed %" PRIu64 ": %s, cut after %" PRIu64 " of %zu events, %" PRIu64
-                    " unsynced writes kept, %" PRIu64 " lost, torn %s, %u calls returned\n",
-                    n, t.seed, kModeNames[im.mode], im.point, t.ev.size(), im.kept, im.lost,
-                    im.torn >= 0 ? (std::to_string(im.torn) + (im.torn_half ? " (second half kept)" : " (first half kept)")).c_str() : "none",
-                    im.required);
-        std::printf("  opened %d, sound %d (while open %d%s%s), reads %d, prefix %d (%u calls), returned calls present %d: %s\n",
-                    v.opened, v.sound, out->sound_open, out->sound_open ? "" : ": ", out->why_open, v.reads, v.prefix,
-                    v.prefix_len, v.durable, v.pass ? "passed" : v.why.c_str());
-        if (keep) std::printf("  kept: %s (after the restart) and %s.image (before)\n", site.dir().c_str(), site.dir().c_str());
-        EXPECT_TRUE(v.pass) << v.why;
     }
 };
 
@@ -1211,16 +1024,16 @@ constexpr uint64_t kImages = 2000;
 #endif
 
 // The default mode may lose the last calls, never damage the file.
-TEST_F(CrashImage, DefaultMode) { run("DefaultMode", 3, 150, false, kImages); }
+TEST_F(CrashImage, DefaultMode) { run(3, 150, false, kImages); }
 
 // The durable mode loses no call that returned.
-TEST_F(CrashImage, DurableMode) { run("DurableMode", 2, 120, true, kImages); }
+TEST_F(CrashImage, DurableMode) { run(2, 120, true, kImages); }
 
 // A control of the simulation itself: one process, cut just after a call returned, the
 // disk keeping every write.  Such an image holds exactly the calls that returned, on
 // any engine that writes a call out before it returns, or recovers what it logged.
 TEST_F(CrashImage, ACutBetweenCallsWithEveryWriteKeptHoldsTheCallsThatReturned) {
-    run("ACutBetweenCallsWithEveryWriteKeptHoldsTheCallsThatReturned", 1, 150, false, 150, true);
+    run(1, 150, false, 150, true);
 }
 
 }  // namespace

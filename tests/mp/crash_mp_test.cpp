@@ -1,6 +1,7 @@
 // A process that dies holding a lock never blocks the others: the start-up lock,
-// opcl_lock, free_lock, buf_lock, a control lock and a record lock are each taken by a
-// child that is then killed, and the survivors get through promptly.
+// opcl_lock, free_lock, buf_lock and a record lock are each taken by a child that is
+// then killed, and the survivors get through promptly (a dead holder's control lock:
+// lock_mp_test's CtlWords).
 #include "../engine/open_fixture.h"
 #include "oracle.h"
 
@@ -50,48 +51,37 @@ TEST_F(Crash, CommonLockWords) {
                  {"buf_lock", &isam_com->buf_lock}};
     int round = 0;
     for (const Word& w : words) {
-        SCOPED_TRACE(w.name);
-        pid_t pid = hold([&] {
-            if (is_chinit() != 0) return 1;
-            return is_lock(w.word) == 0 ? 0 : 2;
-        });
-        EXPECT_EQ(*w.word, static_cast<uint32_t>(pid));
-        kill(pid);
-        // Open and close (opcl_lock), a record lock (the heap's free_lock) and a write
-        // that needs a fresh buffer (buf_lock) all get through.
-        fd = nisopen(path("f").c_str(), ISO_RDWR);
-        ASSERT_GE(fd, 0) << is_errno;
-        EXPECT_EQ(nislock(fd, "k", 1, 1), 0);
-        char rec[sizeof kRec];
-        std::memcpy(rec, kRec, sizeof rec);
-        rec[0] = static_cast<char>('a' + round++);
-        EXPECT_EQ(niswrite(fd, rec, sizeof rec), 0) << is_errno;
-        EXPECT_EQ(nisclose(fd), 0);
-        EXPECT_NE(*w.word, static_cast<uint32_t>(pid));
+        for (bool direct : {true, false}) {
+            SCOPED_TRACE(std::string(w.name) + (direct ? ", taken over by a take of it" : ", taken over by the calls"));
+            const pid_t pid = hold([&] { return is_chinit() == 0 && is_lock(w.word) == 0 ? 0 : 1; });
+            if (w.word != &isam_com->buf_lock) {   // (a word taken in memory: no range)
+                EXPECT_EQ(is_lockitnw(kisam::com_offset(w.word)), -1) << "held elsewhere: refused at once";
+            }
+            kill(pid);
+            EXPECT_EQ(*w.word, static_cast<uint32_t>(pid)) << "the word still names the dead holder";
+            if (!direct) {
+                // Open and close (opcl_lock), a record lock (the heap's free_lock) and a
+                // write that needs a fresh buffer (buf_lock) all get through.
+                fd = nisopen(path("f").c_str(), ISO_RDWR);
+                ASSERT_GE(fd, 0) << is_errno;
+                EXPECT_EQ(nislock(fd, "k", 1, 1), 0);
+                char rec[sizeof kRec];
+                std::memcpy(rec, kRec, sizeof rec);
+                rec[0] = static_cast<char>('a' + round++);
+                EXPECT_EQ(niswrite(fd, rec, sizeof rec), 0) << is_errno;
+                EXPECT_EQ(nisclose(fd), 0);
+                EXPECT_NE(*w.word, static_cast<uint32_t>(pid));
+            }
+            // Taken over once (and said so to the taker, who repairs): the next take finds
+            // it free.
+            for (int stale : {direct ? 1 : 0, 0}) {
+                ASSERT_EQ(is_lock(w.word), 0);
+                EXPECT_EQ(is_lock_stale, stale);
+                EXPECT_EQ(*w.word, static_cast<uint32_t>(is_pid));
+                is_unlock(w.word);
+            }
+        }
     }
-}
-
-TEST_F(Crash, ControlLock) {
-    int fd = create("f", {4});
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(niswrite(fd, kRec, sizeof kRec), 0);
-    pid_t pid = hold([&] {
-        if (is_chinit() != 0) return 1;
-        char rec[sizeof kRec];
-        // Die in the middle of a hold, with a page read under it.
-        if (nisgetctl(fd) != 0 || nisread(fd, 0, rec, sizeof rec) <= 0) return 2;
-        return 0;
-    });
-    kill(pid);
-    char rec[sizeof kRec] = {};
-    std::memcpy(rec, "abcd", 4);
-    // A read of pages in the pool takes no lock: it works beside the dead holder's word,
-    // which the next taker of the lock takes over.
-    EXPECT_GT(nisfind(fd, 0, "abcd", rec, sizeof rec), 0) << is_errno;
-    EXPECT_EQ(nisgetctl(fd), 0);
-    EXPECT_EQ(nisrelctl(fd), 0);
-    EXPECT_EQ(ot::shared_fcp(fd)->jd_fcplock, 0u);
-    EXPECT_EQ(nisclose(fd), 0);
 }
 
 TEST_F(Crash, RecordLockHolderDiesWhileOthersWait) {
@@ -111,8 +101,7 @@ TEST_F(Crash, RecordLockHolderDiesWhileOthersWait) {
         return 0;
     });
     ASSERT_EQ(started.wait(), 'x');
-    for (bool asleep = false; !asleep; ::usleep(1000))
-        for (int i = 0; i < isam_com->maxusers; ++i) asleep |= is_env.pid_[i] == waiter && is_env.needs_[i] != 0;
+    kt::await([&] { return kt::waiting(waiter); }, 1 << 30);
     // ... and this process is refused without waiting; the holder then dies.
     EXPECT_EQ(nislock(fd, "key1", 4, 1), -1);
     kill(holder);
@@ -126,44 +115,40 @@ TEST_F(Crash, RecordLockHolderDiesWhileOthersWait) {
 }
 
 
+// A table with room for two processes.
+class CrashTable : public Env {
+protected:
+    void SetUp() override {
+        kt::Config c;
+        c.maxusers = 2;
+        start(c);
+        bound(60);
+    }
+};
+
 // A process killed while attached never frees its process-table slot; a later attacher
 // takes the slot over instead of finding the table full for ever.
-TEST(CrashTable, SlotOfAKilledProcessIsReused) {
-    kt::Config c;
-    c.maxusers = 2;
-    kt::Installation inst(c);
+TEST_F(CrashTable, SlotOfAKilledProcessIsReused) {
     ASSERT_EQ(is_init(), 0);
-    kt::Pipe ready;
-    pid_t pid = kt::start_child([&] {
-        if (is_init() != 0) return 1;  // the second slot
-        ready.signal();
-        for (;;) ::pause();
-    });
-    ASSERT_EQ(ready.wait(), 'x');
+    const pid_t pid = hold([] { return is_init(); });   // the second slot
     // Full while the holder lives: a third process is refused.
     EXPECT_EQ(kt::run_child([] { return is_init() == -1 && is_errno == ISE_INITERR ? 0 : 1; }), 0);
-    ::kill(pid, SIGKILL);
-    ASSERT_EQ(kt::wait_child(pid), 128 + SIGKILL);
+    kill(pid);
     EXPECT_EQ(kt::run_child([&] {
                   if (is_init() != 0) return 1;
                   return is_env.pid_[is_env.useridx] == is_pid && is_env.useridx == 1 ? 0 : 2;
               }),
               0);
-    nisunisam();
 }
 
 // A new process that finds the table full waits to clean up the first dead slot: here a
 // process killed in the middle of a call, whose unit needs the file's control lock to be
 // rolled back, while another process holds that lock.
-class CrashFullTable : public ::testing::Test {
+class CrashFullTable : public CrashTable {
 protected:
     void SetUp() override {
-        ::alarm(60);  // a hang is a failure
-        kt::Config c;
-        c.maxusers = 2;
-        inst_ = std::make_unique<kt::Installation>(c);
-        int lens[] = {4};
-        fd_ = niscreate(f().c_str(), 1, lens);
+        CrashTable::SetUp();
+        fd_ = create("f", {4});
         ASSERT_GE(fd_, 0);
         ASSERT_EQ(niswrite(fd_, kRec, sizeof kRec), 0);
         // Slot 1: killed in the middle of a call on f, holding f's control lock.
@@ -190,43 +175,34 @@ protected:
         jn_note_stale(fcp_, is_lock_stale_pid);
         v_stale_fcplock(fcp_);
     }
-    void TearDown() override {
-        if (isam_com) nisunisam();
-        inst_.reset();
-        ::alarm(0);
-    }
-    std::string f() const { return inst_->path("f"); }
+    std::string f() const { return path("f"); }
 
-    // Starts a process that attaches; `ready` receives a byte each time it begins to
-    // wait for a lock.  Its exit status: 0 with a slot of the table, else 10 + the
-    // detail of is_init's failure (+ 100 when it printed no message about the table).
-    static pid_t attacher(int ready[2], bool give_up) {
-        return kt::start_child([ready, give_up] {
+    // Starts a process that attaches, and returns once it waits for a lock.  Its exit
+    // status: 0 with a slot of the table, else 10 + the detail of is_init's failure
+    // (+ 100 when it printed no message about the table).
+    static pid_t attacher(bool give_up) {
+        kt::Pipe ready;
+        const pid_t pid = kt::start_child([&ready, give_up] {
             ot::become_unattached();
-            ::close(ready[0]);
-            struct sigaction sa {};
-            sa.sa_handler = [](int) {};
-            ::sigaction(SIGUSR1, &sa, nullptr);  // no SA_RESTART: a wait is interrupted
+            ready.close_read();
+            kt::interrupting_usr1();
             kisam_set_wait_hook(
-                [](const struct kisam_wait* w, void* fdp) {
-                    if (w->event == KISAM_WAIT_BEGIN && ::write(*static_cast<int*>(fdp), "w", 1) != 1) std::_Exit(9);
+                [](const struct kisam_wait* w, void* p) {
+                    if (w->event == KISAM_WAIT_BEGIN) static_cast<kt::Pipe*>(p)->signal();
                     return 0;
                 },
-                &ready[1], give_up ? KISAM_WAIT_GIVE_UP : 0);
+                &ready, give_up ? KISAM_WAIT_GIVE_UP : 0);
             int r = 0;
             const std::string err = kt::capture_output(2, [&] { r = is_init(); });
             if (r == 0) return is_env.useridx == 1 ? 0 : 3;
             const bool said = err.find("cannot be taken over") != std::string::npos;
             return 10 + (kt::stack_code() & 0xFF) + (said ? 0 : 100);
         });
-    }
-    // Waits until the attacher waits for a lock.
-    static void await_wait(int ready[2]) {
-        char w = 0;
-        ASSERT_EQ(::read(ready[0], &w, 1), 1);
+        ready.close_write();
+        EXPECT_EQ(ready.wait(), 'x') << "the attacher does not wait";
+        return pid;
     }
 
-    std::unique_ptr<kt::Installation> inst_;
     int fd_ = -1;
     IS_FCP* fcp_ = nullptr;
 };
@@ -235,20 +211,7 @@ protected:
 // full, and the failure says so with its own detail and a message, not as a table full
 // of live processes.
 TEST_F(CrashFullTable, ADeadSlotThatCannotBeCleanedUpIsReported) {
-    int ready[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    const pid_t late = attacher(ready, true);
-    ::close(ready[1]);
-    await_wait(ready);
-    // (A signal that comes before the wait has begun is lost: sent until it ends.)
-    int st = 0;
-    for (int k = 0; k < 6000 && ::waitpid(late, &st, WNOHANG) == 0; ++k) {
-        ::kill(late, SIGUSR1);
-        ::usleep(10000);
-    }
-    ASSERT_TRUE(WIFEXITED(st));
-    EXPECT_EQ(WEXITSTATUS(st), 10 + 15);
-    ::close(ready[0]);
+    EXPECT_EQ(kt::interrupt_until_done(attacher(true)), 10 + 15);
     is_unlock(&fcp_->jd_fcplock);
 }
 
@@ -256,16 +219,11 @@ TEST_F(CrashFullTable, ADeadSlotThatCannotBeCleanedUpIsReported) {
 // does: the slot is free when the wait ends, and the new process takes it instead of
 // failing with the table full.
 TEST_F(CrashFullTable, ASlotCleanedUpByAnotherWhileWaitingIsTaken) {
-    int ready[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    const pid_t late = attacher(ready, false);
-    ::close(ready[1]);
-    await_wait(ready);
+    const pid_t late = attacher(false);
     int pids[2];
     EXPECT_EQ(kisam_reap(pids, 2), 1);
     is_unlock(&fcp_->jd_fcplock);
     EXPECT_EQ(kt::wait_child(late), 0) << "10 + the detail of is_init's failure";
-    ::close(ready[0]);
     // The killed call was rolled back.
     char rec[sizeof kRec] = {};
     EXPECT_EQ(nisfind(fd_, 0, "abcd", rec, sizeof rec), static_cast<int>(sizeof kRec));
@@ -278,10 +236,7 @@ TEST_F(CrashFullTable, ASlotCleanedUpByAnotherWhileWaitingIsTaken) {
 // A process killed at any lock call of its attach -- also after it took its slot in the
 // process table but before it holds the lock that says it lives -- leaves a slot that
 // the next process to attach takes over: with room for two, this one and one more.
-TEST(CrashTable, KilledAnywhereInItsAttachItLeavesNoSlotBehind) {
-    kt::Config c;
-    c.maxusers = 2;
-    kt::Installation inst(c);
+TEST_F(CrashTable, KilledAnywhereInItsAttachItLeavesNoSlotBehind) {
     ASSERT_EQ(is_init(), 0);
     int kills = 0;
     for (int n = 1;; ++n) {
@@ -303,7 +258,6 @@ TEST(CrashTable, KilledAnywhereInItsAttachItLeavesNoSlotBehind) {
             << "killed at lock call " << n << " of its attach, a process kept its slot";
     }
     EXPECT_GT(kills, 1);
-    nisunisam();
 }
 
 }  // namespace
@@ -361,26 +315,16 @@ TEST_F(CrashMarked, MarkOfADeadWriterIsClearedByTheLastToLeave) {
     int other = create("g", {4});
     ASSERT_GE(other, 0);
     const std::string f = path("f");
-    const std::string count = path("count");
+    int& n = shared<int>();
     pid_t pid = hold([&] {
         ot::become_unattached();
         int d = nisopen(f.c_str(), ISO_RDWR);
-        const int n = d >= 0 ? write_until_marked(d, f) : -1;
-        if (n < 0) return 1;
-        FILE* c = std::fopen(count.c_str(), "w");
-        if (!c) return 2;
-        std::fprintf(c, "%d\n", n);
-        std::fclose(c);
-        return 0;
+        n = d >= 0 ? write_until_marked(d, f) : -1;
+        return n < 0 ? 1 : 0;
     });
     const bool marked = marked_on_disk(f);
     kill(pid);  // before any assertion can end the test: a live holder would outlast it
     ASSERT_TRUE(marked) << "the mark is on the disk";
-    int n = 0;
-    FILE* c = std::fopen(count.c_str(), "r");
-    ASSERT_NE(c, nullptr);
-    ASSERT_EQ(std::fscanf(c, "%d", &n), 1);
-    std::fclose(c);
     ASSERT_EQ(nisclose(other), 0);
     nisunisam();  // the last to leave: the area goes
     EXPECT_FALSE(marked_on_disk(f)) << "the last to leave clears the mark";
@@ -397,6 +341,7 @@ TEST_F(CrashMarked, MarkOfADeadWriterIsClearedByTheLastToLeave) {
 // writer's calls made is lost.
 TEST_F(CrashMarked, WriterKilledWhileItsCloseClearsTheMark) {
     int kills = 0;
+    int& n = shared<int>();
     for (kt::Faults::Kind kind : {kt::Faults::kWrite, kt::Faults::kSync}) {
         for (int at = 1;; ++at) {
             SCOPED_TRACE(std::string(kind == kt::Faults::kWrite ? "write " : "sync ") + std::to_string(at));
@@ -407,28 +352,18 @@ TEST_F(CrashMarked, WriterKilledWhileItsCloseClearsTheMark) {
             ASSERT_GE(fd, 0);
             const std::string r0 = ko::record(kL, 9999, 0, 20);
             ASSERT_EQ(niswrite(fd, r0.data(), 20), 0);
-            const std::string count = path("count");
-            ::unlink(count.c_str());
+            n = -1;
             const int rc = kt::run_child([&] {
                 ot::become_unattached();
                 int d = nisopen(f.c_str(), ISO_RDWR);
                 if (d < 0) return 20;
-                const int n = write_until_marked(d, f);
-                if (n < 0) return 21;
-                FILE* c = std::fopen(count.c_str(), "w");
-                if (!c) return 23;
-                std::fprintf(c, "%d\n", n);
-                std::fclose(c);
+                if ((n = write_until_marked(d, f)) < 0) return 21;
                 kt::Faults kill;
                 kill.arm(kind, at, kt::Faults::kKill);
                 nisclose(d);
                 return 22;
             });
-            int n = 0;
-            FILE* c = std::fopen(count.c_str(), "r");
-            ASSERT_NE(c, nullptr) << "child ended " << rc;
-            ASSERT_EQ(std::fscanf(c, "%d", &n), 1);
-            std::fclose(c);
+            ASSERT_GE(n, 0) << "child ended " << rc;
             if (rc != 22) {
                 ASSERT_EQ(rc, 128 + SIGKILL);
                 ++kills;

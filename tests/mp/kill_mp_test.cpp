@@ -17,7 +17,6 @@
 
 #include "kcheck.h"
 #include "oracle.h"
-#include "os.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -339,23 +338,6 @@ protected:
 // has left (cleaning the dead one up as the close would have); and, when a process that
 // opened the file after the kill made a call and died too, the last one attached, once
 // recovery has replayed the log.
-int kill_at = 0, calls_made = 0;
-void tick() {
-    if (++calls_made == kill_at) ::raise(SIGKILL);
-}
-ssize_t ticking_pwrite(int fd, const void* b, size_t n, off_t off) {
-    tick();
-    return kisam::os_real.pwrite(fd, b, n, off);
-}
-int ticking_fdatasync(int fd) {
-    tick();
-    return kisam::os_real.fdatasync(fd);
-}
-int ticking_lock(int fd, int cmd, struct flock* fl) {
-    tick();
-    return kisam::os_real.fcntl_lock(fd, cmd, fl);
-}
-
 TEST_F(KillTest, KilledAnywhereInAnOpenCallsAndTheLastClose) {
     std::string file, keep;
     small_pool_with_two_files(&file, &keep);
@@ -370,10 +352,8 @@ TEST_F(KillTest, KilledAnywhereInAnOpenCallsAndTheLastClose) {
         return kt::start_child([&, k, first]() -> int {
             done.close_read();
             ot::become_unattached();
-            kill_at = k;
-            kisam::os.pwrite = ticking_pwrite;
-            kisam::os.fdatasync = ticking_fdatasync;
-            kisam::os.fcntl_lock = ticking_lock;
+            kt::Faults kill;
+            kill.arm(kt::Faults::kChanges, k, kt::Faults::kKill);
             const int fd = nisopen(file.c_str(), ISO_RDWR);
             if (fd < 0) return 1;
             for (int i = 0; i < kCalls; ++i) {
@@ -485,12 +465,11 @@ TEST_F(KillTest, ACleanerKilledAnywhereInTheLastCloseItFinishesLeavesItToTheNext
                   128 + SIGKILL);
         const int rc = kt::run_child([&] {
             ot::become_unattached();
-            kill_at = k;
-            kisam::os.pwrite = ticking_pwrite;
-            kisam::os.fdatasync = ticking_fdatasync;
-            kisam::os.fcntl_lock = ticking_lock;
-            if (is_init() != 0) return 1;  // cleans the dead writer up
-            kisam::os = kisam::os_real;
+            {
+                kt::Faults kill;
+                kill.arm(kt::Faults::kChanges, k, kt::Faults::kKill);
+                if (is_init() != 0) return 1;  // cleans the dead writer up
+            }
             nisunisam();
             return 0;
         });

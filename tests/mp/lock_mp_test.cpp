@@ -1,13 +1,13 @@
-// Locks between real processes.  The lock words: exclusion, takeover of a dead
-// holder's word, the non-waiting request, a refused cycle of waits.  Record locks: a
-// randomized comparison with a model, conflicts, waits and prefix overlap.  A record-lock
-// wait whose control lock cannot be taken back ends in ISE_DEADLOCK after its bound.
-// Control locks, words taken in memory: crossed waits for two files refused to the one
-// that closes the cycle, sleepers on a killed holder's word, a holder that execs, a
-// child forked without is_chinit that ends holding a word, a bracket shared by the
-// threads of a process, random orders of control and record locks
-// in three processes that never hang.  The wait hook: it learns the holder, what it holds and the file; a signal gives the
-// wait up when the hook (or the flag) says so, and the call then fails with
+// Locks between real processes.  The lock words: exclusion and a refused cycle of waits
+// (a dead holder's word taken over: crash_mp_test).  Record locks: a randomized
+// comparison with a model, conflicts, waits and prefix overlap.  A record-lock wait whose
+// control lock cannot be taken back ends in ISE_DEADLOCK after its bound.  Control locks,
+// words taken in memory: crossed waits for two files refused to the one that closes the
+// cycle, sleepers on a killed holder's word, a holder that execs, a child forked without
+// is_chinit that ends holding a word, a bracket shared by the threads of a process,
+// random orders of control and record locks in three processes that never hang.  The
+// wait hook: it learns the holder, what it holds and the file; a signal gives the wait
+// up when the hook (or the flag) says so, and the call then fails with
 // KISAM_ISE_INTERRUPTED having changed and kept nothing.  A free control lock costs no
 // lock request, hook or not; a failed request refuses its call with a code.
 #include "../engine/open_fixture.h"
@@ -50,20 +50,19 @@ int child_attach() {
 
 uint32_t load(const unsigned* w) { return std::atomic_ref<const uint32_t>(*w).load(); }
 
-class LockMp : public ::testing::Test {
+// The segment attached by its raw steps, without the library's start-up.
+class LockMp : public Env {
 protected:
     void SetUp() override {
-        inst_ = std::make_unique<kt::Installation>(cfg_);
-        ASSERT_EQ(kt::attach_raw(*inst_, cfg_), 0);
+        Env::SetUp();
+        ASSERT_EQ(kt::attach_raw(*inst_, kt::Config()), 0);
     }
     void TearDown() override {
         kt::detach_raw();
-        inst_.reset();
+        Env::TearDown();
     }
     unsigned* opcl() { return &isam_com->opcl_lock; }
     unsigned* freel() { return &isam_com->free_lock; }
-    kt::Config cfg_;
-    std::unique_ptr<kt::Installation> inst_;
 };
 
 TEST_F(LockMp, OneHolderAtATime) {
@@ -95,27 +94,6 @@ TEST_F(LockMp, OneHolderAtATime) {
     EXPECT_EQ(load(opcl()), 0u);
 }
 
-TEST_F(LockMp, KilledHolderLeavesAStaleWordThatIsTakenOver) {
-    kt::Pipe held;
-    pid_t c = kt::start_child([&] {
-        if (child_attach() != 0 || is_lock(opcl()) != 0) return 2;
-        held.signal();
-        for (;;) ::pause();
-    });
-    ASSERT_EQ(held.wait(), 'x');
-    EXPECT_EQ(is_lockitnw(kisam::com_offset(opcl())), -1);  // held elsewhere: refused at once
-    ::kill(c, SIGKILL);
-    EXPECT_EQ(kt::wait_child(c), 128 + SIGKILL);
-    EXPECT_EQ(load(opcl()), static_cast<uint32_t>(c));  // the word still names the dead holder
-    ASSERT_EQ(is_lock(opcl()), 0);
-    EXPECT_EQ(is_lock_stale, 1);
-    EXPECT_EQ(load(opcl()), static_cast<uint32_t>(is_pid));
-    is_unlock(opcl());
-    ASSERT_EQ(is_lock(opcl()), 0);
-    EXPECT_EQ(is_lock_stale, 0);
-    is_unlock(opcl());
-}
-
 TEST_F(LockMp, CycleOfWaitsIsRefusedWithoutAborting) {
     // The parent holds opcl and waits for free; the child holds free and asks for opcl.
     // The request that closes the cycle returns -1 holding nothing new.
@@ -129,8 +107,7 @@ TEST_F(LockMp, CycleOfWaitsIsRefusedWithoutAborting) {
         child_holds.signal();
         parent_waits.wait();
         // Wait until the parent is really blocked on free's range.
-        for (int i = 0; i < 5000 && is_env.needs_[parent_slot] != free_off; ++i) ::usleep(1000);
-        if (is_env.needs_[parent_slot] != free_off) return 3;
+        if (!kt::await([&] { return is_env.needs_[parent_slot] == free_off; })) return 3;
         ::usleep(20000);
         errno = 0;
         if (is_lock(opcl()) != -1 || errno != EDEADLK) return 4;
@@ -153,14 +130,6 @@ TEST_F(LockMp, CycleOfWaitsIsRefusedWithoutAborting) {
 
 class Fwait : public Env {};
 
-// True while some process of the installation waits for the lock-file range of word.
-bool someone_waits_for(volatile unsigned* word) {
-    const auto o = static_cast<uint32_t>(kisam::com_offset(word));
-    for (int i = 0; i < isam_com->maxusers; ++i)
-        if (is_env.needs_[i] == o) return true;
-    return false;
-}
-
 TEST_F(Fwait, RetakeRefusedUntilTheBoundEndsInDeadlock) {
     const int f1 = create("f1", {4});
     const int f2 = create("f2", {4});
@@ -176,7 +145,7 @@ TEST_F(Fwait, RetakeRefusedUntilTheBoundEndsInDeadlock) {
     pid_t h = kt::start_child([&] {
         if (is_chinit() != 0 || nislock(f1, "k", 1, 1) != 0) return 1;
         held.signal();
-        while (!someone_waits_for(&c2->jd_fcplock)) ::usleep(1000);
+        kt::await([&] { return kt::waiting_for(&c2->jd_fcplock) > 0; }, 1 << 30);
         ::usleep(100000);   // B is inside its wait by now
         ::_exit(0);         // dies holding the lock
     });
@@ -188,7 +157,7 @@ TEST_F(Fwait, RetakeRefusedUntilTheBoundEndsInDeadlock) {
     // for f2's control lock, which the parent keeps.
     pid_t b = kt::start_child([&] {
         if (is_chinit() != 0) return 1;
-        while (is_env.needs_[me] == 0) ::usleep(1000);
+        kt::await([&] { return is_env.needs_[me] != 0; }, 1 << 30);
         if (nisgetctl(f1) != 0) return 2;
         if (nisgetctl(f2) != 0) return 3;
         nisrelctl(f2);
@@ -222,19 +191,9 @@ TEST_F(Fwait, RetakeRefusedUntilTheBoundEndsInDeadlock) {
 
 class CtlWords : public Env {
 protected:
-    // How many processes sleep on the control lock of fd (their need entries name it).
-    static int sleepers(int fd) {
-        const auto o = static_cast<uint32_t>(kisam::com_offset(&ot::shared_fcp(fd)->jd_fcplock));
-        int n = 0;
-        for (int i = 0; i < isam_com->maxusers; ++i) n += is_env.pid_[i] != 0 && is_env.needs_[i] == o;
-        return n;
-    }
+    // Whether n processes come to sleep on the control lock of fd.
     static bool wait_for_sleepers(int fd, int n) {
-        for (int i = 0; i < 5000; ++i) {
-            if (sleepers(fd) >= n) return true;
-            ::usleep(1000);
-        }
-        return false;
+        return kt::await([&] { return kt::waiting_for(&ot::shared_fcp(fd)->jd_fcplock) >= n; });
     }
     static uint32_t ctl_word(int fd) {
         return std::atomic_ref<uint32_t>(kisam::isx_file_of(is_db[fd]->uniqueid)->xf_ctl_word).load();
@@ -344,8 +303,7 @@ TEST_F(CtlWords, AChildWithoutChinitThatEndsHoldingAWordLeavesItToBeTakenOver) {
         ::_exit(0);  // ends holding it
     }
     // Not waited for yet: the child stays a zombie while the parent takes the word.
-    for (int i = 0; i < 5000 && ctl_word(f) == 0; ++i) ::usleep(1000);
-    ASSERT_NE(ctl_word(f), 0u);
+    ASSERT_TRUE(kt::await([&] { return ctl_word(f) != 0; }));
     ::usleep(20000);
     ASSERT_EQ(nisgetctl(f), 0);
     EXPECT_EQ(nisrelctl(f), 0);
@@ -551,7 +509,7 @@ TEST_F(RecLock, ConflictsWaitsAndOverlapBetweenProcesses) {
         locked.signal();
         go.wait();
         // Release once the parent sleeps on the lock.
-        while (is_env.needs_[me] == 0) ::usleep(1000);
+        kt::await([&] { return is_env.needs_[me] != 0; }, 1 << 30);
         ::usleep(20000);
         if (nisunlock(fd, "ab", 2, 0) != 0) return 4;
         if (nisunlock(fd, "ab", 2, 0) != -1) return 5;
@@ -619,7 +577,7 @@ struct Seen {
 };
 Seen seen;
 int hook_answer = 0;
-int begin_pipe = -1;
+kt::Pipe* begin_pipe = nullptr;   // told of each wait that begins
 
 int hook(const struct kisam_wait* w, void*) {
     if (w->event == KISAM_WAIT_BEGIN) {
@@ -627,7 +585,7 @@ int hook(const struct kisam_wait* w, void*) {
         seen.holder = w->holder;
         seen.what = w->what;
         std::snprintf(seen.file, sizeof seen.file, "%s", w->file ? w->file : "");
-        if (begin_pipe >= 0) (void)!::write(begin_pipe, "b", 1);
+        if (begin_pipe) begin_pipe->signal('b');
     } else if (w->event == KISAM_WAIT_SIGNAL) {
         ++seen.signals;
         seen.can_give_up = w->can_give_up;
@@ -640,54 +598,27 @@ int hook(const struct kisam_wait* w, void*) {
     return 0;
 }
 
-void on_usr1(int) {}
-
-// A handler that interrupts system calls (no SA_RESTART), as a program that wants its
-// waits to end installs it.
-void interrupting_usr1() {
-    struct sigaction sa;
-    std::memset(&sa, 0, sizeof sa);
-    sa.sa_handler = on_usr1;
-    sigemptyset(&sa.sa_mask);
-    ::sigaction(SIGUSR1, &sa, nullptr);
-}
-
 bool ends_with(const std::string& s, const std::string& tail) {
     return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
-}
-
-// Sends SIGUSR1 to pid until it has ended (the wait may be entered just after a signal).
-int interrupt_until_done(pid_t pid) {
-    for (int i = 0; i < 500; ++i) {
-        ::kill(pid, SIGUSR1);
-        int st;
-        pid_t r = ::waitpid(pid, &st, WNOHANG);
-        if (r == pid) return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-        ::usleep(10000);
-    }
-    ::kill(pid, SIGKILL);
-    return kt::wait_child(pid) + 1000;
 }
 
 // Runs wait in a child whose hook gives the wait up at a signal, and interrupts the
 // child once its hook heard of the wait; the child's status (wait's result).
 int given_up(const std::function<int()>& wait) {
-    int pfd[2];
-    if (::pipe(pfd) != 0) return -1;
-    pid_t child = kt::start_child([&] {
-        interrupting_usr1();
+    kt::Pipe began;
+    const pid_t child = kt::start_child([&] {
+        began.close_read();
+        kt::interrupting_usr1();
         if (is_chinit() != 0) return 1;
-        begin_pipe = pfd[1];
+        begin_pipe = &began;
         hook_answer = 1;
         kisam_set_wait_hook(hook, nullptr, 0);
         return wait();
     });
-    ::close(pfd[1]);
-    char c;
-    const bool began = ::read(pfd[0], &c, 1) == 1;   // else the child ended without a wait
-    ::close(pfd[0]);
-    const int st = interrupt_until_done(child);
-    return began ? st : 1000 + st;
+    began.close_write();
+    const bool waited = began.wait() != 0;   // else the child ended without a wait
+    const int st = kt::interrupt_until_done(child, 5);
+    return waited ? st : 1000 + st;
 }
 
 // A wait given up: the hook was told who holds what in which file, the call fails with
@@ -750,27 +681,25 @@ TEST_F(WaitHook, ASignalNotGivenUpKeepsTheWaitUntilTheHolderLetsGo) {
         SCOPED_TRACE(with_hook ? "the hook lets it pass" : "no hook, no flag");
         const std::string rec = with_hook ? "abcd-record" : "abce-record";
         ASSERT_EQ(nisgetctl(fd), 0);
-        int pfd[2];
-        ASSERT_EQ(::pipe(pfd), 0);
+        kt::Pipe ready;
         pid_t child = kt::start_child([&] {
-            interrupting_usr1();
+            ready.close_read();
+            kt::interrupting_usr1();
             if (is_chinit() != 0) return 1;
             if (with_hook) {
-                begin_pipe = pfd[1];
+                begin_pipe = &ready;
                 hook_answer = 0;
                 kisam_set_wait_hook(hook, nullptr, 0);
-            } else if (::write(pfd[1], "r", 1) != 1) {
-                return 5;
+            } else {
+                ready.signal('r');
             }
             if (niswrite(fd, rec.data(), 11) != 0) return 2;
             if (with_hook && (seen.begins != 1 || seen.ends != 1 || seen.signals < 1 || seen.given_up != 0)) return 3;
             if (with_hook && seen.seconds <= 0) return 4;
             return 0;
         });
-        ::close(pfd[1]);
-        char c;
-        ASSERT_EQ(::read(pfd[0], &c, 1), 1);
-        ::close(pfd[0]);
+        ready.close_write();
+        ASSERT_NE(ready.wait(), 0);
         for (int i = 0; i < 5; ++i) {
             ::kill(child, SIGUSR1);
             ::usleep(20000);
@@ -787,10 +716,9 @@ TEST_F(WaitHook, TheFlagGivesUpAnOpenWaitingForTheOpenLockWithoutAHook) {
     int fd = create("f", {4});
     ASSERT_GE(fd, 0);
     ASSERT_EQ(nisclose(fd), 0);
-    const uint32_t o = static_cast<uint32_t>(kisam::com_offset(&isam_com->opcl_lock));
     kt::Pipe ready, go;
     pid_t child = kt::start_child([&] {
-        interrupting_usr1();
+        kt::interrupting_usr1();
         if (is_chinit() != 0) return 1;
         kisam_set_wait_hook(nullptr, nullptr, KISAM_WAIT_GIVE_UP);
         ready.signal();
@@ -803,13 +731,8 @@ TEST_F(WaitHook, TheFlagGivesUpAnOpenWaitingForTheOpenLockWithoutAHook) {
     ASSERT_EQ(is_lock(&isam_com->opcl_lock), 0);
     go.signal();
     // Once the child waits for the range, interrupt it.
-    bool waiting = false;
-    for (int i = 0; i < 1000 && !waiting; ++i) {
-        for (int u = 0; u < isam_com->maxusers; ++u) waiting |= is_env.needs_[u] == o;
-        if (!waiting) ::usleep(2000);
-    }
-    EXPECT_TRUE(waiting);
-    EXPECT_EQ(interrupt_until_done(child), 0);
+    EXPECT_TRUE(kt::await([] { return kt::waiting_for(&isam_com->opcl_lock) > 0; }, 2000));
+    EXPECT_EQ(kt::interrupt_until_done(child, 5), 0);
     is_unlock(&isam_com->opcl_lock);
 }
 

@@ -1,17 +1,19 @@
 // The redo log and the journals as a program sees them: kisam_sync puts what the process
 // committed on disk, durable mode waits for the disk at every changing call and lets
 // processes that end their calls together share a sync, and a segment made anew replays
-// what killed processes left in the logs (kisam_last_recovery tells).  A rollback that
+// what killed processes left in the logs (kisam_last_recovery tells); the process that
+// syncs for the others may be killed in its sync or jump out of it.  A rollback that
 // could not reach the disk waits in its journal; a program that reads the file itself
 // asks kisam_pending first and settles it with kisam_settle.
 #include "../engine/open_fixture.h"
 #include "oracle.h"
 
+#include "isx_area.h"
 #include "kcheck.h"
 #include "os.h"
 
+#include <setjmp.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 
 #include <atomic>
@@ -110,9 +112,7 @@ int slow_sync(int fd) {
 TEST_F(Log, DurableWritersShareSyncs) {
     constexpr int kWriters = 4, kCalls = 40;
     const std::string file = made("shared", {8});
-    void* m = ::mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    ASSERT_NE(m, MAP_FAILED);
-    g_syncs = new (m) std::atomic<int>(0);
+    g_syncs = &shared<std::atomic<int>>();
     kt::Pipe go;
     pid_t kids[kWriters];
     for (int w = 0; w < kWriters; ++w) {
@@ -138,8 +138,6 @@ TEST_F(Log, DurableWritersShareSyncs) {
     std::printf("%d durable calls, %d syncs\n", kWriters * kCalls, total);
     EXPECT_GE(total, kCalls) << "a writer returned before its record was synced";
     EXPECT_LT(total, kWriters * kCalls) << "no sync was shared";
-    ::munmap(m, sizeof(std::atomic<int>));
-    g_syncs = nullptr;
     int fd = nisopen(file.c_str(), ISO_RDONLY);
     ASSERT_GE(fd, 0);
     for (int w = 0; w < kWriters; ++w)
@@ -188,6 +186,144 @@ TEST_F(Log, ASegmentMadeAnewReplaysTheLogsOfKilledProcesses) {
     EXPECT_EQ(r.self, 0);
     EXPECT_EQ(r.logs, 0) << "replayed twice";
 }
+
+// ---- group commit when the process that syncs for the others goes away -----------------
+//
+// Killed inside its sync (the others must not wait for it forever, nor take a sync it
+// never finished for done), or leaving the call by a signal handler's jump (its next call
+// gives the sync up).
+
+class GroupCommit : public ot::Env {};
+
+// Sync slots taken by a process that syncs for the others, over every file.
+int sync_leads() {
+    int n = 0;
+    for (int u = 0; isx_area && u < isam_com->maxopen; ++u)
+        for (int i = 0; i < ISX_SYNC_SLOTS; ++i) n += kisam::isx_sync_of(u)->xs_lead[i] != 0;
+    return n;
+}
+
+// The process that syncs for the group is killed inside its sync, again and again: the
+// others find its slot given up by a dead process and sync themselves; every call that
+// returned is in the file.  The killed writers are reaped only after the others ended,
+// so that a dead one is still a process (a zombie) while they wait.
+constexpr int kWriters = 3, kCalls = 100;
+struct Shared {
+    std::atomic<int> returned[kWriters];
+    std::atomic<int> syncs;
+};
+Shared* g_shared = nullptr;
+int dying_sync(int fd) {
+    // Every 20th sync of the installation kills its maker before it reaches the disk.
+    if (g_shared->syncs.fetch_add(1) % 20 == 19) ::kill(::getpid(), SIGKILL);
+    return kisam::os_real.fdatasync(fd);
+}
+
+TEST_F(GroupCommit, LeaderKilledInsideItsSync) {
+    const std::string file = made("g", {8});
+    g_shared = &shared<Shared>();
+    Durable d;
+    // Writer w writes ids w * 10000 + i in rounds; a round's writers that die are
+    // replaced by new ones that go on from where the dead one's returned calls ended.
+    int next[kWriters] = {};
+    int rounds = 0, killed = 0;
+    while (rounds < 80) {
+        bool all_done = true;
+        for (int w = 0; w < kWriters; ++w) all_done = all_done && next[w] >= kCalls;
+        if (all_done) break;
+        ++rounds;
+        kt::Pipe go;
+        pid_t kids[kWriters];
+        for (int w = 0; w < kWriters; ++w) {
+            const int from = next[w];
+            kids[w] = kt::start_child([&, w, from] {
+                go.close_write();
+                ::alarm(60);  // a writer that waits forever for a dead one fails, not hangs
+                int fd = nisopen(file.c_str(), ISO_RDWR);
+                if (fd < 0) return 1;
+                if (go.wait() != 'x') return 2;
+                kisam::os.fdatasync = dying_sync;
+                for (int i = from; i < kCalls; ++i) {
+                    // A killed writer's last call may have committed without returning: the
+                    // record is there already.
+                    const int r = put(fd, w * 10000 + i);
+                    if (r != 0 && !(r == 1 && i == from)) return 3;
+                    g_shared->returned[w].store(i + 1);
+                }
+                kisam::os.fdatasync = kisam::os_real.fdatasync;
+                nisclose(fd);
+                nisunisam();
+                return 0;
+            });
+        }
+        go.close_read();
+        for (int w = 0; w < kWriters; ++w) go.signal();
+        // Every writer ends, by itself or killed, before any is reaped: a killed one
+        // stays a process (a zombie) while the others wait.
+        for (int w = 0; w < kWriters; ++w) {
+            siginfo_t si{};
+            ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(kids[w]), &si, WEXITED | WNOWAIT), 0);
+        }
+        int status[kWriters];
+        for (int w = 0; w < kWriters; ++w) status[w] = kt::wait_child(kids[w]);
+        for (int w = 0; w < kWriters; ++w) {
+            ASSERT_TRUE(status[w] == 0 || status[w] == 128 + SIGKILL) << "writer " << w << " status " << status[w];
+            if (status[w] != 0) ++killed;
+            next[w] = g_shared->returned[w].load();
+        }
+    }
+    EXPECT_GT(killed, 0) << "no sync was cut short by a kill";
+    for (int w = 0; w < kWriters; ++w) EXPECT_EQ(next[w], kCalls) << "writer " << w << " never finished";
+    int fd = nisopen(file.c_str(), ISO_RDONLY);
+    ASSERT_GE(fd, 0);
+    for (int w = 0; w < kWriters; ++w)
+        for (int i = 0; i < next[w]; ++i) EXPECT_EQ(look(fd, w * 10000 + i), 0) << w << " " << i;
+    EXPECT_EQ(nisclose(fd), 0);
+    EXPECT_EQ(sync_leads(), 0);
+}
+
+// A signal handler jumps out of a durable call while the call syncs for the group: the
+// sync it took is given up when the process's next call begins.
+sigjmp_buf g_jump;
+bool g_jump_now = false;
+void on_usr1(int) { siglongjmp(g_jump, 1); }
+int jumping_sync(int fd) {
+    if (g_jump_now) {
+        g_jump_now = false;
+        ::raise(SIGUSR1);
+    }
+    return kisam::os_real.fdatasync(fd);
+}
+
+TEST_F(GroupCommit, SyncLeftByAJumpIsGivenUp) {
+    const std::string file = made("g", {8});
+    Durable d;
+    int fd = nisopen(file.c_str(), ISO_RDWR);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(put(fd, 1), 0);
+    struct sigaction sa {};
+    sa.sa_handler = on_usr1;
+    ASSERT_EQ(::sigaction(SIGUSR1, &sa, nullptr), 0);
+    kisam::os.fdatasync = jumping_sync;
+    g_jump_now = true;
+    if (sigsetjmp(g_jump, 1) == 0) {
+        put(fd, 2);
+        ADD_FAILURE() << "the call was not left";
+    }
+    kisam::os.fdatasync = kisam::os_real.fdatasync;
+    signal(SIGUSR1, SIG_DFL);
+    ASSERT_EQ(sync_leads(), 1) << "the jump left the sync slot taken by this process";
+    // Its next call gives it up.
+    EXPECT_EQ(look(fd, 1), 0);
+    EXPECT_EQ(sync_leads(), 0);
+    // The call that was left had committed: it is in the file, and durable calls go on.
+    EXPECT_EQ(look(fd, 2), 0);
+    ASSERT_EQ(put(fd, 4), 0) << is_errno;
+    EXPECT_EQ(kisam_sync(), 0);
+    EXPECT_EQ(look(fd, 4), 0);
+    EXPECT_EQ(nisclose(fd), 0);
+}
+
 
 // ---- rollbacks left in a journal ---------------------------------------------------------
 

@@ -1,7 +1,7 @@
-// Attach, open and close between processes: a second attacher finds the segment as the
-// first left it, the last detach removes it and never meets an attach in the middle; one
-// shared slot per file, the use count, create refused while the file is open elsewhere,
-// the segment going away with the last process, and a refused wait for opcl_lock.
+// Attach, open and close between processes: the last detach never meets an attach in
+// the middle; one shared slot per file, the use count, create refused while the file is
+// open elsewhere, the segment going away with the last process, and a refused wait for
+// opcl_lock.
 #include "../engine/open_fixture.h"
 
 #include "is_common.h"
@@ -20,47 +20,7 @@ using ot::stack_code;
 
 class OpenMp : public Env {};
 
-constexpr uint32_t kMarker = 0x5EED1234;
-
 bool segment_exists(const kt::Installation& inst) { return ::shmget(inst.key(), 0, 0) >= 0; }
-
-TEST_F(OpenMp, SecondAttacherFindsItAsLeftAndLastDetachRemovesIt) {
-    kt::Config k;
-    kt::Installation& inst = *inst_;
-    ASSERT_EQ(kt::attach_raw(inst, k), 0);
-    ASSERT_EQ(is_firstcomf, 1);
-    char* block = allocncom(32);
-    ASSERT_NE(block, nullptr);
-    std::memcpy(block, &kMarker, sizeof kMarker);
-    const RELt rel = kisam::rel_of(block);
-    struct is_config conf = kt::to_record(k);
-    ASSERT_EQ(sizecomm(&conf), 0);
-
-    kt::Pipe attached, leave;
-    pid_t c = kt::start_child([&]() -> int {
-        ::shmdt(isam_com);  // attach afresh, as another program would
-        char* p = getcomm(inst.key(), conf.co_comsize);
-        if (p == reinterpret_cast<char*>(-1)) return 2;
-        isam_com = reinterpret_cast<struct isam_com*>(p);
-        if (is_firstcomf != 0) return 3;
-        if (isam_com->iscom_magicval != ISCOM_MAGIC || isam_com->iscom_version != ISCOM_VERSION) return 4;
-        is_setenv();
-        uint32_t m;
-        std::memcpy(&m, kisam::rel_ptr(rel), sizeof m);
-        if (m != kMarker) return 5;
-        if (is_env.pid_[0] != ::getppid()) return 6;
-        attached.signal();
-        leave.wait();
-        freecom();  // not the last: only detaches
-        return 0;
-    });
-    ASSERT_EQ(attached.wait(), 'x');
-    leave.signal();
-    EXPECT_EQ(kt::wait_child(c), 0);
-    EXPECT_TRUE(segment_exists(inst));
-    kt::detach_raw();
-    EXPECT_FALSE(segment_exists(inst));
-}
 
 // Processes that attach and detach over and over while others do the same: the last
 // detacher's removal must never meet an attach in the middle, or one process would end up
@@ -213,10 +173,7 @@ TEST_F(OpenMp, RefusedWaitForOpclLockFailsCleanly) {
     });
     ASSERT_EQ(ready.wait(), 'x');
     // Wait until the child sleeps on a's control lock.
-    for (bool asleep = false; !asleep; ::usleep(1000))
-        for (int i = 0; i < isam_com->maxusers; ++i)
-            asleep |= is_env.pid_[i] == child && is_env.needs_[i] != 0 &&
-                      isam_com->opcl_lock == static_cast<uint32_t>(child);
+    kt::await([&] { return kt::waiting(child) && isam_com->opcl_lock == static_cast<uint32_t>(child); }, 1 << 30);
     ::usleep(20000);  // the entry is set just before the child blocks
     short files = n_ufiles;
     EXPECT_EQ(nisclose(b), -1);

@@ -13,12 +13,15 @@
 #include "is_rec.h"
 #include "isx_area.h"
 #include "kcheck.h"
+#include "oracle.h"
 #include "test_hook.h"
 
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <ostream>
@@ -92,6 +95,7 @@ protected:
         kt::Config c;
         c.maxbuf = static_cast<int16_t>(buffers);
         Env::start(c);
+        *stop_ = false;
         path_ = path("r.ism");
         other_ = made("other.ism", {kK0});
         seed_ = kt::test_seed(0xC0FFEE);
@@ -105,8 +109,7 @@ protected:
         ASSERT_EQ(nisunisam(), 0);
     }
 
-    std::string stop_file() const { return inst_->path("stop"); }
-    bool stopped() const { return ::access(stop_file().c_str(), F_OK) == 0; }
+    bool stopped() const { return stop_->load(); }
 
     // A writer owning the ids of residue w modulo `of`: new generations by update, by
     // delete and write again, and by forced write; with `other`, a record of the other
@@ -151,8 +154,8 @@ protected:
     }
 
     // A reader: random finds and scans by every key in both directions, whole records
-    // and cut ones, until the stop file appears.  Writes how many reads it made and how
-    // many of them took no lock to reads.<r>.
+    // and cut ones, until told to stop.  Leaves how many reads it made and how
+    // many of them took no lock in figures_[r].
     int reader(int r) {
         if (is_init() != 0) return 60;
         int fd = nisopen(path_.c_str(), ISO_RDWR);
@@ -201,32 +204,16 @@ protected:
                 prev = o;
             }
         }
-        FILE* f = std::fopen(inst_->path("reads." + std::to_string(r)).c_str(), "w");
-        if (f) {
-            std::fprintf(f, "%ld %lu\n", reads, is_nolock_reads - nolock0);
-            std::fclose(f);
-        }
+        (*figures_)[static_cast<size_t>(r)] = {reads, static_cast<long>(is_nolock_reads - nolock0)};
         nisclose(fd);
         nisunisam();
         return rc;
     }
 
-    void stop() {
-        FILE* f = std::fopen(stop_file().c_str(), "w");
-        ASSERT_NE(f, nullptr);
-        std::fclose(f);
-    }
+    void stop() { *stop_ = true; }
 
     // Reads and reads without the lock of reader r.
-    std::pair<long, long> figures(int r) {
-        long a = 0, b = 0;
-        FILE* f = std::fopen(inst_->path("reads." + std::to_string(r)).c_str(), "r");
-        if (f) {
-            if (std::fscanf(f, "%ld %ld", &a, &b) != 2) a = b = 0;
-            std::fclose(f);
-        }
-        return {a, b};
-    }
+    std::pair<long, long> figures(int r) const { return (*figures_)[static_cast<size_t>(r)]; }
 
     // After everything: the change count is even, no rollback pending, every id there
     // once at some generation, and the file sound.
@@ -258,6 +245,8 @@ protected:
 
     std::string path_, other_;
     uint64_t seed_ = 0;
+    std::array<std::pair<long, long>, 2>* figures_ = &shared<std::array<std::pair<long, long>, 2>>();
+    std::atomic<bool>* stop_ = &shared<std::atomic<bool>>();
 };
 
 // Two writers and two readers at once: every record the readers get is whole and of a
@@ -368,44 +357,12 @@ INSTANTIATE_TEST_SUITE_P(
 
 // ---- writers on their own ranges and a shared one ---------------------------------------
 
-constexpr int kKey0 = 8;
-constexpr int kKey1 = 4;
+namespace ko = kt::oracle;
+const ko::Layout kW{8, 4, 2};
 constexpr int kWriters = 4;
 constexpr int kOwned = 250;      // ids per writer
-constexpr unsigned kShared = 9000;
+constexpr int kShared = 9000;    // ids from here on: fought over by all writers
 constexpr int kSharedIds = 60;
-
-std::string key0_of(unsigned id) {
-    std::string k(kKey0, '\0');
-    for (int i = 0; i < 4; ++i) k[static_cast<size_t>(i)] = static_cast<char>(id >> (24 - 8 * i));
-    for (int i = 4; i < kKey0; ++i) k[static_cast<size_t>(i)] = static_cast<char>(0xA0 + i);
-    return k;
-}
-
-uint32_t fnv(const char* p, size_t n) {
-    uint32_t h = 2166136261u;
-    for (size_t i = 0; i < n; ++i) h = (h ^ static_cast<unsigned char>(p[i])) * 16777619u;
-    return h;
-}
-
-// key 0, key 1, payload, and a checksum over everything before it in the last 4 bytes.
-std::string make_record(unsigned id, std::mt19937& rng) {
-    std::string r = key0_of(id);
-    static const char* vals[] = {"aaaa", "bbbb", "\x80\x80\x80\x80", "zz\xff\xff"};
-    r += vals[rng() % 4];
-    size_t len = 4 + (rng() % 10 == 0 ? rng() % 4000 : rng() % 200);
-    for (size_t i = 0; i < len; ++i) r += static_cast<char>(rng());
-    uint32_t h = fnv(r.data(), r.size());
-    r.append(reinterpret_cast<const char*>(&h), 4);
-    return r;
-}
-
-bool well_formed(const char* p, int n) {
-    if (n < kKey0 + kKey1 + 4) return false;
-    uint32_t h;
-    std::memcpy(&h, p + n - 4, 4);
-    return h == fnv(p, static_cast<size_t>(n - 4));
-}
 
 class ConcurrentRecords : public kt::Env {
 protected:
@@ -414,139 +371,85 @@ protected:
         kt::Config c;
         c.maxbuf = 24;
         start(c);
-        path_ = made("shared.ism", {kKey0, kKey1});
+        path_ = made("shared.ism", kW.lens());
     }
 
-    // One writer: random changes to its own range and the shared one, scans along key 1
-    // in between.  Its final view of its own range goes to a file for the parent.
-    int writer(int w) {
+    // One writer: random changes to its own range and the shared one, reads in between.
+    // Its own records read back exactly as it last stored them; its final view of them
+    // goes to `mine` for the parent.
+    int writer(int w, ko::Rec* mine) {
         int fd = nisopen(path_.c_str(), ISO_RDWR);
         if (fd < 0) return 10;
         std::mt19937 rng(1000u + static_cast<unsigned>(w));
-        std::map<std::string, std::string> mine;
-        std::vector<char> buf(70000);
         for (int step = 0; step < 1500; ++step) {
-            unsigned op = rng() % 100;
-            bool shared = rng() % 4 == 0;
-            unsigned id = shared ? kShared + rng() % kSharedIds : 1000u * (w + 1) + rng() % kOwned;
-            std::string rec = make_record(id, rng);
-            std::string k0 = key0_of(id);
-            bool had = mine.count(k0) != 0;
-            int n = static_cast<int>(rec.size());
+            const unsigned op = rng() % 100;
+            const bool shared = rng() % 4 == 0;
+            const int local = static_cast<int>(rng() % (shared ? kSharedIds : kOwned));
+            const int id = shared ? kShared + local : 1000 * (w + 1) + local;
+            const ko::Rec r{step, kW.min() + static_cast<int>(rng() % 10 == 0 ? rng() % 4000 : rng() % 200)};
+            const std::string rec = ko::record(kW, id, r.gen, r.size);
+            ko::Rec none, &m = shared ? none : mine[local];
+            const bool had = m.present();
+            int rc;
             if (op < 35) {
-                int r = niswrite(fd, rec.data(), n);
-                if (r < 0 || (!shared && r != (had ? 1 : 0))) return 20;
-                if (!shared && !had) mine[k0] = rec;
+                if ((rc = niswrite(fd, rec.data(), r.size)) < 0 || (!shared && rc != (had ? 1 : 0))) return 20;
+                if (!had) m = r;
             } else if (op < 50) {
-                if (nisfwrite(fd, rec.data(), n) != 0) return 21;
-                if (!shared) mine[k0] = rec;
-            } else if (op < 62) {
-                int r = nisupdate(fd, rec.data(), n);
-                if (!shared && r != (had ? 0 : -1)) return 22;
-                if (r < 0 && is_errno != ISE_NOKEY) return 23;
-                if (!shared && had) mine[k0] = rec;
+                if (nisfwrite(fd, rec.data(), r.size) != 0) return 21;
+                m = r;
             } else if (op < 75) {
-                int r = nisdelete(fd, k0.data());
-                if (!shared && r != (had ? 0 : -1)) return 24;
-                if (r < 0 && is_errno != ISE_NOKEY) return 25;
-                mine.erase(k0);
+                rc = op < 62 ? nisupdate(fd, rec.data(), r.size) : nisdelete(fd, rec.data());
+                if ((!shared && rc != (had ? 0 : -1)) || (rc < 0 && is_errno != ISE_NOKEY)) return 22;
+                if (had) m = op < 62 ? r : ko::Rec{};
             } else {
-                // Own records read back exactly, whatever the others do meanwhile.
-                int r = nisfind(fd, 0, k0.data(), buf.data(), static_cast<int>(buf.size()));
-                if (!shared) {
-                    if (had != (r > 0)) return 26;
-                    if (had && std::string(buf.data(), static_cast<size_t>(r)) != mine[k0]) return 27;
-                } else if (r > 0 && !well_formed(buf.data(), r)) {
-                    return 28;
-                }
+                // Whatever the others do meanwhile: own records exactly, shared ones whole.
+                const ko::Rec got = ko::find(fd, kW, id);
+                if (shared ? got.gen < -1 : !(got == m)) return 26;
             }
         }
         if (nisclose(fd) != 0) return 40;
-        FILE* f = std::fopen(inst_->path("owned." + std::to_string(w)).c_str(), "wb");
-        if (!f) return 41;
-        for (auto& [k, r] : mine) {
-            uint32_t n = static_cast<uint32_t>(r.size());
-            std::fwrite(&n, 4, 1, f);
-            std::fwrite(r.data(), 1, n, f);
-        }
-        std::fclose(f);
         return nisunisam() == 0 ? 0 : 42;
-    }
-
-    std::map<std::string, std::string> owned(int w) {
-        std::map<std::string, std::string> m;
-        FILE* f = std::fopen(inst_->path("owned." + std::to_string(w)).c_str(), "rb");
-        if (!f) return m;
-        uint32_t n;
-        while (std::fread(&n, 4, 1, f) == 1) {
-            std::string r(n, '\0');
-            if (std::fread(r.data(), 1, n, f) != n) break;
-            m[r.substr(0, kKey0)] = r;
-        }
-        std::fclose(f);
-        return m;
     }
 
     std::string path_;
 };
 
 TEST_F(ConcurrentRecords, WritersKeepTheirOwnRangesAndTheIndexesWhole) {
+    using Owned = std::array<std::array<ko::Rec, kOwned>, kWriters>;
+    Owned& owned = shared<Owned>();
     // Two writers attach on their own, two inherit the parent's attachment through fork;
     // all start at once.
     kt::Pipe go;
     std::vector<pid_t> pids;
-    for (int w = 0; w < 2; ++w)
-        pids.push_back(kt::start_child([&, w] {
-            if (is_init() != 0) return 50;
-            go.wait();
-            return writer(w);
-        }));
     ASSERT_EQ(is_init(), 0);
-    for (int w = 2; w < kWriters; ++w)
+    for (int w = 0; w < kWriters; ++w)
         pids.push_back(kt::start_child([&, w] {
-            if (is_chinit() != 0) return 51;
+            if (w < 2) kt::become_unattached();
+            if ((w < 2 ? is_init() : is_chinit()) != 0) return 50;
             go.wait();
-            return writer(w);
+            return writer(w, owned[static_cast<size_t>(w)].data());
         }));
     for (int w = 0; w < kWriters; ++w) go.signal();
     for (size_t i = 0; i < pids.size(); ++i) EXPECT_EQ(kt::wait_child(pids[i]), 0) << "writer " << i;
     ASSERT_EQ(nisunisam(), 0);
     ASSERT_FALSE(HasFailure());
 
-    std::map<std::string, std::string> want;
-    for (int w = 0; w < kWriters; ++w) {
-        auto m = owned(w);
-        want.insert(m.begin(), m.end());
-    }
+    // As a fresh process finds it: every record whole along every key, the owned ones
+    // exactly what their writers last stored.
+    ko::Model want;
+    for (int w = 0; w < kWriters; ++w)
+        for (int i = 0; i < kOwned; ++i)
+            if (owned[static_cast<size_t>(w)][static_cast<size_t>(i)].present())
+                want[1000 * (w + 1) + i] = owned[static_cast<size_t>(w)][static_cast<size_t>(i)];
     ASSERT_FALSE(want.empty());
-
-    // A fresh process scans key 0 from end to end.
-    EXPECT_EQ(kt::run_child([&] {
-                  if (is_init() != 0) return 1;
-                  int fd = nisopen(path_.c_str(), ISO_RDONLY);
-                  if (fd < 0) return 2;
-                  std::vector<char> buf(70000);
-                  size_t mine = 0;
-                  int r;
-                  while ((r = nisread(fd, 0, buf.data(), static_cast<int>(buf.size()))) > 0) {
-                      std::string rec(buf.data(), static_cast<size_t>(r));
-                      unsigned id = 0;
-                      for (int i = 0; i < 4; ++i) id = (id << 8) | static_cast<unsigned char>(rec[static_cast<size_t>(i)]);
-                      auto it = want.find(rec.substr(0, kKey0));
-                      if (id < kShared) {
-                          // An owned id: exactly what its writer last stored.
-                          if (it == want.end() || it->second != rec) return 3;
-                          ++mine;
-                      } else if (!well_formed(rec.data(), r)) {
-                          return 5;
-                      }
-                  }
-                  if (r < 0) return 6;
-                  if (mine != want.size()) return 7;
-                  nisclose(fd);
-                  return nisunisam() == 0 ? 0 : 8;
-              }),
-              0);
+    const int fd = nisopen(path_.c_str(), ISO_RDONLY);
+    ASSERT_GE(fd, 0);
+    ko::Scan got = ko::scan(fd, kW);
+    ASSERT_EQ(nisclose(fd), 0);
+    ASSERT_EQ(nisunisam(), 0);
+    EXPECT_TRUE(got.ok()) << got.why;
+    std::erase_if(got.recs, [](const auto& e) { return e.first >= kShared; });
+    EXPECT_TRUE(ko::same(want, got.recs));
 
     const kisam::check::Report rep = kisam::check::check_file(path_);
     EXPECT_TRUE(kt::sound(path_));

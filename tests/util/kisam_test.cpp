@@ -16,6 +16,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/ipc.h>
+#include <sys/mman.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -236,7 +237,11 @@ FaultState fs;
 
 // True when this call of kind k must fail (errno set); kills when so armed.
 bool fault(Faults::Kind k) {
-    const int n = ++fs.counts[k];
+    int n = ++fs.counts[k];
+    if (k == Faults::kWrite || k == Faults::kSync || k == Faults::kLock) {
+        const int c = ++fs.counts[Faults::kChanges];
+        if (fs.kind == Faults::kChanges) n = c, k = Faults::kChanges;
+    }
     if (fs.at == 0 || k != fs.kind) return false;
     if (n == fs.at || (fs.mode == Faults::kFromThenOn && n > fs.at)) {
         fs.hit = true;
@@ -321,10 +326,55 @@ void spit(const std::string& path, const std::string& bytes, mode_t mode) {
     ASSERT_EQ(::chmod(path.c_str(), mode), 0);
 }
 
+bool await(const std::function<bool()>& pred, int ms) {
+    for (int i = 0; i < ms; ++i, ::usleep(1000))
+        if (pred()) return true;
+    return pred();
+}
+
+int waiting_for(const volatile unsigned* word) {
+    const auto o = static_cast<uint32_t>(kisam::com_offset(word));
+    int n = 0;
+    for (int i = 0; i < isam_com->maxusers; ++i) n += is_env.pid_[i] != 0 && is_env.needs_[i] == o;
+    return n;
+}
+
+bool waiting(pid_t pid) {
+    for (int i = 0; i < isam_com->maxusers; ++i)
+        if (is_env.pid_[i] == pid && is_env.needs_[i] != 0) return true;
+    return false;
+}
+
+void interrupting_usr1() {
+    struct sigaction sa {};
+    sa.sa_handler = [](int) {};
+    sigemptyset(&sa.sa_mask);
+    ::sigaction(SIGUSR1, &sa, nullptr);
+}
+
+int interrupt_until_done(pid_t pid, int seconds) {
+    for (int i = 0; i < seconds * 100; ++i) {
+        ::kill(pid, SIGUSR1);
+        int st;
+        if (::waitpid(pid, &st, WNOHANG) == pid) return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+        ::usleep(10000);
+    }
+    ::kill(pid, SIGKILL);
+    return wait_child(pid) + 1000;
+}
+
+void* shared_memory(size_t n) {
+    void* p = ::mmap(nullptr, n, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (p == MAP_FAILED) std::abort();
+    return p;
+}
+
 void Env::TearDown() {
     for (pid_t p : held_) ::kill(p, SIGKILL);
     for (pid_t p : held_) wait_child(p);
     held_.clear();
+    for (auto [p, n] : maps_) ::munmap(p, n);
+    maps_.clear();
     ::alarm(0);
     nisunisam();
     inst_.reset();

@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <functional>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -113,7 +114,8 @@ std::string capture_output(int fd, const std::function<void()>& fn);
 // the process with SIGKILL just before the nth call runs).
 class Faults {
 public:
-    enum Kind { kRead, kWrite, kSync, kLock, kAlloc, kKinds };
+    // kChanges: writes, syncs and lock calls counted together.
+    enum Kind { kRead, kWrite, kSync, kLock, kAlloc, kChanges, kKinds };
     enum Mode { kOnce, kFromThenOn, kKill };
     Faults();   // counting only
     ~Faults();
@@ -133,6 +135,22 @@ public:
 // Turns a forked child of an attached process into one that has never attached: drops
 // the inherited mapping, so that its own detach can tell when it is the last.
 void become_unattached();
+
+// Polls pred every millisecond for up to ms milliseconds; whether it came true.
+bool await(const std::function<bool()>& pred, int ms = 5000);
+// How many processes of the installation wait for the lock-file range of a shared word
+// (their need entries name it); with pid, whether that process waits for anything.
+int waiting_for(const volatile unsigned* word);
+bool waiting(pid_t pid);
+// Makes SIGUSR1 interrupt system calls (a handler without SA_RESTART), as a program that
+// wants its lock waits to end sets it up.
+void interrupting_usr1();
+// Sends SIGUSR1 to pid every 10 ms until it has ended (a signal that comes before its
+// wait has begun is lost); its exit status, or 1000 + status when it had to be killed
+// after `seconds`.
+int interrupt_until_done(pid_t pid, int seconds = 60);
+// Zeroed memory shared with the children forked after it (MAP_SHARED); never null.
+void* shared_memory(size_t n);
 
 // The structural checker's verdict on a closed file.
 ::testing::AssertionResult sound(const std::string& file);
@@ -170,8 +188,17 @@ protected:
     static std::vector<int> workers(int n, const std::function<int(int)>& fn);
     // The test ends by SIGALRM after `seconds` (0: no bound), a hang being a failure.
     void bound(unsigned seconds);
+    // A T in memory shared with the children forked after it, value-initialized; it
+    // goes (without its destructor) at the end of the test.
+    template <class T>
+    T& shared() {
+        void* m = shared_memory(sizeof(T));
+        maps_.emplace_back(m, sizeof(T));
+        return *new (m) T{};
+    }
     std::unique_ptr<Installation> inst_;
     std::vector<pid_t> held_;
+    std::vector<std::pair<void*, size_t>> maps_;
 };
 
 // Sets KISAM_DURABLE for the life of a scope (read at start-up).
