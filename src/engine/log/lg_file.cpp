@@ -147,10 +147,24 @@ int grow_locked(int u, int fd, off_t need) noexcept {
     return 0;
 }
 
+// No signal is taken while the size lock is held: a call left part way by a signal
+// handler's jump would leave the lock this process's, and every other process's next
+// append past the zeros would wait for it.
+struct NoSignals {
+    sigset_t was;
+    NoSignals() noexcept {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_BLOCK, &all, &was);
+    }
+    ~NoSignals() { pthread_sigmask(SIG_SETMASK, &was, nullptr); }
+};
+
 }  // namespace
 
 int extend(int u, int fd, off_t need) noexcept {
     if (need <= fds.log_size[u]) return 0;
+    NoSignals quiet;
     if (size_lock(fd, true) != 0) return -1;
     const int rc = grow_locked(u, fd, need);
     size_unlock(fd);
@@ -165,17 +179,14 @@ void extend_ahead(int u) noexcept {
     if (tail + kAhead <= fds.log_size[u]) return;
     const int fd = fds.log[u];
     const int e = errno;
-    // Left part way by a signal handler's jump, the lock would stay this process's and
-    // the next append past the zeros would wait for it: no signal is taken meanwhile.
-    sigset_t all, was;
-    sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, &was);
-    // One process extends at a time; the others go on (the zeros reach far enough).
-    if (size_lock(fd, false) == 0) {
-        grow_locked(u, fd, tail + kAhead + 1);
-        size_unlock(fd);
+    {
+        NoSignals quiet;
+        // One process extends at a time; the others go on (the zeros reach far enough).
+        if (size_lock(fd, false) == 0) {
+            grow_locked(u, fd, tail + kAhead + 1);
+            size_unlock(fd);
+        }
     }
-    pthread_sigmask(SIG_SETMASK, &was, nullptr);
     errno = e;
 }
 
