@@ -4,6 +4,9 @@
  * the figures say what the engines' protocols make of such a disk, not what survives).
  * With FLUSH_MODEL_SERIAL set, the disk flushes one at a time (a lock on a file of
  * $TMPDIR, else /tmp, shared by every process); otherwise flushes overlap freely.
+ * With FLUSH_MODEL_CPU_US, each flush also spends that much processor time first (a real
+ * disk's flush costs the kernel processor time: about 40 us here, which 2 cores shared by
+ * several writers feel).
  * With FLUSH_MODEL_OUT=FILE, every process that flushed appends a line there when it
  * ends: its pid, its flushes in all, and those of redo logs of this library (files
  * whose name ends in ".w" and a number).
@@ -51,6 +54,15 @@ static int model(int fd) {
             snprintf(path, sizeof path, "%s/flush_model.lock", dir && *dir ? dir : "/tmp");
             lock_fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
         }
+    }
+    const char* c = getenv("FLUSH_MODEL_CPU_US");
+    if (c) {
+        const long cpu_ns = atol(c) * 1000;
+        struct timespec c0, c1;
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &c0);
+        do {
+            clock_gettime(CLOCK_THREAD_CPUTIME_ID, &c1);
+        } while ((c1.tv_sec - c0.tv_sec) * 1000000000L + (c1.tv_nsec - c0.tv_nsec) < cpu_ns);
     }
     if (lock_fd >= 0) flock(lock_fd, LOCK_EX);
     struct timespec ts = {us / 1000000, (us % 1000000) * 1000};

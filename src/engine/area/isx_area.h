@@ -194,7 +194,10 @@ inline constexpr uint32_t ISX_MAGIC = 0x3158414Bu;  // "KAX1"
 // lock on the log: a library that waited on the lock would not see who syncs.
 // 6: control locks and buf_lock are words of this area (futex words) instead of lock-file
 // ranges: a library that took the ranges would not exclude one that takes the words.
-inline constexpr uint16_t ISX_VERSION = 6;
+// 7: a redo log grows (zeros written past its size) only under a lock of the log's first
+// byte, outside the control lock: a library that grew it under the control lock alone
+// could write zeros over a record another process appended meanwhile.
+inline constexpr uint16_t ISX_VERSION = 7;
 // In a page log mark: the page's next log entry must be its whole image.
 inline constexpr uint64_t ISX_LSN_FULL = uint64_t{1} << 63;
 

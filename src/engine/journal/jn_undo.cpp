@@ -13,7 +13,6 @@
 #include "v_pool.h"
 
 #include <atomic>
-#include <cstdlib>
 #include <cstring>
 
 namespace kisam::journal {
@@ -67,21 +66,15 @@ int undo_shared(const Map& m, IS_FCP* fcp, int u) noexcept {
     // Pages the unit let go of are in the log as it left them, in a record that leaves
     // it open: a record with the pages as they are again closes it.
     if (h->jh_stole && bad == 0) {
-        PAGE* pnos = static_cast<PAGE*>(std::malloc((n ? n : 1) * sizeof(PAGE)));
-        const IS_DATA** datas = static_cast<const IS_DATA**>(std::malloc((n ? n : 1) * sizeof(IS_DATA*)));
-        if (!pnos || !datas) {
-            bad = 1;
-            fail(5);
-        } else {
-            for (uint32_t i = 0; i < n; ++i) {
-                pnos[i] = images(h)[i].ji_pno;
-                datas[i] = &images(h)[i].ji_data;
-            }
-            if (lg_compensate(fcp, u, pnos, datas, static_cast<int>(n)) != 0) bad = 1;
-            else h->jh_stole = 0;
-        }
-        std::free(pnos);
-        std::free(datas);
+        // Read straight from the journal's images: a rollback runs inside the call's
+        // frame, where a signal handler's jump out of the allocator would damage the heap.
+        const lg_page_at image_at = [](const void* ctx, int i, PAGE* pno, const IS_DATA** data) {
+            const jn_image& im = images(const_cast<jn_head*>(static_cast<const jn_head*>(ctx)))[i];
+            *pno = im.ji_pno;
+            *data = &im.ji_data;
+        };
+        if (lg_compensate(fcp, u, static_cast<int>(n), image_at, h) != 0) bad = 1;
+        else h->jh_stole = 0;
     }
     if (isx_area) std::atomic_ref<uint32_t>(isx_area->xh_rolledback).fetch_add(1);
     return bad ? -1 : 0;

@@ -90,8 +90,11 @@ int lg_pay(void) noexcept;
 // came.  0, or -1 with the error raised.
 int lg_steal(IS_FCP* fcp, int u, int s) noexcept;
 // Appends the record that closes a call rolled back after it let pages go (lg_steal):
-// the pages as they are again, and the control page.  0, or -1 with the error raised.
-int lg_compensate(IS_FCP* fcp, int u, const PAGE* pnos, const IS_DATA* const* datas, int n) noexcept;
+// the pages as they are again (page i's number and content from at(ctx, i, ...)), and
+// the control page.  It runs inside the rolled-back call and allocates nothing for up to
+// 512 pages (the room lg_ready makes).  0, or -1 with the error raised.
+using lg_page_at = void (*)(const void* ctx, int i, PAGE* pno, const IS_DATA** data);
+int lg_compensate(IS_FCP* fcp, int u, int n, lg_page_at at, const void* ctx) noexcept;
 
 // The log of file u on disk up to at least `lsn`.  0, or -1 with the error raised.
 int lg_sync_to(int u, uint64_t lsn) noexcept;

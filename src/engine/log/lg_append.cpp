@@ -68,10 +68,24 @@ struct PageArg {
     int slot;  // -1: not a slot of the pool (no delta: its log mark is unknown)
 };
 
+// The pages of a record: an array, or (for a rollback's compensation, which must not
+// allocate) the journal's images read one by one.
+struct Pages {
+    const PageArg* arr = nullptr;
+    lg_page_at at = nullptr;
+    const void* ctx = nullptr;
+    PageArg operator[](int i) const noexcept {
+        if (arr) return arr[i];
+        PageArg a{0, nullptr, nullptr, -1};
+        at(ctx, i, &a.pno, &a.data);
+        return a;
+    }
+};
+
 // Builds and appends one record of file u: the pages (whole, or the bytes that changed
 // when rule 3 allows), with `befores` also the before-images, and with `fcp_too` the
 // control page.  0 with *end_lsn set, or -1 with the error raised (nothing appended).
-int append(IS_FCP* fcp, int u, const PageArg* pages, int n, uint16_t flags, bool befores, bool fcp_too,
+int append(IS_FCP* fcp, int u, const Pages& pages, int n, uint16_t flags, bool befores, bool fcp_too,
            uint64_t* end_lsn) noexcept {
     isx_file* x = xfile(u);
     const int fd = log_fd(u);
@@ -93,7 +107,7 @@ int append(IS_FCP* fcp, int u, const PageArg* pages, int n, uint16_t flags, bool
         ++nent;
     };
     for (int i = 0; i < n; ++i) {
-        const PageArg& a = pages[i];
+        const PageArg a = pages[i];
         const uint64_t off = static_cast<uint64_t>(v_fileoffset(fcp, a.pno));
         int lo = 0, hi = kisam::kPage;
         const uint64_t mark = a.slot >= 0 ? *kisam::isx_lsn(a.slot) : ISX_LSN_FULL;
@@ -143,8 +157,9 @@ int append(IS_FCP* fcp, int u, const PageArg* pages, int n, uint16_t flags, bool
     if (extend(u, fd, at_off + r->lr_len) != 0 ||
         kisam::os_pwrite_full(fd, rec_buf.p, r->lr_len, at_off) != 0)
         return fail(ISE_FLWT, 0x28);
-    for (int i = 0; i < n; ++i)
-        if (pages[i].slot >= 0) *kisam::isx_lsn(pages[i].slot) = end;
+    if (pages.arr)
+        for (int i = 0; i < n; ++i)
+            if (pages.arr[i].slot >= 0) *kisam::isx_lsn(pages.arr[i].slot) = end;
     if (fcp_too) x->xf_log_fcpgen = x->xf_log_gen;  // the control page is in this generation
     at(x->xf_log_end).store(end, std::memory_order_release);
     // The disk starts on the log now, a megabyte at a time, so that a sync (a checkpoint,
@@ -192,7 +207,7 @@ int lg_commit(IS_FCP* fcp, int u, const int16_t* slots, int n, uint64_t* end_lsn
         const IS_BUF* b = is_env.buf_ + slots[i];
         a[i] = {b->bu_pno, &b->bu_data, jn_before(b->bu_pno), slots[i]};
     }
-    return append(fcp, u, a, n, 0, false, true, end_lsn);
+    return append(fcp, u, Pages{a}, n, 0, false, true, end_lsn);
 }
 
 int lg_steal(IS_FCP* fcp, int u, int s) noexcept {
@@ -201,17 +216,17 @@ int lg_steal(IS_FCP* fcp, int u, int s) noexcept {
     uint64_t end = 0;
     // Outside a unit nothing can be undone: the page is simply committed alone.
     const bool open = jn_active();
-    if (append(fcp, u, &a, 1, open ? kUnitOpen : 0, open, !open, &end) != 0) return -1;
+    if (append(fcp, u, Pages{&a}, 1, open ? kUnitOpen : 0, open, !open, &end) != 0) return -1;
     if (open) jn_stole();
     *kisam::isx_lsn(s) = end | ISX_LSN_FULL;
     return lg_sync_to(u, end);
 }
 
-int lg_compensate(IS_FCP* fcp, int u, const PAGE* pnos, const IS_DATA* const* datas, int n) noexcept {
-    PageArg* a = page_args(n);
-    if (!a && n > 0) return fail(ISE_FLWT, 0x28);
-    for (int i = 0; i < n; ++i) a[i] = {pnos[i], datas[i], nullptr, -1};
-    return append(fcp, u, a, n, 0, false, true, nullptr);
+int lg_compensate(IS_FCP* fcp, int u, int n, lg_page_at at, const void* ctx) noexcept {
+    Pages p;
+    p.at = at;
+    p.ctx = ctx;
+    return append(fcp, u, p, n, 0, false, true, nullptr);
 }
 
 int lg_undo_tail(int u, uint64_t record_end) noexcept {

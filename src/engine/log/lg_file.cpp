@@ -6,7 +6,9 @@
 #include "os.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
+#include <pthread.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -106,11 +108,29 @@ int log_fd(int u) noexcept {
     return fds.log[u];
 }
 
-int extend(int u, int fd, off_t need) noexcept {
-    if (need <= fds.log_size[u]) return 0;
+namespace {
+
+// The log's size changes only under a write lock on its first byte (a record lock of
+// the log file, which the kernel gives back if its holder dies), held from the fstat
+// that finds the size to the sync of the zeros written past it.  So the zeros are only
+// ever written past every record (no record is written past a size not yet synced), and
+// a size read under the lock, or after it, is on disk with its blocks: the sync of a
+// record carries no change of the log's size.
+int size_lock(int fd, bool wait) noexcept {
+    return kisam::os_lock(fd, wait ? F_SETLKW : F_SETLK, F_WRLCK, 0, 1);
+}
+void size_unlock(int fd) noexcept {
+    const int e = errno;
+    kisam::os_lock(fd, F_SETLK, F_UNLCK, 0, 1);
+    errno = e;
+}
+
+// Under the size lock: the zeros of log u reach at least `need` bytes, rounded up to
+// kExtend, and are on disk.  0; -1 with errno.
+int grow_locked(int u, int fd, off_t need) noexcept {
     struct stat st;
     if (kisam::os.fstat(fd, &st) != 0) return -1;
-    off_t size = st.st_size;
+    const off_t size = st.st_size;
     if (need <= size) {
         fds.log_size[u] = size;
         return 0;
@@ -122,8 +142,52 @@ int extend(int u, int fd, off_t need) noexcept {
         if (kisam::os_pwrite_full(fd, zeros, n, o) != 0) return -1;
         o += static_cast<off_t>(n);
     }
+    if (kisam::os_fdatasync(fd) != 0) return -1;
     fds.log_size[u] = to;
     return 0;
+}
+
+// No signal is taken while the size lock is held: a call left part way by a signal
+// handler's jump would leave the lock this process's, and every other process's next
+// append past the zeros would wait for it.
+struct NoSignals {
+    sigset_t was;
+    NoSignals() noexcept {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_BLOCK, &all, &was);
+    }
+    ~NoSignals() { pthread_sigmask(SIG_SETMASK, &was, nullptr); }
+};
+
+}  // namespace
+
+int extend(int u, int fd, off_t need) noexcept {
+    if (need <= fds.log_size[u]) return 0;
+    NoSignals quiet;
+    if (size_lock(fd, true) != 0) return -1;
+    const int rc = grow_locked(u, fd, need);
+    size_unlock(fd);
+    return rc;
+}
+
+void extend_ahead(int u) noexcept {
+    if (!fds_ready() || fds.log[u] < 0) return;
+    isx_file* x = xfile(u);
+    const off_t tail = kFirst + static_cast<off_t>(at(x->xf_log_end).load(std::memory_order_relaxed) -
+                                                   at(x->xf_log_start).load(std::memory_order_relaxed));
+    if (tail + kAhead <= fds.log_size[u]) return;
+    const int fd = fds.log[u];
+    const int e = errno;
+    {
+        NoSignals quiet;
+        // One process extends at a time; the others go on (the zeros reach far enough).
+        if (size_lock(fd, false) == 0) {
+            grow_locked(u, fd, tail + kAhead + 1);
+            size_unlock(fd);
+        }
+    }
+    errno = e;
 }
 
 // The valid header of the log open on fd with the higher generation; false when neither

@@ -112,13 +112,22 @@ bool fds_ready() noexcept;
 
 inline int fail(int code, int detail) noexcept { return is_raise(code, PROC(P_ISFLUSH, detail)); }
 
-// The log is written ahead of its records in zeros, kExtend at a time: a record then
-// overwrites blocks the file already has, and the sync of a durable call carries no
-// change of the file's size or block map (an append that grows the file costs the file
-// system a journal commit of its own at every sync).
+// The log is written ahead of its records in zeros, kExtend at a time, synced on their
+// own: a record then overwrites blocks the file already has, and the sync of a durable
+// call carries no change of the file's size or block map (an append that grows the file
+// costs the file system a journal commit of its own at every sync).
 constexpr off_t kExtend = off_t{1} << 20;
-// The log's zeros reach at least `need` bytes (0; -1 with errno).
+// A call that ends with its log's tail closer than this to the end of the zeros writes
+// the next kExtend of them after it has given the control lock up (extend_ahead), so
+// that no call extends the log while it holds the lock.
+constexpr off_t kAhead = kExtend / 2;
+// The log's zeros reach at least `need` bytes, on disk (0; -1 with errno).  Waits for
+// an extension another process is making.
 int extend(int u, int fd, off_t need) noexcept;
+// Outside the control lock: the zeros of log u taken kExtend further when its tail has
+// come within kAhead of their end, unless another process is doing it.  Failures are
+// left to the append that would need the zeros (extend).
+void extend_ahead(int u) noexcept;
 
 // The log of slot u, opened (and created) on first use.
 int log_fd(int u) noexcept;

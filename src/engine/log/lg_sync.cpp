@@ -188,7 +188,11 @@ int lg_pay(void) noexcept {
     if (owed_u < 0) return 0;
     const int u = owed_u;
     owed_u = -1;
-    return lg_durable ? sync_to(u, owed_end, true) : 0;
+    const int rc = lg_durable ? sync_to(u, owed_end, true) : 0;
+    // The control lock given up and the call's record on disk (when it waits for it):
+    // the right moment to keep the log's zeros ahead of its tail.
+    extend_ahead(u);
+    return rc;
 }
 
 int lg_sync_to(int u, uint64_t lsn) noexcept { return sync_to(u, lsn, false); }

@@ -1,0 +1,175 @@
+// The redo log's zeros: the log grows ahead of its records, by whoever ends a call near
+// the end of the zeros, after that call has given the file's control lock up, and each
+// growth reaches the disk by a sync of its own.  So the sync of a durable call never
+// carries a change of the log's size, no call grows the log while it holds the control
+// lock, and zeros written by one process never land on records that another appended
+// meanwhile.  Real processes, real shared memory; the log's writes and syncs are watched
+// through the OS layer.
+#include "../engine/open_fixture.h"
+#include "oracle.h"
+
+#include "isx_area.h"
+#include "kcheck.h"
+#include "os.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <string>
+
+namespace {
+
+namespace ko = kt::oracle;
+const ko::Layout kL{8, 0, 0};   // one key: the id
+constexpr int kLen = 900;       // records big enough that the log passes several MiB
+
+int put(int fd, int id) { return niswrite(fd, ko::record(kL, id, 0, kLen).data(), kLen); }
+bool present(int fd, int id) { return ko::find(fd, kL, id) == ko::Rec{0, kLen}; }
+using kt::Durable;
+
+// What the watched process did to its log (the file whose name ends in ".w0").
+struct Watch {
+    int grew = 0;              // writes that took the log past its size
+    int grew_nonzero = 0;      // ... with anything but zeros in them
+    int grew_under_lock = 0;   // ... while the file's control lock was held
+    int syncs = 0;             // syncs of the log
+    int mixed = 0;             // syncs of records that also carry a growth
+    bool grown = false;        // since the log's last sync
+    bool last_grew = false;    // the log's latest write was a growth
+};
+Watch w;
+
+bool is_log(int fd) {
+    char link[64], name[4096];
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    const ssize_t n = ::readlink(link, name, sizeof name - 1);
+    if (n <= 0) return false;
+    name[n] = '\0';
+    const size_t len = static_cast<size_t>(n);
+    return len > 3 && std::strcmp(name + len - 3, ".w0") == 0;
+}
+
+ssize_t watched_pwrite(int fd, const void* buf, size_t n, off_t off) {
+    if (is_log(fd)) {
+        struct stat st;
+        if (::fstat(fd, &st) == 0 && off + static_cast<off_t>(n) > st.st_size) {
+            ++w.grew;
+            w.grown = w.last_grew = true;
+            const char* p = static_cast<const char*>(buf);
+            for (size_t i = 0; i < n; ++i)
+                if (p[i] != 0) {
+                    ++w.grew_nonzero;
+                    break;
+                }
+            if (isx_area && std::atomic_ref<uint32_t>(kisam::isx_file_of(0)->xf_ctl_word).load() != 0)
+                ++w.grew_under_lock;
+        } else {
+            w.last_grew = false;
+        }
+    }
+    return kisam::os_real.pwrite(fd, buf, n, off);
+}
+
+int watched_fdatasync(int fd) {
+    if (is_log(fd)) {
+        ++w.syncs;
+        // The growth's own sync follows its zeros (and may take along records that
+        // were waiting); any other sync must find the log's size as it was.
+        if (w.grown && !w.last_grew) ++w.mixed;
+        w.grown = false;
+    }
+    return kisam::os_real.fdatasync(fd);
+}
+
+class LogZeros : public ot::Env {
+protected:
+    void TearDown() override {
+        kisam::os = kisam::os_real;
+        ot::Env::TearDown();
+    }
+};
+
+// One writer whose records take the log past 2 MiB, syncing every few calls as a
+// durable writer or kisam_sync does: the log grows at least twice after the file's open,
+// always by zeros, never while the control lock is held, and never in the sync of a
+// call's record.  Every call is in the file afterwards.
+TEST_F(LogZeros, GrowthIsSyncedOnItsOwnAndOutsideTheControlLock) {
+    int fd = create("f", {8});
+    ASSERT_GE(fd, 0) << is_errno;
+    w = Watch();
+    kisam::os.pwrite = watched_pwrite;
+    kisam::os.fdatasync = watched_fdatasync;
+    constexpr int kCalls = 1800;
+    for (int i = 0; i < kCalls; ++i) {
+        ASSERT_EQ(put(fd, i), 0) << i << " " << is_errno;
+        if (i % 8 == 7) {
+            ASSERT_EQ(kisam_sync(), 0) << i;
+        }
+    }
+    kisam::os = kisam::os_real;
+    EXPECT_GE(w.grew, 2) << "the log never grew: the test proves nothing";
+    EXPECT_EQ(w.grew_nonzero, 0) << "a record was written past the log's size";
+    EXPECT_EQ(w.grew_under_lock, 0) << "a call grew the log while it held the control lock";
+    EXPECT_EQ(w.mixed, 0) << "the sync of a record carried a growth of the log";
+    EXPECT_GE(w.syncs, kCalls / 8);
+    for (int i = 0; i < kCalls; i += 97) EXPECT_TRUE(present(fd, i)) << i;
+    EXPECT_EQ(nisclose(fd), 0);
+}
+
+// Processes append while the log grows under them (each of them may be the one that
+// writes the next zeros), one of them idle while the others take the log's tail past
+// every size it has seen.  Killed with nothing checkpointed, their calls come back from
+// the log alone when the segment is made anew: zeros written over a record would end
+// the replay early and lose the calls after it.
+TEST_F(LogZeros, ZerosWrittenAheadNeverCoverARecordOfAnother) {
+    constexpr int kWriters = 3, kEach = 700, kLate = 40;
+    const std::string file = made("f", {8});
+    kt::Pipe done, go;
+    // Writer 0 makes a few calls, waits until the others are done, then makes more;
+    // the others make theirs all at once.
+    const std::vector<pid_t> kids = spawn(kWriters, [&](int k) {
+        int fd = nisopen(file.c_str(), ISO_RDWR);
+        if (fd < 0) return 1;
+        const int first = k == 0 ? kLate : kEach;
+        for (int i = 0; i < first; ++i)
+            if (put(fd, k * 10000 + i) != 0) return 2;
+        done.signal();
+        if (k == 0) {
+            if (go.wait() != 'x') return 3;
+            for (int i = kLate; i < 2 * kLate; ++i)
+                if (put(fd, i) != 0) return 2;
+            done.signal();
+        }
+        for (;;) ::pause();
+    });
+    done.close_write();
+    go.close_read();
+    for (int k = 0; k < kWriters; ++k) ASSERT_EQ(done.wait(), 'x') << "a writer failed";
+    go.signal();
+    ASSERT_EQ(done.wait(), 'x') << "the late writer failed";
+    for (pid_t k : kids) {
+        held_.push_back(k);
+        kill(k);
+    }
+    struct stat st;
+    ASSERT_EQ(::stat((inst_->config_path() + ".lk.w0").c_str(), &st), 0);
+    EXPECT_GT(st.st_size, off_t{2} << 20) << "the log never grew while others appended";
+    inst_->remove_segment();
+
+    ASSERT_EQ(is_init(), 0) << is_errno;
+    struct kisam_recovery r;
+    ASSERT_EQ(kisam_last_recovery(&r), 0);
+    const int calls = (kWriters - 1) * kEach + 2 * kLate;
+    EXPECT_EQ(r.calls, calls);
+    EXPECT_TRUE(kt::sound(file));
+    int fd = nisopen(file.c_str(), ISO_RDONLY);
+    ASSERT_GE(fd, 0);
+    for (int i = 0; i < 2 * kLate; ++i) ASSERT_TRUE(present(fd, i)) << i;
+    for (int k = 1; k < kWriters; ++k)
+        for (int i = 0; i < kEach; ++i) ASSERT_TRUE(present(fd, k * 10000 + i)) << k << " " << i;
+    EXPECT_EQ(nisclose(fd), 0);
+}
+
+}  // namespace
