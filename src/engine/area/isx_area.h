@@ -194,7 +194,10 @@ inline constexpr uint32_t ISX_MAGIC = 0x3158414Bu;  // "KAX1"
 // lock on the log: a library that waited on the lock would not see who syncs.
 // 6: control locks and buf_lock are words of this area (futex words) instead of lock-file
 // ranges: a library that took the ranges would not exclude one that takes the words.
-inline constexpr uint16_t ISX_VERSION = 6;
+// 7: loads and clean victims leave xf_seq alone, and readers without the lock check the
+// tag and stamp of each slot they used instead: a library whose readers trusted xf_seq
+// alone would read slots that another library's misses give other pages.
+inline constexpr uint16_t ISX_VERSION = 7;
 // In a page log mark: the page's next log entry must be its whole image.
 inline constexpr uint64_t ISX_LSN_FULL = uint64_t{1} << 63;
 
