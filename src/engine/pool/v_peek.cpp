@@ -76,10 +76,10 @@ const IS_DATA* v_peek(int u, PAGE pno, PeekMark* m) noexcept {
 }
 
 bool v_peek_still(int u, const PeekMark& m) noexcept {
-    const IS_BUF* b = slot(m.slot);
-    const PAGE p = std::atomic_ref<const uint32_t>(b->bu_pno).load(std::memory_order_acquire);
-    const uint16_t id = std::atomic_ref<const uint16_t>(b->bu_id).load(std::memory_order_relaxed);
-    const uint32_t stamp = std::atomic_ref<const uint32_t>(b->bu_wcnt).load(std::memory_order_relaxed);
+    IS_BUF* b = slot(m.slot);
+    const PAGE p = std::atomic_ref<uint32_t>(b->bu_pno).load(std::memory_order_acquire);
+    const uint16_t id = std::atomic_ref<uint16_t>(b->bu_id).load(std::memory_order_relaxed);
+    const uint32_t stamp = std::atomic_ref<uint32_t>(b->bu_wcnt).load(std::memory_order_relaxed);
     return p == m.pno && (id & BU_FILEMASK) == u && stamp == m.stamp;
 }
 
@@ -88,13 +88,13 @@ bool v_peek_maybe_cached(int u, PAGE pno) noexcept {
     const uint32_t now = chaingen(u);
     const uint32_t behind = now - bk.known_gen[u];
     if (behind > isx_area->xh_log_len) return true;
-    const int16_t* log = kisam::isx_log(u);
+    int16_t* log = kisam::isx_log(u);
     for (uint32_t g = bk.known_gen[u] + 1; g != now + 1; ++g) {
-        const int s = std::atomic_ref<const int16_t>(log[g & log_mask()]).load(std::memory_order_relaxed);
+        const int s = std::atomic_ref<int16_t>(log[g & log_mask()]).load(std::memory_order_relaxed);
         if (!valid_slot(s)) continue;
-        const IS_BUF* b = slot(s);
-        if (std::atomic_ref<const uint32_t>(b->bu_pno).load(std::memory_order_relaxed) == pno &&
-            (std::atomic_ref<const uint16_t>(b->bu_id).load(std::memory_order_relaxed) & BU_FILEMASK) == u)
+        IS_BUF* b = slot(s);
+        if (std::atomic_ref<uint32_t>(b->bu_pno).load(std::memory_order_relaxed) == pno &&
+            (std::atomic_ref<uint16_t>(b->bu_id).load(std::memory_order_relaxed) & BU_FILEMASK) == u)
             return true;
     }
     return false;
