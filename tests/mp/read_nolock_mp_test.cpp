@@ -297,7 +297,7 @@ int hook_file = -1;              // shared-file slot of the read file
 
 void stop_hook(int where, int u) {
     if (where != hook_where || u != hook_file || ++hook_count != hook_at) return;
-    // The file's change count is odd here, whatever else is half done.
+    // 'p' when the file's change count is odd here (a change under way), 'e' when not.
     hook_pipe->signal(kisam::isx_file_of(u)->xf_seq % 2 ? 'p' : 'e');
     if (hook_kill) ::kill(::getpid(), SIGKILL);
     ::usleep(400000);
@@ -332,8 +332,12 @@ TEST_P(ReadNoLockStop, ReadersStayRight) {
     });
     hook.close_write();
     const char first = hook.wait();
-    EXPECT_EQ(first, 'p') << "the writer did not stop where it should (seed " << seed_ << ")";
-    if (!st.kill && first == 'p') {
+    // A change of a page is odd; a slot's load or a victim's take-away may come outside
+    // a unit (a miss of the writer's own reads), with the count even: readers check the
+    // slot instead.
+    const bool stopped = first == 'p' || (first == 'e' && st.where != kisam::kHookTouch);
+    EXPECT_TRUE(stopped) << "the writer did not stop where it should (seed " << seed_ << ")";
+    if (!st.kill && stopped) {
         EXPECT_EQ(hook.wait(), 'r');
     }
     EXPECT_EQ(kt::wait_child(w), st.kill ? 128 + SIGKILL : 0);

@@ -197,7 +197,10 @@ inline constexpr uint32_t ISX_MAGIC = 0x3158414Bu;  // "KAX1"
 // 7: a redo log grows (zeros written past its size) only under a lock of the log's first
 // byte, outside the control lock: a library that grew it under the control lock alone
 // could write zeros over a record another process appended meanwhile.
-inline constexpr uint16_t ISX_VERSION = 7;
+// 8: loads and clean victims leave xf_seq alone, and readers without the lock check the
+// tag and stamp of each slot they used instead: a library whose readers trusted xf_seq
+// alone would read slots that another library's misses give other pages.
+inline constexpr uint16_t ISX_VERSION = 8;
 // In a page log mark: the page's next log entry must be its whole image.
 inline constexpr uint64_t ISX_LSN_FULL = uint64_t{1} << 63;
 

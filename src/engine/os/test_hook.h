@@ -11,6 +11,7 @@ enum : int {
     kHookTouch = 1,     // a unit is about to change a page (its before-image is saved)
     kHookLoad = 2,      // a slot is on its chain and tagged, its page not yet read
     kHookTakeAway = 3,  // a victim's tag is cleared, the slot not yet off its chain
+    kHookFetch = 4,     // a reader read a missing page from the file, no lock taken yet
 };
 using TestHook = void (*)(int where, int u);
 extern TestHook test_hook;

@@ -26,13 +26,14 @@ int chain_find(const IS_FCP* fcp, PAGE pno) noexcept {
     return -1;
 }
 
-int load_slot(IS_FCP* fcp, int u, int s, PAGE pno, bool attach, bool fresh) noexcept {
+int load_slot(IS_FCP* fcp, int u, int s, PAGE pno, bool attach, bool fresh, const IS_DATA* src) noexcept {
     IS_BUF* b = slot(s);
     isx_file* f = xfile(u);
-    v_changing(fcp, u);
     // The slot names no page before it is on the chain (a slot never used carries page
-    // 0), and none until the load is complete (readbuf).
-    b->bu_pno = KISAM_NOPAGE;
+    // 0), and none until the load is complete (readbuf).  A reader without the lock that
+    // is reading the slot's previous page finds the tag or the stamp (bu_wcnt) changed
+    // when it checks the slot again: the stores below come after the cleared tag.
+    std::atomic_ref<uint32_t>(b->bu_pno).store(KISAM_NOPAGE, std::memory_order_relaxed);
     if (attach) {
         const int head = fcp->jd_buf_hd;
         b->bu_next = static_cast<int16_t>(head);
@@ -46,7 +47,8 @@ int load_slot(IS_FCP* fcp, int u, int s, PAGE pno, bool attach, bool fresh) noex
     b->bu_id = static_cast<uint16_t>(u);
     if (kisam::test_hook) kisam::test_hook(kisam::kHookLoad, u);
     b->bu_cnt = clock_now();
-    b->bu_wcnt = clock_advance(isam_com->lru_wcnt);
+    std::atomic_ref<uint32_t>(b->bu_wcnt).store(clock_advance(isam_com->lru_wcnt), std::memory_order_relaxed);
+    std::atomic_thread_fence(std::memory_order_release);
     // The page is as on disk (or new): nothing need reach the log before it is written
     // back, and its first log entry is its whole image -- unless the log of this
     // generation has it whole already (it left the pool since), when the bytes that
@@ -59,8 +61,13 @@ int load_slot(IS_FCP* fcp, int u, int s, PAGE pno, bool attach, bool fresh) noex
                                    : ISX_LSN_FULL;
     }
     int rc = 0;
-    if (fresh) {
-        std::memset(b->bu_data.c, 0, kisam::kPage);
+    if (fresh || src) {
+        if (src) {
+            std::memcpy(b->bu_data.c, src->c, kisam::kPage);
+            count(isam_com->sysread);
+        } else {
+            std::memset(b->bu_data.c, 0, kisam::kPage);
+        }
         std::atomic_ref<uint32_t>(b->bu_pno).store(pno, std::memory_order_release);
     } else {
         rc = readbuf(b, pno);
@@ -82,7 +89,6 @@ int load_slot(IS_FCP* fcp, int u, int s, PAGE pno, bool attach, bool fresh) noex
 
 bool take_away(IS_FCP* wfcp, int w, int v) noexcept {
     IS_BUF* b = slot(v);
-    v_changing(wfcp, w);
     // The back link is a hint (a process that died may have left it stale): it is used
     // only when the chain confirms it, else the chain is walked.
     int prev = *kisam::isx_link(v);
@@ -101,8 +107,11 @@ bool take_away(IS_FCP* wfcp, int w, int v) noexcept {
     // The tag goes before the slot leaves the chain: a process killed in between
     // leaves an untagged slot on the chain (harmless: it holds no page) rather than a
     // slot on no chain that still names a page of w -- which, once the count is even
-    // again, a reader without the lock would take for the page.
+    // again, a reader without the lock would take for the page.  A reader without the
+    // lock that is using the slot finds the tag changed when it checks the slot again
+    // (README.reads.md rule 6); w's change count is left alone.
     clear_tag(b);
+    std::atomic_thread_fence(std::memory_order_release);
     if (kisam::test_hook) kisam::test_hook(kisam::kHookTakeAway, w);
     const int next = b->bu_next;
     if (prev < 0)

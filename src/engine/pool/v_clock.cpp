@@ -156,7 +156,7 @@ int steal_victim(bool hb, bool* took) noexcept {
 
 }  // namespace
 
-int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb, bool fresh) noexcept {
+int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb, bool fresh, const IS_DATA* src) noexcept {
     struct isam_com* com = isam_com;
     for (;;) {
         if (lock_bufs() != 0) return is_raise(is_lock_code(errno), PROC(P_V_READ, 6));
@@ -201,9 +201,9 @@ int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb, bool fresh) noexcept {
             IS_BUF* b = slot(v);
             const int w = file_of(b);
             IS_FCP* wfcp = pfo_fcp(w);
-            // The stealer holds w's control lock: it changes w's chain (and, writing a
-            // dirty victim, maybe w's mark) under w's change count.
-            v_changing(wfcp, w);
+            // The stealer holds w's control lock.  A clean victim leaves w's change count
+            // alone (readers without the lock check the slots they use); writing a dirty
+            // one makes it odd (writebuf).
             if (b->bu_id & BU_DIRTY) {
                 if (writebuf(b) != 0) {
                     if (took) is_unlock(&wfcp->jd_fcplock);
@@ -224,7 +224,7 @@ int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb, bool fresh) noexcept {
             }
             S = v;
         }
-        if (load_slot(fcp, u, S, pno, true, fresh) != 0) {
+        if (load_slot(fcp, u, S, pno, true, fresh, src) != 0) {
             is_unlock(&com->buf_lock);
             return -1;
         }

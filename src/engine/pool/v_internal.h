@@ -291,10 +291,14 @@ int chain_find(const IS_FCP* fcp, PAGE pno) noexcept;
 // chain's file and records the change (chain_changed or chain_reset).
 // Puts page pno of the current file u into slot s and loads it.  `attach`: s comes off the
 // free list or another chain (buf_lock held) and goes to the head of u's chain; else s is
-// one of u's own slots, re-tagged in place.  A failed load gives an attached slot back to
-// the free list and leaves a slot in place on the chain holding no page (rule 1).
+// one of u's own slots, re-tagged in place.  The page comes from the file, or (fresh)
+// zeroed, or from src: an image read from the file without the lock (v_install).  A
+// failed load gives an attached slot back to the free list and leaves a slot in place on
+// the chain holding no page (rule 1).  Leaves u's change count alone: readers without the
+// lock check each slot they used instead (README.reads.md rule 6).
 // 0, or -1 with the error raised.
-int load_slot(IS_FCP* fcp, int u, int s, PAGE pno, bool attach, bool fresh = false) noexcept;
+int load_slot(IS_FCP* fcp, int u, int s, PAGE pno, bool attach, bool fresh = false,
+              const IS_DATA* src = nullptr) noexcept;
 // Takes slot v off the chain of file w (control page wfcp) and tags it as moving (rule 1).
 // Requires w's control lock and buf_lock.  False when v is not on that chain.
 bool take_away(IS_FCP* wfcp, int w, int v) noexcept;
@@ -307,7 +311,7 @@ int lock_bufs() noexcept;
 int own_victim(IS_FCP* fcp, int u, bool rdonly) noexcept;
 // The lock-holding part of a miss: a free slot or a victim, attached to u's chain and
 // loaded with pno.  Returns the slot or -1 (error raised, nothing of ours left locked).
-int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb, bool fresh) noexcept;
+int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb, bool fresh, const IS_DATA* src = nullptr) noexcept;
 
 // ---- The commit (v_write.cpp) ------------------------------------------------------------
 // The first half of v_flush: the pages this process changed in u, and u's control page,

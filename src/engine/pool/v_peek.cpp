@@ -6,6 +6,8 @@
 #include "v_internal.h"
 
 #include "is_lock.h"
+#include "os.h"
+#include "test_hook.h"
 
 #include <atomic>
 #include <cstdint>
@@ -46,7 +48,7 @@ void v_seq_adopt(IS_FCP* fcp, int u) noexcept {
         is_lock_set_seq(&fcp->jd_fcplock, seq);
 }
 
-const IS_DATA* v_peek(int u, PAGE pno) noexcept {
+const IS_DATA* v_peek(int u, PAGE pno, PeekMark* m) noexcept {
     if (bk.com != isam_com || bk.shmid != is_shmid || !bk.ok || u < 0 || u >= bk.nopen) return nullptr;
     // The index names at most one slot for (u, pno); that slot is the page when its tag
     // says so (rule 1).  A stale entry sends the reader to the locked path, which mends
@@ -58,15 +60,61 @@ const IS_DATA* v_peek(int u, PAGE pno) noexcept {
         if (entry_key(e) != key) continue;
         const int s = entry_slot(e);
         IS_BUF* b = slot(s);
+        // The stamp before the tag: a load that begins after the tag was read changes the
+        // stamp from the value taken here (v_peek_still).
+        const uint32_t stamp = std::atomic_ref<uint32_t>(b->bu_wcnt).load(std::memory_order_acquire);
         const PAGE p = std::atomic_ref<uint32_t>(b->bu_pno).load(std::memory_order_acquire);
         const uint16_t id = std::atomic_ref<uint16_t>(b->bu_id).load(std::memory_order_relaxed);
         if (p != pno || (id & BU_FILEMASK) != u) return nullptr;
+        *m = PeekMark{s, stamp, pno};
         // The reference byte keeps the clock's meaning (a page in use is passed over);
         // it is written only when a hand has cleared it, not at every read.
         ref_set(s);
         if (++peek_hits == kPeekFold) v_peek_fold();
         return &b->bu_data;
     }
+}
+
+bool v_peek_still(int u, const PeekMark& m) noexcept {
+    IS_BUF* b = slot(m.slot);
+    const PAGE p = std::atomic_ref<uint32_t>(b->bu_pno).load(std::memory_order_acquire);
+    const uint16_t id = std::atomic_ref<uint16_t>(b->bu_id).load(std::memory_order_relaxed);
+    const uint32_t stamp = std::atomic_ref<uint32_t>(b->bu_wcnt).load(std::memory_order_relaxed);
+    return p == m.pno && (id & BU_FILEMASK) == u && stamp == m.stamp;
+}
+
+bool v_peek_maybe_cached(int u, PAGE pno) noexcept {
+    if (bk.com != isam_com || bk.shmid != is_shmid || !bk.ok || u < 0 || u >= bk.nopen || !knows(u)) return true;
+    const uint32_t now = chaingen(u);
+    const uint32_t behind = now - bk.known_gen[u];
+    if (behind > isx_area->xh_log_len) return true;
+    int16_t* log = kisam::isx_log(u);
+    for (uint32_t g = bk.known_gen[u] + 1; g != now + 1; ++g) {
+        const int s = std::atomic_ref<int16_t>(log[g & log_mask()]).load(std::memory_order_relaxed);
+        if (!valid_slot(s)) continue;
+        IS_BUF* b = slot(s);
+        if (std::atomic_ref<uint32_t>(b->bu_pno).load(std::memory_order_relaxed) == pno &&
+            (std::atomic_ref<uint16_t>(b->bu_id).load(std::memory_order_relaxed) & BU_FILEMASK) == u)
+            return true;
+    }
+    return false;
+}
+
+int v_fetch_unlocked(PAGE pno, IS_DATA* img, uint32_t* seq) noexcept {
+    IS_FCP* fcp = is_curfcp;
+    const IS_PFI* pfi = is_curpfi;
+    const int u = current_file();
+    if (!isx_area || u < 0 || u >= isam_com->maxopen) return -1;
+    const uint32_t q = std::atomic_ref<uint32_t>(xfile(u)->xf_seq).load(std::memory_order_acquire);
+    if (q & 1) return -1;
+    const PAGE last = std::atomic_ref<uint32_t>(fcp->is_lastpage).load(std::memory_order_relaxed);
+    if (pno == 0 || pno % kisam::kPage != 0 || pno >= last || pno > KISAM_NOPAGE - kisam::kPage) return -1;
+    const off_t off = v_fileoffset(fcp, pno);
+    if (off < 0 || pfi->pfi_osfd < 0) return -1;
+    if (kisam::os_pread_full(pfi->pfi_osfd, img->c, kisam::kPage, off) != kisam::kPage) return -1;
+    if (kisam::test_hook) kisam::test_hook(kisam::kHookFetch, u);
+    *seq = q;
+    return 0;
 }
 
 bool v_peek_knows(int u) noexcept {

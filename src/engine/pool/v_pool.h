@@ -96,8 +96,35 @@ void v_seq_adopt(IS_FCP* fcp, int u) noexcept;
 // process's page index names a slot whose tag says it holds that page; null otherwise.
 // Writes nothing shared but the slot's reference byte (only when a hand cleared it) and,
 // every 4096 pages, the pool's hit count.  What it returns may change at any moment: the
-// caller validates what it read with the file's change count.
-const IS_DATA* v_peek(int u, PAGE pno) noexcept;
+// caller validates what it read with the file's change count, and, since a slot may be
+// given another page without that count (a miss of another process), with the slot's
+// mark (*m): v_peek_still after the last byte of the page was read.
+struct PeekMark {
+    int slot;
+    uint32_t stamp;  // bu_wcnt: changes at every load of the slot (and write-back)
+    PAGE pno;
+};
+const IS_DATA* v_peek(int u, PAGE pno, PeekMark* m) noexcept;
+// Whether the slot of m still holds the page of m as it did when v_peek returned it:
+// neither re-tagged nor reloaded since.  Call after an acquire fence that follows the
+// reads of the page.
+bool v_peek_still(int u, const PeekMark& m) noexcept;
+// For a reader that holds no lock and did not find page pno of u in its page index:
+// false when the chain changes this process has not learnt yet (the chain log since its
+// count) name no slot that now holds the page, so that the page is most likely not in
+// the pool; true when it may be there, or when this process cannot tell.  A hint only.
+bool v_peek_maybe_cached(int u, PAGE pno) noexcept;
+// A miss of a reader without the lock (README.reads.md rule 11): page pno of the current
+// file read from the file into img, with no lock, after the file's change count (*seq)
+// was found even.  0, or -1 when the count was odd, the page cannot be a page of the file
+// or the read failed (nothing raised: the locked read reports whatever is wrong).
+int v_fetch_unlocked(PAGE pno, IS_DATA* img, uint32_t* seq) noexcept;
+// The second half of such a miss, under the current file's control lock: learns the
+// chain changes of others; when page pno is not in the pool and `load`, loads it fixed
+// (released by the next v_flush) -- from img when the change count is still seq (no page
+// of the file was written or changed since img was read), else from the file.  0, or -1
+// with the error raised.
+int v_install(PAGE pno, const IS_DATA* img, uint32_t seq, bool load) noexcept;
 // Whether this process knows u's chain as of its current change count: a page v_peek
 // does not find is then not in the pool (a locked read would find it no better).
 bool v_peek_knows(int u) noexcept;

@@ -38,8 +38,9 @@ inline int find_cached(IS_FCP* fcp, int u, PAGE pno, bool hb) noexcept {
 }
 
 // Page pno of the current file fixed in a slot: as cached or read, or (fresh) a page
-// past the file's end, zeroed without a read.
-IS_DATA* get(PAGE pno, bool fresh) noexcept {
+// past the file's end, zeroed without a read, or (src) a miss loaded from an image read
+// without the lock.
+IS_DATA* get(PAGE pno, bool fresh, const IS_DATA* src = nullptr) noexcept {
     IS_FCP* fcp = is_curfcp;
     const int u = current_file();
     const bool hb = book();
@@ -64,7 +65,7 @@ IS_DATA* get(PAGE pno, bool fresh) noexcept {
         if (v >= 0) {
             IS_BUF* b = slot(v);
             if ((b->bu_id & BU_DIRTY) && writebuf(b) != 0) return nullptr;
-            if (load_slot(fcp, u, v, pno, false, fresh) != 0) return nullptr;
+            if (load_slot(fcp, u, v, pno, false, fresh, src) != 0) return nullptr;
             count(isam_com->missfree);
             b->bu_id |= BU_INUSE;
             if (hb) fix_note(v);
@@ -72,7 +73,7 @@ IS_DATA* get(PAGE pno, bool fresh) noexcept {
         }
     }
 
-    s = take_slot(fcp, u, pno, hb, fresh);
+    s = take_slot(fcp, u, pno, hb, fresh, src);
     return s < 0 ? nullptr : &slot(s)->bu_data;
 }
 
@@ -85,6 +86,18 @@ int v_slot_of(const void* addr) noexcept { return slot_of_data(addr); }
 
 IS_DATA* v_read(PAGE pno) noexcept { return get(pno, false); }
 IS_DATA* v_fresh(PAGE pno) noexcept { return get(pno, true); }
+
+int v_install(PAGE pno, const IS_DATA* img, uint32_t seq, bool load) noexcept {
+    IS_FCP* fcp = is_curfcp;
+    const int u = current_file();
+    if (find_cached(fcp, u, pno, book()) >= 0 || !load) return 0;  // loaded meanwhile, or only learnt
+    if (!img) return v_read(pno) ? 0 : -1;
+    // The image is the page as on disk when no page of the file was written or changed
+    // since it was read: every such write happens with the count odd (writebuf,
+    // v_write_back, the rollback), and the count was even then and is the same now.
+    const uint32_t now = isx_area ? std::atomic_ref<uint32_t>(xfile(u)->xf_seq).load(std::memory_order_acquire) : 1;
+    return get(pno, false, (now & 1) == 0 && now == seq ? img : nullptr) ? 0 : -1;
+}
 
 int readbuf(IS_BUF* b, PAGE pno) noexcept {
     IS_FCP* fcp = is_curfcp;
@@ -101,8 +114,10 @@ int readbuf(IS_BUF* b, PAGE pno) noexcept {
     if (n < kisam::kPage) {
         if (!(fcp->is_optbits & ISO_SEQ)) return is_raise(ISE_RDRD, PROC(P_V_READ, 5));
         std::memset(b->bu_data.c + n, 0, static_cast<size_t>(kisam::kPage - n));
-        if (fcp->is_lastpage < pno + kisam::kPage)
+        if (fcp->is_lastpage < pno + kisam::kPage) {
+            v_changing(fcp, current_file());  // the shared control page changes
             fcp->is_nextfree = fcp->is_lastpage = pno + kisam::kPage;
+        }
     }
     count(isam_com->sysread);
     // Only a complete page gets a name: a process killed during the read leaves the

@@ -110,6 +110,10 @@ int writebuf(IS_BUF* b) noexcept {
         }
     }
     const off_t off = v_fileoffset(ofcp, b->bu_pno);
+    // Every page write to the file happens while the file's change count is odd: a
+    // reader that read a page from the file without the lock (v_fetch_unlocked) can tell
+    // that the file may have changed under it.
+    v_changing(ofcp, w);
     b->bu_wcnt = clock_advance(isam_com->lru_wcnt);
     // The data-changed mark reaches the disk before the first page write after a clean
     // state; a page is not written when its mark could not be.
@@ -221,6 +225,7 @@ int v_write_back(IS_FCP* fcp, int u, int fd) noexcept {
         // running call is not committed: then the file cannot be brought up to date.
         if (chg_in[s]) return is_raise(ISE_FLWT, PROC(P_V_READ, 3));
         const off_t off = v_fileoffset(fcp, b->bu_pno);
+        v_changing(fcp, u);  // as writebuf
         if (off < 0) return is_raise(ISE_FLSK, PROC(P_V_READ, 2));
         if (kisam::os_pwrite_full(fd, b->bu_data.c, kisam::kPage, off) != 0)
             return is_raise(seek_errno(errno) ? ISE_FLSK : ISE_FLWT, PROC(P_V_READ, seek_errno(errno) ? 2 : 3));

@@ -11,6 +11,7 @@
 #include "bt_key.h"
 #include "dr.h"
 #include "is_error.h"
+#include "v_pool.h"
 
 #include <cstring>
 
@@ -81,6 +82,34 @@ int read_locked(int keyno, char* record, int recsize, int dir) {
     return n + kl;
 }
 
+// Pages one read loads before it leaves the rest to the locked read: a search of every
+// key's tree and a record's first page, with room to spare.
+constexpr int kMaxLoads = 8;
+
+// A page that a read without the lock did not find in the pool (README.reads.md rule
+// 11).  Its read from the file is done without the control lock -- so that the misses of
+// several readers go to the disk at once and no reader's lock-free reads wait for it --
+// and the lock taken only to put the image in a slot, when the page is still not in the
+// pool and no page of the file was written or changed since it was read (else the page
+// is read again under the lock, as a locked read would).  A hint page is never loaded:
+// only the chain changes of others are learnt, so that the next attempt knows whether it
+// is in the pool.  True when the next attempt may find the page; errors are left to the
+// locked read, which reports its own.
+bool load_missed(const NolockMiss& m) noexcept {
+    static IS_DATA img;
+    uint32_t seq = 0;
+    bool have = false;
+    const int u = is_curdb->uniqueid;
+    if (!m.hint && !v_peek_maybe_cached(u, m.page)) {
+        if (v_fetch_unlocked(m.page, &img, &seq) != 0) return false;
+        have = true;
+    }
+    kisam::ErrorKeep keep;
+    if (is_getctl() < 0) return false;
+    const int rc = v_install(m.page, have ? &img : nullptr, seq, !m.hint);
+    return is_relctl() == 0 && rc == 0;
+}
+
 }  // namespace
 
 char* is_tbufp = tbuf;
@@ -88,12 +117,17 @@ char* is_tbufp = tbuf;
 // The result is the read's: a release whose flush fails has pushed its own entry and
 // kept the control lock, and the next release of this process writes the pages again.
 int is_read(int keyno, char* record, int recsize, int dir) noexcept {
-    // Without the lock first: twice at most, since a change under way may well still be
-    // under way at a third look, and the locked read then waits for its end.
-    for (int attempt = 0; attempt < 2; ++attempt) {
+    // Without the lock first: twice at most when the file changed under the attempt,
+    // since a change under way may well still be under way at a third look, and the
+    // locked read then waits for its end.  A page not in the pool is loaded (its read
+    // done without the lock) and the read tried again, kMaxLoads times at most.
+    int changed = 0, loads = 0;
+    for (;;) {
         const int r = is_read_nolock(keyno, record, recsize, dir);
         if (r >= 0) return r;
-        if (r == kReadLocked) break;
+        if (r == kReadAgain && ++changed < 2) continue;
+        if (r == kReadMiss && ++loads <= kMaxLoads && load_missed(is_nolock_miss)) continue;
+        break;
     }
     if (is_getctl() < 0) return -1;
     int r = read_locked(keyno, record, recsize, dir);

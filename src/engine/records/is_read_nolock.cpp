@@ -39,6 +39,7 @@ bool test_locked_reads = false;
 }  // namespace kisam
 
 unsigned long is_nolock_reads = 0;
+NolockMiss is_nolock_miss;
 
 using namespace kisam;
 
@@ -61,8 +62,33 @@ inline bool page_ok(PAGE p) { return p != 0 && p != KISAM_NOPAGE && (p & kDrLowM
 enum Fail { kNone, kMiss, kTorn };
 
 struct Search {
+    explicit Search(int file) : u(file) {}
     int u;
     Fail fail = kNone;
+    PAGE missed = KISAM_NOPAGE;  // kMiss: the page not in the pool
+    bool hint = false;           // kMiss: it was the cursor's hint, which is never loaded
+    // The slots read since the last check (still()): a slot may be given another page
+    // without the change count moving (a miss of another process), so each is checked
+    // once what was read from it has been used.
+    static constexpr int kMarks = 32;
+    PeekMark marks[kMarks];
+    int nmarks = 0;
+
+    // Whether every slot read since the last check still holds its page as it did then.
+    bool still() {
+        std::atomic_thread_fence(std::memory_order_acquire);
+        bool ok = true;
+        for (int i = 0; i < nmarks; ++i) ok = ok && v_peek_still(u, marks[i]);
+        nmarks = 0;
+        return ok;
+    }
+    // Page pno through the page index, its slot noted for the check.
+    const IS_DATA* peek(PAGE pno) {
+        PeekMark m;  // the caller made room (nmarks < kMarks)
+        const IS_DATA* p = v_peek(u, pno, &m);
+        if (p) marks[nmarks++] = m;
+        return p;
+    }
 };
 
 // Page pno of the search's file in the pool, or null with the reason in s.fail: a
@@ -72,9 +98,15 @@ inline const char* page_at(Search& s, PAGE pno) {
         s.fail = kTorn;
         return nullptr;
     }
-    const IS_DATA* p = v_peek(s.u, pno);
+    if (s.nmarks == Search::kMarks && !s.still()) {
+        s.fail = kTorn;
+        return nullptr;
+    }
+    const IS_DATA* p = s.peek(pno);
     if (!p) {
         s.fail = kMiss;
+        s.missed = pno;
+        s.hint = false;
         return nullptr;
     }
     return p->c;
@@ -155,9 +187,15 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
     // in the pool must be found here too.
     const PAGE h = *hint;
     if (h != KISAM_NOPAGE) {
-        const IS_DATA* hp = page_ok(h) ? v_peek(s.u, h) : nullptr;
+        if (s.nmarks == Search::kMarks && !s.still()) {
+            s.fail = kTorn;
+            return -1;
+        }
+        const IS_DATA* hp = page_ok(h) ? s.peek(h) : nullptr;
         if (!hp && page_ok(h) && !v_peek_knows(s.u)) {
             s.fail = kMiss;
+            s.missed = h;
+            s.hint = true;
             return -1;
         }
         if (hp) {
@@ -290,6 +328,12 @@ int fetch(Search& s, PAGE drp, char* recptr, int maxlen) {
     return -1;
 }
 
+// An attempt that stopped at a page not in the pool: says which, for the caller to load.
+int missed(const Search& s) {
+    is_nolock_miss = {s.missed, s.hint};
+    return kReadMiss;
+}
+
 // The largest item a read without the lock keeps a copy of: every key's fits (two items
 // must fit in a page).
 constexpr int kItemMax = kPage;
@@ -357,7 +401,7 @@ int is_read_nolock(int keyno, char* record, int recsize, int dir) noexcept {
         kstate = 2;
         if (exact) std::memcpy(saved, ck, static_cast<size_t>(ilen));
         const int r = search(s, keyno, ld32(reinterpret_cast<const char*>(&kd->k_root)), mode, ck, &hint);
-        if (r < 0) return s.fail == kMiss && same() ? kReadLocked : kReadAgain;
+        if (r < 0) return s.fail == kMiss && same() ? missed(s) : kReadAgain;
         if (r == 0 && exact) std::memcpy(ck, saved, static_cast<size_t>(ilen));
         if (r != 1) {
             result = r;
@@ -374,7 +418,7 @@ int is_read_nolock(int keyno, char* record, int recsize, int dir) noexcept {
     if (result < 0) {
         PAGE* h0 = keyno == 0 ? &hint : &hint0;
         const int r = search(s, 0, ld32(reinterpret_cast<const char*>(&k0->k_root)), mode, item, h0);
-        if (r < 0) return s.fail == kMiss && same() ? kReadLocked : kReadAgain;
+        if (r < 0) return s.fail == kMiss && same() ? missed(s) : kReadAgain;
         if (r == 0 && exact && keyno == 0) std::memcpy(ck, saved, static_cast<size_t>(ilen));
         if (r != 1) {
             result = r;
@@ -392,13 +436,13 @@ int is_read_nolock(int keyno, char* record, int recsize, int dir) noexcept {
                 result = kl;
             } else {
                 const int n = fetch(s, addr, record + kl, recsize - kl);
-                if (n < 0) return s.fail == kMiss && same() ? kReadLocked : kReadAgain;
+                if (n < 0) return s.fail == kMiss && same() ? missed(s) : kReadAgain;
                 result = n + kl;
             }
         }
     }
 
-    if (!same()) return kReadAgain;
+    if (!s.still() || !same()) return kReadAgain;
     std::memcpy(cur->currkey, ck, static_cast<size_t>(ilen));
     cur->curr_kstate = kstate;
     cur->currpage = hint;

@@ -10,11 +10,19 @@
 
 int is_read(int keyno, char* record, int recsize, int dir) noexcept;
 // The same read without the control lock (README.reads.md): its result (>= 0) when it
-// stands, else kReadAgain (the file changed meanwhile: try once more) or kReadLocked
-// (only the locked read can do it), with nothing changed.  Requires the call frame.
+// stands, else kReadAgain (the file changed meanwhile: try once more), kReadMiss (a page
+// it needs is not in the pool: is_nolock_miss says which; once it is, try again) or
+// kReadLocked (only the locked read can do it), with nothing changed.  Requires the call
+// frame.
 inline constexpr int kReadAgain = -2;
 inline constexpr int kReadLocked = -3;
+inline constexpr int kReadMiss = -4;
 int is_read_nolock(int keyno, char* record, int recsize, int dir) noexcept;
+struct NolockMiss {
+    PAGE page;
+    bool hint;  // the cursor's hint page: only the chain changes are to be learnt, no load
+};
+extern NolockMiss is_nolock_miss;
 // Reads this process completed without the lock (a figure for tests and benchmarks).
 extern unsigned long is_nolock_reads;
 int is_write(const char* record, int recsize, int force) noexcept;

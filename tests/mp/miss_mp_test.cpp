@@ -1,0 +1,271 @@
+// Misses of readers without the lock, in several processes: the page is read from the file
+// with no lock held, and the lock taken only to put it in a slot.  A reader stopped in the
+// middle of such a read holds nobody up; an image read before the file changed never
+// reaches the pool; readers that evict each other's pages (which leaves the change count
+// alone) still read only whole records; a reader killed in the middle leaves nothing
+// behind.  Every record says what it must hold: its id and generation make all of its
+// bytes.
+#include "kisam_test.h"
+
+#include "is_rec.h"
+#include "isx_area.h"
+#include "test_hook.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr int kK0 = 8, kK1 = 6;
+constexpr int kGenAt = kK0 + kK1;
+constexpr int kBuf = 4000;
+
+uint32_t mix(uint32_t a, uint32_t b) {
+    uint64_t x = (static_cast<uint64_t>(a) << 32 | b) * 0x9E3779B97F4A7C15ull;
+    return static_cast<uint32_t>(x >> 29);
+}
+
+// Records of about a page each, one to a data page (for the test that needs to know which
+// page a read misses).
+bool page_sized = false;
+
+// The record of id at generation gen; one in ten spans overflow pages.
+std::string record(unsigned id, uint32_t gen) {
+    char t[16];
+    std::string r;
+    std::snprintf(t, sizeof t, "%08u", id);
+    r.append(t, kK0);
+    std::snprintf(t, sizeof t, "%06u", mix(id, gen) % 1000);
+    r.append(t, kK1);
+    r.append(reinterpret_cast<const char*>(&gen), 4);
+    const uint32_t h = mix(gen, id);
+    const size_t len = page_sized ? 700 : h % 10 == 0 ? 1100 + h % 1500 : 40 + h % 200;
+    std::mt19937 g(h);
+    for (size_t i = 0; i < len; ++i) r += static_cast<char>(g());
+    return r;
+}
+
+std::string key0(unsigned id) { return record(id, 0).substr(0, kK0); }
+
+// Reads id by key 0; 0 when it holds exactly generation gen (any generation: gen 0).
+int check(int fd, unsigned id, uint32_t gen, uint32_t* seen = nullptr) {
+    std::vector<char> buf(kBuf);
+    const int n = nisfind(fd, 0, key0(id).data(), buf.data(), kBuf);
+    if (n < kGenAt + 4) return 1;
+    uint32_t g;
+    std::memcpy(&g, buf.data() + kGenAt, 4);
+    if (seen) *seen = g;
+    if (gen != 0 && g != gen) return 2;
+    const std::string r = record(id, g);
+    return n == static_cast<int>(r.size()) && std::memcmp(buf.data(), r.data(), r.size()) == 0 ? 0 : 3;
+}
+
+uint32_t seq_of(int fd) {
+    return std::atomic_ref<uint32_t>(kisam::isx_file_of(is_db[fd]->uniqueid)->xf_seq).load();
+}
+
+class MissMp : public kt::Env {
+protected:
+    void SetUp() override { bound(240); }
+    // The installation (a pool far smaller than the file) and the file, ids 0..ids-1 at
+    // generation 1; nobody attached afterwards.
+    void start(int buffers, unsigned ids) {
+        kt::Config c;
+        c.maxbuf = static_cast<int16_t>(buffers);
+        Env::start(c);
+        ids_ = ids;
+        path_ = path("m.ism");
+        const int fd = create("m.ism", {kK0, kK1});
+        ASSERT_GE(fd, 0);
+        for (unsigned id = 0; id < ids; ++id) {
+            const std::string r = record(id, 1);
+            ASSERT_EQ(niswrite(fd, r.data(), static_cast<int>(r.size())), 0);
+        }
+        nisclose(fd);
+        ASSERT_EQ(nisunisam(), 0);
+    }
+    int open() {
+        if (is_init() != 0) return -1;
+        return nisopen(path_.c_str(), ISO_RDWR);
+    }
+    std::string path_;
+    unsigned ids_ = 0;
+};
+
+// Where the hooked reader stands (a forked child's own copies).
+kt::Pipe* to_parent = nullptr;
+kt::Pipe* from_parent = nullptr;
+bool kill_at_fetch = false;
+
+void fetch_hook(int where, int) {
+    if (where != kisam::kHookFetch) return;
+    kisam::test_hook = nullptr;  // the first miss only
+    to_parent->signal('f');
+    if (kill_at_fetch) ::kill(::getpid(), SIGKILL);
+    from_parent->wait();
+}
+
+// A reader stopped after its read of a missing page, before it takes the lock: another
+// reader's reads, misses and all, go on without the lock, load their pages, and leave the
+// change count alone.
+TEST_F(MissMp, AReaderInTheMiddleOfAMissHoldsNobodyUp) {
+    start(40, 1500);
+    kt::Pipe up, down;
+    const pid_t a = kt::start_child([&] {
+        up.close_read();
+        down.close_write();
+        to_parent = &up;
+        from_parent = &down;
+        const int fd = open();
+        if (fd < 0) return 70;
+        kisam::test_hook = fetch_hook;
+        for (unsigned id = 0; id < ids_; id += 7)
+            if (const int rc = check(fd, id, 1)) return 71 + rc;
+        nisclose(fd);
+        nisunisam();
+        return 0;
+    });
+    up.close_write();
+    down.close_read();
+    ASSERT_EQ(up.wait(), 'f');
+    EXPECT_EQ(kt::run_child([&] {
+                  const int fd = open();
+                  if (fd < 0) return 80;
+                  const uint32_t seq = seq_of(fd);
+                  const uint32_t reads0 = isam_com->sysread;
+                  const unsigned long nolock0 = is_nolock_reads;
+                  std::mt19937 rng(5);
+                  for (int i = 0; i < 600; ++i)
+                      if (check(fd, static_cast<unsigned>(rng() % ids_), 1) != 0) return 81;
+                  if (isam_com->sysread - reads0 < 100) return 82;      // it missed, and loaded
+                  if (is_nolock_reads - nolock0 != 600) return 83;      // each read took no lock
+                  if (seq_of(fd) != seq) return 84;                     // nor moved the count
+                  nisclose(fd);
+                  nisunisam();
+                  return 0;
+              }),
+              0);
+    down.signal('g');
+    EXPECT_EQ(kt::wait_child(a), 0);
+}
+
+// A reader stopped after its read of a record's page, while a writer changes the record
+// and the page goes through the pool and out to the file: what the reader read is out of
+// date and must not reach the pool; its read finds the new record.
+TEST_F(MissMp, AnImageReadBeforeTheFileChangedNeverReachesThePool) {
+    page_sized = true;
+    start(40, 200);
+    constexpr unsigned kX = 10;
+    kt::Pipe up, down;
+    const pid_t a = kt::start_child([&] {
+        up.close_read();
+        down.close_write();
+        to_parent = &up;
+        from_parent = &down;
+        const int fd = open();
+        if (fd < 0) return 70;
+        for (unsigned id = 0; id < ids_; ++id)
+            if (check(fd, id, 1) != 0) return 71;
+        // The index pages on the way to kX are in the pool, kX's data page is not: the
+        // read of kX misses that page alone.
+        if (check(fd, kX + 1, 1) != 0) return 72;
+        kisam::test_hook = fetch_hook;
+        uint32_t g = 0;
+        if (check(fd, kX, 0, &g) != 0) return 73;
+        if (g != 2) return 74;
+        nisclose(fd);
+        nisunisam();
+        return 0;
+    });
+    up.close_write();
+    down.close_read();
+    ASSERT_EQ(up.wait(), 'f');
+    // The record changed in its page; then reads of a hundred other pages push the page
+    // out of the pool, to the file.
+    EXPECT_EQ(kt::run_child([&] {
+                  const int fd = open();
+                  if (fd < 0) return 80;
+                  const std::string r = record(kX, 2);
+                  if (nisupdate(fd, r.data(), static_cast<int>(r.size())) != 0) return 81;
+                  for (unsigned id = 100; id < ids_; ++id)
+                      if (check(fd, id, 1) != 0) return 82;
+                  nisclose(fd);
+                  nisunisam();
+                  return 0;
+              }),
+              0);
+    down.signal('g');
+    EXPECT_EQ(kt::wait_child(a), 0);
+    EXPECT_TRUE(kt::sound(path_));
+}
+
+// Readers of a file twenty times the pool: every read misses, and each miss takes a slot
+// another reader may be reading at that moment -- with the change count left alone, only
+// the check of each slot used keeps a reader from returning bytes of another page.
+TEST_F(MissMp, ReadersThatEvictEachOtherReadOnlyWholeRecords) {
+    start(20, 800);
+    const uint64_t seed = kt::test_seed(0x5EED);
+    const std::vector<int> rcs = workers(3, [&](int r) {
+        const int fd = open();
+        if (fd < 0) return 70;
+        std::mt19937 rng(static_cast<unsigned>(seed) + static_cast<unsigned>(r));
+        for (int i = 0; i < 4000; ++i) {
+            const unsigned id = static_cast<unsigned>(rng() % ids_);
+            if (const int rc = check(fd, id, 1)) {
+                std::fprintf(stderr, "reader %d: id %u wrong (%d), seed %llu\n", r, id, rc,
+                             static_cast<unsigned long long>(seed));
+                return 71;
+            }
+        }
+        nisclose(fd);
+        nisunisam();
+        return 0;
+    });
+    for (int rc : rcs) EXPECT_EQ(rc, 0);
+}
+
+// A reader killed after its read of a missing page leaves no lock, no slot and no count
+// behind: another reader reads every record without the lock, and the file is sound.
+TEST_F(MissMp, AReaderKilledInTheMiddleOfAMissLeavesNothingBehind) {
+    start(40, 600);
+    kt::Pipe up, down;
+    const pid_t a = kt::start_child([&] {
+        up.close_read();
+        down.close_write();
+        to_parent = &up;
+        from_parent = &down;
+        kill_at_fetch = true;
+        const int fd = open();
+        if (fd < 0) return 70;
+        kisam::test_hook = fetch_hook;
+        for (unsigned id = 0; id < ids_; ++id) check(fd, id, 1);
+        return 71;
+    });
+    up.close_write();
+    down.close_read();
+    EXPECT_EQ(up.wait(), 'f');
+    EXPECT_EQ(kt::wait_child(a), 128 + SIGKILL);
+    EXPECT_EQ(kt::run_child([&] {
+                  const int fd = open();
+                  if (fd < 0) return 80;
+                  const uint32_t seq = seq_of(fd);
+                  if (seq % 2 != 0) return 81;
+                  const unsigned long nolock0 = is_nolock_reads;
+                  for (unsigned id = 0; id < ids_; ++id)
+                      if (check(fd, id, 1) != 0) return 82;
+                  if (is_nolock_reads - nolock0 != ids_) return 83;
+                  nisclose(fd);
+                  nisunisam();
+                  return 0;
+              }),
+              0);
+    EXPECT_TRUE(kt::sound(path_));
+}
+
+}  // namespace
