@@ -16,6 +16,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -70,6 +71,19 @@ uint32_t seq_of(int fd) {
     return std::atomic_ref<uint32_t>(kisam::isx_file_of(is_db[fd]->uniqueid)->xf_seq).load();
 }
 
+// Where the hooked reader stands (a forked child's own copies).
+kt::Pipe* to_parent = nullptr;
+kt::Pipe* from_parent = nullptr;
+bool kill_at_fetch = false;
+
+void fetch_hook(int where, int) {
+    if (where != kisam::kHookFetch) return;
+    kisam::test_hook = nullptr;  // the first miss only
+    to_parent->signal('f');
+    if (kill_at_fetch) ::kill(::getpid(), SIGKILL);
+    from_parent->wait();
+}
+
 class MissMp : public kt::Env {
 protected:
     void SetUp() override { bound(240); }
@@ -94,36 +108,36 @@ protected:
         if (is_init() != 0) return -1;
         return nisopen(path_.c_str(), ISO_RDWR);
     }
+    // A child that opens the file and runs body(fd) with fetch_hook in place: it stops at
+    // its first miss, after the read of the page, and says so ('f'), until signalled (or
+    // dies there with kill_at_fetch).  Returns once it has stopped; body's result ends it.
+    pid_t hooked_reader(const std::function<int(int fd)>& body) {
+        const pid_t a = kt::start_child([&] {
+            up_.close_read();
+            down_.close_write();
+            to_parent = &up_;
+            from_parent = &down_;
+            const int fd = open();
+            if (fd < 0) return 70;
+            return body(fd);
+        });
+        up_.close_write();
+        down_.close_read();
+        EXPECT_EQ(up_.wait(), 'f');
+        return a;
+    }
+    kt::Pipe up_, down_;
     std::string path_;
     unsigned ids_ = 0;
 };
 
-// Where the hooked reader stands (a forked child's own copies).
-kt::Pipe* to_parent = nullptr;
-kt::Pipe* from_parent = nullptr;
-bool kill_at_fetch = false;
-
-void fetch_hook(int where, int) {
-    if (where != kisam::kHookFetch) return;
-    kisam::test_hook = nullptr;  // the first miss only
-    to_parent->signal('f');
-    if (kill_at_fetch) ::kill(::getpid(), SIGKILL);
-    from_parent->wait();
-}
 
 // A reader stopped after its read of a missing page, before it takes the lock: another
 // reader's reads, misses and all, go on without the lock, load their pages, and leave the
 // change count alone.
 TEST_F(MissMp, AReaderInTheMiddleOfAMissHoldsNobodyUp) {
     start(40, 1500);
-    kt::Pipe up, down;
-    const pid_t a = kt::start_child([&] {
-        up.close_read();
-        down.close_write();
-        to_parent = &up;
-        from_parent = &down;
-        const int fd = open();
-        if (fd < 0) return 70;
+    const pid_t a = hooked_reader([&](int fd) {
         kisam::test_hook = fetch_hook;
         for (unsigned id = 0; id < ids_; id += 7)
             if (const int rc = check(fd, id, 1)) return 71 + rc;
@@ -131,9 +145,6 @@ TEST_F(MissMp, AReaderInTheMiddleOfAMissHoldsNobodyUp) {
         nisunisam();
         return 0;
     });
-    up.close_write();
-    down.close_read();
-    ASSERT_EQ(up.wait(), 'f');
     EXPECT_EQ(kt::run_child([&] {
                   const int fd = open();
                   if (fd < 0) return 80;
@@ -151,7 +162,7 @@ TEST_F(MissMp, AReaderInTheMiddleOfAMissHoldsNobodyUp) {
                   return 0;
               }),
               0);
-    down.signal('g');
+    down_.signal('g');
     EXPECT_EQ(kt::wait_child(a), 0);
 }
 
@@ -162,14 +173,7 @@ TEST_F(MissMp, AnImageReadBeforeTheFileChangedNeverReachesThePool) {
     page_sized = true;
     start(40, 200);
     constexpr unsigned kX = 10;
-    kt::Pipe up, down;
-    const pid_t a = kt::start_child([&] {
-        up.close_read();
-        down.close_write();
-        to_parent = &up;
-        from_parent = &down;
-        const int fd = open();
-        if (fd < 0) return 70;
+    const pid_t a = hooked_reader([&](int fd) {
         for (unsigned id = 0; id < ids_; ++id)
             if (check(fd, id, 1) != 0) return 71;
         // The index pages on the way to kX are in the pool, kX's data page is not: the
@@ -183,9 +187,6 @@ TEST_F(MissMp, AnImageReadBeforeTheFileChangedNeverReachesThePool) {
         nisunisam();
         return 0;
     });
-    up.close_write();
-    down.close_read();
-    ASSERT_EQ(up.wait(), 'f');
     // The record changed in its page; then reads of a hundred other pages push the page
     // out of the pool, to the file.
     EXPECT_EQ(kt::run_child([&] {
@@ -200,7 +201,7 @@ TEST_F(MissMp, AnImageReadBeforeTheFileChangedNeverReachesThePool) {
                   return 0;
               }),
               0);
-    down.signal('g');
+    down_.signal('g');
     EXPECT_EQ(kt::wait_child(a), 0);
     EXPECT_TRUE(kt::sound(path_));
 }
@@ -234,22 +235,12 @@ TEST_F(MissMp, ReadersThatEvictEachOtherReadOnlyWholeRecords) {
 // behind: another reader reads every record without the lock, and the file is sound.
 TEST_F(MissMp, AReaderKilledInTheMiddleOfAMissLeavesNothingBehind) {
     start(40, 600);
-    kt::Pipe up, down;
-    const pid_t a = kt::start_child([&] {
-        up.close_read();
-        down.close_write();
-        to_parent = &up;
-        from_parent = &down;
+    const pid_t a = hooked_reader([&](int fd) {
         kill_at_fetch = true;
-        const int fd = open();
-        if (fd < 0) return 70;
         kisam::test_hook = fetch_hook;
         for (unsigned id = 0; id < ids_; ++id) check(fd, id, 1);
         return 71;
     });
-    up.close_write();
-    down.close_read();
-    EXPECT_EQ(up.wait(), 'f');
     EXPECT_EQ(kt::wait_child(a), 128 + SIGKILL);
     EXPECT_EQ(kt::run_child([&] {
                   const int fd = open();
