@@ -75,8 +75,9 @@ void churn(const std::string& file, std::mt19937_64& rng) {
         }
     }
     // KISAM_CHURN_SHARED: also forced writes and updates, without a lock, of records that
-    // every worker fights over.  Killed among them, the file has been found damaged (a
-    // fault still open): not part of `make test` until it is fixed.
+    // every worker fights over.  Not part of `make test`: a fault still open (a live
+    // process taken for dead and cleaned up; see the README) damages the files about once
+    // in 25 runs of 500 kills with KISAM_CHURN_PCT=40, with or without these.
     const std::string u = record(5000 + static_cast<int>(rng() % 300), static_cast<int>(rng() % 100), kL.min() + static_cast<int>(rng() % 300));
     if (std::getenv("KISAM_CHURN_SHARED")) {
         const std::string f = record(5000 + static_cast<int>(rng() % 300), static_cast<int>(rng() % 100), kL.min() + static_cast<int>(rng() % 300));
@@ -119,6 +120,10 @@ void churn(const std::string& file, std::mt19937_64& rng) {
     char op = 0;
     std::mt19937_64 rng(seed);
     const int base = slot_base(slot);
+    // KISAM_CHURN_PCT: the share of calls (in %) that open, change and close the second
+    // file, 8 by default; more puts more kills into opens, closes and the clean-up.
+    const char* pct = std::getenv("KISAM_CHURN_PCT");
+    const int churn_share = pct ? std::atoi(pct) : 8;
     char buf[4000];
     for (seq = 0;; ++seq) {
         if (g_stop) {
@@ -131,7 +136,7 @@ void churn(const std::string& file, std::mt19937_64& rng) {
         const int gen = static_cast<int>(rng() % 0xFFFF);
         const int size = rng() % 4 == 0 ? kL.min() + static_cast<int>(rng() % (3000 - kL.min()))
                                         : kL.min() + static_cast<int>(rng() % 200);
-        if (roll < 8) {
+        if (roll < churn_share) {
             churn(file + ".churn", rng);
             continue;
         }
