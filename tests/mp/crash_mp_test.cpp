@@ -7,10 +7,12 @@
 
 #include "is_common.h"
 #include "is_lock.h"
+#include "isx_area.h"
 #include "jn.h"
 #include "test_hook.h"
 #include "v_pool.h"
 
+#include <functional>
 #include <signal.h>
 #include <sys/wait.h>
 
@@ -139,6 +141,38 @@ TEST_F(CrashTable, SlotOfAKilledProcessIsReused) {
                   return is_env.pid_[is_env.useridx] == is_pid && is_env.useridx == 1 ? 0 : 2;
               }),
               0);
+}
+
+// A clean-up cleans up the process it found dead, and nothing else: when another clean-up
+// frees the slot meanwhile and a new process takes it, the slot stays the new process's
+// (taken for the dead one, a live process lost its slot and, with it, the files it had
+// open).
+TEST_F(CrashTable, ACleanUpLeavesAloneASlotThatANewProcessTookMeanwhile) {
+    ASSERT_EQ(is_init(), 0);
+    kill(hold([] {
+        ot::become_unattached();
+        return is_init();  // the second slot, left dead
+    }));
+    static pid_t parent, newcomer;
+    static std::function<void()> attach_newcomer;
+    parent = ::getpid();
+    newcomer = 0;
+    attach_newcomer = [this] {
+        newcomer = hold([] {
+            ot::become_unattached();
+            return is_init();
+        });
+    };
+    // Between this clean-up's judgement and its work, a new process attaches: its own
+    // clean-up frees the dead slot, and it takes it.
+    kisam::test_hook = [](int where, int) {
+        if (where == kisam::kHookReap && ::getpid() == parent && newcomer == 0) attach_newcomer();
+    };
+    EXPECT_EQ(kisam_reap(nullptr, 0), 0);
+    kisam::test_hook = nullptr;
+    ASSERT_GT(newcomer, 0);
+    EXPECT_EQ(is_env.pid_[1], newcomer);
+    EXPECT_EQ(kisam::isx_proc_of(1)->xp_pid, newcomer);
 }
 
 // A new process that finds the table full waits to clean up the first dead slot: here a

@@ -27,6 +27,7 @@
 #include "jn.h"
 #include "lg.h"
 #include "os.h"
+#include "test_hook.h"
 #include "v_pool.h"
 
 #include <atomic>
@@ -153,8 +154,14 @@ void is_open_note(int u, bool open) noexcept {
 }
 
 int is_reap_slot(int i, bool wait) noexcept {
-    if (!is_slot_dead(i)) return 0;
-    const int32_t pid = is_env.pid_[i];
+    // The process judged dead is the one whose pid was read before the judgement and is
+    // still there after it.  Read after, the pid may already be that of a live process
+    // that claimed the slot once another clean-up freed it -- which the check under
+    // opcl_lock below would then take for the dead one and clean up alive.
+    const int32_t pid = std::atomic_ref<int32_t>(is_env.pid_[i]).load();
+    if (pid <= 0 || !is_slot_dead(i)) return 0;
+    if (kisam::test_hook) kisam::test_hook(kisam::kHookReap, i);
+    if (std::atomic_ref<int32_t>(is_env.pid_[i]).load() != pid) return 0;
     // A unit the process was making is rolled back before anything else of it goes.
     if (jn_clear_slot(i, wait) != 0) return -1;
     if (is_lock(&isam_com->opcl_lock) != 0) return -1;

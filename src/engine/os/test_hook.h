@@ -5,13 +5,14 @@
 namespace kisam {
 
 // Called, when set, in the middle of changes that readers without the lock must never
-// see half done: `where` says which, `u` is the file's slot.  A test pauses or kills the
-// process there.
+// see half done, or of a clean-up that others may race: `where` says which, `u` is the
+// file's slot (the process slot for kHookReap).  A test pauses or kills the process there.
 enum : int {
     kHookTouch = 1,     // a unit is about to change a page (its before-image is saved)
     kHookLoad = 2,      // a slot is on its chain and tagged, its page not yet read
     kHookTakeAway = 3,  // a victim's tag is cleared, the slot not yet off its chain
     kHookFetch = 4,     // a reader read a missing page from the file, no lock taken yet
+    kHookReap = 5,      // a clean-up found process slot `u` dead, nothing of it cleaned yet
 };
 using TestHook = void (*)(int where, int u);
 extern TestHook test_hook;
