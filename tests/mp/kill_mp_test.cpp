@@ -75,9 +75,9 @@ void churn(const std::string& file, std::mt19937_64& rng) {
         }
     }
     // KISAM_CHURN_SHARED: also forced writes and updates, without a lock, of records that
-    // every worker fights over.  Not part of `make test`: a fault still open (a live
-    // process taken for dead and cleaned up; see the README) damages the files about once
-    // in 25 runs of 500 kills with KISAM_CHURN_PCT=40, with or without these.
+    // every worker fights over.  Not part of `make test`: with them (and, rarely, without
+    // them at KISAM_CHURN_PCT=40) a shared slot is still freed under a process that has the
+    // file open, a fault still open (see the README).
     const std::string u = record(5000 + static_cast<int>(rng() % 300), static_cast<int>(rng() % 100), kL.min() + static_cast<int>(rng() % 300));
     if (std::getenv("KISAM_CHURN_SHARED")) {
         const std::string f = record(5000 + static_cast<int>(rng() % 300), static_cast<int>(rng() % 100), kL.min() + static_cast<int>(rng() % 300));
