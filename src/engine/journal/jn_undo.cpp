@@ -13,6 +13,7 @@
 #include "v_pool.h"
 
 #include <atomic>
+#include <cstddef>
 #include <cstring>
 
 namespace kisam::journal {
@@ -37,13 +38,20 @@ int undo_shared(const Map& m, IS_FCP* fcp, int u) noexcept {
     if (h->jh_commit != 0 && lg_undo_tail(u, h->jh_commit) != 0) return -1;
     v_changing(fcp, u);
 
-    // The shared control page as it was, but for the count of processes, which no unit
-    // changes and which others may have changed since.
-    const int16_t usecnt = fcp->is_usecnt;
+    // The shared control page as it was, but for the count of processes: no unit changes
+    // it, and opens and closes change it under opcl_lock alone while this runs under the
+    // control lock, so its bytes are never written here -- saved and put back around the
+    // copy, an open or a close made meanwhile would be undone, and a count one too low
+    // frees the shared copy under a process that still has the file open.
     const uint32_t len = h->jh_fcplen <= kisam::kFcpImage ? h->jh_fcplen : 0;
-    if (len == static_cast<uint32_t>(IS_FCP_SIZE(fcp->is_nkeys) - IS_FCP_JDSIZE))
-        std::memcpy(&fcp->is_magic, h->jh_fcp, len);
-    fcp->is_usecnt = usecnt;
+    if (len == static_cast<uint32_t>(IS_FCP_SIZE(fcp->is_nkeys) - IS_FCP_JDSIZE)) {
+        constexpr size_t at = offsetof(IS_FCP, is_usecnt) - offsetof(IS_FCP, is_magic);
+        constexpr size_t after = at + sizeof fcp->is_usecnt;
+        char* img = reinterpret_cast<char*>(&fcp->is_magic);
+        const char* was = reinterpret_cast<const char*>(h->jh_fcp);
+        std::memcpy(img, was, at);
+        std::memcpy(img + after, was + after, len - after);
+    }
 
     int bad = 0;
     const uint32_t n = valid_images(m);
