@@ -522,7 +522,8 @@ protected:
         if (r < 150) return minrec;
         return minrec + static_cast<int>(rng_() % 300);
     }
-    std::string make_record(const std::string& k0, const std::string* old, bool keep_alternates) {
+    // len: the record's length, or -1 for a random one.
+    std::string make_record(const std::string& k0, const std::string* old, bool keep_alternates, int len = -1) {
         std::string rec = k0;
         for (int k = 1; k < model_->nkeys(); ++k) {
             if (keep_alternates && old)
@@ -530,7 +531,7 @@ protected:
             else
                 rec += values_[static_cast<size_t>(k)][rng_() % values_[static_cast<size_t>(k)].size()];
         }
-        int len = record_length();
+        if (len < 0) len = record_length();
         while (static_cast<int>(rec.size()) < len) rec += static_cast<char>(rng_() & 0xFF);
         return rec;
     }
@@ -623,7 +624,14 @@ protected:
     void write_step(int how) {
         const std::string k0 = key0(static_cast<unsigned>(rng_() % kIds));
         const std::string* old = model_->find(k0);
-        std::string rec = make_record(k0, old, rng_() % 2 == 0);
+        // Updates often keep the length (the data part is then rewritten in place), or
+        // change it by one byte (an odd length keeps the room an even one took).
+        int len = -1;
+        if (how == 2 && old && rng_() % 2 == 0) {
+            len = static_cast<int>(old->size());
+            if (rng_() % 3 == 0 && len > model_->minrec() && len < 65534) len += rng_() % 2 ? 1 : -1;
+        }
+        std::string rec = make_record(k0, old, rng_() % 2 == 0, len);
         const int n = static_cast<int>(rec.size());
         if (how == 0) {
             int r = niswrite(fd_, rec.data(), n);
@@ -708,6 +716,17 @@ protected:
         EXPECT_EQ(rep.records, static_cast<long>(model_->size()));
         EXPECT_TRUE(rep.data_accounted);
         EXPECT_EQ(rep.unknown_pages, 0);
+
+        // Every byte a record took comes back with it: once every record is deleted, no
+        // page of data is left (a page keeps its place while anything in it is lost).
+        std::vector<std::string> keys;
+        for (const auto& kv : model_->all()) keys.push_back(model_->key(kv.second, 0));
+        for (const std::string& k0 : keys) ASSERT_EQ(nisdelete(fd_, k0.data()), 0) << "nisdelete";
+        ASSERT_EQ(nisflush(fd_), 0);
+        rep = kisam::check::check_file(path_);
+        EXPECT_TRUE(rep.ok) << rep.error << " (seed " << seed_ << ")";
+        EXPECT_EQ(rep.records, 0);
+        EXPECT_EQ(rep.data_pages, 0) << "seed " << seed_;
     }
 
     static constexpr unsigned kIds = 900;

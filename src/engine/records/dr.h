@@ -29,3 +29,10 @@ constexpr int dr_need(int len) {
 int dr_get(PAGE drp, char* recptr, int maxlen) noexcept;   // bytes copied, or -1
 PAGE dr_put(const char* recptr, int reclen) noexcept;      // address, or 0xFFFFFFFF
 int dr_rel(PAGE drp) noexcept;                             // 0, -1
+// Rewrites in place the record at drp with reclen bytes when the new bytes take exactly
+// the room the old ones took: a record kept whole in one segment of a shared page, whose
+// segment keeps its size.  The page's free space, the free-space table and the address
+// stay as they are; what a release and a store would have left differs only in where
+// the bytes lie.  1 rewritten, 0 not this record (nothing done: release and store it
+// instead), -1 failure (error raised, with dr_rel's detail 1: the page was not changed).
+int dr_rewrite(PAGE drp, const char* recptr, int reclen) noexcept;

@@ -335,6 +335,34 @@ PAGE dr_put(const char* recptr, int reclen) noexcept {
     return addr;
 }
 
+int dr_rewrite(PAGE drp, const char* recptr, int reclen) noexcept {
+    const PAGE p = drp & ~kDrLowMask;
+    const int s = static_cast<int>(drp & kDrLowMask);
+    // Overflow chains and odd (damaged) addresses go the long way, which checks them.
+    if (drp == KISAM_NOPAGE || (drp & 1) != 0 || s < 2 || s > kPage - 4 || !page_ok(p) ||
+        reclen < 1 || reclen > kDrMaxShared)
+        return 0;
+    IS_DATA* pg = v_read(p);
+    if (pg == nullptr) return is_push(PROC(P_DR_REL, 1));
+    char* bp = pg->c;
+    const uint16_t ctlw = load_at<uint16_t>(bp + s);
+    // Only a last-form segment is the whole record; its footprint must not change.  A
+    // damaged page (a segment running off the page) is left to dr_rel to report.
+    const int len = ctlw & 0x3FF;
+    if ((ctlw & 0xC000) != 0x8000 || s + dr_need(len) > kPage || dr_need(len) != dr_need(reclen)) {
+        v_unsafe(p, bp);
+        return 0;
+    }
+    if (jn_touch(p, pg) != 0) {
+        v_unsafe(p, bp);
+        return is_push(PROC(P_DR_REL, 1));
+    }
+    put_last(bp, s, recptr, reclen);
+    if (v_write(p, pg) != 0) return is_push(PROC(P_DR_REL, 5));
+    v_unsafe(p, bp);
+    return 1;
+}
+
 int dr_rel(PAGE drp) noexcept {
     // Overflow pages go back to the free chain one by one.
     for (int n = 0; drp != KISAM_NOPAGE && (drp & kDrLowMask) == 1; ++n) {

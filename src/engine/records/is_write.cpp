@@ -179,10 +179,10 @@ int is_update(const char* record, int recsize) noexcept {
     const PAGE old = load_at<PAGE>(temp + k0->k_offset);
 
     // The steps of a delete and a write, in their order and with their failure codes,
-    // but for the index items that stay as they are: the key 0 item keeps its place and
-    // only takes the new address, and an alternate item is taken out and put in again
-    // only when its key value changed.  The records and indexes come out as a delete and
-    // a write would leave them.
+    // but for what stays as it is: a data part of the same footprint is rewritten in
+    // place, the key 0 item keeps its place and only takes a new address, and an
+    // alternate item is taken out and put in again only when its key value changed.  The
+    // records and indexes come out as a delete and a write would leave them.
     const bool keyopt = (fcp->is_optbits & ISO_KEYOPT) != 0;
     const int nkeys = fcp->is_nkeys;
     const int n = fcp->is_minrec - (keyopt ? kl0 : 0);
@@ -190,15 +190,25 @@ int is_update(const char* record, int recsize) noexcept {
     char* buf = save.get();
     if (buf == nullptr) return is_raise(ISE_KEYSAVE, PROC(P_IS_DELETE, 3));
     if (nkeys >= 2 && dr_get(old, buf, n) < 0) return is_push(PROC(P_IS_DELETE, 4));
-    if (old != KISAM_NOPAGE && dr_rel(old) != 0) return is_push(PROC(P_IS_DELETE, 5));
 
-    PAGE addr;
-    if (put_data(record, recsize, &addr) != 0) return -1;
-    std::memset(temp, 0, static_cast<size_t>(k0->k_itemlen));
-    std::memcpy(temp, record, static_cast<size_t>(kl0));
-    store_at<PAGE>(temp + k0->k_offset, addr);
-    db_cursor(db, 0)->currpage = KISAM_NOPAGE;
-    if (bt_insert(0, k0->k_root, temp, 0, 1) < 0) return is_push(PROC(P_IS_WRITE, 4));
+    // A data part that takes the room of the old one is written over it: the address,
+    // and so the key 0 item, stay.  Otherwise the old part is released and the new one
+    // stored wherever a write would store it, and the key 0 item takes its address.
+    const int dlen = keyopt ? recsize - kl0 : recsize;
+    const int inplace = dlen > 0 ? dr_rewrite(old, keyopt ? record + kl0 : record, dlen) : 0;
+    if (inplace < 0) return is_push(PROC(P_IS_DELETE, 5));
+    if (inplace == 0) {
+        if (old != KISAM_NOPAGE && dr_rel(old) != 0) return is_push(PROC(P_IS_DELETE, 5));
+        PAGE addr;
+        if (put_data(record, recsize, &addr) != 0) return -1;
+        if (addr != old) {
+            std::memset(temp, 0, static_cast<size_t>(k0->k_itemlen));
+            std::memcpy(temp, record, static_cast<size_t>(kl0));
+            store_at<PAGE>(temp + k0->k_offset, addr);
+            db_cursor(db, 0)->currpage = KISAM_NOPAGE;
+            if (bt_insert(0, k0->k_root, temp, 0, 1) < 0) return is_push(PROC(P_IS_WRITE, 4));
+        }
+    }
 
     return reindex_changed(record, keyopt ? buf : buf + kl0, PROC(P_IS_DELETE, 6), PROC(P_IS_WRITE, 11));
 }
