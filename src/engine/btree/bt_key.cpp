@@ -31,11 +31,6 @@ int is_more(const CmpType* ap, const CmpType* bp, int n, int srchflag) noexcept 
     return (srchflag & 0x01) ? 0 : 1;
 }
 
-int is_same(const char* a, const char* b, short n) noexcept {
-    const size_t len = static_cast<unsigned short>(n);
-    return len == 0 || std::memcmp(a, b, len) == 0 ? 1 : 0;
-}
-
 int bt_order(int itemlen, int pagesize) noexcept {
     if (itemlen < 1 || (itemlen & 1)) return -1;
     const int order = (pagesize - kBtHeader) / (itemlen + kBtPointer);

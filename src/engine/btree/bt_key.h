@@ -9,7 +9,6 @@
 void is_pad(char* addr, int nbytes, char value) noexcept;
 void is_movblk(const char* src, char* dest, int nbytes) noexcept;
 int is_more(const CmpType* ap, const CmpType* bp, int n, int srchflag) noexcept;
-int is_same(const char* a, const char* b, short n) noexcept;
 int bt_order(int itemlen, int pagesize) noexcept;
 
 namespace kisam {
@@ -44,3 +43,8 @@ inline int key_cmp(const char* a, const char* b, size_t n) noexcept {
 }
 
 }  // namespace kisam
+
+// Whether the first n bytes of a and b are equal (n taken as unsigned 16 bits; 0: equal).
+inline int is_same(const char* a, const char* b, short n) noexcept {
+    return kisam::key_cmp(a, b, static_cast<unsigned short>(n)) == 0 ? 1 : 0;
+}

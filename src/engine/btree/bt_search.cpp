@@ -27,14 +27,17 @@ int kisam::bt_scan(IS_DATA* d, const IS_KEY* kp, const char* key, int ncomp, int
     const int inc = kp->k_itemlen + 4;
     const int n = d->bt.bt_nitems;
     const int pad = kp->k_offset > kp->k_keylen ? kp->k_keylen : -1;
-    const bool eq_goes_on = !(srchflag & 0x01);   // an equal item does not stop the scan
     const size_t len = ncomp > 0 ? static_cast<size_t>(ncomp) : 0;
-    // Whether the scan goes on past item i: key above it (forward) or below it (backward).
+    // Whether the scan goes on past item i: key above it (forward) or below it (backward),
+    // and equal to it unless an equal item stops the scan.  key_cmp gives -1, 0 or 1, so
+    // with the sign of the direction one comparison with a floor decides.
+    const int sign = (srchflag & 0x02) ? -1 : 1;
+    const int floor = (srchflag & 0x01) ? 0 : -1;
+    char* const items = d->c + bt_item_off(0, inc);
     auto goes_on = [&](int i) {
-        char* x = d->c + bt_item_off(i, inc);
+        char* x = items + i * inc;
         if (pad >= 0 && x[pad] != 0) x[pad] = 0;
-        const int c = kisam::key_cmp(key, x, len);
-        return (srchflag & 0x02) ? (c < 0 || (c == 0 && eq_goes_on)) : (c > 0 || (c == 0 && eq_goes_on));
+        return sign * kisam::key_cmp(key, x, len) > floor;
     };
     if (srchflag & 0x02) {
         // The scan goes on over a run at the top; it stops just below that run.
