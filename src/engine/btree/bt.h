@@ -29,6 +29,12 @@ int bt_insert(int keyno, PAGE page, char* item, int depth, int forcef) noexcept;
 int newroot(int keyno, PAGE page, char* item, PAGE oldpage, IS_KEY* kfp) noexcept;
 // delete: 0 done, -1 failure (ISE_BTNP when the item is absent).
 int bt_delete(int keyno, PAGE page, char* item, PAGE parent) noexcept;
+// delete of the item the last search of this process found (bt_search returned 1 for
+// key keyno of the current file, and nothing changed that tree since), without a descent:
+// done in the page that holds it when that page is a leaf that keeps at least half its
+// items.  0 done, 1 not done (nothing changed: delete from the root), -1 failure with the
+// stack a delete from the root leaves.
+int bt_delete_found(int keyno, char* item) noexcept;
 int bt_getnxt(int keyno, PAGE ins_pg, int offset, PAGE parent, PAGE page) noexcept;
 // Forgets the levels of bt_delete and bt_getnxt that a call abandoned part way (left by
 // a signal handler's jump) never left.  For the call frame's repair only.
@@ -37,6 +43,18 @@ int bt_unflow(int keyno, PAGE parent, PAGE page) noexcept;
 
 // Page accessors shared by the three B-tree modules.
 namespace kisam {
+
+// Where the last search that found its item (bt_search returning 1) found it: the page and
+// its depth below the root (-1 when not known: found through the cursor's hint).  Set
+// under the control lock for the file of db; a change of the tree after it stales it,
+// which its users check against the page itself.
+struct BtFound {
+    const IS_DB* db;
+    int keyno;
+    PAGE page;
+    int depth;
+};
+extern BtFound bt_found;
 
 inline constexpr int kBtHeader = 4;   // bt_keyno, bt_nitems; pointer 0 follows
 

@@ -98,6 +98,47 @@ int bt_delete(int keyno, PAGE page, char* item, PAGE parent) noexcept {
     return r == 1 ? bt_unflow(keyno, parent, page) : 0;
 }
 
+int bt_delete_found(int keyno, char* item) noexcept {
+    const kisam::BtFound f = kisam::bt_found;
+    if (f.page == KISAM_NOPAGE || f.db != is_curdb || f.keyno != keyno || f.depth < 0) return 1;
+    IS_KEY* kp = kisam::fcp_key(is_curfcp, keyno);
+    const int inc = kp->k_itemlen + 4;
+    // The failures of a delete from the root: its levels above the leaf push theirs.
+    auto failed = [&](int detail) {
+        is_push(PROC(P_BT_DELETE, detail));
+        for (int i = 0; i < f.depth; ++i) is_push(PROC(P_BT_DELETE, 5));
+        return -1;
+    };
+
+    IS_DATA* d = v_read(f.page);
+    if (d == nullptr) return failed(2);
+    const int n = d->bt.bt_nitems;
+    // A leaf (no child pointers) of this key, where the item still is, that keeps at
+    // least half its items needs no repair and no parent.
+    int j = -1;
+    if (kisam::bt_page_ok(d, keyno, kp->k_order) && n - 1 >= kp->k_order / 2 &&
+        bt_ptr(d, 0, inc) == KISAM_NOPAGE) {
+        kisam::bt_zero_pad(item, kp);
+        j = kisam::bt_scan(d, kp, item, kp->k_ncomp, 1);
+        if (j >= 0 && !is_same(item, d->c + bt_item_off(j, inc), static_cast<short>(kp->k_ncomp))) j = -1;
+    }
+    if (j < 0) {
+        v_unsafe(f.page, d->c);
+        return 1;
+    }
+    kisam::bt_found.page = KISAM_NOPAGE;
+    if (jn_touch(f.page, d) != 0) {
+        v_unsafe(f.page, d->c);
+        return failed(3);
+    }
+    char* at = d->c + bt_item_off(j, inc);
+    std::memmove(at, at + inc, sz((n - 1 - j) * inc));
+    d->bt.bt_nitems = static_cast<int16_t>(n - 1);
+    if (v_write(f.page, d) != 0) return failed(3);
+    v_unsafe(f.page, d->c);
+    return 0;
+}
+
 int bt_getnxt(int keyno, PAGE ins_pg, int offset, PAGE parent, PAGE page) noexcept {
     if (page == KISAM_NOPAGE) return is_raise(ISE_BTNP, PROC(P_BT_GETNXT, 1));
     Descent level;

@@ -23,6 +23,14 @@
 using kisam::bt_item_off;
 using kisam::bt_ptr;
 
+kisam::BtFound kisam::bt_found = {nullptr, -1, KISAM_NOPAGE, -1};
+
+namespace {
+void found_at(int keyno, PAGE page, int depth) {
+    kisam::bt_found = {is_curdb, keyno, page, depth};
+}
+}  // namespace
+
 int kisam::bt_scan(IS_DATA* d, const IS_KEY* kp, const char* key, int ncomp, int srchflag) noexcept {
     const int inc = kp->k_itemlen + 4;
     const int n = d->bt.bt_nitems;
@@ -70,9 +78,11 @@ int bt_search(int keyno, PAGE page, int srchflag, char* item, int depth) noexcep
     PAGE pno = page;
     IS_DATA* d = nullptr;
     int x = -1;   // index of the item that stopped the scan
+    bool via_hint = false;
     if (depth > kisam::kBtMaxDepth) return is_raise(ISE_BTS, PROC(P_BT_SEARCH, 2));
 
     if (depth == 0) {
+        kisam::bt_found.page = KISAM_NOPAGE;
         kisam::bt_zero_pad(item, kp);
         if (page == KISAM_NOPAGE) return 0;
         const PAGE hint = cur->currpage;
@@ -85,6 +95,7 @@ int bt_search(int keyno, PAGE page, int srchflag, char* item, int depth) noexcep
                 if (x >= 0 && (srchflag & 0x01) &&
                     is_same(item, h->c + bt_item_off(x, inc), static_cast<short>(ncomp))) {
                     std::memcpy(item, h->c + bt_item_off(x, inc), static_cast<size_t>(len));
+                    found_at(keyno, hint, -1);
                     return 1;
                 }
                 // The first item scanned stopping the scan says nothing about what lies
@@ -92,6 +103,7 @@ int bt_search(int keyno, PAGE page, int srchflag, char* item, int depth) noexcep
                 if (x >= 0 && x != (back ? n - 1 : 0)) {
                     d = h;
                     pno = hint;
+                    via_hint = true;
                 }
             }
             if (d == nullptr) v_unsafe(hint, h->c);
@@ -118,6 +130,7 @@ int bt_search(int keyno, PAGE page, int srchflag, char* item, int depth) noexcep
         if ((srchflag & 0x01) && is_same(item, xp, static_cast<short>(ncomp))) {
             std::memcpy(item, xp, static_cast<size_t>(len));
             cur->currpage = pno;
+            found_at(keyno, pno, via_hint ? -1 : depth);
             return 1;
         }
         child = bt_ptr(d, back ? x + 1 : x, inc);

@@ -26,8 +26,12 @@ int delete_items(const char* primekey, char* buf, PAGE addr) {
 
     if (addr != KISAM_NOPAGE && dr_rel(addr) != 0) return is_push(PROC(P_IS_DELETE, 5));
 
+    // The search that found the record found its key 0 item: most often it goes from
+    // that leaf without a second descent.
+    const int r0 = bt_delete_found(0, temp);
+    if (r0 < 0) return is_push(PROC(P_IS_DELETE, 7));
     db_cursor(db, 0)->currpage = KISAM_NOPAGE;
-    if (bt_delete(0, k0->k_root, temp, KISAM_NOPAGE) != 0) return is_push(PROC(P_IS_DELETE, 7));
+    if (r0 > 0 && bt_delete(0, k0->k_root, temp, KISAM_NOPAGE) != 0) return is_push(PROC(P_IS_DELETE, 7));
 
     if (fcp->is_nkeys < 2) return 0;
     const char* p = (fcp->is_optbits & ISO_KEYOPT) ? buf : buf + k0->k_keylen;
