@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <array>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -999,6 +1000,87 @@ TEST_F(ReadNoLockCost, AnOddCountSendsTheReadToTheLock) {
     EXPECT_EQ(std::memcmp(out, "00000001", 8), 0);
     EXPECT_EQ(is_nolock_reads, before + 1);
     EXPECT_EQ(nisclose(fd), 0);
+}
+
+// An update whose data part keeps its room rewrites it in place.  Its process killed at
+// each page the update changes, before or after the rewrite, leaves the old record: its
+// bytes and its index items, once the next opener has rolled the call back; left alone,
+// the call gives the new record.  With key 1 kept and changed, at the same length and one
+// byte shorter.
+class InPlaceUpdate : public kt::Env {
+protected:
+    static std::string rec(int id, int gen, int len) {
+        char t[16];
+        std::snprintf(t, sizeof t, "%08d", id);
+        std::string r(t, 8);
+        std::snprintf(t, sizeof t, "%02d%04d", gen, id);  // key 1: unique per record
+        r.append(t, 6);
+        r.resize(static_cast<size_t>(len), static_cast<char>('a' + gen));
+        return r;
+    }
+    // Whether the file holds r as its record of r's key 0, found by key 0 and key 1.
+    static ::testing::AssertionResult holds(int fd, const std::string& r) {
+        char buf[256];
+        const int n0 = nisfind(fd, 0, r.data(), buf, sizeof buf);
+        if (n0 != static_cast<int>(r.size()) || std::memcmp(buf, r.data(), r.size()) != 0)
+            return ::testing::AssertionFailure() << "by key 0: " << n0 << " bytes, " << std::string(buf, 20);
+        const int n1 = nisfind(fd, 1, r.data() + 8, buf, sizeof buf);
+        if (n1 != static_cast<int>(r.size()) || std::memcmp(buf, r.data(), r.size()) != 0)
+            return ::testing::AssertionFailure() << "by key 1: " << n1 << " bytes";
+        return ::testing::AssertionSuccess();
+    }
+};
+
+TEST_F(InPlaceUpdate, KilledAtEveryPageItChangesLeavesTheOldRecord) {
+    bound(300);
+    const std::string f = made("u.ism", {8, 6});
+    ASSERT_EQ(is_init(), 0);
+    int fd = nisopen(f.c_str(), ISO_RDWR);
+    ASSERT_GE(fd, 0);
+    for (int id = 0; id < 300; ++id) ASSERT_EQ(niswrite(fd, rec(id, 0, 100).data(), 100), 0);
+    std::string old = rec(150, 0, 100);
+    int gen = 0;
+    for (int len : {100, 100, 99}) {
+        for (bool change_key1 : {false, true}) {
+            const std::string now = change_key1 ? rec(150, gen + 1, len) : old.substr(0, 14) + std::string(static_cast<size_t>(len - 14), 'z');
+            SCOPED_TRACE("length " + std::to_string(len) + (change_key1 ? ", key 1 changed" : ", key 1 kept"));
+            for (int n = 1;; ++n) {
+                ASSERT_LT(n, 50) << "the update never ends";
+                ASSERT_EQ(nisclose(fd), 0);
+                const int rc = kt::run_child([&] {
+                    kt::become_unattached();
+                    const int cfd = nisopen(f.c_str(), ISO_RDWR);
+                    if (cfd < 0) return 1;
+                    static int left;
+                    left = n;
+                    kisam::test_hook = [](int where, int) {
+                        if (where == kisam::kHookTouch && --left == 0) ::raise(SIGKILL);
+                    };
+                    if (nisupdate(cfd, now.data(), static_cast<int>(now.size())) != 0) return 2;
+                    kisam::test_hook = nullptr;
+                    nisclose(cfd);
+                    nisunisam();
+                    return 0;
+                });
+                fd = nisopen(f.c_str(), ISO_RDWR);
+                ASSERT_GE(fd, 0);
+                if (rc == 0) {
+                    ASSERT_TRUE(holds(fd, now));
+                    break;
+                }
+                ASSERT_EQ(rc, 128 + SIGKILL) << "killed before touch " << n;
+                ASSERT_TRUE(holds(fd, old)) << "killed before touch " << n;
+                if (change_key1) {
+                    char buf[256];
+                    EXPECT_EQ(nisfind(fd, 1, now.data() + 8, buf, sizeof buf), 0) << "killed before touch " << n;
+                }
+            }
+            old = now;
+            if (change_key1) ++gen;
+        }
+    }
+    ASSERT_EQ(nisclose(fd), 0);
+    EXPECT_TRUE(kt::sound(f));
 }
 
 }  // namespace
