@@ -17,6 +17,8 @@
 
 #include "layout.h"
 
+#include <cstdint>
+
 // search: 1 found (item filled), 0 none, -1 failure.  srchflag 0/1 forward (1: equal
 // qualifies), 2/3 backward, 5 exact over k_keylen bytes.  Reads and updates the cursor's
 // currpage as a start hint.  The page holding the returned item stays fixed until flush.
@@ -92,5 +94,32 @@ inline void bt_zero_pad(char* item, const IS_KEY* kp) {
 // item compared is zeroed (written only when it is not zero already), as is the key's
 // by the caller.
 int bt_scan(IS_DATA* d, const IS_KEY* kp, const char* key, int ncomp, int srchflag) noexcept;
+
+// How the cursor's hint has fared for the searches or inserts of each (handle, key): work
+// in key order finds its page there nearly every time, work in random order nearly never,
+// and then pays a pool lookup and a scan per call for nothing.  After two misses in a row
+// the hint is tried only every 16th time, which finds ordered work again soon enough.
+// Speed only, where whether the hint is tried changes no answer and no item's place: not
+// for a search that several equal items may answer.
+struct HintLuck {
+    const IS_DB* db;
+    int keyno;
+    uint8_t misses;
+    uint8_t tick;
+    bool worth_trying() { return misses < 2 || (++tick & 15) == 0; }
+    void fared(bool used) {
+        if (used) misses = 0;
+        else if (misses < 255) ++misses;
+    }
+};
+inline constexpr int kHintLuckSlots = 64;
+// The entry of (db, keyno) in a direct-mapped table; one taken by another handle or key
+// starts afresh.
+inline HintLuck& hint_luck(HintLuck* table, const IS_DB* db, int keyno) {
+    const auto h = (reinterpret_cast<uintptr_t>(db) >> 4) * 31u + static_cast<unsigned>(keyno);
+    HintLuck& e = table[h & (kHintLuckSlots - 1)];
+    if (e.db != db || e.keyno != keyno) e = {db, keyno, 0, 0};
+    return e;
+}
 
 }  // namespace kisam

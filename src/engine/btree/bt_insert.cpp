@@ -52,6 +52,7 @@ int scan_insert(IS_DATA* d, const IS_KEY* kp, const char* item) {
 
 bool reserve_new_item(int len) { return len >= 0 && len <= static_cast<int>(sizeof new_item); }
 
+
 }  // namespace
 
 int newroot(int keyno, PAGE page, char* item, PAGE oldpage, IS_KEY* kfp) noexcept {
@@ -92,7 +93,9 @@ int bt_insert(int keyno, PAGE page, char* item, int depth, int forcef) noexcept 
             return 0;
         }
         const PAGE hint = cur->currpage;
-        if (hint != KISAM_NOPAGE) {
+        static kisam::HintLuck luck_table[kisam::kHintLuckSlots];
+        kisam::HintLuck& luck = kisam::hint_luck(luck_table, is_curdb, keyno);
+        if (hint != KISAM_NOPAGE && luck.worth_trying()) {
             IS_DATA* h = v_read(hint);
             if (h == nullptr) return is_push(PROC(P_BT_INSERT, 2));
             const int n = h->bt.bt_nitems;
@@ -106,6 +109,7 @@ int bt_insert(int keyno, PAGE page, char* item, int depth, int forcef) noexcept 
                 }
             }
             if (d == nullptr) v_unsafe(hint, h->c);
+            luck.fared(d != nullptr);
         }
     }
 

@@ -86,7 +86,12 @@ int bt_search(int keyno, PAGE page, int srchflag, char* item, int depth) noexcep
         kisam::bt_zero_pad(item, kp);
         if (page == KISAM_NOPAGE) return 0;
         const PAGE hint = cur->currpage;
-        if (hint != KISAM_NOPAGE && v_hit(hint, keyno)) {
+        // Where items compare equal over fewer bytes than make them unique (an exact
+        // search of an alternate key's value), the hint decides which of the equal ones
+        // is found: it is then always tried, as a caller may rely on that choice.
+        static kisam::HintLuck luck_table[kisam::kHintLuckSlots];
+        kisam::HintLuck& luck = kisam::hint_luck(luck_table, is_curdb, keyno);
+        if (hint != KISAM_NOPAGE && (ncomp < kp->k_ncomp || luck.worth_trying()) && v_hit(hint, keyno)) {
             IS_DATA* h = v_read(hint);
             if (h == nullptr) return is_push(PROC(P_BT_SEARCH, 1));
             const int n = h->bt.bt_nitems;
@@ -96,6 +101,7 @@ int bt_search(int keyno, PAGE page, int srchflag, char* item, int depth) noexcep
                     is_same(item, h->c + bt_item_off(x, inc), static_cast<short>(ncomp))) {
                     std::memcpy(item, h->c + bt_item_off(x, inc), static_cast<size_t>(len));
                     found_at(keyno, hint, -1);
+                    luck.fared(true);
                     return 1;
                 }
                 // The first item scanned stopping the scan says nothing about what lies
@@ -107,6 +113,7 @@ int bt_search(int keyno, PAGE page, int srchflag, char* item, int depth) noexcep
                 }
             }
             if (d == nullptr) v_unsafe(hint, h->c);
+            luck.fared(d != nullptr);
         }
     }
 
