@@ -5,8 +5,8 @@
 //
 // Each phase is one function that nothing inlines (write_insert, write_update,
 // write_delete), so that a profiler can count one phase's instructions alone, e.g.
-//   valgrind --tool=callgrind --collect-atstart=no --toggle-collect=write_update \
-//     build/bench/write_bench 100000 32000
+//   valgrind --tool=callgrind --collect-atstart=no --toggle-collect=write_update
+//            build/bench/write_bench 100000 32000
 // and divide by the records.  With rounds > 1 the updates run that many times (key 1
 // takes a new value each time).  The installation, segment and directory are removed at
 // the end.

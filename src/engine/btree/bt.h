@@ -37,6 +37,11 @@ int bt_delete(int keyno, PAGE page, char* item, PAGE parent) noexcept;
 // items.  0 done, 1 not done (nothing changed: delete from the root), -1 failure with the
 // stack a delete from the root leaves.
 int bt_delete_found(int keyno, char* item) noexcept;
+// insert with forcef of an item equal to the one the last search found (as above), in
+// the page that holds it, without a descent: the 4 bytes at k_offset are exchanged.  0
+// done, 1 not done (nothing changed: insert from the root), -1 failure with the stack an
+// insert from the root leaves.
+int bt_exchange_found(int keyno, char* item) noexcept;
 int bt_getnxt(int keyno, PAGE ins_pg, int offset, PAGE parent, PAGE page) noexcept;
 // Forgets the levels of bt_delete and bt_getnxt that a call abandoned part way (left by
 // a signal handler's jump) never left.  For the call frame's repair only.

@@ -72,6 +72,49 @@ int newroot(int keyno, PAGE page, char* item, PAGE oldpage, IS_KEY* kfp) noexcep
     return 0;
 }
 
+int bt_exchange_found(int keyno, char* item) noexcept {
+    const kisam::BtFound f = kisam::bt_found;
+    if (f.page == KISAM_NOPAGE || f.db != is_curdb || f.keyno != keyno || f.depth < 0) return 1;
+    IS_KEY* kp = kisam::fcp_key(is_curfcp, keyno);
+    const int len = kp->k_itemlen;
+    if (!reserve_new_item(len)) return 1;   // the insert from the root says why
+    // The failures of an insert from the root that found the item at this depth.
+    auto failed = [&]() {
+        is_push(PROC(P_BT_INSERT, 4));
+        for (int i = 0; i < f.depth; ++i) is_push(PROC(P_BT_INSERT, 5));
+        return -1;
+    };
+    IS_DATA* d = v_read(f.page);
+    if (d == nullptr) return failed();
+    kisam::bt_zero_pad(item, kp);
+    int j = -1;
+    if (kisam::bt_page_ok(d, keyno, kp->k_order) && d->bt.bt_nitems > 0) {
+        j = scan_insert(d, kp, item);
+        if (j >= d->bt.bt_nitems ||
+            !is_same(item, d->c + bt_item_off(j, len + 4), static_cast<short>(kp->k_ncomp)))
+            j = -1;
+    }
+    if (j < 0) {
+        v_unsafe(f.page, d->c);
+        return 1;
+    }
+    kisam::db_cursor(is_curdb, keyno)->currpage = f.page;
+    if (jn_touch(f.page, d) != 0) {
+        v_unsafe(f.page, d->c);
+        return failed();
+    }
+    // The tree takes the caller's record address; the caller gets the old one.
+    char* a = item + kp->k_offset;
+    char* b = d->c + bt_item_off(j, len + 4) + kp->k_offset;
+    char t[4];
+    std::memcpy(t, a, 4);
+    std::memcpy(a, b, 4);
+    std::memcpy(b, t, 4);
+    if (v_write(f.page, d) != 0) return failed();
+    v_unsafe(f.page, d->c);
+    return 0;
+}
+
 int bt_insert(int keyno, PAGE page, char* item, int depth, int forcef) noexcept {
     IS_KEY* kp = kisam::fcp_key(is_curfcp, keyno);
     IS_DBKEY* cur = kisam::db_cursor(is_curdb, keyno);

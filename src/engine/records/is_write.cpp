@@ -205,8 +205,13 @@ int is_update(const char* record, int recsize) noexcept {
             std::memset(temp, 0, static_cast<size_t>(k0->k_itemlen));
             std::memcpy(temp, record, static_cast<size_t>(kl0));
             store_at<PAGE>(temp + k0->k_offset, addr);
-            db_cursor(db, 0)->currpage = KISAM_NOPAGE;
-            if (bt_insert(0, k0->k_root, temp, 0, 1) < 0) return is_push(PROC(P_IS_WRITE, 4));
+            // Most often in the page the search found it in, without a second descent.
+            const int r0 = bt_exchange_found(0, temp);
+            if (r0 < 0) return is_push(PROC(P_IS_WRITE, 4));
+            if (r0 > 0) {
+                db_cursor(db, 0)->currpage = KISAM_NOPAGE;
+                if (bt_insert(0, k0->k_root, temp, 0, 1) < 0) return is_push(PROC(P_IS_WRITE, 4));
+            }
         }
     }
 
