@@ -1,14 +1,16 @@
 // The changing calls alone, one phase at a time: inserts, updates (key 1 changes) and
 // deletes of the workload's records in random order, each phase timed on its own.
 //
-//   write_bench [records [buffers [rounds]]]   (defaults: 100000 records, 32000 buffers, 1)
+//   write_bench [records [buffers [rounds [grow]]]]
+//               (defaults: 100000 records, 32000 buffers, 1 round, grow 0)
 //
 // Each phase is one function that nothing inlines (write_insert, write_update,
 // write_delete), so that a profiler can count one phase's instructions alone, e.g.
 //   valgrind --tool=callgrind --collect-atstart=no --toggle-collect=write_update
 //            build/bench/write_bench 100000 32000
 // and divide by the records.  With rounds > 1 the updates run that many times (key 1
-// takes a new value each time).  The installation, segment and directory are removed at
+// takes a new value each time); with grow > 0 round r makes every record r * grow bytes
+// longer, so that its data part moves.  The installation, segment and directory are removed at
 // the end.
 #include "kisam_engine.h"
 
@@ -29,11 +31,11 @@ extern "C" __attribute__((noinline)) bool write_insert(wl::Engine& e, const Ids&
     return true;
 }
 
-extern "C" __attribute__((noinline)) bool write_update(wl::Engine& e, const Ids& ids, unsigned gen) {
-    char rec[wl::kRecLen];
+extern "C" __attribute__((noinline)) bool write_update(wl::KisamEngine& e, const Ids& ids, unsigned gen, int len) {
+    std::vector<char> rec(static_cast<size_t>(len), 'u');
     for (unsigned id : ids) {
-        wl::make_record(rec, id, gen);
-        if (!e.update(rec)) return false;
+        wl::make_record(rec.data(), id, gen);
+        if (len == wl::kRecLen ? !e.update(rec.data()) : nisupdate(e.fd(), rec.data(), len) != 0) return false;
     }
     return true;
 }
@@ -69,8 +71,11 @@ int main(int argc, char** argv) {
     const long n = argc > 1 ? std::atol(argv[1]) : 100000;
     const int maxbuf = argc > 2 ? std::atoi(argv[2]) : 32000;
     const int rounds = argc > 3 ? std::atoi(argv[3]) : 1;
-    if (n < 1 || n > 4000000 || maxbuf < 16 || maxbuf > 32767 || rounds < 1 || rounds > 100) {
-        std::fprintf(stderr, "usage: write_bench [records (1..4000000) [buffers (16..32767) [rounds (1..100)]]]\n");
+    const int grow = argc > 4 ? std::atoi(argv[4]) : 0;
+    if (n < 1 || n > 4000000 || maxbuf < 16 || maxbuf > 32767 || rounds < 1 || rounds > 100 || grow < 0 ||
+        grow > 500) {
+        std::fprintf(stderr,
+                     "usage: write_bench [records (1..4000000) [buffers (16..32767) [rounds (1..100) [grow (0..500)]]]]\n");
         return 2;
     }
     char tmpl[] = "/tmp/kisam-wbench-XXXXXX";
@@ -86,7 +91,7 @@ int main(int argc, char** argv) {
         bool ok = timed("insert", n, [&] { return write_insert(e, ids); });
         for (int r = 1; ok && r <= rounds; ++r) {
             std::shuffle(ids.begin(), ids.end(), rng);
-            ok = timed("update", n, [&] { return write_update(e, ids, static_cast<unsigned>(r)); });
+            ok = timed("update", n, [&] { return write_update(e, ids, static_cast<unsigned>(r), wl::kRecLen + r * grow); });
         }
         std::shuffle(ids.begin(), ids.end(), rng);
         ok = ok && timed("delete", n, [&] { return write_delete(e, ids); });
