@@ -240,14 +240,9 @@ TEST_F(CtlWords, SleepersOnAKilledHoldersWordGetItInTurn) {
     const int f = create("f", {4});
     ASSERT_GE(f, 0);
     ASSERT_EQ(niswrite(f, "keep-record", 11), 0);
-    kt::Pipe held;
-    pid_t h = kt::start_child([&] {
-        if (is_chinit() != 0 || nisgetctl(f) != 0) return 1;
-        if (niswrite(f, "dead-record", 11) != 0) return 2;
-        held.signal();
-        for (;;) ::pause();
+    const pid_t h = hold([&] {
+        return is_chinit() == 0 && nisgetctl(f) == 0 && niswrite(f, "dead-record", 11) == 0 ? 0 : 1;
     });
-    ASSERT_EQ(held.wait(), 'x');
     std::vector<pid_t> waiters;
     for (int k = 0; k < 2; ++k)
         waiters.push_back(kt::start_child([&] {
@@ -260,8 +255,7 @@ TEST_F(CtlWords, SleepersOnAKilledHoldersWordGetItInTurn) {
             return dead && kept ? 0 : 4;
         }));
     ASSERT_TRUE(wait_for_sleepers(f, 2));
-    ::kill(h, SIGKILL);
-    EXPECT_EQ(kt::wait_child(h), 128 + SIGKILL);
+    kill(h);
     for (pid_t w : waiters) EXPECT_EQ(kt::wait_child(w), 0);
     EXPECT_EQ(ctl_word(f), 0u) << "no holder, nobody asleep";
     EXPECT_EQ(ot::shared_fcp(f)->jd_fcplock, 0u);
