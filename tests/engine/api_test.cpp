@@ -16,7 +16,6 @@
 #include <dirent.h>
 #include <fstream>
 #include <functional>
-#include <iterator>
 #include <string>
 #include <sys/shm.h>
 #include <sys/stat.h>
@@ -263,11 +262,6 @@ std::vector<std::string> listing(const std::string& dir) {
     return names;
 }
 
-std::string contents(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 }  // namespace create_sweep
 
 TEST_F(Open, ACreateThatFailsLeavesNothingNewBehind) {
@@ -301,7 +295,7 @@ TEST_F(Open, ACreateThatFailsLeavesNothingNewBehind) {
                 ASSERT_EQ(niswrite(fd, r.data(), static_cast<int>(r.size())), 0);
             }
             ASSERT_EQ(nisclose(fd), 0);
-            old = cs::contents(f);
+            old = kt::slurp(f);
         }
         // Puts the name back as it was before the create.
         auto restore = [&] {
@@ -343,7 +337,7 @@ TEST_F(Open, ACreateThatFailsLeavesNothingNewBehind) {
                 EXPECT_GT(is_errno, 0);
                 EXPECT_EQ(cs::listing(dir), before) << "a failed create left a file behind";
                 if (existing) {
-                    EXPECT_TRUE(cs::contents(f) == old) << "a failed create changed the file";
+                    EXPECT_TRUE(kt::slurp(f) == old) << "a failed create changed the file";
                 }
             }
             restore();

@@ -290,9 +290,28 @@ TEST_F(ConfigWrite, RefusesBadSettingsWritingNothing) {
     EXPECT_FALSE(exists(cfg_));
 }
 
-TEST_F(ConfigWrite, ReplacesOnlyWhenAskedAndKeepsTheLockFile) {
+// A write that fails leaves no file; a new installation's files get the mode asked; an
+// existing one is replaced only when asked, keeping its lock file (and so its key).
+TEST_F(ConfigWrite, FailsWithoutATraceAndReplacesOnlyWhenAsked) {
+    {
+        kt::Faults f;
+        f.arm(kt::Faults::kWrite, 1, kt::Faults::kOnce, ENOSPC);
+        errno = 0;
+        EXPECT_EQ(kisam_config_write(cfg_.c_str(), nullptr, 0, 0), -1);
+        EXPECT_EQ(errno, ENOSPC);
+        EXPECT_TRUE(kt::Faults::hit());
+    }
+    EXPECT_FALSE(exists(cfg_));
+    EXPECT_FALSE(exists(cfg_ + ".lk"));
+    const mode_t old = ::umask(0);
     kisam_settings s = KISAM_SETTINGS_DEFAULT;
-    ASSERT_EQ(kisam_config_write(cfg_.c_str(), &s, 0, 0), 0);
+    EXPECT_EQ(kisam_config_write(cfg_.c_str(), &s, 0, 0640), 0);
+    ::umask(old);
+    for (const std::string& p : {cfg_, cfg_ + ".lk"}) {
+        struct stat st{};
+        ASSERT_EQ(::stat(p.c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 07777, 0640u) << p;
+    }
     const ino_t lk = inode(cfg_ + ".lk");
     s.buffers = 99;
     errno = 0;
@@ -310,31 +329,6 @@ TEST_F(ConfigWrite, ReplacesOnlyWhenAskedAndKeepsTheLockFile) {
     std::memcpy(&c, got.data(), sizeof c);
     EXPECT_EQ(c.co_maxbuf, 99);
     EXPECT_EQ(inode(cfg_ + ".lk"), lk) << "the lock file (and so the installation's key) is kept";
-}
-
-TEST_F(ConfigWrite, GivesNewFilesTheModeAsked) {
-    mode_t old = ::umask(0);
-    EXPECT_EQ(kisam_config_write(cfg_.c_str(), nullptr, 0, 0640), 0);
-    ::umask(old);
-    struct stat st{};
-    ASSERT_EQ(::stat(cfg_.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0640u);
-    ASSERT_EQ(::stat((cfg_ + ".lk").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0640u);
-}
-
-TEST_F(ConfigWrite, AFailedWriteLeavesNoFile) {
-    {
-        kt::Faults f;
-        f.arm(kt::Faults::kWrite, 1, kt::Faults::kOnce, ENOSPC);
-        errno = 0;
-        EXPECT_EQ(kisam_config_write(cfg_.c_str(), nullptr, 0, 0), -1);
-        EXPECT_EQ(errno, ENOSPC);
-        EXPECT_TRUE(kt::Faults::hit());
-    }
-    EXPECT_FALSE(exists(cfg_));
-    EXPECT_FALSE(exists(cfg_ + ".lk"));
-    EXPECT_EQ(kisam_config_write(cfg_.c_str(), nullptr, 0, 0), 0);
 }
 
 // The common segment as start-up lays it out, and its heap: the worked example, and a

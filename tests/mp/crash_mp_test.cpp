@@ -1,7 +1,8 @@
-// A process that dies holding a lock never blocks the others: the start-up lock,
-// opcl_lock, free_lock, buf_lock and a record lock are each taken by a child that is
-// then killed, and the survivors get through promptly (a dead holder's control lock:
-// lock_mp_test's CtlWords).
+// A process that dies holding a lock never blocks the others: opcl_lock, free_lock,
+// buf_lock and a record lock are each taken by a child that is then killed, and the
+// survivors get through promptly (a dead holder's control lock: lock_mp_test's CtlWords;
+// the start-up lock: a process killed at every lock call of its attach, which it makes
+// holding it, below).
 #include "../engine/open_fixture.h"
 #include "oracle.h"
 
@@ -30,16 +31,6 @@ protected:
 };
 
 const char kRec[] = "abcd-record";
-
-TEST_F(Crash, StartupLock) {
-    std::string lk = inst_->config_path() + ".lk";
-    pid_t pid = hold([&] {
-        int fd = ::open(lk.c_str(), O_RDWR);
-        return fd >= 0 && ISLockFile(fd, 0, 2) == 0 ? 0 : 1;
-    });
-    kill(pid);
-    EXPECT_EQ(is_init(), 0);
-}
 
 TEST_F(Crash, CommonLockWords) {
     int fd = create("f", {4});
@@ -116,6 +107,62 @@ TEST_F(Crash, RecordLockHolderDiesWhileOthersWait) {
     EXPECT_EQ(nisclose(fd), 0);
 }
 
+
+// A call that fails and is rolled back while another process opened the file: the
+// rollback puts the shared control page back as the call found it, but never its count
+// of processes, which opens and closes change under opcl_lock alone.  Put back, the count
+// would lose the open, and the last close would free the shared copy under a process
+// that still has the file open.
+kt::Pipe *g_inside = nullptr, *g_resume = nullptr;
+kt::Faults* g_faults = nullptr;
+TEST_F(Crash, ARollbackKeepsAnOpenMadeDuringTheCall) {
+    const int fd = create("f", {4});
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(niswrite(fd, kRec, sizeof kRec), 0);
+    kt::Pipe inside, resume, opened, go;
+    g_inside = &inside;
+    g_resume = &resume;
+    const pid_t writer = kt::start_child([&] {
+        if (is_chinit() != 0) return 1;
+        {
+            kt::Faults faults;
+            g_faults = &faults;
+            // Inside the call: wait for the other's open, then fail the call's next write.
+            kisam::test_hook = [](int where, int) {
+                if (where != kisam::kHookTouch || !g_inside) return;
+                g_inside->signal();
+                g_inside = nullptr;
+                g_resume->wait();
+                g_faults->arm(kt::Faults::kWrite, 1, kt::Faults::kOnce, ENOSPC);
+            };
+            if (niswrite(fd, "abcf-other", 10) != -1) return 2;
+        }
+        return nisclose(fd) == 0 ? 0 : 3;
+    });
+    inside.close_write();
+    ASSERT_EQ(inside.wait(), 'x');
+    const pid_t other = kt::start_child([&] {
+        ot::become_unattached();
+        const int ofd = nisopen(path("f").c_str(), ISO_RDWR);
+        if (ofd < 0) return 1;
+        opened.signal();
+        go.wait();
+        char buf[64];
+        return nisfind(ofd, 0, kRec, buf, sizeof buf) == int(sizeof kRec) && nisclose(ofd) == 0 ? 0 : 2;
+    });
+    opened.close_write();
+    ASSERT_EQ(opened.wait(), 'x');
+    IS_FCP* fcp = ot::shared_fcp(fd);
+    EXPECT_EQ(fcp->is_usecnt, 3);
+    resume.signal();
+    EXPECT_EQ(kt::wait_child(writer), 0) << "the writer's call failed, and it closed the file";
+    char buf[64];
+    EXPECT_EQ(nisfind(fd, 0, "abcf", buf, sizeof buf), 0) << "the failed call was rolled back";
+    EXPECT_EQ(fcp->is_usecnt, 2) << "this process and the other";
+    EXPECT_EQ(nisclose(fd), 0);
+    go.signal();
+    EXPECT_EQ(kt::wait_child(other), 0) << "the other's handle outlived the shared copy";
+}
 
 // A table with room for two processes.
 class CrashTable : public Env {

@@ -3,7 +3,7 @@
 // comparison with a model, conflicts, waits and prefix overlap.  A record-lock wait whose
 // control lock cannot be taken back ends in ISE_DEADLOCK after its bound.  Control locks,
 // words taken in memory: crossed waits for two files refused to the one that closes the
-// cycle, sleepers on a killed holder's word, a holder that execs, a child forked without
+// cycle, sleepers on a killed holder's word, a holder that execs or a child forked without
 // is_chinit that ends holding a word, a bracket shared by the threads of a process,
 // random orders of control and record locks in three processes that never hang.  The
 // wait hook: it learns the holder, what it holds and the file; a signal gives the wait
@@ -240,14 +240,9 @@ TEST_F(CtlWords, SleepersOnAKilledHoldersWordGetItInTurn) {
     const int f = create("f", {4});
     ASSERT_GE(f, 0);
     ASSERT_EQ(niswrite(f, "keep-record", 11), 0);
-    kt::Pipe held;
-    pid_t h = kt::start_child([&] {
-        if (is_chinit() != 0 || nisgetctl(f) != 0) return 1;
-        if (niswrite(f, "dead-record", 11) != 0) return 2;
-        held.signal();
-        for (;;) ::pause();
+    const pid_t h = hold([&] {
+        return is_chinit() == 0 && nisgetctl(f) == 0 && niswrite(f, "dead-record", 11) == 0 ? 0 : 1;
     });
-    ASSERT_EQ(held.wait(), 'x');
     std::vector<pid_t> waiters;
     for (int k = 0; k < 2; ++k)
         waiters.push_back(kt::start_child([&] {
@@ -260,8 +255,7 @@ TEST_F(CtlWords, SleepersOnAKilledHoldersWordGetItInTurn) {
             return dead && kept ? 0 : 4;
         }));
     ASSERT_TRUE(wait_for_sleepers(f, 2));
-    ::kill(h, SIGKILL);
-    EXPECT_EQ(kt::wait_child(h), 128 + SIGKILL);
+    kill(h);
     for (pid_t w : waiters) EXPECT_EQ(kt::wait_child(w), 0);
     EXPECT_EQ(ctl_word(f), 0u) << "no holder, nobody asleep";
     EXPECT_EQ(ot::shared_fcp(f)->jd_fcplock, 0u);
@@ -269,46 +263,35 @@ TEST_F(CtlWords, SleepersOnAKilledHoldersWordGetItInTurn) {
     EXPECT_GT(nisfind(f, 0, "dead", buf, sizeof buf), 0);
 }
 
-// A holder that replaces its image (exec) keeps its pid but leaves the library: its word
-// is taken over while the new image still runs.
-TEST_F(CtlWords, AHolderThatExecsLeavesItsWordToBeTakenOver) {
-    const int f = create("f", {4});
-    ASSERT_GE(f, 0);
-    kt::Pipe held;
-    pid_t c = kt::start_child([&] {
-        if (is_chinit() != 0 || nisgetctl(f) != 0) return 1;
-        held.signal();
-        ::execl("/bin/sleep", "sleep", "30", static_cast<char*>(nullptr));
-        return 2;
-    });
-    ASSERT_EQ(held.wait(), 'x');
-    ASSERT_EQ(nisgetctl(f), 0);
-    EXPECT_EQ(::kill(c, 0), 0) << "the new image still runs";
-    EXPECT_EQ(nisrelctl(f), 0);
-    ::kill(c, SIGKILL);
-    EXPECT_EQ(kt::wait_child(c), 128 + SIGKILL);
-}
-
-// A child forked without is_chinit takes a control lock as a process of its own (not as
-// its parent), and ends holding it: the word is taken over once the child has ended,
-// even before its parent has waited for it.
-TEST_F(CtlWords, AChildWithoutChinitThatEndsHoldingAWordLeavesItToBeTakenOver) {
+// A holder that leaves the library holding its word is taken over: one that replaces its
+// image (exec) keeps its pid, and its word is taken while the new image still runs; a
+// child forked without is_chinit takes the word as a process of its own (not as its
+// parent) and ends holding it, and its word is taken before its parent has waited for
+// it (a zombie).
+TEST_F(CtlWords, AHolderThatLeavesTheLibraryHoldingItsWordIsTakenOver) {
     const int f = create("f", {4});
     ASSERT_GE(f, 0);
     unsigned* word = &ot::shared_fcp(f)->jd_fcplock;
-    pid_t c = ::fork();
-    ASSERT_GE(c, 0);
-    if (c == 0) {
-        if (is_lock_mine(word) || is_lock(word) != 0) ::_exit(1);
-        ::_exit(0);  // ends holding it
+    for (const bool execs : {true, false}) {
+        SCOPED_TRACE(execs ? "exec" : "a child without is_chinit");
+        const pid_t c = ::fork();
+        ASSERT_GE(c, 0);
+        if (c == 0) {
+            if (execs ? is_chinit() != 0 || nisgetctl(f) != 0 : is_lock_mine(word) || is_lock(word) != 0) ::_exit(1);
+            if (execs) ::execl("/bin/sleep", "sleep", "30", static_cast<char*>(nullptr));
+            ::_exit(execs ? 2 : 0);
+        }
+        ASSERT_TRUE(kt::await([&] { return ctl_word(f) != 0; }));
+        ::usleep(20000);
+        ASSERT_EQ(nisgetctl(f), 0);
+        if (execs) {
+            EXPECT_EQ(::kill(c, 0), 0) << "the new image still runs";
+            ::kill(c, SIGKILL);
+        }
+        EXPECT_EQ(nisrelctl(f), 0);
+        EXPECT_EQ(kt::wait_child(c), execs ? 128 + SIGKILL : 0);
+        EXPECT_EQ(ctl_word(f), 0u);
     }
-    // Not waited for yet: the child stays a zombie while the parent takes the word.
-    ASSERT_TRUE(kt::await([&] { return ctl_word(f) != 0; }));
-    ::usleep(20000);
-    ASSERT_EQ(nisgetctl(f), 0);
-    EXPECT_EQ(nisrelctl(f), 0);
-    EXPECT_EQ(kt::wait_child(c), 0);
-    EXPECT_EQ(ctl_word(f), 0u);
 }
 
 // Ownership is the process's: a bracket opened by one thread is used and closed by
