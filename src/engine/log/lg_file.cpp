@@ -131,11 +131,12 @@ int log_fd(int u) noexcept {
 namespace {
 
 // The log's size changes only under a write lock on its first byte (a record lock of
-// the log file, which the kernel gives back if its holder dies), held from the fstat
-// that finds the size to the sync of the zeros written past it.  So the zeros are only
-// ever written past every record (no record is written past a size not yet synced), and
-// a size read under the lock, or after it, is on disk with its blocks: the sync of a
-// record carries no change of the log's size.
+// the log file, which the kernel gives back if its holder dies), held from the reading
+// of the known size to the sync of the zeros written past it and the raising of the
+// known size.  So the zeros are only ever written past every record (no record is
+// written past the known size), and the known size is on disk with its blocks: the sync
+// of a record carries no change of the log's size, and a store through the mapping below
+// it never faults.
 int size_lock(int fd, bool wait) noexcept {
     return kisam::os_lock(fd, wait ? F_SETLKW : F_SETLK, F_WRLCK, 0, 1);
 }
@@ -147,21 +148,28 @@ void size_unlock(int fd) noexcept {
 
 // Under the size lock: the zeros of log u reach at least `need` bytes, rounded up to
 // kExtend, and are on disk.  0; -1 with errno.
+//
+// The size is the one known in the shared state (zeros(u)): every record lies below it
+// (appends store only there), so zeros written from it on never cover one, and a grower
+// that died between its zeros and its sync left only zeros past it, written again now.
+// Only a log that nothing is known of yet in this segment is asked its size, which its
+// earlier processes' records and zeros make; that size is synced once so that it counts.
 int grow_locked(int u, int fd, off_t need) noexcept {
-    struct stat st;
-    if (kisam::os.fstat(fd, &st) != 0) return -1;
-    const off_t size = st.st_size;
-    if (need <= size) {
-        // Zeros that nobody is known to have synced: written by a process that died
-        // before its sync, or before the segment was made anew.  Synced now (once), so
-        // that stores through a mapping may land on them.
-        if (static_cast<uint64_t>(size) > zeros(u).load()) {
+    const uint64_t known = zeros(u).load(std::memory_order_acquire);
+    if (static_cast<uint64_t>(need) <= known) return 0;  // grown meanwhile
+    off_t size = static_cast<off_t>(known);
+    if (known == 0) {
+        struct stat st;
+        if (kisam::os.fstat(fd, &st) != 0) return -1;
+        size = st.st_size;
+        if (size > 0) {
             if (kisam::os_fdatasync(fd) != 0) return -1;
             zeros(u).store(static_cast<uint64_t>(size), std::memory_order_release);
         }
-        return 0;
+        if (need <= size) return 0;
     }
-    static const char blank[65536] = {};
+    // One write per stretch; never touched, the buffer costs no memory.
+    static char blank[kExtend];
     const off_t to = (need + kExtend - 1) / kExtend * kExtend;
     for (off_t o = size; o < to;) {
         const size_t n = static_cast<size_t>(to - o < off_t(sizeof blank) ? to - o : off_t(sizeof blank));
