@@ -219,13 +219,31 @@ int append(IS_FCP* fcp, int u, const Pages& pages, int n, uint16_t flags, bool b
             if (pages.arr[i].slot >= 0) *kisam::isx_lsn(pages.arr[i].slot) = end;
     if (fcp_too) x->xf_log_fcpgen = x->xf_log_gen;  // the control page is in this generation
     at(x->xf_log_end).store(end, std::memory_order_release);
+    const uint64_t page = 4096;
+    const uint64_t tail_page = static_cast<uint64_t>(at_off + len) / page * page;
+    uint64_t& kept = fds.mapped_lo[u];
+    if (tail_page < kept) kept = tail_page;  // a new generation: the log's start again
     // The disk starts on the log now, a megabyte at a time, so that a sync (a checkpoint,
-    // a durable call, a page written back) finds little left to do.
+    // a durable call, a page written back) finds little left to do.  What this process
+    // maps of it behind the tail's page is dropped first: a page written out while a
+    // process maps it writable is write-protected in every processor's TLB and faults at
+    // its next store (ten times the cost of the store itself here), one nobody maps is not.
     if ((lsn >> 20) != (end >> 20)) {
         const uint64_t from = ((end >> 20) << 20) - (uint64_t{1} << 20);
         const uint64_t lo = from > start ? from : start;
+        const uint64_t to = kFirst + ((end >> 20 << 20) - start);
+        if (fds.map[u] && tail_page > kept) {
+            const uint64_t drop_to = std::min(to / page * page, static_cast<uint64_t>(fds.window));
+            if (drop_to > kept) kisam::os_map_drop(fds.map[u], kept, drop_to - kept);
+            kept = std::max(kept, drop_to);
+        }
         ::sync_file_range(fd, kFirst + static_cast<off_t>(lo - start), static_cast<off_t>((end >> 20 << 20) - lo),
                           SYNC_FILE_RANGE_WRITE);
+    } else if (fds.map[u] && tail_page > kept + (uint64_t{2} << 20)) {
+        // Another process had the disk start on what this one stored earlier: dropped
+        // now, so that the next generation finds it unmapped.
+        kisam::os_map_drop(fds.map[u], kept, tail_page - kept);
+        kept = tail_page;
     }
     if (end_lsn) *end_lsn = end;
     return 0;

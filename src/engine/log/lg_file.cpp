@@ -71,6 +71,7 @@ void close_fds() noexcept {
     }
     std::free(fds.log);
     std::free(fds.map);
+    std::free(fds.mapped_lo);
     std::free(fds.w);
     fds = Fds();
 }
@@ -82,7 +83,8 @@ bool fds_ready() noexcept {
     fds.log = static_cast<int*>(std::malloc(sizeof(int) * static_cast<size_t>(n)));
     fds.w = static_cast<WriteFd*>(std::malloc(sizeof(WriteFd) * static_cast<size_t>(n)));
     fds.map = static_cast<char**>(std::calloc(static_cast<size_t>(n), sizeof(char*)));
-    if (!fds.log || !fds.w || !fds.map) {
+    fds.mapped_lo = static_cast<uint64_t*>(std::calloc(static_cast<size_t>(n), sizeof(uint64_t)));
+    if (!fds.log || !fds.w || !fds.map || !fds.mapped_lo) {
         close_fds();
         return false;
     }

@@ -105,6 +105,9 @@ struct Fds {
     // back when it is closed.
     char** map = nullptr;
     size_t window = 0;
+    // Per log, the first byte of the mapping whose pages this process may still have
+    // mapped (it drops those behind the log's tail, lg_append.cpp).
+    uint64_t* mapped_lo = nullptr;
     WriteFd* w = nullptr;
 };
 extern Fds fds;

@@ -115,6 +115,14 @@ void os_unmap(char* map, size_t len) noexcept {
     if (map) ::munmap(map, len);
 }
 
+void os_map_drop(char* map, size_t off, size_t len) noexcept {
+    if (map && len) {
+        const int e = errno;
+        ::madvise(map + off, len, MADV_DONTNEED);
+        errno = e;
+    }
+}
+
 int os_testlock(int fd, off_t start, off_t len) noexcept {
     struct flock fl {};
     fl.l_type = F_WRLCK;

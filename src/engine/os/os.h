@@ -53,6 +53,12 @@ int os_ftruncate(int fd, off_t len) noexcept;
 // A shared writable mapping of [0, len) of fd, or null (errno set); os_unmap gives it back.
 char* os_map(int fd, size_t len) noexcept;
 void os_unmap(char* map, size_t len) noexcept;
+// Drops this process's page-table entries for [off, off + len) of a shared mapping (page
+// aligned): the pages stay in the file's cache, dirty or not, and the next touch maps them
+// again.  Writing out a page that no process maps needs no write-protection of it (no TLB
+// flush across processors, no fault at the next store); the redo log drops what lies
+// behind its tail before it has the disk start on it.
+void os_map_drop(char* map, size_t off, size_t len) noexcept;
 // Whether another process holds a lock over [start, start + len) of fd: 1 yes, 0 no,
 // -1 the question failed.
 int os_testlock(int fd, off_t start, off_t len) noexcept;
