@@ -11,6 +11,7 @@
 #include <bit>
 #include <cstring>
 #include <fcntl.h>
+#include <unistd.h>
 
 using namespace kisam::lg;
 
@@ -219,7 +220,7 @@ int append(IS_FCP* fcp, int u, const Pages& pages, int n, uint16_t flags, bool b
             if (pages.arr[i].slot >= 0) *kisam::isx_lsn(pages.arr[i].slot) = end;
     if (fcp_too) x->xf_log_fcpgen = x->xf_log_gen;  // the control page is in this generation
     at(x->xf_log_end).store(end, std::memory_order_release);
-    const uint64_t page = 4096;
+    static const uint64_t page = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
     const uint64_t tail_page = static_cast<uint64_t>(at_off + len) / page * page;
     uint64_t& kept = fds.mapped_lo[u];
     if (tail_page < kept) kept = tail_page;  // a new generation: the log's start again
@@ -241,8 +242,10 @@ int append(IS_FCP* fcp, int u, const Pages& pages, int n, uint16_t flags, bool b
                           SYNC_FILE_RANGE_WRITE);
     } else if (fds.map[u] && tail_page > kept + (uint64_t{2} << 20)) {
         // Another process had the disk start on what this one stored earlier: dropped
-        // now, so that the next generation finds it unmapped.
-        kisam::os_map_drop(fds.map[u], kept, tail_page - kept);
+        // now, so that the next generation finds it unmapped.  Never past the window:
+        // what lies beyond it is another mapping of this process.
+        const uint64_t drop_to = std::min(tail_page, static_cast<uint64_t>(fds.window));
+        if (drop_to > kept) kisam::os_map_drop(fds.map[u], kept, drop_to - kept);
         kept = tail_page;
     }
     if (end_lsn) *end_lsn = end;
