@@ -9,7 +9,10 @@
 // and, for a write, its bytes.  A sync covers the writes of its file that completed
 // before it began (a write through an O_DSYNC descriptor is its own sync).  A new file,
 // a truncation by O_TRUNC and a rename are recorded too; creations and renames are taken
-// as lasting at once, truncations and size changes like writes.  Stores into shared mappings (the undo journals "<lock file>.u<slot>")
+// as lasting at once, truncations and size changes like writes.  The redo log's records,
+// stored through its shared mapping, reach the recorder through the OS table's store
+// entry and are taken as writes of the log (unsynced until a sync of the log covers
+// them).  Other stores into shared mappings (the undo journals "<lock file>.u<slot>")
 // are not seen: leaving them all out is one legal outcome of a power cut, since nothing
 // ever syncs them; those files are rebuilt from their pwrites and sizes alone.
 //
@@ -216,6 +219,14 @@ ssize_t rec_pwrite(int fd, const void* b, size_t n, off_t off) {
     return r;
 }
 
+// A store through a mapping: the bytes it leaves in the file, as a write there.
+int rec_mstore(int fd, char* map, off_t off, const void* src, size_t n) {
+    MuGuard g;
+    const int r = kisam::os_real.mstore(fd, map, off, src, n);
+    if (r == 0 && tracked(fd) >= 0) append(kWrite, tracked(fd), static_cast<uint64_t>(off), n, map + off, n);
+    return r;
+}
+
 int rec_ftruncate(int fd, off_t len) {
     MuGuard g;
     const int r = kisam::os_real.ftruncate(fd, len);
@@ -263,6 +274,7 @@ void install_recorder(int proc) {
     std::fill(std::begin(fd_dsync), std::end(fd_dsync), false);
     kisam::os.open = rec_open;
     kisam::os.pwrite = rec_pwrite;
+    kisam::os.mstore = rec_mstore;
     kisam::os.ftruncate = rec_ftruncate;
     kisam::os.fallocate = rec_fallocate;
     kisam::os.fdatasync = rec_fdatasync;

@@ -14,11 +14,14 @@
 
 #include <setjmp.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 namespace {
@@ -185,6 +188,82 @@ TEST_F(Log, ASegmentMadeAnewReplaysTheLogsOfKilledProcesses) {
     ASSERT_EQ(kisam_last_recovery(&r), 0);
     EXPECT_EQ(r.self, 0);
     EXPECT_EQ(r.logs, 0) << "replayed twice";
+}
+
+// ---- the log written through a mapping, and without one ----------------------------------
+//
+// A process stores its records through a shared mapping of the log; one that could not
+// map it (or whose record does not fit the mapping) writes them with pwrite.  Both kinds
+// land in the one log, in the order of the commits, and a segment made anew replays them
+// all.
+
+struct Paths {
+    std::atomic<int> written;   // records of the unmapped process that went by pwrite
+    std::atomic<int> stored;    // stores of the mapped process through its mapping
+};
+Paths* g_paths = nullptr;
+bool on_log(int fd) {
+    char link[64], name[4096];
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    const ssize_t n = ::readlink(link, name, sizeof name - 1);
+    return n > 3 && std::strncmp(name + n - 3, ".w0", 3) == 0;
+}
+void* no_map(int, size_t) {
+    errno = ENOMEM;
+    return MAP_FAILED;
+}
+ssize_t counted_pwrite(int fd, const void* b, size_t n, off_t off) {
+    // Records, not the zeros written ahead (whole stretches) nor the header (offset < 1024).
+    if (off >= 1024 && n < 65536 && on_log(fd)) g_paths->written.fetch_add(1);
+    return kisam::os_real.pwrite(fd, b, n, off);
+}
+int counted_mstore(int fd, char* map, off_t off, const void* src, size_t n) {
+    g_paths->stored.fetch_add(1);
+    return kisam::os_real.mstore(fd, map, off, src, n);
+}
+
+TEST_F(Log, RecordsStoredThroughTheMappingAndWrittenWithPwriteReplayAsOneLog) {
+    constexpr int kEach = 120;
+    const std::string file = made("f", {8});
+    g_paths = &shared<Paths>();
+    auto size_of = [](int k, int i) { return 48 + (k * 7 + i * 131) % 1900; };
+    kt::Pipe done;
+    pid_t kids[2];
+    for (int k = 0; k < 2; ++k)
+        kids[k] = hold([&, k] {
+            if (k == 0) {
+                kisam::os.mmap = no_map;
+                kisam::os.pwrite = counted_pwrite;
+            } else {
+                kisam::os.mstore = counted_mstore;
+            }
+            int fd = nisopen(file.c_str(), ISO_RDWR);
+            if (fd < 0) return 1;
+            for (int i = 0; i < kEach; ++i) {
+                const int id = k * 1000 + i % 80, gen = i / 80, n = size_of(k, i);
+                const std::string r = ko::record(kL, id, gen, n);
+                if ((gen == 0 ? niswrite(fd, r.data(), n) : nisupdate(fd, r.data(), n)) != 0) return 2;
+            }
+            return 0;
+        });
+    for (pid_t k : kids) kill(k);
+    inst_->remove_segment();
+    EXPECT_GE(g_paths->written.load(), kEach) << "the unmapped process wrote no records with pwrite";
+    EXPECT_GE(g_paths->stored.load(), kEach) << "the mapped process stored no records through its mapping";
+
+    ASSERT_EQ(is_init(), 0) << is_errno;
+    struct kisam_recovery r;
+    ASSERT_EQ(kisam_last_recovery(&r), 0);
+    EXPECT_EQ(r.calls, static_cast<uint32_t>(2 * kEach)) << "the replay stopped early";
+    EXPECT_TRUE(kt::sound(file));
+    int fd = nisopen(file.c_str(), ISO_RDONLY);
+    ASSERT_GE(fd, 0);
+    for (int k = 0; k < 2; ++k)
+        for (int i = kEach - 80; i < kEach; ++i) {
+            const int id = k * 1000 + i % 80, gen = i / 80;
+            EXPECT_EQ(ko::find(fd, kL, id), (ko::Rec{gen, size_of(k, i)})) << k << " " << i;
+        }
+    EXPECT_EQ(nisclose(fd), 0);
 }
 
 // ---- group commit when the process that syncs for the others goes away -----------------

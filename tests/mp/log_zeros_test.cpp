@@ -172,4 +172,41 @@ TEST_F(LogZeros, ZerosWrittenAheadNeverCoverARecordOfAnother) {
     EXPECT_EQ(nisclose(fd), 0);
 }
 
+// The disk full for the log's growth: the zeros ahead cannot be written, so the records
+// fill the log's stretch and the call whose record finds no room fails with a code of its
+// own, having changed nothing -- never a store through the log's mapping past the end of
+// the file (SIGBUS).  Once the disk has room again the calls go on, and every call that
+// returned is in the file.
+ssize_t full_past_first_stretch(int fd, const void* buf, size_t n, off_t off) {
+    if (is_log(fd) && off >= (off_t{1} << 20)) {
+        errno = ENOSPC;
+        return -1;
+    }
+    return kisam::os_real.pwrite(fd, buf, n, off);
+}
+
+TEST_F(LogZeros, AFullDiskFailsTheCallThatFindsNoRoomNeverAStorePastTheEnd) {
+    int fd = create("f", {8});
+    ASSERT_GE(fd, 0) << is_errno;
+    kisam::os.pwrite = full_past_first_stretch;
+    int stored = 0, code = 0;
+    for (int i = 0; i < 3000; ++i) {
+        if (put(fd, i) != 0) {
+            code = is_errno;
+            break;
+        }
+        ++stored;
+    }
+    ASSERT_LT(stored, 3000) << "the log never needed to grow: the test proves nothing";
+    EXPECT_GT(stored, 500) << "calls failed long before the log's first stretch was full";
+    EXPECT_EQ(code, ISE_FLWT);
+    EXPECT_FALSE(present(fd, stored)) << "the failed call left its record";
+    kisam::os = kisam::os_real;
+    for (int i = stored; i < stored + 200; ++i) ASSERT_EQ(put(fd, i), 0) << i << " " << is_errno;
+    for (int i = 0; i < stored + 200; i += 7) EXPECT_TRUE(present(fd, i)) << i;
+    EXPECT_EQ(nisclose(fd), 0);
+    nisunisam();
+    EXPECT_TRUE(kt::sound(path("f")));
+}
+
 }  // namespace

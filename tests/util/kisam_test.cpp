@@ -260,6 +260,11 @@ ssize_t f_pread(int fd, void* b, size_t n, off_t off) {
 ssize_t f_pwrite(int fd, const void* b, size_t n, off_t off) {
     return fault(Faults::kWrite) ? -1 : kisam::os_real.pwrite(fd, b, n, off);
 }
+// A store into a mapped file (the redo log's records) counts as a write: it can fail, or
+// the process die before it, like a pwrite.
+int f_mstore(int fd, char* map, off_t off, const void* src, size_t n) {
+    return fault(Faults::kWrite) ? -1 : kisam::os_real.mstore(fd, map, off, src, n);
+}
 int f_fdatasync(int fd) { return fault(Faults::kSync) ? -1 : kisam::os_real.fdatasync(fd); }
 int f_fcntl(int fd, int cmd, struct flock* fl) {
     return fault(Faults::kLock) ? -1 : kisam::os_real.fcntl_lock(fd, cmd, fl);
@@ -273,6 +278,7 @@ Faults::Faults() {
     fs = FaultState();
     kisam::os.pread = f_pread;
     kisam::os.pwrite = f_pwrite;
+    kisam::os.mstore = f_mstore;
     kisam::os.fdatasync = f_fdatasync;
     kisam::os.fcntl_lock = f_fcntl;
     kisam::os.fallocate = f_fallocate;

@@ -152,12 +152,15 @@ struct isx_sync {
                              //        syncs' starts: the group the next one gathers
     uint32_t xs_usec;        // 48-51  how long the latest sync took, microseconds
     uint32_t xs_syncs;       // 52-55  statistics: syncs of the log (wraps)
-    uint32_t xs_spare[2];    // 56-63
+    uint64_t xs_zeros;       // 56-63  bytes of the log file known written (zeros or
+                             //        records) and synced: stores through a mapping of
+                             //        the log land only below it.  Only grows (the log is
+                             //        never cut back); kept when a new file takes the slot
 };
 KISAM_RECORD(isx_sync, 64);
 KISAM_AT(isx_sync, xs_lead, 0);   KISAM_AT(isx_sync, xs_target, 16); KISAM_AT(isx_sync, xs_gen, 32);
 KISAM_AT(isx_sync, xs_calls, 36); KISAM_AT(isx_sync, xs_base, 40);   KISAM_AT(isx_sync, xs_group, 44);
-KISAM_AT(isx_sync, xs_usec, 48);  KISAM_AT(isx_sync, xs_syncs, 52);  KISAM_AT(isx_sync, xs_spare, 56);
+KISAM_AT(isx_sync, xs_usec, 48);  KISAM_AT(isx_sync, xs_syncs, 52);  KISAM_AT(isx_sync, xs_zeros, 56);
 inline constexpr int ISX_SYNC_SLOTS = 2;
 inline constexpr uint32_t ISX_SYNC_SLEEPERS = 0x80000000u;
 

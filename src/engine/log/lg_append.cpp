@@ -8,8 +8,10 @@
 #include "v_pool.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <fcntl.h>
+#include <unistd.h>
 
 using namespace kisam::lg;
 
@@ -49,7 +51,10 @@ int lg_enter(int u, IS_FCP* fcp) noexcept {
     at(x->xf_log_start).store(n.lh_start);
     at(x->xf_log_end).store(n.lh_start);
     at(x->xf_log_synced).store(n.lh_start);
+    // What is known of the log file itself stays: it is the same file.
+    const uint64_t z = zeros(u).load();
     std::memset(kisam::isx_sync_of(u), 0, sizeof(isx_sync));
+    zeros(u).store(z);
     if (fds.w[u].fd >= 0) {
         kisam::os_close(fds.w[u].fd);
         fds.w[u].fd = -1;
@@ -82,20 +87,55 @@ struct Pages {
     }
 };
 
+// The first byte in [lo, hi) at which a and b differ (hi when none does), and one past
+// the last (lo when none does): eight bytes at a time, then the rest one by one.
+inline int first_diff(const unsigned char* a, const unsigned char* b, int lo, int hi) noexcept {
+    if constexpr (std::endian::native == std::endian::little) {
+        for (; lo + 8 <= hi; lo += 8) {
+            const uint64_t d = kisam::load_at<uint64_t>(a + lo) ^ kisam::load_at<uint64_t>(b + lo);
+            if (d) return lo + (std::countr_zero(d) >> 3);
+        }
+    }
+    while (lo < hi && a[lo] == b[lo]) ++lo;
+    return lo;
+}
+inline int last_diff(const unsigned char* a, const unsigned char* b, int lo, int hi) noexcept {
+    if constexpr (std::endian::native == std::endian::little) {
+        for (; hi - 8 >= lo; hi -= 8) {
+            const uint64_t d = kisam::load_at<uint64_t>(a + hi - 8) ^ kisam::load_at<uint64_t>(b + hi - 8);
+            if (d) return hi - (std::countl_zero(d) >> 3);
+        }
+    }
+    while (hi > lo && a[hi - 1] == b[hi - 1]) --hi;
+    return hi;
+}
+
 // Builds and appends one record of file u: the pages (whole, or the bytes that changed
 // when rule 3 allows), with `befores` also the before-images, and with `fcp_too` the
 // control page.  0 with *end_lsn set, or -1 with the error raised (nothing appended).
+//
+// The record is built where it will lie in the log, through the log's mapping, when the
+// largest record these pages can make fits below the log's known zeros (mapped_room):
+// no copy, no system call.  Otherwise it is built in rec_buf and stored once the zeros
+// reach its end -- through the mapping if it fits there then, else with pwrite.  Either
+// way the record is invalid (its checksum field 0) until it is complete, and the unit
+// knows where it ends (jn_committing) before it can become valid, so that whoever rolls
+// the call back finds it (lg_undo_tail).
 int append(IS_FCP* fcp, int u, const Pages& pages, int n, uint16_t flags, bool befores, bool fcp_too,
            uint64_t* end_lsn) noexcept {
     isx_file* x = xfile(u);
     const int fd = log_fd(u);
     if (fd < 0) return fail(ISE_OPENF, 0x26);
-    const size_t most = sizeof(lg_rec) + static_cast<size_t>(n) * 2 * (sizeof(lg_ent) + kisam::kPage) +
-                        sizeof(lg_ent) + kisam::kFcpImage;
-    if (!rec_buf.fit(most)) return fail(ISE_FLWT, 0x28);
-    char* p = rec_buf.p + sizeof(lg_rec);
-    uint32_t nent = 0;
     const uint64_t start = at(x->xf_log_start).load(std::memory_order_relaxed);
+    const uint64_t lsn = at(x->xf_log_end).load(std::memory_order_relaxed);
+    const off_t at_off = kFirst + static_cast<off_t>(lsn - start);
+    const size_t most = sizeof(lg_rec) + static_cast<size_t>(n) * (befores ? 2 : 1) * (sizeof(lg_ent) + kisam::kPage) +
+                        sizeof(lg_ent) + round8(kisam::kFcpImage);
+    const bool in_place = static_cast<uint64_t>(at_off) + most <= mapped_room(u);
+    char* const base = in_place ? fds.map[u] + at_off : rec_buf.fit(most) ? rec_buf.p : nullptr;
+    if (!base) return fail(ISE_FLWT, 0x28);
+    char* p = base + sizeof(lg_rec);
+    uint32_t nent = 0;
     auto put = [&](uint64_t off, uint32_t kind, int lo, int hi, const char* bytes) {
         lg_ent e{off, static_cast<uint16_t>(lo), static_cast<uint16_t>(hi - lo), kind};
         std::memcpy(p, &e, sizeof e);
@@ -114,9 +154,11 @@ int append(IS_FCP* fcp, int u, const Pages& pages, int n, uint16_t flags, bool b
         // A page logged whole in this generation, and held by this slot since, needs only
         // the bytes the call changed (rule 3).
         if (!befores && a.before && !(mark & ISX_LSN_FULL) && mark > start) {
-            while (lo < hi && a.before->c[lo] == a.data->c[lo]) ++lo;
-            while (hi > lo && a.before->c[hi - 1] == a.data->c[hi - 1]) --hi;
-            if (lo == hi) continue;  // changed back as it was
+            const auto* was = reinterpret_cast<const unsigned char*>(a.before->c);
+            const auto* now = reinterpret_cast<const unsigned char*>(a.data->c);
+            lo = first_diff(was, now, 0, kisam::kPage);
+            if (lo == kisam::kPage) continue;  // changed back as it was
+            hi = last_diff(was, now, lo, kisam::kPage);
         }
         put(off, kPageEntry, lo, hi, a.data->c);
         if (befores && a.before) put(off, kBeforeEntry, 0, kisam::kPage, a.before->c);
@@ -135,40 +177,76 @@ int append(IS_FCP* fcp, int u, const Pages& pages, int n, uint16_t flags, bool b
         unsigned char was[kisam::kFcpImage];
         if (x->xf_log_fcpgen == x->xf_log_gen && jn_unit_fcp(fcp, was)) {
             was[ob] = static_cast<unsigned char>(was[ob] & ~ISO_CHANGED);
-            while (lo < hi && was[lo] == img[lo]) ++lo;
-            while (hi > lo && was[hi - 1] == img[hi - 1]) --hi;
+            lo = first_diff(was, img, 0, kisam::kFcpImage);
+            hi = last_diff(was, img, lo, kisam::kFcpImage);
         }
         if (lo < hi) put(0, kControlEntry, lo, hi, reinterpret_cast<const char*>(img));
     }
-    lg_rec* r = reinterpret_cast<lg_rec*>(rec_buf.p);
-    const uint64_t lsn = at(x->xf_log_end).load(std::memory_order_relaxed);
+    lg_rec* r = reinterpret_cast<lg_rec*>(base);
+    const uint32_t len = static_cast<uint32_t>(p - base);
     r->lr_magic = kRecMagic;
-    r->lr_len = static_cast<uint32_t>(p - rec_buf.p);
+    r->lr_len = len;
     r->lr_lsn = lsn;
     r->lr_sum = 0;
     r->lr_gen = x->xf_log_gen;
     r->lr_nent = static_cast<uint16_t>(nent);
     r->lr_flags = flags;
-    r->lr_sum = checksum(rec_buf.p, r->lr_len);
-    const uint64_t end = lsn + r->lr_len;
-    // Whoever finds this call's unit after a death must know whether it committed.
+    const uint64_t sum = checksum(base, len);
+    const uint64_t end = lsn + len;
+    // Whoever finds this call's unit after a death must know whether it committed, and
+    // where a record that may be valid ends: noted before the record can be valid.
     if (!(flags & kUnitOpen)) jn_committing(end);
-    const off_t at_off = kFirst + static_cast<off_t>(lsn - start);
-    if (extend(u, fd, at_off + r->lr_len) != 0 ||
-        kisam::os_pwrite_full(fd, rec_buf.p, r->lr_len, at_off) != 0)
-        return fail(ISE_FLWT, 0x28);
+    int rc;
+    if (in_place) {
+        // The entries are in place; the header, stored last with its checksum, makes the
+        // record valid.  A process that dies before that store leaves no record.
+        lg_rec h = *r;
+        h.lr_sum = sum;
+        rc = kisam::os.mstore(fd, fds.map[u], at_off + static_cast<off_t>(sizeof h), base + sizeof h, len - sizeof h);
+        if (rc == 0) rc = kisam::os.mstore(fd, fds.map[u], at_off, &h, sizeof h);
+    } else {
+        // Built aside: stored whole, once the zeros reach its end.
+        r->lr_sum = sum;
+        if (extend(u, fd, at_off + len) != 0)
+            rc = -1;
+        else if (static_cast<uint64_t>(at_off) + len <= mapped_room(u))
+            rc = kisam::os.mstore(fd, fds.map[u], at_off, base, len);
+        else
+            rc = kisam::os_pwrite_full(fd, base, len, at_off);
+    }
+    if (rc != 0) return fail(ISE_FLWT, 0x28);
     if (pages.arr)
         for (int i = 0; i < n; ++i)
             if (pages.arr[i].slot >= 0) *kisam::isx_lsn(pages.arr[i].slot) = end;
     if (fcp_too) x->xf_log_fcpgen = x->xf_log_gen;  // the control page is in this generation
     at(x->xf_log_end).store(end, std::memory_order_release);
+    static const uint64_t page = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
+    const uint64_t tail_page = static_cast<uint64_t>(at_off + len) / page * page;
+    uint64_t& kept = fds.mapped_lo[u];
+    if (tail_page < kept) kept = tail_page;  // a new generation: the log's start again
     // The disk starts on the log now, a megabyte at a time, so that a sync (a checkpoint,
-    // a durable call, a page written back) finds little left to do.
+    // a durable call, a page written back) finds little left to do.  What this process
+    // maps of it behind the tail's page is dropped first: a page written out while a
+    // process maps it writable is write-protected in every processor's TLB and faults at
+    // its next store (ten times the cost of the store itself here), one nobody maps is not.
     if ((lsn >> 20) != (end >> 20)) {
         const uint64_t from = ((end >> 20) << 20) - (uint64_t{1} << 20);
         const uint64_t lo = from > start ? from : start;
+        const uint64_t to = kFirst + ((end >> 20 << 20) - start);
+        if (fds.map[u] && tail_page > kept) {
+            const uint64_t drop_to = std::min(to / page * page, static_cast<uint64_t>(fds.window));
+            if (drop_to > kept) kisam::os_map_drop(fds.map[u], kept, drop_to - kept);
+            kept = std::max(kept, drop_to);
+        }
         ::sync_file_range(fd, kFirst + static_cast<off_t>(lo - start), static_cast<off_t>((end >> 20 << 20) - lo),
                           SYNC_FILE_RANGE_WRITE);
+    } else if (fds.map[u] && tail_page > kept + (uint64_t{2} << 20)) {
+        // Another process had the disk start on what this one stored earlier: dropped
+        // now, so that the next generation finds it unmapped.  Never past the window:
+        // what lies beyond it is another mapping of this process.
+        const uint64_t drop_to = std::min(tail_page, static_cast<uint64_t>(fds.window));
+        if (drop_to > kept) kisam::os_map_drop(fds.map[u], kept, drop_to - kept);
+        kept = tail_page;
     }
     if (end_lsn) *end_lsn = end;
     return 0;
@@ -238,7 +316,11 @@ int lg_undo_tail(int u, uint64_t record_end) noexcept {
     lg_rec zero;
     std::memset(&zero, 0, sizeof zero);
     const off_t off = kFirst + static_cast<off_t>(end - at(x->xf_log_start).load(std::memory_order_relaxed));
-    if (kisam::os_pwrite_full(fd, &zero, sizeof zero, off) != 0) return fail(ISE_FLWT, 0x28);
+    // The same way the record went: a header the mapping holds is zeroed through it.
+    const int rc = static_cast<uint64_t>(off) + sizeof zero <= mapped_room(u)
+                       ? kisam::os.mstore(fd, fds.map[u], off, &zero, sizeof zero)
+                       : kisam::os_pwrite_full(fd, &zero, sizeof zero, off);
+    if (rc != 0) return fail(ISE_FLWT, 0x28);
     return 0;
 }
 

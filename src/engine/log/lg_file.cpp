@@ -5,6 +5,7 @@
 #include "is_access.h"
 #include "os.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -65,9 +66,12 @@ void close_fds() noexcept {
     for (int u = 0; u < fds.n; ++u) {
         if (fds.log && fds.log[u] >= 0 && fds.pid == is_pid) kisam::os_close(fds.log[u]);
         if (fds.w && fds.w[u].fd >= 0 && fds.pid == is_pid) kisam::os_close(fds.w[u].fd);
+        // A forked child's copy of a mapping is its own: given back whoever made it.
+        if (fds.map) kisam::os_unmap(fds.map[u], fds.window);
     }
     std::free(fds.log);
-    std::free(fds.log_size);
+    std::free(fds.map);
+    std::free(fds.mapped_lo);
     std::free(fds.w);
     fds = Fds();
 }
@@ -78,8 +82,9 @@ bool fds_ready() noexcept {
     const int n = isam_com->maxopen;
     fds.log = static_cast<int*>(std::malloc(sizeof(int) * static_cast<size_t>(n)));
     fds.w = static_cast<WriteFd*>(std::malloc(sizeof(WriteFd) * static_cast<size_t>(n)));
-    fds.log_size = static_cast<off_t*>(std::calloc(static_cast<size_t>(n), sizeof(off_t)));
-    if (!fds.log || !fds.w || !fds.log_size) {
+    fds.map = static_cast<char**>(std::calloc(static_cast<size_t>(n), sizeof(char*)));
+    fds.mapped_lo = static_cast<uint64_t*>(std::calloc(static_cast<size_t>(n), sizeof(uint64_t)));
+    if (!fds.log || !fds.w || !fds.map || !fds.mapped_lo) {
         close_fds();
         return false;
     }
@@ -88,6 +93,11 @@ bool fds_ready() noexcept {
         fds.w[u] = {-1, 0, 0};
     }
     fds.n = n;
+    // Room for a log grown to its checkpoint limit and a few stretches past it: records
+    // that land further (a limit raised past the window, a huge call) are written with
+    // pwrite.  Address space only; the system backs what the records touch.
+    const uint64_t want = (static_cast<uint64_t>(kFirst) + limit_bytes + 4 * kExtend + kExtend - 1) / kExtend * kExtend;
+    fds.window = static_cast<size_t>(std::min<uint64_t>(want, kMaxWindow));
     fds.com = isam_com;
     fds.pid = is_pid;
     return true;
@@ -104,18 +114,31 @@ int log_fd(int u) noexcept {
     log_name(name, sizeof name, u);
     // The log carries page images of every file of the installation: it gets the lock
     // file's owner, group and mode, and one planted by someone else is refused.
-    fds.log[u] = is_open_beside(lbase, name, O_RDWR | O_CREAT);
-    return fds.log[u];
+    const int fd = is_open_beside(lbase, name, O_RDWR | O_CREAT);
+    fds.log[u] = fd;
+    if (fd < 0) return fd;
+    // Mapped once for the descriptor's life.  A log shorter than the size known to be
+    // written was replaced behind the installation's back (never by the library, which
+    // never cuts a log back): stores through a mapping of it could fall past its end, so
+    // its records go by pwrite.
+    struct stat st;
+    if (kisam::os.fstat(fd, &st) == 0 && static_cast<uint64_t>(st.st_size) >= zeros(u).load()) {
+        const int e = errno;
+        fds.map[u] = kisam::os_map(fd, fds.window);
+        errno = e;
+    }
+    return fd;
 }
 
 namespace {
 
 // The log's size changes only under a write lock on its first byte (a record lock of
-// the log file, which the kernel gives back if its holder dies), held from the fstat
-// that finds the size to the sync of the zeros written past it.  So the zeros are only
-// ever written past every record (no record is written past a size not yet synced), and
-// a size read under the lock, or after it, is on disk with its blocks: the sync of a
-// record carries no change of the log's size.
+// the log file, which the kernel gives back if its holder dies), held from the reading
+// of the known size to the sync of the zeros written past it and the raising of the
+// known size.  So the zeros are only ever written past every record (no record is
+// written past the known size), and the known size is on disk with its blocks: the sync
+// of a record carries no change of the log's size, and a store through the mapping below
+// it never faults.
 int size_lock(int fd, bool wait) noexcept {
     return kisam::os_lock(fd, wait ? F_SETLKW : F_SETLK, F_WRLCK, 0, 1);
 }
@@ -127,23 +150,36 @@ void size_unlock(int fd) noexcept {
 
 // Under the size lock: the zeros of log u reach at least `need` bytes, rounded up to
 // kExtend, and are on disk.  0; -1 with errno.
+//
+// The size is the one known in the shared state (zeros(u)): every record lies below it
+// (appends store only there), so zeros written from it on never cover one, and a grower
+// that died between its zeros and its sync left only zeros past it, written again now.
+// Only a log that nothing is known of yet in this segment is asked its size, which its
+// earlier processes' records and zeros make; that size is synced once so that it counts.
 int grow_locked(int u, int fd, off_t need) noexcept {
-    struct stat st;
-    if (kisam::os.fstat(fd, &st) != 0) return -1;
-    const off_t size = st.st_size;
-    if (need <= size) {
-        fds.log_size[u] = size;
-        return 0;
+    const uint64_t known = zeros(u).load(std::memory_order_acquire);
+    if (static_cast<uint64_t>(need) <= known) return 0;  // grown meanwhile
+    off_t size = static_cast<off_t>(known);
+    if (known == 0) {
+        struct stat st;
+        if (kisam::os.fstat(fd, &st) != 0) return -1;
+        size = st.st_size;
+        if (size > 0) {
+            if (kisam::os_fdatasync(fd) != 0) return -1;
+            zeros(u).store(static_cast<uint64_t>(size), std::memory_order_release);
+        }
+        if (need <= size) return 0;
     }
-    static const char zeros[65536] = {};
+    // One write per stretch; never touched, the buffer costs no memory.
+    static char blank[kExtend];
     const off_t to = (need + kExtend - 1) / kExtend * kExtend;
     for (off_t o = size; o < to;) {
-        const size_t n = static_cast<size_t>(to - o < off_t(sizeof zeros) ? to - o : off_t(sizeof zeros));
-        if (kisam::os_pwrite_full(fd, zeros, n, o) != 0) return -1;
+        const size_t n = static_cast<size_t>(to - o < off_t(sizeof blank) ? to - o : off_t(sizeof blank));
+        if (kisam::os_pwrite_full(fd, blank, n, o) != 0) return -1;
         o += static_cast<off_t>(n);
     }
     if (kisam::os_fdatasync(fd) != 0) return -1;
-    fds.log_size[u] = to;
+    zeros(u).store(static_cast<uint64_t>(to), std::memory_order_release);
     return 0;
 }
 
@@ -163,7 +199,7 @@ struct NoSignals {
 }  // namespace
 
 int extend(int u, int fd, off_t need) noexcept {
-    if (need <= fds.log_size[u]) return 0;
+    if (static_cast<uint64_t>(need) <= zeros(u).load(std::memory_order_acquire)) return 0;
     NoSignals quiet;
     if (size_lock(fd, true) != 0) return -1;
     const int rc = grow_locked(u, fd, need);
@@ -176,7 +212,7 @@ void extend_ahead(int u) noexcept {
     isx_file* x = xfile(u);
     const off_t tail = kFirst + static_cast<off_t>(at(x->xf_log_end).load(std::memory_order_relaxed) -
                                                    at(x->xf_log_start).load(std::memory_order_relaxed));
-    if (tail + kAhead <= fds.log_size[u]) return;
+    if (static_cast<uint64_t>(tail + kAhead) <= zeros(u).load(std::memory_order_acquire)) return;
     const int fd = fds.log[u];
     const int e = errno;
     {

@@ -100,7 +100,14 @@ struct Fds {
     int pid = 0;
     int n = 0;
     int* log = nullptr;
-    off_t* log_size = nullptr;  // how far each log is known to be written (zeros or records)
+    // Each log mapped shared from its first byte, `window` bytes (null: not mapped, its
+    // records are written with pwrite).  Made when the log's descriptor is opened, given
+    // back when it is closed.
+    char** map = nullptr;
+    size_t window = 0;
+    // Per log, the first byte of the mapping whose pages this process may still have
+    // mapped (it drops those behind the log's tail, lg_append.cpp).
+    uint64_t* mapped_lo = nullptr;
     WriteFd* w = nullptr;
 };
 extern Fds fds;
@@ -121,6 +128,8 @@ constexpr off_t kExtend = off_t{1} << 20;
 // the next kExtend of them after it has given the control lock up (extend_ahead), so
 // that no call extends the log while it holds the lock.
 constexpr off_t kAhead = kExtend / 2;
+// The most address space a log's mapping takes in a process.
+constexpr uint64_t kMaxWindow = uint64_t{1} << 30;
 // The log's zeros reach at least `need` bytes, on disk (0; -1 with errno).  Waits for
 // an extension another process is making.
 int extend(int u, int fd, off_t need) noexcept;
@@ -129,8 +138,21 @@ int extend(int u, int fd, off_t need) noexcept;
 // left to the append that would need the zeros (extend).
 void extend_ahead(int u) noexcept;
 
-// The log of slot u, opened (and created) on first use.
+// The log of slot u, opened (and created) on first use, and mapped.
 int log_fd(int u) noexcept;
+
+// How far log u is known, by every process, to have been written (zeros or records) and
+// synced: the blocks below it exist, and the log is never cut back, so a store through
+// the mapping below it can fault neither past the end of the file nor for want of a
+// block (xs_zeros, raised only under the log's size lock).
+inline std::atomic_ref<uint64_t> zeros(int u) { return std::atomic_ref<uint64_t>(kisam::isx_sync_of(u)->xs_zeros); }
+// The bytes of log u that this process may store into through its mapping: below the
+// known zeros and inside its window (0 when the log is not mapped).
+inline uint64_t mapped_room(int u) {
+    if (!fds.map[u]) return 0;
+    const uint64_t z = zeros(u).load(std::memory_order_acquire);
+    return z < fds.window ? z : fds.window;
+}
 
 inline isx_file* xfile(int u) { return kisam::isx_file_of(u); }
 inline std::atomic_ref<uint64_t> at(uint64_t& v) { return std::atomic_ref<uint64_t>(v); }

@@ -5,6 +5,8 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <sys/mman.h>
 #include <sys/shm.h>
 #include <unistd.h>
 
@@ -17,12 +19,18 @@ int real_open(const char* path, int flags, mode_t mode) { return ::open(path, fl
 int real_fstat(int fd, struct stat* st) { return ::fstat(fd, st); }
 int real_fallocate(int fd, off_t off, off_t len) { return ::posix_fallocate(fd, off, len); }
 int real_ftruncate(int fd, off_t len) { return ::ftruncate(fd, len); }
+void* real_mmap(int fd, size_t len) { return ::mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0); }
+int real_mstore(int, char* map, off_t off, const void* src, size_t len) {
+    char* to = map + off;
+    if (to != src) std::memcpy(to, src, len);
+    return 0;
+}
 
 }  // namespace
 
 const os_table os_real = {
     ::pread, ::pwrite, ::fdatasync, real_fcntl_lock, ::shmget, real_open, real_fstat,
-    real_fallocate, real_ftruncate, ::rename,
+    real_fallocate, real_ftruncate, ::rename, real_mmap, real_mstore,
 };
 os_table os = os_real;
 
@@ -96,6 +104,23 @@ int os_ftruncate(int fd, off_t len) noexcept {
         r = os.ftruncate(fd, len);
     } while (r != 0 && errno == EINTR);
     return r;
+}
+
+char* os_map(int fd, size_t len) noexcept {
+    void* m = os.mmap(fd, len);
+    return m == MAP_FAILED ? nullptr : static_cast<char*>(m);
+}
+
+void os_unmap(char* map, size_t len) noexcept {
+    if (map) ::munmap(map, len);
+}
+
+void os_map_drop(char* map, size_t off, size_t len) noexcept {
+    if (map && len) {
+        const int e = errno;
+        ::madvise(map + off, len, MADV_DONTNEED);
+        errno = e;
+    }
 }
 
 int os_testlock(int fd, off_t start, off_t len) noexcept {

@@ -25,6 +25,15 @@ struct os_table {
     int (*fallocate)(int fd, off_t off, off_t len);  // posix_fallocate: 0 or an error number
     int (*ftruncate)(int fd, off_t len);
     int (*rename)(const char* from, const char* to);
+    // Maps [0, len) of fd shared and writable (MAP_SHARED); MAP_FAILED with errno.
+    void* (*mmap)(int fd, size_t len);
+    // A store into a file through its shared mapping `map` (of fd from offset 0): bytes
+    // [off, off + len) of the file become those at src.  src may already be map + off (the
+    // bytes were built in place): the store is then only made known.  0, or -1 with errno
+    // (a test's failure; the real one cannot fail).  Callers store only below a size the
+    // file is known to have reached with its blocks written, so the store can neither fall
+    // past the end of the file nor need a block the disk cannot give (no SIGBUS).
+    int (*mstore)(int fd, char* map, off_t off, const void* src, size_t len);
 };
 // The live table; tests may replace entries and must restore them.
 extern os_table os;
@@ -41,6 +50,15 @@ int os_close(int fd) noexcept;
 // Reserves disk space for [off, off + len) of fd; 0, or -1 with errno set.
 int os_fallocate(int fd, off_t off, off_t len) noexcept;
 int os_ftruncate(int fd, off_t len) noexcept;
+// A shared writable mapping of [0, len) of fd, or null (errno set); os_unmap gives it back.
+char* os_map(int fd, size_t len) noexcept;
+void os_unmap(char* map, size_t len) noexcept;
+// Drops this process's page-table entries for [off, off + len) of a shared mapping (page
+// aligned): the pages stay in the file's cache, dirty or not, and the next touch maps them
+// again.  Writing out a page that no process maps needs no write-protection of it (no TLB
+// flush across processors, no fault at the next store); the redo log drops what lies
+// behind its tail before it has the disk start on it.
+void os_map_drop(char* map, size_t off, size_t len) noexcept;
 // Whether another process holds a lock over [start, start + len) of fd: 1 yes, 0 no,
 // -1 the question failed.
 int os_testlock(int fd, off_t start, off_t len) noexcept;
