@@ -109,6 +109,23 @@ const IS_DATA* v_peek(int u, PAGE pno, PeekMark* m) noexcept;
 // neither re-tagged nor reloaded since.  Call after an acquire fence that follows the
 // reads of the page.
 bool v_peek_still(int u, const PeekMark& m) noexcept;
+// For a reader that holds no lock: learns the chain changes of others that u's chain
+// log still holds, without the lock (only this process's page index changes).  True
+// when this process then knows u as of a change count read during the call: a page that
+// v_peek does not find after it is not in the pool, or is there as the file holds it
+// (a page changed in the pool, and not yet written back, stays in its slot until a
+// write-back, which makes the change count odd).
+bool v_peek_learn(int u) noexcept;
+// For a reader that holds no lock, after v_peek_learn(u) said true and v_peek did not
+// find page pno: the page as the current file (u) holds it, through a read-only
+// mapping of the file that this process keeps; null when the page is not in the file,
+// past the file's end, or cannot be mapped.  Valid when u's change count, even when the
+// read began, is still the same after the last byte was read: every write of a page of
+// u to the file, and every change of a page in the pool, makes it odd.  Nothing is
+// fixed or loaded; no lock, no system call but a mapping's (made again when the file grew).
+const IS_DATA* v_peek_file(int u, PAGE pno) noexcept;
+// Pages this process read through v_peek_file (a figure for tests and benchmarks).
+extern unsigned long v_file_reads;
 // For a reader that holds no lock and did not find page pno of u in its page index:
 // false when the chain changes this process has not learnt yet (the chain log since its
 // count) name no slot that now holds the page, so that the page is most likely not in

@@ -103,6 +103,12 @@ inline const char* page_at(Search& s, PAGE pno) {
         return nullptr;
     }
     const IS_DATA* p = s.peek(pno);
+    // Not in the index: the chain changes of others may have put it in the pool; when
+    // they did not, the file holds the page as it is (the count checks that it stays so).
+    if (!p && v_peek_learn(s.u)) {
+        p = s.peek(pno);
+        if (!p) p = v_peek_file(s.u, pno);
+    }
     if (!p) {
         s.fail = kMiss;
         s.missed = pno;
@@ -192,7 +198,9 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
             return -1;
         }
         const IS_DATA* hp = page_ok(h) ? s.peek(h) : nullptr;
-        if (!hp && page_ok(h) && !v_peek_knows(s.u)) {
+        bool known = false;
+        if (!hp && page_ok(h) && (known = v_peek_learn(s.u))) hp = s.peek(h);
+        if (!hp && page_ok(h) && !known) {
             s.fail = kMiss;
             s.missed = h;
             s.hint = true;
