@@ -120,7 +120,7 @@ inline const char* page_at(Search& s, PAGE pno) {
 
 // Compares key with the item at x over len bytes, the item's pad byte (at pad, when pad
 // >= 0) taken as 0 -- as the locked search compares after zeroing it in the page.
-inline int cmp_item(const char* key, const char* x, size_t len, int pad) {
+__attribute__((always_inline)) inline int cmp_item(const char* key, const char* x, size_t len, int pad) {
     if (pad < 0 || static_cast<size_t>(pad) >= len) return key_cmp(key, x, len);
     const size_t p = static_cast<size_t>(pad);
     if (int c = key_cmp(key, x, p)) return c;
@@ -128,23 +128,40 @@ inline int cmp_item(const char* key, const char* x, size_t len, int pad) {
     return key_cmp(key + p + 1, x + p + 1, len - p - 1);
 }
 
-// bt_scan of a page in the pool, writing nothing; n within the page's order.
-int scan(const char* d, int n, const IS_KEY* kp, const char* key, int ncomp, int srchflag) {
+// bt_scan of a page in the pool, writing nothing; n within the page's order.  With
+// `edges` (a hint page, of use only when the key falls inside it) the end items are
+// compared first, so that a key off either end costs one or two comparisons; the result
+// is the same.
+int scan(const char* d, int n, const IS_KEY* kp, const char* key, int ncomp, int srchflag, bool edges = false) {
     const int inc = kp->k_itemlen + 4;
     const int pad = kp->k_offset > kp->k_keylen ? kp->k_keylen : -1;
     const bool eq_goes_on = !(srchflag & 0x01);
     const size_t len = ncomp > 0 ? static_cast<size_t>(ncomp) : 0;
-    auto goes_on = [&](int i) {
+    auto goes_on = [&](int i) __attribute__((always_inline)) {
         const int c = cmp_item(key, d + bt_item_off(i, inc), len, pad);
         return (srchflag & 0x02) ? (c < 0 || (c == 0 && eq_goes_on)) : (c > 0 || (c == 0 && eq_goes_on));
     };
     int lo = 0, hi = n;
     if (srchflag & 0x02) {
+        // goes_on is false up to the answer, true after it.
+        if (edges) {
+            if (goes_on(0)) return -1;
+            if (!goes_on(n - 1)) return n - 1;
+            lo = 1;
+            hi = n - 1;
+        }
         while (lo < hi) {
             const int mid = lo + (hi - lo) / 2;
             if (goes_on(mid)) hi = mid; else lo = mid + 1;
         }
         return lo - 1;
+    }
+    // goes_on is true before the answer, false from it on.
+    if (edges) {
+        if (goes_on(n - 1)) return -1;
+        if (!goes_on(0)) return 0;
+        lo = 1;
+        hi = n - 1;
     }
     while (lo < hi) {
         const int mid = lo + (hi - lo) / 2;
@@ -210,7 +227,7 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
             const char* hd = hp->c;
             n = items_of(hd, keyno, order, inc);
             if (n > 0) {
-                x = scan(hd, n, kp, item, ncomp, srchflag);
+                x = scan(hd, n, kp, item, ncomp, srchflag, true);
                 if (x >= 0 && (srchflag & 0x01) && cmp_item(item, hd + bt_item_off(x, inc), cl, pad) == 0) {
                     take(hd + bt_item_off(x, inc));
                     return 1;
