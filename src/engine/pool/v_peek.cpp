@@ -188,11 +188,6 @@ int v_fetch_unlocked(PAGE pno, IS_DATA* img, uint32_t* seq) noexcept {
     return 0;
 }
 
-bool v_peek_knows(int u) noexcept {
-    return bk.com == isam_com && bk.shmid == is_shmid && bk.ok && u >= 0 && u < bk.nopen && knows(u) &&
-           bk.known_gen[u] == chaingen(u);
-}
-
 void v_peek_fold(void) noexcept {
     if (peek_hits == 0 || !isam_com || bk.com != isam_com) {
         peek_hits = 0;

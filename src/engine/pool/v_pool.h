@@ -131,7 +131,7 @@ extern unsigned long v_file_reads;
 // count) name no slot that now holds the page, so that the page is most likely not in
 // the pool; true when it may be there, or when this process cannot tell.  A hint only.
 bool v_peek_maybe_cached(int u, PAGE pno) noexcept;
-// A miss of a reader without the lock (README.reads.md rule 11): page pno of the current
+// A miss of a reader without the lock (README.reads.md rule 16): page pno of the current
 // file read from the file into img, with no lock, after the file's change count (*seq)
 // was found even.  0, or -1 when the count was odd, the page cannot be a page of the file
 // or the read failed (nothing raised: the locked read reports whatever is wrong).
@@ -142,8 +142,5 @@ int v_fetch_unlocked(PAGE pno, IS_DATA* img, uint32_t* seq) noexcept;
 // of the file was written or changed since img was read), else from the file.  0, or -1
 // with the error raised.
 int v_install(PAGE pno, const IS_DATA* img, uint32_t seq, bool load) noexcept;
-// Whether this process knows u's chain as of its current change count: a page v_peek
-// does not find is then not in the pool (a locked read would find it no better).
-bool v_peek_knows(int u) noexcept;
 // Adds the pages v_peek found since the last fold to the pool's hit count.
 void v_peek_fold(void) noexcept;

@@ -1,15 +1,17 @@
-// Keyed reads without the control lock: nisread, nispread and nisfind of a file whose
-// pages are in the pool, at the cost of memory reads alone.
+// Keyed reads without the control lock: nisread, nispread and nisfind, at the cost of
+// memory reads alone.
 //
 // A read takes the file's change count (xf_seq, even when no change is under way), walks
 // the trees and the record's pages straight in the pool's slots -- found through this
 // process's page index, each slot's tag checked, nothing fixed, nothing shared written
-// (README.reads.md lists the exceptions) -- copies the record into the caller's buffer,
-// and takes the count again.  Equal: nothing changed meanwhile, and what was read is what
-// a locked read would have read at that moment; only then do the cursors move.  A read
-// that cannot say so (the count moved, a page is not in the pool, anything that a locked
-// read would report, repair or write) leaves the cursors alone and says which way to go
-// on: once more, or the locked read.
+// (README.reads.md lists the exceptions) -- or, for a page that no slot holds in a version
+// newer than the file's, in place in the file's mapping; copies the record into the
+// caller's buffer, and takes the count again.  Equal: nothing changed meanwhile, and what
+// was read is what a locked read would have read at that moment; only then do the cursors
+// move.  A read that cannot say so (the count moved, a page neither in the pool nor
+// readable from the file as it stands, anything that a locked read would report, repair
+// or write) leaves the cursors alone and says which way to go on: once more, or the
+// locked read.
 //
 // Everything read from a slot may be torn by a change under way: every count, offset and
 // length taken from a page is bounded before it is used (an index never leaves its page,
