@@ -123,6 +123,20 @@ const IS_DATA* v_peek(int u, PAGE pno, PeekMark* m) noexcept {
     }
 }
 
+const IS_DATA* v_peek_again(int u, const PeekMark& m) noexcept {
+    if (bk.com != isam_com || bk.shmid != is_shmid || !bk.ok || u < 0 || u >= bk.nopen || !valid_slot(m.slot))
+        return nullptr;
+    IS_BUF* b = slot(m.slot);
+    // As v_peek: the stamp before the tag.
+    const uint32_t stamp = std::atomic_ref<uint32_t>(b->bu_wcnt).load(std::memory_order_acquire);
+    const PAGE p = std::atomic_ref<uint32_t>(b->bu_pno).load(std::memory_order_acquire);
+    const uint16_t id = std::atomic_ref<uint16_t>(b->bu_id).load(std::memory_order_relaxed);
+    if (p != m.pno || (id & BU_FILEMASK) != u || stamp != m.stamp) return nullptr;
+    ref_set(m.slot);
+    if (++peek_hits == kPeekFold) v_peek_fold();
+    return &b->bu_data;
+}
+
 bool v_peek_still(int u, const PeekMark& m) noexcept {
     IS_BUF* b = slot(m.slot);
     const PAGE p = std::atomic_ref<uint32_t>(b->bu_pno).load(std::memory_order_acquire);

@@ -105,6 +105,10 @@ struct PeekMark {
     PAGE pno;
 };
 const IS_DATA* v_peek(int u, PAGE pno, PeekMark* m) noexcept;
+// The slot data of m again, for a reader that holds no lock, when the slot still holds
+// the page of m as it did when v_peek returned it (tag and stamp); null otherwise.  The
+// same check is due after use (v_peek_still).
+const IS_DATA* v_peek_again(int u, const PeekMark& m) noexcept;
 // Whether the slot of m still holds the page of m as it did when v_peek returned it:
 // neither re-tagged nor reloaded since.  Call after an acquire fence that follows the
 // reads of the page.

@@ -75,6 +75,8 @@ struct Search {
     static constexpr int kMarks = 32;
     PeekMark marks[kMarks];
     int nmarks = 0;
+    // The slot of the page last returned (slot -1: read from the file).
+    PeekMark last{-1, 0, KISAM_NOPAGE};
 
     // Whether every slot read since the last check still holds its page as it did then.
     bool still() {
@@ -88,10 +90,32 @@ struct Search {
     const IS_DATA* peek(PAGE pno) {
         PeekMark m;  // the caller made room (nmarks < kMarks)
         const IS_DATA* p = v_peek(u, pno, &m);
-        if (p) marks[nmarks++] = m;
+        if (p) marks[nmarks++] = last = m;
         return p;
     }
 };
+
+// Where a search found its item: the page's slot (slot -1: none, or the file) and the
+// item's index in it.
+struct Found {
+    PeekMark mark{-1, 0, KISAM_NOPAGE};
+    int x = -1;
+};
+
+// The item the last read of this process along a key found, where it found it: the next
+// read from the same cursor in the same direction, with the file unchanged since (the
+// same even count) and the slot holding the same load of the same page, steps to the
+// neighbouring item without a probe of the page index or a bisection -- what the
+// bisection of the cursor's hint page would find, since the item there still equals the
+// cursor's value and items are unique and ordered.  Checked in full at every use.
+struct StepMemo {
+    const IS_DB* db = nullptr;
+    int keyno = -1;
+    uint32_t seq = 1;  // odd: nothing remembered
+    Found at;
+};
+StepMemo memo;
+
 
 // Page pno of the search's file in the pool, or null with the reason in s.fail: a
 // position no page can have (torn), or a page not in the pool (miss).
@@ -109,7 +133,7 @@ inline const char* page_at(Search& s, PAGE pno) {
     // they did not, the file holds the page as it is (the count checks that it stays so).
     if (!p && v_peek_learn(s.u)) {
         p = s.peek(pno);
-        if (!p) p = v_peek_file(s.u, pno);
+        if (!p && (p = v_peek_file(s.u, pno))) s.last.slot = -1;
     }
     if (!p) {
         s.fail = kMiss;
@@ -185,7 +209,10 @@ inline int items_of(const char* d, int keyno, int order, int inc) {
 
 // bt_search without the lock: 1 found (item filled), 0 none, -1 gave up (s.fail).
 // *hint is the cursor's page hint, updated as the locked search updates it.
-int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint) {
+// *found tells where the item was found; `step`, the memo of the cursor's last read
+// when it may apply (a strict step from a positioned cursor).
+int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint, Found* found = nullptr,
+           const StepMemo* step = nullptr) {
     const IS_KEY* kp = fcp_key(is_curfcp, keyno);
     const int len = kp->k_itemlen;
     const int inc = len + 4;
@@ -211,7 +238,22 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
     // of an alternate key depends on the hint, so a hint the locked read would have found
     // in the pool must be found here too.
     const PAGE h = *hint;
-    if (h != KISAM_NOPAGE) {
+    if (step && step->at.mark.pno == h && h != KISAM_NOPAGE && s.nmarks < Search::kMarks) {
+        const IS_DATA* sp = v_peek_again(s.u, step->at.mark);
+        const int sx = step->at.x;
+        if (sp) {
+            s.marks[s.nmarks++] = s.last = step->at.mark;
+            n = items_of(sp->c, keyno, order, inc);
+            const int nx = back ? sx - 1 : sx + 1;
+            if (sx >= 0 && sx < n && nx >= 0 && nx < n &&
+                cmp_item(item, sp->c + bt_item_off(sx, inc), cl, pad) == 0) {
+                d = sp->c;
+                pno = h;
+                x = nx;
+            }
+        }
+    }
+    if (h != KISAM_NOPAGE && d == nullptr) {
         if (s.nmarks == Search::kMarks && !s.still()) {
             s.fail = kTorn;
             return -1;
@@ -232,6 +274,7 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
                 x = scan(hd, n, kp, item, ncomp, srchflag, true);
                 if (x >= 0 && (srchflag & 0x01) && cmp_item(item, hd + bt_item_off(x, inc), cl, pad) == 0) {
                     take(hd + bt_item_off(x, inc));
+                    if (found) *found = Found{s.last, x};
                     return 1;
                 }
                 if (x >= 0 && x != (back ? n - 1 : 0)) {
@@ -249,6 +292,8 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
     // highest one wins.
     const char* best = nullptr;
     PAGE bestp = KISAM_NOPAGE;
+    Found bestat;
+    PeekMark dmark = s.last;  // the slot of page d
     for (int depth = 0;; ++depth) {
         if (depth > kBtMaxDepth) {
             s.fail = kTorn;
@@ -257,6 +302,7 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
         if (d == nullptr) {
             d = page_at(s, pno);
             if (!d) return -1;
+            dmark = s.last;
             n = items_of(d, keyno, order, inc);
             if (n < 0) {
                 s.fail = kTorn;
@@ -270,11 +316,13 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
             if ((srchflag & 0x01) && cmp_item(item, xp, cl, pad) == 0) {
                 take(xp);
                 *hint = pno;
+                if (found) *found = Found{dmark, x};
                 return 1;
             }
             if (!best || !exact5) {
                 best = xp;
                 bestp = pno;
+                bestat = Found{dmark, x};
             }
             child = ld32(d + bt_ptr_off(back ? x + 1 : x, inc));
             if (child == KISAM_NOPAGE) break;
@@ -288,6 +336,7 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
     if (!best) return 0;
     take(best);
     *hint = bestp;
+    if (found) *found = bestat;
     return nothing;
 }
 
@@ -421,13 +470,18 @@ int is_read_nolock(int keyno, char* record, int recsize, int dir) noexcept {
     const char pad = dir == 2 ? static_cast<char>(0xFF) : 0;
     if (kstate == 0) is_pad(ck, kd->k_keylen, pad);
     int mode = kstate == 2 ? dir : (dir | 1);
+    // A strict step from a positioned cursor, the file unchanged since the last read of
+    // this cursor along this key.
+    const bool stepping = (mode == 0 || mode == 2) && memo.db == db && memo.keyno == keyno && memo.seq == s0;
+    Found found;
     char* item = ck;
     int result = -1;
     if (keyno >= 1) {
         if (kstate != 2) is_pad(ck + kd->k_offset, ilen - kd->k_offset, pad);
         kstate = 2;
         if (exact) std::memcpy(saved, ck, static_cast<size_t>(ilen));
-        const int r = search(s, keyno, ld32(reinterpret_cast<const char*>(&kd->k_root)), mode, ck, &hint);
+        const int r = search(s, keyno, ld32(reinterpret_cast<const char*>(&kd->k_root)), mode, ck, &hint, &found,
+                             stepping ? &memo : nullptr);
         if (r < 0) return s.fail == kMiss && same() ? missed(s) : kReadAgain;
         if (r == 0 && exact) std::memcpy(ck, saved, static_cast<size_t>(ilen));
         if (r != 1) {
@@ -444,7 +498,8 @@ int is_read_nolock(int keyno, char* record, int recsize, int dir) noexcept {
 
     if (result < 0) {
         PAGE* h0 = keyno == 0 ? &hint : &hint0;
-        const int r = search(s, 0, ld32(reinterpret_cast<const char*>(&k0->k_root)), mode, item, h0);
+        const int r = search(s, 0, ld32(reinterpret_cast<const char*>(&k0->k_root)), mode, item, h0,
+                             keyno == 0 ? &found : nullptr, keyno == 0 && stepping ? &memo : nullptr);
         if (r < 0) return s.fail == kMiss && same() ? missed(s) : kReadAgain;
         if (r == 0 && exact && keyno == 0) std::memcpy(ck, saved, static_cast<size_t>(ilen));
         if (r != 1) {
@@ -470,6 +525,14 @@ int is_read_nolock(int keyno, char* record, int recsize, int dir) noexcept {
     }
 
     if (!s.still() || !same()) return kReadAgain;
+    if (found.mark.slot >= 0 && found.mark.pno == hint) {
+        memo.db = db;
+        memo.keyno = keyno;
+        memo.seq = s0;
+        memo.at = found;
+    } else {
+        memo.seq = 1;
+    }
     std::memcpy(cur->currkey, ck, static_cast<size_t>(ilen));
     cur->curr_kstate = kstate;
     cur->currpage = hint;
