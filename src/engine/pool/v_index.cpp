@@ -170,16 +170,16 @@ void learn(IS_FCP* fcp, int u) noexcept {
     bk.known_fcp[u] = is_env.pfo_tbl[u];
 }
 
-bool learn_unlocked(int u) noexcept {
-    if (!knows(u)) return false;
+int learn_unlocked(int u) noexcept {
+    if (!knows(u)) return 0;
     const uint32_t k = bk.known_gen[u];
     const uint32_t now = chaingen(u);
-    if (now == k) return true;
+    if (now == k) return 1;
     // Entry g of the log is overwritten by change g + xh_log_len, which its holder writes
     // before it publishes the count: with half the log as margin, no entry read below
     // can be one that a change under way is overwriting.
     const uint32_t margin = isx_area->xh_log_len / 2;
-    if (now - k >= margin) return false;
+    if (now - k >= margin) return 0;
     const int16_t* log = kisam::isx_log(u);
     for (uint32_t g = k + 1; g != now + 1; ++g) {
         const int s = std::atomic_ref<int16_t>(const_cast<int16_t&>(log[g & log_mask()])).load(std::memory_order_relaxed);
@@ -196,9 +196,9 @@ bool learn_unlocked(int u) noexcept {
             index_erase(s);
     }
     std::atomic_thread_fence(std::memory_order_acquire);
-    if (chaingen(u) - k >= margin) return false;  // entries may have been overwritten meanwhile
+    if (chaingen(u) - k >= margin) return 0;  // entries may have been overwritten meanwhile
     bk.known_gen[u] = now;
-    return true;
+    return 2;
 }
 
 void chain_changed(int u, int s) noexcept {

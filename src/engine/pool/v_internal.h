@@ -225,11 +225,11 @@ inline bool knows(int u) noexcept {
 // holds.  Requires u's control lock.
 void learn(IS_FCP* fcp, int u) noexcept;
 // The same without the lock, from the chain log alone: re-files the logged slots by the
-// tags they carry now.  True when this process then knows u as of a change count read
-// during the call; false (knowledge left as it was) when it never knew u, or is so far
-// behind that the log entries it needs may be overwritten while it reads them.  Only
-// this process's index changes.
-bool learn_unlocked(int u) noexcept;
+// tags they carry now.  When this process then knows u as of a change count read during
+// the call: 1 when it knew it already, 2 when it learnt something; 0 (knowledge left as
+// it was) when it never knew u, or is so far behind that the log entries it needs may be
+// overwritten while it reads them.  Only this process's index changes.
+int learn_unlocked(int u) noexcept;
 // Drops this process's read mapping of file slot u (all of them: u < 0).
 void map_drop(int u) noexcept;
 // The one place where a chain change is recorded (rule 3): slot s of file u was attached

@@ -145,8 +145,8 @@ bool v_peek_still(int u, const PeekMark& m) noexcept {
     return p == m.pno && (id & BU_FILEMASK) == u && stamp == m.stamp;
 }
 
-bool v_peek_learn(int u) noexcept {
-    if (bk.com != isam_com || bk.shmid != is_shmid || !bk.ok || u < 0 || u >= bk.nopen) return false;
+int v_peek_learn(int u) noexcept {
+    if (bk.com != isam_com || bk.shmid != is_shmid || !bk.ok || u < 0 || u >= bk.nopen) return 0;
     return learn_unlocked(u);
 }
 

@@ -114,13 +114,14 @@ const IS_DATA* v_peek_again(int u, const PeekMark& m) noexcept;
 // reads of the page.
 bool v_peek_still(int u, const PeekMark& m) noexcept;
 // For a reader that holds no lock: learns the chain changes of others that u's chain
-// log still holds, without the lock (only this process's page index changes).  True
-// when this process then knows u as of a change count read during the call: a page that
+// log still holds, without the lock (only this process's page index changes).  Nonzero
+// when this process then knows u as of a change count read during the call (2: it learnt
+// something, so that a page v_peek did not find may be in the index now): a page that
 // v_peek does not find after it is not in the pool, or is there as the file holds it
 // (a page changed in the pool, and not yet written back, stays in its slot until a
 // write-back, which makes the change count odd).
-bool v_peek_learn(int u) noexcept;
-// For a reader that holds no lock, after v_peek_learn(u) said true and v_peek did not
+int v_peek_learn(int u) noexcept;
+// For a reader that holds no lock, after v_peek_learn(u) said nonzero and v_peek did not
 // find page pno: the page as the current file (u) holds it, through a read-only
 // mapping of the file that this process keeps; null when the page is not in the file,
 // past the file's end, or cannot be mapped.  Valid when u's change count, even when the

@@ -75,7 +75,7 @@ struct Search {
     static constexpr int kMarks = 32;
     PeekMark marks[kMarks];
     int nmarks = 0;
-    // The slot of the page last returned (slot -1: read from the file).
+    // Where the page last returned came from: its slot, or slot -1 for the file.
     PeekMark last{-1, 0, KISAM_NOPAGE};
 
     // Whether every slot read since the last check still holds its page as it did then.
@@ -95,16 +95,17 @@ struct Search {
     }
 };
 
-// Where a search found its item: the page's slot (slot -1: none, or the file) and the
+// Where a search found its item: the page (its slot, or slot -1: the file) and the
 // item's index in it.
 struct Found {
-    PeekMark mark{-1, 0, KISAM_NOPAGE};
+    PeekMark at{-1, 0, KISAM_NOPAGE};
     int x = -1;
 };
 
 // The item the last read of this process along a key found, where it found it: the next
 // read from the same cursor in the same direction, with the file unchanged since (the
-// same even count) and the slot holding the same load of the same page, steps to the
+// same even count) and the page where it was (the same load of the same page in a slot,
+// or the file's page, which the unchanged count keeps current), steps to the
 // neighbouring item without a probe of the page index or a bisection -- what the
 // bisection of the cursor's hint page would find, since the item there still equals the
 // cursor's value and items are unique and ordered.  Checked in full at every use.
@@ -131,9 +132,10 @@ inline const char* page_at(Search& s, PAGE pno) {
     const IS_DATA* p = s.peek(pno);
     // Not in the index: the chain changes of others may have put it in the pool; when
     // they did not, the file holds the page as it is (the count checks that it stays so).
-    if (!p && v_peek_learn(s.u)) {
-        p = s.peek(pno);
-        if (!p && (p = v_peek_file(s.u, pno))) s.last.slot = -1;
+    if (!p) {
+        const int known = v_peek_learn(s.u);
+        if (known == 2) p = s.peek(pno);
+        if (!p && known && (p = v_peek_file(s.u, pno))) s.last = PeekMark{-1, 0, pno};
     }
     if (!p) {
         s.fail = kMiss;
@@ -238,11 +240,13 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
     // of an alternate key depends on the hint, so a hint the locked read would have found
     // in the pool must be found here too.
     const PAGE h = *hint;
-    if (step && step->at.mark.pno == h && h != KISAM_NOPAGE && s.nmarks < Search::kMarks) {
-        const IS_DATA* sp = v_peek_again(s.u, step->at.mark);
+    if (step && step->at.at.pno == h && h != KISAM_NOPAGE && s.nmarks < Search::kMarks) {
+        const PeekMark& sm = step->at.at;
+        const IS_DATA* sp = sm.slot >= 0 ? v_peek_again(s.u, sm) : v_peek_file(s.u, h);
         const int sx = step->at.x;
         if (sp) {
-            s.marks[s.nmarks++] = s.last = step->at.mark;
+            if (sm.slot >= 0) s.marks[s.nmarks++] = sm;
+            s.last = sm;
             n = items_of(sp->c, keyno, order, inc);
             const int nx = back ? sx - 1 : sx + 1;
             if (sx >= 0 && sx < n && nx >= 0 && nx < n &&
@@ -260,7 +264,16 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
         }
         const IS_DATA* hp = page_ok(h) ? s.peek(h) : nullptr;
         bool known = false;
-        if (!hp && page_ok(h) && (known = v_peek_learn(s.u))) hp = s.peek(h);
+        if (!hp && page_ok(h)) {
+            const int kn = v_peek_learn(s.u);
+            known = kn != 0;
+            if (kn == 2) hp = s.peek(h);
+            // Items compared whole are unique: a search for the nearest lands on the same
+            // item from any page on its way, so that the file's copy of a hint page not in
+            // the pool serves as well.  Only a search of equal key values (5, on the key's
+            // own length) depends on whether the locked read would have had the hint.
+            if (!hp && known && !exact5 && (hp = v_peek_file(s.u, h))) s.last = PeekMark{-1, 0, h};
+        }
         if (!hp && page_ok(h) && !known) {
             s.fail = kMiss;
             s.missed = h;
@@ -293,7 +306,7 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
     const char* best = nullptr;
     PAGE bestp = KISAM_NOPAGE;
     Found bestat;
-    PeekMark dmark = s.last;  // the slot of page d
+    PeekMark dmark = s.last;  // where page d came from
     for (int depth = 0;; ++depth) {
         if (depth > kBtMaxDepth) {
             s.fail = kTorn;
@@ -525,13 +538,12 @@ int is_read_nolock(int keyno, char* record, int recsize, int dir) noexcept {
     }
 
     if (!s.still() || !same()) return kReadAgain;
-    if (found.mark.slot >= 0 && found.mark.pno == hint) {
+    memo.seq = 1;
+    if (found.at.pno == hint && hint != KISAM_NOPAGE) {
         memo.db = db;
         memo.keyno = keyno;
         memo.seq = s0;
         memo.at = found;
-    } else {
-        memo.seq = 1;
     }
     std::memcpy(cur->currkey, ck, static_cast<size_t>(ilen));
     cur->curr_kstate = kstate;
