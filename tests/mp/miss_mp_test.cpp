@@ -413,4 +413,61 @@ TEST_F(FileReads, AFileThatGrewIsMappedAgain) {
     EXPECT_TRUE(kt::sound(path_));
 }
 
+// A step along key 1 from a cursor whose page was read from the file, after another
+// process deleted the next record in the pool (its page changed there, not yet in the
+// file): the step must not take the file's older copy of the page for the current one.
+// Several rounds, each from another place of key 1.
+TEST_F(FileReads, AStepAfterAChangeNeverUsesTheFilesOlderPage) {
+    start(20, 3000);
+    constexpr int kRounds = 12;
+    struct Shared {
+        char z[kRounds][kK0];  // key 0 of the record after the cursor's, along key 1
+    };
+    Shared& sh = shared<Shared>();
+    const pid_t r = kt::start_child([&] {
+        up_.close_read();
+        down_.close_write();
+        const int fd = open();
+        if (fd < 0) return 70;
+        if (read_all(fd, 1) != 0) return 71;
+        std::vector<char> buf(kBuf);
+        for (int round = 0; round < kRounds; ++round) {
+            // The cursor on a record of key 1's order, one step on and back: the next
+            // record's key 0 is noted, the cursor is back where it was.
+            const std::string x = record(97 + 211 * static_cast<unsigned>(round), 1);
+            if (nisfind(fd, 1, x.data() + kK0, buf.data(), kBuf) < kGenAt) return 72;
+            if (nisread(fd, 1, buf.data(), kBuf) < kGenAt) return 73;
+            std::memcpy(sh.z[round], buf.data(), kK0);
+            if (nispread(fd, 1, buf.data(), kBuf) < kGenAt) return 74;
+            up_.signal('r');
+            down_.wait();
+            if (nisread(fd, 1, buf.data(), kBuf) < kGenAt) return 75;
+            if (std::memcmp(buf.data(), sh.z[round], kK0) == 0) return 76;  // the deleted record
+            char id[kK0 + 1] = {};
+            std::memcpy(id, buf.data(), kK0);
+            if (check(fd, static_cast<unsigned>(std::atoi(id)), 1) != 0) return 77;
+        }
+        nisclose(fd);
+        nisunisam();
+        return 0;
+    });
+    up_.close_write();
+    down_.close_read();
+    for (int round = 0; round < kRounds; ++round) {
+        ASSERT_EQ(up_.wait(), 'r');
+        EXPECT_EQ(kt::run_child([&] {
+                      const int fd = open();
+                      if (fd < 0) return 80;
+                      if (nisdelete(fd, sh.z[round]) != 0) return 81;
+                      nisclose(fd);
+                      nisunisam();
+                      return 0;
+                  }),
+                  0);
+        down_.signal('g');
+    }
+    EXPECT_EQ(kt::wait_child(r), 0);
+    EXPECT_TRUE(kt::sound(path_));
+}
+
 }  // namespace
