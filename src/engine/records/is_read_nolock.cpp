@@ -118,9 +118,25 @@ struct StepMemo {
 StepMemo memo;
 
 
-// Page pno of the search's file in the pool, or null with the reason in s.fail: a
-// position no page can have (torn), or a page not in the pool (miss).
-inline const char* page_at(Search& s, PAGE pno) {
+// Page pno not in this process's page index: the chain changes of others may have put
+// it in the pool; when they did not, the file holds the page as it is (the count checks
+// that it stays so).  Null with the reason in s.fail when neither can be said.
+__attribute__((noinline)) const IS_DATA* page_past_index(Search& s, PAGE pno) {
+    const int known = v_peek_learn(s.u);
+    const IS_DATA* p = known == 2 ? s.peek(pno) : nullptr;
+    if (!p && known && (p = v_peek_file(s.u, pno))) s.last = PeekMark{-1, 0, pno};
+    if (!p) {
+        s.fail = kMiss;
+        s.missed = pno;
+        s.hint = false;
+    }
+    return p;
+}
+
+// Page pno of the search's file in the pool (or read from the file), or null with the
+// reason in s.fail: a position no page can have (torn), or a page not in the pool that
+// the file cannot be said to hold as it is (miss).
+__attribute__((always_inline)) inline const char* page_at(Search& s, PAGE pno) {
     if (!page_ok(pno)) {
         s.fail = kTorn;
         return nullptr;
@@ -130,19 +146,7 @@ inline const char* page_at(Search& s, PAGE pno) {
         return nullptr;
     }
     const IS_DATA* p = s.peek(pno);
-    // Not in the index: the chain changes of others may have put it in the pool; when
-    // they did not, the file holds the page as it is (the count checks that it stays so).
-    if (!p) {
-        const int known = v_peek_learn(s.u);
-        if (known == 2) p = s.peek(pno);
-        if (!p && known && (p = v_peek_file(s.u, pno))) s.last = PeekMark{-1, 0, pno};
-    }
-    if (!p) {
-        s.fail = kMiss;
-        s.missed = pno;
-        s.hint = false;
-        return nullptr;
-    }
+    if (!p && !(p = page_past_index(s, pno))) return nullptr;
     return p->c;
 }
 
