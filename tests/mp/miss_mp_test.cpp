@@ -9,7 +9,9 @@
 
 #include "is_rec.h"
 #include "isx_area.h"
+#include "os.h"
 #include "test_hook.h"
+#include "v_pool.h"
 
 #include <signal.h>
 #include <unistd.h>
@@ -84,17 +86,30 @@ void fetch_hook(int where, int) {
     from_parent->wait();
 }
 
+// The real pread behind a replaced entry of the table: with the table replaced, a reader
+// misses by a read of the page and its installation in the pool (the path these tests
+// stop in the middle of), never through a mapping of the file.
+ssize_t plain_pread(int fd, void* buf, size_t n, off_t off) { return ::pread(fd, buf, n, off); }
+
 class MissMp : public kt::Env {
 protected:
-    void SetUp() override { bound(240); }
+    void SetUp() override {
+        bound(240);
+        kisam::os.pread = plain_pread;
+    }
+    void TearDown() override {
+        kisam::os = kisam::os_real;
+        kt::Env::TearDown();
+    }
     // The installation (a pool far smaller than the file) and the file, ids 0..ids-1 at
     // generation 1; nobody attached afterwards.
-    void start(int buffers, unsigned ids) {
+    void start(int buffers, unsigned ids, int magic = 0) {
         kt::Config c;
         c.maxbuf = static_cast<int16_t>(buffers);
         Env::start(c);
         ids_ = ids;
         path_ = path("m.ism");
+        if (magic != 0) niscr_ctl(0, magic);
         const int fd = create("m.ism", {kK0, kK1});
         ASSERT_GE(fd, 0);
         for (unsigned id = 0; id < ids; ++id) {
@@ -256,6 +271,202 @@ TEST_F(MissMp, AReaderKilledInTheMiddleOfAMissLeavesNothingBehind) {
                   return 0;
               }),
               0);
+    EXPECT_TRUE(kt::sound(path_));
+}
+
+// The same misses as a program sees them: through a read-only mapping of the file, with
+// no lock, no load and no system call, once the reader knows the file's chain.
+class FileReads : public MissMp {
+protected:
+    void SetUp() override {
+        MissMp::SetUp();
+        kisam::os = kisam::os_real;
+    }
+    // Reads every id at gen (0: any) and says how: 0, or what went wrong.
+    int read_all(int fd, uint32_t gen, unsigned from = 0) {
+        for (unsigned id = from; id < ids_; ++id)
+            if (const int rc = check(fd, id, gen)) {
+                std::fprintf(stderr, "id %u: wrong (%d)\n", id, rc);
+                return rc;
+            }
+        return 0;
+    }
+};
+
+// Both sizes of control page (pages start 512 bytes apart in the file): once a first
+// pass has learnt the chain, a second reads every record without the lock, its pages
+// past the pool from the file's mapping, with no page loaded and the count left alone.
+TEST_F(FileReads, PagesPastThePoolComeFromTheFileWithNoLoad) {
+    for (const int magic : {512, 1024}) {
+        SCOPED_TRACE(magic);
+        start(40, 1500, magic);
+        EXPECT_EQ(kt::run_child([&] {
+                      const int fd = open();
+                      if (fd < 0) return 80;
+                      if (read_all(fd, 1) != 0) return 81;
+                      const uint32_t seq = seq_of(fd);
+                      const uint32_t reads0 = isam_com->sysread;
+                      const unsigned long nolock0 = is_nolock_reads, file0 = v_file_reads;
+                      if (read_all(fd, 1) != 0) return 82;
+                      if (is_nolock_reads - nolock0 != ids_) return 83;   // no read took the lock
+                      if (v_file_reads - file0 < ids_ / 2) return 84;    // most pages from the file
+                      if (isam_com->sysread != reads0) return 85;        // none loaded
+                      if (seq_of(fd) != seq) return 86;
+                      nisclose(fd);
+                      nisunisam();
+                      return 0;
+                  }),
+                  0);
+        EXPECT_TRUE(kt::sound(path_));
+    }
+}
+
+// Pages that another process changed stay in the pool, changed, until written back: the
+// file holds them as they were.  A reader that knew the chain before the change must
+// learn where they went and read them there, never the file's older bytes.
+TEST_F(FileReads, APageChangedInThePoolIsNeverReadFromTheFile) {
+    start(60, 1500);
+    const unsigned changed[] = {3, 400, 777, 1200, 1499};
+    auto is_changed = [&](unsigned id) {
+        for (unsigned c : changed)
+            if (c == id) return true;
+        return false;
+    };
+    const pid_t r = kt::start_child([&] {
+        up_.close_read();
+        down_.close_write();
+        const int fd = open();
+        if (fd < 0) return 70;
+        if (read_all(fd, 1) != 0 || read_all(fd, 1) != 0) return 71;
+        up_.signal('r');
+        down_.wait();
+        const unsigned long nolock0 = is_nolock_reads, file0 = v_file_reads;
+        for (unsigned id = 0; id < ids_; ++id)
+            if (const int rc = check(fd, id, is_changed(id) ? 2 : 1)) {
+                std::fprintf(stderr, "id %u: wrong (%d)\n", id, rc);
+                return 72;
+            }
+        if (is_nolock_reads - nolock0 < ids_ - 20) return 73;  // the changes were learnt without the lock
+        if (v_file_reads == file0) return 74;
+        nisclose(fd);
+        nisunisam();
+        return 0;
+    });
+    up_.close_write();
+    down_.close_read();
+    ASSERT_EQ(up_.wait(), 'r');
+    EXPECT_EQ(kt::run_child([&] {
+                  const int fd = open();
+                  if (fd < 0) return 80;
+                  for (unsigned id : changed) {
+                      const std::string rec = record(id, 2);
+                      if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 81;
+                  }
+                  nisclose(fd);
+                  nisunisam();
+                  return 0;
+              }),
+              0);
+    down_.signal('g');
+    EXPECT_EQ(kt::wait_child(r), 0);
+    EXPECT_TRUE(kt::sound(path_));
+}
+
+// A file that grew after the reader mapped it: the pages past the mapping are read after
+// the file is mapped again (or under the lock), never past the file's end.
+TEST_F(FileReads, AFileThatGrewIsMappedAgain) {
+    start(40, 600);
+    const pid_t r = kt::start_child([&] {
+        up_.close_read();
+        down_.close_write();
+        const int fd = open();
+        if (fd < 0) return 70;
+        if (read_all(fd, 1) != 0) return 71;
+        up_.signal('r');
+        down_.wait();
+        ids_ = 3000;
+        if (read_all(fd, 1) != 0) return 72;                 // learns the chain again
+        const unsigned long file0 = v_file_reads;
+        if (read_all(fd, 1, 600) != 0) return 73;
+        if (v_file_reads - file0 < (ids_ - 600) / 2) return 74;  // the new pages too
+        nisclose(fd);
+        nisunisam();
+        return 0;
+    });
+    up_.close_write();
+    down_.close_read();
+    ASSERT_EQ(up_.wait(), 'r');
+    EXPECT_EQ(kt::run_child([&] {
+                  const int fd = open();
+                  if (fd < 0) return 80;
+                  for (unsigned id = 600; id < 3000; ++id) {
+                      const std::string rec = record(id, 1);
+                      if (niswrite(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 81;
+                  }
+                  nisclose(fd);
+                  nisunisam();
+                  return 0;
+              }),
+              0);
+    down_.signal('g');
+    EXPECT_EQ(kt::wait_child(r), 0);
+    EXPECT_TRUE(kt::sound(path_));
+}
+
+// A step along key 1 from a cursor whose page was read from the file, after another
+// process deleted the next record in the pool (its page changed there, not yet in the
+// file): the step must not take the file's older copy of the page for the current one.
+// Several rounds, each from another place of key 1.
+TEST_F(FileReads, AStepAfterAChangeNeverUsesTheFilesOlderPage) {
+    start(20, 3000);
+    constexpr int kRounds = 12;
+    struct Shared {
+        char z[kRounds][kK0];  // key 0 of the record after the cursor's, along key 1
+    };
+    Shared& sh = shared<Shared>();
+    const pid_t r = kt::start_child([&] {
+        up_.close_read();
+        down_.close_write();
+        const int fd = open();
+        if (fd < 0) return 70;
+        if (read_all(fd, 1) != 0) return 71;
+        std::vector<char> buf(kBuf);
+        for (int round = 0; round < kRounds; ++round) {
+            // The cursor on a record of key 1's order, one step on and back: the next
+            // record's key 0 is noted, the cursor is back where it was.
+            const std::string x = record(97 + 211 * static_cast<unsigned>(round), 1);
+            if (nisfind(fd, 1, x.data() + kK0, buf.data(), kBuf) < kGenAt) return 72;
+            if (nisread(fd, 1, buf.data(), kBuf) < kGenAt) return 73;
+            std::memcpy(sh.z[round], buf.data(), kK0);
+            if (nispread(fd, 1, buf.data(), kBuf) < kGenAt) return 74;
+            up_.signal('r');
+            down_.wait();
+            if (nisread(fd, 1, buf.data(), kBuf) < kGenAt) return 75;
+            if (std::memcmp(buf.data(), sh.z[round], kK0) == 0) return 76;  // the deleted record
+            char id[kK0 + 1] = {};
+            std::memcpy(id, buf.data(), kK0);
+            if (check(fd, static_cast<unsigned>(std::atoi(id)), 1) != 0) return 77;
+        }
+        nisclose(fd);
+        nisunisam();
+        return 0;
+    });
+    up_.close_write();
+    down_.close_read();
+    for (int round = 0; round < kRounds; ++round) {
+        ASSERT_EQ(up_.wait(), 'r');
+        EXPECT_EQ(kt::run_child([&] {
+                      const int fd = open();
+                      if (fd < 0) return 80;
+                      if (nisdelete(fd, sh.z[round]) != 0) return 81;
+                      nisclose(fd);
+                      nisunisam();
+                      return 0;
+                  }),
+                  0);
+        down_.signal('g');
+    }
+    EXPECT_EQ(kt::wait_child(r), 0);
     EXPECT_TRUE(kt::sound(path_));
 }
 

@@ -18,6 +18,11 @@ PoolBook bk;
 namespace {
 
 void book_free() noexcept {
+    if (bk.map_base) map_drop(-1);
+    std::free(bk.map_base);
+    std::free(bk.map_len);
+    std::free(bk.map_last);
+    std::free(bk.map_past);
     std::free(bk.tab);
     std::free(bk.key_of);
     std::free(bk.known);
@@ -51,8 +56,13 @@ void book_setup() noexcept {
         bk.walk_waits = static_cast<uint32_t*>(std::malloc((no + 1) * sizeof(uint32_t)));
         bk.walked = static_cast<uint8_t*>(std::malloc(no + 1));
         bk.refused = static_cast<uint32_t*>(std::malloc((no + 1) * sizeof(uint32_t)));
+        bk.map_base = static_cast<const char**>(std::calloc(no + 1, sizeof(const char*)));
+        bk.map_len = static_cast<size_t*>(std::calloc(no + 1, sizeof(size_t)));
+        bk.map_last = static_cast<uint32_t*>(std::calloc(no + 1, sizeof(uint32_t)));
+        bk.map_past = static_cast<uint32_t*>(std::calloc(no + 1, sizeof(uint32_t)));
         bk.ok = bk.tab && bk.key_of && bk.fixed && bk.listed && bk.known && bk.known_gen &&
-                bk.known_fcp && bk.walk_waits && bk.walked && bk.refused;
+                bk.known_fcp && bk.walk_waits && bk.walked && bk.refused && bk.map_base &&
+                bk.map_len && bk.map_last && bk.map_past;
         if (!bk.ok) {
             book_free();
         } else {
@@ -63,6 +73,7 @@ void book_setup() noexcept {
         }
     }
     if (bk.ok) {
+        map_drop(-1);  // of the segment these tables described before
         std::memset(bk.tab, 0xFF, (bk.mask + 1) * sizeof(uint64_t));  // kEmpty
         for (int i = 0; i < nb; ++i) bk.key_of[i] = kNoKey;
         std::memset(bk.listed, 0, nb + 1);
@@ -159,6 +170,37 @@ void learn(IS_FCP* fcp, int u) noexcept {
     bk.known_fcp[u] = is_env.pfo_tbl[u];
 }
 
+int learn_unlocked(int u) noexcept {
+    if (!knows(u)) return 0;
+    const uint32_t k = bk.known_gen[u];
+    const uint32_t now = chaingen(u);
+    if (now == k) return 1;
+    // Entry g of the log is overwritten by change g + xh_log_len, which its holder writes
+    // before it publishes the count: with half the log as margin, no entry read below
+    // can be one that a change under way is overwriting.
+    const uint32_t margin = isx_area->xh_log_len / 2;
+    if (now - k >= margin) return 0;
+    const int16_t* log = kisam::isx_log(u);
+    for (uint32_t g = k + 1; g != now + 1; ++g) {
+        const int s = std::atomic_ref<int16_t>(const_cast<int16_t&>(log[g & log_mask()])).load(std::memory_order_relaxed);
+        if (!valid_slot(s)) continue;
+        // The tag as it is now: a slot that changes after this read has that change
+        // logged past `now`, and the next catch-up files it again.  A slot in the middle
+        // of a load carries no page and leaves the index.
+        IS_BUF* b = slot(s);
+        const PAGE p = std::atomic_ref<uint32_t>(b->bu_pno).load(std::memory_order_acquire);
+        const uint16_t id = std::atomic_ref<uint16_t>(b->bu_id).load(std::memory_order_relaxed);
+        if ((id & BU_FILEMASK) == u)
+            index_put(u, p, s);
+        else if (bk.key_of[s] != kNoKey && key_file(bk.key_of[s]) == u)
+            index_erase(s);
+    }
+    std::atomic_thread_fence(std::memory_order_acquire);
+    if (chaingen(u) - k >= margin) return 0;  // entries may have been overwritten meanwhile
+    bk.known_gen[u] = now;
+    return 2;
+}
+
 void chain_changed(int u, int s) noexcept {
     isx_file* f = xfile(u);
     const uint32_t g = f->xf_chaingen + 1;
@@ -192,6 +234,7 @@ void v_forget_file(int u) noexcept {
     if (!isam_com || bk.com != isam_com || !bk.ok || u < 0 || u >= bk.nopen) return;
     bk.known[u] = 0;
     bk.walked[u] = 0;
+    map_drop(u);
 }
 
 void v_enter_file(int u) noexcept {
@@ -205,6 +248,7 @@ void v_enter_file(int u) noexcept {
 }
 
 void v_reset_process(void) noexcept {
+    if (bk.ok) map_drop(-1);
     bk.com = nullptr;
     bk.shmid = -1;
 }

@@ -116,6 +116,14 @@ struct PoolBook {
     // refused[w] == scan_no, so that one scan asks the kernel once per file.
     uint32_t* refused = nullptr;
     uint32_t scan_no = 0;
+
+    // Read-only mappings of the files' data for reads without the lock (v_peek.cpp), by
+    // file slot: base and length (null, 0: none), the file's end (is_lastpage) when its
+    // size was last measured, and the misses past the mapping since then.
+    const char** map_base = nullptr;
+    size_t* map_len = nullptr;
+    uint32_t* map_last = nullptr;
+    uint32_t* map_past = nullptr;
 };
 
 extern PoolBook bk;
@@ -216,6 +224,14 @@ inline bool knows(int u) noexcept {
 // slots of the changes it missed, or walks the chain when it missed more than the log
 // holds.  Requires u's control lock.
 void learn(IS_FCP* fcp, int u) noexcept;
+// The same without the lock, from the chain log alone: re-files the logged slots by the
+// tags they carry now.  When this process then knows u as of a change count read during
+// the call: 1 when it knew it already, 2 when it learnt something; 0 (knowledge left as
+// it was) when it never knew u, or is so far behind that the log entries it needs may be
+// overwritten while it reads them.  Only this process's index changes.
+int learn_unlocked(int u) noexcept;
+// Drops this process's read mapping of file slot u (all of them: u < 0).
+void map_drop(int u) noexcept;
 // The one place where a chain change is recorded (rule 3): slot s of file u was attached
 // to u's chain, re-tagged or loaded, or taken away.  Called after the change, under u's
 // control lock.  A process that knew u up to the change keeps knowing it.

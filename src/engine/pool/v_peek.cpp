@@ -9,6 +9,9 @@
 #include "os.h"
 #include "test_hook.h"
 
+#include <sys/mman.h>
+#include <sys/stat.h>
+
 #include <atomic>
 #include <cstdint>
 
@@ -24,6 +27,51 @@ constexpr uint32_t kPeekFold = 4096;
 }  // namespace
 
 void peek_forget() noexcept { peek_hits = 0; }
+
+void map_drop(int u) noexcept {
+    if (!bk.map_base) return;
+    const int from = u < 0 ? 0 : u, to = u < 0 ? bk.nopen : u + 1;
+    for (int w = from; w < to && w < bk.nopen; ++w) {
+        if (bk.map_base[w]) ::munmap(const_cast<char*>(bk.map_base[w]), bk.map_len[w]);
+        bk.map_base[w] = nullptr;
+        bk.map_len[w] = 0;
+        bk.map_last[w] = 0;
+        bk.map_past[w] = 0;
+    }
+}
+
+namespace {
+
+// Misses past the mapping after which the file's size is measured again although its end
+// did not move (the pages below the end reach the file by write-backs, later).
+constexpr uint32_t kRemeasure = 256;
+
+// The bytes at [off, off + kPage) of file u (descriptor fd) through this process's
+// read-only mapping of the file, or null when the file does not hold them (or cannot be
+// mapped).  The mapping covers the file's size when it was made, and a file never
+// shrinks while it is open (nothing cuts a data file back: a rollback only moves its end
+// in the control page), so no access through it can fall past the end of the file.  It
+// is made again, larger, when a page past it is asked for and the file's end moved (or
+// after kRemeasure such pages).
+const char* map_page(int u, int fd, off_t off, PAGE last) noexcept {
+    const size_t end = static_cast<size_t>(off) + kisam::kPage;
+    if (end <= bk.map_len[u]) return bk.map_base[u] + off;
+    if (bk.map_base[u] && bk.map_last[u] == last && ++bk.map_past[u] < kRemeasure) return nullptr;
+    bk.map_last[u] = last;
+    bk.map_past[u] = 0;
+    struct stat st;
+    if (fd < 0 || kisam::os.fstat(fd, &st) != 0 || st.st_size <= 0) return nullptr;
+    const size_t size = static_cast<size_t>(st.st_size);
+    if (size <= bk.map_len[u]) return nullptr;
+    void* p = ::mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
+    if (p == MAP_FAILED) return nullptr;
+    if (bk.map_base[u]) ::munmap(const_cast<char*>(bk.map_base[u]), bk.map_len[u]);
+    bk.map_base[u] = static_cast<const char*>(p);
+    bk.map_len[u] = size;
+    return end <= size ? bk.map_base[u] + off : nullptr;
+}
+
+}  // namespace
 
 }  // namespace kisam::pool
 
@@ -75,12 +123,49 @@ const IS_DATA* v_peek(int u, PAGE pno, PeekMark* m) noexcept {
     }
 }
 
+const IS_DATA* v_peek_again(int u, const PeekMark& m) noexcept {
+    if (bk.com != isam_com || bk.shmid != is_shmid || !bk.ok || u < 0 || u >= bk.nopen || !valid_slot(m.slot))
+        return nullptr;
+    IS_BUF* b = slot(m.slot);
+    // As v_peek: the stamp before the tag.
+    const uint32_t stamp = std::atomic_ref<uint32_t>(b->bu_wcnt).load(std::memory_order_acquire);
+    const PAGE p = std::atomic_ref<uint32_t>(b->bu_pno).load(std::memory_order_acquire);
+    const uint16_t id = std::atomic_ref<uint16_t>(b->bu_id).load(std::memory_order_relaxed);
+    if (p != m.pno || (id & BU_FILEMASK) != u || stamp != m.stamp) return nullptr;
+    ref_set(m.slot);
+    if (++peek_hits == kPeekFold) v_peek_fold();
+    return &b->bu_data;
+}
+
 bool v_peek_still(int u, const PeekMark& m) noexcept {
     IS_BUF* b = slot(m.slot);
     const PAGE p = std::atomic_ref<uint32_t>(b->bu_pno).load(std::memory_order_acquire);
     const uint16_t id = std::atomic_ref<uint16_t>(b->bu_id).load(std::memory_order_relaxed);
     const uint32_t stamp = std::atomic_ref<uint32_t>(b->bu_wcnt).load(std::memory_order_relaxed);
     return p == m.pno && (id & BU_FILEMASK) == u && stamp == m.stamp;
+}
+
+int v_peek_learn(int u) noexcept {
+    if (bk.com != isam_com || bk.shmid != is_shmid || !bk.ok || u < 0 || u >= bk.nopen) return 0;
+    return learn_unlocked(u);
+}
+
+unsigned long v_file_reads = 0;
+
+const IS_DATA* v_peek_file(int u, PAGE pno) noexcept {
+    // Pages read through the operating system's hooks when a test replaced them, so that
+    // its injected failures reach every page read.
+    if (kisam::os.pread != kisam::os_real.pread) return nullptr;
+    if (bk.com != isam_com || !bk.ok || u < 0 || u >= bk.nopen || !is_curfcp || current_file() != u) return nullptr;
+    const IS_FCP* fcp = is_curfcp;
+    const PAGE last = std::atomic_ref<uint32_t>(const_cast<IS_FCP*>(fcp)->is_lastpage).load(std::memory_order_relaxed);
+    if (pno == 0 || pno % kisam::kPage != 0 || pno >= last || pno > KISAM_NOPAGE - kisam::kPage) return nullptr;
+    const off_t off = v_fileoffset(fcp, pno);
+    if (off < 0) return nullptr;
+    const char* p = map_page(u, is_curpfi->pfi_osfd, off, last);
+    if (!p) return nullptr;
+    ++v_file_reads;
+    return reinterpret_cast<const IS_DATA*>(p);
 }
 
 bool v_peek_maybe_cached(int u, PAGE pno) noexcept {
@@ -115,11 +200,6 @@ int v_fetch_unlocked(PAGE pno, IS_DATA* img, uint32_t* seq) noexcept {
     if (kisam::test_hook) kisam::test_hook(kisam::kHookFetch, u);
     *seq = q;
     return 0;
-}
-
-bool v_peek_knows(int u) noexcept {
-    return bk.com == isam_com && bk.shmid == is_shmid && bk.ok && u >= 0 && u < bk.nopen && knows(u) &&
-           bk.known_gen[u] == chaingen(u);
 }
 
 void v_peek_fold(void) noexcept {

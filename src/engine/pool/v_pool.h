@@ -105,16 +105,38 @@ struct PeekMark {
     PAGE pno;
 };
 const IS_DATA* v_peek(int u, PAGE pno, PeekMark* m) noexcept;
+// The slot data of m again, for a reader that holds no lock, when the slot still holds
+// the page of m as it did when v_peek returned it (tag and stamp); null otherwise.  The
+// same check is due after use (v_peek_still).
+const IS_DATA* v_peek_again(int u, const PeekMark& m) noexcept;
 // Whether the slot of m still holds the page of m as it did when v_peek returned it:
 // neither re-tagged nor reloaded since.  Call after an acquire fence that follows the
 // reads of the page.
 bool v_peek_still(int u, const PeekMark& m) noexcept;
+// For a reader that holds no lock: learns the chain changes of others that u's chain
+// log still holds, without the lock (only this process's page index changes).  Nonzero
+// when this process then knows u as of a change count read during the call (2: it learnt
+// something, so that a page v_peek did not find may be in the index now): a page that
+// v_peek does not find after it is not in the pool, or is there as the file holds it
+// (a page changed in the pool, and not yet written back, stays in its slot until a
+// write-back, which makes the change count odd).
+int v_peek_learn(int u) noexcept;
+// For a reader that holds no lock, after v_peek_learn(u) said nonzero and v_peek did not
+// find page pno: the page as the current file (u) holds it, through a read-only
+// mapping of the file that this process keeps; null when the page is not in the file,
+// past the file's end, or cannot be mapped.  Valid when u's change count, even when the
+// read began, is still the same after the last byte was read: every write of a page of
+// u to the file, and every change of a page in the pool, makes it odd.  Nothing is
+// fixed or loaded; no lock, no system call but a mapping's (made again when the file grew).
+const IS_DATA* v_peek_file(int u, PAGE pno) noexcept;
+// Pages this process read through v_peek_file (a figure for tests and benchmarks).
+extern unsigned long v_file_reads;
 // For a reader that holds no lock and did not find page pno of u in its page index:
 // false when the chain changes this process has not learnt yet (the chain log since its
 // count) name no slot that now holds the page, so that the page is most likely not in
 // the pool; true when it may be there, or when this process cannot tell.  A hint only.
 bool v_peek_maybe_cached(int u, PAGE pno) noexcept;
-// A miss of a reader without the lock (README.reads.md rule 11): page pno of the current
+// A miss of a reader without the lock (README.reads.md rule 16): page pno of the current
 // file read from the file into img, with no lock, after the file's change count (*seq)
 // was found even.  0, or -1 when the count was odd, the page cannot be a page of the file
 // or the read failed (nothing raised: the locked read reports whatever is wrong).
@@ -125,8 +147,5 @@ int v_fetch_unlocked(PAGE pno, IS_DATA* img, uint32_t* seq) noexcept;
 // of the file was written or changed since img was read), else from the file.  0, or -1
 // with the error raised.
 int v_install(PAGE pno, const IS_DATA* img, uint32_t seq, bool load) noexcept;
-// Whether this process knows u's chain as of its current change count: a page v_peek
-// does not find is then not in the pool (a locked read would find it no better).
-bool v_peek_knows(int u) noexcept;
 // Adds the pages v_peek found since the last fold to the pool's hit count.
 void v_peek_fold(void) noexcept;

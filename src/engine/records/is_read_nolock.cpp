@@ -1,15 +1,17 @@
-// Keyed reads without the control lock: nisread, nispread and nisfind of a file whose
-// pages are in the pool, at the cost of memory reads alone.
+// Keyed reads without the control lock: nisread, nispread and nisfind, at the cost of
+// memory reads alone.
 //
 // A read takes the file's change count (xf_seq, even when no change is under way), walks
 // the trees and the record's pages straight in the pool's slots -- found through this
 // process's page index, each slot's tag checked, nothing fixed, nothing shared written
-// (README.reads.md lists the exceptions) -- copies the record into the caller's buffer,
-// and takes the count again.  Equal: nothing changed meanwhile, and what was read is what
-// a locked read would have read at that moment; only then do the cursors move.  A read
-// that cannot say so (the count moved, a page is not in the pool, anything that a locked
-// read would report, repair or write) leaves the cursors alone and says which way to go
-// on: once more, or the locked read.
+// (README.reads.md lists the exceptions) -- or, for a page that no slot holds in a version
+// newer than the file's, in place in the file's mapping; copies the record into the
+// caller's buffer, and takes the count again.  Equal: nothing changed meanwhile, and what
+// was read is what a locked read would have read at that moment; only then do the cursors
+// move.  A read that cannot say so (the count moved, a page neither in the pool nor
+// readable from the file as it stands, anything that a locked read would report, repair
+// or write) leaves the cursors alone and says which way to go on: once more, or the
+// locked read.
 //
 // Everything read from a slot may be torn by a change under way: every count, offset and
 // length taken from a page is bounded before it is used (an index never leaves its page,
@@ -73,6 +75,8 @@ struct Search {
     static constexpr int kMarks = 32;
     PeekMark marks[kMarks];
     int nmarks = 0;
+    // Where the page last returned came from: its slot, or slot -1 for the file.
+    PeekMark last{-1, 0, KISAM_NOPAGE};
 
     // Whether every slot read since the last check still holds its page as it did then.
     bool still() {
@@ -86,14 +90,53 @@ struct Search {
     const IS_DATA* peek(PAGE pno) {
         PeekMark m;  // the caller made room (nmarks < kMarks)
         const IS_DATA* p = v_peek(u, pno, &m);
-        if (p) marks[nmarks++] = m;
+        if (p) marks[nmarks++] = last = m;
         return p;
     }
 };
 
-// Page pno of the search's file in the pool, or null with the reason in s.fail: a
-// position no page can have (torn), or a page not in the pool (miss).
-inline const char* page_at(Search& s, PAGE pno) {
+// Where a search found its item: the page (its slot, or slot -1: the file) and the
+// item's index in it.
+struct Found {
+    PeekMark at{-1, 0, KISAM_NOPAGE};
+    int x = -1;
+};
+
+// The item the last read of this process along a key found, where it found it: the next
+// read from the same cursor in the same direction, with the file unchanged since (the
+// same even count) and the page where it was (the same load of the same page in a slot,
+// or the file's page, which the unchanged count keeps current), steps to the
+// neighbouring item without a probe of the page index or a bisection -- what the
+// bisection of the cursor's hint page would find, since the item there still equals the
+// cursor's value and items are unique and ordered.  Checked in full at every use.
+struct StepMemo {
+    const IS_DB* db = nullptr;
+    int keyno = -1;
+    uint32_t seq = 1;  // odd: nothing remembered
+    Found at;
+};
+StepMemo memo;
+
+
+// Page pno not in this process's page index: the chain changes of others may have put
+// it in the pool; when they did not, the file holds the page as it is (the count checks
+// that it stays so).  Null with the reason in s.fail when neither can be said.
+__attribute__((noinline)) const IS_DATA* page_past_index(Search& s, PAGE pno) {
+    const int known = v_peek_learn(s.u);
+    const IS_DATA* p = known == 2 ? s.peek(pno) : nullptr;
+    if (!p && known && (p = v_peek_file(s.u, pno))) s.last = PeekMark{-1, 0, pno};
+    if (!p) {
+        s.fail = kMiss;
+        s.missed = pno;
+        s.hint = false;
+    }
+    return p;
+}
+
+// Page pno of the search's file in the pool (or read from the file), or null with the
+// reason in s.fail: a position no page can have (torn), or a page not in the pool that
+// the file cannot be said to hold as it is (miss).
+__attribute__((always_inline)) inline const char* page_at(Search& s, PAGE pno) {
     if (!page_ok(pno)) {
         s.fail = kTorn;
         return nullptr;
@@ -103,18 +146,13 @@ inline const char* page_at(Search& s, PAGE pno) {
         return nullptr;
     }
     const IS_DATA* p = s.peek(pno);
-    if (!p) {
-        s.fail = kMiss;
-        s.missed = pno;
-        s.hint = false;
-        return nullptr;
-    }
+    if (!p && !(p = page_past_index(s, pno))) return nullptr;
     return p->c;
 }
 
 // Compares key with the item at x over len bytes, the item's pad byte (at pad, when pad
 // >= 0) taken as 0 -- as the locked search compares after zeroing it in the page.
-inline int cmp_item(const char* key, const char* x, size_t len, int pad) {
+__attribute__((always_inline)) inline int cmp_item(const char* key, const char* x, size_t len, int pad) {
     if (pad < 0 || static_cast<size_t>(pad) >= len) return key_cmp(key, x, len);
     const size_t p = static_cast<size_t>(pad);
     if (int c = key_cmp(key, x, p)) return c;
@@ -122,23 +160,40 @@ inline int cmp_item(const char* key, const char* x, size_t len, int pad) {
     return key_cmp(key + p + 1, x + p + 1, len - p - 1);
 }
 
-// bt_scan of a page in the pool, writing nothing; n within the page's order.
-int scan(const char* d, int n, const IS_KEY* kp, const char* key, int ncomp, int srchflag) {
+// bt_scan of a page in the pool, writing nothing; n within the page's order.  With
+// `edges` (a hint page, of use only when the key falls inside it) the end items are
+// compared first, so that a key off either end costs one or two comparisons; the result
+// is the same.
+int scan(const char* d, int n, const IS_KEY* kp, const char* key, int ncomp, int srchflag, bool edges = false) {
     const int inc = kp->k_itemlen + 4;
     const int pad = kp->k_offset > kp->k_keylen ? kp->k_keylen : -1;
     const bool eq_goes_on = !(srchflag & 0x01);
     const size_t len = ncomp > 0 ? static_cast<size_t>(ncomp) : 0;
-    auto goes_on = [&](int i) {
+    auto goes_on = [&](int i) __attribute__((always_inline)) {
         const int c = cmp_item(key, d + bt_item_off(i, inc), len, pad);
         return (srchflag & 0x02) ? (c < 0 || (c == 0 && eq_goes_on)) : (c > 0 || (c == 0 && eq_goes_on));
     };
     int lo = 0, hi = n;
     if (srchflag & 0x02) {
+        // goes_on is false up to the answer, true after it.
+        if (edges) {
+            if (goes_on(0)) return -1;
+            if (!goes_on(n - 1)) return n - 1;
+            lo = 1;
+            hi = n - 1;
+        }
         while (lo < hi) {
             const int mid = lo + (hi - lo) / 2;
             if (goes_on(mid)) hi = mid; else lo = mid + 1;
         }
         return lo - 1;
+    }
+    // goes_on is true before the answer, false from it on.
+    if (edges) {
+        if (goes_on(n - 1)) return -1;
+        if (!goes_on(0)) return 0;
+        lo = 1;
+        hi = n - 1;
     }
     while (lo < hi) {
         const int mid = lo + (hi - lo) / 2;
@@ -160,7 +215,10 @@ inline int items_of(const char* d, int keyno, int order, int inc) {
 
 // bt_search without the lock: 1 found (item filled), 0 none, -1 gave up (s.fail).
 // *hint is the cursor's page hint, updated as the locked search updates it.
-int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint) {
+// *found tells where the item was found; `step`, the memo of the cursor's last read
+// when it may apply (a strict step from a positioned cursor).
+int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint, Found* found = nullptr,
+           const StepMemo* step = nullptr) {
     const IS_KEY* kp = fcp_key(is_curfcp, keyno);
     const int len = kp->k_itemlen;
     const int inc = len + 4;
@@ -186,13 +244,41 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
     // of an alternate key depends on the hint, so a hint the locked read would have found
     // in the pool must be found here too.
     const PAGE h = *hint;
-    if (h != KISAM_NOPAGE) {
+    if (step && step->at.at.pno == h && h != KISAM_NOPAGE && s.nmarks < Search::kMarks) {
+        const PeekMark& sm = step->at.at;
+        const IS_DATA* sp = sm.slot >= 0 ? v_peek_again(s.u, sm) : v_peek_file(s.u, h);
+        const int sx = step->at.x;
+        if (sp) {
+            if (sm.slot >= 0) s.marks[s.nmarks++] = sm;
+            s.last = sm;
+            n = items_of(sp->c, keyno, order, inc);
+            const int nx = back ? sx - 1 : sx + 1;
+            if (sx >= 0 && sx < n && nx >= 0 && nx < n &&
+                cmp_item(item, sp->c + bt_item_off(sx, inc), cl, pad) == 0) {
+                d = sp->c;
+                pno = h;
+                x = nx;
+            }
+        }
+    }
+    if (h != KISAM_NOPAGE && d == nullptr) {
         if (s.nmarks == Search::kMarks && !s.still()) {
             s.fail = kTorn;
             return -1;
         }
         const IS_DATA* hp = page_ok(h) ? s.peek(h) : nullptr;
-        if (!hp && page_ok(h) && !v_peek_knows(s.u)) {
+        bool known = false;
+        if (!hp && page_ok(h)) {
+            const int kn = v_peek_learn(s.u);
+            known = kn != 0;
+            if (kn == 2) hp = s.peek(h);
+            // Items compared whole are unique: a search for the nearest lands on the same
+            // item from any page on its way, so that the file's copy of a hint page not in
+            // the pool serves as well.  Only a search of equal key values (5, on the key's
+            // own length) depends on whether the locked read would have had the hint.
+            if (!hp && known && !exact5 && (hp = v_peek_file(s.u, h))) s.last = PeekMark{-1, 0, h};
+        }
+        if (!hp && page_ok(h) && !known) {
             s.fail = kMiss;
             s.missed = h;
             s.hint = true;
@@ -202,9 +288,10 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
             const char* hd = hp->c;
             n = items_of(hd, keyno, order, inc);
             if (n > 0) {
-                x = scan(hd, n, kp, item, ncomp, srchflag);
+                x = scan(hd, n, kp, item, ncomp, srchflag, true);
                 if (x >= 0 && (srchflag & 0x01) && cmp_item(item, hd + bt_item_off(x, inc), cl, pad) == 0) {
                     take(hd + bt_item_off(x, inc));
+                    if (found) *found = Found{s.last, x};
                     return 1;
                 }
                 if (x >= 0 && x != (back ? n - 1 : 0)) {
@@ -222,6 +309,8 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
     // highest one wins.
     const char* best = nullptr;
     PAGE bestp = KISAM_NOPAGE;
+    Found bestat;
+    PeekMark dmark = s.last;  // where page d came from
     for (int depth = 0;; ++depth) {
         if (depth > kBtMaxDepth) {
             s.fail = kTorn;
@@ -230,6 +319,7 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
         if (d == nullptr) {
             d = page_at(s, pno);
             if (!d) return -1;
+            dmark = s.last;
             n = items_of(d, keyno, order, inc);
             if (n < 0) {
                 s.fail = kTorn;
@@ -243,11 +333,13 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
             if ((srchflag & 0x01) && cmp_item(item, xp, cl, pad) == 0) {
                 take(xp);
                 *hint = pno;
+                if (found) *found = Found{dmark, x};
                 return 1;
             }
             if (!best || !exact5) {
                 best = xp;
                 bestp = pno;
+                bestat = Found{dmark, x};
             }
             child = ld32(d + bt_ptr_off(back ? x + 1 : x, inc));
             if (child == KISAM_NOPAGE) break;
@@ -261,6 +353,7 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
     if (!best) return 0;
     take(best);
     *hint = bestp;
+    if (found) *found = bestat;
     return nothing;
 }
 
@@ -394,13 +487,18 @@ int is_read_nolock(int keyno, char* record, int recsize, int dir) noexcept {
     const char pad = dir == 2 ? static_cast<char>(0xFF) : 0;
     if (kstate == 0) is_pad(ck, kd->k_keylen, pad);
     int mode = kstate == 2 ? dir : (dir | 1);
+    // A strict step from a positioned cursor, the file unchanged since the last read of
+    // this cursor along this key.
+    const bool stepping = (mode == 0 || mode == 2) && memo.db == db && memo.keyno == keyno && memo.seq == s0;
+    Found found;
     char* item = ck;
     int result = -1;
     if (keyno >= 1) {
         if (kstate != 2) is_pad(ck + kd->k_offset, ilen - kd->k_offset, pad);
         kstate = 2;
         if (exact) std::memcpy(saved, ck, static_cast<size_t>(ilen));
-        const int r = search(s, keyno, ld32(reinterpret_cast<const char*>(&kd->k_root)), mode, ck, &hint);
+        const int r = search(s, keyno, ld32(reinterpret_cast<const char*>(&kd->k_root)), mode, ck, &hint, &found,
+                             stepping ? &memo : nullptr);
         if (r < 0) return s.fail == kMiss && same() ? missed(s) : kReadAgain;
         if (r == 0 && exact) std::memcpy(ck, saved, static_cast<size_t>(ilen));
         if (r != 1) {
@@ -417,7 +515,8 @@ int is_read_nolock(int keyno, char* record, int recsize, int dir) noexcept {
 
     if (result < 0) {
         PAGE* h0 = keyno == 0 ? &hint : &hint0;
-        const int r = search(s, 0, ld32(reinterpret_cast<const char*>(&k0->k_root)), mode, item, h0);
+        const int r = search(s, 0, ld32(reinterpret_cast<const char*>(&k0->k_root)), mode, item, h0,
+                             keyno == 0 ? &found : nullptr, keyno == 0 && stepping ? &memo : nullptr);
         if (r < 0) return s.fail == kMiss && same() ? missed(s) : kReadAgain;
         if (r == 0 && exact && keyno == 0) std::memcpy(ck, saved, static_cast<size_t>(ilen));
         if (r != 1) {
@@ -443,6 +542,13 @@ int is_read_nolock(int keyno, char* record, int recsize, int dir) noexcept {
     }
 
     if (!s.still() || !same()) return kReadAgain;
+    memo.seq = 1;
+    if (found.at.pno == hint && hint != KISAM_NOPAGE) {
+        memo.db = db;
+        memo.keyno = keyno;
+        memo.seq = s0;
+        memo.at = found;
+    }
     std::memcpy(cur->currkey, ck, static_cast<size_t>(ilen));
     cur->curr_kstate = kstate;
     cur->currpage = hint;
