@@ -123,10 +123,23 @@ protected:
         if (is_init() != 0) return -1;
         return nisopen(path_.c_str(), ISO_RDWR);
     }
-    // A child that opens the file and runs body(fd) with fetch_hook in place: it stops at
-    // its first miss, after the read of the page, and says so ('f'), until signalled (or
-    // dies there with kill_at_fetch).  Returns once it has stopped; body's result ends it.
-    pid_t hooked_reader(const std::function<int(int fd)>& body) {
+    // A child process that opens the file and runs body(fd); a body that returns 0 has
+    // the file closed and the process detached.  Its exit status.
+    int in_child(const std::function<int(int fd)>& body) {
+        return kt::run_child([&] {
+            const int fd = open();
+            if (fd < 0) return 80;
+            if (const int rc = body(fd)) return rc;
+            nisclose(fd);
+            nisunisam();
+            return 0;
+        });
+    }
+    // A child that opens the file and runs body(fd), which stops where it says `ready` to
+    // the parent until signalled: with fetch_hook in place ('f') at its first miss, after
+    // the read of the page (or dies there with kill_at_fetch).  Returns once it has
+    // stopped; body's result ends it.
+    pid_t hooked_reader(const std::function<int(int fd)>& body, char ready = 'f') {
         const pid_t a = kt::start_child([&] {
             up_.close_read();
             down_.close_write();
@@ -138,7 +151,7 @@ protected:
         });
         up_.close_write();
         down_.close_read();
-        EXPECT_EQ(up_.wait(), 'f');
+        EXPECT_EQ(up_.wait(), ready);
         return a;
     }
     kt::Pipe up_, down_;
@@ -160,9 +173,7 @@ TEST_F(MissMp, AReaderInTheMiddleOfAMissHoldsNobodyUp) {
         nisunisam();
         return 0;
     });
-    EXPECT_EQ(kt::run_child([&] {
-                  const int fd = open();
-                  if (fd < 0) return 80;
+    EXPECT_EQ(in_child([&](int fd) {
                   const uint32_t seq = seq_of(fd);
                   const uint32_t reads0 = isam_com->sysread;
                   const unsigned long nolock0 = is_nolock_reads;
@@ -172,8 +183,6 @@ TEST_F(MissMp, AReaderInTheMiddleOfAMissHoldsNobodyUp) {
                   if (isam_com->sysread - reads0 < 100) return 82;      // it missed, and loaded
                   if (is_nolock_reads - nolock0 != 600) return 83;      // each read took no lock
                   if (seq_of(fd) != seq) return 84;                     // nor moved the count
-                  nisclose(fd);
-                  nisunisam();
                   return 0;
               }),
               0);
@@ -204,15 +213,11 @@ TEST_F(MissMp, AnImageReadBeforeTheFileChangedNeverReachesThePool) {
     });
     // The record changed in its page; then reads of a hundred other pages push the page
     // out of the pool, to the file.
-    EXPECT_EQ(kt::run_child([&] {
-                  const int fd = open();
-                  if (fd < 0) return 80;
+    EXPECT_EQ(in_child([&](int fd) {
                   const std::string r = record(kX, 2);
                   if (nisupdate(fd, r.data(), static_cast<int>(r.size())) != 0) return 81;
                   for (unsigned id = 100; id < ids_; ++id)
                       if (check(fd, id, 1) != 0) return 82;
-                  nisclose(fd);
-                  nisunisam();
                   return 0;
               }),
               0);
@@ -257,17 +262,13 @@ TEST_F(MissMp, AReaderKilledInTheMiddleOfAMissLeavesNothingBehind) {
         return 71;
     });
     EXPECT_EQ(kt::wait_child(a), 128 + SIGKILL);
-    EXPECT_EQ(kt::run_child([&] {
-                  const int fd = open();
-                  if (fd < 0) return 80;
+    EXPECT_EQ(in_child([&](int fd) {
                   const uint32_t seq = seq_of(fd);
                   if (seq % 2 != 0) return 81;
                   const unsigned long nolock0 = is_nolock_reads;
                   for (unsigned id = 0; id < ids_; ++id)
                       if (check(fd, id, 1) != 0) return 82;
                   if (is_nolock_reads - nolock0 != ids_) return 83;
-                  nisclose(fd);
-                  nisunisam();
                   return 0;
               }),
               0);
@@ -300,9 +301,7 @@ TEST_F(FileReads, PagesPastThePoolComeFromTheFileWithNoLoad) {
     for (const int magic : {512, 1024}) {
         SCOPED_TRACE(magic);
         start(40, 1500, magic);
-        EXPECT_EQ(kt::run_child([&] {
-                      const int fd = open();
-                      if (fd < 0) return 80;
+        EXPECT_EQ(in_child([&](int fd) {
                       if (read_all(fd, 1) != 0) return 81;
                       const uint32_t seq = seq_of(fd);
                       const uint32_t reads0 = isam_com->sysread;
@@ -312,8 +311,6 @@ TEST_F(FileReads, PagesPastThePoolComeFromTheFileWithNoLoad) {
                       if (v_file_reads - file0 < ids_ / 2) return 84;    // most pages from the file
                       if (isam_com->sysread != reads0) return 85;        // none loaded
                       if (seq_of(fd) != seq) return 86;
-                      nisclose(fd);
-                      nisunisam();
                       return 0;
                   }),
                   0);
@@ -332,11 +329,7 @@ TEST_F(FileReads, APageChangedInThePoolIsNeverReadFromTheFile) {
             if (c == id) return true;
         return false;
     };
-    const pid_t r = kt::start_child([&] {
-        up_.close_read();
-        down_.close_write();
-        const int fd = open();
-        if (fd < 0) return 70;
+    const pid_t r = hooked_reader([&](int fd) {
         if (read_all(fd, 1) != 0 || read_all(fd, 1) != 0) return 71;
         up_.signal('r');
         down_.wait();
@@ -351,19 +344,12 @@ TEST_F(FileReads, APageChangedInThePoolIsNeverReadFromTheFile) {
         nisclose(fd);
         nisunisam();
         return 0;
-    });
-    up_.close_write();
-    down_.close_read();
-    ASSERT_EQ(up_.wait(), 'r');
-    EXPECT_EQ(kt::run_child([&] {
-                  const int fd = open();
-                  if (fd < 0) return 80;
+    }, 'r');
+    EXPECT_EQ(in_child([&](int fd) {
                   for (unsigned id : changed) {
                       const std::string rec = record(id, 2);
                       if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 81;
                   }
-                  nisclose(fd);
-                  nisunisam();
                   return 0;
               }),
               0);
@@ -376,11 +362,7 @@ TEST_F(FileReads, APageChangedInThePoolIsNeverReadFromTheFile) {
 // the file is mapped again (or under the lock), never past the file's end.
 TEST_F(FileReads, AFileThatGrewIsMappedAgain) {
     start(40, 600);
-    const pid_t r = kt::start_child([&] {
-        up_.close_read();
-        down_.close_write();
-        const int fd = open();
-        if (fd < 0) return 70;
+    const pid_t r = hooked_reader([&](int fd) {
         if (read_all(fd, 1) != 0) return 71;
         up_.signal('r');
         down_.wait();
@@ -392,19 +374,12 @@ TEST_F(FileReads, AFileThatGrewIsMappedAgain) {
         nisclose(fd);
         nisunisam();
         return 0;
-    });
-    up_.close_write();
-    down_.close_read();
-    ASSERT_EQ(up_.wait(), 'r');
-    EXPECT_EQ(kt::run_child([&] {
-                  const int fd = open();
-                  if (fd < 0) return 80;
+    }, 'r');
+    EXPECT_EQ(in_child([&](int fd) {
                   for (unsigned id = 600; id < 3000; ++id) {
                       const std::string rec = record(id, 1);
                       if (niswrite(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 81;
                   }
-                  nisclose(fd);
-                  nisunisam();
                   return 0;
               }),
               0);
@@ -424,11 +399,7 @@ TEST_F(FileReads, AStepAfterAChangeNeverUsesTheFilesOlderPage) {
         char z[kRounds][kK0];  // key 0 of the record after the cursor's, along key 1
     };
     Shared& sh = shared<Shared>();
-    const pid_t r = kt::start_child([&] {
-        up_.close_read();
-        down_.close_write();
-        const int fd = open();
-        if (fd < 0) return 70;
+    const pid_t r = hooked_reader([&](int fd) {
         if (read_all(fd, 1) != 0) return 71;
         std::vector<char> buf(kBuf);
         for (int round = 0; round < kRounds; ++round) {
@@ -450,17 +421,13 @@ TEST_F(FileReads, AStepAfterAChangeNeverUsesTheFilesOlderPage) {
         nisclose(fd);
         nisunisam();
         return 0;
-    });
-    up_.close_write();
-    down_.close_read();
+    }, 'r');
     for (int round = 0; round < kRounds; ++round) {
-        ASSERT_EQ(up_.wait(), 'r');
-        EXPECT_EQ(kt::run_child([&] {
-                      const int fd = open();
-                      if (fd < 0) return 80;
+        if (round > 0) {  // the first stop is hooked_reader's
+            ASSERT_EQ(up_.wait(), 'r');
+        }
+        EXPECT_EQ(in_child([&](int fd) {
                       if (nisdelete(fd, sh.z[round]) != 0) return 81;
-                      nisclose(fd);
-                      nisunisam();
                       return 0;
                   }),
                   0);
