@@ -15,6 +15,7 @@
 #include <sys/stat.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdint>
 
 namespace kisam::pool {
@@ -54,6 +55,11 @@ namespace {
 // The handler runs with SA_NODEFER and an empty sa_mask, so entering it changes no
 // signal mask: the jump (sigsetjmp(env, 0), no mask saved) leaves the thread's mask as it
 // was when it armed, SIGBUS not blocked by the handler's entry.
+struct ErrnoKeep {
+    int e = errno;
+    ~ErrnoKeep() { errno = e; }
+};
+
 struct sigaction bus_prev;                 // the disposition the library's handler replaced
 std::atomic<bool> bus_installed{false};    // once per process (inherited across fork)
 thread_local MappedRead* bus_target = nullptr;
@@ -77,6 +83,7 @@ int mapping_of(const void* a) noexcept {
 // default action (the process ends with the signal), or nothing for an ignored signal
 // that a program sent (a fault cannot be ignored).
 void bus_pass_on(int sig, siginfo_t* si, void* ctx) noexcept {
+    const ErrnoKeep keep;  // the interrupted code's errno, whatever the calls below set
     const struct sigaction prev = bus_prev;
     const bool fault = si && si->si_code > 0 && si->si_code != SI_KERNEL;
     const bool handler = (prev.sa_flags & SA_SIGINFO)
