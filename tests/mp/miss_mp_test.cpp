@@ -13,7 +13,12 @@
 #include "test_hook.h"
 #include "v_pool.h"
 
+#include <fcntl.h>
+#include <setjmp.h>
 #include <signal.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -435,6 +440,138 @@ TEST_F(FileReads, AStepAfterAChangeNeverUsesTheFilesOlderPage) {
     }
     EXPECT_EQ(kt::wait_child(r), 0);
     EXPECT_TRUE(kt::sound(path_));
+}
+
+// Another program cuts the file short under a reader that has it mapped, twice: each
+// read that needs a page past the new end fails exactly as the locked read of it fails
+// (ISE_RDRD for a record's page; a tree's page read on the way fails its search,
+// ISE_BTS), the reader lives on, and what the file still holds reads as before.  Once the
+// mapping that faulted is dropped and the file mapped again over its new size, nothing
+// faults until the next cut.
+TEST_F(FileReads, AFileCutShortUnderAReaderGivesErrorsNotASignal) {
+    start(40, 1500);
+    constexpr int kCuts = 2;
+    const pid_t r = hooked_reader([&](int fd) {
+        if (read_all(fd, 1) != 0 || read_all(fd, 1) != 0) return 71;
+        if (v_file_reads == 0) return 72;  // the reader has the file mapped
+        std::vector<char> buf(kBuf);
+        unsigned before = 0;  // reads that failed after the previous cut
+        for (int cut = 0; cut < kCuts; ++cut) {
+            up_.signal('r');
+            down_.wait();
+            for (int pass = 0; pass < 2; ++pass) {
+                const unsigned long faults0 = v_map_faults;
+                unsigned failed = 0;
+                for (unsigned id = 0; id < ids_; ++id) {
+                    is_errno = 0;
+                    const int n = nisfind(fd, 0, key0(id).data(), buf.data(), kBuf);
+                    const int err = is_errno;
+                    kisam::test_locked_reads = true;
+                    is_errno = 0;
+                    const int locked = nisfind(fd, 0, key0(id).data(), buf.data(), kBuf);
+                    kisam::test_locked_reads = false;
+                    const bool as_locked = (n < 0) == (locked < 0) && (n >= 0 || err == is_errno);
+                    if (!as_locked || (n < 0 && err != ISE_RDRD && err != ISE_BTS)) {
+                        std::fprintf(stderr, "cut %d, pass %d, id %u: %d (error %d), locked %d (error %d)\n", cut,
+                                     pass, id, n, err, locked, is_errno);
+                        return 73;
+                    }
+                    if (n < 0) {
+                        ++failed;
+                        continue;
+                    }
+                    const std::string rec = record(id, 1);
+                    if (n != static_cast<int>(rec.size()) || std::memcmp(buf.data(), rec.data(), rec.size()) != 0)
+                        return 74;
+                }
+                if (failed <= before || failed == ids_) return 75;
+                if (pass == 0 && v_map_faults == faults0) return 76;  // it met the cut in the mapping
+                if (pass == 1 && v_map_faults != faults0) return 77;  // mapped again over the new size
+                if (pass == 1) before = failed;
+            }
+        }
+        nisclose(fd);
+        nisunisam();
+        return 0;
+    }, 'r');
+    struct stat st;
+    ASSERT_EQ(::stat(path_.c_str(), &st), 0);
+    for (int cut = 0; cut < kCuts; ++cut) {
+        if (cut > 0) {  // the first stop is hooked_reader's
+            ASSERT_EQ(up_.wait(), 'r');
+        }
+        ASSERT_EQ(::truncate(path_.c_str(), st.st_size / (2 + 3 * cut) / 4096 * 4096), 0);
+        down_.signal('g');
+    }
+    EXPECT_EQ(kt::wait_child(r), 0);
+}
+
+sigjmp_buf own_jump;
+volatile sig_atomic_t own_faults = 0;
+void own_bus_handler(int, siginfo_t*, void*) {
+    own_faults = own_faults + 1;
+    siglongjmp(own_jump, 1);
+}
+
+// A mapping of the program's own, cut short and touched past its new end: 0 when the
+// program's handler took the fault and came back, 1 when nothing faulted.
+int touch_own_cut_mapping(const std::string& p) {
+    const int fd = ::open(p.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
+    if (fd < 0 || ::ftruncate(fd, 8192) != 0) return 2;
+    void* m = ::mmap(nullptr, 8192, PROT_READ, MAP_SHARED, fd, 0);
+    if (m == MAP_FAILED || ::ftruncate(fd, 0) != 0) return 3;
+    const sig_atomic_t before = own_faults;
+    int rc = 1;
+    if (sigsetjmp(own_jump, 1) == 0) {
+        const volatile char* c = static_cast<const char*>(m) + 4096;
+        (void)*c;
+    } else {
+        rc = own_faults == before + 1 ? 0 : 4;
+    }
+    ::munmap(m, 8192);
+    ::close(fd);
+    return rc;
+}
+
+// A SIGBUS that the program's own accesses cause is the program's: its handler, in
+// place before the library's first mapping, still gets it (the library's handler took
+// its place and hands it on); without one, the program ends with the signal as it would
+// have without the library.
+TEST_F(FileReads, AProgramsOwnSigbusStillReachesIt) {
+    start(40, 1500);
+    EXPECT_EQ(in_child([&](int fd) {
+                  ::alarm(10);  // a fault that came back to the access forever
+                  struct sigaction cur;
+                  struct sigaction own {};
+                  own.sa_sigaction = own_bus_handler;
+                  own.sa_flags = SA_SIGINFO;
+                  sigemptyset(&own.sa_mask);
+                  if (::sigaction(SIGBUS, &own, nullptr) != 0) return 91;
+                  if (read_all(fd, 1) != 0 || read_all(fd, 1) != 0) return 81;
+                  if (v_file_reads == 0) return 82;
+                  if (::sigaction(SIGBUS, nullptr, &cur) != 0 || cur.sa_sigaction == own_bus_handler)
+                      return 83;  // the library's handler took its place
+                  if (const int rc = touch_own_cut_mapping(path("own"))) return 84 + rc;
+                  if (const int rc = touch_own_cut_mapping(path("own"))) return 84 + rc;  // and again
+                  return 0;
+              }),
+              0);
+    // What the program had before (a sanitizer's handler, say, that reports and aborts):
+    // the test's process has made no mapping, so its children start with it.
+    struct sigaction before;
+    ASSERT_EQ(::sigaction(SIGBUS, nullptr, &before), 0);
+    const bool by_default = !(before.sa_flags & SA_SIGINFO) && before.sa_handler == SIG_DFL;
+    const int rc = in_child([&](int fd) {
+        ::alarm(10);
+        const struct rlimit none {0, 0};
+        ::setrlimit(RLIMIT_CORE, &none);
+        if (read_all(fd, 1) != 0 || read_all(fd, 1) != 0) return 81;
+        if (v_file_reads == 0) return 82;
+        touch_own_cut_mapping(path("own"));
+        return 83;
+    });
+    if (by_default) EXPECT_EQ(rc, 128 + SIGBUS);
+    else EXPECT_TRUE(rc > 128 && rc != 128 + SIGALRM) << rc;  // ended by the program's disposition
 }
 
 }  // namespace

@@ -9,10 +9,13 @@
 #include "os.h"
 #include "test_hook.h"
 
+#include <pthread.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdint>
 
 namespace kisam::pool {
@@ -42,6 +45,102 @@ void map_drop(int u) noexcept {
 
 namespace {
 
+// SIGBUS in a mapping.  A page past the file's end, or one the disk cannot read back,
+// faults when touched through a mapping.  The library never maps past the end it
+// measured and never shrinks an open data file, so such a fault comes from outside (a
+// program that cut the file short, a failing disk) and must cost the read that met it,
+// not the process: the reader's thread is armed (bus_target) over its accesses, and the
+// handler sends it back to its sigsetjmp.  Every other SIGBUS belongs to the program.
+//
+// The handler runs with SA_NODEFER and an empty sa_mask, so entering it changes no
+// signal mask: the jump (sigsetjmp(env, 0), no mask saved) leaves the thread's mask as it
+// was when it armed, SIGBUS not blocked by the handler's entry.
+struct ErrnoKeep {
+    int e = errno;
+    ~ErrnoKeep() { errno = e; }
+};
+
+struct sigaction bus_prev;                 // the disposition the library's handler replaced
+std::atomic<bool> bus_installed{false};    // once per process (inherited across fork)
+thread_local MappedRead* bus_target = nullptr;
+thread_local int bus_file = -1;            // the mapping that faulted, for v_mapped_fault
+
+// The file slot whose mapping holds address a, or -1.  Reads only this process's tables,
+// which change only between accesses, in the thread that reads (no allocation, no lock:
+// safe in a signal handler).
+int mapping_of(const void* a) noexcept {
+    if (!bk.map_base) return -1;
+    const char* p = static_cast<const char*>(a);
+    for (int w = 0; w < bk.nopen; ++w) {
+        const char* base = bk.map_base[w];
+        if (base && p >= base && p < base + bk.map_len[w]) return w;
+    }
+    return -1;
+}
+
+// A SIGBUS that is not the library's, handed on as the kernel would have delivered it
+// to the disposition the library replaced: its handler with its mask and flags, or the
+// default action (the process ends with the signal), or nothing for an ignored signal
+// that a program sent (a fault cannot be ignored).
+void bus_pass_on(int sig, siginfo_t* si, void* ctx) noexcept {
+    const ErrnoKeep keep;  // the interrupted code's errno, whatever the calls below set
+    const struct sigaction prev = bus_prev;
+    const bool fault = si && si->si_code > 0 && si->si_code != SI_KERNEL;
+    const bool handler = (prev.sa_flags & SA_SIGINFO)
+                             ? prev.sa_sigaction != nullptr
+                             : prev.sa_handler != SIG_DFL && prev.sa_handler != SIG_IGN;
+    if (!handler) {
+        if (prev.sa_handler == SIG_IGN && !(prev.sa_flags & SA_SIGINFO) && !fault) return;
+        struct sigaction dfl {};
+        dfl.sa_handler = SIG_DFL;
+        sigemptyset(&dfl.sa_mask);
+        ::sigaction(sig, &dfl, nullptr);
+        ::raise(sig);  // not blocked (SA_NODEFER): the default action happens here
+        return;        // a fault returns to the access, which faults again, fatally
+    }
+    if (prev.sa_flags & SA_RESETHAND) {
+        struct sigaction dfl {};
+        dfl.sa_handler = SIG_DFL;
+        sigemptyset(&dfl.sa_mask);
+        ::sigaction(sig, &dfl, nullptr);
+    }
+    sigset_t mask = prev.sa_mask, old;
+    if (!(prev.sa_flags & SA_NODEFER)) sigaddset(&mask, sig);
+    ::pthread_sigmask(SIG_BLOCK, &mask, &old);
+    if (prev.sa_flags & SA_SIGINFO) prev.sa_sigaction(sig, si, ctx);
+    else prev.sa_handler(sig);
+    ::pthread_sigmask(SIG_SETMASK, &old, nullptr);
+}
+
+void on_bus(int sig, siginfo_t* si, void* ctx) noexcept {
+    // A fault at an address in a mapping of ours (a signal sent by a program carries no
+    // address), in a thread armed for it: only a read of a mapping touches one.
+    if (si && (si->si_code == BUS_ADRERR || si->si_code == BUS_OBJERR || si->si_code == BUS_MCEERR_AR)) {
+        const int w = mapping_of(si->si_addr);
+        if (w >= 0) {
+            if (MappedRead* r = bus_target) {
+                bus_target = nullptr;
+                bus_file = w;
+                siglongjmp(r->env, 1);
+            }
+        }
+    }
+    bus_pass_on(sig, si, ctx);
+}
+
+// Installs the library's SIGBUS handler, once per process, before the first mapping.
+// False when it cannot be installed: the file is then not mapped.
+bool bus_install() noexcept {
+    if (bus_installed.load(std::memory_order_acquire)) return true;
+    struct sigaction sa {};
+    sa.sa_sigaction = on_bus;
+    sa.sa_flags = SA_SIGINFO | SA_NODEFER | SA_ONSTACK | SA_RESTART;
+    sigemptyset(&sa.sa_mask);
+    if (::sigaction(SIGBUS, &sa, &bus_prev) != 0) return false;
+    bus_installed.store(true, std::memory_order_release);
+    return true;
+}
+
 // Misses past the mapping after which the file's size is measured again although its end
 // did not move (the pages below the end reach the file by write-backs, later).
 constexpr uint32_t kRemeasure = 256;
@@ -63,6 +162,7 @@ const char* map_page(int u, int fd, off_t off, PAGE last) noexcept {
     if (fd < 0 || kisam::os.fstat(fd, &st) != 0 || st.st_size <= 0) return nullptr;
     const size_t size = static_cast<size_t>(st.st_size);
     if (size <= bk.map_len[u]) return nullptr;
+    if (!bus_install()) return nullptr;
     void* p = ::mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
     if (p == MAP_FAILED) return nullptr;
     if (bk.map_base[u]) ::munmap(const_cast<char*>(bk.map_base[u]), bk.map_len[u]);
@@ -166,6 +266,26 @@ const IS_DATA* v_peek_file(int u, PAGE pno) noexcept {
     if (!p) return nullptr;
     ++v_file_reads;
     return reinterpret_cast<const IS_DATA*>(p);
+}
+
+unsigned long v_map_faults = 0;
+
+void v_mapped_arm(MappedRead* r) noexcept {
+    bus_target = r;
+    // The handler must see the target before any access it covers.
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+}
+
+void v_mapped_disarm() noexcept {
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    bus_target = nullptr;
+}
+
+void v_mapped_fault() noexcept {
+    ++v_map_faults;
+    const int w = bus_file;
+    bus_file = -1;
+    if (w >= 0) map_drop(w);
 }
 
 bool v_peek_maybe_cached(int u, PAGE pno) noexcept {

@@ -9,6 +9,8 @@
 
 #include "layout.h"
 
+#include <setjmp.h>
+
 IS_DATA* v_read(PAGE pno) noexcept;                 // fixed page, or null (error raised)
 int v_write(PAGE pno, IS_DATA* datap) noexcept;     // 0, -1
 int v_unsafe(PAGE pno, char* addr) noexcept;        // 0, -1 when the slot does not hold pno
@@ -131,6 +133,25 @@ int v_peek_learn(int u) noexcept;
 const IS_DATA* v_peek_file(int u, PAGE pno) noexcept;
 // Pages this process read through v_peek_file (a figure for tests and benchmarks).
 extern unsigned long v_file_reads;
+// A read through the files' mappings may fault where the file no longer holds the page
+// (another program cut it short, the disk failed to read it back): the kernel sends
+// SIGBUS.  A reader arms its thread's jump target for the span of its accesses
+// (v_mapped_arm: after a sigsetjmp(r->env, 0) that returned 0; v_mapped_disarm at the
+// end).  The library's SIGBUS handler, installed once per process with the first
+// mapping, jumps there when the faulting address lies in one of this process's mappings
+// and the thread is armed; any other SIGBUS goes on to the disposition the handler
+// replaced.  After the jump (sigsetjmp returned nonzero, the thread disarmed),
+// v_mapped_fault drops the mapping that faulted: it is measured and made again when
+// next needed.  Between arming and disarming a reader takes no lock and leaves nothing
+// shared or per process half changed at any access to a mapping.
+struct MappedRead {
+    sigjmp_buf env;
+};
+void v_mapped_arm(MappedRead* r) noexcept;
+void v_mapped_disarm() noexcept;
+void v_mapped_fault() noexcept;
+// Faults in a mapping that this process turned into a jump (a figure for tests).
+extern unsigned long v_map_faults;
 // For a reader that holds no lock and did not find page pno of u in its page index:
 // false when the chain changes this process has not learnt yet (the chain log since its
 // count) name no slot that now holds the page, so that the page is most likely not in

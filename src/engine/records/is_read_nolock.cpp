@@ -431,9 +431,8 @@ int missed(const Search& s) {
 // must fit in a page).
 constexpr int kItemMax = kPage;
 
-}  // namespace
-
-int is_read_nolock(int keyno, char* record, int recsize, int dir) noexcept {
+// One attempt (is_read_nolock's result), run armed for faults in the files' mappings.
+int attempt(int keyno, char* record, int recsize, int dir) noexcept {
     IS_PFI* pfi = is_curpfi;
     IS_FCP* fcp = is_curfcp;
     IS_DB* db = is_curdb;
@@ -555,4 +554,27 @@ int is_read_nolock(int keyno, char* record, int recsize, int dir) noexcept {
     if (keyno >= 1) cur0->currpage = hint0;
     ++is_nolock_reads;
     return result;
+}
+
+}  // namespace
+
+// An attempt may read pages in place in the file's mapping, where a file cut short by
+// another program (or a page the disk cannot read back) faults.  Such a fault jumps back
+// here, and the read goes to the lock and pread, which report it as for any read.  The
+// jump is safe at any access of a mapping: the attempt takes no lock, writes nothing
+// shared but whole words (a reference byte, the hit count), moves the cursors and the
+// step memo only after its last access, holds nothing that needs a destructor, and
+// leaves at worst part of a record in the caller's buffer (as a read that does not
+// stand may).  The step memo may name a page of the dropped mapping: it is forgotten.
+int is_read_nolock(int keyno, char* record, int recsize, int dir) noexcept {
+    MappedRead armed;
+    if (sigsetjmp(armed.env, 0) != 0) {
+        v_mapped_fault();
+        memo.seq = 1;
+        return kReadLocked;
+    }
+    v_mapped_arm(&armed);
+    const int r = attempt(keyno, record, recsize, dir);
+    v_mapped_disarm();
+    return r;
 }
