@@ -141,6 +141,15 @@ bool bus_install() noexcept {
     return true;
 }
 
+// A library unloaded (dlclose) must not leave SIGBUS to a handler whose code is gone: the
+// disposition it replaced goes back, if the library's is still the one in place.
+__attribute__((destructor)) void bus_uninstall() {
+    if (!bus_installed.load(std::memory_order_acquire)) return;
+    struct sigaction now {};
+    if (::sigaction(SIGBUS, nullptr, &now) == 0 && (now.sa_flags & SA_SIGINFO) && now.sa_sigaction == on_bus)
+        ::sigaction(SIGBUS, &bus_prev, nullptr);
+}
+
 // Misses past the mapping after which the file's size is measured again although its end
 // did not move (the pages below the end reach the file by write-backs, later).
 constexpr uint32_t kRemeasure = 256;
