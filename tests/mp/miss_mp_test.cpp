@@ -34,10 +34,7 @@ constexpr int kK0 = 8, kK1 = 6;
 constexpr int kGenAt = kK0 + kK1;
 constexpr int kBuf = 4000;
 
-uint32_t mix(uint32_t a, uint32_t b) {
-    uint64_t x = (static_cast<uint64_t>(a) << 32 | b) * 0x9E3779B97F4A7C15ull;
-    return static_cast<uint32_t>(x >> 29);
-}
+using kt::mix;
 
 // Records of about a page each, one to a data page (for the test that needs to know which
 // page a read misses).

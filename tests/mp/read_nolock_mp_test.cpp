@@ -37,10 +37,7 @@ constexpr int kGenAt = kK0 + kK1 + kK2;  // 4 bytes of generation follow the key
 constexpr unsigned kIds = 400;
 constexpr int kBuf = 4000;
 
-uint32_t mix(uint32_t a, uint32_t b) {
-    uint64_t x = (static_cast<uint64_t>(a) << 32 | b) * 0x9E3779B97F4A7C15ull;
-    return static_cast<uint32_t>(x >> 29);
-}
+using kt::mix;
 
 // The record of id at generation gen.  Key 1 has few values (long runs of equal keys),
 // key 2 is of odd length; about one record in eight spans overflow pages.

@@ -211,4 +211,11 @@ struct Durable {
 // The seed is printed so that a failure can be replayed.
 uint64_t test_seed(uint64_t fallback);
 
+// A 32-bit mix of two numbers, for records whose contents follow from (id, generation):
+// a reader checks what it got without a copy of what was written.
+inline uint32_t mix(uint32_t a, uint32_t b) {
+    const uint64_t x = (static_cast<uint64_t>(a) << 32 | b) * 0x9E3779B97F4A7C15ull;
+    return static_cast<uint32_t>(x >> 29);
+}
+
 }  // namespace kt
