@@ -753,4 +753,37 @@ TEST_F(WaitHook, AFreeLockCostsNoRequestAndAFailedOneRefusesTheCall) {
     EXPECT_EQ(nisclose(fd2), 0);
 }
 
+
+// A signal that lands while a wait is awake (here: raised by the hook itself as the wait
+// begins, before any sleep) still reaches the hook and gives the wait up, for a futex
+// word (the control lock) and for a range (a record lock): it is not lost to a wait that
+// would go on until the holder lets go.
+int raise_at_begin(const struct kisam_wait* w, void*) {
+    if (w->event == KISAM_WAIT_BEGIN) ::raise(SIGUSR1);
+    if (w->event == KISAM_WAIT_SIGNAL) ++seen.signals;
+    return w->event == KISAM_WAIT_SIGNAL ? 1 : 0;
+}
+
+TEST_F(WaitHook, ASignalBetweenSleepsIsNotLost) {
+    int fd = create("f", {4});
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(nislock(fd, "ab", 2, 1), 0);
+    for (bool record : {false, true}) {
+        SCOPED_TRACE(record ? "record lock" : "control lock");
+        if (!record) ASSERT_EQ(nisgetctl(fd), 0);
+        const int st = kt::run_child([&] {
+            kt::interrupting_usr1();
+            if (is_chinit() != 0) return 1;
+            kisam_set_wait_hook(raise_at_begin, nullptr, 0);
+            ::alarm(5);  // a lost signal would wait for as long as the parent holds
+            const int r = record ? nislock(fd, "abc", 3, 0) : niswrite(fd, "abcd-record", 11);
+            if (r != -1 || is_errno != KISAM_ISE_INTERRUPTED) return 2;
+            return seen.signals == 1 ? 0 : 3;
+        });
+        EXPECT_EQ(st, 0) << "128 + 14: the wait went on after the signal";
+        if (!record) ASSERT_EQ(nisrelctl(fd), 0);
+    }
+    EXPECT_EQ(nisunlock(fd, "ab", 2, 0), 0);
+}
+
 }  // namespace

@@ -346,6 +346,58 @@ void file_name(const IS_FCP* fcp, char* buf, size_t size) {
     }
 }
 
+// Signals around a wait that may hear of them.  A signal is seen by a wait only when it
+// interrupts the system call that sleeps; one that lands between two sleeps (the holder
+// looks, the deadline sums, the cycle walks) would run its handler and leave the wait to
+// go on until the holder lets go, unheard.  So while such a wait is awake, signals are
+// held back; just before each sleep, one held back whose handler does not restart calls
+// counts as interrupting that sleep, and all are let through as the sleep begins.  What
+// is left open is the few instructions between letting them through and the sleep.
+class SignalGate {
+public:
+    explicit SignalGate(bool on) : on_(on) {
+        if (!on_) return;
+        sigset_t all;
+        sigfillset(&all);
+        on_ = ::pthread_sigmask(SIG_BLOCK, &all, &old_) == 0;
+    }
+    ~SignalGate() {
+        if (on_) ::pthread_sigmask(SIG_SETMASK, &old_, nullptr);
+    }
+    SignalGate(const SignalGate&) = delete;
+    SignalGate& operator=(const SignalGate&) = delete;
+    // Lets the held-back signals through, their handlers run now: true when one of them
+    // would have interrupted a sleep.
+    bool open() {
+        if (!on_) return false;
+        bool came = false;
+        sigset_t pend;
+        if (::sigpending(&pend) == 0) {
+            for (int s = 1; s < NSIG && !came; ++s) {
+                if (sigismember(&pend, s) != 1 || sigismember(&old_, s) == 1) continue;
+                struct sigaction sa {};
+                if (::sigaction(s, nullptr, &sa) != 0) continue;
+                const bool handled = (sa.sa_flags & SA_SIGINFO) != 0 ||
+                                     (sa.sa_handler != SIG_DFL && sa.sa_handler != SIG_IGN);
+                came = handled && (sa.sa_flags & SA_RESTART) == 0;
+            }
+        }
+        ::pthread_sigmask(SIG_SETMASK, &old_, nullptr);
+        return came;
+    }
+    // After a sleep: holds signals back again.
+    void close() {
+        if (!on_) return;
+        sigset_t all;
+        sigfillset(&all);
+        ::pthread_sigmask(SIG_BLOCK, &all, nullptr);
+    }
+
+private:
+    bool on_;
+    sigset_t old_ {};
+};
+
 // One wait as the hook hears of it: whom it waits for at its beginning, each signal
 // that interrupts it (and whether that gives it up), and its end.
 class HookedWait {
@@ -353,6 +405,8 @@ public:
     explicit HookedWait(const WaitFor& wf)
         : wf_(wf), fn_(hook_fn), arg_(hook_arg), flags_(hook_flags), start_(fn_ ? now() : 0) {}
     bool hooked() const { return fn_ != nullptr; }
+    // Whether a signal can change anything: the hook hears of it, or it gives the wait up.
+    bool hears_signals() const { return fn_ != nullptr || (wf_.may_give_up && (flags_ & KISAM_WAIT_GIVE_UP)); }
     void begin(int holder) {
         if (!fn_ || told_) return;
         w_.holder = holder;
@@ -408,6 +462,7 @@ bool crossed(uint32_t o, bool first);
 // interrupts the wait gives the wait up.  0, or -1 with errno (EINTR when given up).
 int wait_held(unsigned long ofst, const WaitFor& wf) {
     HookedWait hw(wf);
+    SignalGate gate(hw.hears_signals());  // also over the hook's BEGIN
     struct flock fl;
     if (hw.hooked()) {
         // Whom we wait for: the kernel's answer is the truth (the word may be stale, or
@@ -427,7 +482,15 @@ int wait_held(unsigned long ofst, const WaitFor& wf) {
         return -1;
     }
     for (;;) {
-        rc = request(F_SETLKW, F_WRLCK, ofst, &fl);
+        if (gate.open()) {
+            rc = -1;
+            errno = EINTR;
+        } else {
+            rc = request(F_SETLKW, F_WRLCK, ofst, &fl);
+        }
+        const int e = errno;
+        gate.close();
+        errno = e;
         if (rc == 0 || errno != EINTR) break;
         // A signal whose handler does not restart calls: the program may want to stop.
         if (hw.signal()) {
@@ -559,6 +622,7 @@ int futex_wait_held(uint32_t* fw, uint32_t me, unsigned long o, const WaitFor& w
     long look_us = kLookFirstUs;
     struct timespec deadline {};
     int rc = 0;
+    SignalGate gate(hw.hears_signals());
     for (;;) {
         uint32_t cur = a.load(std::memory_order_acquire);
         const uint32_t t = cur & kTagMask;
@@ -619,7 +683,8 @@ int futex_wait_held(uint32_t* fw, uint32_t me, unsigned long o, const WaitFor& w
         }
         hw.begin(tag_pid(t));
         slept = true;
-        const int r = futex_sleep(fw, cur, deadline);
+        const int r = gate.open() ? EINTR : futex_sleep(fw, cur, deadline);
+        gate.close();
         if (r == EINTR && hw.signal()) {
             errno = EINTR;
             rc = -1;
