@@ -204,15 +204,13 @@ TEST(ConvLine, EscapesCaretsAndWarnings) {
 // Blanks go from the end (StripBl) or the front (LStripBl), all of them, also when the
 // text is nothing else.
 TEST(Blanks, StripEndsAndAllBlankTexts) {
-    char a[] = "a b  ", b[] = "   ", c[] = "  a b ", d[] = "";
-    StripBl(a);
-    StripBl(b);
-    LStripBl(c);
-    StripBl(d);
-    EXPECT_STREQ(a, "a b");
-    EXPECT_STREQ(b, "");
-    EXPECT_STREQ(c, "a b ");
-    EXPECT_STREQ(d, "");
+    const struct { void (*strip)(char *); const char *in, *out; } cases[] = {
+        {StripBl, "a b  ", "a b"}, {StripBl, "   ", ""}, {LStripBl, "  a b ", "a b "}, {StripBl, "", ""}};
+    for (const auto &c : cases) {
+        std::string text = c.in;
+        c.strip(text.data());
+        EXPECT_STREQ(text.c_str(), c.out) << '"' << c.in << '"';
+    }
 }
 
 TEST(Messages, OneLineEachAndCut) {
@@ -373,20 +371,20 @@ TEST_F(FileOps, StatusCodes) {
     for (auto [err, code] : {std::pair{ENOENT, 3}, {EACCES, 4}, {ENOTEMPTY, 7}, {EIO, 9999}})
         EXPECT_EQ(ZTFileOpErrStatus("X", ZTFO_QUIET, err), code) << err;
 
+    // In turn: the call, its result and the status it leaves (after a failure).
     const std::string d = box.path("a/b"), f = box.path("n/m/c.txt");
-    EXPECT_EQ(op(ZTFO_CREATEDIR, 0, {d}), 0);
-    EXPECT_EQ(op(ZTFO_CREATEDIR, 0, {d}), -1);
-    EXPECT_EQ(status, 9);
-    EXPECT_EQ(op(ZTFO_CREATEFILE, 0, {f}), 0);   // parents made
-    EXPECT_EQ(op(ZTFO_CREATEFILE, 0, {f}), -1);  // an existing file only with force
-    EXPECT_EQ(status, 9);
-    EXPECT_EQ(op(ZTFO_CREATEFILE, ZTFO_FORCE, {f}), 0);
-    EXPECT_EQ(op(ZTFO_TESTDIR, 0, {f}), 0);
-    EXPECT_EQ(op(ZTFO_TESTDIR, 0, {f + "x"}), -1);
-    EXPECT_EQ(status, 3);
-    EXPECT_EQ(op(ZTFO_TRUNCATE, 0, {d}), -1);
-    EXPECT_EQ(status, 5);
-    EXPECT_EQ(op(ZTFO_DELETEFILE, 0, {f}), 0);
+    const struct { int cmd, flags; std::string path; int rc, status; } calls[] = {
+        {ZTFO_CREATEDIR, 0, d, 0, 0}, {ZTFO_CREATEDIR, 0, d, -1, 9},
+        {ZTFO_CREATEFILE, 0, f, 0, 0},             // parents made
+        {ZTFO_CREATEFILE, 0, f, -1, 9},            // an existing file only with force
+        {ZTFO_CREATEFILE, ZTFO_FORCE, f, 0, 0}, {ZTFO_TESTDIR, 0, f, 0, 0}, {ZTFO_TESTDIR, 0, f + "x", -1, 3},
+        {ZTFO_TRUNCATE, 0, d, -1, 5}, {ZTFO_DELETEFILE, 0, f, 0, 0}};
+    for (const auto &c : calls) {
+        EXPECT_EQ(op(c.cmd, c.flags, {c.path}), c.rc) << c.cmd << " " << c.path;
+        if (c.rc != 0) {
+            EXPECT_EQ(status, c.status) << c.cmd << " " << c.path;
+        }
+    }
 
     // Cut to fit, this path would name the existing file "victim": it is refused.
     kt::spit(box.path("victim"), "x");

@@ -238,6 +238,24 @@ protected:
         }
     }
 
+    // Runs each command and reads its output as one JSON document: each (pointer, value)
+    // must be there; a pointer ending in '#' compares the size of the array it names.
+    struct JsonCase { std::vector<std::string> args; int rc; std::vector<std::pair<std::string, nlohmann::json>> want; };
+    void json_table(const std::vector<JsonCase>& cases) {
+        for (const JsonCase& c : cases) {
+            Result r = run(c.args);
+            SCOPED_TRACE(c.args[0] + " " + (c.args.size() > 2 ? c.args.back() : "") + ": " + r.out);
+            EXPECT_EQ(r.rc, c.rc) << r.err;
+            const nlohmann::json doc = nlohmann::json::parse(r.out, nullptr, false);
+            for (const auto& [ptr, value] : c.want) {
+                const bool size = !ptr.empty() && ptr.back() == '#';
+                const nlohmann::json::json_pointer at(size ? ptr.substr(0, ptr.size() - 1) : ptr);
+                ASSERT_TRUE(doc.contains(at)) << ptr;
+                EXPECT_EQ(size ? nlohmann::json(doc[at].size()) : doc[at], value) << ptr;
+            }
+        }
+    }
+
     // A command that stays attached with FILE open: 'put FILE -' reading a pipe, which
     // has stored `line` (its first 3 bytes a key 0 value of its own) when this returns.
     // Its output goes to IO.out/.err.
@@ -618,49 +636,32 @@ TEST_F(Tool, JsonAndRawOutput) {
         {{"scan", f, "--json", "--json-array"}, 2},
         {{"scan", f, "--json", "--raw"}, 2},
     });
-    auto doc = [&](const std::vector<std::string>& args, int rc = 0) {
-        Result r = run(args);
-        EXPECT_EQ(r.rc, rc) << r.err;
-        return json::parse(r.out);
-    };
-    json j = doc({"get", f, "abc", "--json"});
-    EXPECT_EQ(j["record"], "abcM\xc3\xbcller \"q\" \\ \x01");
-    EXPECT_EQ(j["keys"][0], "abc");
-    EXPECT_EQ(j["length"], 18);
-    j = doc({"get", f, "\\xffzz", "--json"});
-    EXPECT_EQ(j["keys_base64"], json::array({"/3p6"}));
-    EXPECT_EQ(j["record_base64"], "/3p6a2V5/g==");
-    // scan --json is JSON Lines; --json-array one document (what json.load reads).
+    // scan --json is JSON Lines (each line an object); --json-array one document (what
+    // json.load reads).  Bytes that are not UTF-8 come exactly in NAME_base64.
     Result r = run({"scan", f, "--json"});
     size_t lines = 0;
     for (size_t at = 0, nl; (nl = r.out.find('\n', at)) != std::string::npos; at = nl + 1, ++lines)
         EXPECT_TRUE(json::parse(r.out.substr(at, nl - at)).is_object());
     EXPECT_EQ(lines, 3u);
-    j = doc({"scan", f, "--json-array"});
-    ASSERT_TRUE(j.is_array() && j.size() == 3) << j.dump();
-    EXPECT_EQ(j[1]["record_base64"], "YmlucmF3/wBlbmQ=");
-    j = doc({"export", f, "--json-array"});
-    ASSERT_EQ(j.size(), 3u) << j.dump();
-    EXPECT_EQ(j[1]["rest_base64"], "cmF3/wBlbmQ=");
-    EXPECT_EQ(j[2]["key0_base64"], "/3p6");
+    json_table({
+        {{"get", f, "abc", "--json"}, 0,
+         {{"/record", "abcM\xc3\xbcller \"q\" \\ \x01"}, {"/keys/0", "abc"}, {"/length", 18}}},
+        {{"get", f, "\\xffzz", "--json"}, 0, {{"/keys_base64", json::array({"/3p6"})}, {"/record_base64", "/3p6a2V5/g=="}}},
+        {{"scan", f, "--json-array"}, 0, {{"#", 3}, {"/1/record_base64", "YmlucmF3/wBlbmQ="}}},
+        {{"export", f, "--json-array"}, 0, {{"#", 3}, {"/1/rest_base64", "cmF3/wBlbmQ="}, {"/2/key0_base64", "/3p6"}}},
+    });
     table({{{"del", f, "\\xffzz"}, 0}, {{"get", f, "bin", "--raw"}, 0, {"=" + std::string("binraw\xff\0end", 11)}}});
-    EXPECT_EQ(doc({"scan", f, "--json", "--count"})["count"], 2);
-    j = doc({"info", f, "--json"});
-    EXPECT_EQ(j["records"], 2);
-    EXPECT_EQ(j["keys"][0]["length"], 3);
-    EXPECT_TRUE(j["problems"].empty());
-    j = doc({"check", f, "--json"});
-    EXPECT_EQ(j["status"], "sound");
-    EXPECT_EQ(j["records"], 2);
-    EXPECT_EQ(doc({"check", dir, "--json"}, 3)["status"], "unreadable");
+    json_table({
+        {{"scan", f, "--json", "--count"}, 0, {{"/count", 2}}},
+        {{"info", f, "--json"}, 0, {{"/records", 2}, {"/keys/0/length", 3}, {"/problems", json::array()}}},
+        {{"check", f, "--json"}, 0, {{"/status", "sound"}, {"/records", 2}}},
+        {{"check", dir, "--json"}, 3, {{"/status", "unreadable"}}},
+    });
 
-    // stat --json while a program holds the file open.
+    // stat --json while a program holds the file open: the writer, as stat opens nothing.
     Writer w = writer(f, "xyz1", "w");
-    j = doc({"stat", f, "--json"});
+    json_table({{{"stat", f, "--json"}, 0, {{"/files#", 1}, {"/files/0/name", f}, {"/files/0/users", 1}}}});
     end(w);
-    ASSERT_EQ(j["files"].size(), 1u) << j.dump();
-    EXPECT_EQ(j["files"][0]["name"], f);
-    EXPECT_EQ(j["files"][0]["users"], 1) << "the writer; stat opens nothing";
 }
 
 TEST_F(Tool, StatSeesProcessesAndTheDead) {
