@@ -171,6 +171,9 @@ protected:
         pid_t pid = ::fork();
         if (pid == 0) {
             private_env();
+            // The signals as a terminal's shell leaves them, whatever this test inherited
+            // (a background job of a shell without job control ignores SIGINT and SIGQUIT).
+            for (int sig : {SIGINT, SIGQUIT, SIGHUP, SIGTERM}) ::signal(sig, SIG_DFL);
             if (ignore_hup) ::signal(SIGHUP, SIG_IGN);
             if (fsize_limit >= 0) {
                 struct rlimit rl = {rlim_t(fsize_limit), rlim_t(fsize_limit)};
