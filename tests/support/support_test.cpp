@@ -99,40 +99,38 @@ TEST(Numbers, BigEndianBuffersAndText) {
 }
 
 TEST(Hashes, KnownValuesSignednessAndChecksum) {
-    EXPECT_EQ(ZTStringHash("ab"), 3105u);
-    EXPECT_EQ(ZTICStringHash("ab"), 2081u);
-    EXPECT_EQ(ZTICStringHash("AB"), 2081u);
-    EXPECT_EQ(ZTStringHash("\xFF"), 0xFFFFFFFFu);   // characters are signed
+    // Characters are signed for the string hashes, bytes are not for the buffer hash.
     // From 0x80 up the case-blind hash takes the C library's upper-case form of the
     // signed character: in the C locale toupper(-3) is 253, so 0xFD adds 253, not -3.
-    EXPECT_EQ(ZTICStringHash("\xFD"), 253u);
-    EXPECT_EQ(ZTICStringHash("a\xFD\x80"), (65u * 31u + 253u) * 31u + 128u);
+    const struct { uint32_t (*hash)(const char *); const char *text; uint32_t want; } strings[] = {
+        {ZTStringHash, "ab", 3105u}, {ZTICStringHash, "ab", 2081u}, {ZTICStringHash, "AB", 2081u},
+        {ZTStringHash, "\xFF", 0xFFFFFFFFu}, {ZTICStringHash, "\xFD", 253u},
+        {ZTICStringHash, "a\xFD\x80", (65u * 31u + 253u) * 31u + 128u}};
+    for (const auto &c : strings) EXPECT_EQ(c.hash(c.text), c.want) << c.text;
     for (int b = 1; b < 256; ++b) {
         const char one[2] = {static_cast<char>(b), 0};
         ASSERT_EQ(ZTICStringHash(one), static_cast<uint32_t>(std::toupper(static_cast<signed char>(b)))) << b;
     }
-    EXPECT_EQ(ZTBufHash("\xFF", 1), 255u);          // bytes are not
-    const unsigned char one_two[2] = {1, 2};
-    EXPECT_EQ(Fletcher16CSum(one_two, 2), 0x0403);
-    unsigned char zeros[255] = {};
-    EXPECT_EQ(Fletcher16CSum(zeros, 255), 0xFFFF);
-    // Sums past 255 (the modulus is 255, not 256).
-    EXPECT_EQ(Fletcher16CSum("abcde", 5), 0xC8F0);
-    EXPECT_EQ(Fletcher16CSum("abcdef", 6), 0x2057);
+    EXPECT_EQ(ZTBufHash("\xFF", 1), 255u);
+    // Fletcher-16, with sums past 255 (the modulus is 255, not 256).
+    const unsigned char zeros[255] = {};
+    const struct { const void *buf; int n; int want; } sums[] = {
+        {"\x01\x02", 2, 0x0403}, {zeros, 255, 0xFFFF}, {"abcde", 5, 0xC8F0}, {"abcdef", 6, 0x2057}};
+    for (const auto &c : sums) EXPECT_EQ(Fletcher16CSum(c.buf, c.n), c.want) << c.n;
 }
 
+// Case-blind order, prefixes, and buffers compared unsigned, first byte first: each the
+// sign of the answer.
 TEST(Compare, CaseBlindOrderAndPrefixes) {
-    EXPECT_LT(ICStrcmp("abc", "ABD"), 0);
-    EXPECT_GT(ICStrcmp("b", "A"), 0);
-    EXPECT_GT(ICStrcmp("abc", "AB"), 0);
-    EXPECT_EQ(ICStrcmp("Abc", "aBC"), 0);
-    EXPECT_EQ(equsub("abc", "abc"), 1);   // a prefix may be the whole text
-    EXPECT_EQ(equsub("ab", "abc"), 1);
-    EXPECT_EQ(equsub("abcd", "abc"), 0);
-    EXPECT_EQ(equsub("abd", "abc"), 0);
-    EXPECT_LT(cmpbuf("ab\x01", "ab\x80", 3), 0);   // bytes compare unsigned, first by first
-    EXPECT_GT(cmpbuf("b", "a", 1), 0);
-    EXPECT_EQ(cmpbuf("abX", "abY", 2), 0);
+    const auto sign = [](int v) { return (v > 0) - (v < 0); };
+    const struct { int got, want; const char *what; } cases[] = {
+        {sign(ICStrcmp("abc", "ABD")), -1, "abc ABD"}, {sign(ICStrcmp("b", "A")), 1, "b A"},
+        {sign(ICStrcmp("abc", "AB")), 1, "abc AB"}, {ICStrcmp("Abc", "aBC"), 0, "Abc aBC"},
+        {equsub("abc", "abc"), 1, "a prefix may be the whole text"}, {equsub("ab", "abc"), 1, "ab abc"},
+        {equsub("abcd", "abc"), 0, "abcd abc"}, {equsub("abd", "abc"), 0, "abd abc"},
+        {sign(cmpbuf("ab\x01", "ab\x80", 3)), -1, "unsigned"}, {sign(cmpbuf("b", "a", 1)), 1, "b a"},
+        {cmpbuf("abX", "abY", 2), 0, "only n bytes"}};
+    for (const auto &c : cases) EXPECT_EQ(c.got, c.want) << c.what;
 }
 
 TEST(Bits, RandomizedAgainstBitset) {
@@ -368,7 +366,7 @@ TEST_F(FileOps, StatusCodes) {
     EXPECT_EQ(status, 1);
     EXPECT_EQ(op(ZTFO_RENAME, 0, {"a", "b", "c"}), -1);
     EXPECT_EQ(status, 2);
-    for (auto [err, code] : {std::pair{ENOENT, 3}, {EACCES, 4}, {ENOTEMPTY, 7}, {EIO, 9999}})
+    for (auto [err, code] : {std::pair{ENOENT, 3}, {EACCES, 4}, {EISDIR, 5}, {ENOTDIR, 6}, {ENOTEMPTY, 7}, {EIO, 9999}})
         EXPECT_EQ(ZTFileOpErrStatus("X", ZTFO_QUIET, err), code) << err;
 
     // In turn: the call, its result and the status it leaves (after a failure).
