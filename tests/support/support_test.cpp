@@ -492,19 +492,19 @@ TEST_F(ParmFile, ArgumentCracking) {
     kt::spit(file, "r1 abc 12 \"x y\" +=5\n"
                          "r2 0x10 08 010 12ab -5 99999999999\n"
                          "r3 'a\\'b' \"\\101\\x41\\x6a\\xg\\t\\n\\\\\" \"open\n");
+    // Each record's arguments: as strings (r1, r3) or as numbers (r2: INT32_MIN where
+    // none, "-" and "5" apart).
+    const std::vector<V> strings = {{"abc", "12", "x y", "+=", "5"}, {}, {"a'b", "AAjxgt\n\\", "open"}};
+    const std::vector<int> numbers = {16, INT32_MIN, 8, INT32_MIN, INT32_MIN, 5, INT32_MIN};
     ASSERT_EQ(ParmOpen(file.c_str()), 0);
-    ASSERT_EQ(ParmRead(), 1);
-    ASSERT_EQ(ParmArgc(), 5);
-    const char *want1[] = {"abc", "12", "x y", "+=", "5"};
-    for (int i = 0; i < 5; ++i) EXPECT_STREQ(ParmArgvS(i), want1[i]) << i;
-    ASSERT_EQ(ParmRead(), 1);
-    const int want2[] = {16, INT32_MIN, 8, INT32_MIN, INT32_MIN, 5, INT32_MIN};   // "-" and "5" apart
-    ASSERT_EQ(ParmArgc(), 7);
-    for (int i = 0; i < 7; ++i) EXPECT_EQ(ParmArgvN(i), want2[i]) << i;
-    ASSERT_EQ(ParmRead(), 1);
-    const char *want3[] = {"a'b", "AAjxgt\n\\", "open"};
-    ASSERT_EQ(ParmArgc(), 3);
-    for (int i = 0; i < 3; ++i) EXPECT_STREQ(ParmArgvS(i), want3[i]) << i;
+    for (size_t r = 0; r < 3; ++r) {
+        ASSERT_EQ(ParmRead(), 1);
+        ASSERT_EQ(ParmArgc(), static_cast<int>(r == 1 ? numbers.size() : strings[r].size())) << "record " << r;
+        for (int i = 0; i < ParmArgc(); ++i) {
+            if (r == 1) EXPECT_EQ(ParmArgvN(i), numbers[size_t(i)]) << i;
+            else EXPECT_STREQ(ParmArgvS(i), strings[r][size_t(i)].c_str()) << r << " " << i;
+        }
+    }
     ParmOpen(nullptr);
 }
 
