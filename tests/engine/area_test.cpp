@@ -230,11 +230,9 @@ TEST_F(ConfigWrite, WritesTheRecordStartUpLaysOut) {
     }
 
     ASSERT_EQ(is_init(), 0);
-    EXPECT_EQ(isam_com->maxopen, 12);
-    EXPECT_EQ(isam_com->maxbufs, 40);
-    EXPECT_EQ(isam_com->maxusers, 7);
-    EXPECT_EQ(isam_com->maxufile, 5);
-    EXPECT_EQ(isam_com->isc_bits & 0xE, 0xA);
+    EXPECT_EQ((std::vector<long>{isam_com->maxopen, isam_com->maxbufs, isam_com->maxusers, isam_com->maxufile,
+                                 static_cast<long>(isam_com->isc_bits & 0xE)}),
+              (std::vector<long>{12, 40, 7, 5, 0xA}));
     int lens[10] = {4, 4, 4, 4, 4, 4, 4, 4, 4, 4};
     EXPECT_GE(niscreate(path("nine").c_str(), 9, lens), 0);
     EXPECT_EQ(niscreate(path("ten").c_str(), 10, lens), -1) << "keys caps the keys of a file";
@@ -274,19 +272,17 @@ TEST_F(ConfigWrite, RefusesBadSettingsWritingNothing) {
         EXPECT_FALSE(exists(cfg_));
         EXPECT_FALSE(exists(cfg_ + ".lk"));
     }
-    errno = 0;
-    EXPECT_EQ(kisam_config_write(nullptr, nullptr, 0, 0), -1);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(kisam_config_write("", nullptr, 0, 0), -1);
-    EXPECT_EQ(kisam_config_write(cfg_.c_str(), nullptr, 0x2, 0), -1) << "unknown flag";
-    EXPECT_EQ(kisam_config_write(cfg_.c_str(), nullptr, 0, 010000), -1) << "not a mode";
-    EXPECT_EQ(kisam_config_write(cfg_.c_str(), nullptr, 0, 04666), -1) << "no set-id bits";
-    EXPECT_EQ(errno, EINVAL);
-    std::string long_name(PATH_MAX, 'x');
-    EXPECT_EQ(kisam_config_write(long_name.c_str(), nullptr, 0, 0), -1);
-    EXPECT_EQ(errno, ENAMETOOLONG);
-    EXPECT_EQ(kisam_config_write((inst_->dir() + "/no/such/dir/cfg").c_str(), nullptr, 0, 0), -1);
-    EXPECT_EQ(errno, ENOENT);
+    // Bad names, flags and modes.
+    const std::string long_name(PATH_MAX, 'x'), nowhere = inst_->dir() + "/no/such/dir/cfg";
+    const struct { const char* name; int flags, mode, err; } calls[] = {
+        {nullptr, 0, 0, EINVAL}, {"", 0, 0, EINVAL}, {cfg_.c_str(), 0x2, 0, EINVAL},   // an unknown flag
+        {cfg_.c_str(), 0, 010000, EINVAL}, {cfg_.c_str(), 0, 04666, EINVAL},          // no mode, set-id bits
+        {long_name.c_str(), 0, 0, ENAMETOOLONG}, {nowhere.c_str(), 0, 0, ENOENT}};
+    for (const auto& c : calls) {
+        errno = 0;
+        EXPECT_EQ(kisam_config_write(c.name, nullptr, c.flags, c.mode), -1) << c.flags << c.mode;
+        EXPECT_EQ(errno, c.err) << (c.name ? c.name : "(null)");
+    }
     EXPECT_FALSE(exists(cfg_));
 }
 
@@ -375,12 +371,8 @@ TEST_F(Heap, WorkedExample) {
     EXPECT_EQ(rec.co_heapbase, 4396);
     attach(c);
     const struct isam_com* h = isam_com;
-    EXPECT_EQ(h->comsize, 8192);
-    EXPECT_EQ(h->buf_base, 156);
-    EXPECT_EQ(h->pfo_base, 4316);
-    EXPECT_EQ(h->pid_base, 4356);
-    EXPECT_EQ(h->need_base, 4376);
-    EXPECT_EQ(h->heap_base, 4396);
+    EXPECT_EQ((std::vector<long>{h->comsize, h->buf_base, h->pfo_base, h->pid_base, h->need_base, h->heap_base}),
+              (std::vector<long>{8192, 156, 4316, 4356, 4376, 4396}));
     for (int i = 0; i < 4; ++i) EXPECT_EQ(is_env.buf_[i].bu_next, i == 3 ? -1 : i + 1);
     for (int i = 0; i < 10; ++i) EXPECT_EQ(is_env.pfo_tbl[i], -1);
     EXPECT_EQ(is_env.pid_[0], ::getpid());

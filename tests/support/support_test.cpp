@@ -99,40 +99,38 @@ TEST(Numbers, BigEndianBuffersAndText) {
 }
 
 TEST(Hashes, KnownValuesSignednessAndChecksum) {
-    EXPECT_EQ(ZTStringHash("ab"), 3105u);
-    EXPECT_EQ(ZTICStringHash("ab"), 2081u);
-    EXPECT_EQ(ZTICStringHash("AB"), 2081u);
-    EXPECT_EQ(ZTStringHash("\xFF"), 0xFFFFFFFFu);   // characters are signed
+    // Characters are signed for the string hashes, bytes are not for the buffer hash.
     // From 0x80 up the case-blind hash takes the C library's upper-case form of the
     // signed character: in the C locale toupper(-3) is 253, so 0xFD adds 253, not -3.
-    EXPECT_EQ(ZTICStringHash("\xFD"), 253u);
-    EXPECT_EQ(ZTICStringHash("a\xFD\x80"), (65u * 31u + 253u) * 31u + 128u);
+    const struct { uint32_t (*hash)(const char *); const char *text; uint32_t want; } strings[] = {
+        {ZTStringHash, "ab", 3105u}, {ZTICStringHash, "ab", 2081u}, {ZTICStringHash, "AB", 2081u},
+        {ZTStringHash, "\xFF", 0xFFFFFFFFu}, {ZTICStringHash, "\xFD", 253u},
+        {ZTICStringHash, "a\xFD\x80", (65u * 31u + 253u) * 31u + 128u}};
+    for (const auto &c : strings) EXPECT_EQ(c.hash(c.text), c.want) << c.text;
     for (int b = 1; b < 256; ++b) {
         const char one[2] = {static_cast<char>(b), 0};
         ASSERT_EQ(ZTICStringHash(one), static_cast<uint32_t>(std::toupper(static_cast<signed char>(b)))) << b;
     }
-    EXPECT_EQ(ZTBufHash("\xFF", 1), 255u);          // bytes are not
-    const unsigned char one_two[2] = {1, 2};
-    EXPECT_EQ(Fletcher16CSum(one_two, 2), 0x0403);
-    unsigned char zeros[255] = {};
-    EXPECT_EQ(Fletcher16CSum(zeros, 255), 0xFFFF);
-    // Sums past 255 (the modulus is 255, not 256).
-    EXPECT_EQ(Fletcher16CSum("abcde", 5), 0xC8F0);
-    EXPECT_EQ(Fletcher16CSum("abcdef", 6), 0x2057);
+    EXPECT_EQ(ZTBufHash("\xFF", 1), 255u);
+    // Fletcher-16, with sums past 255 (the modulus is 255, not 256).
+    const unsigned char zeros[255] = {};
+    const struct { const void *buf; int n; int want; } sums[] = {
+        {"\x01\x02", 2, 0x0403}, {zeros, 255, 0xFFFF}, {"abcde", 5, 0xC8F0}, {"abcdef", 6, 0x2057}};
+    for (const auto &c : sums) EXPECT_EQ(Fletcher16CSum(c.buf, c.n), c.want) << c.n;
 }
 
+// Case-blind order, prefixes, and buffers compared unsigned, first byte first: each the
+// sign of the answer.
 TEST(Compare, CaseBlindOrderAndPrefixes) {
-    EXPECT_LT(ICStrcmp("abc", "ABD"), 0);
-    EXPECT_GT(ICStrcmp("b", "A"), 0);
-    EXPECT_GT(ICStrcmp("abc", "AB"), 0);
-    EXPECT_EQ(ICStrcmp("Abc", "aBC"), 0);
-    EXPECT_EQ(equsub("abc", "abc"), 1);   // a prefix may be the whole text
-    EXPECT_EQ(equsub("ab", "abc"), 1);
-    EXPECT_EQ(equsub("abcd", "abc"), 0);
-    EXPECT_EQ(equsub("abd", "abc"), 0);
-    EXPECT_LT(cmpbuf("ab\x01", "ab\x80", 3), 0);   // bytes compare unsigned, first by first
-    EXPECT_GT(cmpbuf("b", "a", 1), 0);
-    EXPECT_EQ(cmpbuf("abX", "abY", 2), 0);
+    const auto sign = [](int v) { return (v > 0) - (v < 0); };
+    const struct { int got, want; const char *what; } cases[] = {
+        {sign(ICStrcmp("abc", "ABD")), -1, "abc ABD"}, {sign(ICStrcmp("b", "A")), 1, "b A"},
+        {sign(ICStrcmp("abc", "AB")), 1, "abc AB"}, {ICStrcmp("Abc", "aBC"), 0, "Abc aBC"},
+        {equsub("abc", "abc"), 1, "a prefix may be the whole text"}, {equsub("ab", "abc"), 1, "ab abc"},
+        {equsub("abcd", "abc"), 0, "abcd abc"}, {equsub("abd", "abc"), 0, "abd abc"},
+        {sign(cmpbuf("ab\x01", "ab\x80", 3)), -1, "unsigned"}, {sign(cmpbuf("b", "a", 1)), 1, "b a"},
+        {cmpbuf("abX", "abY", 2), 0, "only n bytes"}};
+    for (const auto &c : cases) EXPECT_EQ(c.got, c.want) << c.what;
 }
 
 TEST(Bits, RandomizedAgainstBitset) {
@@ -204,15 +202,13 @@ TEST(ConvLine, EscapesCaretsAndWarnings) {
 // Blanks go from the end (StripBl) or the front (LStripBl), all of them, also when the
 // text is nothing else.
 TEST(Blanks, StripEndsAndAllBlankTexts) {
-    char a[] = "a b  ", b[] = "   ", c[] = "  a b ", d[] = "";
-    StripBl(a);
-    StripBl(b);
-    LStripBl(c);
-    StripBl(d);
-    EXPECT_STREQ(a, "a b");
-    EXPECT_STREQ(b, "");
-    EXPECT_STREQ(c, "a b ");
-    EXPECT_STREQ(d, "");
+    const struct { void (*strip)(char *); const char *in, *out; } cases[] = {
+        {StripBl, "a b  ", "a b"}, {StripBl, "   ", ""}, {LStripBl, "  a b ", "a b "}, {StripBl, "", ""}};
+    for (const auto &c : cases) {
+        std::string text = c.in;
+        c.strip(text.data());
+        EXPECT_STREQ(text.c_str(), c.out) << '"' << c.in << '"';
+    }
 }
 
 TEST(Messages, OneLineEachAndCut) {
@@ -370,23 +366,23 @@ TEST_F(FileOps, StatusCodes) {
     EXPECT_EQ(status, 1);
     EXPECT_EQ(op(ZTFO_RENAME, 0, {"a", "b", "c"}), -1);
     EXPECT_EQ(status, 2);
-    for (auto [err, code] : {std::pair{ENOENT, 3}, {EACCES, 4}, {ENOTEMPTY, 7}, {EIO, 9999}})
+    for (auto [err, code] : {std::pair{ENOENT, 3}, {EACCES, 4}, {EISDIR, 5}, {ENOTDIR, 6}, {ENOTEMPTY, 7}, {EIO, 9999}})
         EXPECT_EQ(ZTFileOpErrStatus("X", ZTFO_QUIET, err), code) << err;
 
+    // In turn: the call, its result and the status it leaves (after a failure).
     const std::string d = box.path("a/b"), f = box.path("n/m/c.txt");
-    EXPECT_EQ(op(ZTFO_CREATEDIR, 0, {d}), 0);
-    EXPECT_EQ(op(ZTFO_CREATEDIR, 0, {d}), -1);
-    EXPECT_EQ(status, 9);
-    EXPECT_EQ(op(ZTFO_CREATEFILE, 0, {f}), 0);   // parents made
-    EXPECT_EQ(op(ZTFO_CREATEFILE, 0, {f}), -1);  // an existing file only with force
-    EXPECT_EQ(status, 9);
-    EXPECT_EQ(op(ZTFO_CREATEFILE, ZTFO_FORCE, {f}), 0);
-    EXPECT_EQ(op(ZTFO_TESTDIR, 0, {f}), 0);
-    EXPECT_EQ(op(ZTFO_TESTDIR, 0, {f + "x"}), -1);
-    EXPECT_EQ(status, 3);
-    EXPECT_EQ(op(ZTFO_TRUNCATE, 0, {d}), -1);
-    EXPECT_EQ(status, 5);
-    EXPECT_EQ(op(ZTFO_DELETEFILE, 0, {f}), 0);
+    const struct { int cmd, flags; std::string path; int rc, status; } calls[] = {
+        {ZTFO_CREATEDIR, 0, d, 0, 0}, {ZTFO_CREATEDIR, 0, d, -1, 9},
+        {ZTFO_CREATEFILE, 0, f, 0, 0},             // parents made
+        {ZTFO_CREATEFILE, 0, f, -1, 9},            // an existing file only with force
+        {ZTFO_CREATEFILE, ZTFO_FORCE, f, 0, 0}, {ZTFO_TESTDIR, 0, f, 0, 0}, {ZTFO_TESTDIR, 0, f + "x", -1, 3},
+        {ZTFO_TRUNCATE, 0, d, -1, 5}, {ZTFO_DELETEFILE, 0, f, 0, 0}};
+    for (const auto &c : calls) {
+        EXPECT_EQ(op(c.cmd, c.flags, {c.path}), c.rc) << c.cmd << " " << c.path;
+        if (c.rc != 0) {
+            EXPECT_EQ(status, c.status) << c.cmd << " " << c.path;
+        }
+    }
 
     // Cut to fit, this path would name the existing file "victim": it is refused.
     kt::spit(box.path("victim"), "x");
@@ -496,19 +492,19 @@ TEST_F(ParmFile, ArgumentCracking) {
     kt::spit(file, "r1 abc 12 \"x y\" +=5\n"
                          "r2 0x10 08 010 12ab -5 99999999999\n"
                          "r3 'a\\'b' \"\\101\\x41\\x6a\\xg\\t\\n\\\\\" \"open\n");
+    // Each record's arguments: as strings (r1, r3) or as numbers (r2: INT32_MIN where
+    // none, "-" and "5" apart).
+    const std::vector<V> strings = {{"abc", "12", "x y", "+=", "5"}, {}, {"a'b", "AAjxgt\n\\", "open"}};
+    const std::vector<int> numbers = {16, INT32_MIN, 8, INT32_MIN, INT32_MIN, 5, INT32_MIN};
     ASSERT_EQ(ParmOpen(file.c_str()), 0);
-    ASSERT_EQ(ParmRead(), 1);
-    ASSERT_EQ(ParmArgc(), 5);
-    const char *want1[] = {"abc", "12", "x y", "+=", "5"};
-    for (int i = 0; i < 5; ++i) EXPECT_STREQ(ParmArgvS(i), want1[i]) << i;
-    ASSERT_EQ(ParmRead(), 1);
-    const int want2[] = {16, INT32_MIN, 8, INT32_MIN, INT32_MIN, 5, INT32_MIN};   // "-" and "5" apart
-    ASSERT_EQ(ParmArgc(), 7);
-    for (int i = 0; i < 7; ++i) EXPECT_EQ(ParmArgvN(i), want2[i]) << i;
-    ASSERT_EQ(ParmRead(), 1);
-    const char *want3[] = {"a'b", "AAjxgt\n\\", "open"};
-    ASSERT_EQ(ParmArgc(), 3);
-    for (int i = 0; i < 3; ++i) EXPECT_STREQ(ParmArgvS(i), want3[i]) << i;
+    for (size_t r = 0; r < 3; ++r) {
+        ASSERT_EQ(ParmRead(), 1);
+        ASSERT_EQ(ParmArgc(), static_cast<int>(r == 1 ? numbers.size() : strings[r].size())) << "record " << r;
+        for (int i = 0; i < ParmArgc(); ++i) {
+            if (r == 1) EXPECT_EQ(ParmArgvN(i), numbers[size_t(i)]) << i;
+            else EXPECT_STREQ(ParmArgvS(i), strings[r][size_t(i)].c_str()) << r << " " << i;
+        }
+    }
     ParmOpen(nullptr);
 }
 

@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <gtest/gtest.h>
 #include <iterator>
 #include <map>
@@ -170,6 +171,9 @@ protected:
         pid_t pid = ::fork();
         if (pid == 0) {
             private_env();
+            // The signals as a terminal's shell leaves them, whatever this test inherited
+            // (a background job of a shell without job control ignores SIGINT and SIGQUIT).
+            for (int sig : {SIGINT, SIGQUIT, SIGHUP, SIGTERM}) ::signal(sig, SIG_DFL);
             if (ignore_hup) ::signal(SIGHUP, SIG_IGN);
             if (fsize_limit >= 0) {
                 struct rlimit rl = {rlim_t(fsize_limit), rlim_t(fsize_limit)};
@@ -235,6 +239,24 @@ protected:
             EXPECT_EQ(r.rc, c.rc) << r.out << r.err;
             for (const auto& w : c.out) EXPECT_TRUE(match(r.out, w)) << "output, wanted " << w << "\n" << r.out;
             for (const auto& w : c.err) EXPECT_TRUE(match(r.err, w)) << "errors, wanted " << w << "\n" << r.err;
+        }
+    }
+
+    // Runs each command and reads its output as one JSON document: each (pointer, value)
+    // must be there; a pointer ending in '#' compares the size of the array it names.
+    struct JsonCase { std::vector<std::string> args; int rc; std::vector<std::pair<std::string, nlohmann::json>> want; };
+    void json_table(const std::vector<JsonCase>& cases) {
+        for (const JsonCase& c : cases) {
+            Result r = run(c.args);
+            SCOPED_TRACE(c.args[0] + " " + (c.args.size() > 2 ? c.args.back() : "") + ": " + r.out);
+            EXPECT_EQ(r.rc, c.rc) << r.err;
+            const nlohmann::json doc = nlohmann::json::parse(r.out, nullptr, false);
+            for (const auto& [ptr, value] : c.want) {
+                const bool size = !ptr.empty() && ptr.back() == '#';
+                const nlohmann::json::json_pointer at(size ? ptr.substr(0, ptr.size() - 1) : ptr);
+                ASSERT_TRUE(doc.contains(at)) << ptr;
+                EXPECT_EQ(size ? nlohmann::json(doc[at].size()) : doc[at], value) << ptr;
+            }
         }
     }
 
@@ -481,7 +503,7 @@ TEST_F(Tool, ExitStatusesAndMessages) {
         {{"del", d, "-"}, 1, {}, {"line 2: no record"}, "ab01\nnone\nzz\n"},
         {{"scan", d}, 0, {"=ab02x\n"}},
     });
-    EXPECT_EQ(json::parse(run({"check", path("data.csv"), "--json"}).out)["status"], "not_isam");
+    json_table({{{"check", path("data.csv"), "--json"}, 1, {{"/status", "not_isam"}}}});
     // Output that cannot be written (standard output on /dev/full) fails the command.
     out_link = "/dev/full";
     table({{{"scan", f}, 1}, {{"dump", f}, 1, {}, {"No space left"}}});
@@ -618,49 +640,32 @@ TEST_F(Tool, JsonAndRawOutput) {
         {{"scan", f, "--json", "--json-array"}, 2},
         {{"scan", f, "--json", "--raw"}, 2},
     });
-    auto doc = [&](const std::vector<std::string>& args, int rc = 0) {
-        Result r = run(args);
-        EXPECT_EQ(r.rc, rc) << r.err;
-        return json::parse(r.out);
-    };
-    json j = doc({"get", f, "abc", "--json"});
-    EXPECT_EQ(j["record"], "abcM\xc3\xbcller \"q\" \\ \x01");
-    EXPECT_EQ(j["keys"][0], "abc");
-    EXPECT_EQ(j["length"], 18);
-    j = doc({"get", f, "\\xffzz", "--json"});
-    EXPECT_EQ(j["keys_base64"], json::array({"/3p6"}));
-    EXPECT_EQ(j["record_base64"], "/3p6a2V5/g==");
-    // scan --json is JSON Lines; --json-array one document (what json.load reads).
+    // scan --json is JSON Lines (each line an object); --json-array one document (what
+    // json.load reads).  Bytes that are not UTF-8 come exactly in NAME_base64.
     Result r = run({"scan", f, "--json"});
     size_t lines = 0;
     for (size_t at = 0, nl; (nl = r.out.find('\n', at)) != std::string::npos; at = nl + 1, ++lines)
         EXPECT_TRUE(json::parse(r.out.substr(at, nl - at)).is_object());
     EXPECT_EQ(lines, 3u);
-    j = doc({"scan", f, "--json-array"});
-    ASSERT_TRUE(j.is_array() && j.size() == 3) << j.dump();
-    EXPECT_EQ(j[1]["record_base64"], "YmlucmF3/wBlbmQ=");
-    j = doc({"export", f, "--json-array"});
-    ASSERT_EQ(j.size(), 3u) << j.dump();
-    EXPECT_EQ(j[1]["rest_base64"], "cmF3/wBlbmQ=");
-    EXPECT_EQ(j[2]["key0_base64"], "/3p6");
+    json_table({
+        {{"get", f, "abc", "--json"}, 0,
+         {{"/record", "abcM\xc3\xbcller \"q\" \\ \x01"}, {"/keys/0", "abc"}, {"/length", 18}}},
+        {{"get", f, "\\xffzz", "--json"}, 0, {{"/keys_base64", json::array({"/3p6"})}, {"/record_base64", "/3p6a2V5/g=="}}},
+        {{"scan", f, "--json-array"}, 0, {{"#", 3}, {"/1/record_base64", "YmlucmF3/wBlbmQ="}}},
+        {{"export", f, "--json-array"}, 0, {{"#", 3}, {"/1/rest_base64", "cmF3/wBlbmQ="}, {"/2/key0_base64", "/3p6"}}},
+    });
     table({{{"del", f, "\\xffzz"}, 0}, {{"get", f, "bin", "--raw"}, 0, {"=" + std::string("binraw\xff\0end", 11)}}});
-    EXPECT_EQ(doc({"scan", f, "--json", "--count"})["count"], 2);
-    j = doc({"info", f, "--json"});
-    EXPECT_EQ(j["records"], 2);
-    EXPECT_EQ(j["keys"][0]["length"], 3);
-    EXPECT_TRUE(j["problems"].empty());
-    j = doc({"check", f, "--json"});
-    EXPECT_EQ(j["status"], "sound");
-    EXPECT_EQ(j["records"], 2);
-    EXPECT_EQ(doc({"check", dir, "--json"}, 3)["status"], "unreadable");
+    json_table({
+        {{"scan", f, "--json", "--count"}, 0, {{"/count", 2}}},
+        {{"info", f, "--json"}, 0, {{"/records", 2}, {"/keys/0/length", 3}, {"/problems", json::array()}}},
+        {{"check", f, "--json"}, 0, {{"/status", "sound"}, {"/records", 2}}},
+        {{"check", dir, "--json"}, 3, {{"/status", "unreadable"}}},
+    });
 
-    // stat --json while a program holds the file open.
+    // stat --json while a program holds the file open: the writer, as stat opens nothing.
     Writer w = writer(f, "xyz1", "w");
-    j = doc({"stat", f, "--json"});
+    json_table({{{"stat", f, "--json"}, 0, {{"/files#", 1}, {"/files/0/name", f}, {"/files/0/users", 1}}}});
     end(w);
-    ASSERT_EQ(j["files"].size(), 1u) << j.dump();
-    EXPECT_EQ(j["files"][0]["name"], f);
-    EXPECT_EQ(j["files"][0]["users"], 1) << "the writer; stat opens nothing";
 }
 
 TEST_F(Tool, StatSeesProcessesAndTheDead) {
@@ -1037,7 +1042,7 @@ TEST_F(Backup, CompactRefusedWhileTheFileIsOpenElsewhere) {
 // applied either, they say that it is pending (status 4), still not damage.
 TEST_F(Backup, CheckSettlesARollbackLeftByAFullDisk) {
     spit(path("in.dump"), dump_of(1000));
-    int failed_loads = 0, settled = 0;
+    int failed_loads = 0, settled = 0, pending = 0;
     for (int n : {3, 9, 17, 40, 77, 130, 211, 333}) {
         SCOPED_TRACE("n=" + std::to_string(n));
         const std::string f = path("full" + std::to_string(n));
@@ -1048,6 +1053,18 @@ TEST_F(Backup, CheckSettlesARollbackLeftByAFullDisk) {
         if (r.rc == 0) continue;
         ++failed_loads;
         EXPECT_EQ(r.rc, 1) << r.err;
+        if (n == 17 || n == 40 || n == 77) {
+            // The disk still full when check runs: the rollback stays pending, and check
+            // says so (nothing pending after this load: it is simply sound).
+            failing("KISAM_TEST_FAIL_PWRITE", 1);
+            r = run({"check", f});
+            env.clear();
+            pending += r.rc != 0;
+            EXPECT_TRUE(r.rc == 0 || (r.rc == 4 && has(r.err, "is pending") && has(r.err, "next open")))
+                << r.rc << ": " << r.err;
+            EXPECT_FALSE(has(r.out, "DAMAGED")) << r.out;
+        }
+        // Once the disk takes writes again the command applies it first.
         const std::string cmd = n % 3 == 0 ? "info" : n % 3 == 1 ? "dump" : "check";
         r = run({cmd, f});
         settled += has(r.err, "was applied first");
@@ -1057,24 +1074,6 @@ TEST_F(Backup, CheckSettlesARollbackLeftByAFullDisk) {
     }
     EXPECT_GT(failed_loads, 4) << "the full disk stopped too few loads";
     EXPECT_GT(settled, 0) << "no load left a rollback pending";
-
-    // The disk still full when check runs: the rollback stays pending, and check says so.
-    int pending = 0;
-    for (int n : {17, 40, 77}) {
-        const std::string f = path("still" + std::to_string(n));
-        ASSERT_EQ(run({"create", f, "8,6"}).rc, 0);
-        failing("KISAM_TEST_FAIL_PWRITE", n);
-        run({"load", f, path("in.dump")});
-        failing("KISAM_TEST_FAIL_PWRITE", 1);
-        Result c = run({"check", f});
-        env.clear();
-        if (c.rc == 0) continue;   // nothing was pending after this load
-        ++pending;
-        EXPECT_EQ(c.rc, 4) << c.out << c.err;
-        EXPECT_TRUE(has(c.err, "is pending") && has(c.err, "next open")) << c.err;
-        EXPECT_FALSE(has(c.out, "DAMAGED")) << c.out;
-        EXPECT_EQ(run({"check", f}).rc, 0) << "settled once the disk takes writes again";
-    }
     EXPECT_GT(pending, 0) << "no load left a rollback that a full disk kept pending";
 }
 
@@ -1228,8 +1227,19 @@ protected:
             by_key[rec.substr(0, 8)] = line;   // keys are digits: escaped as themselves
         }
         ASSERT_EQ(by_key.size(), lay.pages.size());
-        std::set<std::string> all;
-        for (auto& [k, l] : by_key) all.insert(k);
+        // The key-0 values of the records whose pages pass `keep`.
+        const auto must_where = [&](const std::function<bool(const std::vector<uint32_t>&)>& keep) {
+            std::set<std::string> must;
+            for (auto& [k, pages] : lay.pages)
+                if (keep(pages)) must.insert(k);
+            return must;
+        };
+        const auto whole_below = [&](size_t end) {   // every page of the record before `end`
+            return must_where([&](const std::vector<uint32_t>& pages) {
+                return std::all_of(pages.begin(), pages.end(), [&](uint32_t p) { return p - lay.header + 1024 <= end; });
+            });
+        };
+        const std::set<std::string> all = must_where([](const std::vector<uint32_t>&) { return true; });
 
         // (a) the intact file: the same records, exit 0, and (d) a load of them is sound.
         table({{{"dump", "--salvage", f, path("rescued.dump")}, 0},
@@ -1246,13 +1256,7 @@ protected:
         for (int i = 0; i < 12; ++i) cuts.push_back(1024 + rng() % (img.size() - 1024));
         for (size_t at : cuts) {
             spit(cut, img.substr(0, at));
-            std::set<std::string> must;
-            for (auto& [k, pages] : lay.pages) {
-                bool whole = true;
-                for (uint32_t p : pages) whole = whole && p - lay.header + 1024 <= at;
-                if (whole) must.insert(k);
-            }
-            salvage_and_check(cut, intact, by_key, must, "cut at " + std::to_string(at));
+            salvage_and_check(cut, intact, by_key, whole_below(at), "cut at " + std::to_string(at));
             if (at == cuts[cuts.size() / 3]) {   // (d) a load of what came back is sound
                 run({"dump", "--salvage", cut, path("part.dump")});
                 table({{{"load", path("part"), path("part.dump")}, 0}, {{"check", path("part")}, 0}});
@@ -1266,16 +1270,12 @@ protected:
             std::string b = img;
             b.replace(page - lay.header + at, bytes.size(), bytes);
             spit(bad, b);
-            std::set<std::string> must;
-            for (auto& [k, pages] : lay.pages) {
-                bool needs = false;
-                for (uint32_t p : pages) needs = needs || p == page || p == also;
-                // A plain file's records do not need the tree: they come back from the
-                // data pages when the tree cannot vouch for them.
-                if (!key_in_index && lay.tree.count(page)) needs = false;
-                if (!needs) must.insert(k);
-            }
-            salvage_and_check(bad, intact, by_key, must, what);
+            // A plain file's records do not need the tree: they come back from the data
+            // pages when the tree cannot vouch for them.
+            const bool tree = !key_in_index && lay.tree.count(page);
+            salvage_and_check(bad, intact, by_key, must_where([&](const std::vector<uint32_t>& pages) {
+                return tree || std::none_of(pages.begin(), pages.end(), [&](uint32_t p) { return p == page || p == also; });
+            }), what);
         };
         std::string garbage(1024, '\0');
         for (char& c : garbage) c = char(rng() % 256);
@@ -1305,12 +1305,8 @@ protected:
             std::string b = img.substr(0, img.size() - 1024);
             b.replace(leaf - lay.header, 1024, std::string(1024, '\0'));
             spit(bad, b);
-            std::set<std::string> must;
-            for (auto& [k, pages] : lay.pages) {
-                bool whole = true;
-                for (uint32_t p : pages) whole = whole && p - lay.header + 1024 <= b.size();
-                if (whole && (pages[0] != leaf || pages.size() > 2)) must.insert(k);
-            }
+            std::set<std::string> must = whole_below(b.size());
+            std::erase_if(must, [&](const std::string& k) { return lay.pages.at(k)[0] == leaf && lay.pages.at(k).size() <= 2; });
             salvage_and_check(bad, intact, by_key, must, "cut short, key-0 leaf " + std::to_string(leaf) + " lost");
         }
 

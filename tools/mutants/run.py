@@ -11,7 +11,8 @@ builds, runs the test suite as `make test` does and records which tests caught i
 
 A snippet is found by its content anywhere under the tree's src/ (never by file and
 line), and must be there exactly once: the same list applies after code moves between
-files.  The source is always put back (also on Ctrl-C, SIGTERM and errors) and the tree
+files.  An entry with `root = "tools"` is looked for under tools/ instead (the tool's
+own sources; any top-level folder of the tree may be named).  The source is always put back (also on Ctrl-C, SIGTERM and errors) and the tree
 is checked clean afterwards with git.  A mutant that hangs is stopped by the per-test
 timeout and by a wall limit on the whole suite (its process group is killed).  System V
 segments a mutant leaves behind are removed: only those created while it ran that no
@@ -59,13 +60,15 @@ def load_mutants(path):
             sys.exit(f"mutants: id {m['id']} is given twice")
         if m["from"] == m["to"]:
             sys.exit(f"mutants: {m['id']} changes nothing")
+        if not re.fullmatch(r"[A-Za-z0-9_.-]+", mutant_root(m)) or mutant_root(m) in (".", ".."):
+            sys.exit(f"mutants: {m['id']}: root must name a top-level folder of the tree")
         seen.add(m["id"])
     return mutants
 
 
-def source_files(tree):
+def source_files(tree, top="src"):
     out = []
-    for root, dirs, files in os.walk(os.path.join(tree, "src")):
+    for root, dirs, files in os.walk(os.path.join(tree, top)):
         dirs.sort()
         for name in sorted(files):
             if name.endswith(SOURCE_SUFFIXES):
@@ -83,24 +86,30 @@ def write(path, text):
         f.write(text)
 
 
+def mutant_root(mutant):
+    return mutant.get("root", "src")
+
+
 def locate(mutant, files):
-    """The one file holding the snippet; raises ValueError when there is none or several."""
+    """The one file holding the snippet; raises ValueError when there is none or several.
+    files: top-level folder -> its source files."""
+    top = mutant_root(mutant)
     hits = []
-    for path in files:
+    for path in files.get(top, []):
         n = read(path).count(mutant["from"])
         if n:
             hits.append((path, n))
     total = sum(n for _, n in hits)
     if total == 0:
-        raise ValueError(f"{mutant['id']}: snippet not found under src/")
+        raise ValueError(f"{mutant['id']}: snippet not found under {top}/")
     if total > 1:
         where = ", ".join(f"{p} ({n})" for p, n in hits)
         raise ValueError(f"{mutant['id']}: snippet found {total} times: {where}")
     return hits[0][0]
 
 
-def tree_clean(tree):
-    r = subprocess.run(["git", "-C", tree, "status", "--porcelain", "--", "src"],
+def tree_clean(tree, tops=("src",)):
+    r = subprocess.run(["git", "-C", tree, "status", "--porcelain", "--", *tops],
                        capture_output=True, text=True)
     if r.returncode != 0:
         return None  # not a git checkout: nothing to check against
@@ -397,7 +406,8 @@ def main():
             sys.exit("mutants: unknown ids: " + ", ".join(unknown))
         mutants = [m for m in mutants if m["id"] in want]
 
-    files = source_files(args.tree)
+    tops = sorted({mutant_root(m) for m in mutants} | {"src"})
+    files = {top: source_files(args.tree, top) for top in tops}
     problems = []
     for m in mutants:
         try:
@@ -408,10 +418,11 @@ def main():
         print("\n".join(problems), file=sys.stderr)
         sys.exit(f"mutants: {len(problems)} snippet(s) do not apply to {args.tree}")
     if args.check:
-        print(f"{len(mutants)} mutants, every snippet found once under {args.tree}/src")
+        print(f"{len(mutants)} mutants, every snippet found once under {args.tree}/"
+              + ",".join(tops))
         return 0
-    if tree_clean(args.tree) is False:
-        sys.exit(f"mutants: {args.tree}/src has changes of its own; refusing to mutate it")
+    if tree_clean(args.tree, tops) is False:
+        sys.exit(f"mutants: {args.tree}/{','.join(tops)} has changes of its own; refusing to mutate it")
 
     signal.signal(signal.SIGTERM, on_signal)
     signal.signal(signal.SIGHUP, on_signal)
@@ -462,8 +473,8 @@ def main():
                 rel = os.path.relpath(path, args.tree)
                 print(f"[{k}/{len(mutants)}] {m['id']:<26} {status:<12} {secs:5.0f} s  {rel}"
                       f"{'  ' + failed[0] if failed else ''}", flush=True)
-                if tree_clean(args.tree) is False:
-                    sys.exit(f"mutants: {args.tree}/src is not clean after {m['id']}")
+                if tree_clean(args.tree, tops) is False:
+                    sys.exit(f"mutants: {args.tree}/{','.join(tops)} is not clean after {m['id']}")
         print(f"wall time: {time.time() - t_all:.0f} s")
         # Leave the build tree matching the unmutated source.
         runner.build_tree(args.wall)
@@ -472,8 +483,8 @@ def main():
         return 130
     finally:
         runner.close()
-        if tree_clean(args.tree) is False:
-            print(f"mutants: WARNING: {args.tree}/src is not clean", file=sys.stderr)
+        if tree_clean(args.tree, tops) is False:
+            print(f"mutants: WARNING: {args.tree}/{','.join(tops)} is not clean", file=sys.stderr)
     return 0
 
 
