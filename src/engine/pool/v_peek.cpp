@@ -218,6 +218,7 @@ bool map_load(int u, int fd, off_t off, char* dst) noexcept {
     v_mapped_arm(&armed);
     std::memcpy(dst, p, kisam::kPage);
     v_mapped_disarm();
+    ++v_map_loads;
     return true;
 }
 
@@ -299,6 +300,7 @@ int v_peek_learn(int u) noexcept {
 }
 
 unsigned long v_file_reads = 0;
+unsigned long v_map_loads = 0;
 
 const IS_DATA* v_peek_file(int u, PAGE pno) noexcept {
     // Pages read through the operating system's hooks when a test replaced them, so that
