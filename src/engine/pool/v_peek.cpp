@@ -366,7 +366,9 @@ int v_fetch_unlocked(PAGE pno, IS_DATA* img, uint32_t* seq) noexcept {
     if (pno == 0 || pno % kisam::kPage != 0 || pno >= last || pno > KISAM_NOPAGE - kisam::kPage) return -1;
     const off_t off = v_fileoffset(fcp, pno);
     if (off < 0 || pfi->pfi_osfd < 0) return -1;
-    if (kisam::os_pread_full(pfi->pfi_osfd, img->c, kisam::kPage, off) != kisam::kPage) return -1;
+    if (!map_load(u, pfi->pfi_osfd, off, img->c) &&
+        kisam::os_pread_full(pfi->pfi_osfd, img->c, kisam::kPage, off) != kisam::kPage)
+        return -1;
     if (kisam::test_hook) kisam::test_hook(kisam::kHookFetch, u);
     *seq = q;
     return 0;
