@@ -195,6 +195,9 @@ inline int index_find(int u, PAGE pno) noexcept {
     if (pos < 0) return -1;
     int s = entry_slot(bk.tab[pos]);
     const IS_BUF* b = slot(s);
+    // The page's lines are asked for with the tag's: in a large pool each is a miss of
+    // the caches, and the search that follows would wait for them one after another.
+    for (int off = 0; off < kisam::kPage; off += 64) __builtin_prefetch(b->bu_data.c + off);
     if (file_of(b) == u && b->bu_pno == pno) return s;
     index_erase(s);
     return -1;
