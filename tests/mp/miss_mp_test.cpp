@@ -111,15 +111,20 @@ protected:
         Env::start(c);
         ids_ = ids;
         path_ = path("m.ism");
-        if (magic != 0) niscr_ctl(0, magic);
-        const int fd = create("m.ism", {kK0, kK1});
-        ASSERT_GE(fd, 0);
-        for (unsigned id = 0; id < ids; ++id) {
-            const std::string r = record(id, 1);
-            ASSERT_EQ(niswrite(fd, r.data(), static_cast<int>(r.size())), 0);
-        }
-        nisclose(fd);
-        ASSERT_EQ(nisunisam(), 0);
+        // Written by a child: the misses of the writes map the file, and this process
+        // must start its children as a program that never used the library would.
+        ASSERT_EQ(kt::run_child([&] {
+                      if (magic != 0) niscr_ctl(0, magic);
+                      const int fd = create("m.ism", {kK0, kK1});
+                      if (fd < 0) return 1;
+                      for (unsigned id = 0; id < ids; ++id) {
+                          const std::string r = record(id, 1);
+                          if (niswrite(fd, r.data(), static_cast<int>(r.size())) != 0) return 2;
+                      }
+                      nisclose(fd);
+                      return nisunisam() == 0 ? 0 : 3;
+                  }),
+                  0);
     }
     int open() {
         if (is_init() != 0) return -1;
@@ -569,6 +574,90 @@ TEST_F(FileReads, AProgramsOwnSigbusStillReachesIt) {
     });
     if (by_default) EXPECT_EQ(rc, 128 + SIGBUS);
     else EXPECT_TRUE(rc > 128 && rc != 128 + SIGALRM) << rc;  // ended by the program's disposition
+}
+
+// Misses under the control lock (a writer's) copy their page from the same mapping, with
+// no read call, and in every case load the page the file holds: the updates, checked by
+// a process that reads with read calls only, all took.  The mapping of a file that
+// another process made grow is measured again and serves the new pages too (within the
+// room it reserved, so never from past the file's end).
+TEST_F(FileReads, WritersMissesAreCopiedFromTheMappingAlsoAfterTheFileGrew) {
+    start(40, 600);
+    const pid_t r = hooked_reader([&](int fd) {
+        const unsigned long loads0 = v_map_loads;
+        const uint32_t reads0 = isam_com->sysread;
+        for (unsigned id = 0; id < ids_; ++id) {
+            const std::string rec = record(id, 2);
+            if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 71;
+        }
+        if (v_map_loads - loads0 < ids_ / 4) return 72;                 // misses from the mapping
+        if (isam_com->sysread - reads0 < v_map_loads - loads0) return 73;  // and counted as loads
+        up_.signal('r');
+        down_.wait();
+        const unsigned long loads1 = v_map_loads, faults1 = v_map_faults;
+        for (unsigned id = 600; id < 3000; ++id) {
+            const std::string rec = record(id, 2);
+            if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 74;
+        }
+        if (v_map_loads - loads1 < (3000 - 600) / 4) return 75;  // the new pages too
+        if (v_map_faults != faults1) return 76;                  // never past the end
+        nisclose(fd);
+        nisunisam();
+        return 0;
+    }, 'r');
+    EXPECT_EQ(in_child([&](int fd) {
+                  for (unsigned id = 600; id < 3000; ++id) {
+                      const std::string rec = record(id, 1);
+                      if (niswrite(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 81;
+                  }
+                  return 0;
+              }),
+              0);
+    down_.signal('g');
+    EXPECT_EQ(kt::wait_child(r), 0);
+    ids_ = 3000;
+    kisam::os.pread = plain_pread;  // no mapping: every page by a read call
+    EXPECT_EQ(in_child([&](int fd) { return read_all(fd, 2); }), 0);
+    EXPECT_TRUE(kt::sound(path_));
+}
+
+// Another program cuts the file short under a writer that has it mapped: a miss whose
+// page lies past the new end fails its call with an error (the mapping that faulted is
+// dropped and the page read, which finds nothing there), never with a signal, and the
+// writer goes on with its next call.
+TEST_F(FileReads, AFileCutShortUnderAWriterGivesErrorsNotASignal) {
+    start(40, 1500);
+    struct stat st;
+    ASSERT_EQ(::stat(path_.c_str(), &st), 0);
+    const pid_t r = hooked_reader([&](int fd) {
+        ::alarm(60);
+        // Downwards, so that the pool is left with the front of the file, all of it
+        // written back (nisflush): the first miss past the cut comes before any write-back
+        // past it could make the file long again.
+        for (unsigned id = ids_; id-- > 0;) {
+            const std::string rec = record(id, 2);
+            if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 71;
+        }
+        if (v_map_loads == 0) return 72;  // the writer has the file mapped
+        if (nisflush(fd) != 0) return 76;
+        up_.signal('r');
+        down_.wait();
+        const unsigned long faults0 = v_map_faults;
+        unsigned failed = 0;
+        for (unsigned id = ids_; id-- > 0;) {
+            const std::string rec = record(id, 3);
+            is_errno = 0;
+            if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) == 0) continue;
+            if (is_errno == 0) return 73;  // a failing call says why
+            ++failed;
+        }
+        if (failed == 0) return 74;
+        if (v_map_faults == faults0) return 75;  // it met the cut in the mapping
+        return 0;                                // the file is left as the cut made it
+    }, 'r');
+    ASSERT_EQ(::truncate(path_.c_str(), st.st_size / 2 / 4096 * 4096), 0);
+    down_.signal('g');
+    EXPECT_EQ(kt::wait_child(r), 0);
 }
 
 }  // namespace

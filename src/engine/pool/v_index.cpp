@@ -21,6 +21,7 @@ void book_free() noexcept {
     if (bk.map_base) map_drop(-1);
     std::free(bk.map_base);
     std::free(bk.map_len);
+    std::free(bk.map_cap);
     std::free(bk.map_last);
     std::free(bk.map_past);
     std::free(bk.tab);
@@ -58,11 +59,12 @@ void book_setup() noexcept {
         bk.refused = static_cast<uint32_t*>(std::malloc((no + 1) * sizeof(uint32_t)));
         bk.map_base = static_cast<const char**>(std::calloc(no + 1, sizeof(const char*)));
         bk.map_len = static_cast<size_t*>(std::calloc(no + 1, sizeof(size_t)));
+        bk.map_cap = static_cast<size_t*>(std::calloc(no + 1, sizeof(size_t)));
         bk.map_last = static_cast<uint32_t*>(std::calloc(no + 1, sizeof(uint32_t)));
         bk.map_past = static_cast<uint32_t*>(std::calloc(no + 1, sizeof(uint32_t)));
         bk.ok = bk.tab && bk.key_of && bk.fixed && bk.listed && bk.known && bk.known_gen &&
                 bk.known_fcp && bk.walk_waits && bk.walked && bk.refused && bk.map_base &&
-                bk.map_len && bk.map_last && bk.map_past;
+                bk.map_len && bk.map_cap && bk.map_last && bk.map_past;
         if (!bk.ok) {
             book_free();
         } else {

@@ -117,11 +117,13 @@ struct PoolBook {
     uint32_t* refused = nullptr;
     uint32_t scan_no = 0;
 
-    // Read-only mappings of the files' data for reads without the lock (v_peek.cpp), by
-    // file slot: base and length (null, 0: none), the file's end (is_lastpage) when its
+    // Read-only mappings of the files' data for reads without the lock and for misses
+    // (v_peek.cpp), by file slot: base, the file's size as measured (null, 0: none), the
+    // length mapped (a reserve past that size), the file's end (is_lastpage) when its
     // size was last measured, and the misses past the mapping since then.
     const char** map_base = nullptr;
     size_t* map_len = nullptr;
+    size_t* map_cap = nullptr;
     uint32_t* map_last = nullptr;
     uint32_t* map_past = nullptr;
 };
@@ -193,6 +195,9 @@ inline int index_find(int u, PAGE pno) noexcept {
     if (pos < 0) return -1;
     int s = entry_slot(bk.tab[pos]);
     const IS_BUF* b = slot(s);
+    // The page's lines are asked for with the tag's: in a large pool each is a miss of
+    // the caches, and the search that follows would wait for them one after another.
+    for (int off = 0; off < kisam::kPage; off += 64) __builtin_prefetch(b->bu_data.c + off);
     if (file_of(b) == u && b->bu_pno == pno) return s;
     index_erase(s);
     return -1;
@@ -335,6 +340,12 @@ int take_slot(IS_FCP* fcp, int u, PAGE pno, bool hb, bool fresh, const IS_DATA* 
 int commit_changes(IS_FCP* fcp, int u, IS_PFI* pfi) noexcept;
 
 // ---- Reads without the lock (v_peek.cpp) -------------------------------------------------
+// A miss's page read without a system call: bytes [off, off + kPage) of the current file
+// u (descriptor fd) copied into dst from this process's read-only mapping of the file
+// (the one reads without the lock use).  False when the mapping does not cover them, a
+// test replaced the system calls, or the copy faulted (the mapping is then dropped): the
+// caller reads the page from the file instead.
+bool map_load(int u, int fd, off_t off, char* dst) noexcept;
 // Forgets the hits counted by v_peek and not yet folded (a child after fork).
 void peek_forget() noexcept;
 

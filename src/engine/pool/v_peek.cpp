@@ -17,6 +17,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
 
 namespace kisam::pool {
 
@@ -35,9 +36,10 @@ void map_drop(int u) noexcept {
     if (!bk.map_base) return;
     const int from = u < 0 ? 0 : u, to = u < 0 ? bk.nopen : u + 1;
     for (int w = from; w < to && w < bk.nopen; ++w) {
-        if (bk.map_base[w]) ::munmap(const_cast<char*>(bk.map_base[w]), bk.map_len[w]);
+        if (bk.map_base[w]) ::munmap(const_cast<char*>(bk.map_base[w]), bk.map_cap[w]);
         bk.map_base[w] = nullptr;
         bk.map_len[w] = 0;
+        bk.map_cap[w] = 0;
         bk.map_last[w] = 0;
         bk.map_past[w] = 0;
     }
@@ -73,7 +75,7 @@ int mapping_of(const void* a) noexcept {
     const char* p = static_cast<const char*>(a);
     for (int w = 0; w < bk.nopen; ++w) {
         const char* base = bk.map_base[w];
-        if (base && p >= base && p < base + bk.map_len[w]) return w;
+        if (base && p >= base && p < base + bk.map_cap[w]) return w;
     }
     return -1;
 }
@@ -154,13 +156,24 @@ __attribute__((destructor)) void bus_uninstall() {
 // did not move (the pages below the end reach the file by write-backs, later).
 constexpr uint32_t kRemeasure = 256;
 
+// Address space a mapping reserves past the file's size, so that a growing file is
+// mostly measured again, not mapped again: a new mapping loses the page-table entries of
+// the old one, and every page touched through it faults once more.
+size_t map_reserve(size_t size) noexcept {
+    constexpr size_t kMin = size_t{64} << 20, kAlign = size_t{2} << 20;
+    const size_t want = size < kMin ? kMin : 2 * size;
+    return (want + kAlign - 1) & ~(kAlign - 1);
+}
+
 // The bytes at [off, off + kPage) of file u (descriptor fd) through this process's
 // read-only mapping of the file, or null when the file does not hold them (or cannot be
 // mapped).  The mapping covers the file's size when it was made, and a file never
 // shrinks while it is open (nothing cuts a data file back: a rollback only moves its end
 // in the control page), so no access through it can fall past the end of the file.  It
 // is made again, larger, when a page past it is asked for and the file's end moved (or
-// after kRemeasure such pages).
+// after kRemeasure such pages).  Only [0, map_len) is ever read: the rest of the reserve
+// (map_cap) lies past the file's end as measured, where an access would fault; a larger
+// size within the reserve only moves map_len.
 const char* map_page(int u, int fd, off_t off, PAGE last) noexcept {
     const size_t end = static_cast<size_t>(off) + kisam::kPage;
     if (end <= bk.map_len[u]) return bk.map_base[u] + off;
@@ -171,16 +184,43 @@ const char* map_page(int u, int fd, off_t off, PAGE last) noexcept {
     if (fd < 0 || kisam::os.fstat(fd, &st) != 0 || st.st_size <= 0) return nullptr;
     const size_t size = static_cast<size_t>(st.st_size);
     if (size <= bk.map_len[u]) return nullptr;
+    if (bk.map_base[u] && size <= bk.map_cap[u]) {
+        bk.map_len[u] = size;
+        return end <= size ? bk.map_base[u] + off : nullptr;
+    }
     if (!bus_install()) return nullptr;
-    void* p = ::mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
+    const size_t cap = map_reserve(size);
+    void* p = ::mmap(nullptr, cap, PROT_READ, MAP_SHARED, fd, 0);
     if (p == MAP_FAILED) return nullptr;
-    if (bk.map_base[u]) ::munmap(const_cast<char*>(bk.map_base[u]), bk.map_len[u]);
+    if (bk.map_base[u]) ::munmap(const_cast<char*>(bk.map_base[u]), bk.map_cap[u]);
     bk.map_base[u] = static_cast<const char*>(p);
     bk.map_len[u] = size;
+    bk.map_cap[u] = cap;
     return end <= size ? bk.map_base[u] + off : nullptr;
 }
 
 }  // namespace
+
+bool map_load(int u, int fd, off_t off, char* dst) noexcept {
+    // Through the operating system's hooks when a test replaced them (as v_peek_file).
+    if (kisam::os.pread != kisam::os_real.pread) return false;
+    if (!bk.ok || !bk.map_base || u < 0 || u >= bk.nopen || !is_curfcp) return false;
+    const PAGE last = std::atomic_ref<uint32_t>(is_curfcp->is_lastpage).load(std::memory_order_relaxed);
+    const char* p = map_page(u, fd, off, last);
+    if (!p) return false;
+    // A fault (the file cut short from outside, a block the disk cannot read back)
+    // drops the mapping and leaves the page to a read, which reports what is wrong.
+    MappedRead armed;
+    if (sigsetjmp(armed.env, 0) != 0) {
+        v_mapped_fault();
+        return false;
+    }
+    v_mapped_arm(&armed);
+    std::memcpy(dst, p, kisam::kPage);
+    v_mapped_disarm();
+    ++v_map_loads;
+    return true;
+}
 
 }  // namespace kisam::pool
 
@@ -260,6 +300,7 @@ int v_peek_learn(int u) noexcept {
 }
 
 unsigned long v_file_reads = 0;
+unsigned long v_map_loads = 0;
 
 const IS_DATA* v_peek_file(int u, PAGE pno) noexcept {
     // Pages read through the operating system's hooks when a test replaced them, so that
@@ -325,7 +366,9 @@ int v_fetch_unlocked(PAGE pno, IS_DATA* img, uint32_t* seq) noexcept {
     if (pno == 0 || pno % kisam::kPage != 0 || pno >= last || pno > KISAM_NOPAGE - kisam::kPage) return -1;
     const off_t off = v_fileoffset(fcp, pno);
     if (off < 0 || pfi->pfi_osfd < 0) return -1;
-    if (kisam::os_pread_full(pfi->pfi_osfd, img->c, kisam::kPage, off) != kisam::kPage) return -1;
+    if (!map_load(u, pfi->pfi_osfd, off, img->c) &&
+        kisam::os_pread_full(pfi->pfi_osfd, img->c, kisam::kPage, off) != kisam::kPage)
+        return -1;
     if (kisam::test_hook) kisam::test_hook(kisam::kHookFetch, u);
     *seq = q;
     return 0;

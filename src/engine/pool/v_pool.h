@@ -133,6 +133,9 @@ int v_peek_learn(int u) noexcept;
 const IS_DATA* v_peek_file(int u, PAGE pno) noexcept;
 // Pages this process read through v_peek_file (a figure for tests and benchmarks).
 extern unsigned long v_file_reads;
+// Pages this process's misses loaded into the pool from its mapping of the file, not by
+// a read call (a figure for tests and benchmarks).
+extern unsigned long v_map_loads;
 // A read through the files' mappings may fault where the file no longer holds the page
 // (another program cut it short, the disk failed to read it back): the kernel sends
 // SIGBUS.  A reader arms its thread's jump target for the span of its accesses

@@ -104,7 +104,11 @@ int readbuf(IS_BUF* b, PAGE pno) noexcept {
     const off_t off = v_fileoffset(fcp, pno);
     // A page must start at a valid offset and end within the 32-bit numbering.
     if (off < 0 || pno > KISAM_NOPAGE - kisam::kPage) return is_raise(ISE_RDSK, PROC(P_V_READ, 4));
-    ssize_t n = kisam::os_pread_full(is_curpfi->pfi_osfd, b->bu_data.c, kisam::kPage, off);
+    // A page the file's mapping covers is copied from it: the same bytes as a read (the
+    // mapping is shared, and the file never shrinks under it), without the system call.
+    const int fd = is_curpfi->pfi_osfd;
+    ssize_t n = map_load(current_file(), fd, off, b->bu_data.c) ? kisam::kPage
+                                                                     : kisam::os_pread_full(fd, b->bu_data.c, kisam::kPage, off);
     if (n < 0) {
         // An outright failure is never taken for an empty read, not even in a sequential
         // file: zeros would hide an I/O error as data.
