@@ -4,6 +4,7 @@
 // the entries in their order to what the earlier records left.
 #include "lg_internal.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 #if defined(__SSE2__)
