@@ -59,7 +59,15 @@ void index_page(Page& pg, std::mt19937_64& rng, int k, int n, int inc) {
     for (int i = 8; i < 8 + n * inc; ++i) pg.c[i] = static_cast<unsigned char>('0' + rng() % 10);
 }
 
-TEST(LogDelta, RandomPageChangesComeBackExactlyAndNoLongerThanTheWholePage) {
+class LogDelta : public ::testing::TestWithParam<bool> {
+protected:
+    void SetUp() override { lg::use_plain_compare(GetParam()); }
+    void TearDown() override { lg::use_plain_compare(false); }
+};
+INSTANTIATE_TEST_SUITE_P(Compare, LogDelta, ::testing::Values(false, true),
+                         [](const auto& info) { return info.param ? "Plain" : "Vector"; });
+
+TEST_P(LogDelta, RandomPageChangesComeBackExactlyAndNoLongerThanTheWholePage) {
     std::mt19937_64 rng(kt::test_seed(20261126));
     std::vector<char> buf(4 * kP);
     long moves = 0, small = 0, inserts = 0;
@@ -119,7 +127,7 @@ TEST(LogDelta, RandomPageChangesComeBackExactlyAndNoLongerThanTheWholePage) {
 }
 
 // The control page's bytes: runs of what changed, nothing when nothing did.
-TEST(LogDelta, ControlPageRunsComeBackExactly) {
+TEST_P(LogDelta, ControlPageRunsComeBackExactly) {
     std::mt19937_64 rng(kt::test_seed(7));
     std::vector<char> buf(2 * kP);
     for (int round = 0; round < 5000; ++round) {
@@ -151,7 +159,7 @@ TEST(LogDelta, ControlPageRunsComeBackExactly) {
 }
 
 // A move that reaches past the page, or of a kind replay does not know, is refused.
-TEST(LogDelta, EntriesThatDoNotFitThePageAreRefused) {
+TEST(LogEntry, EntriesThatDoNotFitThePageAreRefused) {
     Page pg{};
     const lg::lg_ent in{0, 1000, 8, lg::kMoveEntry};
     const lg::lg_move past{0, 100, 0};

@@ -75,10 +75,11 @@ DirtyFn pick_dirty() noexcept {
     __builtin_cpu_init();
     return __builtin_cpu_supports("avx2") ? dirty_avx2 : dirty_plain;
 }
-const DirtyFn dirty_blocks = pick_dirty();
 #else
-inline uint32_t dirty_blocks(const u8* a, const u8* b, int len) noexcept { return dirty_plain(a, b, len); }
+using DirtyFn = uint32_t (*)(const u8*, const u8*, int) noexcept;
+DirtyFn pick_dirty() noexcept { return dirty_plain; }
 #endif
+DirtyFn dirty_blocks = pick_dirty();
 
 // A move pays when it stands for more bytes than its entry (24) and the padding lost.
 constexpr int kMoveFrom = 32;
@@ -133,6 +134,8 @@ char* put_runs(char* p, uint32_t* nent, uint64_t off, uint32_t kind, const u8* w
 }
 
 }  // namespace
+
+void use_plain_compare(bool plain) noexcept { dirty_blocks = plain ? dirty_plain : pick_dirty(); }
 
 int item_shift(const IS_FCP* fcp, const unsigned char* was, const unsigned char* now) noexcept {
     const int16_t k = kisam::load_at<int16_t>(was);

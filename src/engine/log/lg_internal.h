@@ -1,5 +1,5 @@
 // What the files of the redo log share (lg.h is the log's contract with its callers; the
-// rules are in README.log.md).  Only lg_*.cpp include this.
+// rules are in README.log.md).  Only lg_*.cpp (and the log's own tests) include this.
 //
 // File layout ("<lock file>.w<u>", machine byte order):
 //   0     lg_head, the header of the generation in use, in one of two 512-byte copies
@@ -130,6 +130,9 @@ char* put_part(char* p, uint32_t* nent, uint64_t off, uint32_t kind, const unsig
                const unsigned char* now, int len) noexcept;
 // The first len bytes of `bytes`, whole.
 char* put_whole(char* p, uint32_t* nent, uint64_t off, uint32_t kind, const unsigned char* bytes, int len) noexcept;
+// Pages are compared with the widest vectors the processor has; with `plain`, without
+// them (so that tests check both ways on any processor).
+void use_plain_compare(bool plain) noexcept;
 // How far the items of an index page of file fcp moved when it gained or lost one: the
 // width of an item, up or down; 0 when was and now are not one index page with one item
 // more or less.  A guess that put_delta checks byte by byte.
