@@ -249,6 +249,9 @@ int lg_commit(IS_FCP* fcp, int u, const int16_t* slots, int n, uint64_t* end_lsn
     if (!a && n > 0) return fail(ISE_FLWT, 0x28);
     for (int i = 0; i < n; ++i) {
         const IS_BUF* b = is_env.buf_ + slots[i];
+        // The slots' log marks lie apart from the slots, in a table of every slot: asked
+        // for now, they are there by the time the pages have been compared.
+        __builtin_prefetch(kisam::isx_lsn(slots[i]), 1);
         a[i] = {b->bu_pno, &b->bu_data, jn_before(b->bu_pno), slots[i]};
     }
     return append(fcp, u, Pages{a}, n, 0, false, true, end_lsn);

@@ -110,25 +110,43 @@ int match_back(const u8* a, const u8* b, int s, int floor, int e) noexcept {
     return x;
 }
 
-// The entries of the bytes of now that differ from was inside [lo, hi), the blocks that
-// differ given by `dirty`: one per run of such blocks, from its first differing byte to
-// its last.  A run ends at a whole block of equal bytes: two entries then cost a header
-// more than one, and the padding of two (up to 14 bytes) instead of one's, less than the
-// 32 bytes one entry would hold, so the split never makes the record longer.
+// Bit i set: byte i of the blocks at a and b differs.
+inline uint32_t byte_diffs(const u8* a, const u8* b) noexcept {
+#if defined(__SSE2__)
+    const auto eq = [](const u8* x, const u8* y) {
+        return static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(
+            _mm_loadu_si128(reinterpret_cast<const __m128i*>(x)), _mm_loadu_si128(reinterpret_cast<const __m128i*>(y)))));
+    };
+    return ~(eq(a, b) | eq(a + 16, b + 16) << 16);
+#else
+    uint32_t m = 0;
+    for (int i = 0; i < kBlock; ++i) m |= static_cast<uint32_t>(a[i] != b[i]) << i;
+    return m;
+#endif
+}
+inline uint32_t below(int n) noexcept { return n >= 32 ? ~uint32_t{0} : (uint32_t{1} << n) - 1; }
+
+// The entries of the bytes of now that differ from was below hi, the blocks that differ
+// given by `dirty`: one per run of such blocks, from its first differing byte to its
+// last.  A run ends at a whole block of equal bytes: two entries then cost a header more
+// than one, and the padding of two (up to 14 bytes) instead of one's, less than the 32
+// bytes one entry would hold, so the split never makes the record longer.
 char* put_runs(char* p, uint32_t* nent, uint64_t off, uint32_t kind, const u8* was, const u8* now, uint32_t dirty,
-               int lo, int hi) noexcept {
+               int hi) noexcept {
+    dirty &= below((hi + kBlock - 1) / kBlock);
     while (dirty) {
         const int first = std::countr_zero(dirty);
         const int n = std::countr_one(dirty >> first);
         dirty = n + first >= 32 ? 0 : dirty & ~((uint32_t{1} << (first + n)) - 1);
-        int a = first * kBlock, e = (first + n) * kBlock;
-        if (a < lo) a = lo;
-        if (e > hi) e = hi;
-        if (a >= e) continue;
-        a = first_diff(was, now, a, e);
-        if (a == e) continue;
+        const int b0 = first * kBlock;
+        const uint32_t m = byte_diffs(was + b0, now + b0) & below(hi - b0);
+        if (!m) continue;  // a block that hi cuts, changed only past hi
+        // The last block of the run with a change below hi (the first one has one).
+        int l = first + n - 1;
+        uint32_t ml;
+        while (!(ml = byte_diffs(was + l * kBlock, now + l * kBlock) & below(hi - l * kBlock))) --l;
         ++*nent;
-        p = put_bytes(p, off, kind, a, last_diff(was, now, a, e), now);
+        p = put_bytes(p, off, kind, b0 + std::countr_zero(m), l * kBlock + kBlock - std::countl_zero(ml), now);
     }
     return p;
 }
@@ -166,16 +184,16 @@ char* put_delta(char* p, uint32_t* nent, uint64_t off, const unsigned char* was,
                 std::memcpy(p + sizeof e, &mv, sizeof mv);
                 ++*nent;
                 // The move leaves [m, hi) as it is now; below m the page is as it was.
-                return put_runs(p + sizeof e + sizeof mv, nent, off, kPageEntry, was, now, dirty, 0, m);
+                return put_runs(p + sizeof e + sizeof mv, nent, off, kPageEntry, was, now, dirty, m);
             }
         }
     }
-    return put_runs(p, nent, off, kPageEntry, was, now, dirty, 0, kP);
+    return put_runs(p, nent, off, kPageEntry, was, now, dirty, kP);
 }
 
 char* put_part(char* p, uint32_t* nent, uint64_t off, uint32_t kind, const unsigned char* was,
                const unsigned char* now, int len) noexcept {
-    return put_runs(p, nent, off, kind, was, now, dirty_blocks(was, now, len), 0, len);
+    return put_runs(p, nent, off, kind, was, now, dirty_blocks(was, now, len), len);
 }
 
 char* put_whole(char* p, uint32_t* nent, uint64_t off, uint32_t kind, const unsigned char* bytes, int len) noexcept {
