@@ -4,8 +4,8 @@
 // ("<lock file>.w<u>"), that holds what its calls changed since the file was last
 // brought up to date on disk (a checkpoint).  Pages are no longer written to the file by
 // the call that changed them: a call ends by appending one record to the log (its
-// changed pages, as whole images or as the byte range that changed, and the control
-// page) and leaves the pages dirty in the pool.  The record is stored through a shared
+// changed pages, as whole images or as the runs of bytes that changed and the items that
+// moved, and the control page) and leaves the pages dirty in the pool.  The record is stored through a shared
 // mapping of the log, below the size the log is known to have been written and synced
 // to (no system call; the log is never cut back, so the stores cannot fault), or with
 // pwrite where the mapping has no room for it.  The rules (README.log.md says them with

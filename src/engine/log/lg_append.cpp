@@ -87,29 +87,6 @@ struct Pages {
     }
 };
 
-// The first byte in [lo, hi) at which a and b differ (hi when none does), and one past
-// the last (lo when none does): eight bytes at a time, then the rest one by one.
-inline int first_diff(const unsigned char* a, const unsigned char* b, int lo, int hi) noexcept {
-    if constexpr (std::endian::native == std::endian::little) {
-        for (; lo + 8 <= hi; lo += 8) {
-            const uint64_t d = kisam::load_at<uint64_t>(a + lo) ^ kisam::load_at<uint64_t>(b + lo);
-            if (d) return lo + (std::countr_zero(d) >> 3);
-        }
-    }
-    while (lo < hi && a[lo] == b[lo]) ++lo;
-    return lo;
-}
-inline int last_diff(const unsigned char* a, const unsigned char* b, int lo, int hi) noexcept {
-    if constexpr (std::endian::native == std::endian::little) {
-        for (; hi - 8 >= lo; hi -= 8) {
-            const uint64_t d = kisam::load_at<uint64_t>(a + hi - 8) ^ kisam::load_at<uint64_t>(b + hi - 8);
-            if (d) return hi - (std::countl_zero(d) >> 3);
-        }
-    }
-    while (hi > lo && a[hi - 1] == b[hi - 1]) --hi;
-    return hi;
-}
-
 // Builds and appends one record of file u: the pages (whole, or the bytes that changed
 // when rule 3 allows), with `befores` also the before-images, and with `fcp_too` the
 // control page.  0 with *end_lsn set, or -1 with the error raised (nothing appended).
@@ -136,32 +113,22 @@ int append(IS_FCP* fcp, int u, const Pages& pages, int n, uint16_t flags, bool b
     if (!base) return fail(ISE_FLWT, 0x28);
     char* p = base + sizeof(lg_rec);
     uint32_t nent = 0;
-    auto put = [&](uint64_t off, uint32_t kind, int lo, int hi, const char* bytes) {
-        lg_ent e{off, static_cast<uint16_t>(lo), static_cast<uint16_t>(hi - lo), kind};
-        std::memcpy(p, &e, sizeof e);
-        p += sizeof e;
-        std::memcpy(p, bytes + lo, e.le_len);
-        const size_t r = round8(e.le_len);
-        if (r != e.le_len) std::memset(p + e.le_len, 0, r - e.le_len);
-        p += r;
-        ++nent;
-    };
     for (int i = 0; i < n; ++i) {
         const PageArg a = pages[i];
         const uint64_t off = static_cast<uint64_t>(v_fileoffset(fcp, a.pno));
-        int lo = 0, hi = kisam::kPage;
+        const auto* now = reinterpret_cast<const unsigned char*>(a.data->c);
         const uint64_t mark = a.slot >= 0 ? *kisam::isx_lsn(a.slot) : ISX_LSN_FULL;
         // A page logged whole in this generation, and held by this slot since, needs only
-        // the bytes the call changed (rule 3).
+        // what the call changed (rule 3).
         if (!befores && a.before && !(mark & ISX_LSN_FULL) && mark > start) {
             const auto* was = reinterpret_cast<const unsigned char*>(a.before->c);
-            const auto* now = reinterpret_cast<const unsigned char*>(a.data->c);
-            lo = first_diff(was, now, 0, kisam::kPage);
-            if (lo == kisam::kPage) continue;  // changed back as it was
-            hi = last_diff(was, now, lo, kisam::kPage);
+            p = put_delta(p, &nent, off, was, now, item_shift(fcp, was, now));
+            continue;
         }
-        put(off, kPageEntry, lo, hi, a.data->c);
-        if (befores && a.before) put(off, kBeforeEntry, 0, kisam::kPage, a.before->c);
+        p = put_whole(p, &nent, off, kPageEntry, now, kisam::kPage);
+        if (befores && a.before)
+            p = put_whole(p, &nent, off, kBeforeEntry, reinterpret_cast<const unsigned char*>(a.before->c),
+                          kisam::kPage);
     }
     if (fcp_too && !(fcp->is_optbits & ISO_SEQ)) {
         unsigned char img[kisam::kFcpImage];
@@ -173,14 +140,13 @@ int append(IS_FCP* fcp, int u, const Pages& pages, int n, uint16_t flags, bool b
         img[ob] = static_cast<unsigned char>(img[ob] & ~ISO_CHANGED);
         // Whole once per generation; after that the bytes that changed since the unit
         // began (the control page of a unit's start is the one the log last left).
-        int lo = 0, hi = kisam::kFcpImage;
         unsigned char was[kisam::kFcpImage];
         if (x->xf_log_fcpgen == x->xf_log_gen && jn_unit_fcp(fcp, was)) {
             was[ob] = static_cast<unsigned char>(was[ob] & ~ISO_CHANGED);
-            lo = first_diff(was, img, 0, kisam::kFcpImage);
-            hi = last_diff(was, img, lo, kisam::kFcpImage);
+            p = put_part(p, &nent, 0, kControlEntry, was, img, kisam::kFcpImage);
+        } else {
+            p = put_whole(p, &nent, 0, kControlEntry, img, kisam::kFcpImage);
         }
-        if (lo < hi) put(0, kControlEntry, lo, hi, reinterpret_cast<const char*>(img));
     }
     lg_rec* r = reinterpret_cast<lg_rec*>(base);
     const uint32_t len = static_cast<uint32_t>(p - base);
@@ -283,6 +249,9 @@ int lg_commit(IS_FCP* fcp, int u, const int16_t* slots, int n, uint64_t* end_lsn
     if (!a && n > 0) return fail(ISE_FLWT, 0x28);
     for (int i = 0; i < n; ++i) {
         const IS_BUF* b = is_env.buf_ + slots[i];
+        // The slots' log marks lie apart from the slots, in a table of every slot: asked
+        // for now, they are there by the time the pages have been compared.
+        __builtin_prefetch(kisam::isx_lsn(slots[i]), 1);
         a[i] = {b->bu_pno, &b->bu_data, jn_before(b->bu_pno), slots[i]};
     }
     return append(fcp, u, Pages{a}, n, 0, false, true, end_lsn);

@@ -227,17 +227,23 @@ void extend_ahead(int u) noexcept {
 }
 
 // The valid header of the log open on fd with the higher generation; false when neither
-// copy is valid (a new or foreign file).
-bool read_head(int fd, lg_head* out) noexcept {
+// copy is valid (a new or foreign file).  A copy whole by its checksum but of a version
+// newer than this library's sets *newer: its records are not this library's to read.
+bool read_head(int fd, lg_head* out, bool* newer) noexcept {
+    if (newer) *newer = false;
     lg_head h[2];
     const ssize_t n = kisam::os_pread_full(fd, h, sizeof h, 0);
     if (n < 0) return false;
     bool found = false;
     for (int i = 0; i < 2; ++i) {
         if (static_cast<size_t>(n) < (i + 1) * sizeof(lg_head)) break;
-        if (h[i].lh_magic != kHeadMagic || h[i].lh_version != kVersion ||
-            h[i].lh_sum != checksum(&h[i], offsetof(lg_head, lh_sum)) || (h[i].lh_gen & 1) != static_cast<uint32_t>(i))
+        if (h[i].lh_magic != kHeadMagic || h[i].lh_sum != checksum(&h[i], offsetof(lg_head, lh_sum)) ||
+            (h[i].lh_gen & 1) != static_cast<uint32_t>(i))
             continue;
+        if (h[i].lh_version < kOldestVersion || h[i].lh_version > kVersion) {
+            if (newer && h[i].lh_version > kVersion) *newer = true;
+            continue;
+        }
         if (!found || h[i].lh_gen > out->lh_gen) *out = h[i];
         found = true;
     }

@@ -1,5 +1,5 @@
 // What the files of the redo log share (lg.h is the log's contract with its callers; the
-// rules are in README.log.md).  Only lg_*.cpp include this.
+// rules are in README.log.md).  Only lg_*.cpp (and the log's own tests) include this.
 //
 // File layout ("<lock file>.w<u>", machine byte order):
 //   0     lg_head, the header of the generation in use, in one of two 512-byte copies
@@ -18,6 +18,7 @@
 #include "layout.h"
 
 #include <atomic>
+#include <bit>
 #include <climits>
 #include <cstddef>
 #include <cstdint>
@@ -29,7 +30,10 @@ namespace kisam::lg {
 
 constexpr uint32_t kHeadMagic = 0x3148574Bu;  // "KWH1"
 constexpr uint32_t kRecMagic = 0x3152574Bu;   // "KWR1"
-constexpr uint32_t kVersion = 1;
+// Version 2 added move entries (kMoveEntry); a log of version 1 holds none and is
+// replayed as it is.
+constexpr uint32_t kVersion = 2;
+constexpr uint32_t kOldestVersion = 1;
 constexpr off_t kFirst = 1024;
 constexpr uint32_t kMaxRecord = 64u << 20;
 constexpr uint32_t kConfMagic = 0x3143584Bu;  // "KXC1": the configuration's extension
@@ -65,7 +69,7 @@ KISAM_RECORD(lg_rec, 32);
 KISAM_AT(lg_rec, lr_len, 4); KISAM_AT(lg_rec, lr_lsn, 8); KISAM_AT(lg_rec, lr_sum, 16);
 KISAM_AT(lg_rec, lr_gen, 24); KISAM_AT(lg_rec, lr_nent, 28);
 
-enum : uint32_t { kPageEntry = 0, kControlEntry = 1, kBeforeEntry = 2 };
+enum : uint32_t { kPageEntry = 0, kControlEntry = 1, kBeforeEntry = 2, kMoveEntry = 3 };
 // lr_flags: the record holds pages a running call had to let go of before its end
 // (pages whose before-images it carries too); the call's final record follows it.
 enum : uint16_t { kUnitOpen = 1 };
@@ -78,7 +82,64 @@ struct lg_ent {
 };
 KISAM_RECORD(lg_ent, 16);
 
+// A move entry (kMoveEntry, le_len 8): lm_len bytes of the page at le_off, from byte
+// lm_from on, copied to byte le_at on, as the page is when the entry is applied (the
+// two ranges may overlap).  The entries after it in the record apply to the page moved.
+struct lg_move {
+    uint16_t lm_from;             //  0-1
+    uint16_t lm_len;              //  2-3
+    uint32_t lm_pad;              //  4-7   0
+};
+KISAM_RECORD(lg_move, 8);
+
 inline size_t round8(size_t n) { return (n + 7) & ~size_t{7}; }
+
+// The first byte in [lo, hi) at which a and b differ (hi when none does), and one past
+// the last (lo when none does): eight bytes at a time, then the rest one by one.
+inline int first_diff(const unsigned char* a, const unsigned char* b, int lo, int hi) noexcept {
+    if constexpr (std::endian::native == std::endian::little) {
+        for (; lo + 8 <= hi; lo += 8) {
+            const uint64_t d = kisam::load_at<uint64_t>(a + lo) ^ kisam::load_at<uint64_t>(b + lo);
+            if (d) return lo + (std::countr_zero(d) >> 3);
+        }
+    }
+    while (lo < hi && a[lo] == b[lo]) ++lo;
+    return lo;
+}
+inline int last_diff(const unsigned char* a, const unsigned char* b, int lo, int hi) noexcept {
+    if constexpr (std::endian::native == std::endian::little) {
+        for (; hi - 8 >= lo; hi -= 8) {
+            const uint64_t d = kisam::load_at<uint64_t>(a + hi - 8) ^ kisam::load_at<uint64_t>(b + hi - 8);
+            if (d) return hi - (std::countl_zero(d) >> 3);
+        }
+    }
+    while (hi > lo && a[hi - 1] == b[hi - 1]) --hi;
+    return hi;
+}
+
+// The entries of a record that say what changed in a page (lg_delta.cpp).  Each writes
+// its entries at p, adds their number to *nent and returns the end; none writes more than
+// one entry of the whole page (16 + kPage bytes) would take.
+//
+// Page `now` of file offset off against `was`, the page the entries apply to: the runs of
+// bytes that differ, and, with `shift`, the items that moved `shift` bytes as one move.
+char* put_delta(char* p, uint32_t* nent, uint64_t off, const unsigned char* was, const unsigned char* now,
+                int shift) noexcept;
+// The first len bytes of now against was, as entries of `kind` (the control page).
+char* put_part(char* p, uint32_t* nent, uint64_t off, uint32_t kind, const unsigned char* was,
+               const unsigned char* now, int len) noexcept;
+// The first len bytes of `bytes`, whole.
+char* put_whole(char* p, uint32_t* nent, uint64_t off, uint32_t kind, const unsigned char* bytes, int len) noexcept;
+// Pages are compared with the widest vectors the processor has; with `plain`, without
+// them (so that tests check both ways on any processor).
+void use_plain_compare(bool plain) noexcept;
+// How far the items of an index page of file fcp moved when it gained or lost one: the
+// width of an item, up or down; 0 when was and now are not one index page with one item
+// more or less.  A guess that put_delta checks byte by byte.
+int item_shift(const IS_FCP* fcp, const unsigned char* was, const unsigned char* now) noexcept;
+// Applies page entry e (kPageEntry or kMoveEntry; its bytes at payload) to page; false
+// when it is neither or does not fit the page.
+bool apply_entry(unsigned char* page, const lg_ent& e, const void* payload) noexcept;
 
 // The checksum of a log header or record (lg_file.cpp).
 uint64_t checksum(const void* data, size_t len) noexcept;
@@ -157,9 +218,10 @@ inline uint64_t mapped_room(int u) {
 inline isx_file* xfile(int u) { return kisam::isx_file_of(u); }
 inline std::atomic_ref<uint64_t> at(uint64_t& v) { return std::atomic_ref<uint64_t>(v); }
 
-// The valid header of the log open on fd with the higher generation; false when neither
-// copy is valid (a new or foreign file).
-bool read_head(int fd, lg_head* out) noexcept;
+// The valid header of the log open on fd with the higher generation, of a version this
+// library reads; false when neither copy is one (a new or foreign file).  *newer (when
+// given) tells whether a copy is whole but of a newer version: such a log is left alone.
+bool read_head(int fd, lg_head* out, bool* newer = nullptr) noexcept;
 // Writes the header of generation h->lh_gen into its copy; with `sync`, to disk.
 int write_head(int fd, lg_head* h, bool sync) noexcept;
 

@@ -102,20 +102,30 @@ int replay(int lfd, lg_head h, Replayed* out) noexcept {
                     }
                     std::memcpy(fcp + e.le_at, b.p + at, e.le_len);
                     have_fcp = true;
-                } else if (e.le_kind == kPageEntry && e.le_at + e.le_len <= kisam::kPage) {
+                } else if (e.le_kind == kPageEntry || e.le_kind == kMoveEntry) {
                     auto it = pages.find(e.le_off);
                     if (it == pages.end()) {
                         IS_DATA d;
                         std::memset(&d, 0, sizeof d);
-                        if (e.le_len != kisam::kPage &&
+                        if ((e.le_kind != kPageEntry || e.le_len != kisam::kPage) &&
                             kisam::os_pread_full(dfd, d.c, kisam::kPage, static_cast<off_t>(e.le_off)) < 0) {
                             rc = -1;
                             break;
                         }
                         it = pages.emplace(e.le_off, d).first;
                     }
-                    std::memcpy(it->second.c + e.le_at, b.p + at, e.le_len);
+                    if (!apply_entry(reinterpret_cast<unsigned char*>(it->second.c), e, b.p + at)) {
+                        errno = EINVAL;
+                        rc = -1;
+                        break;
+                    }
                     if (open) added.push_back(e.le_off);  // dropped again if a before-image follows
+                } else {
+                    // Whole by its checksum, yet not an entry this version writes: the log
+                    // is refused rather than replayed in part.
+                    errno = EINVAL;
+                    rc = -1;
+                    break;
                 }
                 at += round8(e.le_len);
             }
@@ -190,8 +200,11 @@ int lg_prepare(int u, uint64_t dev, uint64_t ino) noexcept {
     const int fd = log_fd(u);
     if (fd < 0) return fail(ISE_OPENF, 0x26);
     lg_head h;
-    // What the slot's previous file left in its log goes into that file first.
-    if (read_head(fd, &h) && replay(fd, h, nullptr) != 0) return fail(ISE_FLWT, 0x27);
+    bool newer = false;
+    // What the slot's previous file left in its log goes into that file first.  A log
+    // written by a newer version of the library is neither read nor overwritten.
+    const bool valid = read_head(fd, &h, &newer);
+    if (newer || (valid && replay(fd, h, nullptr) != 0)) return fail(ISE_FLWT, 0x27);
     // A log that a last close could not bring into its file may hold calls of this one.
     if (isx_area->xh_leftover) {
         bool any = false, failed = false;
@@ -224,7 +237,10 @@ void lg_recover_all(void) noexcept {
     bool left = false;
     each_log([&](int, int fd) {
         lg_head h;
-        if (!read_head(fd, &h) || !has_records(fd, h)) return;
+        bool newer = false;
+        const bool valid = read_head(fd, &h, &newer);
+        if (newer) left = true;  // not ours to replay: whoever opens its slot is refused
+        if (newer || !valid || !has_records(fd, h)) return;
         if (replay(fd, h, &r) == 0)
             ++logs;
         else

@@ -1,0 +1,424 @@
+// What a record of the redo log says about a page, and how replay reads it back.
+//
+// A page the log already holds whole goes into later records as the bytes that changed,
+// in runs, and the items of an index page that moved when it gained or lost one as one
+// move.  Randomized pages with items put in and taken out, bytes overwritten and wrong
+// guesses of the move come back exactly by the entries, never longer than the page
+// whole.  Then with real processes: killed at every store of their records, the file
+// holds exactly the calls that returned; a record torn at its end is not replayed; a log
+// that says something replay does not know (an entry of no known kind, a header of a
+// newer version) is refused with an error and left as it is; a log of the first version
+// is replayed.
+#include "../engine/open_fixture.h"
+#include "oracle.h"
+
+#include "lg_internal.h"
+#include "os.h"
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+namespace lg = kisam::lg;
+constexpr int kP = kisam::kPage;
+
+// ---- the entries of one page ------------------------------------------------------------
+
+struct Page {
+    unsigned char c[kP];
+};
+
+// Applies the entries at [p, end) to page; false at an entry replay would refuse.
+bool replay_entries(const char* p, const char* end, uint32_t n, uint64_t off, unsigned char* page) {
+    for (uint32_t i = 0; i < n; ++i) {
+        if (end - p < static_cast<long>(sizeof(lg::lg_ent))) return false;
+        lg::lg_ent e;
+        std::memcpy(&e, p, sizeof e);
+        p += sizeof e;
+        if (e.le_off != off || !lg::apply_entry(page, e, p)) return false;
+        p += lg::round8(e.le_len);
+    }
+    return p == end;
+}
+
+// An index page of `n` items of `inc` bytes (item and the pointer right of it) after a
+// header of key k; what lies past the items is left from earlier contents.
+void index_page(Page& pg, std::mt19937_64& rng, int k, int n, int inc) {
+    for (auto& b : pg.c) b = static_cast<unsigned char>(rng() % 4 == 0 ? rng() : 0);
+    kisam::store_at<int16_t>(pg.c, static_cast<int16_t>(k));
+    kisam::store_at<int16_t>(pg.c + 2, static_cast<int16_t>(n));
+    for (int i = 8; i < 8 + n * inc; ++i) pg.c[i] = static_cast<unsigned char>('0' + rng() % 10);
+}
+
+class LogDelta : public ::testing::TestWithParam<bool> {
+protected:
+    void SetUp() override { lg::use_plain_compare(GetParam()); }
+    void TearDown() override { lg::use_plain_compare(false); }
+};
+INSTANTIATE_TEST_SUITE_P(Compare, LogDelta, ::testing::Values(false, true),
+                         [](const auto& info) { return info.param ? "Plain" : "Vector"; });
+
+TEST_P(LogDelta, RandomPageChangesComeBackExactlyAndNoLongerThanTheWholePage) {
+    std::mt19937_64 rng(kt::test_seed(20261126));
+    std::vector<char> buf(4 * kP);
+    long moves = 0, small = 0, inserts = 0;
+    for (int round = 0; round < 20000; ++round) {
+        SCOPED_TRACE("round " + std::to_string(round));
+        Page was, now;
+        const int inc = 8 + static_cast<int>(rng() % 40);
+        const int order = (kP - 8) / inc;
+        const int n = 1 + static_cast<int>(rng() % (order - 1));
+        index_page(was, rng, static_cast<int>(rng() % 3), n, inc);
+        now = was;
+        int shift = 0;
+        const int op = static_cast<int>(rng() % 3);
+        const int j = static_cast<int>(rng() % n);
+        if (op == 0) {  // an item put in at j: those from j on move up
+            unsigned char* at = now.c + 8 + j * inc;
+            std::memmove(at + inc, at, static_cast<size_t>((n - j) * inc));
+            for (int i = 0; i < inc; ++i) at[i] = static_cast<unsigned char>('a' + rng() % 26);
+            kisam::store_at<int16_t>(now.c + 2, static_cast<int16_t>(n + 1));
+            shift = inc;
+        } else if (op == 1) {  // item j taken out: those after it move down
+            unsigned char* at = now.c + 8 + j * inc;
+            std::memmove(at, at + inc, static_cast<size_t>((n - 1 - j) * inc));
+            kisam::store_at<int16_t>(now.c + 2, static_cast<int16_t>(n - 1));
+            shift = -inc;
+        }
+        const bool pure = op != 2 && rng() % 2 == 0;
+        if (!pure) {
+            for (int k = static_cast<int>(rng() % 4); k > 0; --k) {  // bytes overwritten anywhere
+                const int at = static_cast<int>(rng() % kP);
+                const int len = std::min(kP - at, 1 + static_cast<int>(rng() % 80));
+                for (int i = 0; i < len; ++i) now.c[at + i] = static_cast<unsigned char>(rng());
+            }
+            if (rng() % 4 == 0) shift = static_cast<int>(rng() % 81) - 40;  // a wrong guess
+        }
+        uint32_t nent = 0;
+        char* const end = lg::put_delta(buf.data(), &nent, 4096, was.c, now.c, shift);
+        ASSERT_LE(end - buf.data(), static_cast<long>(sizeof(lg::lg_ent) + kP)) << "longer than the whole page";
+        Page got = was;
+        ASSERT_TRUE(replay_entries(buf.data(), end, nent, 4096, got.c));
+        ASSERT_EQ(std::memcmp(got.c, now.c, kP), 0) << "op " << op << " shift " << shift << " j " << j;
+        if (pure && op == 0) {
+            ++inserts;
+            // The count, the new item and one move: a few dozen bytes, not the items moved.
+            small += end - buf.data() <= 3 * 16 + 8 + 8 + static_cast<long>(lg::round8(inc)) + 8;
+        }
+        for (const char* p = buf.data(); p < end;) {
+            lg::lg_ent e;
+            std::memcpy(&e, p, sizeof e);
+            moves += e.le_kind == lg::kMoveEntry;
+            p += sizeof e + lg::round8(e.le_len);
+        }
+    }
+    EXPECT_GT(moves, 5000);
+    EXPECT_GT(inserts, 2000);
+    EXPECT_GE(small, inserts * 9 / 10) << "items put in were logged as the bytes they moved";
+}
+
+// The control page's bytes: runs of what changed, nothing when nothing did.
+TEST_P(LogDelta, ControlPageRunsComeBackExactly) {
+    std::mt19937_64 rng(kt::test_seed(7));
+    std::vector<char> buf(2 * kP);
+    for (int round = 0; round < 5000; ++round) {
+        unsigned char was[kisam::kFcpImage], now[kisam::kFcpImage];
+        for (auto& b : was) b = static_cast<unsigned char>(rng() % 3 ? 0 : rng());
+        std::memcpy(now, was, sizeof now);
+        for (int k = static_cast<int>(rng() % 5); k > 0; --k) now[rng() % sizeof now] ^= 1 + rng() % 255;
+        uint32_t nent = 0;
+        char* const end = lg::put_part(buf.data(), &nent, 0, lg::kControlEntry, was, now, kisam::kFcpImage);
+        if (std::memcmp(was, now, sizeof was) == 0) {
+            EXPECT_EQ(end, buf.data());
+            continue;
+        }
+        ASSERT_LE(end - buf.data(), static_cast<long>(sizeof(lg::lg_ent) + kisam::kFcpImage));
+        unsigned char got[kisam::kFcpImage];
+        std::memcpy(got, was, sizeof got);
+        const char* p = buf.data();
+        for (uint32_t i = 0; i < nent; ++i) {
+            lg::lg_ent e;
+            std::memcpy(&e, p, sizeof e);
+            ASSERT_EQ(e.le_kind, static_cast<uint32_t>(lg::kControlEntry));
+            ASSERT_LE(e.le_at + e.le_len, sizeof got);
+            std::memcpy(got + e.le_at, p + sizeof e, e.le_len);
+            p += sizeof e + lg::round8(e.le_len);
+        }
+        ASSERT_EQ(p, end);
+        ASSERT_EQ(std::memcmp(got, now, sizeof got), 0) << "round " << round;
+    }
+}
+
+// A move that reaches past the page, or of a kind replay does not know, is refused.
+TEST(LogEntry, EntriesThatDoNotFitThePageAreRefused) {
+    Page pg{};
+    const lg::lg_ent in{0, 1000, 8, lg::kMoveEntry};
+    const lg::lg_move past{0, 100, 0};
+    EXPECT_FALSE(lg::apply_entry(pg.c, in, &past));
+    const lg::lg_ent ok{0, 100, 8, lg::kMoveEntry};
+    const lg::lg_move from_past{1000, 100, 0};
+    EXPECT_FALSE(lg::apply_entry(pg.c, ok, &from_past));
+    const lg::lg_move padded{0, 10, 1};
+    EXPECT_FALSE(lg::apply_entry(pg.c, ok, &padded));
+    const lg::lg_ent odd{0, 0, 8, 9};
+    const lg::lg_move fine{0, 10, 0};
+    EXPECT_FALSE(lg::apply_entry(pg.c, odd, &fine));
+    EXPECT_TRUE(lg::apply_entry(pg.c, ok, &fine));
+}
+
+// ---- records of real processes -----------------------------------------------------------
+
+namespace ko = kt::oracle;
+const ko::Layout kL{8, 6, 4};
+constexpr int kSize = 60;
+
+class LogRecord : public ot::Env {
+protected:
+    // A replay that damages the file may leave an index whose reading never ends: the
+    // test then fails by its time bound instead of hanging.
+    void SetUp() override {
+        ot::Env::SetUp();
+        bound(280);
+    }
+    // The calls of the workload: ids put in, in a random order, then some taken out
+    // again among more put in, so that index pages gain and lose items in the middle.
+    struct Call {
+        bool del;
+        int id;
+    };
+    std::vector<Call> calls(int warm, int more) {
+        std::mt19937 rng(12345);
+        std::vector<int> ids(static_cast<size_t>(warm + more));
+        for (size_t i = 0; i < ids.size(); ++i) ids[i] = static_cast<int>(i) * 7;
+        std::shuffle(ids.begin(), ids.end(), rng);
+        std::vector<Call> c;
+        for (int i = 0; i < warm; ++i) c.push_back({false, ids[static_cast<size_t>(i)]});
+        std::vector<int> gone(ids.begin(), ids.begin() + warm);
+        std::shuffle(gone.begin(), gone.end(), rng);
+        for (int i = 0; i < more; ++i) {
+            if (i % 3 == 2) c.push_back({true, gone[static_cast<size_t>(i / 3)]});
+            else c.push_back({false, ids[static_cast<size_t>(warm + i)]});
+        }
+        return c;
+    }
+    static int apply(int fd, const Call& c) {
+        const std::string r = ko::record(kL, c.id, 0, kSize);
+        return c.del ? nisdelete(fd, const_cast<char*>(r.data())) : niswrite(fd, r.data(), kSize);
+    }
+    static ko::Model model(const std::vector<Call>& c, size_t n) {
+        ko::Model m;
+        for (size_t i = 0; i < n; ++i) {
+            if (c[i].del) m.erase(c[i].id);
+            else m[c[i].id] = ko::Rec{0, kSize};
+        }
+        return m;
+    }
+    std::string log_path() const { return lock() + ".w0"; }
+
+    // A child makes the calls and is killed once they returned, before any page reached
+    // the file; the segment goes.  The log then holds every call.
+    void leave_in_log(const std::string& file, const std::vector<Call>& c) {
+        const pid_t kid = hold([&] {
+            int fd = nisopen(file.c_str(), ISO_RDWR);
+            if (fd < 0) return 1;
+            for (const Call& x : c)
+                if (apply(fd, x) != 0) return 2;
+            return 0;
+        });
+        kill(kid);
+        ASSERT_TRUE(inst_->remove_segment());
+    }
+};
+
+// The log file's records of its current generation: header, and the offset of each.
+struct LogImage {
+    std::string bytes;
+    lg::lg_head head{};
+    std::vector<size_t> recs;
+    explicit LogImage(const std::string& path) : bytes(kt::slurp(path)) {
+        for (int i = 0; i < 2 && bytes.size() >= 1024; ++i) {
+            lg::lg_head h;
+            std::memcpy(&h, bytes.data() + i * 512, sizeof h);
+            if (h.lh_magic == lg::kHeadMagic && h.lh_gen >= head.lh_gen) head = h;
+        }
+        uint64_t lsn = head.lh_start;
+        for (size_t at = 1024; at + sizeof(lg::lg_rec) <= bytes.size();) {
+            lg::lg_rec r;
+            std::memcpy(&r, bytes.data() + at, sizeof r);
+            if (r.lr_magic != lg::kRecMagic || r.lr_gen != head.lh_gen || r.lr_lsn != lsn || r.lr_len < sizeof r)
+                break;
+            recs.push_back(at);
+            at += r.lr_len;
+            lsn += r.lr_len;
+        }
+    }
+    lg::lg_rec rec(size_t i) const {
+        lg::lg_rec r;
+        std::memcpy(&r, bytes.data() + recs[i], sizeof r);
+        return r;
+    }
+    // Rewrites record i's checksum for its present bytes.
+    void seal(size_t i) {
+        lg::lg_rec r = rec(i);
+        r.lr_sum = 0;
+        std::memcpy(bytes.data() + recs[i], &r, sizeof r);
+        r.lr_sum = lg::checksum(bytes.data() + recs[i], r.lr_len);
+        std::memcpy(bytes.data() + recs[i], &r, sizeof r);
+    }
+    // Rewrites the header in use with another version, sealed.
+    void set_version(uint32_t v) {
+        lg::lg_head h = head;
+        h.lh_version = v;
+        h.lh_sum = lg::checksum(&h, offsetof(lg::lg_head, lh_sum));
+        std::memcpy(bytes.data() + (h.lh_gen & 1) * 512, &h, sizeof h);
+    }
+    void save(const std::string& path) const { kt::spit(path, bytes); }
+};
+
+// A process killed before any store of the records of its calls: the first half of
+// them fill the pages once (the log holds each whole), the second half change those
+// pages again, so that their records hold runs and moves.  Killed at every store of the
+// second half, in turn, the file holds exactly the calls that returned.
+std::atomic<int>* g_returned = nullptr;
+int g_stores_left = 0;
+int killing_mstore(int fd, char* map, off_t off, const void* src, size_t n) {
+    if (g_stores_left > 0 && --g_stores_left == 0) ::kill(::getpid(), SIGKILL);
+    return kisam::os_real.mstore(fd, map, off, src, n);
+}
+
+TEST_F(LogRecord, KilledAtEveryStoreOfItsRecordsTheFileHoldsTheCallsThatReturned) {
+    constexpr int kWarm = 120, kMore = 30;
+    const std::vector<Call> c = calls(kWarm, kMore);
+    const std::string file = made("f", kL.lens());
+    const std::string fresh = kt::slurp(file);
+    std::atomic<int>& returned = shared<std::atomic<int>>();
+    g_returned = &returned;
+    int killed = 0;
+    for (int k = 1;; ++k) {
+        SCOPED_TRACE("killed at store " + std::to_string(k));
+        kt::spit(file, fresh);
+        returned.store(0);
+        const pid_t kid = spawn(1, [&](int) {
+            int fd = nisopen(file.c_str(), ISO_RDWR);
+            if (fd < 0) return 1;
+            for (size_t i = 0; i < c.size(); ++i) {
+                if (i == kWarm) {
+                    kisam::os.mstore = killing_mstore;
+                    g_stores_left = k;
+                }
+                if (apply(fd, c[i]) != 0) return 2;
+                g_returned->store(static_cast<int>(i + 1));
+            }
+            // Every store made: the test has gone past the last one.
+            return 0;
+        })[0];
+        const int st = kt::wait_child(kid);
+        ASSERT_TRUE(st == 0 || st == 128 + SIGKILL) << st;
+        ASSERT_TRUE(inst_->remove_segment() || st == 0);
+        const int n = returned.load();
+        ASSERT_GE(n, kWarm);
+        ASSERT_TRUE(ko::holds(file, kL, model(c, static_cast<size_t>(n))));
+        if (st == 0) break;
+        ++killed;
+    }
+    EXPECT_GE(killed, kMore) << "fewer stores than calls: the records were not stored through the mapping";
+}
+
+// The records of calls that change pages the log already holds are short: runs of
+// bytes and moves, not the pages.
+TEST_F(LogRecord, RecordsOfIndexChangesAreShortAndReplay) {
+    constexpr int kWarm = 150, kMore = 60;
+    const std::vector<Call> c = calls(kWarm, kMore);
+    const std::string file = made("f", kL.lens());
+    leave_in_log(file, c);
+    const LogImage img(log_path());
+    ASSERT_EQ(img.recs.size(), c.size());
+    size_t late = 0, moves = 0;
+    for (size_t i = kWarm; i < c.size(); ++i) {
+        const lg::lg_rec r = img.rec(i);
+        late += r.lr_len;
+        for (size_t at = img.recs[i] + sizeof r; at < img.recs[i] + r.lr_len;) {
+            lg::lg_ent e;
+            std::memcpy(&e, img.bytes.data() + at, sizeof e);
+            moves += e.le_kind == lg::kMoveEntry;
+            at += sizeof e + lg::round8(e.le_len);
+        }
+    }
+    EXPECT_LT(late / kMore, 700u) << "records hold the pages rather than what changed";
+    EXPECT_GT(moves, static_cast<size_t>(kMore)) << "no item moves were logged as moves";
+    EXPECT_TRUE(ko::holds(file, kL, model(c, c.size())));
+}
+
+// A record torn at its end (its last bytes never reached the disk) is no record: the
+// file holds the calls before it.
+TEST_F(LogRecord, ARecordTornAtItsEndIsNotReplayed) {
+    const std::vector<Call> c = calls(60, 20);
+    const std::string file = made("f", kL.lens());
+    leave_in_log(file, c);
+    LogImage img(log_path());
+    ASSERT_EQ(img.recs.size(), c.size());
+    const lg::lg_rec last = img.rec(c.size() - 1);
+    std::memset(img.bytes.data() + img.recs.back() + last.lr_len - 8, 0, 8);
+    img.save(log_path());
+    EXPECT_TRUE(ko::holds(file, kL, model(c, c.size() - 1)));
+}
+
+// A log whose records say what this library does not read is refused with an error, and
+// left for a library that does: an entry of an unknown kind in a record whole by its
+// checksum, or a header of a newer version.  A header of the first version is read.
+TEST_F(LogRecord, ALogOfAnotherVersionIsReplayedOrRefusedNeverMisread) {
+    const std::vector<Call> c = calls(60, 20);
+    const std::string file = made("f", kL.lens());
+    const std::string fresh = kt::slurp(file);
+    auto refused = [&](const char* what) {
+        SCOPED_TRACE(what);
+        const std::string log = kt::slurp(log_path());
+        EXPECT_EQ(nisopen(file.c_str(), ISO_RDWR), -1) << "opened over a log it cannot read";
+        EXPECT_EQ(is_errno, ISE_OPENF);
+        nisunisam();
+        EXPECT_EQ(kt::slurp(file), fresh) << "the file changed";
+        EXPECT_EQ(kt::slurp(log_path()), log) << "the log changed";
+    };
+    {
+        leave_in_log(file, c);
+        LogImage img(log_path());
+        ASSERT_EQ(img.recs.size(), c.size());
+        const size_t i = c.size() / 2;
+        lg::lg_ent e;
+        std::memcpy(&e, img.bytes.data() + img.recs[i] + sizeof(lg::lg_rec), sizeof e);
+        e.le_kind = 9;
+        std::memcpy(img.bytes.data() + img.recs[i] + sizeof(lg::lg_rec), &e, sizeof e);
+        img.seal(i);
+        img.save(log_path());
+        refused("an entry of an unknown kind");
+    }
+    {
+        ::unlink(log_path().c_str());
+        kt::spit(file, fresh);
+        leave_in_log(file, c);
+        LogImage img(log_path());
+        img.set_version(lg::kVersion + 1);
+        img.save(log_path());
+        refused("a header of a newer version");
+    }
+    {
+        ::unlink(log_path().c_str());
+        kt::spit(file, fresh);
+        leave_in_log(file, c);
+        LogImage img(log_path());
+        img.set_version(1);
+        img.save(log_path());
+        EXPECT_TRUE(ko::holds(file, kL, model(c, c.size()))) << "a log of the first version was not replayed";
+    }
+}
+
+}  // namespace
