@@ -1,5 +1,5 @@
-// Locks between real processes.  The lock words: exclusion and a refused cycle of waits
-// (a dead holder's word taken over: crash_mp_test).  Record locks: a randomized model of
+// Locks between real processes.  The lock words: a refused cycle of waits (a dead
+// holder's word taken over: crash_mp_test).  Record locks: a randomized model of
 // three processes that take, give back and wait for them and die holding them.  A
 // record-lock wait whose control lock cannot be taken back ends in ISE_DEADLOCK after its
 // bound.  Control locks, words taken in memory: crossed waits for two files refused to
@@ -64,35 +64,6 @@ protected:
     unsigned* opcl() { return &isam_com->opcl_lock; }
     unsigned* freel() { return &isam_com->free_lock; }
 };
-
-TEST_F(LockMp, OneHolderAtATime) {
-    // A slow read-modify-write under the lock: an overlapping holder shows as a wrong total.
-    char* area = alloccom(16);
-    ASSERT_NE(area, nullptr);
-    volatile int* counter = reinterpret_cast<volatile int*>(area);
-    volatile int* inside = counter + 1;
-    constexpr int kRounds = 200;
-    auto worker = [&] {
-        if (child_attach() != 0) return 2;
-        for (int i = 0; i < kRounds; ++i) {
-            if (is_lock(opcl()) != 0) return 3;
-            if (*inside != 0) return 4;
-            *inside = 1;
-            int v = *counter;
-            if (i % 16 == 0) ::usleep(200);
-            *counter = v + 1;
-            *inside = 0;
-            is_unlock(opcl());
-        }
-        return 0;
-    };
-    pid_t a = kt::start_child(worker);
-    pid_t b = kt::start_child(worker);
-    EXPECT_EQ(kt::wait_child(a), 0);
-    EXPECT_EQ(kt::wait_child(b), 0);
-    EXPECT_EQ(*counter, 2 * kRounds);
-    EXPECT_EQ(load(opcl()), 0u);
-}
 
 TEST_F(LockMp, CycleOfWaitsIsRefusedWithoutAborting) {
     // The parent holds opcl and waits for free; the child holds free and asks for opcl.
