@@ -257,6 +257,24 @@ protected:
 
 TEST_F(UndoTightPool, KillAtEveryPageWriteLeavesTheFileAsBefore) { kill_sweep(); }
 
+// Fails every pwrite at offset 0 of the data file named `fail_path` (its control page),
+// and only those, while set.
+std::string fail_path;
+int control_writes_failed = 0;
+ssize_t failing_control_pwrite(int fd, const void* b, size_t n, off_t off) {
+    if (off == 0 && !fail_path.empty()) {
+        char link[64], target[4096];
+        std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+        const ssize_t len = ::readlink(link, target, sizeof target - 1);
+        if (len > 0 && std::string(target, static_cast<size_t>(len)) == fail_path) {
+            ++control_writes_failed;
+            errno = ENOSPC;
+            return -1;
+        }
+    }
+    return kisam::os_real.pwrite(fd, b, n, off);
+}
+
 // A write whose commit cannot be written -- its log record, which carries the control
 // page -- learns it: -1 with ISE_FLWT under the release, and nothing of the call is
 // there, in the pool or, once writes succeed again, on the disk.
@@ -301,6 +319,38 @@ TEST_F(Undo, AFailedControlPageWriteFailsTheCallAndUndoesIt) {
     ASSERT_EQ(nisclose(fd), 0);
     nisunisam();
     EXPECT_TRUE(holds(f, before_records));
+}
+
+// A write-back whose control page cannot be written (nisflush, which returns 0 whatever
+// its flush did, then the last close) loses nothing: the calls stay in the log, and the
+// next process finds every record the calls made.
+TEST_F(Undo, AFailedControlPageWriteBackKeepsTheCalls) {
+    const std::string f = path("c");
+    std::vector<int> lens = kL.lens();
+    int fd = niscreate(f.c_str(), 3, lens.data());
+    ASSERT_GE(fd, 0);
+    for (int id = 0; id < 20; ++id) ASSERT_EQ(apply(fd, {"", kWrite, id, 0, 200 + 97 * id}), 0);
+    ASSERT_EQ(nisflush(fd), 0);
+    ASSERT_EQ(apply(fd, {"", kDelete, 3, 0, 0}), 0);
+    ASSERT_EQ(apply(fd, {"", kUpdate, 4, 1, 2500}), 0);
+    const ko::Model after = records_of(fd);
+    char real[4096];
+    const ssize_t len = ::realpath(f.c_str(), real) ? static_cast<ssize_t>(std::strlen(real)) : -1;
+    ASSERT_GT(len, 0);
+    fail_path = real;
+    control_writes_failed = 0;
+    kisam::os.pwrite = failing_control_pwrite;
+    EXPECT_EQ(nisflush(fd), 0);
+    EXPECT_EQ(control_writes_failed, 1);
+    EXPECT_EQ(records_of(fd), after) << "the calls are still there for this process";
+    EXPECT_EQ(apply(fd, {"", kWrite, 30, 0, 700}), 0) << "the file takes further calls";
+    EXPECT_EQ(apply(fd, {"", kDelete, 30, 0, 0}), 0);
+    nisclose(fd);  // its write-back fails the same way
+    nisunisam();
+    kisam::os = kisam::os_real;
+    fail_path.clear();
+    EXPECT_GE(control_writes_failed, 2);
+    EXPECT_TRUE(holds(f, after)) << "the next process finds the calls";
 }
 
 }  // namespace
