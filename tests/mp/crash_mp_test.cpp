@@ -1,8 +1,8 @@
-// A process that dies holding a lock never blocks the others: opcl_lock, free_lock,
-// buf_lock and a record lock are each taken by a child that is then killed, and the
-// survivors get through promptly (a dead holder's control lock: lock_mp_test's CtlWords;
-// the start-up lock: a process killed at every lock call of its attach, which it makes
-// holding it, below).
+// A process that dies holding a lock never blocks the others: opcl_lock, free_lock and
+// buf_lock are each taken by a child that is then killed, and the survivors get through
+// promptly (a dead holder's control lock: lock_mp_test's CtlWords, and its record locks:
+// its RecLock model; the start-up lock: a process killed at every lock call of its
+// attach, which it makes holding it, below).
 #include "../engine/open_fixture.h"
 #include "oracle.h"
 
@@ -76,37 +76,6 @@ TEST_F(Crash, CommonLockWords) {
         }
     }
 }
-
-TEST_F(Crash, RecordLockHolderDiesWhileOthersWait) {
-    int fd = create("f", {4});
-    ASSERT_GE(fd, 0);
-    pid_t holder = hold([&] {
-        if (is_chinit() != 0) return 1;
-        return nislock(fd, "key1", 4, 1);
-    });
-    // A waiter sleeps on the holder's lock ...
-    kt::Pipe started;
-    pid_t waiter = kt::start_child([&] {
-        if (is_chinit() != 0) return 1;
-        started.signal();
-        if (nislock(fd, "key", 3, 0) != 0) return 2;
-        nisunisam();
-        return 0;
-    });
-    ASSERT_EQ(started.wait(), 'x');
-    kt::await([&] { return kt::waiting(waiter); }, 1 << 30);
-    // ... and this process is refused without waiting; the holder then dies.
-    EXPECT_EQ(nislock(fd, "key1", 4, 1), -1);
-    kill(holder);
-    EXPECT_EQ(kt::wait_child(waiter), 0);
-    // The dead holder's entry is gone once someone meets it.
-    EXPECT_EQ(nislock(fd, "k", 1, 1), 0);
-    int n = 0;
-    for (RELt r = ot::shared_fcp(fd)->jd_lock_hd; r != KISAM_NOREL; r = kisam::rel_ptr<IS_RC>(r)->rc_next) ++n;
-    EXPECT_EQ(n, 1);
-    EXPECT_EQ(nisclose(fd), 0);
-}
-
 
 // A call that fails and is rolled back while another process opened the file: the
 // rollback puts the shared control page back as the call found it, but never its count

@@ -57,14 +57,18 @@ void on_stop(int) { g_stop = 1; }
 // closes anywhere (the first open enters the file in the shared table, the last close
 // frees its control page and buffers), heap blocks for record locks, buffers moving
 // between files -- so that kills land in those too.
+// Opens file, or ends the process with `code` and the library's message.
+int open_or_die(const std::string& file, const char* who, int code) {
+    const int fd = nisopen(file.c_str(), ISO_RDWR);
+    if (fd >= 0) return fd;
+    char msg[512];
+    niserrmsgget(msg, sizeof msg);
+    std::fprintf(stderr, "%s: open fails, errno %d: %s\n", who, is_errno, msg);
+    std::_Exit(code);
+}
+
 void churn(const std::string& file, std::mt19937_64& rng) {
-    int fd = nisopen(file.c_str(), ISO_RDWR);
-    if (fd < 0) {
-        char msg[512];
-        niserrmsgget(msg, sizeof msg);
-        std::fprintf(stderr, "churn: open fails, errno %d: %s\n", is_errno, msg);
-        std::_Exit(58);
-    }
+    const int fd = open_or_die(file, "churn", 58);
     const int id = 5000 + static_cast<int>(rng() % 300);
     std::string r = record(id, static_cast<int>(rng() % 100), kL.min() + static_cast<int>(rng() % 1500));
     if (nislock(fd, r.data(), kL.l0, 1) == 0) {
@@ -105,13 +109,7 @@ void churn(const std::string& file, std::mt19937_64& rng) {
 [[noreturn]] void worker(int slot, const std::string& file, const std::string& logpath, uint64_t seed) {
     ot::become_unattached();
     ::signal(SIGUSR1, on_stop);
-    int fd = nisopen(file.c_str(), ISO_RDWR);
-    if (fd < 0) {
-        char msg[512];
-        niserrmsgget(msg, sizeof msg);
-        std::fprintf(stderr, "worker %d: open fails, errno %d: %s\n", slot, is_errno, msg);
-        std::_Exit(50);
-    }
+    const int fd = open_or_die(file, "worker", 50);
     ko::Log::heal(logpath);
     ko::Log log(logpath);
     // How did the call of the worker before me end?
@@ -336,6 +334,22 @@ protected:
     long records_ = 0;
 };
 
+// Opens file, writes records first .. first + kCalls - 1 (a byte down `done`, when given,
+// for each that returned) and, with `close`, closes it and detaches; 0, or where it failed.
+constexpr int kCalls = 3;
+int write_calls(const std::string& file, int first, bool close, kt::Pipe* done = nullptr) {
+    const int fd = nisopen(file.c_str(), ISO_RDWR);
+    if (fd < 0) return 1;
+    for (int i = 0; i < kCalls; ++i) {
+        const std::string r = record(first + i, 1, 700 + 300 * i);
+        if (niswrite(fd, r.data(), static_cast<int>(r.size())) < 0) return 2;
+        if (done) done->signal();
+    }
+    if (close && nisclose(fd) != 0) return 3;
+    if (close) nisunisam();
+    return 0;
+}
+
 // A kill at the k-th write, sync or lock of a process that opens a file nobody else has
 // open, writes to it and closes it: whatever the kill cut (the open, a call, the last
 // close and its checkpoint), the file holds every call that returned, and at most the one
@@ -346,11 +360,10 @@ protected:
 TEST_F(KillTest, KilledAnywhereInAnOpenCallsAndTheLastClose) {
     std::string file, keep;
     small_pool_with_two_files(&file, &keep);
-    constexpr int kCalls = 3;
     long have = 0;
     int id = 0;
-    // Opens the file, makes kCalls writes (one byte down `done` for each that returned)
-    // and closes it; the k-th system call from the open on kills the process.
+    // Makes kCalls writes and closes the file; the k-th system call from the open on
+    // kills the process.
     auto child = [&](int k, kt::Pipe& done) {
         const int first = id;
         id += kCalls;
@@ -359,16 +372,7 @@ TEST_F(KillTest, KilledAnywhereInAnOpenCallsAndTheLastClose) {
             ot::become_unattached();
             kt::Faults kill;
             kill.arm(kt::Faults::kChanges, k, kt::Faults::kKill);
-            const int fd = nisopen(file.c_str(), ISO_RDWR);
-            if (fd < 0) return 1;
-            for (int i = 0; i < kCalls; ++i) {
-                const std::string r = record(first + i, 1, 700 + 300 * i);
-                if (niswrite(fd, r.data(), static_cast<int>(r.size())) < 0) return 2;
-                done.signal();
-            }
-            if (nisclose(fd) != 0) return 3;
-            nisunisam();
-            return 0;
+            return write_calls(file, first, true, &done);
         });
     };
     // How the child ended, and how many of its calls returned.
@@ -447,7 +451,6 @@ TEST_F(KillTest, KilledAnywhereInAnOpenCallsAndTheLastClose) {
 TEST_F(KillTest, ACleanerKilledAnywhereInTheLastCloseItFinishesLeavesItToTheNext) {
     std::string file, keep;
     small_pool_with_two_files(&file, &keep);
-    constexpr int kCalls = 3;
     long have = 0;
     int id = 0;
     bool whole = false;
@@ -458,14 +461,8 @@ TEST_F(KillTest, ACleanerKilledAnywhereInTheLastCloseItFinishesLeavesItToTheNext
         id += kCalls;
         ASSERT_EQ(kt::run_child([&] {
                       ot::become_unattached();
-                      const int fd = nisopen(file.c_str(), ISO_RDWR);
-                      if (fd < 0) return 1;
-                      for (int i = 0; i < kCalls; ++i) {
-                          const std::string r = record(first + i, 1, 700 + 300 * i);
-                          if (niswrite(fd, r.data(), static_cast<int>(r.size())) < 0) return 2;
-                      }
-                      ::raise(SIGKILL);
-                      return 3;
+                      if (write_calls(file, first, false) == 0) ::raise(SIGKILL);
+                      return 4;
                   }),
                   128 + SIGKILL);
         const int rc = kt::run_child([&] {

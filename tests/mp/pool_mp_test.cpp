@@ -161,38 +161,35 @@ TEST_F(PoolMp, StealingPassesOverAFileLockedElsewhere) {
     EXPECT_EQ(end(), 0);
 }
 
-TEST_F(PoolMp, WaitsOneSecondAtATimeWhileEverySlotIsFixed) {
-    start(cfg(2, 100));
-    int a = make_file("a.ism", 2);
-    int b = make_file("b.ism", 2);
-    kt::Pipe fixed;
-    pid_t child = fix_two_in_child(a, fixed, 1300);
-    ASSERT_EQ(fixed.wait(), 'x');
-    const uint16_t sleeps = isam_com->vr_nsleep;
-    begin(b);
-    get(1);
-    EXPECT_GE(isam_com->vr_nsleep, sleeps + 1);
-    EXPECT_EQ(end(), 0);
-    EXPECT_EQ(kt::wait_child(child), 0);
-}
-
-TEST_F(PoolMp, FixesOfAHolderThatDiedAreCleared) {
-    for (bool via_steal : {false, true}) {
-        SCOPED_TRACE(via_steal);
+// Every slot fixed by another process: the miss waits one second at a time while the
+// holder lives, and not at all once it died, whose fixes are cleared -- by the steal
+// scan, or by taking the dead holder's lock.
+TEST_F(PoolMp, EverySlotFixedElsewhereWaitsForALiveHolderNotForADeadOne) {
+    for (int how : {0, 1, 2}) {   // alive; killed, then a steal; killed, then its file
+        SCOPED_TRACE(how);
         start(cfg(2, 100));
         int a = make_file("a.ism", 2);
         int b = make_file("b.ism", 2);
         kt::Pipe fixed;
-        pid_t child = fix_two_in_child(a, fixed, -1);
+        pid_t child = fix_two_in_child(a, fixed, how == 0 ? 1300 : -1);
         ASSERT_EQ(fixed.wait(), 'x');
-        ::kill(child, SIGKILL);
-        EXPECT_EQ(kt::wait_child(child), 128 + SIGKILL);
-        EXPECT_EQ(fixed_slots(), 2);
+        if (how > 0) {
+            ::kill(child, SIGKILL);
+            EXPECT_EQ(kt::wait_child(child), 128 + SIGKILL);
+            EXPECT_EQ(fixed_slots(), 2);
+        }
         const uint16_t sleeps = isam_com->vr_nsleep;
-        begin(via_steal ? b : a);  // the steal scan, or taking the dead holder's lock
+        begin(how == 2 ? a : b);
         get(1);
-        EXPECT_EQ(isam_com->vr_nsleep, sleeps);
+        if (how == 0) {
+            EXPECT_GE(isam_com->vr_nsleep, sleeps + 1);
+        } else {
+            EXPECT_EQ(isam_com->vr_nsleep, sleeps);
+        }
         EXPECT_EQ(end(), 0);
+        if (how == 0) {
+            EXPECT_EQ(kt::wait_child(child), 0);
+        }
         EXPECT_EQ(fixed_slots(), 0);
         stop();
     }
