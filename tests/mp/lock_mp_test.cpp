@@ -491,9 +491,17 @@ TEST_F(RecLock, ProcessesTakingAndGivingBackLocksMatchTheModel) {
     auto replace = [&](int a) {
         const int pid = pid_of(a);
         kill(pid);
-        int pids[4] = {};
-        EXPECT_EQ(kisam_reap(pids, 4), 1);
-        EXPECT_EQ(pids[0], pid);
+        // A reap that finds one of the dead one's files held (a woken waiter at work in
+        // it) leaves the rest to a later look: look again until its slot is free.
+        const bool gone = kt::await([&] {
+            int pids[4] = {};
+            const int n = kisam_reap(pids, 4);
+            for (int k = 0; k < n && k < 4; ++k) EXPECT_EQ(pids[k], pid) << "a live process was reaped";
+            for (int i = 0; i < isam_com->maxusers; ++i)
+                if (is_env.pid_[i] == pid) return false;
+            return true;
+        });
+        EXPECT_TRUE(gone) << "the dead process keeps its slot";
         drop(pid, -1, all);
         launch(peers[a - 1]);
     };
@@ -794,7 +802,9 @@ TEST_F(WaitHook, ASignalBetweenSleepsIsNotLost) {
     ASSERT_EQ(nislock(fd, "ab", 2, 1), 0);
     for (bool record : {false, true}) {
         SCOPED_TRACE(record ? "record lock" : "control lock");
-        if (!record) ASSERT_EQ(nisgetctl(fd), 0);
+        if (!record) {
+            ASSERT_EQ(nisgetctl(fd), 0);
+        }
         const int st = kt::run_child([&] {
             kt::interrupting_usr1();
             if (is_chinit() != 0) return 1;
@@ -805,7 +815,9 @@ TEST_F(WaitHook, ASignalBetweenSleepsIsNotLost) {
             return seen.signals == 1 ? 0 : 3;
         });
         EXPECT_EQ(st, 0) << "128 + 14: the wait went on after the signal";
-        if (!record) ASSERT_EQ(nisrelctl(fd), 0);
+        if (!record) {
+            ASSERT_EQ(nisrelctl(fd), 0);
+        }
     }
     EXPECT_EQ(nisunlock(fd, "ab", 2, 0), 0);
 }
