@@ -142,6 +142,16 @@ protected:
             return 0;
         });
     }
+    // A child that grows the file: records 600 to 2999, generation 1.  Its exit status.
+    int grow_in_child() {
+        return in_child([](int fd) {
+            for (unsigned id = 600; id < 3000; ++id) {
+                const std::string rec = record(id, 1);
+                if (niswrite(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 81;
+            }
+            return 0;
+        });
+    }
     // A child that opens the file and runs body(fd), which stops where it says `ready` to
     // the parent until signalled: with fetch_hook in place ('f') at its first miss, after
     // the read of the page (or dies there with kill_at_fetch).  Returns once it has
@@ -382,14 +392,7 @@ TEST_F(FileReads, AFileThatGrewIsMappedAgain) {
         nisunisam();
         return 0;
     }, 'r');
-    EXPECT_EQ(in_child([&](int fd) {
-                  for (unsigned id = 600; id < 3000; ++id) {
-                      const std::string rec = record(id, 1);
-                      if (niswrite(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 81;
-                  }
-                  return 0;
-              }),
-              0);
+    EXPECT_EQ(grow_in_child(), 0);
     down_.signal('g');
     EXPECT_EQ(kt::wait_child(r), 0);
     EXPECT_TRUE(kt::sound(path_));
@@ -605,14 +608,7 @@ TEST_F(FileReads, WritersMissesAreCopiedFromTheMappingAlsoAfterTheFileGrew) {
         nisunisam();
         return 0;
     }, 'r');
-    EXPECT_EQ(in_child([&](int fd) {
-                  for (unsigned id = 600; id < 3000; ++id) {
-                      const std::string rec = record(id, 1);
-                      if (niswrite(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 81;
-                  }
-                  return 0;
-              }),
-              0);
+    EXPECT_EQ(grow_in_child(), 0);
     down_.signal('g');
     EXPECT_EQ(kt::wait_child(r), 0);
     ids_ = 3000;
