@@ -152,6 +152,13 @@ protected:
             return 0;
         });
     }
+    // Grows the file from another process while child r waits, then lets r go on and
+    // collects it.
+    void grow_then_release(pid_t r) {
+        EXPECT_EQ(grow_in_child(), 0);
+        down_.signal('g');
+        EXPECT_EQ(kt::wait_child(r), 0);
+    }
     // A child that opens the file and runs body(fd), which stops where it says `ready` to
     // the parent until signalled: with fetch_hook in place ('f') at its first miss, after
     // the read of the page (or dies there with kill_at_fetch).  Returns once it has
@@ -392,9 +399,7 @@ TEST_F(FileReads, AFileThatGrewIsMappedAgain) {
         nisunisam();
         return 0;
     }, 'r');
-    EXPECT_EQ(grow_in_child(), 0);
-    down_.signal('g');
-    EXPECT_EQ(kt::wait_child(r), 0);
+    grow_then_release(r);
     EXPECT_TRUE(kt::sound(path_));
 }
 
@@ -608,9 +613,7 @@ TEST_F(FileReads, WritersMissesAreCopiedFromTheMappingAlsoAfterTheFileGrew) {
         nisunisam();
         return 0;
     }, 'r');
-    EXPECT_EQ(grow_in_child(), 0);
-    down_.signal('g');
-    EXPECT_EQ(kt::wait_child(r), 0);
+    grow_then_release(r);
     ids_ = 3000;
     kisam::os.pread = plain_pread;  // no mapping: every page by a read call
     EXPECT_EQ(in_child([&](int fd) { return read_all(fd, 2); }), 0);
