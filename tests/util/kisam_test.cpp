@@ -27,6 +27,13 @@
 #include <cstring>
 #include <vector>
 
+// Every test checks, as the library makes each record of a log, that what a unit noted of
+// its changes of a page covers all it changed there: a change made without its note
+// would otherwise show only at a replay.
+namespace {
+[[maybe_unused]] const bool noted_checked = (lg_check_noted(true), true);
+}  // namespace
+
 namespace kt {
 
 struct is_config to_record(const Config& c) {

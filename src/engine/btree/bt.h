@@ -15,6 +15,7 @@
 // failure in the middle of a split or a repair leaves the pages already written.
 #pragma once
 
+#include "jn.h"
 #include "layout.h"
 
 #include <cstdint>
@@ -80,6 +81,27 @@ inline PAGE bt_ptr(const IS_DATA* d, int i, int inc) {
 inline void bt_setptr(IS_DATA* d, int i, int inc, PAGE p) {
     store_at<PAGE>(d->c + bt_ptr_off(i, inc), p);
 }
+
+// What putting an item in at j of a page of n items changes (jn_touch_part): items j..
+// move up one place, and the count and the new item's bytes change.  Taking item j out
+// of n: items after it move down one place, and the count changes.  Exchanging the 4
+// bytes at `at`: those bytes.
+inline uint32_t bt_blocks(int lo, int hi) {
+    uint32_t m = 0;
+    for (int b = lo / 32; b * 32 < hi; ++b) m |= uint32_t{1} << b;
+    return m;
+}
+inline jn_change bt_put_change(int j, int n, int inc) {
+    const int at = bt_item_off(j, inc);
+    return {bt_blocks(2, 4) | bt_blocks(at, at + inc), static_cast<uint16_t>(at), static_cast<uint16_t>((n - j) * inc),
+            static_cast<int16_t>(inc)};
+}
+inline jn_change bt_take_change(int j, int n, int inc) {
+    const int at = bt_item_off(j, inc);
+    return {bt_blocks(2, 4), static_cast<uint16_t>(at + inc), static_cast<uint16_t>((n - 1 - j) * inc),
+            static_cast<int16_t>(-inc)};
+}
+inline jn_change bt_swap_change(int at) { return {bt_blocks(at, at + 4), 0, 0, 0}; }
 
 // A page read for key keyno can be worked on: right key, item count within the order.
 // Anything else is a damaged tree and is refused rather than walked.

@@ -73,7 +73,7 @@ int bt_delete(int keyno, PAGE page, char* item, PAGE parent) noexcept {
 
     if (j < n && is_same(item, d->c + bt_item_off(j, inc), static_cast<short>(kp->k_ncomp))) {
         if (child == KISAM_NOPAGE) {
-            if (jn_touch(page, d) != 0) {
+            if (jn_touch_part(page, d, kisam::bt_take_change(j, n, inc)) != 0) {
                 v_unsafe(page, d->c);
                 return is_push(PROC(P_BT_DELETE, 3));
             }
@@ -127,7 +127,7 @@ int bt_delete_found(int keyno, char* item) noexcept {
         return 1;
     }
     kisam::bt_found.page = KISAM_NOPAGE;
-    if (jn_touch(f.page, d) != 0) {
+    if (jn_touch_part(f.page, d, kisam::bt_take_change(j, n, inc)) != 0) {
         v_unsafe(f.page, d->c);
         return failed(3);
     }

@@ -99,7 +99,7 @@ int bt_exchange_found(int keyno, char* item) noexcept {
         return 1;
     }
     kisam::db_cursor(is_curdb, keyno)->currpage = f.page;
-    if (jn_touch(f.page, d) != 0) {
+    if (jn_touch_part(f.page, d, kisam::bt_swap_change(bt_item_off(j, len + 4) + kp->k_offset)) != 0) {
         v_unsafe(f.page, d->c);
         return failed();
     }
@@ -172,7 +172,7 @@ int bt_insert(int keyno, PAGE page, char* item, int depth, int forcef) noexcept 
         if (is_same(item, x, static_cast<short>(kp->k_ncomp))) {
             cur->currpage = pno;
             if (forcef) {
-                if (jn_touch(pno, d) != 0) {
+                if (jn_touch_part(pno, d, kisam::bt_swap_change(bt_item_off(j, inc) + kp->k_offset)) != 0) {
                     v_unsafe(pno, d->c);
                     return is_push(PROC(P_BT_INSERT, 4));
                 }
@@ -208,7 +208,7 @@ int bt_insert(int keyno, PAGE page, char* item, int depth, int forcef) noexcept 
         new_page = KISAM_NOPAGE;
     }
 
-    if (jn_touch(pno, d) != 0) {
+    if (jn_touch_part(pno, d, n < order ? kisam::bt_put_change(j, n, inc) : kJnAnywhere) != 0) {
         v_unsafe(pno, d->c);
         return is_push(PROC(P_BT_INSERT, n < order ? 7 : 9));
     }

@@ -55,12 +55,32 @@ int jn_ready(void) noexcept;
 int jn_begin(void) noexcept;
 // Saves the before-image of page pno of the current file (d: its content now) unless
 // the unit saved it already.  0, or -1 (error raised: ISE_RDWT, v_write detail 1) when
-// the journal cannot take it; the caller then fails before changing the page.
+// the journal cannot take it; the caller then fails before changing the page.  The page
+// counts as changed anywhere (jn_change).
 int jn_touch(PAGE pno, const IS_DATA* d) noexcept;
+// What a unit may have changed in a page since its before-image, as the places that
+// change it said before each change: the 32-byte blocks (bit i: bytes [32 i, 32 i + 32)),
+// and, when the page's first change was items moving as one, that move (mv_len bytes
+// from mv_from to mv_from + mv_by; mv_by 0: none).  Every byte outside the moved bytes'
+// new place and outside the blocks is as in the before-image; within the new place the
+// bytes are those moved, but where a block says otherwise.  The commit then compares
+// only those blocks (lg.h).
+struct jn_change {
+    uint32_t blocks;
+    uint16_t mv_from, mv_len;
+    int16_t mv_by;
+};
+inline constexpr jn_change kJnAnywhere = {~0u, 0, 0, 0};
+// jn_touch for a change confined to c: the caller changes nothing else of the page
+// until its next jn_touch or jn_touch_part.  A move counts as such only as the page's
+// first change in the unit; after another change its bytes count as blocks.
+int jn_touch_part(PAGE pno, const IS_DATA* d, const jn_change& c) noexcept;
 // True while a unit is running in this process.
 bool jn_active(void) noexcept;
-// The before-image of page pno of the current file saved by the running unit, or null.
-const IS_DATA* jn_before(PAGE pno) noexcept;
+// The before-image of page pno of the current file saved by the running unit, or null;
+// with `chg`, also what the unit noted of its changes (kJnAnywhere when nothing narrower
+// is known).
+const IS_DATA* jn_before(PAGE pno, jn_change* chg = nullptr) noexcept;
 // The control page image of fcp as the running unit of this process found it; false when
 // no unit of fcp's file is running here.
 bool jn_unit_fcp(const IS_FCP* fcp, unsigned char out[kisam::kFcpImage]) noexcept;

@@ -21,6 +21,7 @@
 #pragma once
 
 #include "is_error.h"
+#include "jn.h"
 #include "isx_area.h"
 #include "layout.h"
 
@@ -112,6 +113,8 @@ struct Own {
     uint32_t* pno = nullptr;
     uint32_t* stamp = nullptr;
     uint32_t* idx = nullptr;
+    // By before-image number: what the unit noted of its changes of that page (jn_touch_part).
+    jn_change* chg = nullptr;
     uint32_t cap = 0;
     uint32_t gen = 0;
     // The file whose path jh_path holds.

@@ -99,12 +99,15 @@ bool seen_grow() noexcept {
     uint32_t* np = static_cast<uint32_t*>(std::calloc(ncap, sizeof(uint32_t)));
     uint32_t* ns = static_cast<uint32_t*>(std::calloc(ncap, sizeof(uint32_t)));
     uint32_t* ni = static_cast<uint32_t*>(std::calloc(ncap, sizeof(uint32_t)));
-    if (!np || !ns || !ni) {
+    jn_change* nc = static_cast<jn_change*>(std::calloc(ncap, sizeof(jn_change)));
+    if (!np || !ns || !ni || !nc) {
         std::free(np);
         std::free(ns);
         std::free(ni);
+        std::free(nc);
         return false;
     }
+    if (own.cap) std::memcpy(nc, own.chg, own.cap * sizeof(jn_change));
     for (uint32_t i = 0; i < own.cap; ++i) {
         if (own.stamp[i] != own.gen) continue;
         uint32_t k = (own.pno[i] >> 10) * 0x9E3779B1u & (ncap - 1);
@@ -116,22 +119,36 @@ bool seen_grow() noexcept {
     std::free(own.pno);
     std::free(own.stamp);
     std::free(own.idx);
+    std::free(own.chg);
     own.pno = np;
     own.stamp = ns;
     own.idx = ni;
+    own.chg = nc;
     own.cap = ncap;
     return true;
 }
 
-// True when pno was saved in this unit; otherwise records it (false).  A table that
-// cannot grow answers false, and the page is saved again: harmless, only slower.
-bool seen(PAGE pno, uint32_t count) noexcept {
-    if (2 * (count + 1) > own.cap && !seen_grow()) return false;
+// True when pno was saved in this unit (*at: the number of its image); otherwise
+// records it (false).  A table that cannot grow answers false, and the page is saved
+// again: harmless, only slower -- but what was noted of its changes no longer covers
+// them, so the page counts as changed anywhere (*at: -1).
+bool seen(PAGE pno, uint32_t count, int64_t* at) noexcept {
+    *at = -1;
+    if (2 * (count + 1) > own.cap && !seen_grow()) {
+        uint32_t k = (pno >> 10) * 0x9E3779B1u & (own.cap - 1);
+        for (uint32_t i = 0; i < own.cap && own.stamp[k] == own.gen; ++i, k = (k + 1) & (own.cap - 1))
+            if (own.pno[k] == pno) own.chg[own.idx[k]] = kJnAnywhere;
+        return false;
+    }
     uint32_t k = (pno >> 10) * 0x9E3779B1u & (own.cap - 1);
     while (own.stamp[k] == own.gen) {
-        if (own.pno[k] == pno) return true;
+        if (own.pno[k] == pno) {
+            *at = own.idx[k];
+            return true;
+        }
         k = (k + 1) & (own.cap - 1);
     }
+    *at = count;
     own.pno[k] = pno;
     own.stamp[k] = own.gen;
     own.idx[k] = count;
@@ -277,14 +294,27 @@ int jn_begin(void) noexcept {
     return 0;
 }
 
-int jn_touch(PAGE pno, const IS_DATA* d) noexcept {
+int jn_touch(PAGE pno, const IS_DATA* d) noexcept { return jn_touch_part(pno, d, kJnAnywhere); }
+
+int jn_touch_part(PAGE pno, const IS_DATA* d, const jn_change& c) noexcept {
     // A unit made the count odd when it began; a change outside one makes sure here.
     if (!own.active) v_changing(is_curfcp, current_file());
     if (kisam::test_hook) kisam::test_hook(kisam::kHookTouch, current_file());
     if (!own.active || pno >= own.oldlast || pno == 0) return 0;
     jn_head* h = own.m.h;
     const uint32_t n = h->jh_npages;
-    if (seen(pno, n)) return 0;
+    int64_t at;
+    if (seen(pno, n, &at)) {
+        // A later change: its move, if any, is only bytes that changed.
+        jn_change& e = own.chg[at];
+        e.blocks |= c.blocks;
+        if (c.mv_by != 0) {
+            const int lo = c.mv_by < 0 ? c.mv_from + c.mv_by : c.mv_from;
+            const int hi = c.mv_from + c.mv_len + (c.mv_by > 0 ? c.mv_by : 0);
+            for (int b = lo / 32; b * 32 < hi && b < 32; ++b) e.blocks |= 1u << b;
+        }
+        return 0;
+    }
     if (n >= h->jh_capacity) {
         if (grow_own() != 0) {
             // Forget the page again: it was not saved.
@@ -298,20 +328,24 @@ int jn_touch(PAGE pno, const IS_DATA* d) noexcept {
     jn_image* e = images(h) + n;
     e->ji_pno = pno;
     std::memcpy(&e->ji_data, d, sizeof e->ji_data);
+    if (at >= 0) own.chg[at] = c;
     std::atomic_ref<uint32_t>(h->jh_npages).store(n + 1, std::memory_order_release);
     return 0;
 }
 
 bool jn_active(void) noexcept { return own.active; }
 
-const IS_DATA* jn_before(PAGE pno) noexcept {
+const IS_DATA* jn_before(PAGE pno, jn_change* chg) noexcept {
+    if (chg) *chg = kJnAnywhere;
     if (!own.active || !own.stamp || pno >= own.oldlast || pno == 0 || !is_curfcp || own.fcp != is_curfcp)
         return nullptr;
     uint32_t k = (pno >> 10) * 0x9E3779B1u & (own.cap - 1);
     while (own.stamp[k] == own.gen) {
         if (own.pno[k] == pno) {
             const uint32_t i = own.idx[k];
-            return i < own.m.h->jh_npages ? &images(own.m.h)[i].ji_data : nullptr;
+            if (i >= own.m.h->jh_npages) return nullptr;
+            if (chg) *chg = own.chg[i];
+            return &images(own.m.h)[i].ji_data;
         }
         k = (k + 1) & (own.cap - 1);
     }

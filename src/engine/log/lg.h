@@ -132,3 +132,9 @@ void lg_recover_all(void) noexcept;
 // Whether some log holds calls of the file of device dev and inode ino not yet in the
 // file.  Holds nothing; for programs that read files directly.
 bool lg_pending(uint64_t dev, uint64_t ino) noexcept;
+
+// For tests: with `on`, each page's entries in a record are applied to its before-image
+// again as they are made, and a result that is not the page ends the process with a
+// message (a change made without its note, jn_touch_part, would otherwise show only at a
+// replay).
+void lg_check_noted(bool on) noexcept;

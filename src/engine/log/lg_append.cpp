@@ -71,6 +71,7 @@ struct PageArg {
     const IS_DATA* data;
     const IS_DATA* before;
     int slot;  // -1: not a slot of the pool (no delta: its log mark is unknown)
+    jn_change chg;  // what the unit noted of its changes since `before`
 };
 
 // The pages of a record: an array, or (for a rollback's compensation, which must not
@@ -81,7 +82,7 @@ struct Pages {
     const void* ctx = nullptr;
     PageArg operator[](int i) const noexcept {
         if (arr) return arr[i];
-        PageArg a{0, nullptr, nullptr, -1};
+        PageArg a{0, nullptr, nullptr, -1, kJnAnywhere};
         at(ctx, i, &a.pno, &a.data);
         return a;
     }
@@ -122,7 +123,7 @@ int append(IS_FCP* fcp, int u, const Pages& pages, int n, uint16_t flags, bool b
         // what the call changed (rule 3).
         if (!befores && a.before && !(mark & ISX_LSN_FULL) && mark > start) {
             const auto* was = reinterpret_cast<const unsigned char*>(a.before->c);
-            p = put_delta(p, &nent, off, was, now, item_shift(fcp, was, now));
+            p = put_delta(p, &nent, off, was, now, fcp, a.chg);
             continue;
         }
         p = put_whole(p, &nent, off, kPageEntry, now, kisam::kPage);
@@ -252,14 +253,17 @@ int lg_commit(IS_FCP* fcp, int u, const int16_t* slots, int n, uint64_t* end_lsn
         // The slots' log marks lie apart from the slots, in a table of every slot: asked
         // for now, they are there by the time the pages have been compared.
         __builtin_prefetch(kisam::isx_lsn(slots[i]), 1);
-        a[i] = {b->bu_pno, &b->bu_data, jn_before(b->bu_pno), slots[i]};
+        a[i].pno = b->bu_pno;
+        a[i].data = &b->bu_data;
+        a[i].before = jn_before(b->bu_pno, &a[i].chg);
+        a[i].slot = slots[i];
     }
     return append(fcp, u, Pages{a}, n, 0, false, true, end_lsn);
 }
 
 int lg_steal(IS_FCP* fcp, int u, int s) noexcept {
     const IS_BUF* b = is_env.buf_ + s;
-    const PageArg a{b->bu_pno, &b->bu_data, jn_before(b->bu_pno), -1};
+    const PageArg a{b->bu_pno, &b->bu_data, jn_before(b->bu_pno), -1, kJnAnywhere};
     uint64_t end = 0;
     // Outside a unit nothing can be undone: the page is simply committed alone.
     const bool open = jn_active();

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -151,9 +153,115 @@ char* put_runs(char* p, uint32_t* nent, uint64_t off, uint32_t kind, const u8* w
     return p;
 }
 
+bool checking = false;
+
+// One run of changed bytes, [lo, hi).
+struct Run {
+    int lo, hi;
+};
+
+// The entries of a page whose changes the unit noted: the move, then the runs of bytes
+// that differ from the page as the move leaves it, in the noted blocks only.  Null when
+// they would take more room than the page whole (nothing written then).
+char* put_noted(char* p, uint32_t* nent, uint64_t off, const u8* was, const u8* now, const jn_change& c) noexcept {
+    uint32_t blocks = c.blocks;
+    int dlo = 0, dhi = 0, by = 0;  // where the move put its bytes, and how far
+    if (c.mv_by != 0) {
+        const int from = c.mv_from, len = c.mv_len;
+        by = c.mv_by;
+        if (from + len > kP || from + by < 0 || from + by + len > kP) return nullptr;
+        if (len >= kMoveFrom) {
+            dlo = from + by;
+            dhi = dlo + len;
+        } else {
+            // Too short to pay for its entry: its bytes are compared as blocks.
+            const int lo = by < 0 ? from + by : from, hi = from + len + (by > 0 ? by : 0);
+            for (int b = lo / kBlock; b * kBlock < hi; ++b) blocks |= uint32_t{1} << b;
+            by = 0;
+        }
+    }
+    // The runs: a run ends at a block without a change (one noted is compared; one not
+    // noted is as the move left it).
+    Run runs[kP / kBlock / 2 + 1];
+    int nr = 0, last = -2;
+    size_t bytes = dhi > dlo ? sizeof(lg_ent) + sizeof(lg_move) : 0;
+    while (blocks) {
+        const int i = std::countr_zero(blocks);
+        blocks &= blocks - 1;
+        const int b0 = i * kBlock;
+        uint32_t m;
+        if (b0 + kBlock <= dlo || b0 >= dhi) {
+            m = byte_diffs(was + b0, now + b0);
+        } else if (b0 - by >= 0 && b0 - by + kBlock <= kP) {
+            // The bytes of the block that the move filled against where they came from,
+            // the others against the page as it was.
+            const uint32_t in = below(std::min(dhi, b0 + kBlock) - b0) & ~below(std::max(dlo, b0) - b0);
+            m = (byte_diffs(was + b0, now + b0) & ~in) | (byte_diffs(was + b0 - by, now + b0) & in);
+        } else {
+            u8 base[kBlock];
+            for (int x = 0; x < kBlock; ++x) {
+                const int at = b0 + x;
+                base[x] = at >= dlo && at < dhi ? was[at - by] : was[at];
+            }
+            m = byte_diffs(base, now + b0);
+        }
+        if (!m) continue;
+        const int lo = b0 + std::countr_zero(m), hi = b0 + kBlock - std::countl_zero(m);
+        if (i == last + 1) {
+            bytes += static_cast<size_t>(hi - runs[nr - 1].hi);
+            runs[nr - 1].hi = hi;
+        } else {
+            runs[nr++] = {lo, hi};
+            bytes += sizeof(lg_ent) + static_cast<size_t>(hi - lo) + 7;
+        }
+        last = i;
+    }
+    if (bytes > sizeof(lg_ent) + kP) return nullptr;
+    if (dhi > dlo) {
+        const lg_ent e{off, static_cast<uint16_t>(dlo), 8, kMoveEntry};
+        std::memcpy(p, &e, sizeof e);
+        const lg_move mv{static_cast<uint16_t>(dlo - by), static_cast<uint16_t>(dhi - dlo), 0};
+        std::memcpy(p + sizeof e, &mv, sizeof mv);
+        p += sizeof e + sizeof mv;
+        ++*nent;
+    }
+    for (int r = 0; r < nr; ++r) p = put_bytes(p, off, kPageEntry, runs[r].lo, runs[r].hi, now);
+    *nent += static_cast<uint32_t>(nr);
+    return p;
+}
+
+// Applies the nent entries at p to a copy of was; whether that gives now.
+bool entries_give(const char* p, uint32_t nent, const u8* was, const u8* now) noexcept {
+    u8 page[kP];
+    std::memcpy(page, was, kP);
+    for (uint32_t i = 0; i < nent; ++i) {
+        lg_ent e;
+        std::memcpy(&e, p, sizeof e);
+        if (!apply_entry(page, e, p + sizeof e)) return false;
+        p += sizeof e + round8(e.le_len);
+    }
+    return std::memcmp(page, now, kP) == 0;
+}
+
 }  // namespace
 
 void use_plain_compare(bool plain) noexcept { dirty_blocks = plain ? dirty_plain : pick_dirty(); }
+
+
+char* put_delta(char* p, uint32_t* nent, uint64_t off, const unsigned char* was, const unsigned char* now,
+                const IS_FCP* fcp, const jn_change& chg) noexcept {
+    const uint32_t n0 = *nent;
+    char* end = nullptr;
+    if (chg.blocks != ~0u || chg.mv_by != 0) end = put_noted(p, nent, off, was, now, chg);
+    if (!end) end = put_delta(p, nent, off, was, now, item_shift(fcp, was, now));
+    if (checking && !entries_give(p, *nent - n0, was, now)) {
+        std::fprintf(stderr,
+                     "kisam: the log's entries of the page at %llu miss a change (noted blocks %08x, move %u+%u by %d)\n",
+                     static_cast<unsigned long long>(off), chg.blocks, chg.mv_from, chg.mv_len, chg.mv_by);
+        std::abort();
+    }
+    return end;
+}
 
 int item_shift(const IS_FCP* fcp, const unsigned char* was, const unsigned char* now) noexcept {
     const int16_t k = kisam::load_at<int16_t>(was);
@@ -216,3 +324,5 @@ bool apply_entry(unsigned char* page, const lg_ent& e, const void* payload) noex
 }
 
 }  // namespace kisam::lg
+
+void lg_check_noted(bool on) noexcept { kisam::lg::checking = on; }

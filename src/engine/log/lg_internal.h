@@ -15,6 +15,7 @@
 
 #include "is_error.h"
 #include "isx_area.h"
+#include "jn.h"
 #include "layout.h"
 
 #include <atomic>
@@ -125,6 +126,11 @@ inline int last_diff(const unsigned char* a, const unsigned char* b, int lo, int
 // bytes that differ, and, with `shift`, the items that moved `shift` bytes as one move.
 char* put_delta(char* p, uint32_t* nent, uint64_t off, const unsigned char* was, const unsigned char* now,
                 int shift) noexcept;
+// The same for a page whose changes since `was` the unit noted (jn_change): only the
+// noted blocks are compared, and a noted move is taken as it is; with nothing noted
+// (kJnAnywhere), put_delta with the move guessed by item_shift.
+char* put_delta(char* p, uint32_t* nent, uint64_t off, const unsigned char* was, const unsigned char* now,
+                const IS_FCP* fcp, const jn_change& chg) noexcept;
 // The first len bytes of now against was, as entries of `kind` (the control page).
 char* put_part(char* p, uint32_t* nent, uint64_t off, uint32_t kind, const unsigned char* was,
                const unsigned char* now, int len) noexcept;

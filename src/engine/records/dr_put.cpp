@@ -116,10 +116,17 @@ int cdp_min(const IS_FCP* fcp) {
 
 }  // namespace
 
+// The 32-byte blocks of a page that [lo, hi) touches (jn_change).
+inline uint32_t blocks(int lo, int hi) {
+    uint32_t m = 0;
+    for (int b = lo / 32; b * 32 < hi; ++b) m |= uint32_t{1} << b;
+    return m;
+}
+
 // Places reclen bytes in shared page bp (position drp).  Returns the record address,
 // 0 when the bytes do not fit in this page, 0xFFFFFFFF for a page without a free chunk
-// when reclen <= 0 (or a damaged free list).
-static PAGE dr_putrec(const char* recptr, int reclen, PAGE drp, char* bp) noexcept {
+// when reclen <= 0 (or a damaged free list).  *noted gains the blocks it changed.
+static PAGE dr_putrec(const char* recptr, int reclen, PAGE drp, char* bp, uint32_t* noted) noexcept {
     int head = first_free(bp);
     if (head == 0) return reclen > 0 ? 0 : KISAM_NOPAGE;
     if (free_total(bp) < 0) return KISAM_NOPAGE;
@@ -136,13 +143,19 @@ static PAGE dr_putrec(const char* recptr, int reclen, PAGE drp, char* bp) noexce
                     set_page_word(bp, chunk_next(bp, c));
                 else
                     set_chunk_next(bp, prev, chunk_next(bp, c));
+                *noted |= prev == 0 ? blocks(0, 2) : blocks(prev, prev + 2);
                 seg = c;
             } else {             // the record goes to the chunk's end; the front stays
                 set_chunk_avail(bp, c, a - n);
+                *noted |= blocks(c + 2, c + 4);
                 seg = c + a - n;
             }
             put_last(bp, seg, recptr, reclen);
-            if (seg == c) mark_slack(bp, seg, reclen, a);
+            *noted |= blocks(seg, seg + 2 + reclen);
+            if (seg == c) {
+                mark_slack(bp, seg, reclen, a);
+                *noted |= blocks(seg + n, seg + a);
+            }
             return drp + static_cast<PAGE>(seg);
         }
         if (r > 0) r = dr_need(r) <= a ? 0 : r - (a - 3);
@@ -150,6 +163,7 @@ static PAGE dr_putrec(const char* recptr, int reclen, PAGE drp, char* bp) noexce
     if (r > 0) return 0;
 
     // Pieces, following the free list: every chunk before the last is consumed whole.
+    *noted = ~0u;
     const char* src = recptr;
     int remaining = reclen;
     for (int c = head; c != 0;) {
@@ -265,12 +279,18 @@ PAGE dr_put(const char* recptr, int reclen) noexcept {
             return KISAM_NOPAGE;
         }
         IS_DATA* pg = v_read(p);
-        if (pg == nullptr || jn_touch(p, pg) != 0) {
+        // The before-image first; what changes is noted once it is known.
+        if (pg == nullptr || jn_touch_part(p, pg, jn_change{0, 0, 0, 0}) != 0) {
             if (pg) v_unsafe(p, pg->c);
             is_push(PROC(P_DR_PUT, 1));
             return KISAM_NOPAGE;
         }
-        PAGE a = dr_putrec(tail, t, p, pg->c);
+        uint32_t noted = 0;
+        PAGE a = dr_putrec(tail, t, p, pg->c, &noted);
+        if (noted && jn_touch_part(p, pg, jn_change{noted, 0, 0, 0}) != 0) {
+            is_push(PROC(P_DR_PUT, 1));
+            return KISAM_NOPAGE;
+        }
         if (a == KISAM_NOPAGE) {   // the page's free list is damaged
             is_raise(ISE_BTS, PROC(P_DR_PUT, 2));
             return KISAM_NOPAGE;
@@ -293,7 +313,8 @@ PAGE dr_put(const char* recptr, int reclen) noexcept {
         }
         set_page_word(pg->c, 2);
         set_chunk(pg->c, 2, 0, kPage - 2);
-        PAGE a = dr_putrec(tail, t, p, pg->c);
+        uint32_t noted = 0;   // a new page: logged whole
+        PAGE a = dr_putrec(tail, t, p, pg->c, &noted);
         if (a == KISAM_NOPAGE || a == 0) {
             is_raise(ISE_BTS, PROC(P_DR_PUT, a == 0 ? 5 : 4));
             return KISAM_NOPAGE;
@@ -353,7 +374,7 @@ int dr_rewrite(PAGE drp, const char* recptr, int reclen) noexcept {
         v_unsafe(p, bp);
         return 0;
     }
-    if (jn_touch(p, pg) != 0) {
+    if (jn_touch_part(p, pg, jn_change{blocks(s, s + 2 + reclen), 0, 0, 0}) != 0) {
         v_unsafe(p, bp);
         return is_push(PROC(P_DR_REL, 1));
     }
