@@ -171,7 +171,8 @@ int bt_getnxt(int keyno, PAGE ins_pg, int offset, PAGE parent, PAGE page) noexce
     // ins_pg is read before the leaf changes, so a failed read leaves the leaf intact.
     IS_DATA* ip = v_read(ins_pg);
     if (ip == nullptr) return is_push(PROC(P_BT_GETNXT, 3));
-    if (jn_touch(page, d) != 0 || jn_touch(ins_pg, ip) != 0) {
+    if (jn_touch_part(page, d, jn_change{kisam::bt_blocks(2, 4), 0, 0, 0}) != 0 ||
+        jn_touch_part(ins_pg, ip, jn_change{kisam::bt_blocks(offset, offset + len), 0, 0, 0}) != 0) {
         v_unsafe(ins_pg, ip->c);
         v_unsafe(page, d->c);
         return is_push(PROC(P_BT_GETNXT, 4));
@@ -240,7 +241,18 @@ int bt_unflow(int keyno, PAGE parent, PAGE page) noexcept {
             v_unsafe(rpno, rd->c);
             return is_raise(ISE_BTS, PROC(P_BT_UNFLOW, 0x0D));
         }
-        if (jn_touch(page, d) != 0 || jn_touch(parent, pp) != 0 || jn_touch(rpno, rd) != 0) {
+        // What each page changes: a merge fills the page after S and takes S out of the
+        // parent (R is given back); a borrow fills the page after S, puts a new separator
+        // in S's place and moves R's remaining items down.
+        const int at = bt_item_off(nu, inc), sk = bt_item_off(k, inc);
+        const bool merge = nb - nu < 2;
+        const int m = merge ? 0 : (nb - nu) / 2;
+        const jn_change cd{kisam::bt_blocks(2, 4) | kisam::bt_blocks(at, at + len + 4 + (merge ? nb : m - 1) * inc), 0, 0, 0};
+        const jn_change cp = merge ? kisam::bt_take_change(k, np, inc) : jn_change{kisam::bt_blocks(sk, sk + len), 0, 0, 0};
+        const jn_change cr = merge ? kJnAnywhere
+                                   : jn_change{kisam::bt_blocks(2, 4), static_cast<uint16_t>(bt_ptr_off(m, inc)),
+                                               static_cast<uint16_t>(4 + (nb - m) * inc), static_cast<int16_t>(-m * inc)};
+        if (jn_touch_part(page, d, cd) != 0 || jn_touch_part(parent, pp, cp) != 0 || jn_touch_part(rpno, rd, cr) != 0) {
             v_unsafe(page, d->c);
             v_unsafe(parent, pp->c);
             v_unsafe(rpno, rd->c);
@@ -250,7 +262,7 @@ int bt_unflow(int keyno, PAGE parent, PAGE page) noexcept {
         std::memcpy(d->c + bt_item_off(nu, inc), s, sz(len));
         char* tail = d->c + bt_item_off(nu, inc) + len;   // pointer right of S in page
 
-        if (nb - nu < 2) {
+        if (merge) {
             // Merge: page takes S, R's pointer 0 and all of R; the parent loses S and its
             // right pointer.
             std::memmove(s, s + inc, sz((np - 1 - k) * inc));
@@ -267,7 +279,6 @@ int bt_unflow(int keyno, PAGE parent, PAGE page) noexcept {
         }
 
         // Borrow m items: S, then R's items 0 .. m-2; R's item m-1 is the new separator.
-        const int m = (nb - nu) / 2;
         std::memcpy(tail, rd->c + bt_ptr_off(0, inc), sz(4 + (m - 1) * inc));
         d->bt.bt_nitems = static_cast<int16_t>(nu + m);
         std::memcpy(s, rd->c + bt_item_off(m - 1, inc), sz(len));
@@ -300,7 +311,21 @@ int bt_unflow(int keyno, PAGE parent, PAGE page) noexcept {
         v_unsafe(lpno, ld->c);
         return is_raise(ISE_BTS, PROC(P_BT_UNFLOW, 6));
     }
-    if (jn_touch(page, d) != 0 || jn_touch(parent, pp) != 0 || jn_touch(lpno, ld) != 0) {
+    // What each page changes: a merge fills L after its items and drops the parent's
+    // last item (the page is given back); a borrow moves the page's content up, fills
+    // its front, puts a new separator in S's place and drops L's last items.
+    const bool merge = nl - nu < 2;
+    const int m = merge ? 0 : (nl - nu) / 2;
+    const int sl = bt_item_off(np - 1, inc), al = bt_item_off(nl, inc), am = bt_item_off(m > 0 ? m - 1 : 0, inc);
+    const jn_change cd =
+        merge ? kJnAnywhere
+              : jn_change{kisam::bt_blocks(2, 4) | kisam::bt_blocks(am, am + len) |
+                              kisam::bt_blocks(bt_ptr_off(0, inc), bt_ptr_off(0, inc) + 4 + (m - 1) * inc),
+                          static_cast<uint16_t>(bt_ptr_off(0, inc)), static_cast<uint16_t>(4 + nu * inc),
+                          static_cast<int16_t>(m * inc)};
+    const jn_change cp{kisam::bt_blocks(2, 4) | (merge ? 0 : kisam::bt_blocks(sl, sl + len)), 0, 0, 0};
+    const jn_change cl{kisam::bt_blocks(2, 4) | (merge ? kisam::bt_blocks(al, al + len + 4 + nu * inc) : 0), 0, 0, 0};
+    if (jn_touch_part(page, d, cd) != 0 || jn_touch_part(parent, pp, cp) != 0 || jn_touch_part(lpno, ld, cl) != 0) {
         v_unsafe(page, d->c);
         v_unsafe(parent, pp->c);
         v_unsafe(lpno, ld->c);
@@ -308,7 +333,7 @@ int bt_unflow(int keyno, PAGE parent, PAGE page) noexcept {
     }
     char* s = pp->c + bt_item_off(np - 1, inc);
 
-    if (nl - nu < 2) {
+    if (merge) {
         // Merge into L: S, then page's pointer 0 and all of page.
         std::memcpy(ld->c + bt_item_off(nl, inc), s, sz(len));
         std::memcpy(ld->c + bt_item_off(nl, inc) + len, d->c + bt_ptr_off(0, inc),
@@ -327,7 +352,6 @@ int bt_unflow(int keyno, PAGE parent, PAGE page) noexcept {
     // Borrow m items: page's content moves up m slots; S becomes its item m-1, L's items
     // nl-m+1 .. nl-1 (with the pointer left of the first) fill the front, and L's item
     // nl-m becomes the new separator.
-    const int m = (nl - nu) / 2;
     std::memmove(d->c + bt_ptr_off(m, inc), d->c + bt_ptr_off(0, inc), sz(4 + nu * inc));
     std::memcpy(d->c + bt_item_off(m - 1, inc), s, sz(len));
     std::memcpy(d->c + bt_ptr_off(0, inc), ld->c + bt_ptr_off(nl - m + 1, inc),

@@ -406,12 +406,14 @@ int dr_rel(PAGE drp) noexcept {
     if (drp == KISAM_NOPAGE || (drp & 1) != 0 || !page_ok(p)) return is_raise(ISE_BTS, PROC(P_DR_REL, 1));
     IS_DATA* pg = v_read(p);
     if (pg == nullptr) return is_push(PROC(P_DR_REL, 1));
-    if (jn_touch(p, pg) != 0) {
+    // The before-image first; the chunk words the release changes are noted at its end.
+    if (jn_touch_part(p, pg, jn_change{0, 0, 0, 0}) != 0) {
         v_unsafe(p, pg->c);
         return is_push(PROC(P_DR_REL, 1));
     }
     char* bp = pg->c;
     const unsigned char* ub = reinterpret_cast<const unsigned char*>(bp);
+    uint32_t noted = 0;
 
     int s = static_cast<int>(drp & kDrLowMask);
     if (s != 0 && free_total(bp) < 0) return is_raise(ISE_BTS, PROC(P_DR_REL, 3));
@@ -464,14 +466,17 @@ int dr_rel(PAGE drp) noexcept {
                 set_chunk_next(bp, before, s);
             else
                 set_page_word(bp, s);
+            noted |= blocks(s, s + 4) | (before != 0 ? blocks(before, before + 2) : blocks(0, 2));
             merged = s;
         }
+        noted |= blocks(merged, merged + 4);
         if (after != 0 && after - e <= 3) {
             const int aend = after + chunk_avail(bp, after);
             set_chunk(bp, merged, chunk_next(bp, after), aend - merged);
         }
         s = next;
     }
+    if (noted && jn_touch_part(p, pg, jn_change{noted, 0, 0, 0}) != 0) return is_push(PROC(P_DR_REL, 5));
 
     if (dr_sync(drp, bp, -1) != 0) return is_push(PROC(P_DR_REL, 5));
     return 0;
