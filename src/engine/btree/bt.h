@@ -88,7 +88,7 @@ inline void bt_setptr(IS_DATA* d, int i, int inc, PAGE p) {
 // bytes at `at`: those bytes.
 inline uint32_t bt_blocks(int lo, int hi) {
     uint32_t m = 0;
-    for (int b = lo / 32; b * 32 < hi; ++b) m |= uint32_t{1} << b;
+    for (int b = lo < 0 ? 0 : lo / 32; b * 32 < hi && b < 32; ++b) m |= uint32_t{1} << b;
     return m;
 }
 inline jn_change bt_put_change(int j, int n, int inc) {

@@ -311,7 +311,7 @@ int jn_touch_part(PAGE pno, const IS_DATA* d, const jn_change& c) noexcept {
         if (c.mv_by != 0) {
             const int lo = c.mv_by < 0 ? c.mv_from + c.mv_by : c.mv_from;
             const int hi = c.mv_from + c.mv_len + (c.mv_by > 0 ? c.mv_by : 0);
-            for (int b = lo / 32; b * 32 < hi && b < 32; ++b) e.blocks |= 1u << b;
+            for (int b = lo < 0 ? 0 : lo / 32; b * 32 < hi && b < 32; ++b) e.blocks |= 1u << b;
         }
         return 0;
     }

@@ -119,7 +119,7 @@ int cdp_min(const IS_FCP* fcp) {
 // The 32-byte blocks of a page that [lo, hi) touches (jn_change).
 inline uint32_t blocks(int lo, int hi) {
     uint32_t m = 0;
-    for (int b = lo / 32; b * 32 < hi; ++b) m |= uint32_t{1} << b;
+    for (int b = lo < 0 ? 0 : lo / 32; b * 32 < hi && b < 32; ++b) m |= uint32_t{1} << b;
     return m;
 }
 
