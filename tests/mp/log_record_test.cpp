@@ -205,6 +205,41 @@ TEST_P(LogDelta, NotedChangesComeBackExactly) {
     EXPECT_GE(small, single * 9 / 10) << "items put in were logged as the bytes they moved";
 }
 
+// A page logged whole in effect gives every byte whatever the page held before (a page
+// past the file's end, one freed and reused): with its zeros copied onward from a few
+// when it has a long run of them, else whole.  A new data page with one record costs a
+// third of the page.
+TEST(LogEntry, PagesLoggedWholeGiveEveryByteWhateverThePageHeld) {
+    std::mt19937_64 rng(kt::test_seed(20261128));
+    std::vector<char> buf(2 * kP);
+    for (int round = 0; round < 5000; ++round) {
+        SCOPED_TRACE("round " + std::to_string(round));
+        Page pg;
+        for (auto& b : pg.c) b = static_cast<unsigned char>(rng() % 3 ? rng() : 0);
+        // Zero or more runs of zeros anywhere, of any length.
+        for (int k = static_cast<int>(rng() % 3); k > 0; --k) {
+            const int at = static_cast<int>(rng() % kP);
+            const int len = std::min(kP - at, static_cast<int>(rng() % kP));
+            std::memset(pg.c + at, 0, static_cast<size_t>(len));
+        }
+        uint32_t nent = 0;
+        char* const end = lg::put_fresh(buf.data(), &nent, 8192, pg.c);
+        ASSERT_LE(end - buf.data(), static_cast<long>(sizeof(lg::lg_ent) + kP));
+        Page got;
+        for (auto& b : got.c) b = static_cast<unsigned char>(rng());
+        ASSERT_TRUE(replay_entries(buf.data(), end, nent, 8192, got.c));
+        ASSERT_EQ(std::memcmp(got.c, pg.c, kP), 0);
+    }
+    // A data page made for one record of 100 bytes: its header, the record at its end.
+    Page data{};
+    kisam::store_at<uint16_t>(data.c, 0x8002);
+    kisam::store_at<int16_t>(data.c + 4, static_cast<int16_t>(kP - 2 - 102));
+    for (int i = kP - 102; i < kP; ++i) data.c[i] = 'r';
+    uint32_t nent = 0;
+    const long len = lg::put_fresh(buf.data(), &nent, 8192, data.c) - buf.data();
+    EXPECT_LT(len, kP / 3);
+}
+
 // A change that its note does not cover is caught as the record is made (the tests run
 // with the check on), not left for a replay to lose.
 TEST(LogEntryDeath, AChangeOutsideItsNoteEndsTheProcess) {

@@ -126,7 +126,7 @@ int append(IS_FCP* fcp, int u, const Pages& pages, int n, uint16_t flags, bool b
             p = put_delta(p, &nent, off, was, now, fcp, a.chg);
             continue;
         }
-        p = put_whole(p, &nent, off, kPageEntry, now, kisam::kPage);
+        p = befores ? put_whole(p, &nent, off, kPageEntry, now, kisam::kPage) : put_fresh(p, &nent, off, now);
         if (befores && a.before)
             p = put_whole(p, &nent, off, kBeforeEntry, reinterpret_cast<const unsigned char*>(a.before->c),
                           kisam::kPage);

@@ -304,6 +304,68 @@ char* put_part(char* p, uint32_t* nent, uint64_t off, uint32_t kind, const unsig
     return put_runs(p, nent, off, kind, was, now, dirty_blocks(was, now, len), len);
 }
 
+char* put_fresh(char* p, uint32_t* nent, uint64_t off, const unsigned char* page) noexcept {
+    // The longest run of zeros; a page made new in the call has one (after its items, or
+    // between a data page's header and the record at its end).
+    // By blocks of zeros first (bit i: block i is all zero), then a byte at a time at the
+    // edges of the longest run of them.
+    uint32_t zero = 0;
+    for (int i = 0; i < kP / kBlock; ++i)
+        zero |= static_cast<uint32_t>((word(page, i * kBlock) | word(page, i * kBlock + 8) |
+                                       word(page, i * kBlock + 16) | word(page, i * kBlock + 24)) == 0)
+                << i;
+    int best = 0, first = 0;
+    for (uint32_t z = zero; z;) {
+        const int at = std::countr_zero(z);
+        const int n = std::countr_one(z >> at);
+        if (n > best) best = n, first = at;
+        z = at + n >= 32 ? 0 : z & ~((uint32_t{1} << (at + n)) - 1);
+    }
+    int zlo = first * kBlock, zhi = (first + best) * kBlock;
+    if (best > 0) {
+        while (zlo > 0 && page[zlo - 1] == 0) --zlo;
+        while (zhi < kP && page[zhi] == 0) ++zhi;
+    }
+    // The zeros are written once, kBlock of them, and copied onward, each copy doubling
+    // what is known to be zero: a move entry costs 24 bytes however much it copies.
+    const int lead = zlo + kBlock;
+    int moves = 0;
+    for (int known = kBlock, end = lead; end < zhi; end += std::min(known, zhi - end), known *= 2) ++moves;
+    const size_t fresh = sizeof(lg_ent) + round8(static_cast<size_t>(lead)) +
+                         static_cast<size_t>(moves) * (sizeof(lg_ent) + sizeof(lg_move)) +
+                         (zhi < kP ? sizeof(lg_ent) + round8(static_cast<size_t>(kP - zhi)) : 0);
+    if (zhi - zlo < 4 * kBlock || fresh >= sizeof(lg_ent) + kP) return put_whole(p, nent, off, kPageEntry, page, kP);
+    char* const start = p;
+    const uint32_t n0 = *nent;
+    p = put_bytes(p, off, kPageEntry, 0, lead, page);
+    ++*nent;
+    for (int known = kBlock, end = lead; end < zhi; known *= 2) {
+        const int len = std::min(known, zhi - end);
+        const lg_ent e{off, static_cast<uint16_t>(end), 8, kMoveEntry};
+        const lg_move mv{static_cast<uint16_t>(zlo), static_cast<uint16_t>(len), 0};
+        std::memcpy(p, &e, sizeof e);
+        std::memcpy(p + sizeof e, &mv, sizeof mv);
+        p += sizeof e + sizeof mv;
+        ++*nent;
+        end += len;
+    }
+    if (zhi < kP) {
+        p = put_bytes(p, off, kPageEntry, zhi, kP, page);
+        ++*nent;
+    }
+    if (checking) {
+        // Whatever the page held before, the entries give it.
+        u8 any[kP];
+        std::memset(any, 0xA5, sizeof any);
+        if (!entries_give(start, *nent - n0, any, page)) {
+            std::fprintf(stderr, "kisam: the log's entries of the new page at %llu do not give it\n",
+                         static_cast<unsigned long long>(off));
+            std::abort();
+        }
+    }
+    return p;
+}
+
 char* put_whole(char* p, uint32_t* nent, uint64_t off, uint32_t kind, const unsigned char* bytes, int len) noexcept {
     ++*nent;
     return put_bytes(p, off, kind, 0, len, bytes);

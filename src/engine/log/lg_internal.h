@@ -134,6 +134,12 @@ char* put_delta(char* p, uint32_t* nent, uint64_t off, const unsigned char* was,
 // The first len bytes of now against was, as entries of `kind` (the control page).
 char* put_part(char* p, uint32_t* nent, uint64_t off, uint32_t kind, const unsigned char* was,
                const unsigned char* now, int len) noexcept;
+// Page `page` whole in effect: entries that give every byte whatever the page held --
+// where it has a long run of zeros, its bytes around them and the zeros copied onward
+// from a few of them, else the page whole.  For a commit's record only: a record that
+// leaves its call open holds each page as one entry (replay pairs it with the
+// before-image that follows).
+char* put_fresh(char* p, uint32_t* nent, uint64_t off, const unsigned char* page) noexcept;
 // The first len bytes of `bytes`, whole.
 char* put_whole(char* p, uint32_t* nent, uint64_t off, uint32_t kind, const unsigned char* bytes, int len) noexcept;
 // Pages are compared with the widest vectors the processor has; with `plain`, without
