@@ -133,8 +133,8 @@ void lg_recover_all(void) noexcept;
 // file.  Holds nothing; for programs that read files directly.
 bool lg_pending(uint64_t dev, uint64_t ino) noexcept;
 
-// For tests: with `on`, each page's entries in a record are applied to its before-image
-// again as they are made, and a result that is not the page ends the process with a
-// message (a change made without its note, jn_touch_part, would otherwise show only at a
-// replay).
+// For tests: with `on`, each page's entries in a record are applied as they are made --
+// a page's changes to its before-image, a page taken whole to a page of other bytes --
+// and a result that is not the page ends the process with a message (a change made
+// without its note, jn_touch_part, would otherwise show only at a replay).
 void lg_check_noted(bool on) noexcept;
