@@ -333,6 +333,94 @@ TEST_F(GroupCommit, SyncLeftByAJumpIsGivenUp) {
 }
 
 
+// ---- a log cut short under its writer ----------------------------------------------------
+//
+// Another program cuts a log short while a process stores records into it through its
+// mapping.  The store that meets the cut fails that call with an error code, never the
+// process with SIGBUS; the call is absent.  The next call brings the file up to date on
+// disk and starts the log anew, so calls go on and survive what follows: a clean close,
+// a kill (the next to attach replays what the log holds), or a kill before anything
+// healed (the replay gives the calls up to the cut, a prefix).
+
+class LogCut : public ot::Env {};
+
+// Where the next record of slot 0's log goes, as a byte of the log file.
+uint64_t log_tail() {
+    const isx_file* x = kisam::isx_file_of(0);
+    return 1024 + x->xf_log_end - x->xf_log_start;
+}
+
+TEST_F(LogCut, TheCallThatMeetsTheCutFailsAndTheFileStaysSound) {
+    bound(120);
+    const std::string file = made("f", {8});
+    const std::string log = lock() + ".w0";
+    // What each round does after the cut: 0 goes on and closes, 1 goes on and is killed,
+    // 2 is killed at once.
+    struct Round {
+        off_t cut;
+        int then;
+    };
+    const Round rounds[] = {{0, 0}, {4096, 0}, {8192, 1}, {0, 1}, {4096, 2}, {0, 2}};
+    struct Out {
+        int before, after;  // calls that returned before the cut, and after the failed one
+        int err, code;      // the failed call's result and error
+    };
+    Out* out = &shared<Out>();
+    int r = 0;
+    for (const Round& round : rounds) {
+        SCOPED_TRACE("round " + std::to_string(r));
+        const int base = r * 1000;
+        *out = Out{};
+        const int st = kt::run_child([&] {
+            int fd = nisopen(file.c_str(), ISO_RDWR);
+            if (fd < 0) return 1;
+            // Past a few pages of the log, so that the tail's page lies wholly past a cut.
+            int i = 0;
+            while (log_tail() < static_cast<uint64_t>(round.cut) + 3 * 4096 || i < 5) {
+                if (niswrite(fd, rec(base + i).data(), 48) != 0) return 2;
+                out->before = ++i;
+            }
+            if (::truncate(log.c_str(), round.cut) != 0) return 3;
+            out->err = niswrite(fd, rec(base + i).data(), 48);
+            out->code = is_errno;
+            if (round.then == 2) ::raise(SIGKILL);
+            for (int k = 1; k <= 20; ++k) {
+                if (niswrite(fd, rec(base + i + k).data(), 48) != 0) return 4;
+                out->after = k;
+            }
+            if (round.then == 1) ::raise(SIGKILL);
+            if (nisclose(fd) != 0) return 5;
+            nisunisam();
+            return 0;
+        });
+        ASSERT_EQ(st, round.then == 0 ? 0 : 128 + SIGKILL) << "the cut cost the process, not the call";
+        EXPECT_EQ(out->err, -1) << "a store past the cut went unnoticed";
+        EXPECT_EQ(out->code, ISE_FLWT);
+        if (round.then != 0) inst_->remove_segment();  // the next attach replays the log
+        ASSERT_TRUE(kt::sound(file));
+        ASSERT_EQ(is_init(), 0) << is_errno;
+        int fd = nisopen(file.c_str(), ISO_RDWR);
+        ASSERT_GE(fd, 0) << is_errno;
+        const int n = out->before;
+        if (round.then == 2) {
+            // The calls up to some point before the cut: the replay stops where it is.
+            int k = 0;
+            while (k < n && look(fd, base + k) == 0) ++k;
+            for (int j = k; j <= n + 20; ++j) EXPECT_EQ(look(fd, base + j), 1) << "not a prefix at " << j;
+            // What the log lost is gone for good; the next round starts from what is there.
+        } else {
+            for (int j = 0; j < n; ++j) EXPECT_EQ(look(fd, base + j), 0) << j;
+            EXPECT_EQ(look(fd, base + n), 1) << "the failed call left its record";
+            for (int j = 1; j <= out->after; ++j) EXPECT_EQ(look(fd, base + n + j), 0) << n + j;
+            EXPECT_EQ(out->after, 20);
+        }
+        EXPECT_EQ(nisclose(fd), 0);
+        nisunisam();
+        ASSERT_TRUE(kt::sound(file));
+        ++r;
+    }
+}
+
 // ---- rollbacks left in a journal ---------------------------------------------------------
 
 // (A rollback that a full disk left in a journal, found and applied: the tool's

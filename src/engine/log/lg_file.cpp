@@ -4,6 +4,7 @@
 
 #include "is_access.h"
 #include "os.h"
+#include "v_pool.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -121,8 +122,12 @@ int log_fd(int u) noexcept {
     // written was replaced behind the installation's back (never by the library, which
     // never cuts a log back): stores through a mapping of it could fall past its end, so
     // its records go by pwrite.
+    // A store that faults all the same (a page the disk cannot read back, the log cut
+    // short after this check) must cost the call, not the process: the stores are armed
+    // against SIGBUS, which needs the pool's handler in place.
     struct stat st;
-    if (kisam::os.fstat(fd, &st) == 0 && static_cast<uint64_t>(st.st_size) >= zeros(u).load()) {
+    if (kisam::os.fstat(fd, &st) == 0 && static_cast<uint64_t>(st.st_size) >= zeros(u).load() &&
+        v_mapped_install()) {
         const int e = errno;
         fds.map[u] = kisam::os_map(fd, fds.window);
         errno = e;
@@ -205,6 +210,23 @@ int extend(int u, int fd, off_t need) noexcept {
     const int rc = grow_locked(u, fd, need);
     size_unlock(fd);
     return rc;
+}
+
+void cut_short(int u, int fd) noexcept {
+    const int e = errno;
+    {
+        NoSignals quiet;
+        if (size_lock(fd, true) == 0) {
+            // What lies past the log's end is gone: the zeros are written again from
+            // there before a record may land on it.
+            struct stat st;
+            if (kisam::os.fstat(fd, &st) == 0 && static_cast<uint64_t>(st.st_size) < zeros(u).load())
+                zeros(u).store(static_cast<uint64_t>(st.st_size), std::memory_order_release);
+            size_unlock(fd);
+        }
+    }
+    at32(xfile(u)->xf_log_cut).store(1, std::memory_order_release);
+    errno = e;
 }
 
 void extend_ahead(int u) noexcept {
