@@ -123,19 +123,21 @@ bool seen_grow() noexcept {
     return true;
 }
 
-// True when pno was saved in this unit; otherwise records it (false).  A table that
-// cannot grow answers false, and the page is saved again: harmless, only slower.
-bool seen(PAGE pno, uint32_t count) noexcept {
-    if (2 * (count + 1) > own.cap && !seen_grow()) return false;
+// 1 when pno was saved in this unit; otherwise records it (0).  A table that cannot grow
+// still takes the page while it has a free slot left (its probes only get longer); -1
+// when it has none: the page must not be saved twice, since a rollback puts the images
+// back in their order and the second one is not the page as the unit found it.
+int seen(PAGE pno, uint32_t count) noexcept {
+    if (2 * (count + 1) > own.cap && !seen_grow() && count + 1 >= own.cap) return -1;
     uint32_t k = (pno >> 10) * 0x9E3779B1u & (own.cap - 1);
     while (own.stamp[k] == own.gen) {
-        if (own.pno[k] == pno) return true;
+        if (own.pno[k] == pno) return 1;
         k = (k + 1) & (own.cap - 1);
     }
     own.pno[k] = pno;
     own.stamp[k] = own.gen;
     own.idx[k] = count;
-    return false;
+    return 0;
 }
 
 // Lets go of the journal mapped now.  One inherited through fork is the parent's journal,
@@ -284,10 +286,16 @@ int jn_touch(PAGE pno, const IS_DATA* d) noexcept {
     if (!own.active || pno >= own.oldlast || pno == 0) return 0;
     jn_head* h = own.m.h;
     const uint32_t n = h->jh_npages;
-    if (seen(pno, n)) return 0;
+    const int was = seen(pno, n);
+    if (was > 0) return 0;
+    if (was < 0) return fail(1);
     if (n >= h->jh_capacity) {
         if (grow_own() != 0) {
-            // Forget the page again: it was not saved.
+            // Forget the page again: it was not saved.  Clearing its slot cannot cut
+            // another page's probe chain: it was recorded just now, the last entry of the
+            // table, and entries are never removed otherwise, so the slot was empty when
+            // every other page was placed -- no page's chain runs through it.  The table
+            // is as it was before this touch.
             uint32_t k = (pno >> 10) * 0x9E3779B1u & (own.cap - 1);
             while (own.stamp[k] == own.gen && own.pno[k] != pno) k = (k + 1) & (own.cap - 1);
             own.stamp[k] = 0;
