@@ -18,11 +18,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -188,6 +190,69 @@ TEST_F(Log, RecordsStoredThroughTheMappingAndWrittenWithPwriteReplayAsOneLog) {
     ASSERT_EQ(kisam_last_recovery(&r), 0);
     EXPECT_EQ(r.self, 0);
     EXPECT_EQ(r.logs, 0) << "replayed twice";
+}
+
+// The replay at attach writes the calls into the file and then starts the log anew:
+// the file must be on disk before the new header is, or a power cut between the two
+// leaves a log that no longer holds the calls over a file that lost them.  The system
+// calls of the replay, in their order: the file's writes, its sync, then the log's
+// header and its sync.
+std::vector<std::string>* g_calls = nullptr;
+std::string g_data;
+char kind_of(int fd) {
+    char link[64], name[4096];
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    const ssize_t n = ::readlink(link, name, sizeof name - 1);
+    if (n <= 0) return '?';
+    const std::string s(name, static_cast<size_t>(n));
+    return s == g_data ? 'd' : s.size() > 3 && s.compare(s.size() - 3, 3, ".w0") == 0 ? 'l' : '?';
+}
+ssize_t noted_pwrite(int fd, const void* b, size_t n, off_t off) {
+    const char k = kind_of(fd);
+    if (k != '?') g_calls->push_back(std::string(1, k) + (k == 'l' && off < 1024 ? "-head" : "-write"));
+    return kisam::os_real.pwrite(fd, b, n, off);
+}
+int noted_sync(int fd) {
+    const char k = kind_of(fd);
+    if (k != '?') g_calls->push_back(std::string(1, k) + "-sync");
+    return kisam::os_real.fdatasync(fd);
+}
+
+TEST_F(Log, TheReplaySyncsTheFileBeforeItStartsTheLogAnew) {
+    const std::string file = made("f", {8});
+    char real[4096];
+    ASSERT_NE(::realpath(file.c_str(), real), nullptr);
+    const pid_t kid = hold([&] {
+        int fd = nisopen(file.c_str(), ISO_RDWR);
+        if (fd < 0) return 1;
+        for (int i = 0; i < 30; ++i)
+            if (put(fd, i) != 0) return 2;
+        return 0;
+    });
+    kill(kid);
+    inst_->remove_segment();
+    std::vector<std::string> calls;
+    g_calls = &calls;
+    g_data = real;
+    kisam::os.pwrite = noted_pwrite;
+    kisam::os.fdatasync = noted_sync;
+    const int rc = is_init();
+    kisam::os = kisam::os_real;
+    ASSERT_EQ(rc, 0) << is_errno;
+    struct kisam_recovery r;
+    ASSERT_EQ(kisam_last_recovery(&r), 0);
+    EXPECT_EQ(r.calls, 30);
+    std::string seq;
+    for (const std::string& c : calls) seq += c + " ";
+    const auto last_write = std::find(calls.rbegin(), calls.rend(), "d-write");
+    const auto head = std::find(calls.begin(), calls.end(), "l-head");
+    ASSERT_NE(last_write, calls.rend()) << seq;
+    ASSERT_NE(head, calls.end()) << "the log was not started anew: " << seq;
+    const auto synced = std::find(last_write.base(), calls.end(), "d-sync");
+    EXPECT_TRUE(synced != calls.end() && synced < head) << "the log started anew before the file was on disk: " << seq;
+    EXPECT_TRUE(std::find(head, calls.end(), "l-sync") != calls.end()) << seq;
+    nisunisam();
+    EXPECT_TRUE(kt::sound(file));
 }
 
 // ---- group commit when the process that syncs for the others goes away -----------------

@@ -322,6 +322,47 @@ TEST_F(Undo, AFailedControlPageWriteFailsTheCallAndUndoesIt) {
     EXPECT_TRUE(holds(f, before_records));
 }
 
+// A call whose commit fails and whose rollback fails with it (the disk refuses every
+// write from the commit on) leaves the rollback due: the file's next call, once the disk
+// works, completes it.  The call grew the file (an overflow record, splits): its control
+// page, changed in the shared copy, goes back too, or the file would count pages that
+// hold nothing.
+TEST_F(Undo, ARollbackThatFailsIsCompletedByTheNextCall) {
+    const std::string f = path("c");
+    std::vector<int> lens = kL.lens();
+    int fd = niscreate(f.c_str(), 3, lens.data());
+    ASSERT_GE(fd, 0);
+    for (int id = 0; id < 12; ++id) ASSERT_EQ(apply(fd, {"", kWrite, id, 0, 300}), 0);
+    ASSERT_EQ(kt::write_back(fd), 0);
+    const std::string before = slurp(f);
+    const ko::Model before_records = records_of(fd);
+    const Call grow{"", kWrite, 50, 0, 9000};
+    int writes;
+    {
+        const std::string g = path("c2");
+        spit(g, before);
+        int gd = nisopen(g.c_str(), ISO_RDWR);
+        ASSERT_GE(gd, 0);
+        Faults count;
+        ASSERT_EQ(apply(gd, grow), 0);
+        writes = Faults::calls(Faults::kWrite);
+        nisclose(gd);
+    }
+    {
+        Faults fail;
+        fail.arm(Faults::kWrite, writes, Faults::kFromThenOn, ENOSPC);
+        EXPECT_EQ(apply(fd, grow), -1);
+        EXPECT_TRUE(Faults::hit());
+    }
+    EXPECT_EQ(records_of(fd), before_records);
+    ASSERT_EQ(apply(fd, {"", kWrite, 60, 0, 400}), 0);
+    ko::Model want = before_records;
+    want[60] = ko::Rec{0, 400};
+    ASSERT_EQ(nisclose(fd), 0);
+    nisunisam();
+    EXPECT_TRUE(holds(f, want));
+}
+
 // A write-back whose control page cannot be written (nisflush, which returns 0 whatever
 // its flush did, then the last close) loses nothing: the calls stay in the log, and the
 // next process finds every record the calls made.
