@@ -130,5 +130,7 @@ int lg_undo_tail(int u, uint64_t record_end) noexcept;
 // Replays every log of the installation into its file.  Start-up, segment made anew.
 void lg_recover_all(void) noexcept;
 // Whether some log holds calls of the file of device dev and inode ino not yet in the
-// file.  Holds nothing; for programs that read files directly.
-bool lg_pending(uint64_t dev, uint64_t ino) noexcept;
+// file: 1 a log of this version with records; 2 a log of a newer version names the file
+// (not readable here, so it may hold calls, and the open of the file in its slot is
+// refused); 0 neither.  Holds nothing; for programs that read files directly.
+int lg_pending(uint64_t dev, uint64_t ino) noexcept;
