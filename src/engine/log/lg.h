@@ -7,7 +7,9 @@
 // changed pages, as whole images or as the runs of bytes that changed and the items that
 // moved, and the control page) and leaves the pages dirty in the pool.  The record is stored through a shared
 // mapping of the log, below the size the log is known to have been written and synced
-// to (no system call; the log is never cut back, so the stores cannot fault), or with
+// to (no system call; the library never cuts a log back, and a store that faults all the
+// same -- the log cut short from outside, a page the disk cannot read back -- fails its
+// call, after which the file is checkpointed by its next one), or with
 // pwrite where the mapping has no room for it.  The rules (README.log.md says them with
 // the tests that check them):
 //
