@@ -23,6 +23,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -484,6 +485,63 @@ TEST_F(LogCut, TheCallThatMeetsTheCutFailsAndTheFileStaysSound) {
         ASSERT_TRUE(kt::sound(file));
         ++r;
     }
+}
+
+// Two writers while the log is cut short again and again at random moments (seeded):
+// every call either returned 0 and is in the file, or failed with ISE_FLWT and is not;
+// neither writer dies, calls that meet no cut go on, and the file is sound.  Whichever
+// process meets a cut, the file is checkpointed by the next call of either.
+TEST_F(LogCut, CutsUnderTwoWritersCostOnlyTheCallsThatMeetThem) {
+    bound(120);
+    constexpr int kWriters = 2, kCalls = 400;
+    const std::string file = made("f", {8});
+    const std::string log = lock() + ".w0";
+    struct Calls {
+        std::atomic<int> done[kWriters];
+        int rc[kWriters][kCalls];
+        int code[kWriters][kCalls];
+    };
+    Calls* c = &shared<Calls>();
+    const uint64_t seed = kt::test_seed(20261126);
+    std::mt19937_64 rng(seed);
+    const std::vector<pid_t> kids = spawn(kWriters, [&](int w) {
+        int fd = nisopen(file.c_str(), ISO_RDWR);
+        if (fd < 0) return 1;
+        for (int i = 0; i < kCalls; ++i) {
+            const std::string r = ko::record(kL, w * 10000 + i, 0, 48 + (i * 37) % 700);
+            c->rc[w][i] = niswrite(fd, r.data(), static_cast<int>(r.size()));
+            c->code[w][i] = is_errno;
+            c->done[w].store(i + 1);
+        }
+        if (nisclose(fd) != 0) return 2;
+        nisunisam();
+        return 0;
+    });
+    int cuts = 0;
+    for (bool running = true; running;) {
+        ::usleep(static_cast<useconds_t>(1000 + rng() % 4000));
+        running = false;
+        for (int w = 0; w < kWriters; ++w) running = running || c->done[w].load() < kCalls;
+        if (running && ::truncate(log.c_str(), static_cast<off_t>(rng() % 5) * 4096) == 0) ++cuts;
+    }
+    for (pid_t k : kids) EXPECT_EQ(kt::wait_child(k), 0) << "seed " << seed << ": a writer died of a cut";
+    EXPECT_GT(cuts, 0);
+    int failed = 0;
+    ASSERT_TRUE(kt::sound(file)) << "seed " << seed;
+    int fd = nisopen(file.c_str(), ISO_RDONLY);
+    ASSERT_GE(fd, 0) << is_errno;
+    for (int w = 0; w < kWriters; ++w)
+        for (int i = 0; i < kCalls; ++i) {
+            const int rc = c->rc[w][i];
+            ASSERT_TRUE(rc == 0 || (rc == -1 && c->code[w][i] == ISE_FLWT))
+                << "seed " << seed << ": call " << w << "/" << i << " " << rc << " " << c->code[w][i];
+            failed += rc != 0;
+            const ko::Rec want = rc == 0 ? ko::Rec{0, 48 + (i * 37) % 700} : ko::Rec{};
+            EXPECT_EQ(ko::find(fd, kL, w * 10000 + i), want) << "seed " << seed << ": call " << w << "/" << i;
+        }
+    std::printf("%d cuts, %d of %d calls failed\n", cuts, failed, kWriters * kCalls);
+    EXPECT_LT(failed, kWriters * kCalls / 2) << "calls that met no cut failed";
+    EXPECT_EQ(nisclose(fd), 0);
 }
 
 // ---- rollbacks left in a journal ---------------------------------------------------------

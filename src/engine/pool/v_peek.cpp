@@ -120,7 +120,8 @@ void bus_pass_on(int sig, siginfo_t* si, void* ctx) noexcept {
 
 void on_bus(int sig, siginfo_t* si, void* ctx) noexcept {
     // A fault at an address in a mapping of ours (a signal sent by a program carries no
-    // address), in a thread armed for it: only a read of a mapping touches one.
+    // address), in a thread armed for it: only a read of a mapping, or a store armed over
+    // a range (the redo log's), touches one.
     if (si && (si->si_code == BUS_ADRERR || si->si_code == BUS_OBJERR || si->si_code == BUS_MCEERR_AR)) {
         const int w = mapping_of(si->si_addr);
         const char* a = static_cast<const char*>(si->si_addr);
