@@ -229,8 +229,8 @@ int append(IS_FCP* fcp, int u, const Pages& pages, int n, uint16_t flags, bool b
            uint64_t* end_lsn) noexcept {
     const int fd = log_fd(u);
     if (fd < 0) return fail(ISE_OPENF, 0x26);
+    if (!armable(u)) return build(fcp, u, fd, pages, n, flags, befores, fcp_too, end_lsn);
     char* const map = fds.map[u];
-    if (!map) return build(fcp, u, fd, pages, n, flags, befores, fcp_too, end_lsn);
     MappedRead armed;
     if (sigsetjmp(armed.env, 0) != 0) {
         cut_short(u, fd);
@@ -312,7 +312,7 @@ int lg_undo_tail(int u, uint64_t record_end) noexcept {
     // The same way the record went: a header the mapping holds is zeroed through it --
     // armed, as the record was stored (append): where the mapping faults, by pwrite.
     int rc;
-    if (static_cast<uint64_t>(off) + sizeof zero <= mapped_room(u)) {
+    if (static_cast<uint64_t>(off) + sizeof zero <= mapped_room(u) && armable(u)) {
         MappedRead armed;
         if (sigsetjmp(armed.env, 0) != 0) {
             cut_short(u, fd);

@@ -122,12 +122,8 @@ int log_fd(int u) noexcept {
     // written was replaced behind the installation's back (never by the library, which
     // never cuts a log back): stores through a mapping of it could fall past its end, so
     // its records go by pwrite.
-    // A store that faults all the same (a page the disk cannot read back, the log cut
-    // short after this check) must cost the call, not the process: the stores are armed
-    // against SIGBUS, which needs the pool's handler in place.
     struct stat st;
-    if (kisam::os.fstat(fd, &st) == 0 && static_cast<uint64_t>(st.st_size) >= zeros(u).load() &&
-        v_mapped_install()) {
+    if (kisam::os.fstat(fd, &st) == 0 && static_cast<uint64_t>(st.st_size) >= zeros(u).load()) {
         const int e = errno;
         fds.map[u] = kisam::os_map(fd, fds.window);
         errno = e;
@@ -210,6 +206,14 @@ int extend(int u, int fd, off_t need) noexcept {
     const int rc = grow_locked(u, fd, need);
     size_unlock(fd);
     return rc;
+}
+
+bool armable(int u) noexcept {
+    if (!fds.map[u]) return false;
+    if (v_mapped_install()) return true;
+    kisam::os_unmap(fds.map[u], fds.window);
+    fds.map[u] = nullptr;
+    return false;
 }
 
 void cut_short(int u, int fd) noexcept {

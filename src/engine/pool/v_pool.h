@@ -156,7 +156,7 @@ void v_mapped_disarm() noexcept;
 // redo log's, whose pages the disk may fail to read back or another program may cut
 // away): the handler jumps to r when the fault lies there.  The writer handles the fault
 // itself (no v_mapped_fault).  v_mapped_install installs the handler first (once per
-// process; false when it cannot be, and the mapping must then not be made).
+// process; false when it cannot be, and the mapping must then not be stored into).
 void v_mapped_arm_range(MappedRead* r, const void* lo, size_t len) noexcept;
 bool v_mapped_install() noexcept;
 void v_mapped_fault() noexcept;
