@@ -482,15 +482,19 @@ int kisam_recovery_stats(unsigned *cleaned, unsigned *rolledback, int *recent, i
  * file itself (a checker, a copy) would find it damaged.  Attaches nothing, changes
  * nothing.  1 pending, 0 not; 2 when no rollback is pending but calls made on the file
  * are in its redo log and not yet in the file (normal while programs use it, or after a
- * crash before anyone attached again: kisam_settle writes them in); -1 when path cannot
- * be examined or no configuration file is found (errno says why). */
+ * crash before anyone attached again: kisam_settle writes them in); 3 when a redo log
+ * written by a newer version of the library names the file: this version can neither
+ * replay it nor tell whether it still holds calls the file lacks, and refuses to open
+ * the file over it (ISE_OPENF) -- the newer version opens it and writes them in; -1
+ * when path cannot be examined or no configuration file is found (errno says why). */
 int kisam_pending(const char *path);
 
 /* Applies such a rollback now: attaches to the shared area when not attached (and
  * detaches again), opens the file, takes its control lock and gives it back, closes it.
  * 1 a rollback was applied, 0 none was pending, -1 on failure (is_errno and the error
  * stack of the call that failed; ISE_RDWT when the disk still refuses the rollback's
- * writes: it stays pending). */
+ * writes: it stays pending; ISE_OPENF when a log of a newer version names the file,
+ * which this version does not replay). */
 int kisam_settle(const char *path);
 
 /* kisam_backup copies the ISAM file at path to dest exactly as it stood at one moment between calls,

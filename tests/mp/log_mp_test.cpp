@@ -18,11 +18,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <random>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -190,6 +193,69 @@ TEST_F(Log, RecordsStoredThroughTheMappingAndWrittenWithPwriteReplayAsOneLog) {
     EXPECT_EQ(r.logs, 0) << "replayed twice";
 }
 
+// The replay at attach writes the calls into the file and then starts the log anew:
+// the file must be on disk before the new header is, or a power cut between the two
+// leaves a log that no longer holds the calls over a file that lost them.  The system
+// calls of the replay, in their order: the file's writes, its sync, then the log's
+// header and its sync.
+std::vector<std::string>* g_calls = nullptr;
+std::string g_data;
+char kind_of(int fd) {
+    char link[64], name[4096];
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    const ssize_t n = ::readlink(link, name, sizeof name - 1);
+    if (n <= 0) return '?';
+    const std::string s(name, static_cast<size_t>(n));
+    return s == g_data ? 'd' : s.size() > 3 && s.compare(s.size() - 3, 3, ".w0") == 0 ? 'l' : '?';
+}
+ssize_t noted_pwrite(int fd, const void* b, size_t n, off_t off) {
+    const char k = kind_of(fd);
+    if (k != '?') g_calls->push_back(std::string(1, k) + (k == 'l' && off < 1024 ? "-head" : "-write"));
+    return kisam::os_real.pwrite(fd, b, n, off);
+}
+int noted_sync(int fd) {
+    const char k = kind_of(fd);
+    if (k != '?') g_calls->push_back(std::string(1, k) + "-sync");
+    return kisam::os_real.fdatasync(fd);
+}
+
+TEST_F(Log, TheReplaySyncsTheFileBeforeItStartsTheLogAnew) {
+    const std::string file = made("f", {8});
+    char real[4096];
+    ASSERT_NE(::realpath(file.c_str(), real), nullptr);
+    const pid_t kid = hold([&] {
+        int fd = nisopen(file.c_str(), ISO_RDWR);
+        if (fd < 0) return 1;
+        for (int i = 0; i < 30; ++i)
+            if (put(fd, i) != 0) return 2;
+        return 0;
+    });
+    kill(kid);
+    inst_->remove_segment();
+    std::vector<std::string> calls;
+    g_calls = &calls;
+    g_data = real;
+    kisam::os.pwrite = noted_pwrite;
+    kisam::os.fdatasync = noted_sync;
+    const int rc = is_init();
+    kisam::os = kisam::os_real;
+    ASSERT_EQ(rc, 0) << is_errno;
+    struct kisam_recovery r;
+    ASSERT_EQ(kisam_last_recovery(&r), 0);
+    EXPECT_EQ(r.calls, 30);
+    std::string seq;
+    for (const std::string& c : calls) seq += c + " ";
+    const auto last_write = std::find(calls.rbegin(), calls.rend(), "d-write");
+    const auto head = std::find(calls.begin(), calls.end(), "l-head");
+    ASSERT_NE(last_write, calls.rend()) << seq;
+    ASSERT_NE(head, calls.end()) << "the log was not started anew: " << seq;
+    const auto synced = std::find(last_write.base(), calls.end(), "d-sync");
+    EXPECT_TRUE(synced != calls.end() && synced < head) << "the log started anew before the file was on disk: " << seq;
+    EXPECT_TRUE(std::find(head, calls.end(), "l-sync") != calls.end()) << seq;
+    nisunisam();
+    EXPECT_TRUE(kt::sound(file));
+}
+
 // ---- group commit when the process that syncs for the others goes away -----------------
 //
 // Killed inside its sync (the others must not wait for it forever, nor take a sync it
@@ -332,6 +398,151 @@ TEST_F(GroupCommit, SyncLeftByAJumpIsGivenUp) {
     EXPECT_EQ(nisclose(fd), 0);
 }
 
+
+// ---- a log cut short under its writer ----------------------------------------------------
+//
+// Another program cuts a log short while a process stores records into it through its
+// mapping.  The store that meets the cut fails that call with an error code, never the
+// process with SIGBUS; the call is absent.  The next call brings the file up to date on
+// disk and starts the log anew, so calls go on and survive what follows: a clean close,
+// a kill (the next to attach replays what the log holds), or a kill before anything
+// healed (the replay gives the calls up to the cut, a prefix).
+
+class LogCut : public ot::Env {};
+
+// Where the next record of slot 0's log goes, as a byte of the log file.
+uint64_t log_tail() {
+    const isx_file* x = kisam::isx_file_of(0);
+    return 1024 + x->xf_log_end - x->xf_log_start;
+}
+
+TEST_F(LogCut, TheCallThatMeetsTheCutFailsAndTheFileStaysSound) {
+    bound(120);
+    const std::string file = made("f", {8});
+    const std::string log = lock() + ".w0";
+    // What each round does after the cut: 0 goes on and closes, 1 goes on and is killed,
+    // 2 is killed at once.
+    struct Round {
+        off_t cut;
+        int then;
+    };
+    const Round rounds[] = {{0, 0}, {4096, 0}, {8192, 1}, {0, 1}, {4096, 2}, {0, 2}};
+    struct Out {
+        int before, after;  // calls that returned before the cut, and after the failed one
+        int err, code;      // the failed call's result and error
+    };
+    Out* out = &shared<Out>();
+    int r = 0;
+    for (const Round& round : rounds) {
+        SCOPED_TRACE("round " + std::to_string(r));
+        const int base = r * 1000;
+        *out = Out{};
+        const int st = kt::run_child([&] {
+            int fd = nisopen(file.c_str(), ISO_RDWR);
+            if (fd < 0) return 1;
+            // Past a few pages of the log, so that the tail's page lies wholly past a cut.
+            int i = 0;
+            while (log_tail() < static_cast<uint64_t>(round.cut) + 3 * 4096 || i < 5) {
+                if (niswrite(fd, rec(base + i).data(), 48) != 0) return 2;
+                out->before = ++i;
+            }
+            if (::truncate(log.c_str(), round.cut) != 0) return 3;
+            out->err = niswrite(fd, rec(base + i).data(), 48);
+            out->code = is_errno;
+            if (round.then == 2) ::raise(SIGKILL);
+            for (int k = 1; k <= 20; ++k) {
+                if (niswrite(fd, rec(base + i + k).data(), 48) != 0) return 4;
+                out->after = k;
+            }
+            if (round.then == 1) ::raise(SIGKILL);
+            if (nisclose(fd) != 0) return 5;
+            nisunisam();
+            return 0;
+        });
+        ASSERT_EQ(st, round.then == 0 ? 0 : 128 + SIGKILL) << "the cut cost the process, not the call";
+        EXPECT_EQ(out->err, -1) << "a store past the cut went unnoticed";
+        EXPECT_EQ(out->code, ISE_FLWT);
+        if (round.then != 0) inst_->remove_segment();  // the next attach replays the log
+        ASSERT_TRUE(kt::sound(file));
+        ASSERT_EQ(is_init(), 0) << is_errno;
+        int fd = nisopen(file.c_str(), ISO_RDWR);
+        ASSERT_GE(fd, 0) << is_errno;
+        const int n = out->before;
+        if (round.then == 2) {
+            // The calls up to some point before the cut: the replay stops where it is.
+            int k = 0;
+            while (k < n && look(fd, base + k) == 0) ++k;
+            for (int j = k; j <= n + 20; ++j) EXPECT_EQ(look(fd, base + j), 1) << "not a prefix at " << j;
+            // What the log lost is gone for good; the next round starts from what is there.
+        } else {
+            for (int j = 0; j < n; ++j) EXPECT_EQ(look(fd, base + j), 0) << j;
+            EXPECT_EQ(look(fd, base + n), 1) << "the failed call left its record";
+            for (int j = 1; j <= out->after; ++j) EXPECT_EQ(look(fd, base + n + j), 0) << n + j;
+            EXPECT_EQ(out->after, 20);
+        }
+        EXPECT_EQ(nisclose(fd), 0);
+        nisunisam();
+        ASSERT_TRUE(kt::sound(file));
+        ++r;
+    }
+}
+
+// Two writers while the log is cut short again and again at random moments (seeded):
+// every call either returned 0 and is in the file, or failed with ISE_FLWT and is not;
+// neither writer dies, calls that meet no cut go on, and the file is sound.  Whichever
+// process meets a cut, the file is checkpointed by the next call of either.
+TEST_F(LogCut, CutsUnderTwoWritersCostOnlyTheCallsThatMeetThem) {
+    bound(120);
+    constexpr int kWriters = 2, kCalls = 400;
+    const std::string file = made("f", {8});
+    const std::string log = lock() + ".w0";
+    struct Calls {
+        std::atomic<int> done[kWriters];
+        int rc[kWriters][kCalls];
+        int code[kWriters][kCalls];
+    };
+    Calls* c = &shared<Calls>();
+    const uint64_t seed = kt::test_seed(20261126);
+    std::mt19937_64 rng(seed);
+    const std::vector<pid_t> kids = spawn(kWriters, [&](int w) {
+        int fd = nisopen(file.c_str(), ISO_RDWR);
+        if (fd < 0) return 1;
+        for (int i = 0; i < kCalls; ++i) {
+            const std::string r = ko::record(kL, w * 10000 + i, 0, 48 + (i * 37) % 700);
+            c->rc[w][i] = niswrite(fd, r.data(), static_cast<int>(r.size()));
+            c->code[w][i] = is_errno;
+            c->done[w].store(i + 1);
+        }
+        if (nisclose(fd) != 0) return 2;
+        nisunisam();
+        return 0;
+    });
+    int cuts = 0;
+    for (bool running = true; running;) {
+        ::usleep(static_cast<useconds_t>(1000 + rng() % 4000));
+        running = false;
+        for (int w = 0; w < kWriters; ++w) running = running || c->done[w].load() < kCalls;
+        if (running && ::truncate(log.c_str(), static_cast<off_t>(rng() % 5) * 4096) == 0) ++cuts;
+    }
+    for (pid_t k : kids) EXPECT_EQ(kt::wait_child(k), 0) << "seed " << seed << ": a writer died of a cut";
+    EXPECT_GT(cuts, 0);
+    int failed = 0;
+    ASSERT_TRUE(kt::sound(file)) << "seed " << seed;
+    int fd = nisopen(file.c_str(), ISO_RDONLY);
+    ASSERT_GE(fd, 0) << is_errno;
+    for (int w = 0; w < kWriters; ++w)
+        for (int i = 0; i < kCalls; ++i) {
+            const int rc = c->rc[w][i];
+            ASSERT_TRUE(rc == 0 || (rc == -1 && c->code[w][i] == ISE_FLWT))
+                << "seed " << seed << ": call " << w << "/" << i << " " << rc << " " << c->code[w][i];
+            failed += rc != 0;
+            const ko::Rec want = rc == 0 ? ko::Rec{0, 48 + (i * 37) % 700} : ko::Rec{};
+            EXPECT_EQ(ko::find(fd, kL, w * 10000 + i), want) << "seed " << seed << ": call " << w << "/" << i;
+        }
+    std::printf("%d cuts, %d of %d calls failed\n", cuts, failed, kWriters * kCalls);
+    EXPECT_LT(failed, kWriters * kCalls / 2) << "calls that met no cut failed";
+    EXPECT_EQ(nisclose(fd), 0);
+}
 
 // ---- rollbacks left in a journal ---------------------------------------------------------
 

@@ -15,6 +15,7 @@
 #include <sys/wait.h>
 
 #include <cstdio>
+#include <cstring>
 #include <algorithm>
 #include <random>
 
@@ -321,6 +322,47 @@ TEST_F(Undo, AFailedControlPageWriteFailsTheCallAndUndoesIt) {
     EXPECT_TRUE(holds(f, before_records));
 }
 
+// A call whose commit fails and whose rollback fails with it (the disk refuses every
+// write from the commit on) leaves the rollback due: the file's next call, once the disk
+// works, completes it.  The call grew the file (an overflow record, splits): its control
+// page, changed in the shared copy, goes back too, or the file would count pages that
+// hold nothing.
+TEST_F(Undo, ARollbackThatFailsIsCompletedByTheNextCall) {
+    const std::string f = path("c");
+    std::vector<int> lens = kL.lens();
+    int fd = niscreate(f.c_str(), 3, lens.data());
+    ASSERT_GE(fd, 0);
+    for (int id = 0; id < 12; ++id) ASSERT_EQ(apply(fd, {"", kWrite, id, 0, 300}), 0);
+    ASSERT_EQ(kt::write_back(fd), 0);
+    const std::string before = slurp(f);
+    const ko::Model before_records = records_of(fd);
+    const Call grow{"", kWrite, 50, 0, 9000};
+    int writes;
+    {
+        const std::string g = path("c2");
+        spit(g, before);
+        int gd = nisopen(g.c_str(), ISO_RDWR);
+        ASSERT_GE(gd, 0);
+        Faults count;
+        ASSERT_EQ(apply(gd, grow), 0);
+        writes = Faults::calls(Faults::kWrite);
+        nisclose(gd);
+    }
+    {
+        Faults fail;
+        fail.arm(Faults::kWrite, writes, Faults::kFromThenOn, ENOSPC);
+        EXPECT_EQ(apply(fd, grow), -1);
+        EXPECT_TRUE(Faults::hit());
+    }
+    EXPECT_EQ(records_of(fd), before_records);
+    ASSERT_EQ(apply(fd, {"", kWrite, 60, 0, 400}), 0);
+    ko::Model want = before_records;
+    want[60] = ko::Rec{0, 400};
+    ASSERT_EQ(nisclose(fd), 0);
+    nisunisam();
+    EXPECT_TRUE(holds(f, want));
+}
+
 // A write-back whose control page cannot be written (nisflush, which returns 0 whatever
 // its flush did, then the last close) loses nothing: the calls stay in the log, and the
 // next process finds every record the calls made.
@@ -351,6 +393,55 @@ TEST_F(Undo, AFailedControlPageWriteBackKeepsTheCalls) {
     fail_path.clear();
     EXPECT_GE(control_writes_failed, 2);
     EXPECT_TRUE(holds(f, after)) << "the next process finds the calls";
+}
+
+// A checkpoint whose control page cannot be written fails there and keeps the log: the
+// pages it wrote to the file before are covered by the log still.  Killed right after
+// it -- at the first sync of the log that follows, before the release logs the control
+// page again -- the process leaves the next one a file that the replay gives every
+// call, and that takes further calls.  A checkpoint that went on would have started the
+// log anew over a file whose control page is older than its pages.
+int dying_log_sync(int fd) {
+    char link[64], target[4096];
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    const ssize_t len = ::readlink(link, target, sizeof target - 1);
+    if (control_writes_failed > 0 && len > 3 && std::strncmp(target + len - 3, ".w0", 3) == 0) ::raise(SIGKILL);
+    return kisam::os_real.fdatasync(fd);
+}
+
+TEST_F(Undo, AFailedCheckpointKeepsTheLogForTheReplayAfterACrash) {
+    const std::string f = made("c", kL.lens());
+    ko::Model want;
+    for (int id = 0; id < 40; ++id) want[id] = ko::Rec{0, 200 + 61 * id};
+    char real[4096];
+    ASSERT_NE(::realpath(f.c_str(), real), nullptr);
+    const int st = kt::run_child([&] {
+        int fd = nisopen(f.c_str(), ISO_RDWR);
+        if (fd < 0) return 1;
+        for (const auto& [id, r] : want)
+            if (apply(fd, {"", kWrite, id, r.gen, r.size}) != 0) return 2;
+        fail_path = real;
+        control_writes_failed = 0;
+        kisam::os.pwrite = failing_control_pwrite;
+        kisam::os.fdatasync = dying_log_sync;
+        nisflush(fd);
+        if (control_writes_failed != 1) return 3;
+        ::raise(SIGKILL);
+        return 4;
+    });
+    ASSERT_EQ(st, 128 + SIGKILL);
+    inst_->remove_segment();
+    // The file goes on from what the replay made of it: a control page older than the
+    // pages would hand out pages in use again (its end and free chain).
+    int fd = nisopen(f.c_str(), ISO_RDWR);
+    ASSERT_GE(fd, 0) << is_errno;
+    for (int id = 100; id < 140; ++id) {
+        want[id] = ko::Rec{0, 300 + 53 * (id - 100)};
+        ASSERT_EQ(apply(fd, {"", kWrite, id, 0, want[id].size}), 0) << id;
+    }
+    ASSERT_EQ(nisclose(fd), 0);
+    nisunisam();
+    EXPECT_TRUE(holds(f, want)) << "the replay after the failed checkpoint lost calls";
 }
 
 }  // namespace

@@ -1077,6 +1077,29 @@ TEST_F(Backup, CheckSettlesARollbackLeftByAFullDisk) {
     EXPECT_GT(pending, 0) << "no load left a rollback that a full disk kept pending";
 }
 
+// Calls left in a redo log that a newer version of the library wrote (its writer killed,
+// the segment gone): this version can neither replay the log nor tell whether calls are
+// left in it, and the file on disk lacks them.  check, info and dump say so plainly
+// (status 4), rather than judge or show the file without them; once the log is one this
+// version reads, they write the calls in first.
+TEST_F(Backup, ALogOfANewerVersionIsSaidToBePending) {
+    const std::string f = path("f");
+    ASSERT_EQ(run({"create", f, "8,6"}).rc, 0);
+    Writer w = writer(f, "K0000001A00001a record only the log holds", "w");
+    ::kill(w.pid, SIGKILL);
+    ::close(w.fd);
+    finish(w.pid, w.io);
+    ASSERT_EQ(::shmctl(segment(), IPC_RMID, nullptr), 0);
+    const std::string log = cfg + ".lk.w0", ours = slurp(log);
+    ASSERT_FALSE(ours.empty());
+    ASSERT_EQ(std::system((std::string(NEWER_LOG_PATH) + " " + log).c_str()), 0);
+    table({{{"check", f}, 4, {"LOG PENDING"}, {"newer version", "cannot replay"}},
+           {{"info", f}, 4, {}, {"newer version"}},
+           {{"dump", f}, 4, {"!K0000001"}, {"newer version"}}});
+    spit(log, ours);
+    table({{{"check", f}, 0, {"!PENDING"}}, {{"get", f, "K0000001"}, 0, {"a record only the log holds"}}});
+}
+
 // kisam dump --salvage, run as a process on files built by the tool and then cut short
 // or damaged.  The oracle is the dump of the intact file and a reading of the intact
 // file's key-0 tree (which pages each record needs: its overflow pages, its tail page and

@@ -230,7 +230,20 @@ Scan scan(int fd, const Layout& L, int keys) {
         // that a program that would have seen an error is told from one that would not.
         std::string prev;
         int n;
+        // A damaged index, or a read that does not move on, could lead the reads round
+        // and round: no key holds more records than the file has room for their index
+        // items (four bytes each at the least), so reads past that are a loop, reported
+        // rather than waited for.
+        const IS_FCP* fcp = kisam::pfo_fcp(is_db[fd]->uniqueid);
+        const long most = (fcp ? static_cast<long>(fcp->is_lastpage / 4) : 1L << 22) + 64;
+        long steps = 0;
         while ((n = nisread(fd, k, buf.data(), static_cast<int>(buf.size()))) > 0) {
+            if (++steps > most) {
+                fail("key " + std::to_string(k) + ": the reads along it do not end (more than " + std::to_string(most) +
+                     " records in a file of " + std::to_string(fcp ? fcp->is_lastpage / 1024 : 0) + " pages)");
+                s.read_failed = true;
+                break;
+            }
             int id;
             Rec r;
             if (!parse(L, buf.data(), n, &id, &r)) {

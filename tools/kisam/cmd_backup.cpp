@@ -19,7 +19,8 @@ namespace kisam_tool {
 
 // ---- a pending rollback ----------------------------------------------------------------------
 
-int settle_first(const std::string& cmd, const std::string& file) {
+int settle_first(const std::string& cmd, const std::string& file, bool* newer_log) {
+    if (newer_log) *newer_log = false;
     struct stat st;
     if (::stat(file.c_str(), &st) != 0) return EXIT_OK;   // the command reports a missing file
     apply_config_choice();
@@ -27,6 +28,17 @@ int settle_first(const std::string& cmd, const std::string& file) {
     // 2: calls still only in the file's redo log (normal while programs use the file); they
     // are written into it first, without a word -- a replay after a crash says so itself.
     const int pending = kisam_pending(file.c_str());
+    if (pending == 3) {
+        if (newer_log) *newer_log = true;
+        progress_clear();
+        std::fprintf(stderr,
+                     "kisam %s: %s: a redo log written by a newer version of the library names this file; this "
+                     "version cannot replay it, so the file on disk may lack calls made on it, and this version "
+                     "refuses to open it.  Open the file with the newer version first (its open writes the calls "
+                     "in)\n",
+                     cmd.c_str(), file.c_str());
+        return EXIT_PENDING;
+    }
     if (pending != 1 && pending != 2) return EXIT_OK;
     clear_lib_error();
     const int rc = kisam_settle(file.c_str());

@@ -178,9 +178,14 @@ int cmd_check(std::vector<std::string> words) {
     }
     if (g_interrupted) return interrupted("check");
     // A rollback still waiting in a journal would show as damage: apply it first.
-    if (settle_first("check", file) != EXIT_OK)
+    if (bool newer = false; settle_first("check", file, &newer) != EXIT_OK) {
+        if (newer)
+            return verdict(EXIT_PENDING, "log_pending",
+                           "LOG PENDING: calls may wait in a redo log of a newer version, which this version "
+                           "cannot replay; not checked");
         return verdict(EXIT_PENDING, "rollback_pending",
                        "ROLLBACK PENDING: a call cut short is undone at the next open; not damage");
+    }
     // Nor is a file that does not begin with an ISAM magic (a CSV file, a dump): it is no
     // ISAM file at all, and "damaged" would send its user looking for a repair.
     {

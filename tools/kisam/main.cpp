@@ -138,7 +138,8 @@ const std::map<std::string, const char*>& details() {
          "A rollback that a call cut short (a killed process, a full disk) left waiting in\n"
          "the journal is applied first, and said so: it is not damage (also by info and\n"
          "dump).  When it cannot be applied yet, the status is 4: pending, applied at the\n"
-         "next open of the file.\n"
+         "next open of the file.  Status 4 also when a redo log written by a newer version\n"
+         "of the library names the file ('LOG PENDING'): this version cannot replay it.\n"
          "  --clear-mark   when the file is sound, clear its data-changed mark so that it\n"
          "                 opens again (the file must not be open anywhere)\n"},
         {"get",

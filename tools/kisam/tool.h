@@ -333,8 +333,10 @@ int cmd_compact(std::vector<std::string> args);
 // left by an interrupted call still waits in the journal for FILE, applies it, saying so
 // on standard error, and returns EXIT_OK; when it cannot be applied (the disk still
 // refuses it), says that it is pending and will be applied at the next open, and returns
-// EXIT_PENDING.  EXIT_OK also when nothing is pending or no configuration is found.
-int settle_first(const std::string& cmd, const std::string& file);
+// EXIT_PENDING.  EXIT_OK also when nothing is pending or no configuration is found.  A
+// redo log of a newer version that names FILE cannot be applied by this version: said
+// so, EXIT_PENDING, and *newer_log set.
+int settle_first(const std::string& cmd, const std::string& file, bool* newer_log = nullptr);
 // In data/ (they need libcsv): CSV and JSON lines in and out.
 int cmd_import(std::vector<std::string> args);
 int cmd_export(std::vector<std::string> args);

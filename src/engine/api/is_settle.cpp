@@ -53,12 +53,15 @@ KISAM_API int kisam_pending(const char* path) {
     if (!find_installation()) return -1;
     const uint64_t dev = static_cast<uint64_t>(st.st_dev), ino = static_cast<uint64_t>(st.st_ino);
     if (jn_pending(dev, ino)) return 1;
-    return lg_pending(dev, ino) ? 2 : 0;
+    const int logged = lg_pending(dev, ino);
+    return logged == 1 ? 2 : logged == 2 ? 3 : 0;
 }
 
 KISAM_API int kisam_settle(const char* path) {
     const int pending = kisam_pending(path);
     if (pending <= 0) return pending;
+    // A log of a newer version is not this library's to replay: the newer one must.
+    if (pending == 3) return is_raise(ISE_OPENF, PROC(P_ISGETCTL, 3));
     // Attaching rolls back every unit left when nobody is attached; otherwise the open
     // (for a file that carries the data-changed mark) or the control lock's first taker
     // settles it.
@@ -68,7 +71,7 @@ KISAM_API int kisam_settle(const char* path) {
     struct stat st;
     const auto pending_here = [&] {
         const uint64_t dev = static_cast<uint64_t>(st.st_dev), ino = static_cast<uint64_t>(st.st_ino);
-        return jn_pending(dev, ino) || lg_pending(dev, ino);
+        return jn_pending(dev, ino) || lg_pending(dev, ino) == 1;
     };
     if (::stat(path, &st) == 0 && pending_here()) {
         // Taking the control lock settles a rollback; the checkpoint then puts what the

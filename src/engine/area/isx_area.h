@@ -127,7 +127,11 @@ struct isx_file {
     uint32_t xf_ctl_word;    // 52-55  the file's control lock word (is_lock.h: holder's tag,
                              //        the waiters bit; a futex word).  Kept when a new file
                              //        takes the slot: it is a lock, not knowledge of a file
-    uint32_t xf_spare[2];    // 56-63
+    uint32_t xf_log_cut;     // 56-59  nonzero: a store into the log faulted (the log cut
+                             //        short from outside, or a page of it unreadable):
+                             //        records may be missing, and the next changing call
+                             //        checkpoints the file before anything else
+    uint32_t xf_spare;       // 60-63
 };
 KISAM_RECORD(isx_file, 64);
 KISAM_AT(isx_file, xf_seq, 0);   KISAM_AT(isx_file, xf_chaingen, 4);
@@ -135,7 +139,7 @@ KISAM_AT(isx_file, xf_hand, 8);  KISAM_AT(isx_file, xf_undo, 12);
 KISAM_AT(isx_file, xf_chainlen, 16); KISAM_AT(isx_file, xf_log_gen, 20);
 KISAM_AT(isx_file, xf_log_end, 24); KISAM_AT(isx_file, xf_log_synced, 32);
 KISAM_AT(isx_file, xf_log_start, 40); KISAM_AT(isx_file, xf_log_fcpgen, 48);
-KISAM_AT(isx_file, xf_ctl_word, 52); KISAM_AT(isx_file, xf_spare, 56);
+KISAM_AT(isx_file, xf_ctl_word, 52); KISAM_AT(isx_file, xf_log_cut, 56); KISAM_AT(isx_file, xf_spare, 60);
 
 // One per shared-file slot: the group commit of the file's redo log (lg.h rule 7).
 // Reset with the slot's log when a file enters the slot.
@@ -155,7 +159,9 @@ struct isx_sync {
     uint64_t xs_zeros;       // 56-63  bytes of the log file known written (zeros or
                              //        records) and synced: stores through a mapping of
                              //        the log land only below it.  Only grows (the log is
-                             //        never cut back); kept when a new file takes the slot
+                             //        never cut back), but for a log found cut short from
+                             //        outside (lowered to its size then, under the log's
+                             //        size lock); kept when a new file takes the slot
 };
 KISAM_RECORD(isx_sync, 64);
 KISAM_AT(isx_sync, xs_lead, 0);   KISAM_AT(isx_sync, xs_target, 16); KISAM_AT(isx_sync, xs_gen, 32);

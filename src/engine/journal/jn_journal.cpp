@@ -128,23 +128,19 @@ bool seen_grow() noexcept {
     return true;
 }
 
-// True when pno was saved in this unit (*at: the number of its image); otherwise
-// records it (false).  A table that cannot grow answers false, and the page is saved
-// again: harmless, only slower -- but what was noted of its changes no longer covers
-// them, so the page counts as changed anywhere (*at: -1).
-bool seen(PAGE pno, uint32_t count, int64_t* at) noexcept {
+// 1 when pno was saved in this unit (*at: the number of its image); otherwise records it
+// (0, *at: the number its image gets).  A table that cannot grow still takes the page
+// while it has a free slot left (its probes only get longer); -1 when it has none: the
+// page must not be saved twice, since a rollback puts the images back in their order and
+// the second one is not the page as the unit found it.
+int seen(PAGE pno, uint32_t count, int64_t* at) noexcept {
     *at = -1;
-    if (2 * (count + 1) > own.cap && !seen_grow()) {
-        uint32_t k = (pno >> 10) * 0x9E3779B1u & (own.cap - 1);
-        for (uint32_t i = 0; i < own.cap && own.stamp[k] == own.gen; ++i, k = (k + 1) & (own.cap - 1))
-            if (own.pno[k] == pno) own.chg[own.idx[k]] = kJnAnywhere;
-        return false;
-    }
+    if (2 * (count + 1) > own.cap && !seen_grow() && count + 1 >= own.cap) return -1;
     uint32_t k = (pno >> 10) * 0x9E3779B1u & (own.cap - 1);
     while (own.stamp[k] == own.gen) {
         if (own.pno[k] == pno) {
             *at = own.idx[k];
-            return true;
+            return 1;
         }
         k = (k + 1) & (own.cap - 1);
     }
@@ -152,7 +148,7 @@ bool seen(PAGE pno, uint32_t count, int64_t* at) noexcept {
     own.pno[k] = pno;
     own.stamp[k] = own.gen;
     own.idx[k] = count;
-    return false;
+    return 0;
 }
 
 // Lets go of the journal mapped now.  One inherited through fork is the parent's journal,
@@ -304,7 +300,8 @@ int jn_touch_part(PAGE pno, const IS_DATA* d, const jn_change& c) noexcept {
     jn_head* h = own.m.h;
     const uint32_t n = h->jh_npages;
     int64_t at;
-    if (seen(pno, n, &at)) {
+    const int was = seen(pno, n, &at);
+    if (was > 0) {
         // A later change: its move, if any, is only bytes that changed.
         jn_change& e = own.chg[at];
         e.blocks |= c.blocks;
@@ -315,9 +312,14 @@ int jn_touch_part(PAGE pno, const IS_DATA* d, const jn_change& c) noexcept {
         }
         return 0;
     }
+    if (was < 0) return fail(1);
     if (n >= h->jh_capacity) {
         if (grow_own() != 0) {
-            // Forget the page again: it was not saved.
+            // Forget the page again: it was not saved.  Clearing its slot cannot cut
+            // another page's probe chain: it was recorded just now, the last entry of the
+            // table, and entries are never removed otherwise, so the slot was empty when
+            // every other page was placed -- no page's chain runs through it.  The table
+            // is as it was before this touch.
             uint32_t k = (pno >> 10) * 0x9E3779B1u & (own.cap - 1);
             while (own.stamp[k] == own.gen && own.pno[k] != pno) k = (k + 1) & (own.cap - 1);
             own.stamp[k] = 0;

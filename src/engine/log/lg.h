@@ -7,7 +7,9 @@
 // changed pages, as whole images or as the runs of bytes that changed and the items that
 // moved, and the control page) and leaves the pages dirty in the pool.  The record is stored through a shared
 // mapping of the log, below the size the log is known to have been written and synced
-// to (no system call; the log is never cut back, so the stores cannot fault), or with
+// to (no system call; the library never cuts a log back, and a store that faults all the
+// same -- the log cut short from outside, a page the disk cannot read back -- fails its
+// call, after which the file is checkpointed by its next one), or with
 // pwrite where the mapping has no room for it.  The rules (README.log.md says them with
 // the tests that check them):
 //
@@ -130,8 +132,10 @@ int lg_undo_tail(int u, uint64_t record_end) noexcept;
 // Replays every log of the installation into its file.  Start-up, segment made anew.
 void lg_recover_all(void) noexcept;
 // Whether some log holds calls of the file of device dev and inode ino not yet in the
-// file.  Holds nothing; for programs that read files directly.
-bool lg_pending(uint64_t dev, uint64_t ino) noexcept;
+// file: 1 a log of this version with records; 2 a log of a newer version names the file
+// (not readable here, so it may hold calls, and the open of the file in its slot is
+// refused); 0 neither.  Holds nothing; for programs that read files directly.
+int lg_pending(uint64_t dev, uint64_t ino) noexcept;
 
 // For tests: with `on`, each page's entries in a record are applied as they are made --
 // a page's changes to its before-image, a page taken whole to a page of other bytes --

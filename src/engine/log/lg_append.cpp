@@ -11,6 +11,7 @@
 #include <bit>
 #include <cstring>
 #include <fcntl.h>
+#include <setjmp.h>
 #include <unistd.h>
 
 using namespace kisam::lg;
@@ -51,6 +52,7 @@ int lg_enter(int u, IS_FCP* fcp) noexcept {
     at(x->xf_log_start).store(n.lh_start);
     at(x->xf_log_end).store(n.lh_start);
     at(x->xf_log_synced).store(n.lh_start);
+    at32(x->xf_log_cut).store(0);  // what a cut took was the slot's previous file's
     // What is known of the log file itself stays: it is the same file.
     const uint64_t z = zeros(u).load();
     std::memset(kisam::isx_sync_of(u), 0, sizeof(isx_sync));
@@ -99,11 +101,9 @@ struct Pages {
 // way the record is invalid (its checksum field 0) until it is complete, and the unit
 // knows where it ends (jn_committing) before it can become valid, so that whoever rolls
 // the call back finds it (lg_undo_tail).
-int append(IS_FCP* fcp, int u, const Pages& pages, int n, uint16_t flags, bool befores, bool fcp_too,
-           uint64_t* end_lsn) noexcept {
+int build(IS_FCP* fcp, int u, int fd, const Pages& pages, int n, uint16_t flags, bool befores, bool fcp_too,
+          uint64_t* end_lsn) noexcept {
     isx_file* x = xfile(u);
-    const int fd = log_fd(u);
-    if (fd < 0) return fail(ISE_OPENF, 0x26);
     const uint64_t start = at(x->xf_log_start).load(std::memory_order_relaxed);
     const uint64_t lsn = at(x->xf_log_end).load(std::memory_order_relaxed);
     const off_t at_off = kFirst + static_cast<off_t>(lsn - start);
@@ -219,6 +219,30 @@ int append(IS_FCP* fcp, int u, const Pages& pages, int n, uint16_t flags, bool b
     return 0;
 }
 
+// A store into the log's mapping faults (SIGBUS) where the log has no page any more: the
+// log cut short by another program, or a page of it the disk cannot read back.  The
+// stores are armed (a few stores of this thread, no system call) so that such a fault
+// fails the call: its record never became valid (the header, stored last, is what makes
+// it so, and a fault stops the stores before it), and the rollback that follows makes
+// sure of it (lg_undo_tail, by pwrite then).  The file is checkpointed by its next
+// changing call (cut_short): the records past the cut are gone.
+int append(IS_FCP* fcp, int u, const Pages& pages, int n, uint16_t flags, bool befores, bool fcp_too,
+           uint64_t* end_lsn) noexcept {
+    const int fd = log_fd(u);
+    if (fd < 0) return fail(ISE_OPENF, 0x26);
+    if (!armable(u)) return build(fcp, u, fd, pages, n, flags, befores, fcp_too, end_lsn);
+    char* const map = fds.map[u];
+    MappedRead armed;
+    if (sigsetjmp(armed.env, 0) != 0) {
+        cut_short(u, fd);
+        return fail(ISE_FLWT, 0x2B);
+    }
+    v_mapped_arm_range(&armed, map, fds.window);
+    const int rc = build(fcp, u, fd, pages, n, flags, befores, fcp_too, end_lsn);
+    v_mapped_disarm();
+    return rc;
+}
+
 // The page arguments of a record; grown as needed.
 PageArg* page_args(int n) noexcept {
     static PageArg* args = nullptr;
@@ -289,10 +313,22 @@ int lg_undo_tail(int u, uint64_t record_end) noexcept {
     lg_rec zero;
     std::memset(&zero, 0, sizeof zero);
     const off_t off = kFirst + static_cast<off_t>(end - at(x->xf_log_start).load(std::memory_order_relaxed));
-    // The same way the record went: a header the mapping holds is zeroed through it.
-    const int rc = static_cast<uint64_t>(off) + sizeof zero <= mapped_room(u)
-                       ? kisam::os.mstore(fd, fds.map[u], off, &zero, sizeof zero)
-                       : kisam::os_pwrite_full(fd, &zero, sizeof zero, off);
+    // The same way the record went: a header the mapping holds is zeroed through it --
+    // armed, as the record was stored (append): where the mapping faults, by pwrite.
+    int rc;
+    if (static_cast<uint64_t>(off) + sizeof zero <= mapped_room(u) && armable(u)) {
+        MappedRead armed;
+        if (sigsetjmp(armed.env, 0) != 0) {
+            cut_short(u, fd);
+            rc = kisam::os_pwrite_full(fd, &zero, sizeof zero, off);
+        } else {
+            v_mapped_arm_range(&armed, fds.map[u], fds.window);
+            rc = kisam::os.mstore(fd, fds.map[u], off, &zero, sizeof zero);
+            v_mapped_disarm();
+        }
+    } else {
+        rc = kisam::os_pwrite_full(fd, &zero, sizeof zero, off);
+    }
     if (rc != 0) return fail(ISE_FLWT, 0x28);
     return 0;
 }

@@ -15,7 +15,10 @@ int lg_checkpoint(IS_FCP* fcp, int u, int fd) noexcept {
     isx_file* x = xfile(u);
     const uint64_t end = at(x->xf_log_end).load(std::memory_order_relaxed);
     const uint64_t start = at(x->xf_log_start).load(std::memory_order_relaxed);
-    if (end == start && !(fcp->is_optbits & ISO_CHANGED)) return 0;  // nothing since the last one
+    // Nothing since the last one -- unless the log was cut short, which may have taken its
+    // header: the records that follow need one.
+    const bool cut = at32(x->xf_log_cut).load(std::memory_order_acquire) != 0;
+    if (end == start && !(fcp->is_optbits & ISO_CHANGED) && !cut) return 0;
     if (fd < 0) return fail(ISE_FLWT, 0x2A);
     // A call whose rollback is still due left pages in the pool that it never committed:
     // none may reach the file (rule 2), so the file waits for the rollback (or for the
@@ -54,13 +57,17 @@ int lg_checkpoint(IS_FCP* fcp, int u, int fd) noexcept {
     }
     x->xf_log_gen = h.lh_gen;
     at(x->xf_log_start).store(end);
+    at32(x->xf_log_cut).store(0, std::memory_order_release);
     return 0;
 }
 
 int lg_maybe_checkpoint(IS_FCP* fcp, int u) noexcept {
     isx_file* x = xfile(u);
+    // A log cut short from outside no longer holds every call since the last checkpoint:
+    // the file is brought up to date before the next call adds to it.
     if (at(x->xf_log_end).load(std::memory_order_relaxed) - at(x->xf_log_start).load(std::memory_order_relaxed) <
-        limit_bytes)
+            limit_bytes &&
+        at32(x->xf_log_cut).load(std::memory_order_relaxed) == 0)
         return 0;
     return lg_checkpoint(fcp, u, lg_wfd(u));
 }

@@ -4,6 +4,7 @@
 
 #include "is_access.h"
 #include "os.h"
+#include "v_pool.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -205,6 +206,31 @@ int extend(int u, int fd, off_t need) noexcept {
     const int rc = grow_locked(u, fd, need);
     size_unlock(fd);
     return rc;
+}
+
+bool armable(int u) noexcept {
+    if (!fds.map[u]) return false;
+    if (v_mapped_install()) return true;
+    kisam::os_unmap(fds.map[u], fds.window);
+    fds.map[u] = nullptr;
+    return false;
+}
+
+void cut_short(int u, int fd) noexcept {
+    const int e = errno;
+    {
+        NoSignals quiet;
+        if (size_lock(fd, true) == 0) {
+            // What lies past the log's end is gone: the zeros are written again from
+            // there before a record may land on it.
+            struct stat st;
+            if (kisam::os.fstat(fd, &st) == 0 && static_cast<uint64_t>(st.st_size) < zeros(u).load())
+                zeros(u).store(static_cast<uint64_t>(st.st_size), std::memory_order_release);
+            size_unlock(fd);
+        }
+    }
+    at32(xfile(u)->xf_log_cut).store(1, std::memory_order_release);
+    errno = e;
 }
 
 void extend_ahead(int u) noexcept {

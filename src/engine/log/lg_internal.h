@@ -211,6 +211,20 @@ int extend(int u, int fd, off_t need) noexcept;
 // left to the append that would need the zeros (extend).
 void extend_ahead(int u) noexcept;
 
+// A store into log u (descriptor fd) through the mapping faulted: the log was cut short
+// from outside, or the disk cannot read a page of it back.  Records the log no longer
+// holds can no longer be replayed, so the file is to be checkpointed by its next changing
+// call (xf_log_cut); a log shorter than its known zeros gets its zeros written again from
+// its end (the known size goes back to it, under the size lock).
+void cut_short(int u, int fd) noexcept;
+
+// Whether this process's stores into log u's mapping can be armed against SIGBUS: the
+// pool's handler is installed at the first store rather than when the log is mapped, so
+// that a program's own SIGBUS handler, set up after it opened its files but before its
+// first changing call, is the one the library's hands foreign faults on to.  A process
+// where the handler cannot be installed gives the mapping up (its records go by pwrite).
+bool armable(int u) noexcept;
+
 // The log of slot u, opened (and created) on first use, and mapped.
 int log_fd(int u) noexcept;
 

@@ -181,6 +181,20 @@ bool has_records(int fd, const lg_head& h) noexcept {
     return ok;
 }
 
+// Whether a header copy of the log on fd, whole by its checksum and of a newer version,
+// names the file of device dev and inode ino.  Every version keeps the header's magic,
+// version, identity (device, inode, path) and checksum where they are, so that an older
+// library can tell whose calls a newer log holds.
+bool newer_names(int fd, uint64_t dev, uint64_t ino) noexcept {
+    lg_head h[2];
+    const ssize_t n = kisam::os_pread_full(fd, h, sizeof h, 0);
+    for (int i = 0; i < 2 && n >= static_cast<ssize_t>((i + 1) * sizeof(lg_head)); ++i)
+        if (h[i].lh_magic == kHeadMagic && h[i].lh_version > kVersion &&
+            h[i].lh_sum == checksum(&h[i], offsetof(lg_head, lh_sum)) && h[i].lh_dev == dev && h[i].lh_ino == ino)
+            return true;
+    return false;
+}
+
 // Calls fn(slot, fd) for every log file of the installation (fd closed afterwards).
 template <class Fn>
 void each_log(Fn fn) noexcept {
@@ -264,13 +278,17 @@ void lg_recover_all(void) noexcept {
     isx_area->xh_rec_usec = static_cast<uint32_t>((t1.tv_sec - t0.tv_sec) * 1000000 + (t1.tv_nsec - t0.tv_nsec) / 1000);
 }
 
-bool lg_pending(uint64_t dev, uint64_t ino) noexcept {
-    if (lbase[0] == '\0') return false;
-    bool found = false;
+int lg_pending(uint64_t dev, uint64_t ino) noexcept {
+    if (lbase[0] == '\0') return 0;
+    int found = 0;
     each_log([&](int, int fd) {
         lg_head h;
-        if (found || !read_head(fd, &h) || h.lh_dev != dev || h.lh_ino != ino) return;
-        found = has_records(fd, h);
+        bool newer = false;
+        if (found == 2) return;
+        if (read_head(fd, &h, &newer) && h.lh_dev == dev && h.lh_ino == ino && has_records(fd, h)) found = 1;
+        // A newer version's records cannot be read here, nor whether any is left: a log
+        // of such a version that names the file may hold calls the file lacks.
+        else if (newer && newer_names(fd, dev, ino)) found = 2;
     });
     return found;
 }

@@ -66,6 +66,10 @@ struct sigaction bus_prev;                 // the disposition the library's hand
 std::atomic<bool> bus_installed{false};    // once per process (inherited across fork)
 thread_local MappedRead* bus_target = nullptr;
 thread_local int bus_file = -1;            // the mapping that faulted, for v_mapped_fault
+// A store armed over another mapping of this process (v_mapped_arm_range, the redo
+// log's): a fault in [bus_lo, bus_hi) is the armed thread's too.  Counts only while armed.
+thread_local const char* bus_lo = nullptr;
+thread_local const char* bus_hi = nullptr;
 
 // The file slot whose mapping holds address a, or -1.  Reads only this process's tables,
 // which change only between accesses, in the thread that reads (no allocation, no lock:
@@ -116,10 +120,12 @@ void bus_pass_on(int sig, siginfo_t* si, void* ctx) noexcept {
 
 void on_bus(int sig, siginfo_t* si, void* ctx) noexcept {
     // A fault at an address in a mapping of ours (a signal sent by a program carries no
-    // address), in a thread armed for it: only a read of a mapping touches one.
+    // address), in a thread armed for it: only a read of a mapping, or a store armed over
+    // a range (the redo log's), touches one.
     if (si && (si->si_code == BUS_ADRERR || si->si_code == BUS_OBJERR || si->si_code == BUS_MCEERR_AR)) {
         const int w = mapping_of(si->si_addr);
-        if (w >= 0) {
+        const char* a = static_cast<const char*>(si->si_addr);
+        if (w >= 0 || (a >= bus_lo && a < bus_hi)) {
             if (MappedRead* r = bus_target) {
                 bus_target = nullptr;
                 bus_file = w;
@@ -325,6 +331,14 @@ void v_mapped_arm(MappedRead* r) noexcept {
     // The handler must see the target before any access it covers.
     std::atomic_signal_fence(std::memory_order_seq_cst);
 }
+
+void v_mapped_arm_range(MappedRead* r, const void* lo, size_t len) noexcept {
+    bus_lo = static_cast<const char*>(lo);
+    bus_hi = bus_lo + len;
+    v_mapped_arm(r);
+}
+
+bool v_mapped_install() noexcept { return bus_install(); }
 
 void v_mapped_disarm() noexcept {
     std::atomic_signal_fence(std::memory_order_seq_cst);

@@ -152,6 +152,13 @@ struct MappedRead {
 };
 void v_mapped_arm(MappedRead* r) noexcept;
 void v_mapped_disarm() noexcept;
+// The same for stores into another shared mapping of this process, [lo, lo + len) (the
+// redo log's, whose pages the disk may fail to read back or another program may cut
+// away): the handler jumps to r when the fault lies there.  The writer handles the fault
+// itself (no v_mapped_fault).  v_mapped_install installs the handler first (once per
+// process; false when it cannot be, and the mapping must then not be stored into).
+void v_mapped_arm_range(MappedRead* r, const void* lo, size_t len) noexcept;
+bool v_mapped_install() noexcept;
 void v_mapped_fault() noexcept;
 // Faults in a mapping that this process turned into a jump (a figure for tests).
 extern unsigned long v_map_faults;
