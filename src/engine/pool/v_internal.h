@@ -344,7 +344,7 @@ int commit_changes(IS_FCP* fcp, int u, IS_PFI* pfi) noexcept;
 
 // ---- Reads without the lock (v_peek.cpp) -------------------------------------------------
 // A miss's page read without a system call: bytes [off, off + kPage) of the current file
-// u (descriptor fd) copied into dst from this process's read-only mapping of the file
+// u (descriptor fd) copied into dst from this process's mapping of the file
 // (the one reads without the lock use).  False when the mapping does not cover them, a
 // test replaced the system calls, or the copy faulted (the mapping is then dropped): the
 // caller reads the page from the file instead.
