@@ -16,11 +16,14 @@
 #include <fcntl.h>
 #include <setjmp.h>
 #include <signal.h>
+#include <sched.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -657,6 +660,293 @@ TEST_F(FileReads, AFileCutShortUnderAWriterGivesErrorsNotASignal) {
     ASSERT_EQ(::truncate(path_.c_str(), st.st_size / 2 / 4096 * 4096), 0);
     down_.signal('g');
     EXPECT_EQ(kt::wait_child(r), 0);
+}
+
+// ---- Write-backs through the mapping ------------------------------------------------------
+
+// Page writes of the data file, by kind, in the process that counts them: stores into its
+// mapping (through the OS layer, as the hooks see them) and write calls.
+int counted_fd = -1;
+unsigned long data_stores = 0, data_pwrites = 0;
+int counting_mstore(int fd, char* map, off_t off, const void* src, size_t n) {
+    if (fd == counted_fd) ++data_stores;
+    return kisam::os_real.mstore(fd, map, off, src, n);
+}
+ssize_t counting_pwrite(int fd, const void* b, size_t n, off_t off) {
+    if (fd == counted_fd) ++data_pwrites;
+    return kisam::os_real.pwrite(fd, b, n, off);
+}
+void count_page_writes(int isfd) {
+    counted_fd = is_pfi[is_db[isfd]->uniqueid].pfi_osfd;
+    data_stores = data_pwrites = 0;
+    kisam::os.mstore = counting_mstore;
+    kisam::os.pwrite = counting_pwrite;
+}
+
+class MappedWrites : public FileReads {
+protected:
+    void cut_under_write_back(bool by_checkpoint);
+};
+
+// A writer whose pool is far smaller than the file writes its victims and its checkpoints
+// back by stores into its mapping of the file, each made known to the OS layer's hooks as
+// the write of its page; pages past the file's end (the file growing) go out by write
+// calls, after which the mapping covers them.  A process that reads with read calls only
+// finds every record as written.  Both sizes of control page: with pages 512 bytes apart
+// a page straddles two of the system's pages.
+TEST_F(MappedWrites, VictimsAndCheckpointsAreStoresThatReadersSee) {
+    for (const int magic : {512, 1024}) {
+        SCOPED_TRACE(magic);
+        start(40, 1500, magic);
+        EXPECT_EQ(in_child([&](int fd) {
+                      count_page_writes(fd);
+                      for (unsigned id = 0; id < ids_; ++id) {
+                          const std::string rec = record(id, 2);
+                          if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 71;
+                      }
+                      if (v_map_stores < ids_ / 4) return 72;          // victims stored, ...
+                      if (data_stores != v_map_stores) return 73;       // ... each seen as a write
+                      if (data_pwrites > v_map_stores / 20) return 74;  // few write calls
+                      // New pages past the file's end: write calls first, stores after.
+                      const unsigned long stores0 = v_map_stores, pwrites0 = data_pwrites;
+                      for (unsigned id = 1500; id < 3000; ++id) {
+                          const std::string rec = record(id, 2);
+                          if (niswrite(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 75;
+                      }
+                      for (unsigned id = 1500; id < 3000; ++id) {
+                          const std::string rec = record(id, 3);
+                          if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 76;
+                      }
+                      if (data_pwrites == pwrites0) return 77;
+                      if (v_map_stores - stores0 < 1500 / 4) return 78;
+                      const unsigned long before_flush = v_map_stores;
+                      if (nisflush(fd) != 0 || v_map_stores == before_flush) return 79;  // the checkpoint too
+                      if (v_store_faults != 0) return 80;
+                      return 0;
+                  }),
+                  0);
+        kisam::os.pread = plain_pread;  // no mapping in the checker: every page by a read call
+        EXPECT_EQ(in_child([&](int fd) {
+                      if (read_all(fd, 2, 0) != 0) return 81;
+                      for (unsigned id = 1500; id < 3000; ++id)
+                          if (check(fd, id, 3) != 0) return 82;
+                      return 0;
+                  }),
+                  0);
+        kisam::os = kisam::os_real;
+        EXPECT_TRUE(kt::sound(path_));
+    }
+}
+
+// Another program cuts the file short under a writer whose pool holds changed pages past
+// the new end: the store of such a page faults, and the page is written by a write call
+// instead -- which succeeds, as it would have without the mapping -- and the writer goes
+// on, never killed by the signal.  Victims (writebuf) and the checkpoint (the write-back
+// of every dirty page) both meet it.
+void MappedWrites::cut_under_write_back(bool by_checkpoint) {
+    {
+        start(40, 1500);
+        struct stat st;
+        ASSERT_EQ(::stat(path_.c_str(), &st), 0);
+        const pid_t r = hooked_reader([&](int fd) {
+            ::alarm(60);
+            count_page_writes(fd);
+            // Changed pages of the back of the file, held in the pool; the front read
+            // through the mapping, so that the writer has the file mapped.
+            for (unsigned id = 0; id < 200; ++id)
+                if (check(fd, id, 1) != 0) return 71;
+            for (unsigned id = ids_; id-- > ids_ - 30;) {
+                const std::string rec = record(id, 2);
+                if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 72;
+            }
+            if (v_map_stores == 0 && v_map_loads == 0) return 73;
+            up_.signal('r');
+            down_.wait();
+            const unsigned long pwrites0 = data_pwrites;
+            if (by_checkpoint) {
+                if (kt::write_back(fd) != 0) return 74;
+            } else {
+                // Misses of the front of the file make the changed pages victims (a call
+                // that meets the cut itself fails with an error).
+                for (unsigned id = 0; id < 400; ++id) {
+                    const std::string rec = record(id, 2);
+                    is_errno = 0;
+                    if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) != 0 && is_errno == 0) return 75;
+                }
+            }
+            if (v_store_faults == 0) return 76;         // a store met the cut ...
+            if (data_pwrites == pwrites0) return 77;    // ... and its page went by a write call
+            return 0;
+        }, 'r');
+        const off_t cut = st.st_size / 2 / 4096 * 4096;
+        ASSERT_EQ(::truncate(path_.c_str(), cut), 0);
+        down_.signal('g');
+        EXPECT_EQ(kt::wait_child(r), 0);
+        // The write calls put the pages back past the cut, as they would have unmapped.
+        ASSERT_EQ(::stat(path_.c_str(), &st), 0);
+        EXPECT_GT(st.st_size, cut);
+    }
+}
+
+TEST_F(MappedWrites, AFileCutShortUnderAVictimsStoreGetsTheWriteCallsResult) { cut_under_write_back(false); }
+TEST_F(MappedWrites, AFileCutShortUnderACheckpointsStoreGetsTheWriteCallsResult) { cut_under_write_back(true); }
+
+// A private mount namespace with a small file system of its own at dir (a tmpfs of
+// `bytes`), for this process only: as root, or through a user namespace.  False when the
+// system allows neither.
+bool small_disk(const std::string& dir, size_t bytes) {
+    const uid_t uid = ::getuid();
+    const gid_t gid = ::getgid();
+    if (::unshare(CLONE_NEWNS) != 0) {
+        if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return false;
+        auto put = [](const char* file, const std::string& text) {
+            const int f = ::open(file, O_WRONLY);
+            const bool ok = f >= 0 && ::write(f, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+            if (f >= 0) ::close(f);
+            return ok;
+        };
+        put("/proc/self/setgroups", "deny");
+        if (!put("/proc/self/uid_map", std::to_string(uid) + " " + std::to_string(uid) + " 1\n") ||
+            !put("/proc/self/gid_map", std::to_string(gid) + " " + std::to_string(gid) + " 1\n"))
+            return false;
+    }
+    // Nothing mounted here may reach the system's own namespace.
+    if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return false;
+    ::mkdir(dir.c_str(), 0700);
+    const std::string opt = "size=" + std::to_string(bytes);
+    return ::mount("kisam-test", dir.c_str(), "tmpfs", 0, opt.c_str()) == 0;
+}
+
+// Fills the file system of dir until it has no block left; the filler's path.
+std::string fill_up(const std::string& dir) {
+    const std::string f = dir + "/filler";
+    const int fd = ::open(f.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    char block[4096];
+    std::memset(block, 'f', sizeof block);
+    while (fd >= 0 && ::write(fd, block, sizeof block) > 0) {
+    }
+    if (fd >= 0) ::close(fd);
+    return f;
+}
+
+// A changed page whose place in the file is a hole, on a disk with no block left: its store
+// faults (the disk cannot give the block), and the page goes by a write call, which fails
+// for want of room -- the write-back fails with the write's error, nothing is lost, and
+// once there is room again the same write-back succeeds and the file holds every record.
+TEST_F(MappedWrites, AStoreIntoAHoleOfAFullDiskGetsTheWriteCallsError) {
+    start(400, 10);
+    const std::string dir = path("small");
+    const int rc = kt::run_child([&] {
+        ::alarm(60);
+        if (!small_disk(dir, 1 << 20)) return 99;
+        const std::string file = dir + "/h.ism";
+        int fd = niscreate(file.c_str(), 2, std::vector<int>{kK0, kK1}.data());
+        if (fd < 0) return 1;
+        for (unsigned id = 0; id < 600; ++id) {
+            const std::string r = record(id, 1);
+            if (niswrite(fd, r.data(), static_cast<int>(r.size())) != 0) return 2;
+        }
+        if (kt::write_back(fd) != 0) return 3;  // the file whole on the disk
+        for (unsigned id = 0; id < 600; ++id) {
+            const std::string r = record(id, 2);
+            if (nisupdate(fd, r.data(), static_cast<int>(r.size())) != 0) return 4;
+        }
+        // Four changed pages that fill one of the system's pages: punched out, they leave
+        // a hole only the pool holds the bytes of.
+        const int u = is_db[fd]->uniqueid;
+        const IS_FCP* fcp = kisam::pfo_fcp(u);
+        std::vector<off_t> dirty;
+        for (int s = 0; s < isam_com->maxbufs; ++s) {
+            const IS_BUF* b = is_env.buf_ + s;
+            if ((b->bu_id & BU_DIRTY) && (b->bu_id & BU_FILEMASK) == u && b->bu_pno != KISAM_NOPAGE)
+                dirty.push_back(v_fileoffset(fcp, b->bu_pno));
+        }
+        std::sort(dirty.begin(), dirty.end());
+        off_t hole = -1;
+        for (size_t i = 0; i + 3 < dirty.size() && hole < 0; ++i)
+            if (dirty[i] % 4096 == 0 && dirty[i + 3] == dirty[i] + 3 * 1024) hole = dirty[i];
+        if (hole < 0) return 5;
+        const int raw = ::open(file.c_str(), O_RDWR);
+        if (raw < 0 || ::fallocate(raw, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, hole, 4096) != 0) return 6;
+        ::close(raw);
+        const std::string filler = fill_up(dir);
+        count_page_writes(fd);
+        is_errno = 0;
+        if (kt::write_back(fd) == 0) return 7;      // no room for the page ...
+        if (is_errno != ISE_FLWT) return 8;         // ... said as a failed write says it
+        if (v_store_faults != 1) return 9;          // the store met the hole
+        if (data_pwrites == 0) return 10;           // and the write call said why
+        ::unlink(filler.c_str());
+        if (kt::write_back(fd) != 0) return 11;     // room again: the same write-back
+        if (nisclose(fd) != 0) return 12;
+        nisunisam();
+        kisam::os = kisam::os_real;
+        // Read back with read calls (a new attachment, the pool empty).
+        kisam::os.pread = plain_pread;
+        if (is_init() != 0 || (fd = nisopen(file.c_str(), ISO_RDWR)) < 0) return 13;
+        for (unsigned id = 0; id < 600; ++id)
+            if (check(fd, id, 2) != 0) return 14;
+        nisclose(fd);
+        nisunisam();
+        return kt::sound(file) ? 0 : 15;
+    });
+    if (rc == 99) GTEST_SKIP() << "no mount namespace for a small file system";
+    EXPECT_EQ(rc, 0);
+}
+
+// Stores into the mapping reach the disk at the next sync, and a disk that fails to write
+// them says so there: a checkpoint whose sync of the file fails fails, and keeps the log.
+// Here the sync's failure is made at the OS layer and the disk's loss by putting the
+// file's bytes of before the calls back: the next start replays the log and the calls are
+// all there.
+int failing_fd = -1;
+int failing_data_sync(int fd) {
+    if (fd == failing_fd) {
+        errno = EIO;
+        return -1;
+    }
+    return kisam::os_real.fdatasync(fd);
+}
+
+TEST_F(MappedWrites, ACheckpointWhoseSyncFailsKeepsTheLog) {
+    start(40, 600);
+    std::string before;
+    {
+        const int f = ::open(path_.c_str(), O_RDONLY);
+        ASSERT_GE(f, 0);
+        char buf[65536];
+        for (ssize_t n; (n = ::read(f, buf, sizeof buf)) > 0;) before.append(buf, static_cast<size_t>(n));
+        ::close(f);
+    }
+    EXPECT_EQ(kt::run_child([&] {
+                  const int fd = open();
+                  if (fd < 0) return 70;
+                  for (unsigned id = 0; id < ids_; ++id) {
+                      const std::string rec = record(id, 2);
+                      if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 71;
+                  }
+                  if (v_map_stores == 0) return 72;
+                  const int u = is_db[fd]->uniqueid;
+                  failing_fd = is_pfi[u].pfi_osfd;
+                  kisam::os.fdatasync = failing_data_sync;
+                  is_errno = 0;
+                  if (kt::write_back(fd) == 0 || is_errno != ISE_FLWT) return 73;
+                  const auto* x = kisam::isx_file_of(u);
+                  if (x->xf_log_start == x->xf_log_end) return 74;  // the log still holds the calls
+                  ::kill(::getpid(), SIGKILL);                        // and nothing else happens
+                  return 75;
+              }),
+              128 + SIGKILL);
+    // What the disk lost: every page write since the file was whole.
+    {
+        const int f = ::open(path_.c_str(), O_WRONLY);
+        ASSERT_GE(f, 0);
+        ASSERT_EQ(::pwrite(f, before.data(), before.size(), 0), static_cast<ssize_t>(before.size()));
+        ASSERT_EQ(::ftruncate(f, static_cast<off_t>(before.size())), 0);
+        ::close(f);
+    }
+    EXPECT_EQ(in_child([&](int fd) { return read_all(fd, 2); }), 0);
+    EXPECT_TRUE(kt::sound(path_));
 }
 
 }  // namespace

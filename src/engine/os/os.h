@@ -30,9 +30,10 @@ struct os_table {
     // A store into a file through its shared mapping `map` (of fd from offset 0): bytes
     // [off, off + len) of the file become those at src.  src may already be map + off (the
     // bytes were built in place): the store is then only made known.  0, or -1 with errno
-    // (a test's failure; the real one cannot fail).  Callers store only below a size the
-    // file is known to have reached with its blocks written, so the store can neither fall
-    // past the end of the file nor need a block the disk cannot give (no SIGBUS).
+    // (a test's failure; the real one cannot fail).  A store past the end of the file, or
+    // into a hole whose block the disk cannot give, raises SIGBUS: the redo log stores only
+    // below a size whose blocks it wrote and synced, so its stores never fault; the pool's
+    // write-backs store armed for the fault and write the page by a write call after one.
     int (*mstore)(int fd, char* map, off_t off, const void* src, size_t len);
 };
 // The live table; tests may replace entries and must restore them.

@@ -24,6 +24,7 @@ void book_free() noexcept {
     std::free(bk.map_cap);
     std::free(bk.map_last);
     std::free(bk.map_past);
+    std::free(bk.map_rw);
     std::free(bk.tab);
     std::free(bk.key_of);
     std::free(bk.known);
@@ -62,9 +63,10 @@ void book_setup() noexcept {
         bk.map_cap = static_cast<size_t*>(std::calloc(no + 1, sizeof(size_t)));
         bk.map_last = static_cast<uint32_t*>(std::calloc(no + 1, sizeof(uint32_t)));
         bk.map_past = static_cast<uint32_t*>(std::calloc(no + 1, sizeof(uint32_t)));
+        bk.map_rw = static_cast<uint8_t*>(std::calloc(no + 1, 1));
         bk.ok = bk.tab && bk.key_of && bk.fixed && bk.listed && bk.known && bk.known_gen &&
                 bk.known_fcp && bk.walk_waits && bk.walked && bk.refused && bk.map_base &&
-                bk.map_len && bk.map_cap && bk.map_last && bk.map_past;
+                bk.map_len && bk.map_cap && bk.map_last && bk.map_past && bk.map_rw;
         if (!bk.ok) {
             book_free();
         } else {

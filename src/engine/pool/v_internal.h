@@ -117,15 +117,18 @@ struct PoolBook {
     uint32_t* refused = nullptr;
     uint32_t scan_no = 0;
 
-    // Read-only mappings of the files' data for reads without the lock and for misses
-    // (v_peek.cpp), by file slot: base, the file's size as measured (null, 0: none), the
-    // length mapped (a reserve past that size), the file's end (is_lastpage) when its
-    // size was last measured, and the misses past the mapping since then.
+    // Mappings of the files' data for reads without the lock, for misses (v_peek.cpp)
+    // and for write-backs (v_write.cpp), by file slot: base, the file's size as measured
+    // (null, 0: none), the length mapped (a reserve past that size), the file's end
+    // (is_lastpage) when its size was last measured, the misses past the mapping since
+    // then, and whether the mapping is writable (the file is open for writing here).
+    // Readers only ever read through a mapping.
     const char** map_base = nullptr;
     size_t* map_len = nullptr;
     size_t* map_cap = nullptr;
     uint32_t* map_last = nullptr;
     uint32_t* map_past = nullptr;
+    uint8_t* map_rw = nullptr;
 };
 
 extern PoolBook bk;
@@ -341,11 +344,21 @@ int commit_changes(IS_FCP* fcp, int u, IS_PFI* pfi) noexcept;
 
 // ---- Reads without the lock (v_peek.cpp) -------------------------------------------------
 // A miss's page read without a system call: bytes [off, off + kPage) of the current file
-// u (descriptor fd) copied into dst from this process's read-only mapping of the file
+// u (descriptor fd) copied into dst from this process's mapping of the file
 // (the one reads without the lock use).  False when the mapping does not cover them, a
 // test replaced the system calls, or the copy faulted (the mapping is then dropped): the
 // caller reads the page from the file instead.
 bool map_load(int u, int fd, off_t off, char* dst) noexcept;
+// The writable address of bytes [off, off + kPage) of file u (this process's descriptor
+// fd, the file's end `last`) in this process's mapping of the file, made or grown as
+// map_load would; null when the mapping is read-only or does not cover them.  A page past
+// the file's size as measured is left to a write call (which extends the file: then
+// map_reached) rather than measured again at every such page.
+char* map_for_store(int u, int fd, off_t off, PAGE last) noexcept;
+// A write call put bytes up to `end` into file u: the file reaches at least that far (a
+// data file never shrinks while open), so the mapping covers them from now on when its
+// reserve does.
+void map_reached(int u, size_t end) noexcept;
 // Forgets the hits counted by v_peek and not yet folded (a child after fork).
 void peek_forget() noexcept;
 

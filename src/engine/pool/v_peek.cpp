@@ -42,6 +42,7 @@ void map_drop(int u) noexcept {
         bk.map_cap[w] = 0;
         bk.map_last[w] = 0;
         bk.map_past[w] = 0;
+        bk.map_rw[w] = 0;
     }
 }
 
@@ -120,8 +121,8 @@ void bus_pass_on(int sig, siginfo_t* si, void* ctx) noexcept {
 
 void on_bus(int sig, siginfo_t* si, void* ctx) noexcept {
     // A fault at an address in a mapping of ours (a signal sent by a program carries no
-    // address), in a thread armed for it: only a read of a mapping, or a store armed over
-    // a range (the redo log's), touches one.
+    // address), in a thread armed for it: only a read of a mapping, a write-back's store
+    // into it, or a store armed over a range (the redo log's), touches one.
     if (si && (si->si_code == BUS_ADRERR || si->si_code == BUS_OBJERR || si->si_code == BUS_MCEERR_AR)) {
         const int w = mapping_of(si->si_addr);
         const char* a = static_cast<const char*>(si->si_addr);
@@ -172,8 +173,10 @@ size_t map_reserve(size_t size) noexcept {
 }
 
 // The bytes at [off, off + kPage) of file u (descriptor fd) through this process's
-// read-only mapping of the file, or null when the file does not hold them (or cannot be
-// mapped).  The mapping covers the file's size when it was made, and a file never
+// mapping of the file, or null when the file does not hold them (or cannot be mapped).
+// The mapping is writable when fd is this process's descriptor of a file it opened for
+// writing (write-backs store through it: v_write.cpp), read-only otherwise; readers only
+// read through it.  The mapping covers the file's size when it was made, and a file never
 // shrinks while it is open (nothing cuts a data file back: a rollback only moves its end
 // in the control page), so no access through it can fall past the end of the file.  It
 // is made again, larger, when a page past it is asked for and the file's end moved (or
@@ -196,16 +199,37 @@ const char* map_page(int u, int fd, off_t off, PAGE last) noexcept {
     }
     if (!bus_install()) return nullptr;
     const size_t cap = map_reserve(size);
-    void* p = ::mmap(nullptr, cap, PROT_READ, MAP_SHARED, fd, 0);
+    // One mapping for reads and write-backs, so that a page read in and later written
+    // back costs one fault, not one in each of two mappings.
+    const bool rw = is_pfi && fd == is_pfi[u].pfi_osfd && !(is_pfi[u].pfi_bits & PFI_RDONLY);
+    void* p = rw ? ::mmap(nullptr, cap, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0) : MAP_FAILED;
+    const bool writable = p != MAP_FAILED;
+    if (!writable) p = ::mmap(nullptr, cap, PROT_READ, MAP_SHARED, fd, 0);
     if (p == MAP_FAILED) return nullptr;
     if (bk.map_base[u]) ::munmap(const_cast<char*>(bk.map_base[u]), bk.map_cap[u]);
     bk.map_base[u] = static_cast<const char*>(p);
     bk.map_len[u] = size;
     bk.map_cap[u] = cap;
+    bk.map_rw[u] = writable;
     return end <= size ? bk.map_base[u] + off : nullptr;
 }
 
 }  // namespace
+
+char* map_for_store(int u, int fd, off_t off, PAGE last) noexcept {
+    if (!bk.ok || !bk.map_base || u < 0 || u >= bk.nopen || off < 0) return nullptr;
+    const size_t end = static_cast<size_t>(off) + kisam::kPage;
+    // Past the size as measured but within the reserve: the write call that puts the
+    // page there moves the size (map_reached), with no fstat per page of a growing file.
+    if (bk.map_base[u] && end > bk.map_len[u] && end <= bk.map_cap[u]) return nullptr;
+    const char* p = map_page(u, fd, off, last);
+    return p && bk.map_rw[u] ? const_cast<char*>(p) : nullptr;
+}
+
+void map_reached(int u, size_t end) noexcept {
+    if (!bk.ok || !bk.map_base || u < 0 || u >= bk.nopen || !bk.map_base[u]) return;
+    if (end > bk.map_len[u] && end <= bk.map_cap[u]) bk.map_len[u] = end;
+}
 
 bool map_load(int u, int fd, off_t off, char* dst) noexcept {
     // Through the operating system's hooks when a test replaced them (as v_peek_file).

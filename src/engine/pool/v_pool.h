@@ -136,6 +136,11 @@ extern unsigned long v_file_reads;
 // Pages this process's misses loaded into the pool from its mapping of the file, not by
 // a read call (a figure for tests and benchmarks).
 extern unsigned long v_map_loads;
+// Pages this process wrote back by a store into its mapping of the file, not by a write
+// call, and stores that faulted and were written by a write call instead (figures for
+// tests and benchmarks).
+extern unsigned long v_map_stores;
+extern unsigned long v_store_faults;
 // A read through the files' mappings may fault where the file no longer holds the page
 // (another program cut it short, the disk failed to read it back): the kernel sends
 // SIGBUS.  A reader arms its thread's jump target for the span of its accesses

@@ -31,6 +31,58 @@ volatile int chg_busy = 0;
 // only when nothing else is left.
 bool take_own = false;
 
+namespace {
+
+// Page `src` of file u written at offset off, through descriptor fd: 0, or -1 with errno
+// (as os_pwrite_full).  Where this process's writable mapping of the file covers the page,
+// the page is stored into it -- a copy into the file's cache, no system call -- through
+// the OS layer's mstore, so that tests see the store as the write of that page and may
+// fail it.  The file's cache is what a write call fills too, and a sync writes what a
+// store dirtied as it writes what a write call did, so the log rule (nothing reaches the
+// file before its log) and every sync keep their meaning; an error of the disk shows at
+// the next sync instead of here.
+//
+// A store can fault where a write call would not: the file cut short by another program
+// (the page now past its end), or a hole whose block the disk cannot give (a full disk).
+// The store is armed like the mapped reads; on a fault the mapping is dropped and the page
+// goes out by a write call after all, which gives that case's result and error code as a
+// store-less write-back would.  A page past the mapping goes out by a write call, which
+// moves the size the mapping knows.
+//
+// store_mapped: 1 stored, 0 not stored (the caller writes the page), -1 the store failed
+// (errno set).
+int store_mapped(int u, int fd, const char* src, off_t off, PAGE last) noexcept {
+    if (!is_pfi || u < 0 || u >= isam_com->maxopen || fd != is_pfi[u].pfi_osfd) return 0;
+    char* const to = map_for_store(u, fd, off, last);
+    if (!to) return 0;
+    char* const base = to - off;
+    MappedRead armed;
+    if (sigsetjmp(armed.env, 0) != 0) {
+        v_mapped_fault();
+        ++v_store_faults;
+        return 0;
+    }
+    v_mapped_arm(&armed);
+    const int r = kisam::os.mstore(fd, base, off, src, kisam::kPage);
+    v_mapped_disarm();
+    if (r != 0) return -1;
+    ++v_map_stores;
+    return 1;
+}
+
+int write_pages(int u, int fd, const char* src, size_t n, off_t off) noexcept {
+    if (kisam::os_pwrite_full(fd, src, n, off) != 0) return -1;
+    map_reached(u, static_cast<size_t>(off) + n);
+    return 0;
+}
+
+int store_page(int u, int fd, const char* src, off_t off, PAGE last) noexcept {
+    const int r = store_mapped(u, fd, src, off, last);
+    return r != 0 ? (r > 0 ? 0 : -1) : write_pages(u, fd, src, kisam::kPage, off);
+}
+
+}  // namespace
+
 int commit_changes(IS_FCP* fcp, int u, IS_PFI* pfi) noexcept {
     // The commit: the pages this process changed in u, and u's control page, go into
     // u's log as one record.  They stay in the pool, dirty, for write-back.  A release
@@ -77,6 +129,9 @@ int commit_changes(IS_FCP* fcp, int u, IS_PFI* pfi) noexcept {
 
 using namespace kisam::pool;
 
+unsigned long v_map_stores = 0;
+unsigned long v_store_faults = 0;
+
 int writebuf(IS_BUF* b) noexcept {
     const int w = file_of(b);
     IS_FCP* ofcp = w < isam_com->maxopen ? pfo_fcp(w) : nullptr;
@@ -121,7 +176,7 @@ int writebuf(IS_BUF* b) noexcept {
         fcp_setdatachanged(ofcp, pfi, 1, ofcp->is_optbits & (ISO_SYNC | ISO_CLEARREL)) < 0)
         return is_raise(ISE_RDWT, PROC(P_V_READ, 3));
     if (off < 0) return is_raise(ISE_RDSK, PROC(P_V_READ, 2));
-    if (kisam::os_pwrite_full(fd, b->bu_data.c, kisam::kPage, off) != 0)
+    if (store_page(w, fd, b->bu_data.c, off, ofcp->is_lastpage) != 0)
         return seek_errno(errno) ? is_raise(ISE_RDSK, PROC(P_V_READ, 2))
                                  : is_raise(ISE_RDWT, PROC(P_V_READ, 3));
     count(isam_com->syswrite);
@@ -240,9 +295,19 @@ int v_write_back(IS_FCP* fcp, int u, int fd) noexcept {
     if (m == 0) return 0;
     std::sort(wb_order, wb_order + m, [](int16_t a, int16_t b) { return slot(a)->bu_pno < slot(b)->bu_pno; });
     v_changing(fcp, u);  // as writebuf
+    const PAGE last = fcp->is_lastpage;
     for (int i = 0; i < m;) {
-        // The run from i: pages whose offsets follow each other.
         const off_t off = v_fileoffset(fcp, slot(wb_order[i])->bu_pno);
+        // Through the mapping where it covers the page (store_page).
+        const int st = store_mapped(u, fd, slot(wb_order[i])->bu_data.c, off, last);
+        if (st < 0) return is_raise(seek_errno(errno) ? ISE_FLSK : ISE_FLWT, PROC(P_V_READ, seek_errno(errno) ? 2 : 3));
+        if (st > 0) {
+            count(isam_com->syswrite);
+            slot(wb_order[i])->bu_id &= static_cast<uint16_t>(~BU_DIRTY);
+            ++i;
+            continue;
+        }
+        // Else the run from i, pages whose offsets follow each other, in one write call.
         int k = 1;
         while (i + k < m && k < kRunPages &&
                v_fileoffset(fcp, slot(wb_order[i + k])->bu_pno) == off + static_cast<off_t>(k) * kisam::kPage)
@@ -252,7 +317,7 @@ int v_write_back(IS_FCP* fcp, int u, int fd) noexcept {
             for (int j = 0; j < k; ++j) std::memcpy(run_buf[j].c, slot(wb_order[i + j])->bu_data.c, kisam::kPage);
             src = run_buf[0].c;
         }
-        if (kisam::os_pwrite_full(fd, src, static_cast<size_t>(k) * kisam::kPage, off) != 0)
+        if (write_pages(u, fd, src, static_cast<size_t>(k) * kisam::kPage, off) != 0)
             return is_raise(seek_errno(errno) ? ISE_FLSK : ISE_FLWT, PROC(P_V_READ, seek_errno(errno) ? 2 : 3));
         for (int j = 0; j < k; ++j) {
             count(isam_com->syswrite);
