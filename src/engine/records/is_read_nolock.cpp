@@ -26,6 +26,7 @@
 #include "bt.h"
 #include "bt_key.h"
 #include "dr.h"
+#include "is_leafdir.h"
 #include "isx_area.h"
 #include "test_hook.h"
 #include "v_pool.h"
@@ -33,7 +34,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cstddef>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 
 namespace kisam {
 TestHook test_hook = nullptr;
@@ -77,6 +80,20 @@ struct Search {
     int nmarks = 0;
     // Where the page last returned came from: its slot, or slot -1 for the file.
     PeekMark last{-1, 0, KISAM_NOPAGE};
+    // What the attempt learnt for key 0's leaf directory, filed only once it stands (a
+    // page read while it changed may say anything): an entry that misled it, and leaves
+    // it came to (by their first key).
+    static constexpr int kNotes = 2;
+    bool drop = false;
+    char drop_lo[LeafDir::kMaxKey];
+    int nputs = 0;
+    char put_lo[kNotes][LeafDir::kMaxKey];
+    LeafRef put_ref[kNotes];
+    void note_put(const char* lo, int klen, const PeekMark& m) {
+        if (nputs == kNotes) return;
+        std::memcpy(put_lo[nputs], lo, static_cast<size_t>(klen));
+        put_ref[nputs++] = LeafRef{m.pno, m.slot, m.stamp};
+    }
 
     // Whether every slot read since the last check still holds its page as it did then.
     bool still() {
@@ -117,6 +134,48 @@ struct StepMemo {
 };
 StepMemo memo;
 
+// Key 0's leaf directory of each file slot, this process's own: a search of key 0 goes
+// first to the leaf that held the keys around its key when this process last came to it
+// (is_leafdir.h), and takes it as the locked search takes its hint -- key 0's items are
+// unique over the bytes compared, so that the page that holds the key, or that the key
+// falls inside of, gives the answer a descent from the root gives.  A directory serves
+// the file whose shared control page it was made for, and starts again empty for
+// another.
+struct FileDir {
+    const IS_FCP* fcp;
+    LeafDir dir;
+};
+FileDir* dirs = nullptr;
+int ndirs = 0;
+
+// The leaf directory of key 0 of file u (control page fcp), or null when there is none:
+// a key 0 whose items do not compare over the key alone, a longer key than a directory
+// holds, or no memory.
+LeafDir* dir_of(int u, const IS_FCP* fcp, const IS_KEY* k0) noexcept {
+    const int klen = k0->k_ncomp;
+    if (klen != k0->k_keylen || klen < 1 || klen > LeafDir::kMaxKey || u < 0) return nullptr;
+    if (u >= ndirs) {
+        const int n = isam_com && isam_com->maxopen > u ? isam_com->maxopen : u + 1;
+        auto* nd = static_cast<FileDir*>(std::malloc(static_cast<size_t>(n) * sizeof(FileDir)));
+        if (!nd) return nullptr;
+        // The old directories are dropped rather than moved: they only save work.
+        for (int i = 0; i < ndirs; ++i) dirs[i].dir.~LeafDir();
+        std::free(dirs);
+        for (int i = 0; i < n; ++i) {
+            nd[i].fcp = nullptr;
+            new (&nd[i].dir) LeafDir();
+        }
+        dirs = nd;
+        ndirs = n;
+    }
+    FileDir& f = dirs[u];
+    if (f.fcp != fcp || f.dir.klen() != klen) {
+        if (!f.dir.reset(klen)) return nullptr;
+        f.fcp = fcp;
+    }
+    return &f.dir;
+}
+
 
 // Page pno not in this process's page index: the chain changes of others may have put
 // it in the pool; when they did not, the file holds the page as it is (the count checks
@@ -148,6 +207,31 @@ __attribute__((always_inline)) inline const char* page_at(Search& s, PAGE pno) {
     const IS_DATA* p = s.peek(pno);
     if (!p && !(p = page_past_index(s, pno))) return nullptr;
     return p->c;
+}
+
+// The page a directory entry names, wherever it is now: the slot it was in while that
+// holds it as it did (no probe of the page index), else through the index, or the file
+// (as page_past_index).  Null when it is nowhere to be read without a miss -- the entry is
+// only a guess, and a descent from the root reports what it needs -- or, with s.fail set,
+// when the attempt is torn.
+const IS_DATA* dir_page(Search& s, const LeafRef& r) {
+    if (!page_ok(r.pno)) return nullptr;
+    if (s.nmarks == Search::kMarks && !s.still()) {
+        s.fail = kTorn;
+        return nullptr;
+    }
+    if (r.slot >= 0) {
+        const PeekMark m{r.slot, r.stamp, r.pno};
+        if (const IS_DATA* p = v_peek_again(s.u, m)) {
+            s.marks[s.nmarks++] = s.last = m;
+            return p;
+        }
+    }
+    if (const IS_DATA* p = s.peek(r.pno)) return p;
+    const int known = v_peek_learn(s.u);
+    const IS_DATA* p = known == 2 ? s.peek(r.pno) : nullptr;
+    if (!p && known && (p = v_peek_file(s.u, r.pno))) s.last = PeekMark{-1, 0, r.pno};
+    return p;
 }
 
 // Compares key with the item at x over len bytes, the item's pad byte (at pad, when pad
@@ -218,7 +302,7 @@ inline int items_of(const char* d, int keyno, int order, int inc) {
 // *found tells where the item was found; `step`, the memo of the cursor's last read
 // when it may apply (a strict step from a positioned cursor).
 int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint, Found* found = nullptr,
-           const StepMemo* step = nullptr) {
+           const StepMemo* step = nullptr, LeafDir* dir = nullptr) {
     const IS_KEY* kp = fcp_key(is_curfcp, keyno);
     const int len = kp->k_itemlen;
     const int inc = len + 4;
@@ -259,6 +343,38 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
                 pno = h;
                 x = nx;
             }
+        }
+    }
+    // Key 0's leaf directory: the leaf that held the keys around this one, taken as a
+    // hint is.  An entry whose page no longer starts with its key is dropped; a leaf the
+    // descent below comes to is filed.
+    LeafRef* dref = d == nullptr && dir ? dir->floor(item) : nullptr;
+    if (dref) {
+        const IS_DATA* cp = dir_page(s, *dref);
+        if (s.fail != kNone) return -1;
+        const int klen = dir->klen();
+        const char* cd = cp ? cp->c : nullptr;
+        const int cn = cd ? items_of(cd, keyno, order, inc) : -1;
+        if (cn > 0 && ld32(cd + bt_ptr_off(0, inc)) == KISAM_NOPAGE &&
+            dir->found_is(cd + bt_item_off(0, inc))) {
+            if (s.last.slot != dref->slot || s.last.stamp != dref->stamp)
+                s.note_put(cd + bt_item_off(0, inc), klen, s.last);
+            const int cx = scan(cd, cn, kp, item, ncomp, srchflag, true);
+            if (cx >= 0 && (srchflag & 0x01) && cmp_item(item, cd + bt_item_off(cx, inc), cl, pad) == 0) {
+                take(cd + bt_item_off(cx, inc));
+                *hint = dref->pno;
+                if (found) *found = Found{s.last, cx};
+                return 1;
+            }
+            if (cx >= 0 && cx != (back ? cn - 1 : 0)) {
+                d = cd;
+                pno = dref->pno;
+                n = cn;
+                x = cx;
+            }
+        } else {
+            s.drop = true;
+            dir->found_key(s.drop_lo);
         }
     }
     if (h != KISAM_NOPAGE && d == nullptr) {
@@ -325,6 +441,8 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
                 s.fail = kTorn;
                 return -1;
             }
+            if (dir && n > 0 && ld32(d + bt_ptr_off(0, inc)) == KISAM_NOPAGE)
+                s.note_put(d + bt_item_off(0, inc), dir->klen(), dmark);
             x = n == 0 ? -1 : scan(d, n, kp, item, ncomp, srchflag);
         }
         PAGE child;
@@ -490,6 +608,7 @@ int attempt(int keyno, char* record, int recsize, int dir) noexcept {
     // this cursor along this key.
     const bool stepping = (mode == 0 || mode == 2) && memo.db == db && memo.keyno == keyno && memo.seq == s0;
     Found found;
+    LeafDir* ldir = nullptr;
     char* item = ck;
     int result = -1;
     if (keyno >= 1) {
@@ -514,8 +633,9 @@ int attempt(int keyno, char* record, int recsize, int dir) noexcept {
 
     if (result < 0) {
         PAGE* h0 = keyno == 0 ? &hint : &hint0;
+        ldir = dir_of(u, fcp, k0);
         const int r = search(s, 0, ld32(reinterpret_cast<const char*>(&k0->k_root)), mode, item, h0,
-                             keyno == 0 ? &found : nullptr, keyno == 0 && stepping ? &memo : nullptr);
+                             keyno == 0 ? &found : nullptr, keyno == 0 && stepping ? &memo : nullptr, ldir);
         if (r < 0) return s.fail == kMiss && same() ? missed(s) : kReadAgain;
         if (r == 0 && exact && keyno == 0) std::memcpy(ck, saved, static_cast<size_t>(ilen));
         if (r != 1) {
@@ -541,6 +661,10 @@ int attempt(int keyno, char* record, int recsize, int dir) noexcept {
     }
 
     if (!s.still() || !same()) return kReadAgain;
+    if (ldir) {
+        if (s.drop) ldir->drop(s.drop_lo);
+        for (int i = 0; i < s.nputs; ++i) ldir->put(s.put_lo[i], s.put_ref[i]);
+    }
     memo.seq = 1;
     if (found.at.pno == hint && hint != KISAM_NOPAGE) {
         memo.db = db;
