@@ -44,6 +44,8 @@ bool test_locked_reads = false;
 }  // namespace kisam
 
 unsigned long is_nolock_reads = 0;
+unsigned long is_leafdir_hits = 0;
+unsigned long is_leafdir_drops = 0;
 NolockMiss is_nolock_miss;
 
 using namespace kisam;
@@ -84,6 +86,7 @@ struct Search {
     // page read while it changed may say anything): an entry that misled it, and leaves
     // it came to (by their first key).
     static constexpr int kNotes = 2;
+    bool dir_hit = false;
     bool drop = false;
     char drop_lo[LeafDir::kMaxKey];
     int nputs = 0;
@@ -361,12 +364,14 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
                 s.note_put(cd + bt_item_off(0, inc), klen, s.last);
             const int cx = scan(cd, cn, kp, item, ncomp, srchflag, true);
             if (cx >= 0 && (srchflag & 0x01) && cmp_item(item, cd + bt_item_off(cx, inc), cl, pad) == 0) {
+                s.dir_hit = true;
                 take(cd + bt_item_off(cx, inc));
                 *hint = dref->pno;
                 if (found) *found = Found{s.last, cx};
                 return 1;
             }
             if (cx >= 0 && cx != (back ? cn - 1 : 0)) {
+                s.dir_hit = true;
                 d = cd;
                 pno = dref->pno;
                 n = cn;
@@ -662,7 +667,11 @@ int attempt(int keyno, char* record, int recsize, int dir) noexcept {
 
     if (!s.still() || !same()) return kReadAgain;
     if (ldir) {
-        if (s.drop) ldir->drop(s.drop_lo);
+        is_leafdir_hits += s.dir_hit;
+        if (s.drop) {
+            ldir->drop(s.drop_lo);
+            ++is_leafdir_drops;
+        }
         for (int i = 0; i < s.nputs; ++i) ldir->put(s.put_lo[i], s.put_ref[i]);
     }
     memo.seq = 1;
