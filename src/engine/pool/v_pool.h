@@ -106,11 +106,25 @@ struct PeekMark {
     uint32_t stamp;  // bu_wcnt: changes at every load of the slot (and write-back)
     PAGE pno;
 };
-const IS_DATA* v_peek(int u, PAGE pno, PeekMark* m) noexcept;
+// `ask` names the bytes of the page the caller reads next, asked of the memory at once
+// with the slot's tag: kPeekWhole the whole page (a bisection), an offset > 0 the two
+// lines from there (a record), 0 nothing.
+inline constexpr int kPeekWhole = -1;
+const IS_DATA* v_peek(int u, PAGE pno, PeekMark* m, int ask = 0) noexcept;
 // The slot data of m again, for a reader that holds no lock, when the slot still holds
 // the page of m as it did when v_peek returned it (tag and stamp); null otherwise.  The
 // same check is due after use (v_peek_still).
-const IS_DATA* v_peek_again(int u, const PeekMark& m) noexcept;
+const IS_DATA* v_peek_again(int u, const PeekMark& m, int ask = 0) noexcept;
+// Asks the memory for the bytes `ask` names (as v_peek) of a page at p.
+inline void v_peek_ask(const char* p, int ask) noexcept {
+    if (ask == kPeekWhole) {
+#pragma GCC unroll 16
+        for (int off = 0; off < 1024; off += 64) __builtin_prefetch(p + off);
+    } else if (ask > 0 && ask < 1024) {
+        __builtin_prefetch(p + ask);
+        __builtin_prefetch(p + ask + 63);
+    }
+}
 // Whether the slot of m still holds the page of m as it did when v_peek returned it:
 // neither re-tagged nor reloaded since.  Call after an acquire fence that follows the
 // reads of the page.

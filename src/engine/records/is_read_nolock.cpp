@@ -107,9 +107,9 @@ struct Search {
         return ok;
     }
     // Page pno through the page index, its slot noted for the check.
-    const IS_DATA* peek(PAGE pno) {
+    const IS_DATA* peek(PAGE pno, int ask = kPeekWhole) {
         PeekMark m;  // the caller made room (nmarks < kMarks)
-        const IS_DATA* p = v_peek(u, pno, &m);
+        const IS_DATA* p = v_peek(u, pno, &m, ask);
         if (p) marks[nmarks++] = last = m;
         return p;
     }
@@ -183,10 +183,13 @@ LeafDir* dir_of(int u, const IS_FCP* fcp, const IS_KEY* k0) noexcept {
 // Page pno not in this process's page index: the chain changes of others may have put
 // it in the pool; when they did not, the file holds the page as it is (the count checks
 // that it stays so).  Null with the reason in s.fail when neither can be said.
-__attribute__((noinline)) const IS_DATA* page_past_index(Search& s, PAGE pno) {
+__attribute__((noinline)) const IS_DATA* page_past_index(Search& s, PAGE pno, int ask) {
     const int known = v_peek_learn(s.u);
-    const IS_DATA* p = known == 2 ? s.peek(pno) : nullptr;
-    if (!p && known && (p = v_peek_file(s.u, pno))) s.last = PeekMark{-1, 0, pno};
+    const IS_DATA* p = known == 2 ? s.peek(pno, ask) : nullptr;
+    if (!p && known && (p = v_peek_file(s.u, pno))) {
+        s.last = PeekMark{-1, 0, pno};
+        v_peek_ask(p->c, ask);
+    }
     if (!p) {
         s.fail = kMiss;
         s.missed = pno;
@@ -198,7 +201,7 @@ __attribute__((noinline)) const IS_DATA* page_past_index(Search& s, PAGE pno) {
 // Page pno of the search's file in the pool (or read from the file), or null with the
 // reason in s.fail: a position no page can have (torn), or a page not in the pool that
 // the file cannot be said to hold as it is (miss).
-__attribute__((always_inline)) inline const char* page_at(Search& s, PAGE pno) {
+__attribute__((always_inline)) inline const char* page_at(Search& s, PAGE pno, int ask = kPeekWhole) {
     if (!page_ok(pno)) {
         s.fail = kTorn;
         return nullptr;
@@ -207,8 +210,8 @@ __attribute__((always_inline)) inline const char* page_at(Search& s, PAGE pno) {
         s.fail = kTorn;
         return nullptr;
     }
-    const IS_DATA* p = s.peek(pno);
-    if (!p && !(p = page_past_index(s, pno))) return nullptr;
+    const IS_DATA* p = s.peek(pno, ask);
+    if (!p && !(p = page_past_index(s, pno, ask))) return nullptr;
     return p->c;
 }
 
@@ -225,7 +228,7 @@ const IS_DATA* dir_page(Search& s, const LeafRef& r) {
     }
     if (r.slot >= 0) {
         const PeekMark m{r.slot, r.stamp, r.pno};
-        if (const IS_DATA* p = v_peek_again(s.u, m)) {
+        if (const IS_DATA* p = v_peek_again(s.u, m, kPeekWhole)) {
             s.marks[s.nmarks++] = s.last = m;
             return p;
         }
@@ -233,7 +236,10 @@ const IS_DATA* dir_page(Search& s, const LeafRef& r) {
     if (const IS_DATA* p = s.peek(r.pno)) return p;
     const int known = v_peek_learn(s.u);
     const IS_DATA* p = known == 2 ? s.peek(r.pno) : nullptr;
-    if (!p && known && (p = v_peek_file(s.u, r.pno))) s.last = PeekMark{-1, 0, r.pno};
+    if (!p && known && (p = v_peek_file(s.u, r.pno))) {
+        s.last = PeekMark{-1, 0, r.pno};
+        v_peek_ask(p->c, kPeekWhole);
+    }
     return p;
 }
 
@@ -247,56 +253,91 @@ __attribute__((always_inline)) inline int cmp_item(const char* key, const char* 
     return key_cmp(key + p + 1, x + p + 1, len - p - 1);
 }
 
-// bt_scan of a page in the pool, writing nothing; n within the page's order.  With
-// `edges` (a hint page, of use only when the key falls inside it) the end items are
-// compared first, so that a key off either end costs one or two comparisons; the result
-// is the same.
-int scan(const char* d, int n, const IS_KEY* kp, const char* key, int ncomp, int srchflag, bool edges = false) {
-    const int inc = kp->k_itemlen + 4;
-    const int pad = kp->k_offset > kp->k_keylen ? kp->k_keylen : -1;
-    const bool eq_goes_on = !(srchflag & 0x01);
-    const size_t len = ncomp > 0 ? static_cast<size_t>(ncomp) : 0;
-    auto goes_on = [&](int i) __attribute__((always_inline)) {
-        const int c = cmp_item(key, d + bt_item_off(i, inc), len, pad);
-        return (srchflag & 0x02) ? (c < 0 || (c == 0 && eq_goes_on)) : (c > 0 || (c == 0 && eq_goes_on));
-    };
+// The answer of a scan over n items, given goes_on(i) -- whether the scan goes on past
+// item i -- which is true before the answer and false from it on (forward), or false up
+// to it and true after it (backwards).  With `edges` (a hint page, of use only when the
+// key falls inside it) the end items are asked first, so that a key off either end costs
+// one or two comparisons; the result is the same.  The bisection chooses its halves by
+// data, not by branches: which half comes next is what a branch would mispredict half of
+// the time.
+template <class Pred>
+__attribute__((always_inline)) inline int first_false(int lo, int hi, Pred p) {
+    // p is true on [.., a) and false on [a, ..), a in [lo, hi]: a.  Invariant: p is true
+    // below base and false from base + len on.
+    int base = lo, len = hi - lo;
+    while (len > 1) {
+        const int half = len / 2;
+        base += half & -static_cast<int>(p(base + half - 1));
+        len -= half;
+    }
+    return base + (len == 1 && p(base) ? 1 : 0);
+}
+
+template <class GoesOn>
+__attribute__((always_inline)) inline int bisect(int n, bool back, bool edges, GoesOn goes_on) {
     int lo = 0, hi = n;
-    if (srchflag & 0x02) {
-        // goes_on is false up to the answer, true after it.
+    if (back) {
         if (edges) {
             if (goes_on(0)) return -1;
             if (!goes_on(n - 1)) return n - 1;
             lo = 1;
             hi = n - 1;
         }
-        while (lo < hi) {
-            const int mid = lo + (hi - lo) / 2;
-            if (goes_on(mid)) hi = mid; else lo = mid + 1;
-        }
-        return lo - 1;
+        return first_false(lo, hi, [&](int i) __attribute__((always_inline)) { return !goes_on(i); }) - 1;
     }
-    // goes_on is true before the answer, false from it on.
     if (edges) {
         if (goes_on(n - 1)) return -1;
         if (!goes_on(0)) return 0;
         lo = 1;
         hi = n - 1;
     }
-    while (lo < hi) {
-        const int mid = lo + (hi - lo) / 2;
-        if (goes_on(mid)) lo = mid + 1; else hi = mid;
-    }
-    return lo < n ? lo : -1;
+    const int a = first_false(lo, hi, goes_on);
+    return a < n ? a : -1;
 }
 
-// Item count of tree page d of key keyno, or -1 when d is no such page.  The lines the
-// search will look at are asked for at once: a bisection reads them one after another,
-// and waiting for each in turn is most of what a page costs when it is not in a cache.
-inline int items_of(const char* d, int keyno, int order, int inc) {
+// The first 8 bytes at p as a big-endian integer: integer order is byte order.
+inline uint64_t be64(const char* p) {
+    uint64_t v;
+    std::memcpy(&v, p, 8);
+    return __builtin_bswap64(v);
+}
+
+// bt_scan of a page in the pool, writing nothing; n within the page's order.  See bisect
+// for `edges`.
+int scan(const char* d, int n, const IS_KEY* kp, const char* key, int ncomp, int srchflag, bool edges = false) {
+    const int inc = kp->k_itemlen + 4;
+    const int pad = kp->k_offset > kp->k_keylen ? kp->k_keylen : -1;
+    const bool eq_goes_on = !(srchflag & 0x01);
+    const bool back = (srchflag & 0x02) != 0;
+    const size_t len = ncomp > 0 ? static_cast<size_t>(ncomp) : 0;
+    if (len >= 1 && len <= 8 && (pad < 0 || static_cast<size_t>(pad) >= len)) {
+        // A short key compares as one integer.  Eight bytes may be loaded from any item
+        // (and from the caller's item buffer): an item of a short key is followed by at
+        // least its 4-byte pointer, and the last item of a full page ends 8 bytes or more
+        // before the page does.
+        const int sh = static_cast<int>(64 - 8 * len);
+        const uint64_t kv = be64(key) >> sh;
+        auto iv = [&](int i) __attribute__((always_inline)) { return be64(d + bt_item_off(i, inc)) >> sh; };
+        if (back) {
+            if (eq_goes_on) return bisect(n, true, edges, [&](int i) __attribute__((always_inline)) { return kv <= iv(i); });
+            return bisect(n, true, edges, [&](int i) __attribute__((always_inline)) { return kv < iv(i); });
+        }
+        if (eq_goes_on) return bisect(n, false, edges, [&](int i) __attribute__((always_inline)) { return kv >= iv(i); });
+        return bisect(n, false, edges, [&](int i) __attribute__((always_inline)) { return kv > iv(i); });
+    }
+    return bisect(n, back, edges, [&](int i) __attribute__((always_inline)) {
+        const int c = cmp_item(key, d + bt_item_off(i, inc), len, pad);
+        return back ? (c < 0 || (c == 0 && eq_goes_on)) : (c > 0 || (c == 0 && eq_goes_on));
+    });
+}
+
+// Item count of tree page d of key keyno, or -1 when d is no such page.  (The lines a
+// bisection will look at were asked for when the page was found: it reads them one
+// after another, and waiting for each in turn is most of what a page costs when it is
+// not in a cache.)
+inline int items_of(const char* d, int keyno, int order) {
     const int n = ld16(d + 2);
     if (ld16(d) != keyno || n < 0 || n > order) return -1;
-    const int end = bt_item_off(n, inc);
-    for (int off = 64; off < end; off += 64) __builtin_prefetch(d + off);
     return n;
 }
 
@@ -338,7 +379,7 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
         if (sp) {
             if (sm.slot >= 0) s.marks[s.nmarks++] = sm;
             s.last = sm;
-            n = items_of(sp->c, keyno, order, inc);
+            n = items_of(sp->c, keyno, order);
             const int nx = back ? sx - 1 : sx + 1;
             if (sx >= 0 && sx < n && nx >= 0 && nx < n &&
                 cmp_item(item, sp->c + bt_item_off(sx, inc), cl, pad) == 0) {
@@ -357,7 +398,7 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
         if (s.fail != kNone) return -1;
         const int klen = dir->klen();
         const char* cd = cp ? cp->c : nullptr;
-        const int cn = cd ? items_of(cd, keyno, order, inc) : -1;
+        const int cn = cd ? items_of(cd, keyno, order) : -1;
         if (cn > 0 && ld32(cd + bt_ptr_off(0, inc)) == KISAM_NOPAGE &&
             dir->found_is(cd + bt_item_off(0, inc))) {
             if (s.last.slot != dref->slot || s.last.stamp != dref->stamp)
@@ -407,7 +448,7 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
         }
         if (hp) {
             const char* hd = hp->c;
-            n = items_of(hd, keyno, order, inc);
+            n = items_of(hd, keyno, order);
             if (n > 0) {
                 x = scan(hd, n, kp, item, ncomp, srchflag, true);
                 if (x >= 0 && (srchflag & 0x01) && cmp_item(item, hd + bt_item_off(x, inc), cl, pad) == 0) {
@@ -441,7 +482,7 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
             d = page_at(s, pno);
             if (!d) return -1;
             dmark = s.last;
-            n = items_of(d, keyno, order, inc);
+            n = items_of(d, keyno, order);
             if (n < 0) {
                 s.fail = kTorn;
                 return -1;
@@ -509,7 +550,7 @@ int fetch(Search& s, PAGE drp, char* recptr, int maxlen) {
         s.fail = kTorn;
         return -1;
     }
-    const char* page = page_at(s, pno);
+    const char* page = page_at(s, pno, sx);
     if (!page) return -1;
     for (int steps = 0; steps < kPage / 4; ++steps) {
         if (sx < 2 || sx > kPage - 2) break;
