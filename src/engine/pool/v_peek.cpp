@@ -215,9 +215,9 @@ bool map_load(int u, int fd, off_t off, char* dst) noexcept {
         v_mapped_fault();
         return false;
     }
-    v_mapped_arm(&armed);
+    MappedRead** target = v_mapped_arm(&armed);
     std::memcpy(dst, p, kisam::kPage);
-    v_mapped_disarm();
+    v_mapped_disarm(target);
     ++v_map_loads;
     return true;
 }
@@ -324,15 +324,12 @@ const IS_DATA* v_peek_file(int u, PAGE pno) noexcept {
 
 unsigned long v_map_faults = 0;
 
-void v_mapped_arm(MappedRead* r) noexcept {
-    bus_target = r;
+MappedRead** v_mapped_arm(MappedRead* r) noexcept {
+    MappedRead** t = &bus_target;
+    *t = r;
     // The handler must see the target before any access it covers.
     std::atomic_signal_fence(std::memory_order_seq_cst);
-}
-
-void v_mapped_disarm() noexcept {
-    std::atomic_signal_fence(std::memory_order_seq_cst);
-    bus_target = nullptr;
+    return t;
 }
 
 void v_mapped_fault() noexcept {

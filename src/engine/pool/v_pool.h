@@ -11,6 +11,8 @@
 
 #include <setjmp.h>
 
+#include <atomic>
+
 IS_DATA* v_read(PAGE pno) noexcept;                 // fixed page, or null (error raised)
 int v_write(PAGE pno, IS_DATA* datap) noexcept;     // 0, -1
 int v_unsafe(PAGE pno, char* addr) noexcept;        // 0, -1 when the slot does not hold pno
@@ -164,8 +166,13 @@ extern unsigned long v_map_loads;
 struct MappedRead {
     sigjmp_buf env;
 };
-void v_mapped_arm(MappedRead* r) noexcept;
-void v_mapped_disarm() noexcept;
+// v_mapped_arm returns the thread's target, which v_mapped_disarm clears: one look-up of
+// the thread's storage per read.
+MappedRead** v_mapped_arm(MappedRead* r) noexcept;
+inline void v_mapped_disarm(MappedRead** target) noexcept {
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    *target = nullptr;
+}
 void v_mapped_fault() noexcept;
 // Faults in a mapping that this process turned into a jump (a figure for tests).
 extern unsigned long v_map_faults;

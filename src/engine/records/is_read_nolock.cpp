@@ -62,6 +62,27 @@ inline PAGE ld32(const char* p) {
 }
 inline unsigned ld8(const char* p) { return *reinterpret_cast<const volatile uint8_t*>(p); }
 
+// Copies n bytes of a key or an item between buffers of this process (they do not
+// overlap): lengths of a few to a few dozen bytes, where a library call costs more than
+// the copy.  Up to 32 bytes as two pairs of overlapping words.
+inline void copy_item(char* d, const char* s, size_t n) {
+    if (n >= 8 && n <= 16) {
+        uint64_t a, b;
+        std::memcpy(&a, s, 8);
+        std::memcpy(&b, s + n - 8, 8);
+        std::memcpy(d, &a, 8);
+        std::memcpy(d + n - 8, &b, 8);
+    } else if (n > 16 && n <= 32) {
+        uint64_t a[2], b[2];
+        std::memcpy(a, s, 16);
+        std::memcpy(b, s + n - 16, 16);
+        std::memcpy(d, a, 16);
+        std::memcpy(d + n - 16, b, 16);
+    } else {
+        std::memcpy(d, s, n);
+    }
+}
+
 // A page position a tree or a record may lead to: on a page boundary, not the control page.
 inline bool page_ok(PAGE p) { return p != 0 && p != KISAM_NOPAGE && (p & kDrLowMask) == 0; }
 
@@ -358,7 +379,7 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
     const int pad = kp->k_offset > kp->k_keylen ? kp->k_keylen : -1;
     const size_t cl = static_cast<size_t>(ncomp);
     auto take = [&](const char* xp) {
-        std::memcpy(item, xp, static_cast<size_t>(len));
+        copy_item(item, xp, static_cast<size_t>(len));
         bt_zero_pad(item, kp);
     };
 
@@ -641,7 +662,7 @@ int attempt(int keyno, char* record, int recsize, int dir) noexcept {
     const int ilen = kd->k_itemlen;
     char ck[kItemMax];
     char k0item[kItemMax];
-    std::memcpy(ck, cur->currkey, static_cast<size_t>(ilen));
+    copy_item(ck, cur->currkey, static_cast<size_t>(ilen));
     int16_t kstate = cur->curr_kstate;
     PAGE hint = cur->currpage;
     PAGE hint0 = cur0->currpage;
@@ -660,21 +681,21 @@ int attempt(int keyno, char* record, int recsize, int dir) noexcept {
     if (keyno >= 1) {
         if (kstate != 2) is_pad(ck + kd->k_offset, ilen - kd->k_offset, pad);
         kstate = 2;
-        if (exact) std::memcpy(saved, ck, static_cast<size_t>(ilen));
+        if (exact) copy_item(saved, ck, static_cast<size_t>(ilen));
         const int r = search(s, keyno, ld32(reinterpret_cast<const char*>(&kd->k_root)), mode, ck, &hint, &found,
                              stepping ? &memo : nullptr);
         if (r < 0) return s.fail == kMiss && same() ? missed(s) : kReadAgain;
-        if (r == 0 && exact) std::memcpy(ck, saved, static_cast<size_t>(ilen));
+        if (r == 0 && exact) copy_item(ck, saved, static_cast<size_t>(ilen));
         if (r != 1) {
             result = r;
         } else {
             item = k0item;
-            std::memcpy(item, ck + kd->k_offset, static_cast<size_t>(k0->k_keylen));
+            copy_item(item, ck + kd->k_offset, static_cast<size_t>(k0->k_keylen));
             mode = 1;
         }
     } else {
         kstate = 2;
-        if (exact) std::memcpy(saved, ck, static_cast<size_t>(ilen));
+        if (exact) copy_item(saved, ck, static_cast<size_t>(ilen));
     }
 
     if (result < 0) {
@@ -683,11 +704,11 @@ int attempt(int keyno, char* record, int recsize, int dir) noexcept {
         const int r = search(s, 0, ld32(reinterpret_cast<const char*>(&k0->k_root)), mode, item, h0,
                              keyno == 0 ? &found : nullptr, keyno == 0 && stepping ? &memo : nullptr, ldir);
         if (r < 0) return s.fail == kMiss && same() ? missed(s) : kReadAgain;
-        if (r == 0 && exact && keyno == 0) std::memcpy(ck, saved, static_cast<size_t>(ilen));
+        if (r == 0 && exact && keyno == 0) copy_item(ck, saved, static_cast<size_t>(ilen));
         if (r != 1) {
             result = r;
         } else if (keyno >= 1 &&
-                   std::memcmp(item, ck + kd->k_offset, static_cast<size_t>(k0->k_keylen)) != 0) {
+                   key_cmp(item, ck + kd->k_offset, static_cast<size_t>(k0->k_keylen)) != 0) {
             result = 0;
         } else {
             const PAGE addr = load_at<PAGE>(item + k0->k_offset);
@@ -722,7 +743,7 @@ int attempt(int keyno, char* record, int recsize, int dir) noexcept {
         memo.seq = s0;
         memo.at = found;
     }
-    std::memcpy(cur->currkey, ck, static_cast<size_t>(ilen));
+    copy_item(cur->currkey, ck, static_cast<size_t>(ilen));
     cur->curr_kstate = kstate;
     cur->currpage = hint;
     if (keyno >= 1) cur0->currpage = hint0;
@@ -747,8 +768,8 @@ int is_read_nolock(int keyno, char* record, int recsize, int dir) noexcept {
         memo.seq = 1;
         return kReadLocked;
     }
-    v_mapped_arm(&armed);
+    MappedRead** target = v_mapped_arm(&armed);
     const int r = attempt(keyno, record, recsize, dir);
-    v_mapped_disarm();
+    v_mapped_disarm(target);
     return r;
 }
