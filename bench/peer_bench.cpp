@@ -241,9 +241,12 @@ public:
         if (mdb_cursor_open(rt_, k1_, &c) != 0) return -1;
         MDB_val k, d, r;
         long n = 0;
+        // Each record delivered into the caller's buffer, as find delivers it (and as the
+        // other engines' scans do).
         int rc = mdb_cursor_get(c, &k, &d, MDB_FIRST);
         for (; rc == 0; rc = mdb_cursor_get(c, &k, &d, MDB_NEXT)) {
-            if (mdb_get(rt_, prim_, &d, &r) != 0) break;
+            if (mdb_get(rt_, prim_, &d, &r) != 0 || r.mv_size != kRecLen) break;
+            std::memcpy(scanned_, r.mv_data, kRecLen);
             ++n;
         }
         mdb_cursor_close(c);
@@ -316,6 +319,7 @@ private:
     MDB_env* env_ = nullptr;
     MDB_txn* rt_ = nullptr;
     MDB_dbi prim_ = 0, k1_ = 0, k2_ = 0;
+    char scanned_[kRecLen];  // the record a scan delivered last
 };
 
 // ---- SQLite -----------------------------------------------------------------------------

@@ -20,6 +20,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdio>
@@ -457,5 +458,165 @@ TEST_F(ConcurrentRecords, WritersKeepTheirOwnRangesAndTheIndexesWhole) {
     EXPECT_TRUE(rep.data_accounted);
     EXPECT_GE(rep.records, static_cast<long>(want.size()));
 }
+
+// ---- key 0's leaf directory against a tree that other processes reshape ----------------
+
+// A reader keeps its leaf directory across rounds in which a writer process grows whole
+// runs of keys (splits), cuts them out again (merges, freed pages taken for other
+// runs), changes key 1 and adds and removes odd records.  After every round each read --
+// finds of keys there and gone, steps along key 0 from anywhere, a scan along key 1 --
+// must give exactly what a model of the file says, with most of key 0's searches going
+// through the directory and stale entries met and dropped on the way.
+constexpr int kDK0 = 8, kDK1 = 6;
+constexpr unsigned kDirIds = 6000;
+
+std::string dir_record(unsigned id, uint32_t gen) {
+    char t[16];
+    std::string r;
+    std::snprintf(t, sizeof t, "%08u", id);
+    r.append(t, kDK0);
+    std::snprintf(t, sizeof t, "%06u", mix(id, gen) % 1000000);
+    r.append(t, kDK1);
+    r.append(reinterpret_cast<const char*>(&gen), 4);
+    r.append(static_cast<size_t>(mix(gen, id) % 40), static_cast<char>('a' + id % 26));
+    return r;
+}
+
+using DirModel = std::map<unsigned, uint32_t>;  // id -> generation
+
+class LeafDirMp : public kt::Env, public ::testing::WithParamInterface<int> {
+protected:
+    void SetUp() override {
+        kt::Config c;
+        c.maxbuf = static_cast<int16_t>(GetParam());
+        start(c);
+        path_ = made("d.ism", {kDK0, kDK1});
+        seed_ = kt::test_seed(0x1EAF00 + static_cast<uint64_t>(GetParam()));
+    }
+
+    // Round r's changes, to the model and, with fd >= 0, to the file; 0 or a code.
+    int round(int r, DirModel& m, int fd) {
+        std::mt19937 rng(static_cast<unsigned>(seed_) * 31 + static_cast<unsigned>(r));
+        auto put = [&](unsigned id) {
+            const bool had = m.count(id) != 0;
+            const uint32_t gen = had ? m[id] + 1 : 1;
+            m[id] = gen;
+            if (fd < 0) return 0;
+            const std::string rec = dir_record(id, gen);
+            const int len = static_cast<int>(rec.size());
+            return (had ? nisupdate(fd, rec.data(), len) : niswrite(fd, rec.data(), len)) == 0 ? 0 : 80;
+        };
+        auto del = [&](unsigned id) {
+            if (!m.erase(id) || fd < 0) return 0;
+            char k[16];
+            std::snprintf(k, sizeof k, "%08u", id);
+            return nisdelete(fd, k) == 0 ? 0 : 81;
+        };
+        int rc = 0;
+        const unsigned from = static_cast<unsigned>(rng() % kDirIds);
+        const unsigned len = 200 + static_cast<unsigned>(rng() % 1200);
+        const bool grow = rng() % 3 != 0;
+        for (unsigned id = from; rc == 0 && id < from + len && id < kDirIds; ++id)
+            rc = grow ? put(id) : del(id);
+        for (int i = 0; rc == 0 && i < 300; ++i) {
+            const unsigned id = static_cast<unsigned>(rng() % kDirIds);
+            rc = rng() % 3 == 0 ? del(id) : put(id);
+        }
+        return rc;
+    }
+
+    // Everything the reader checks with its handle fd against the model m.
+    void check(int fd, const DirModel& m, std::mt19937& rng) {
+        char buf[256];
+        auto same = [&](int n, unsigned id) {
+            const std::string want = dir_record(id, m.at(id));
+            return n == static_cast<int>(want.size()) && std::memcmp(buf, want.data(), want.size()) == 0;
+        };
+        for (int i = 0; i < 400; ++i) {
+            const unsigned id = static_cast<unsigned>(rng() % kDirIds);
+            char k[16];
+            std::snprintf(k, sizeof k, "%08u", id);
+            const int n = nisfind(fd, 0, k, buf, sizeof buf);
+            if (m.count(id)) ASSERT_TRUE(same(n, id)) << "find " << id << " gave " << n;
+            else ASSERT_EQ(n, 0) << "find of absent " << id;
+        }
+        for (int i = 0; i < 40; ++i) {
+            const unsigned id = static_cast<unsigned>(rng() % kDirIds);
+            char k[16];
+            std::snprintf(k, sizeof k, "%08u", id);
+            ASSERT_EQ(nisseek(fd, 0, k), 0);
+            const bool back = rng() % 2;
+            auto it = back ? m.upper_bound(id) : m.lower_bound(id);
+            for (int step = 0; step < 12; ++step) {
+                const int n = back ? nispread(fd, 0, buf, sizeof buf) : nisread(fd, 0, buf, sizeof buf);
+                if (back ? it == m.begin() : it == m.end()) {
+                    ASSERT_EQ(n, 0) << "past the end from " << id;
+                    break;
+                }
+                if (back) --it;
+                ASSERT_TRUE(same(n, it->first)) << "step from " << id << " to " << it->first << " gave " << n;
+                if (!back) ++it;
+            }
+        }
+        // Along key 1: key 1, then key 0, rising.
+        std::vector<std::pair<std::string, unsigned>> want;
+        for (const auto& [id, gen] : m) want.emplace_back(dir_record(id, gen).substr(0, kDK0 + kDK1), id);
+        std::sort(want.begin(), want.end(), [](const auto& a, const auto& b) {
+            return a.first.compare(kDK0, kDK1, b.first, kDK0, kDK1) < 0 ||
+                   (a.first.compare(kDK0, kDK1, b.first, kDK0, kDK1) == 0 && a.second < b.second);
+        });
+        ASSERT_EQ(kisam_rewind(fd, 1), 0);
+        for (const auto& w : want) {
+            const int n = nisread(fd, 1, buf, sizeof buf);
+            ASSERT_TRUE(same(n, w.second)) << "scan along key 1 at " << w.second << " gave " << n;
+        }
+        ASSERT_EQ(nisread(fd, 1, buf, sizeof buf), 0);
+    }
+
+    std::string path_;
+    uint64_t seed_ = 0;
+};
+
+TEST_P(LeafDirMp, AReaderKeepsRightWhileAnotherProcessReshapesTheTree) {
+    SCOPED_TRACE("KISAM_SEED=" + std::to_string(seed_));
+    ASSERT_EQ(is_init(), 0);
+    const int fd = nisopen(path_.c_str(), ISO_RDONLY);
+    ASSERT_GE(fd, 0);
+    DirModel m;
+    std::mt19937 rng(static_cast<unsigned>(seed_));
+    const unsigned long hits0 = is_leafdir_hits, drops0 = is_leafdir_drops, nolock0 = is_nolock_reads;
+    for (int r = 0; r < 24 && !HasFailure(); ++r) {
+        SCOPED_TRACE("round " + std::to_string(r));
+        // The writer is a process of its own: its changes reach the reader as another
+        // process's do, through the pool and the file.
+        ASSERT_EQ(kt::run_child([&] {
+                      kt::become_unattached();
+                      if (is_init() != 0) return 90;
+                      const int w = nisopen(path_.c_str(), ISO_RDWR);
+                      if (w < 0) return 91;
+                      DirModel mine = m;
+                      const int rc = round(r, mine, w);
+                      nisclose(w);
+                      nisunisam();
+                      return rc;
+                  }),
+                  0);
+        ASSERT_EQ(round(r, m, -1), 0);
+        check(fd, m, rng);
+    }
+    const unsigned long hits = is_leafdir_hits - hits0, drops = is_leafdir_drops - drops0;
+    const unsigned long nolock = is_nolock_reads - nolock0;
+    std::printf("reads without the lock %lu, through the leaf directory %lu, entries dropped %lu\n", nolock, hits,
+                drops);
+    EXPECT_GT(hits, nolock / 4);
+    EXPECT_GT(drops, 0u);
+    ASSERT_EQ(nisclose(fd), 0);
+    ASSERT_EQ(nisunisam(), 0);
+    EXPECT_TRUE(kt::sound(path_));
+}
+
+// A pool that holds the file, and one far smaller (slots taken for other pages, leaves
+// read from the file).
+INSTANTIATE_TEST_SUITE_P(Pools, LeafDirMp, ::testing::Values(2000, 40));
 
 }  // namespace

@@ -68,6 +68,7 @@
 #include "is_common.h"
 #include "isx_area.h"
 #include "layout.h"
+#include "v_pool.h"
 
 #include <atomic>
 #include <cerrno>
@@ -200,7 +201,7 @@ inline int index_find(int u, PAGE pno) noexcept {
     const IS_BUF* b = slot(s);
     // The page's lines are asked for with the tag's: in a large pool each is a miss of
     // the caches, and the search that follows would wait for them one after another.
-    for (int off = 0; off < kisam::kPage; off += 64) __builtin_prefetch(b->bu_data.c + off);
+    v_peek_ask(b->bu_data.c, kPeekWhole);
     if (file_of(b) == u && b->bu_pno == pno) return s;
     index_erase(s);
     return -1;

@@ -245,9 +245,9 @@ bool map_load(int u, int fd, off_t off, char* dst) noexcept {
         v_mapped_fault();
         return false;
     }
-    v_mapped_arm(&armed);
+    MappedRead** target = v_mapped_arm(&armed);
     std::memcpy(dst, p, kisam::kPage);
-    v_mapped_disarm();
+    v_mapped_disarm(target);
     ++v_map_loads;
     return true;
 }
@@ -275,7 +275,7 @@ void v_seq_adopt(IS_FCP* fcp, int u) noexcept {
         is_lock_set_seq(&fcp->jd_fcplock, seq);
 }
 
-const IS_DATA* v_peek(int u, PAGE pno, PeekMark* m) noexcept {
+const IS_DATA* v_peek(int u, PAGE pno, PeekMark* m, int ask) noexcept {
     if (bk.com != isam_com || bk.shmid != is_shmid || !bk.ok || u < 0 || u >= bk.nopen) return nullptr;
     // The index names at most one slot for (u, pno); that slot is the page when its tag
     // says so (rule 1).  A stale entry sends the reader to the locked path, which mends
@@ -287,6 +287,9 @@ const IS_DATA* v_peek(int u, PAGE pno, PeekMark* m) noexcept {
         if (entry_key(e) != key) continue;
         const int s = entry_slot(e);
         IS_BUF* b = slot(s);
+        // The page's lines are on their way while the tag is checked: nearly always the
+        // page is the one asked for.
+        v_peek_ask(b->bu_data.c, ask);
         // The stamp before the tag: a load that begins after the tag was read changes the
         // stamp from the value taken here (v_peek_still).
         const uint32_t stamp = std::atomic_ref<uint32_t>(b->bu_wcnt).load(std::memory_order_acquire);
@@ -302,10 +305,11 @@ const IS_DATA* v_peek(int u, PAGE pno, PeekMark* m) noexcept {
     }
 }
 
-const IS_DATA* v_peek_again(int u, const PeekMark& m) noexcept {
+const IS_DATA* v_peek_again(int u, const PeekMark& m, int ask) noexcept {
     if (bk.com != isam_com || bk.shmid != is_shmid || !bk.ok || u < 0 || u >= bk.nopen || !valid_slot(m.slot))
         return nullptr;
     IS_BUF* b = slot(m.slot);
+    v_peek_ask(b->bu_data.c, ask);
     // As v_peek: the stamp before the tag.
     const uint32_t stamp = std::atomic_ref<uint32_t>(b->bu_wcnt).load(std::memory_order_acquire);
     const PAGE p = std::atomic_ref<uint32_t>(b->bu_pno).load(std::memory_order_acquire);
@@ -350,10 +354,12 @@ const IS_DATA* v_peek_file(int u, PAGE pno) noexcept {
 
 unsigned long v_map_faults = 0;
 
-void v_mapped_arm(MappedRead* r) noexcept {
-    bus_target = r;
+MappedRead** v_mapped_arm(MappedRead* r) noexcept {
+    MappedRead** t = &bus_target;
+    *t = r;
     // The handler must see the target before any access it covers.
     std::atomic_signal_fence(std::memory_order_seq_cst);
+    return t;
 }
 
 void v_mapped_arm_range(MappedRead* r, const void* lo, size_t len) noexcept {

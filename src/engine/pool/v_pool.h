@@ -11,6 +11,8 @@
 
 #include <setjmp.h>
 
+#include <atomic>
+
 IS_DATA* v_read(PAGE pno) noexcept;                 // fixed page, or null (error raised)
 int v_write(PAGE pno, IS_DATA* datap) noexcept;     // 0, -1
 int v_unsafe(PAGE pno, char* addr) noexcept;        // 0, -1 when the slot does not hold pno
@@ -106,11 +108,34 @@ struct PeekMark {
     uint32_t stamp;  // bu_wcnt: changes at every load of the slot (and write-back)
     PAGE pno;
 };
-const IS_DATA* v_peek(int u, PAGE pno, PeekMark* m) noexcept;
+// `ask` names the bytes of the page the caller reads next, asked of the memory at once
+// with the slot's tag: kPeekWhole the whole page (a bisection), an offset > 0 the two
+// lines from there (a record), 0 nothing.
+inline constexpr int kPeekWhole = -1;
+const IS_DATA* v_peek(int u, PAGE pno, PeekMark* m, int ask = 0) noexcept;
 // The slot data of m again, for a reader that holds no lock, when the slot still holds
 // the page of m as it did when v_peek returned it (tag and stamp); null otherwise.  The
 // same check is due after use (v_peek_still).
-const IS_DATA* v_peek_again(int u, const PeekMark& m) noexcept;
+const IS_DATA* v_peek_again(int u, const PeekMark& m, int ask = 0) noexcept;
+// The cache line at p asked for ahead of its use, as an instruction the compiler keeps:
+// GCC drops a branch whose only effects are three or more __builtin_prefetch calls.
+inline void v_prefetch(const char* p) noexcept {
+#if defined(__x86_64__) || defined(__i386__)
+    __asm__ volatile("prefetcht0 %0" : : "m"(*p));
+#else
+    __builtin_prefetch(p);
+#endif
+}
+// Asks the memory for the bytes `ask` names (as v_peek) of a page at p.
+inline void v_peek_ask(const char* p, int ask) noexcept {
+    if (ask == kPeekWhole) {
+#pragma GCC unroll 16
+        for (int off = 0; off < 1024; off += 64) v_prefetch(p + off);
+    } else if (ask > 0 && ask < 1024) {
+        v_prefetch(p + ask);
+        v_prefetch(p + (ask + 63 < 1024 ? ask + 63 : 1023));
+    }
+}
 // Whether the slot of m still holds the page of m as it did when v_peek returned it:
 // neither re-tagged nor reloaded since.  Call after an acquire fence that follows the
 // reads of the page.
@@ -155,7 +180,13 @@ extern unsigned long v_store_faults;
 struct MappedRead {
     sigjmp_buf env;
 };
-void v_mapped_arm(MappedRead* r) noexcept;
+// v_mapped_arm returns the thread's target, which v_mapped_disarm clears: one look-up of
+// the thread's storage per read.  The form without it looks the target up again.
+MappedRead** v_mapped_arm(MappedRead* r) noexcept;
+inline void v_mapped_disarm(MappedRead** target) noexcept {
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    *target = nullptr;
+}
 void v_mapped_disarm() noexcept;
 // The same for stores into another shared mapping of this process, [lo, lo + len) (the
 // redo log's, whose pages the disk may fail to read back or another program may cut

@@ -26,6 +26,7 @@
 #include "bt.h"
 #include "bt_key.h"
 #include "dr.h"
+#include "is_leafdir.h"
 #include "isx_area.h"
 #include "test_hook.h"
 #include "v_pool.h"
@@ -33,7 +34,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cstddef>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 
 namespace kisam {
 TestHook test_hook = nullptr;
@@ -41,6 +44,8 @@ bool test_locked_reads = false;
 }  // namespace kisam
 
 unsigned long is_nolock_reads = 0;
+unsigned long is_leafdir_hits = 0;
+unsigned long is_leafdir_drops = 0;
 NolockMiss is_nolock_miss;
 
 using namespace kisam;
@@ -56,6 +61,27 @@ inline PAGE ld32(const char* p) {
     return static_cast<PAGE>(q[0]) | (static_cast<PAGE>(q[1]) << 16);
 }
 inline unsigned ld8(const char* p) { return *reinterpret_cast<const volatile uint8_t*>(p); }
+
+// Copies n bytes of a key or an item between buffers of this process (they do not
+// overlap): lengths of a few to a few dozen bytes, where a library call costs more than
+// the copy.  Up to 32 bytes as two pairs of overlapping words.
+inline void copy_item(char* d, const char* s, size_t n) {
+    if (n >= 8 && n <= 16) {
+        uint64_t a, b;
+        std::memcpy(&a, s, 8);
+        std::memcpy(&b, s + n - 8, 8);
+        std::memcpy(d, &a, 8);
+        std::memcpy(d + n - 8, &b, 8);
+    } else if (n > 16 && n <= 32) {
+        uint64_t a[2], b[2];
+        std::memcpy(a, s, 16);
+        std::memcpy(b, s + n - 16, 16);
+        std::memcpy(d, a, 16);
+        std::memcpy(d + n - 16, b, 16);
+    } else {
+        std::memcpy(d, s, n);
+    }
+}
 
 // A page position a tree or a record may lead to: on a page boundary, not the control page.
 inline bool page_ok(PAGE p) { return p != 0 && p != KISAM_NOPAGE && (p & kDrLowMask) == 0; }
@@ -77,6 +103,21 @@ struct Search {
     int nmarks = 0;
     // Where the page last returned came from: its slot, or slot -1 for the file.
     PeekMark last{-1, 0, KISAM_NOPAGE};
+    // What the attempt learnt for key 0's leaf directory, filed only once it stands (a
+    // page read while it changed may say anything): an entry that misled it, and leaves
+    // it came to (by their first key).
+    static constexpr int kNotes = 2;
+    bool dir_hit = false;
+    bool drop = false;
+    char drop_lo[LeafDir::kMaxKey];
+    int nputs = 0;
+    char put_lo[kNotes][LeafDir::kMaxKey];
+    LeafRef put_ref[kNotes];
+    void note_put(const char* lo, int klen, const PeekMark& m) {
+        if (nputs == kNotes) return;
+        std::memcpy(put_lo[nputs], lo, static_cast<size_t>(klen));
+        put_ref[nputs++] = LeafRef{m.pno, m.slot, m.stamp};
+    }
 
     // Whether every slot read since the last check still holds its page as it did then.
     bool still() {
@@ -87,9 +128,9 @@ struct Search {
         return ok;
     }
     // Page pno through the page index, its slot noted for the check.
-    const IS_DATA* peek(PAGE pno) {
+    const IS_DATA* peek(PAGE pno, int ask = kPeekWhole) {
         PeekMark m;  // the caller made room (nmarks < kMarks)
-        const IS_DATA* p = v_peek(u, pno, &m);
+        const IS_DATA* p = v_peek(u, pno, &m, ask);
         if (p) marks[nmarks++] = last = m;
         return p;
     }
@@ -117,14 +158,59 @@ struct StepMemo {
 };
 StepMemo memo;
 
+// Key 0's leaf directory of each file slot, this process's own: a search of key 0 goes
+// first to the leaf that held the keys around its key when this process last came to it
+// (is_leafdir.h), and takes it as the locked search takes its hint -- key 0's items are
+// unique over the bytes compared, so that the page that holds the key, or that the key
+// falls inside of, gives the answer a descent from the root gives.  A directory serves
+// the file whose shared control page it was made for, and starts again empty for
+// another.
+struct FileDir {
+    const IS_FCP* fcp;
+    LeafDir dir;
+};
+FileDir* dirs = nullptr;
+int ndirs = 0;
+
+// The leaf directory of key 0 of file u (control page fcp), or null when there is none:
+// a key 0 whose items do not compare over the key alone, a longer key than a directory
+// holds, or no memory.
+LeafDir* dir_of(int u, const IS_FCP* fcp, const IS_KEY* k0) noexcept {
+    const int klen = k0->k_ncomp;
+    if (klen != k0->k_keylen || klen < 1 || klen > LeafDir::kMaxKey || u < 0) return nullptr;
+    if (u >= ndirs) {
+        const int n = isam_com && isam_com->maxopen > u ? isam_com->maxopen : u + 1;
+        auto* nd = static_cast<FileDir*>(std::malloc(static_cast<size_t>(n) * sizeof(FileDir)));
+        if (!nd) return nullptr;
+        // The old directories are dropped rather than moved: they only save work.
+        for (int i = 0; i < ndirs; ++i) dirs[i].dir.~LeafDir();
+        std::free(dirs);
+        for (int i = 0; i < n; ++i) {
+            nd[i].fcp = nullptr;
+            new (&nd[i].dir) LeafDir();
+        }
+        dirs = nd;
+        ndirs = n;
+    }
+    FileDir& f = dirs[u];
+    if (f.fcp != fcp || f.dir.klen() != klen) {
+        if (!f.dir.reset(klen)) return nullptr;
+        f.fcp = fcp;
+    }
+    return &f.dir;
+}
+
 
 // Page pno not in this process's page index: the chain changes of others may have put
 // it in the pool; when they did not, the file holds the page as it is (the count checks
 // that it stays so).  Null with the reason in s.fail when neither can be said.
-__attribute__((noinline)) const IS_DATA* page_past_index(Search& s, PAGE pno) {
+__attribute__((noinline)) const IS_DATA* page_past_index(Search& s, PAGE pno, int ask) {
     const int known = v_peek_learn(s.u);
-    const IS_DATA* p = known == 2 ? s.peek(pno) : nullptr;
-    if (!p && known && (p = v_peek_file(s.u, pno))) s.last = PeekMark{-1, 0, pno};
+    const IS_DATA* p = known == 2 ? s.peek(pno, ask) : nullptr;
+    if (!p && known && (p = v_peek_file(s.u, pno))) {
+        s.last = PeekMark{-1, 0, pno};
+        v_peek_ask(p->c, ask);
+    }
     if (!p) {
         s.fail = kMiss;
         s.missed = pno;
@@ -136,7 +222,7 @@ __attribute__((noinline)) const IS_DATA* page_past_index(Search& s, PAGE pno) {
 // Page pno of the search's file in the pool (or read from the file), or null with the
 // reason in s.fail: a position no page can have (torn), or a page not in the pool that
 // the file cannot be said to hold as it is (miss).
-__attribute__((always_inline)) inline const char* page_at(Search& s, PAGE pno) {
+__attribute__((always_inline)) inline const char* page_at(Search& s, PAGE pno, int ask = kPeekWhole) {
     if (!page_ok(pno)) {
         s.fail = kTorn;
         return nullptr;
@@ -145,9 +231,37 @@ __attribute__((always_inline)) inline const char* page_at(Search& s, PAGE pno) {
         s.fail = kTorn;
         return nullptr;
     }
-    const IS_DATA* p = s.peek(pno);
-    if (!p && !(p = page_past_index(s, pno))) return nullptr;
+    const IS_DATA* p = s.peek(pno, ask);
+    if (!p && !(p = page_past_index(s, pno, ask))) return nullptr;
     return p->c;
+}
+
+// The page a directory entry names, wherever it is now: the slot it was in while that
+// holds it as it did (no probe of the page index), else through the index, or the file
+// (as page_past_index).  Null when it is nowhere to be read without a miss -- the entry is
+// only a guess, and a descent from the root reports what it needs -- or, with s.fail set,
+// when the attempt is torn.
+const IS_DATA* dir_page(Search& s, const LeafRef& r) {
+    if (!page_ok(r.pno)) return nullptr;
+    if (s.nmarks == Search::kMarks && !s.still()) {
+        s.fail = kTorn;
+        return nullptr;
+    }
+    if (r.slot >= 0) {
+        const PeekMark m{r.slot, r.stamp, r.pno};
+        if (const IS_DATA* p = v_peek_again(s.u, m, kPeekWhole)) {
+            s.marks[s.nmarks++] = s.last = m;
+            return p;
+        }
+    }
+    if (const IS_DATA* p = s.peek(r.pno)) return p;
+    const int known = v_peek_learn(s.u);
+    const IS_DATA* p = known == 2 ? s.peek(r.pno) : nullptr;
+    if (!p && known && (p = v_peek_file(s.u, r.pno))) {
+        s.last = PeekMark{-1, 0, r.pno};
+        v_peek_ask(p->c, kPeekWhole);
+    }
+    return p;
 }
 
 // Compares key with the item at x over len bytes, the item's pad byte (at pad, when pad
@@ -160,56 +274,91 @@ __attribute__((always_inline)) inline int cmp_item(const char* key, const char* 
     return key_cmp(key + p + 1, x + p + 1, len - p - 1);
 }
 
-// bt_scan of a page in the pool, writing nothing; n within the page's order.  With
-// `edges` (a hint page, of use only when the key falls inside it) the end items are
-// compared first, so that a key off either end costs one or two comparisons; the result
-// is the same.
-int scan(const char* d, int n, const IS_KEY* kp, const char* key, int ncomp, int srchflag, bool edges = false) {
-    const int inc = kp->k_itemlen + 4;
-    const int pad = kp->k_offset > kp->k_keylen ? kp->k_keylen : -1;
-    const bool eq_goes_on = !(srchflag & 0x01);
-    const size_t len = ncomp > 0 ? static_cast<size_t>(ncomp) : 0;
-    auto goes_on = [&](int i) __attribute__((always_inline)) {
-        const int c = cmp_item(key, d + bt_item_off(i, inc), len, pad);
-        return (srchflag & 0x02) ? (c < 0 || (c == 0 && eq_goes_on)) : (c > 0 || (c == 0 && eq_goes_on));
-    };
+// The answer of a scan over n items, given goes_on(i) -- whether the scan goes on past
+// item i -- which is true before the answer and false from it on (forward), or false up
+// to it and true after it (backwards).  With `edges` (a hint page, of use only when the
+// key falls inside it) the end items are asked first, so that a key off either end costs
+// one or two comparisons; the result is the same.  The bisection chooses its halves by
+// data, not by branches: which half comes next is what a branch would mispredict half of
+// the time.
+template <class Pred>
+__attribute__((always_inline)) inline int first_false(int lo, int hi, Pred p) {
+    // p is true on [.., a) and false on [a, ..), a in [lo, hi]: a.  Invariant: p is true
+    // below base and false from base + len on.
+    int base = lo, len = hi - lo;
+    while (len > 1) {
+        const int half = len / 2;
+        base += half & -static_cast<int>(p(base + half - 1));
+        len -= half;
+    }
+    return base + (len == 1 && p(base) ? 1 : 0);
+}
+
+template <class GoesOn>
+__attribute__((always_inline)) inline int bisect(int n, bool back, bool edges, GoesOn goes_on) {
     int lo = 0, hi = n;
-    if (srchflag & 0x02) {
-        // goes_on is false up to the answer, true after it.
+    if (back) {
         if (edges) {
             if (goes_on(0)) return -1;
             if (!goes_on(n - 1)) return n - 1;
             lo = 1;
             hi = n - 1;
         }
-        while (lo < hi) {
-            const int mid = lo + (hi - lo) / 2;
-            if (goes_on(mid)) hi = mid; else lo = mid + 1;
-        }
-        return lo - 1;
+        return first_false(lo, hi, [&](int i) __attribute__((always_inline)) { return !goes_on(i); }) - 1;
     }
-    // goes_on is true before the answer, false from it on.
     if (edges) {
         if (goes_on(n - 1)) return -1;
         if (!goes_on(0)) return 0;
         lo = 1;
         hi = n - 1;
     }
-    while (lo < hi) {
-        const int mid = lo + (hi - lo) / 2;
-        if (goes_on(mid)) lo = mid + 1; else hi = mid;
-    }
-    return lo < n ? lo : -1;
+    const int a = first_false(lo, hi, goes_on);
+    return a < n ? a : -1;
 }
 
-// Item count of tree page d of key keyno, or -1 when d is no such page.  The lines the
-// search will look at are asked for at once: a bisection reads them one after another,
-// and waiting for each in turn is most of what a page costs when it is not in a cache.
-inline int items_of(const char* d, int keyno, int order, int inc) {
+// The first 8 bytes at p as a big-endian integer: integer order is byte order.
+inline uint64_t be64(const char* p) {
+    uint64_t v;
+    std::memcpy(&v, p, 8);
+    return __builtin_bswap64(v);
+}
+
+// bt_scan of a page in the pool, writing nothing; n within the page's order.  See bisect
+// for `edges`.
+int scan(const char* d, int n, const IS_KEY* kp, const char* key, int ncomp, int srchflag, bool edges = false) {
+    const int inc = kp->k_itemlen + 4;
+    const int pad = kp->k_offset > kp->k_keylen ? kp->k_keylen : -1;
+    const bool eq_goes_on = !(srchflag & 0x01);
+    const bool back = (srchflag & 0x02) != 0;
+    const size_t len = ncomp > 0 ? static_cast<size_t>(ncomp) : 0;
+    if (len >= 1 && len <= 8 && (pad < 0 || static_cast<size_t>(pad) >= len)) {
+        // A short key compares as one integer.  Eight bytes may be loaded from any item
+        // (and from the caller's item buffer): an item of a short key is followed by at
+        // least its 4-byte pointer, and the last item of a full page ends 8 bytes or more
+        // before the page does.
+        const int sh = static_cast<int>(64 - 8 * len);
+        const uint64_t kv = be64(key) >> sh;
+        auto iv = [&](int i) __attribute__((always_inline)) { return be64(d + bt_item_off(i, inc)) >> sh; };
+        if (back) {
+            if (eq_goes_on) return bisect(n, true, edges, [&](int i) __attribute__((always_inline)) { return kv <= iv(i); });
+            return bisect(n, true, edges, [&](int i) __attribute__((always_inline)) { return kv < iv(i); });
+        }
+        if (eq_goes_on) return bisect(n, false, edges, [&](int i) __attribute__((always_inline)) { return kv >= iv(i); });
+        return bisect(n, false, edges, [&](int i) __attribute__((always_inline)) { return kv > iv(i); });
+    }
+    return bisect(n, back, edges, [&](int i) __attribute__((always_inline)) {
+        const int c = cmp_item(key, d + bt_item_off(i, inc), len, pad);
+        return back ? (c < 0 || (c == 0 && eq_goes_on)) : (c > 0 || (c == 0 && eq_goes_on));
+    });
+}
+
+// Item count of tree page d of key keyno, or -1 when d is no such page.  (The lines a
+// bisection will look at were asked for when the page was found: it reads them one
+// after another, and waiting for each in turn is most of what a page costs when it is
+// not in a cache.)
+inline int items_of(const char* d, int keyno, int order) {
     const int n = ld16(d + 2);
     if (ld16(d) != keyno || n < 0 || n > order) return -1;
-    const int end = bt_item_off(n, inc);
-    for (int off = 64; off < end; off += 64) __builtin_prefetch(d + off);
     return n;
 }
 
@@ -218,7 +367,7 @@ inline int items_of(const char* d, int keyno, int order, int inc) {
 // *found tells where the item was found; `step`, the memo of the cursor's last read
 // when it may apply (a strict step from a positioned cursor).
 int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint, Found* found = nullptr,
-           const StepMemo* step = nullptr) {
+           const StepMemo* step = nullptr, LeafDir* dir = nullptr) {
     const IS_KEY* kp = fcp_key(is_curfcp, keyno);
     const int len = kp->k_itemlen;
     const int inc = len + 4;
@@ -230,7 +379,7 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
     const int pad = kp->k_offset > kp->k_keylen ? kp->k_keylen : -1;
     const size_t cl = static_cast<size_t>(ncomp);
     auto take = [&](const char* xp) {
-        std::memcpy(item, xp, static_cast<size_t>(len));
+        copy_item(item, xp, static_cast<size_t>(len));
         bt_zero_pad(item, kp);
     };
 
@@ -251,7 +400,7 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
         if (sp) {
             if (sm.slot >= 0) s.marks[s.nmarks++] = sm;
             s.last = sm;
-            n = items_of(sp->c, keyno, order, inc);
+            n = items_of(sp->c, keyno, order);
             const int nx = back ? sx - 1 : sx + 1;
             if (sx >= 0 && sx < n && nx >= 0 && nx < n &&
                 cmp_item(item, sp->c + bt_item_off(sx, inc), cl, pad) == 0) {
@@ -259,6 +408,40 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
                 pno = h;
                 x = nx;
             }
+        }
+    }
+    // Key 0's leaf directory: the leaf that held the keys around this one, taken as a
+    // hint is.  An entry whose page no longer starts with its key is dropped; a leaf the
+    // descent below comes to is filed.
+    LeafRef* dref = d == nullptr && dir ? dir->floor(item) : nullptr;
+    if (dref) {
+        const IS_DATA* cp = dir_page(s, *dref);
+        if (s.fail != kNone) return -1;
+        const int klen = dir->klen();
+        const char* cd = cp ? cp->c : nullptr;
+        const int cn = cd ? items_of(cd, keyno, order) : -1;
+        if (cn > 0 && ld32(cd + bt_ptr_off(0, inc)) == KISAM_NOPAGE &&
+            dir->found_is(cd + bt_item_off(0, inc))) {
+            if (s.last.slot != dref->slot || s.last.stamp != dref->stamp)
+                s.note_put(cd + bt_item_off(0, inc), klen, s.last);
+            const int cx = scan(cd, cn, kp, item, ncomp, srchflag, true);
+            if (cx >= 0 && (srchflag & 0x01) && cmp_item(item, cd + bt_item_off(cx, inc), cl, pad) == 0) {
+                s.dir_hit = true;
+                take(cd + bt_item_off(cx, inc));
+                *hint = dref->pno;
+                if (found) *found = Found{s.last, cx};
+                return 1;
+            }
+            if (cx >= 0 && cx != (back ? cn - 1 : 0)) {
+                s.dir_hit = true;
+                d = cd;
+                pno = dref->pno;
+                n = cn;
+                x = cx;
+            }
+        } else {
+            s.drop = true;
+            dir->found_key(s.drop_lo);
         }
     }
     if (h != KISAM_NOPAGE && d == nullptr) {
@@ -286,7 +469,7 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
         }
         if (hp) {
             const char* hd = hp->c;
-            n = items_of(hd, keyno, order, inc);
+            n = items_of(hd, keyno, order);
             if (n > 0) {
                 x = scan(hd, n, kp, item, ncomp, srchflag, true);
                 if (x >= 0 && (srchflag & 0x01) && cmp_item(item, hd + bt_item_off(x, inc), cl, pad) == 0) {
@@ -320,11 +503,13 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
             d = page_at(s, pno);
             if (!d) return -1;
             dmark = s.last;
-            n = items_of(d, keyno, order, inc);
+            n = items_of(d, keyno, order);
             if (n < 0) {
                 s.fail = kTorn;
                 return -1;
             }
+            if (dir && n > 0 && ld32(d + bt_ptr_off(0, inc)) == KISAM_NOPAGE)
+                s.note_put(d + bt_item_off(0, inc), dir->klen(), dmark);
             x = n == 0 ? -1 : scan(d, n, kp, item, ncomp, srchflag);
         }
         PAGE child;
@@ -386,7 +571,7 @@ int fetch(Search& s, PAGE drp, char* recptr, int maxlen) {
         s.fail = kTorn;
         return -1;
     }
-    const char* page = page_at(s, pno);
+    const char* page = page_at(s, pno, sx);
     if (!page) return -1;
     for (int steps = 0; steps < kPage / 4; ++steps) {
         if (sx < 2 || sx > kPage - 2) break;
@@ -477,7 +662,7 @@ int attempt(int keyno, char* record, int recsize, int dir) noexcept {
     const int ilen = kd->k_itemlen;
     char ck[kItemMax];
     char k0item[kItemMax];
-    std::memcpy(ck, cur->currkey, static_cast<size_t>(ilen));
+    copy_item(ck, cur->currkey, static_cast<size_t>(ilen));
     int16_t kstate = cur->curr_kstate;
     PAGE hint = cur->currpage;
     PAGE hint0 = cur0->currpage;
@@ -490,38 +675,40 @@ int attempt(int keyno, char* record, int recsize, int dir) noexcept {
     // this cursor along this key.
     const bool stepping = (mode == 0 || mode == 2) && memo.db == db && memo.keyno == keyno && memo.seq == s0;
     Found found;
+    LeafDir* ldir = nullptr;
     char* item = ck;
     int result = -1;
     if (keyno >= 1) {
         if (kstate != 2) is_pad(ck + kd->k_offset, ilen - kd->k_offset, pad);
         kstate = 2;
-        if (exact) std::memcpy(saved, ck, static_cast<size_t>(ilen));
+        if (exact) copy_item(saved, ck, static_cast<size_t>(ilen));
         const int r = search(s, keyno, ld32(reinterpret_cast<const char*>(&kd->k_root)), mode, ck, &hint, &found,
                              stepping ? &memo : nullptr);
         if (r < 0) return s.fail == kMiss && same() ? missed(s) : kReadAgain;
-        if (r == 0 && exact) std::memcpy(ck, saved, static_cast<size_t>(ilen));
+        if (r == 0 && exact) copy_item(ck, saved, static_cast<size_t>(ilen));
         if (r != 1) {
             result = r;
         } else {
             item = k0item;
-            std::memcpy(item, ck + kd->k_offset, static_cast<size_t>(k0->k_keylen));
+            copy_item(item, ck + kd->k_offset, static_cast<size_t>(k0->k_keylen));
             mode = 1;
         }
     } else {
         kstate = 2;
-        if (exact) std::memcpy(saved, ck, static_cast<size_t>(ilen));
+        if (exact) copy_item(saved, ck, static_cast<size_t>(ilen));
     }
 
     if (result < 0) {
         PAGE* h0 = keyno == 0 ? &hint : &hint0;
+        ldir = dir_of(u, fcp, k0);
         const int r = search(s, 0, ld32(reinterpret_cast<const char*>(&k0->k_root)), mode, item, h0,
-                             keyno == 0 ? &found : nullptr, keyno == 0 && stepping ? &memo : nullptr);
+                             keyno == 0 ? &found : nullptr, keyno == 0 && stepping ? &memo : nullptr, ldir);
         if (r < 0) return s.fail == kMiss && same() ? missed(s) : kReadAgain;
-        if (r == 0 && exact && keyno == 0) std::memcpy(ck, saved, static_cast<size_t>(ilen));
+        if (r == 0 && exact && keyno == 0) copy_item(ck, saved, static_cast<size_t>(ilen));
         if (r != 1) {
             result = r;
         } else if (keyno >= 1 &&
-                   std::memcmp(item, ck + kd->k_offset, static_cast<size_t>(k0->k_keylen)) != 0) {
+                   key_cmp(item, ck + kd->k_offset, static_cast<size_t>(k0->k_keylen)) != 0) {
             result = 0;
         } else {
             const PAGE addr = load_at<PAGE>(item + k0->k_offset);
@@ -541,6 +728,14 @@ int attempt(int keyno, char* record, int recsize, int dir) noexcept {
     }
 
     if (!s.still() || !same()) return kReadAgain;
+    if (ldir) {
+        is_leafdir_hits += s.dir_hit;
+        if (s.drop) {
+            ldir->drop(s.drop_lo);
+            ++is_leafdir_drops;
+        }
+        for (int i = 0; i < s.nputs; ++i) ldir->put(s.put_lo[i], s.put_ref[i]);
+    }
     memo.seq = 1;
     if (found.at.pno == hint && hint != KISAM_NOPAGE) {
         memo.db = db;
@@ -548,7 +743,7 @@ int attempt(int keyno, char* record, int recsize, int dir) noexcept {
         memo.seq = s0;
         memo.at = found;
     }
-    std::memcpy(cur->currkey, ck, static_cast<size_t>(ilen));
+    copy_item(cur->currkey, ck, static_cast<size_t>(ilen));
     cur->curr_kstate = kstate;
     cur->currpage = hint;
     if (keyno >= 1) cur0->currpage = hint0;
@@ -573,8 +768,8 @@ int is_read_nolock(int keyno, char* record, int recsize, int dir) noexcept {
         memo.seq = 1;
         return kReadLocked;
     }
-    v_mapped_arm(&armed);
+    MappedRead** target = v_mapped_arm(&armed);
     const int r = attempt(keyno, record, recsize, dir);
-    v_mapped_disarm();
+    v_mapped_disarm(target);
     return r;
 }

@@ -25,6 +25,10 @@ struct NolockMiss {
 extern NolockMiss is_nolock_miss;
 // Reads this process completed without the lock (a figure for tests and benchmarks).
 extern unsigned long is_nolock_reads;
+// Searches of key 0 without the lock that key 0's leaf directory took to their leaf, and
+// entries of it found misleading and dropped (figures for tests).
+extern unsigned long is_leafdir_hits;
+extern unsigned long is_leafdir_drops;
 int is_write(const char* record, int recsize, int force) noexcept;
 int is_delete(const char* primekey) noexcept;
 // nisupdate's work: replaces the record with the same key 0 value (ISE_NOKEY when there is
