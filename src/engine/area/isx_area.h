@@ -138,11 +138,13 @@ struct isx_file {
                              //        nothing of them: the file (or the log) is written
                              //        again from what the log holds before a sync counts
 };
-// xf_sync_failed: a sync of the data file failed (the pages written since the log's start
-// may be missing from the file: the next checkpoint writes every page the log holds), a
-// sync of the log failed (its records past xf_log_synced may be missing from it: they
-// are written again before the next sync of the log counts).
-enum : uint32_t { ISX_FAILED_FILE = 1, ISX_FAILED_LOG = 2 };
+// xf_sync_failed: ISX_FAILED_FILE, a sync of the data file failed (the pages written since
+// the log's generation began may be missing from the file: the next checkpoint writes
+// every page the log holds); ISX_FAILED_LOG, the syncs of the log that failed, counted
+// (never 0 once one has: its records past xf_log_synced may be missing from it, and are
+// written again before a sync of the log counts; a sync that then succeeds clears the
+// count it started with, not one that a failure of another sync has moved meanwhile).
+enum : uint32_t { ISX_FAILED_FILE = 1, ISX_FAILED_LOG = 0xFFFFFF00u, ISX_FAILED_LOG_ONE = 0x100u };
 KISAM_RECORD(isx_file, 64);
 KISAM_AT(isx_file, xf_seq, 0);   KISAM_AT(isx_file, xf_chaingen, 4);
 KISAM_AT(isx_file, xf_hand, 8);  KISAM_AT(isx_file, xf_undo, 12);
