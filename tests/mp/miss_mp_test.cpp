@@ -961,16 +961,52 @@ std::string file_bytes(const std::string& path) {
 
 // The kernel reports a failed write-back once, then takes the pages for clean and may drop
 // them: the next sync succeeds over a file that lacks them.  Here the checkpoint's sync
-// fails, the process goes on, and the disk and the cache forget every page written since
-// the file was last whole (its bytes of then put back).  The next checkpoint that succeeds
-// -- the one before the next changing call, or the last close -- must still leave every
-// call in the file itself, with nothing left in the log for a replay.
+// fails, and the disk and the cache forget every page written since the file was last
+// whole (its bytes of then put back).  The next checkpoint that succeeds must still leave
+// every call in the file itself, with nothing left in the log for a replay: the last
+// close's, the one before the same process's next changing call, or the one before the
+// next call of another process that had the file open all along (the failure is the
+// file's, not the process's).
+int more_calls(int fd, unsigned ids) {
+    for (unsigned id = 0; id < ids; id += 3) {
+        const std::string rec = record(id, 3);
+        if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 76;
+    }
+    for (unsigned id = ids; id < ids + 300; ++id) {
+        const std::string rec = record(id, 1);
+        if (niswrite(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 77;
+    }
+    return 0;
+}
+
 TEST_F(MappedWrites, PagesAFailedSyncLostReachTheFileAtTheNextCheckpoint) {
-    for (const bool more : {false, true}) {
-        SCOPED_TRACE(more ? "more calls after the failure" : "closed after the failure");
+    enum { kClosed, kMore, kMoreElsewhere };
+    for (const int then : {kClosed, kMore, kMoreElsewhere}) {
+        SCOPED_TRACE(then == kClosed ? "closed after the failure"
+                     : then == kMore ? "more calls after the failure"
+                                     : "more calls of another process after the failure");
         start(40, 600);
         const std::string before = file_bytes(path_);
         ASSERT_FALSE(before.empty());
+        kt::Pipe up, down;
+        pid_t other = -1;
+        if (then == kMoreElsewhere) {
+            other = kt::start_child([&] {
+                up.close_read();
+                down.close_write();
+                const int fd = open();
+                if (fd < 0) return 90;
+                up.signal('o');
+                if (down.wait() != 'g') return 91;
+                if (const int rc = more_calls(fd, ids_)) return rc;
+                nisclose(fd);  // the last close
+                nisunisam();
+                return 0;
+            });
+            up.close_write();
+            down.close_read();
+            ASSERT_EQ(up.wait(), 'o');
+        }
         EXPECT_EQ(in_child([&](int fd) {
                       for (unsigned id = 0; id < ids_; ++id) {
                           const std::string rec = record(id, 2);
@@ -989,21 +1025,16 @@ TEST_F(MappedWrites, PagesAFailedSyncLostReachTheFileAtTheNextCheckpoint) {
                           ::ftruncate(raw, static_cast<off_t>(before.size())) != 0)
                           return 75;
                       ::close(raw);
-                      if (more) {
-                          for (unsigned id = 0; id < ids_; id += 3) {
-                              const std::string rec = record(id, 3);
-                              if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 76;
-                          }
-                          for (unsigned id = ids_; id < ids_ + 300; ++id) {
-                              const std::string rec = record(id, 1);
-                              if (niswrite(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 77;
-                          }
-                      }
-                      return 0;  // closed and detached: the last close's checkpoint
+                      return then == kMore ? more_calls(fd, ids_) : 0;  // then closed and detached
                   }),
                   0);
+        if (other > 0) {
+            down.signal('g');
+            EXPECT_EQ(kt::wait_child(other), 0);
+        }
         // Nothing is left for a replay: what follows reads the file as it is.
         EXPECT_EQ(kisam_pending(path_.c_str()), 0);
+        const bool more = then != kClosed;
         EXPECT_EQ(in_child([&](int fd) {
                       kisam_recovery r;
                       if (kisam_last_recovery(&r) == 0 && r.calls != 0) return 80;  // no replay
