@@ -75,6 +75,9 @@ int lg_checkpoint(IS_FCP* fcp, int u, int fd) noexcept {
             x->xf_log_gen = h.lh_gen;
             at(x->xf_log_start).store(end);
         }
+        // A header whose sync failed may be dropped from the cache: the log's next sync
+        // writes it again first (or fails when it is gone).
+        log_sync_failed(u);
         return fail(ISE_FLWT, 0x2A);
     }
     x->xf_log_gen = h.lh_gen;

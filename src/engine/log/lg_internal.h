@@ -283,5 +283,8 @@ int write_logged(int lfd, uint32_t gen, uint64_t start, uint64_t end, int dfd, u
 
 // The failure marks of file u's syncs (ISX_FAILED_*, isx_file).
 inline std::atomic_ref<uint32_t> sync_failed(int u) { return at32(xfile(u)->xf_sync_failed); }
+// A sync of log u failed (or may have): counted in ISX_FAILED_LOG, never back to 0 by it,
+// so that the log's next sync writes its header and records again first (lg_sync.cpp).
+void log_sync_failed(int u) noexcept;
 
 }  // namespace kisam::lg

@@ -77,9 +77,9 @@ bool lead_gone(uint64_t lead) noexcept {
 }
 
 // After a sync of the log failed, the kernel took the log's pages for clean and may have
-// dropped them: the next sync would succeed without them.  So the records of log u (fd)
-// that end past `from`, up to `end`, are written again, as the log holds them now, before
-// a sync counts.  A record no longer whole in the log means the disk and the cache both
+// dropped them: the next sync would succeed without them.  So the header of the log's
+// generation, and its records that end past `from`, up to `end`, are written again, as
+// the log holds them now, before a sync counts.  A record no longer whole in the log means the disk and the cache both
 // lost it: nothing can write it again, and no sync may say the log holds what follows
 // it (-1, errno EIO).  The file then never receives a page that the log lost (lg_wal
 // refuses), and a replay stops where the log does: the file keeps a prefix of its calls.
@@ -92,6 +92,16 @@ int rewrite_records(int u, int fd, uint64_t from, uint64_t end) noexcept {
         const uint64_t start = at(x->xf_log_start).load(std::memory_order_acquire);
         uint64_t lsn = start;
         rc = 0;
+        // The header first: a sync of it may have failed too (a checkpoint's, or the
+        // first sync after a file entered the slot), and without it no record counts.
+        lg_head h;
+        if (!read_head(fd, &h) || h.lh_gen != gen || h.lh_start != start) {
+            rc = -1;
+            lsn = end;
+        } else if (write_head(fd, &h, false) != 0) {
+            std::free(b.p);
+            return -1;
+        }
         while (lsn < end) {
             const uint32_t len = read_record(fd, gen, start, lsn, b);
             if (len == 0) {
@@ -113,17 +123,6 @@ int rewrite_records(int u, int fd, uint64_t from, uint64_t end) noexcept {
     std::free(b.p);
     if (rc < 0) errno = EIO;
     return rc;
-}
-
-// A sync of log u failed: counted, never back to 0.
-void log_sync_failed(int u) noexcept {
-    auto f = sync_failed(u);
-    uint32_t v = f.load(std::memory_order_relaxed);
-    for (;;) {
-        uint32_t n = v + ISX_FAILED_LOG_ONE;
-        if ((n & ISX_FAILED_LOG) == 0) n += ISX_FAILED_LOG_ONE;
-        if (f.compare_exchange_weak(v, n, std::memory_order_acq_rel)) return;
-    }
 }
 
 // This process syncs log u (fd) in slot i for everyone: what was appended up to now
@@ -237,6 +236,16 @@ int sync_to(int u, uint64_t lsn, bool gather) noexcept {
 }
 
 }  // namespace
+
+void kisam::lg::log_sync_failed(int u) noexcept {
+    auto f = sync_failed(u);
+    uint32_t v = f.load(std::memory_order_relaxed);
+    for (;;) {
+        uint32_t n = v + ISX_FAILED_LOG_ONE;
+        if ((n & ISX_FAILED_LOG) == 0) n += ISX_FAILED_LOG_ONE;
+        if (f.compare_exchange_weak(v, n, std::memory_order_acq_rel)) return;
+    }
+}
 
 void lg_owe(int u, uint64_t end) noexcept {
     owed_u = u;
