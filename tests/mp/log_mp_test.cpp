@@ -20,6 +20,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -169,6 +170,67 @@ TEST_F(Log, ASyncOfTheLogThatFailedIsNeverTakenForDoneByTheNext) {
         }
         if (!lost) {
             EXPECT_EQ(k, kAfter + 1) << "the records the cache kept were not written again";
+        }
+        EXPECT_EQ(nisclose(fd), 0);
+        nisunisam();
+        ASSERT_TRUE(kt::sound(file));
+    }
+}
+
+// The same for the header a checkpoint begins the log's next generation with: its sync
+// fails (the checkpoint fails), and the cache may drop it, leaving the header of before,
+// under which no record of the new generation counts.  Where the cache kept it, the next
+// sync writes it again and the calls go on; where it lost it, no later durable call says
+// it is on disk.  Either way every call that said so survives a kill.
+TEST_F(Log, AHeaderWhoseSyncFailedIsWrittenAgainBeforeTheNextSyncCounts) {
+    bound(120);
+    const std::string file = made("f", {8});
+    const std::string log = lock() + ".w0";
+    constexpr int kBefore = 10, kAfter = 10;
+    int* ok = &shared<std::array<int, kAfter>>()[0];
+    for (const bool lost : {false, true}) {
+        SCOPED_TRACE(lost ? "the cache lost the header" : "the cache kept it");
+        const int base = lost ? 1000 : 0;
+        std::fill(ok, ok + kAfter, 0);
+        Durable d("1");
+        const int st = kt::run_child([&] {
+            const int fd = nisopen(file.c_str(), ISO_RDWR);
+            if (fd < 0) return 1;
+            for (int i = 0; i < kBefore; ++i)
+                if (put(fd, base + i) != 0) return 2;
+            const std::string was = kt::slurp(log).substr(0, 1024);
+            {
+                // The checkpoint's syncs: the file's, then the new header's.
+                kt::Faults f;
+                f.arm(kt::Faults::kSync, 2, kt::Faults::kOnce);
+                if (kt::write_back(fd) != -1 || !kt::Faults::hit()) return 3;
+            }
+            if (kt::slurp(log).substr(0, 1024) == was) return 4;  // the header was written
+            if (lost) {
+                const int l = ::open(log.c_str(), O_WRONLY);
+                if (l < 0 || ::pwrite(l, was.data(), was.size(), 0) != static_cast<ssize_t>(was.size())) return 5;
+                ::close(l);
+            }
+            for (int k = 0; k < kAfter; ++k) ok[k] = put(fd, base + kBefore + k) == 0;
+            ::raise(SIGKILL);
+            return 6;
+        });
+        ASSERT_EQ(st, 128 + SIGKILL);
+        inst_->remove_segment();
+        ASSERT_EQ(is_init(), 0) << is_errno;
+        const int fd = nisopen(file.c_str(), ISO_RDWR);
+        ASSERT_GE(fd, 0) << is_errno;
+        for (int i = 0; i < kBefore; ++i) EXPECT_EQ(look(fd, base + i), 0) << i;
+        int k = 0;
+        while (k < kAfter && look(fd, base + kBefore + k) == 0) ++k;
+        for (int j = k; j < kAfter; ++j) EXPECT_EQ(look(fd, base + kBefore + j), 1) << "not a prefix at " << j;
+        for (int j = 0; j < kAfter; ++j) {
+            if (ok[j]) {
+                EXPECT_LT(j, k) << "call " << j << " after the failed header returned, then was lost";
+            }
+        }
+        if (!lost) {
+            EXPECT_EQ(k, kAfter) << "the header the cache kept was not written again";
         }
         EXPECT_EQ(nisclose(fd), 0);
         nisunisam();
