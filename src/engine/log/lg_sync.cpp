@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstring>
 #include <ctime>
 #include <linux/futex.h>
 #include <sys/syscall.h>
@@ -94,11 +95,25 @@ int rewrite_records(int u, int fd, uint64_t from, uint64_t end) noexcept {
         rc = 0;
         // The header first: a sync of it may have failed too (a checkpoint's, or the
         // first sync after a file entered the slot), and without it no record counts.
+        // One the cache dropped leaves an older generation's (or none) in the log: the
+        // generation's own is made again from the shared state, which is what it held.
         lg_head h;
-        if (!read_head(fd, &h) || h.lh_gen != gen || h.lh_start != start) {
+        const bool have = read_head(fd, &h);
+        const IS_FCP* fcp = kisam::pfo_fcp(u);
+        if (have && h.lh_gen == gen && h.lh_start == start) {
+            // as it is
+        } else if ((!have || h.lh_gen < gen) && fcp) {
+            std::memset(&h, 0, sizeof h);
+            h.lh_gen = gen;
+            h.lh_start = start;
+            h.lh_dev = fcp->jd_dev;
+            h.lh_ino = fcp->jd_ino;
+            std::snprintf(h.lh_path, sizeof h.lh_path, "%s", kisam::isx_path(u));
+        } else {
             rc = -1;
             lsn = end;
-        } else if (write_head(fd, &h, false) != 0) {
+        }
+        if (rc == 0 && write_head(fd, &h, false) != 0) {
             std::free(b.p);
             return -1;
         }
