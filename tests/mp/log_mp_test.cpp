@@ -12,6 +12,7 @@
 #include "kcheck.h"
 #include "os.h"
 
+#include <fcntl.h>
 #include <setjmp.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -19,6 +20,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -103,6 +105,135 @@ TEST_F(Log, DurableModeSyncsEveryChangingCall) {
     for (int i = 10; i < 15; ++i) ASSERT_EQ(put(fd, i), 0);
     EXPECT_EQ(syncs(), 0);
     EXPECT_EQ(nisclose(fd), 0);
+}
+
+// A durable call whose sync fails fails; the kernel, having reported the failure once,
+// takes the log's pages for clean and may drop them, so the next sync would succeed over
+// a log that lacks the record.  The next syncs write the records since the last good one
+// again first: where the cache kept them, the calls go on and all survive a kill; where it
+// lost them too (the log's bytes of before the failed sync put back), no later durable
+// call says it is on disk, and the replay gives a prefix that holds every call that said so.
+TEST_F(Log, ASyncOfTheLogThatFailedIsNeverTakenForDoneByTheNext) {
+    bound(120);
+    const std::string file = made("f", {8});
+    const std::string log = lock() + ".w0";
+    constexpr int kBefore = 10, kAfter = 20;
+    struct Out {
+        int failed, code;      // the call whose sync failed: its result and error
+        int ok[kAfter];        // the calls after it: 1 when one returned 0
+    };
+    Out* out = &shared<Out>();
+    for (const bool lost : {false, true}) {
+        SCOPED_TRACE(lost ? "the cache lost the log's pages" : "the cache kept them");
+        const int base = lost ? 1000 : 0;
+        *out = Out{};
+        Durable d("1");
+        const int st = kt::run_child([&] {
+            const int fd = nisopen(file.c_str(), ISO_RDWR);
+            if (fd < 0) return 1;
+            for (int i = 0; i < kBefore; ++i)
+                if (put(fd, base + i) != 0) return 2;
+            const std::string was = kt::slurp(log);
+            if (was.size() < 4096) return 3;
+            {
+                kt::Faults f;
+                f.arm(kt::Faults::kSync, 1, kt::Faults::kOnce);
+                out->failed = put(fd, base + kBefore);
+                out->code = is_errno;
+                if (!kt::Faults::hit()) return 4;
+            }
+            if (lost) {
+                const int l = ::open(log.c_str(), O_WRONLY);
+                if (l < 0 || ::pwrite(l, was.data(), was.size(), 0) != static_cast<ssize_t>(was.size())) return 5;
+                ::close(l);
+            }
+            for (int k = 0; k < kAfter; ++k) out->ok[k] = put(fd, base + kBefore + 1 + k) == 0;
+            ::raise(SIGKILL);  // nothing reaches the file but through the log's replay
+            return 6;
+        });
+        ASSERT_EQ(st, 128 + SIGKILL);
+        EXPECT_EQ(out->failed, -1) << "a durable call whose sync failed returned";
+        EXPECT_EQ(out->code, ISE_FLWT);
+        inst_->remove_segment();
+        ASSERT_EQ(is_init(), 0) << is_errno;
+        const int fd = nisopen(file.c_str(), ISO_RDWR);
+        ASSERT_GE(fd, 0) << is_errno;
+        for (int i = 0; i < kBefore; ++i) EXPECT_EQ(look(fd, base + i), 0) << i;
+        // Every call that said it was on disk is there, and what is there is a prefix.
+        int k = 0;
+        while (k <= kAfter && look(fd, base + kBefore + k) == 0) ++k;
+        for (int j = k; j <= kAfter; ++j) EXPECT_EQ(look(fd, base + kBefore + j), 1) << "not a prefix at " << j;
+        for (int j = 0; j < kAfter; ++j) {
+            if (out->ok[j]) {
+                EXPECT_LE(j + 2, k) << "call " << j << " after the failed sync returned, then was lost";
+            }
+        }
+        if (!lost) {
+            EXPECT_EQ(k, kAfter + 1) << "the records the cache kept were not written again";
+        }
+        EXPECT_EQ(nisclose(fd), 0);
+        nisunisam();
+        ASSERT_TRUE(kt::sound(file));
+    }
+}
+
+// The same for the header a checkpoint begins the log's next generation with: its sync
+// fails (the checkpoint fails), and the cache may drop it, leaving the header of before,
+// under which no record of the new generation counts.  Whether the cache kept it or not,
+// the next sync writes the generation's header again (the shared state knows it) and the
+// calls go on; every one of them survives a kill.
+TEST_F(Log, AHeaderWhoseSyncFailedIsWrittenAgainBeforeTheNextSyncCounts) {
+    bound(120);
+    const std::string file = made("f", {8});
+    const std::string log = lock() + ".w0";
+    constexpr int kBefore = 10, kAfter = 10;
+    int* ok = &shared<std::array<int, kAfter>>()[0];
+    for (const bool lost : {false, true}) {
+        SCOPED_TRACE(lost ? "the cache lost the header" : "the cache kept it");
+        const int base = lost ? 1000 : 0;
+        std::fill(ok, ok + kAfter, 0);
+        Durable d("1");
+        const int st = kt::run_child([&] {
+            const int fd = nisopen(file.c_str(), ISO_RDWR);
+            if (fd < 0) return 1;
+            for (int i = 0; i < kBefore; ++i)
+                if (put(fd, base + i) != 0) return 2;
+            const std::string was = kt::slurp(log).substr(0, 1024);
+            {
+                // The checkpoint's syncs: the file's, then the new header's.
+                kt::Faults f;
+                f.arm(kt::Faults::kSync, 2, kt::Faults::kOnce);
+                if (kt::write_back(fd) != -1 || !kt::Faults::hit()) return 3;
+            }
+            if (kt::slurp(log).substr(0, 1024) == was) return 4;  // the header was written
+            if (lost) {
+                const int l = ::open(log.c_str(), O_WRONLY);
+                if (l < 0 || ::pwrite(l, was.data(), was.size(), 0) != static_cast<ssize_t>(was.size())) return 5;
+                ::close(l);
+            }
+            for (int k = 0; k < kAfter; ++k) ok[k] = put(fd, base + kBefore + k) == 0;
+            ::raise(SIGKILL);
+            return 6;
+        });
+        ASSERT_EQ(st, 128 + SIGKILL);
+        inst_->remove_segment();
+        ASSERT_EQ(is_init(), 0) << is_errno;
+        const int fd = nisopen(file.c_str(), ISO_RDWR);
+        ASSERT_GE(fd, 0) << is_errno;
+        for (int i = 0; i < kBefore; ++i) EXPECT_EQ(look(fd, base + i), 0) << i;
+        int k = 0;
+        while (k < kAfter && look(fd, base + kBefore + k) == 0) ++k;
+        for (int j = k; j < kAfter; ++j) EXPECT_EQ(look(fd, base + kBefore + j), 1) << "not a prefix at " << j;
+        for (int j = 0; j < kAfter; ++j) {
+            if (ok[j]) {
+                EXPECT_LT(j, k) << "call " << j << " after the failed header returned, then was lost";
+            }
+        }
+        EXPECT_EQ(k, kAfter) << "the header was not written again";
+        EXPECT_EQ(nisclose(fd), 0);
+        nisunisam();
+        ASSERT_TRUE(kt::sound(file));
+    }
 }
 
 // ---- the log written through a mapping, and without one ----------------------------------

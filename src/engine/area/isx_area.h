@@ -131,15 +131,27 @@ struct isx_file {
                              //        short from outside, or a page of it unreadable):
                              //        records may be missing, and the next changing call
                              //        checkpoints the file before anything else
-    uint32_t xf_spare;       // 60-63
+    uint32_t xf_sync_failed; // 60-63  ISX_FAILED_* bits: a sync that failed since the log's
+                             //        generation began.  The kernel reports a failed
+                             //        write-back once, then takes the pages for clean (and
+                             //        may drop them), so the next sync's success says
+                             //        nothing of them: the file (or the log) is written
+                             //        again from what the log holds before a sync counts
 };
+// xf_sync_failed: ISX_FAILED_FILE, a sync of the data file failed (the pages written since
+// the log's generation began may be missing from the file: the next checkpoint writes
+// every page the log holds); ISX_FAILED_LOG, the syncs of the log that failed, counted
+// (never 0 once one has: its records past xf_log_synced may be missing from it, and are
+// written again before a sync of the log counts; a sync that then succeeds clears the
+// count it started with, not one that a failure of another sync has moved meanwhile).
+enum : uint32_t { ISX_FAILED_FILE = 1, ISX_FAILED_LOG = 0xFFFFFF00u, ISX_FAILED_LOG_ONE = 0x100u };
 KISAM_RECORD(isx_file, 64);
 KISAM_AT(isx_file, xf_seq, 0);   KISAM_AT(isx_file, xf_chaingen, 4);
 KISAM_AT(isx_file, xf_hand, 8);  KISAM_AT(isx_file, xf_undo, 12);
 KISAM_AT(isx_file, xf_chainlen, 16); KISAM_AT(isx_file, xf_log_gen, 20);
 KISAM_AT(isx_file, xf_log_end, 24); KISAM_AT(isx_file, xf_log_synced, 32);
 KISAM_AT(isx_file, xf_log_start, 40); KISAM_AT(isx_file, xf_log_fcpgen, 48);
-KISAM_AT(isx_file, xf_ctl_word, 52); KISAM_AT(isx_file, xf_log_cut, 56); KISAM_AT(isx_file, xf_spare, 60);
+KISAM_AT(isx_file, xf_ctl_word, 52); KISAM_AT(isx_file, xf_log_cut, 56); KISAM_AT(isx_file, xf_sync_failed, 60);
 
 // One per shared-file slot: the group commit of the file's redo log (lg.h rule 7).
 // Reset with the slot's log when a file enters the slot.

@@ -31,7 +31,9 @@
 //     prefix of the calls committed, and so is the file after recovery.
 //  5. A checkpoint (the log grown past its limit, a last close, a clearing of the
 //     data-changed mark) syncs the log, writes every dirty page and the control page,
-//     syncs the file, then starts the log's next generation (its header, synced).
+//     syncs the file, then starts the log's next generation (its header, synced).  After
+//     a sync of the file failed (xf_sync_failed), it first writes every page the
+//     generation's records hold: the kernel may have dropped what the failed sync lost.
 //  6. Recovery: when the shared segment is made anew (every process gone, or the
 //     machine restarted), every log is replayed into the file its header names (the
 //     same device and inode) before anything else happens; so is a log left over in a
@@ -112,8 +114,13 @@ int lg_wal(int u, int s) noexcept;
 // Brings file u up to date on disk through descriptor fd and starts its log's next
 // generation.  0, or -1 with the error raised (the log keeps everything then).
 int lg_checkpoint(IS_FCP* fcp, int u, int fd) noexcept;
-// Checkpoints file u when its log has outgrown its limit.  0, or -1 (error raised).
+// Checkpoints file u when its log has outgrown its limit, was cut short, or a sync of
+// the file failed since the last checkpoint.  0, or -1 (error raised).
 int lg_maybe_checkpoint(IS_FCP* fcp, int u) noexcept;
+// A sync of file u failed outside a checkpoint: what was written to it since the last
+// checkpoint may be missing although the next sync succeeds, so the next checkpoint
+// writes every page the log holds.
+void lg_file_sync_failed(int u) noexcept;
 // A descriptor through which this process can write file u's pages: its own when the
 // file is open read-write here, else the file reopened by its recorded path (kept).
 // -1 when there is none.

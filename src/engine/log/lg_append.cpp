@@ -53,6 +53,7 @@ int lg_enter(int u, IS_FCP* fcp) noexcept {
     at(x->xf_log_end).store(n.lh_start);
     at(x->xf_log_synced).store(n.lh_start);
     at32(x->xf_log_cut).store(0);  // what a cut took was the slot's previous file's
+    at32(x->xf_sync_failed).store(0);  // so were the syncs that failed (its log was replayed)
     // What is known of the log file itself stays: it is the same file.
     const uint64_t z = zeros(u).load();
     std::memset(kisam::isx_sync_of(u), 0, sizeof(isx_sync));

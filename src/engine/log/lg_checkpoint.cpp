@@ -18,13 +18,28 @@ int lg_checkpoint(IS_FCP* fcp, int u, int fd) noexcept {
     // Nothing since the last one -- unless the log was cut short, which may have taken its
     // header: the records that follow need one.
     const bool cut = at32(x->xf_log_cut).load(std::memory_order_acquire) != 0;
-    if (end == start && !(fcp->is_optbits & ISO_CHANGED) && !cut) return 0;
+    // A sync of the file failed since the generation began: the pages written before it
+    // (by checkpoints and victims, none of which are dirty in the pool any more) may be
+    // missing from the file although a sync now would succeed.
+    const bool lost = sync_failed(u).load(std::memory_order_acquire) & ISX_FAILED_FILE;
+    if (end == start && !(fcp->is_optbits & ISO_CHANGED) && !cut && !lost) return 0;
     if (fd < 0) return fail(ISE_FLWT, 0x2A);
     // A call whose rollback is still due left pages in the pool that it never committed:
     // none may reach the file (rule 2), so the file waits for the rollback (or for the
     // replay of its log) to be brought up to date.
     if (x->xf_undo != 0) return fail(ISE_FLWT, 0x2A);
     if (lg_sync_to(u, end) != 0) return -1;
+    if (lost) {
+        // Every page the generation's records hold goes to the file again, as the log
+        // leaves it: the last committed content of each, which is what the pool holds of
+        // it too, so no reader ever finds a page older than the one it replaces (and the
+        // change count is odd meanwhile, as for any write-back).  The dirty pages follow,
+        // the same again or newer.
+        v_changing(fcp, u);
+        const int lfd = log_fd(u);
+        if (lfd < 0) return fail(ISE_OPENF, 0x26);
+        if (write_logged(lfd, x->xf_log_gen, start, end, fd, nullptr) != 0) return fail(ISE_FLWT, 0x2A);
+    }
     if (v_write_back(fcp, u, fd) != 0) return -1;
     if (!(fcp->is_optbits & ISO_SEQ)) {
         unsigned char img[kisam::kFcpImage];
@@ -34,7 +49,14 @@ int lg_checkpoint(IS_FCP* fcp, int u, int fd) noexcept {
             return fail(ISE_FLFCP, 0x2A);
         }
     }
-    if (kisam::os_fdatasync(fd) != 0) return fail(ISE_FLWT, 0x2A);
+    if (kisam::os_fdatasync(fd) != 0) {
+        // The kernel says so once: from now on the file may lack what was written since
+        // the generation began, and only the log still has it.
+        sync_failed(u).fetch_or(ISX_FAILED_FILE, std::memory_order_acq_rel);
+        return fail(ISE_FLWT, 0x2A);
+    }
+    // Everything up to `end` is on disk in the file itself, whatever an earlier sync lost.
+    sync_failed(u).fetch_and(~ISX_FAILED_FILE, std::memory_order_acq_rel);
     const int lfd = log_fd(u);
     if (lfd < 0) return fail(ISE_OPENF, 0x26);
     lg_head h;
@@ -53,6 +75,9 @@ int lg_checkpoint(IS_FCP* fcp, int u, int fd) noexcept {
             x->xf_log_gen = h.lh_gen;
             at(x->xf_log_start).store(end);
         }
+        // A header whose sync failed may be dropped from the cache: the log's next sync
+        // writes it again first (or fails when it is gone).
+        log_sync_failed(u);
         return fail(ISE_FLWT, 0x2A);
     }
     x->xf_log_gen = h.lh_gen;
@@ -64,12 +89,19 @@ int lg_checkpoint(IS_FCP* fcp, int u, int fd) noexcept {
 int lg_maybe_checkpoint(IS_FCP* fcp, int u) noexcept {
     isx_file* x = xfile(u);
     // A log cut short from outside no longer holds every call since the last checkpoint:
-    // the file is brought up to date before the next call adds to it.
+    // the file is brought up to date before the next call adds to it.  So is a file whose
+    // sync failed, before the call reads a page the file may have lost.
     if (at(x->xf_log_end).load(std::memory_order_relaxed) - at(x->xf_log_start).load(std::memory_order_relaxed) <
             limit_bytes &&
-        at32(x->xf_log_cut).load(std::memory_order_relaxed) == 0)
+        at32(x->xf_log_cut).load(std::memory_order_relaxed) == 0 &&
+        !(sync_failed(u).load(std::memory_order_relaxed) & ISX_FAILED_FILE))
         return 0;
     return lg_checkpoint(fcp, u, lg_wfd(u));
+}
+
+void lg_file_sync_failed(int u) noexcept {
+    if (!isx_area || u < 0 || u >= isam_com->maxopen) return;
+    sync_failed(u).fetch_or(ISX_FAILED_FILE, std::memory_order_acq_rel);
 }
 
 void lg_stale(int u) noexcept {

@@ -273,4 +273,18 @@ uint32_t read_record(int fd, uint32_t gen, uint64_t start, uint64_t lsn, Buf& b)
 
 inline std::atomic_ref<uint32_t> at32(uint32_t& v) { return std::atomic_ref<uint32_t>(v); }
 
+// Writes to the file on dfd every page that the records of generation gen, from `start`
+// to `end`, hold: the last committed content of each, as a replay would give it (the
+// control page aside), each page once.  For a checkpoint after a sync of the file failed:
+// the pages written since the generation began may be missing from the file, and the
+// pool no longer knows which.  *pages (when given) the pages written.  0; -1 (errno) when
+// a record up to `end` cannot be read (EIO), a page not written, or no memory.
+int write_logged(int lfd, uint32_t gen, uint64_t start, uint64_t end, int dfd, uint32_t* pages) noexcept;
+
+// The failure marks of file u's syncs (ISX_FAILED_*, isx_file).
+inline std::atomic_ref<uint32_t> sync_failed(int u) { return at32(xfile(u)->xf_sync_failed); }
+// A sync of log u failed (or may have): counted in ISX_FAILED_LOG, never back to 0 by it,
+// so that the log's next sync writes its header and records again first (lg_sync.cpp).
+void log_sync_failed(int u) noexcept;
+
 }  // namespace kisam::lg

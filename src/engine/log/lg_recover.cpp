@@ -25,43 +25,34 @@ struct Replayed {
     uint32_t units = 0, pages = 0;
 };
 
-// Replays the records of the log on lfd (header h) into its file, then starts the log's
-// next generation.  The file must not be in use.  0; -1 (errno) when the file could not
-// be brought up to date (the log keeps its records).  A file that is gone, or is another
-// file now, cannot take them: they are dropped.
-int replay(int lfd, lg_head h, Replayed* out) noexcept {
-    Buf b;
-    uint64_t lsn = h.lh_start;
+// The pages of a log's generation as its records leave them.
+struct Gathered {
+    // Each page's content as the records leave it: entries that hold part of a page
+    // apply to what the earlier records (or, failing those, the file) gave it.
+    std::unordered_map<uint64_t, IS_DATA> pages;
+    unsigned char fcp[kisam::kFcpImage];
+    bool have_fcp = false;
     uint32_t units = 0;
-    uint32_t len = read_record(lfd, h.lh_gen, h.lh_start, lsn, b);
-    if (len == 0) {
-        std::free(b.p);
-        return 0;  // nothing to replay
-    }
-    int dfd = kisam::os_open(h.lh_path, O_RDWR | O_CLOEXEC);
-    struct stat st;
-    bool same = dfd >= 0 && kisam::os.fstat(dfd, &st) == 0 && static_cast<uint64_t>(st.st_dev) == h.lh_dev &&
-                static_cast<uint64_t>(st.st_ino) == h.lh_ino;
-    if (!same) {
-        const int e = dfd >= 0 ? ESTALE : errno;
-        if (dfd >= 0) kisam::os_close(dfd);
-        std::free(b.p);
-        if (e != ENOENT && e != ESTALE) {
-            errno = e;
-            return -1;
-        }
-        // Gone: the records can go too.
-        h.lh_gen++;
-        h.lh_start = lsn;
-        return write_head(lfd, &h, true);
-    }
+    uint64_t end = 0;  // the LSN after the last valid record
+};
+
+// Reads the records of generation gen from `start` on, of the log on lfd, until the
+// first that is not valid, into g: every page's last committed content (a page that a
+// call let go of before a final record that never came goes back to its before-image,
+// and one it added is dropped), and the control page's.  Parts of pages the records do
+// not hold whole are read from the file on dfd.  0; -1 (errno) when a record or the
+// file cannot be read or the log holds an entry this version does not know.  May throw
+// std::bad_alloc.
+int gather(int lfd, uint32_t gen, uint64_t start, int dfd, Gathered& g) {
+    Buf b;
+    uint64_t lsn = start;
+    uint32_t len = read_record(lfd, gen, start, lsn, b);
     int rc = 0;
     try {
-        // Each page's content as the records leave it: entries that hold part of a page
-        // apply to what the earlier records (or, failing those, the file) gave it.
-        std::unordered_map<uint64_t, IS_DATA> pages;
-        unsigned char fcp[kisam::kFcpImage];
-        bool have_fcp = false;
+        auto& pages = g.pages;
+        auto& fcp = g.fcp;
+        auto& have_fcp = g.have_fcp;
+        auto& units = g.units;
         // Pages a call let go of before its end, in order: undone when the log ends
         // before the call's final record (their before-images; none for a page the call
         // added past the file's old end, which is then no page of the file).
@@ -132,25 +123,92 @@ int replay(int lfd, lg_head h, Replayed* out) noexcept {
             if (rc != 0) break;
             ++units;
             lsn += len;
-            len = read_record(lfd, h.lh_gen, h.lh_start, lsn, b);
+            len = read_record(lfd, gen, start, lsn, b);
         }
         // The log ended inside a call: what it let go of goes back as it was.
         for (auto it = undo.rbegin(); it != undo.rend(); ++it) pages[it->first] = it->second;
         for (uint64_t off : added) pages.erase(off);
+    } catch (...) {
+        std::free(b.p);
+        throw;
+    }
+    std::free(b.p);
+    g.end = lsn;
+    return rc;
+}
+
+}  // namespace
+
+namespace kisam::lg {
+
+int write_logged(int lfd, uint32_t gen, uint64_t start, uint64_t end, int dfd, uint32_t* pages) noexcept {
+    try {
+        Gathered g;
+        if (gather(lfd, gen, start, dfd, g) != 0) return -1;
+        // The log no longer holds every record up to its end: the pages it lost cannot be
+        // written from it.
+        if (g.end != end) {
+            errno = EIO;
+            return -1;
+        }
+        for (const auto& [off, d] : g.pages)
+            if (kisam::os_pwrite_full(dfd, d.c, kisam::kPage, static_cast<off_t>(off)) != 0) return -1;
+        if (pages) *pages = static_cast<uint32_t>(g.pages.size());
+        return 0;
+    } catch (...) {
+        errno = ENOMEM;
+        return -1;
+    }
+}
+
+}  // namespace kisam::lg
+
+namespace {
+
+// Replays the records of the log on lfd (header h) into its file, then starts the log's
+// next generation.  The file must not be in use.  0; -1 (errno) when the file could not
+// be brought up to date (the log keeps its records).  A file that is gone, or is another
+// file now, cannot take them: they are dropped.
+int replay(int lfd, lg_head h, Replayed* out) noexcept {
+    Buf b;
+    const uint32_t first = read_record(lfd, h.lh_gen, h.lh_start, h.lh_start, b);
+    std::free(b.p);
+    if (first == 0) return 0;  // nothing to replay
+    int dfd = kisam::os_open(h.lh_path, O_RDWR | O_CLOEXEC);
+    struct stat st;
+    bool same = dfd >= 0 && kisam::os.fstat(dfd, &st) == 0 && static_cast<uint64_t>(st.st_dev) == h.lh_dev &&
+                static_cast<uint64_t>(st.st_ino) == h.lh_ino;
+    if (!same) {
+        const int e = dfd >= 0 ? ESTALE : errno;
+        if (dfd >= 0) kisam::os_close(dfd);
+        if (e != ENOENT && e != ESTALE) {
+            errno = e;
+            return -1;
+        }
+        // Gone: the records can go too.
+        h.lh_gen++;
+        return write_head(lfd, &h, true);
+    }
+    int rc = 0;
+    uint64_t lsn = h.lh_start;
+    try {
+        Gathered g;
+        rc = gather(lfd, h.lh_gen, h.lh_start, dfd, g);
+        lsn = g.end;
         if (rc == 0) {
-            for (const auto& [off, d] : pages)
+            for (const auto& [off, d] : g.pages)
                 if (kisam::os_pwrite_full(dfd, d.c, kisam::kPage, static_cast<off_t>(off)) != 0) rc = -1;
-            if (have_fcp && rc == 0) {
+            if (g.have_fcp && rc == 0) {
                 // Everything the file went through is in it now: its data-changed mark
                 // (if kept) can go.
                 const size_t ob = offsetof(IS_FCP, is_optbits) - IS_FCP_JDSIZE;
-                fcp[ob] = static_cast<unsigned char>(fcp[ob] & ~(ISO_DIRTYMARK | ISO_CHANGED));
-                if (kisam::os_pwrite_full(dfd, fcp, sizeof fcp, 0) != 0) rc = -1;
+                g.fcp[ob] = static_cast<unsigned char>(g.fcp[ob] & ~(ISO_DIRTYMARK | ISO_CHANGED));
+                if (kisam::os_pwrite_full(dfd, g.fcp, sizeof g.fcp, 0) != 0) rc = -1;
             }
             if (rc == 0) rc = kisam::os_fdatasync(dfd);
             if (out) {
-                out->units += units;
-                out->pages += static_cast<uint32_t>(pages.size());
+                out->units += g.units;
+                out->pages += static_cast<uint32_t>(g.pages.size());
             }
         }
     } catch (...) {
@@ -159,7 +217,6 @@ int replay(int lfd, lg_head h, Replayed* out) noexcept {
     }
     const int e = errno;
     kisam::os_close(dfd);
-    std::free(b.p);
     if (rc != 0) {
         errno = e;
         return -1;

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstring>
 #include <ctime>
 #include <linux/futex.h>
 #include <sys/syscall.h>
@@ -76,6 +77,69 @@ bool lead_gone(uint64_t lead) noexcept {
     return is_slot_dead(i);
 }
 
+// After a sync of the log failed, the kernel took the log's pages for clean and may have
+// dropped them: the next sync would succeed without them.  So the header of the log's
+// generation, and its records that end past `from`, up to `end`, are written again, as
+// the log holds them now, before a sync counts.  A record no longer whole in the log means the disk and the cache both
+// lost it: nothing can write it again, and no sync may say the log holds what follows
+// it (-1, errno EIO).  The file then never receives a page that the log lost (lg_wal
+// refuses), and a replay stops where the log does: the file keeps a prefix of its calls.
+int rewrite_records(int u, int fd, uint64_t from, uint64_t end) noexcept {
+    isx_file* x = xfile(u);
+    Buf b;
+    int rc = -1;
+    for (int tries = 0; tries < 3 && rc < 0; ++tries) {
+        const uint32_t gen = at32(x->xf_log_gen).load(std::memory_order_acquire);
+        const uint64_t start = at(x->xf_log_start).load(std::memory_order_acquire);
+        uint64_t lsn = start;
+        rc = 0;
+        // The header first: a sync of it may have failed too (a checkpoint's, or the
+        // first sync after a file entered the slot), and without it no record counts.
+        // One the cache dropped leaves an older generation's (or none) in the log: the
+        // generation's own is made again from the shared state, which is what it held.
+        lg_head h;
+        const bool have = read_head(fd, &h);
+        const IS_FCP* fcp = kisam::pfo_fcp(u);
+        if (have && h.lh_gen == gen && h.lh_start == start) {
+            // as it is
+        } else if ((!have || h.lh_gen < gen) && fcp) {
+            std::memset(&h, 0, sizeof h);
+            h.lh_gen = gen;
+            h.lh_start = start;
+            h.lh_dev = fcp->jd_dev;
+            h.lh_ino = fcp->jd_ino;
+            std::snprintf(h.lh_path, sizeof h.lh_path, "%s", kisam::isx_path(u));
+        } else {
+            rc = -1;
+            lsn = end;
+        }
+        if (rc == 0 && write_head(fd, &h, false) != 0) {
+            std::free(b.p);
+            return -1;
+        }
+        while (lsn < end) {
+            const uint32_t len = read_record(fd, gen, start, lsn, b);
+            if (len == 0) {
+                rc = -1;
+                break;
+            }
+            if (lsn + len > from && kisam::os_pwrite_full(fd, b.p, len, kFirst + static_cast<off_t>(lsn - start)) != 0) {
+                std::free(b.p);
+                return -1;
+            }
+            lsn += len;
+        }
+        // A checkpoint that began the log's next generation meanwhile put every record
+        // before it into the file: the walk starts again from the new start.
+        if (rc < 0 && (at32(x->xf_log_gen).load(std::memory_order_acquire) == gen &&
+                       at(x->xf_log_start).load(std::memory_order_acquire) == start))
+            break;
+    }
+    std::free(b.p);
+    if (rc < 0) errno = EIO;
+    return rc;
+}
+
 // This process syncs log u (fd) in slot i for everyone: what was appended up to now
 // goes to the disk, xf_log_synced follows, and those waiting are woken.
 int lead_sync(int u, int fd, int i) noexcept {
@@ -93,9 +157,21 @@ int lead_sync(int u, int fd, int i) noexcept {
     struct timespec t0;
     ::clock_gettime(CLOCK_MONOTONIC, &t0);
     int rc = 0;
-    if (kisam::os_fdatasync(fd) != 0) {
+    const uint32_t failed = sync_failed(u).load(std::memory_order_acquire) & ISX_FAILED_LOG;
+    if (failed != 0 && rewrite_records(u, fd, at(x->xf_log_synced).load(std::memory_order_acquire), end) != 0) {
+        rc = fail(ISE_FLWT, 0x29);
+    } else if (kisam::os_fdatasync(fd) != 0) {
+        log_sync_failed(u);
         rc = fail(ISE_FLWT, 0x29);
     } else {
+        if (failed != 0) {
+            // Written again and synced: the log holds every record up to `end` -- unless
+            // another sync failed meanwhile, which keeps its count.
+            uint32_t v = sync_failed(u).load(std::memory_order_relaxed);
+            while ((v & ISX_FAILED_LOG) == failed &&
+                   !sync_failed(u).compare_exchange_weak(v, v & ~ISX_FAILED_LOG, std::memory_order_acq_rel)) {
+            }
+        }
         uint64_t cur = at(x->xf_log_synced).load();
         while (cur < end && !at(x->xf_log_synced).compare_exchange_weak(cur, end)) {
         }
@@ -175,6 +251,16 @@ int sync_to(int u, uint64_t lsn, bool gather) noexcept {
 }
 
 }  // namespace
+
+void kisam::lg::log_sync_failed(int u) noexcept {
+    auto f = sync_failed(u);
+    uint32_t v = f.load(std::memory_order_relaxed);
+    for (;;) {
+        uint32_t n = v + ISX_FAILED_LOG_ONE;
+        if ((n & ISX_FAILED_LOG) == 0) n += ISX_FAILED_LOG_ONE;
+        if (f.compare_exchange_weak(v, n, std::memory_order_acq_rel)) return;
+    }
+}
 
 void lg_owe(int u, uint64_t end) noexcept {
     owed_u = u;

@@ -359,6 +359,7 @@ int fcp_setdatachanged(IS_FCP* fcp, IS_PFI* pfi, int datachangedf, int syncf) no
     // it is being changed before the data: a synchronisation that fails leaves the mark
     // as it was, and says so.
     if (syncf && kisam::os_fdatasync(pfi->pfi_osfd) != 0) {
+        if (u >= 0) lg_file_sync_failed(u);  // what it lost, only the log still has
         is_raise(ISE_FLFCP, PROC(P_V_READ, 1));
         return -1;
     }
@@ -390,6 +391,7 @@ int fcp_setdatachanged(IS_FCP* fcp, IS_PFI* pfi, int datachangedf, int syncf) no
     count(isam_com->syswrite);
     if (!datachangedf) fcp->is_optbits &= static_cast<uint8_t>(~ISO_DIRTYMARK);
     if (syncf && kisam::os_fdatasync(pfi->pfi_osfd) != 0) {
+        if (u >= 0) lg_file_sync_failed(u);  // what it lost, only the log still has
         is_raise(ISE_FLFCP, PROC(P_V_READ, 1));
         return -1;
     }
