@@ -281,7 +281,18 @@ int lg_prepare(int u, uint64_t dev, uint64_t ino) noexcept {
         bool any = false, failed = false;
         each_log([&](int k, int lfd) {
             lg_head o;
-            if (k == u || !read_head(lfd, &o) || !has_records(lfd, o)) return;
+            bool newer = false;
+            if (k == u) return;
+            const bool valid = read_head(lfd, &o, &newer);
+            if (newer) {
+                // A newer version's log stays a leftover until that version replays it;
+                // one that names this file may hold calls the file lacks, so the file
+                // does not open without them, in whichever slot it lands.
+                any = true;
+                if (newer_names(lfd, dev, ino)) failed = true;
+                return;
+            }
+            if (!valid || !has_records(lfd, o)) return;
             any = true;
             if (o.lh_dev != dev || o.lh_ino != ino) return;
             if (replay(lfd, o, nullptr) != 0) failed = true;
