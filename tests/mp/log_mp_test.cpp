@@ -41,6 +41,15 @@ int look(int fd, int id, int gen = 0) {
     const ko::Rec r = ko::find(fd, kL, id);
     return r == ko::Rec{gen, 48} ? 0 : r.gen == -1 ? 1 : 2;
 }
+
+// How many of the n records from id `from` on the file holds, all of them before the
+// first it lacks and none after: the calls that survived are a prefix.
+int held_prefix(int fd, int from, int n) {
+    int k = 0;
+    while (k < n && look(fd, from + k) == 0) ++k;
+    for (int j = k; j < n; ++j) EXPECT_EQ(look(fd, from + j), 1) << "not a prefix at " << j;
+    return k;
+}
 int syncs() { return kt::Faults::calls(kt::Faults::kSync); }
 
 using kt::Durable;
@@ -160,9 +169,7 @@ TEST_F(Log, ASyncOfTheLogThatFailedIsNeverTakenForDoneByTheNext) {
         ASSERT_GE(fd, 0) << is_errno;
         for (int i = 0; i < kBefore; ++i) EXPECT_EQ(look(fd, base + i), 0) << i;
         // Every call that said it was on disk is there, and what is there is a prefix.
-        int k = 0;
-        while (k <= kAfter && look(fd, base + kBefore + k) == 0) ++k;
-        for (int j = k; j <= kAfter; ++j) EXPECT_EQ(look(fd, base + kBefore + j), 1) << "not a prefix at " << j;
+        const int k = held_prefix(fd, base + kBefore, kAfter + 1);
         for (int j = 0; j < kAfter; ++j) {
             if (out->ok[j]) {
                 EXPECT_LE(j + 2, k) << "call " << j << " after the failed sync returned, then was lost";
@@ -221,9 +228,7 @@ TEST_F(Log, AHeaderWhoseSyncFailedIsWrittenAgainBeforeTheNextSyncCounts) {
         const int fd = nisopen(file.c_str(), ISO_RDWR);
         ASSERT_GE(fd, 0) << is_errno;
         for (int i = 0; i < kBefore; ++i) EXPECT_EQ(look(fd, base + i), 0) << i;
-        int k = 0;
-        while (k < kAfter && look(fd, base + kBefore + k) == 0) ++k;
-        for (int j = k; j < kAfter; ++j) EXPECT_EQ(look(fd, base + kBefore + j), 1) << "not a prefix at " << j;
+        const int k = held_prefix(fd, base + kBefore, kAfter);
         for (int j = 0; j < kAfter; ++j) {
             if (ok[j]) {
                 EXPECT_LT(j, k) << "call " << j << " after the failed header returned, then was lost";

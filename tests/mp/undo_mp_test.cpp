@@ -78,6 +78,19 @@ protected:
         ko::Model after;      // and after it
     };
 
+    // The page writes call c makes on a copy of the file whose bytes are `image`.
+    int writes_of(const std::string& image, const Call& c) {
+        const std::string g = path("c2");
+        spit(g, image);
+        const int gd = nisopen(g.c_str(), ISO_RDWR);
+        EXPECT_GE(gd, 0);
+        Faults count;
+        EXPECT_EQ(apply(gd, c), 0);
+        const int n = Faults::calls(Faults::kWrite);
+        nisclose(gd);
+        return n;
+    }
+
     // Builds a 3-key file in this process and records, for each call worth testing, the
     // file before it (written back) and its records before and after; then detaches.
     std::vector<Target> build(const std::string& f) {
@@ -288,19 +301,8 @@ TEST_F(Undo, AFailedControlPageWriteFailsTheCallAndUndoesIt) {
     ASSERT_EQ(kt::write_back(fd), 0);
     const std::string before = slurp(f);
     const ko::Model before_records = records_of(fd);
-    int writes;
-    {
-        // The same call on a copy, to count its page writes: the last one is its log
-        // record at the closing release.
-        const std::string g = path("c2");
-        spit(g, before);
-        int gd = nisopen(g.c_str(), ISO_RDWR);
-        ASSERT_GE(gd, 0);
-        Faults count;
-        ASSERT_EQ(apply(gd, {"", kWrite, 2, 0, 500}), 0);
-        writes = Faults::calls(Faults::kWrite);
-        nisclose(gd);
-    }
+    // The last page write of the call is its log record at the closing release.
+    const int writes = writes_of(before, {"", kWrite, 2, 0, 500});
     ASSERT_GE(writes, 1);
     {
         Faults fail;
@@ -337,17 +339,7 @@ TEST_F(Undo, ARollbackThatFailsIsCompletedByTheNextCall) {
     const std::string before = slurp(f);
     const ko::Model before_records = records_of(fd);
     const Call grow{"", kWrite, 50, 0, 9000};
-    int writes;
-    {
-        const std::string g = path("c2");
-        spit(g, before);
-        int gd = nisopen(g.c_str(), ISO_RDWR);
-        ASSERT_GE(gd, 0);
-        Faults count;
-        ASSERT_EQ(apply(gd, grow), 0);
-        writes = Faults::calls(Faults::kWrite);
-        nisclose(gd);
-    }
+    const int writes = writes_of(before, grow);
     {
         Faults fail;
         fail.arm(Faults::kWrite, writes, Faults::kFromThenOn, ENOSPC);
