@@ -31,9 +31,11 @@ struct os_table {
     // [off, off + len) of the file become those at src.  src may already be map + off (the
     // bytes were built in place): the store is then only made known.  0, or -1 with errno
     // (a test's failure; the real one cannot fail).  A store past the end of the file, or
-    // into a hole whose block the disk cannot give, raises SIGBUS: the redo log stores only
-    // below a size whose blocks it wrote and synced, so its stores never fault; the pool's
-    // write-backs store armed for the fault and write the page by a write call after one.
+    // into a hole whose block the disk cannot give, or into a page the disk cannot read
+    // back, raises SIGBUS: both users store armed for it.  The redo log stores only below a
+    // size whose blocks it wrote and synced, so only a log cut short by another program or
+    // an unreadable page faults, and fails the call; the pool's write-backs write the page
+    // by a write call after a fault.
     int (*mstore)(int fd, char* map, off_t off, const void* src, size_t len);
 };
 // The live table; tests may replace entries and must restore them.
