@@ -680,6 +680,194 @@ TEST_F(LogCut, CutsUnderTwoWritersCostOnlyTheCallsThatMeetThem) {
     EXPECT_EQ(nisclose(fd), 0);
 }
 
+// A cut that no store meets: a process that writes its records with pwrite (it could not
+// map the log) lands its next record past the cut, leaving a hole the replay stops at; a
+// mapped process whose tail lies in the page the cut ends in stores into what the file no
+// longer holds, without a fault.  Either way the next call's sync of the log succeeds.
+// A durable call that returned after the cut must survive a kill all the same: the cut is
+// found at the latest by that sync (the call then fails, its record not on disk), and
+// the next call brings the file up to date.  Killed right after the first call past the
+// cut, or after twenty: the calls there are a prefix holding every one that returned 0
+// after the cut (the one whose record the cut took, returned before it, may be gone).
+TEST_F(LogCut, ACutThatNoStoreMeetsIsFoundBeforeADurableCallReturns) {
+    bound(120);
+    const std::string file = made("f", {8});
+    const std::string log = lock() + ".w0";
+    struct Out {
+        int before;       // calls made before the cut (all returned 0)
+        int rc[20];       // the calls after it
+    };
+    Out* out = &shared<Out>();
+    int r = 0;
+    for (const bool mapped : {false, true})
+        for (const int after : {1, 20}) {
+            SCOPED_TRACE(std::string(mapped ? "mapped, cut in the tail's page" : "records by pwrite") +
+                         ", killed after " + std::to_string(after));
+            const int base = ++r * 1000;
+            *out = Out{};
+            Durable d("1");
+            const int st = kt::run_child([&] {
+                if (!mapped) kisam::os.mmap = no_map;
+                const int fd = nisopen(file.c_str(), ISO_RDWR);
+                if (fd < 0) return 1;
+                off_t cut = 0;
+                for (int i = 0;; ++i) {
+                    const uint64_t t0 = log_tail();
+                    if (put(fd, base + i) != 0) return 2;
+                    out->before = i + 1;
+                    const uint64_t t1 = log_tail();
+                    if (!mapped && t0 > 2 * 4096) {
+                        cut = static_cast<off_t>(t0);
+                        break;
+                    }
+                    // The record just made, and room for the next, in one page of the log.
+                    if (mapped && i >= 3 && t0 / 4096 == t1 / 4096 && t1 % 4096 < 2048) {
+                        cut = static_cast<off_t>(t0);
+                        break;
+                    }
+                    if (i > 400) return 3;
+                }
+                if (::truncate(log.c_str(), cut) != 0) return 4;
+                for (int k = 0; k < after; ++k) {
+                    out->rc[k] = put(fd, base + out->before + k);
+                    if (out->rc[k] != 0 && is_errno != ISE_FLWT) return 5;
+                }
+                ::raise(SIGKILL);
+                return 6;
+            });
+            ASSERT_EQ(st, 128 + SIGKILL);
+            // The call that finds the cut fails; the next one brings the file up to date
+            // and the calls go on.
+            EXPECT_LE(std::count_if(out->rc, out->rc + after, [](int rc) { return rc != 0; }), 1);
+            inst_->remove_segment();
+            ASSERT_EQ(is_init(), 0) << is_errno;
+            const int fd = nisopen(file.c_str(), ISO_RDWR);
+            ASSERT_GE(fd, 0) << is_errno;
+            // A call that failed may be whole or absent; every other is a call that
+            // returned 0.  Those there are a prefix of those: none is missing before the
+            // last one there.
+            const int n = out->before;
+            int last = -1;
+            std::vector<int> at(n + after);
+            for (int j = 0; j < n + after; ++j) {
+                at[j] = look(fd, base + j);
+                EXPECT_NE(at[j], 2) << j;
+                if (at[j] == 0) last = j;
+            }
+            for (int j = 0; j < n + after; ++j) {
+                const bool returned = j < n || out->rc[j - n] == 0;
+                if (!returned || at[j] == 0) continue;
+                EXPECT_LT(j, n) << "call " << j - n << " after the cut returned, then was lost";
+                EXPECT_GT(j, last) << "not a prefix: call " << j << " is missing, " << last << " is there";
+                EXPECT_EQ(j, n - 1) << "more than the call whose record the cut took is gone";
+            }
+            EXPECT_EQ(nisclose(fd), 0);
+            nisunisam();
+            ASSERT_TRUE(kt::sound(file));
+        }
+}
+
+// The same cut, and then the sync of the checkpoint that the cut calls for fails, on a
+// disk that drops what it had not written (the file goes back to what it was when the
+// process opened it): the file lacks the calls, the pool has them, the log ends at the
+// cut.  Neither a replay of that log nor the next checkpoint may be left to give the file
+// back its calls: the log is made to hold the pool again, the calls go on (the one that
+// found the cut and the one whose checkpoint failed fail, whole or absent), and every
+// call that returned is in the file after a clean close or a kill.
+const char* g_data_file = nullptr;
+std::string* g_data_was = nullptr;
+int g_data_syncs = 0;
+int dropping_data_sync(int fd) {
+    char link[64], name[PATH_MAX];
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    const ssize_t n = ::readlink(link, name, sizeof name - 1);
+    if (n <= 0 || (name[n] = '\0', std::strcmp(name, g_data_file) != 0) || g_data_syncs++ != 0)
+        return kisam::os_real.fdatasync(fd);
+    struct stat st;
+    if (::fstat(fd, &st) == 0 && static_cast<size_t>(st.st_size) > g_data_was->size()) {
+        const std::string zeros(static_cast<size_t>(st.st_size) - g_data_was->size(), '\0');
+        (void)!::pwrite(fd, zeros.data(), zeros.size(), static_cast<off_t>(g_data_was->size()));
+    }
+    (void)!::pwrite(fd, g_data_was->data(), g_data_was->size(), 0);
+    errno = EIO;
+    return -1;
+}
+
+TEST_F(LogCut, ACutAndAFailedSyncOfTheFileLoseNoCallThatReturned) {
+    bound(120);
+    const std::string file = made("f", {8});
+    const std::string log = lock() + ".w0";
+    char* real = ::realpath(file.c_str(), nullptr);
+    ASSERT_NE(real, nullptr);
+    const std::string data_file = real;
+    std::free(real);
+    constexpr int kAfter = 20;
+    struct Out {
+        int before, syncs;
+        int rc[kAfter];
+    };
+    Out* out = &shared<Out>();
+    int r = 0;
+    for (const bool killed : {false, true}) {
+        SCOPED_TRACE(killed ? "killed" : "closed");
+        const int base = ++r * 1000;
+        *out = Out{};
+        Durable d("1");
+        const int st = kt::run_child([&] {
+            std::string was = kt::slurp(file);
+            g_data_file = data_file.c_str();
+            g_data_was = &was;
+            g_data_syncs = 0;
+            const int fd = nisopen(file.c_str(), ISO_RDWR);
+            if (fd < 0) return 1;
+            off_t cut = 0;
+            for (int i = 0;; ++i) {
+                const uint64_t t0 = log_tail();
+                if (put(fd, base + i) != 0) return 2;
+                out->before = i + 1;
+                const uint64_t t1 = log_tail();
+                if (i >= 3 && t0 / 4096 == t1 / 4096 && t1 % 4096 < 2048) {
+                    cut = static_cast<off_t>(t0);
+                    break;
+                }
+                if (i > 400) return 3;
+            }
+            if (::truncate(log.c_str(), cut) != 0) return 4;
+            kisam::os.fdatasync = dropping_data_sync;
+            for (int k = 0; k < kAfter; ++k) out->rc[k] = put(fd, base + out->before + k);
+            out->syncs = g_data_syncs;
+            if (killed) ::raise(SIGKILL);
+            nisclose(fd);
+            nisunisam();
+            return 0;
+        });
+        ASSERT_EQ(st, killed ? 128 + SIGKILL : 0);
+        EXPECT_GE(out->syncs, 2) << "the failed sync of the file was not reached";
+        EXPECT_LE(std::count_if(out->rc, out->rc + kAfter, [](int rc) { return rc != 0; }), 2)
+            << "calls still fail once the disk works again";
+        if (killed) inst_->remove_segment();
+        ASSERT_EQ(is_init(), 0) << is_errno;
+        const int fd = nisopen(file.c_str(), ISO_RDWR);
+        ASSERT_GE(fd, 0) << is_errno;
+        const int n = out->before;
+        int last = -1;
+        std::vector<int> at(n + kAfter);
+        for (int j = 0; j < n + kAfter; ++j) {
+            at[j] = look(fd, base + j);
+            EXPECT_NE(at[j], 2) << j;
+            if (at[j] == 0) last = j;
+        }
+        for (int j = 0; j < n + kAfter; ++j) {
+            if ((j >= n && out->rc[j - n] != 0) || at[j] == 0) continue;
+            ADD_FAILURE() << "call " << j << " (" << n << " before the cut) returned, then was lost; last there "
+                          << last;
+        }
+        EXPECT_EQ(nisclose(fd), 0);
+        nisunisam();
+        ASSERT_TRUE(kt::sound(file));
+    }
+}
+
 // ---- rollbacks left in a journal ---------------------------------------------------------
 
 // (A rollback that a full disk left in a journal, found and applied: the tool's

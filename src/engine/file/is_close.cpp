@@ -120,7 +120,15 @@ KISAM_API int nisclose(int isfd) {
         // may have left the calls nowhere but in the page cache, and the caller must
         // be able to tell.
         if (!(pfi->pfi_bits & PFI_RDONLY) || lg_wfd(u) >= 0) {
-            if (lg_checkpoint(fcp, u, lg_wfd(u)) != 0) isx_area->xh_leftover = 1;
+            if (lg_checkpoint(fcp, u, lg_wfd(u)) != 0) {
+                isx_area->xh_leftover = 1;
+            } else if (!(pfi->pfi_bits & PFI_RDONLY) && (fcp->is_optbits & (ISO_DIRTYMARK | ISO_SEQ)) == ISO_DIRTYMARK) {
+                // The clear above failed (a sync), and the checkpoint that went through
+                // since wrote the control page as the shared copy has it: marked.  Every
+                // page is on disk now, so the mark goes, or a sound file would be
+                // refused at its next open.
+                fcp_setdatachanged(fcp, pfi, 0, fcp->is_optbits & ISO_SYNC);
+            }
         } else if (kisam::isx_file_of(u)->xf_log_end != kisam::isx_file_of(u)->xf_log_start) {
             isx_area->xh_leftover = 1;
         }

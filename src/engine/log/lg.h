@@ -114,6 +114,12 @@ int lg_wal(int u, int s) noexcept;
 // Brings file u up to date on disk through descriptor fd and starts its log's next
 // generation.  0, or -1 with the error raised (the log keeps everything then).
 int lg_checkpoint(IS_FCP* fcp, int u, int fd) noexcept;
+// The log of file u was cut short (xf_log_cut) and a checkpoint could not bring the
+// file up to date: the log begins its next generation with every page the pool holds of
+// the file, whole, and the control page, synced, so that it holds again what the file
+// may lack (but for pages written back earlier and no longer in the pool).  Requires the
+// control lock.  0, or -1 with the error raised (the cut stays known).
+int lg_relog(IS_FCP* fcp, int u) noexcept;
 // Checkpoints file u when its log has outgrown its limit, was cut short, or a sync of
 // the file failed since the last checkpoint.  0, or -1 (error raised).
 int lg_maybe_checkpoint(IS_FCP* fcp, int u) noexcept;

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <setjmp.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace kisam::lg;
@@ -90,6 +91,17 @@ struct Pages {
         return a;
     }
 };
+
+// Whether log u (fd) ends before `at_off`, where a record written with pwrite is to go:
+// another program cut it short.  Such a write would succeed and leave a hole that every
+// replay stops at, so the call fails as one whose store met the cut (cut_short).  A store
+// through the mapping needs no such look: past the cut's page it faults.
+bool cut_below(int u, int fd, off_t at_off) noexcept {
+    struct stat st;
+    if (kisam::os.fstat(fd, &st) != 0 || st.st_size >= at_off) return false;
+    cut_short(u, fd);
+    return true;
+}
 
 // Builds and appends one record of file u: the pages (whole, or the bytes that changed
 // when rule 3 allows), with `befores` also the before-images, and with `fcp_too` the
@@ -179,6 +191,8 @@ int build(IS_FCP* fcp, int u, int fd, const Pages& pages, int n, uint16_t flags,
             rc = -1;
         else if (static_cast<uint64_t>(at_off) + len <= mapped_room(u))
             rc = kisam::os.mstore(fd, fds.map[u], at_off, base, len);
+        else if (cut_below(u, fd, at_off))
+            return fail(ISE_FLWT, 0x2B);
         else
             rc = kisam::os_pwrite_full(fd, base, len, at_off);
     }
@@ -303,6 +317,55 @@ int lg_compensate(IS_FCP* fcp, int u, int n, lg_page_at at, const void* ctx) noe
     p.at = at;
     p.ctx = ctx;
     return append(fcp, u, p, n, 0, false, true, nullptr);
+}
+
+int lg_relog(IS_FCP* fcp, int u) noexcept {
+    isx_file* x = xfile(u);
+    if (at32(x->xf_log_cut).load(std::memory_order_acquire) == 0) return 0;
+    const int fd = log_fd(u);
+    if (fd < 0) return fail(ISE_OPENF, 0x26);
+    // The next generation, from the log's end: what the cut left of the records before
+    // it never counts again.  Its header first, on disk, then the pages.
+    lg_head h;
+    std::memset(&h, 0, sizeof h);
+    h.lh_gen = x->xf_log_gen + 1;
+    h.lh_start = at(x->xf_log_end).load(std::memory_order_relaxed);
+    h.lh_dev = fcp->jd_dev;
+    h.lh_ino = fcp->jd_ino;
+    std::snprintf(h.lh_path, sizeof h.lh_path, "%s", kisam::isx_path(u));
+    if (write_head(fd, &h, true) != 0) {
+        log_sync_failed(u);
+        return fail(ISE_FLWT, 0x2A);
+    }
+    x->xf_log_gen = h.lh_gen;
+    at(x->xf_log_start).store(h.lh_start);
+    at32(x->xf_log_cut).store(0, std::memory_order_release);
+    // Every page of the file in the pool, whole (no before-image given), a batch a
+    // record; the control page with each.  Their slots' log marks follow the records, so
+    // that none is written back before its record is on disk.
+    struct Batch {
+        IS_FCP* fcp;
+        int u, n, rc;
+        PageArg a[256];
+        int flush() noexcept {
+            if (rc == 0 && append(fcp, u, Pages{a}, n, 0, false, true, nullptr) != 0) rc = -1;
+            n = 0;
+            return rc;
+        }
+    };
+    Batch b;
+    b.fcp = fcp;
+    b.u = u;
+    b.n = 0;
+    b.rc = 0;
+    v_file_slots(fcp, u, [](void* arg, int s) noexcept {
+        Batch* bt = static_cast<Batch*>(arg);
+        const IS_BUF* buf = is_env.buf_ + s;
+        bt->a[bt->n++] = PageArg{buf->bu_pno, &buf->bu_data, nullptr, s, kJnAnywhere};
+        return bt->n == 256 ? bt->flush() : 0;
+    }, &b);
+    if (b.rc != 0 || b.flush() != 0) return -1;
+    return lg_sync_to(u, at(x->xf_log_end).load(std::memory_order_acquire));
 }
 
 int lg_undo_tail(int u, uint64_t record_end) noexcept {

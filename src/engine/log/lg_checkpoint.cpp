@@ -11,13 +11,15 @@
 
 using namespace kisam::lg;
 
-int lg_checkpoint(IS_FCP* fcp, int u, int fd) noexcept {
+namespace {
+
+int checkpoint(IS_FCP* fcp, int u, int fd) noexcept {
     isx_file* x = xfile(u);
     const uint64_t end = at(x->xf_log_end).load(std::memory_order_relaxed);
     const uint64_t start = at(x->xf_log_start).load(std::memory_order_relaxed);
     // Nothing since the last one -- unless the log was cut short, which may have taken its
     // header: the records that follow need one.
-    const bool cut = at32(x->xf_log_cut).load(std::memory_order_acquire) != 0;
+    bool cut = at32(x->xf_log_cut).load(std::memory_order_acquire) != 0;
     // A sync of the file failed since the generation began: the pages written before it
     // (by checkpoints and victims, none of which are dirty in the pool any more) may be
     // missing from the file although a sync now would succeed.
@@ -28,7 +30,15 @@ int lg_checkpoint(IS_FCP* fcp, int u, int fd) noexcept {
     // none may reach the file (rule 2), so the file waits for the rollback (or for the
     // replay of its log) to be brought up to date.
     if (x->xf_undo != 0) return fail(ISE_FLWT, 0x2A);
-    if (lg_sync_to(u, end) != 0) return -1;
+    // A log cut short no longer holds its records, and no sync makes it hold them again
+    // (every sync fails while the cut is known): the pages of the pool going into the
+    // file is what brings them back.  A cut that no store met is looked for first: the
+    // sync would succeed over it.
+    if (!cut && end != start) {
+        const int lfd = log_fd(u);
+        cut = lfd >= 0 && log_short(u, lfd, x->xf_log_gen, start, end);
+    }
+    if (!cut && lg_sync_to(u, end) != 0) return -1;
     if (lost) {
         // Every page the generation's records hold goes to the file again, as the log
         // leaves it: the last committed content of each, which is what the pool holds of
@@ -84,6 +94,21 @@ int lg_checkpoint(IS_FCP* fcp, int u, int fd) noexcept {
     at(x->xf_log_start).store(end);
     at32(x->xf_log_cut).store(0, std::memory_order_release);
     return 0;
+}
+
+}  // namespace
+
+int lg_checkpoint(IS_FCP* fcp, int u, int fd) noexcept {
+    if (checkpoint(fcp, u, fd) == 0) return 0;
+    // The file could not be brought up to date, and the log, cut short, cannot stand in
+    // for it (a last close now would leave the replay a log that ends at the cut, over a
+    // file that may have lost what the pool held): the log is made to hold the pool.  Not
+    // while a rollback is due: the pool then holds pages no call committed.
+    if (at32(xfile(u)->xf_log_cut).load(std::memory_order_acquire) != 0 && xfile(u)->xf_undo == 0) {
+        kisam::ErrorKeep keep;  // the checkpoint's failure is what the caller learns
+        lg_relog(fcp, u);
+    }
+    return -1;
 }
 
 int lg_maybe_checkpoint(IS_FCP* fcp, int u) noexcept {

@@ -233,6 +233,18 @@ void cut_short(int u, int fd) noexcept {
     errno = e;
 }
 
+bool log_short(int u, int fd, uint32_t gen, uint64_t start, uint64_t end) noexcept {
+    isx_file* x = xfile(u);
+    struct stat st;
+    if (kisam::os.fstat(fd, &st) != 0) return false;
+    if (at32(x->xf_log_gen).load(std::memory_order_acquire) != gen ||
+        at(x->xf_log_start).load(std::memory_order_acquire) != start || end < start)
+        return false;
+    if (static_cast<uint64_t>(st.st_size) >= static_cast<uint64_t>(kFirst) + (end - start)) return false;
+    cut_short(u, fd);
+    return true;
+}
+
 void extend_ahead(int u) noexcept {
     if (!fds_ready() || fds.log[u] < 0) return;
     isx_file* x = xfile(u);

@@ -218,6 +218,14 @@ void extend_ahead(int u) noexcept;
 // its end (the known size goes back to it, under the size lock).
 void cut_short(int u, int fd) noexcept;
 
+// Whether log u (fd) is shorter than the records of generation gen, from start to end,
+// need: another program cut it short where no store met the cut (in the page of the log
+// the cut ends in, which a store through the mapping reaches without a fault although the
+// file no longer holds it).  A log found short is handled as a store that met the cut
+// (cut_short).  False when the generation moved on meanwhile (a checkpoint put every
+// record before it into the file) or the size cannot be had.
+bool log_short(int u, int fd, uint32_t gen, uint64_t start, uint64_t end) noexcept;
+
 // Whether this process's stores into log u's mapping can be armed against SIGBUS: the
 // pool's handler is installed at the first store rather than when the log is mapped, so
 // that a program's own SIGBUS handler, set up after it opened its files but before its

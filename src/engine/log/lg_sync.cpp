@@ -140,6 +140,16 @@ int rewrite_records(int u, int fd, uint64_t from, uint64_t end) noexcept {
     return rc;
 }
 
+// After a sync of log u (fd) that covered the records of generation gen, from start to
+// end: whether the log still holds them.  A cut known already (xf_log_cut) counts: until
+// the checkpoint it calls for has begun the log anew, zeros written again over the cut
+// may make the log look whole while its records end at the cut.  Else the log's size
+// tells (log_short): a cut that no store met leaves the log shorter than its records.
+bool tail_lost(int u, int fd, uint32_t gen, uint64_t start, uint64_t end) noexcept {
+    if (at32(xfile(u)->xf_log_cut).load(std::memory_order_acquire) != 0) return true;
+    return log_short(u, fd, gen, start, end);
+}
+
 // This process syncs log u (fd) in slot i for everyone: what was appended up to now
 // goes to the disk, xf_log_synced follows, and those waiting are woken.
 int lead_sync(int u, int fd, int i) noexcept {
@@ -152,6 +162,8 @@ int lead_sync(int u, int fd, int i) noexcept {
     at32(s->xs_base).store(calls, std::memory_order_relaxed);
     // Every record below xf_log_end was written before the end was advanced past it:
     // the sync that starts now covers them all.
+    const uint32_t gen = at32(x->xf_log_gen).load(std::memory_order_acquire);
+    const uint64_t start = at(x->xf_log_start).load(std::memory_order_acquire);
     const uint64_t end = at(x->xf_log_end).load(std::memory_order_acquire);
     at(s->xs_target[i]).store(end, std::memory_order_release);
     struct timespec t0;
@@ -162,6 +174,8 @@ int lead_sync(int u, int fd, int i) noexcept {
         rc = fail(ISE_FLWT, 0x29);
     } else if (kisam::os_fdatasync(fd) != 0) {
         log_sync_failed(u);
+        rc = fail(ISE_FLWT, 0x29);
+    } else if (tail_lost(u, fd, gen, start, end)) {
         rc = fail(ISE_FLWT, 0x29);
     } else {
         if (failed != 0) {

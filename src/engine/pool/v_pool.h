@@ -50,6 +50,9 @@ int v_write_back(IS_FCP* fcp, int u, int fd) noexcept;
 // Calls fn(arg, file offset, page) for each page of u not yet written back; stops at the
 // first nonzero return (-1).  Requires u's control lock.
 int v_dirty_pages(IS_FCP* fcp, int u, int (*fn)(void*, off_t, const IS_DATA*), void* arg) noexcept;
+// Calls fn(arg, slot) for each slot of the pool that holds a page of u, written back or
+// not; stops at the first nonzero return (-1).  Requires u's control lock.
+int v_file_slots(IS_FCP* fcp, int u, int (*fn)(void*, int), void* arg) noexcept;
 int v_dispose(PAGE pno, IS_DATA* bp) noexcept;      // 0, -1
 
 // File offset of page pno of a file with control page fcp.

@@ -339,6 +339,17 @@ int v_dirty_pages(IS_FCP* fcp, int u, int (*fn)(void*, off_t, const IS_DATA*), v
     return 0;
 }
 
+int v_file_slots(IS_FCP* fcp, int u, int (*fn)(void*, int), void* arg) noexcept {
+    const int nb = isam_com->maxbufs;
+    int n = 0;
+    for (int s = fcp->jd_buf_hd; valid_slot(s) && n < nb; s = slot(s)->bu_next, ++n) {
+        const IS_BUF* b = slot(s);
+        if (file_of(b) != u || b->bu_pno == KISAM_NOPAGE) continue;
+        if (fn(arg, s) != 0) return -1;
+    }
+    return 0;
+}
+
 int fcp_setdatachanged(IS_FCP* fcp, IS_PFI* pfi, int datachangedf, int syncf) noexcept {
     if ((fcp->is_optbits & ISO_SEQ) || (pfi->pfi_bits & PFI_RDONLY)) return 0;
     const bool marked = fcp->is_optbits & ISO_DIRTYMARK;
