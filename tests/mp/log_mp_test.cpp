@@ -11,6 +11,7 @@
 #include "isx_area.h"
 #include "kcheck.h"
 #include "os.h"
+#include "test_hook.h"
 
 #include <fcntl.h>
 #include <setjmp.h>
@@ -866,6 +867,84 @@ TEST_F(LogCut, ACutAndAFailedSyncOfTheFileLoseNoCallThatReturned) {
         nisunisam();
         ASSERT_TRUE(kt::sound(file));
     }
+}
+
+// A cut found by one process's sync (kisam_sync) while another's call is under way, past
+// the point where a call checkpoints a file whose log was cut: that call's record lands
+// after the zeros written again over the cut, behind a gap the replay stops at, and the
+// log looks whole by its size.  Its durable sync must not count; a kill then loses no
+// call that returned.
+kt::Pipe* g_paused = nullptr;
+kt::Pipe* g_resume = nullptr;
+
+TEST_F(LogCut, NoSyncCountsWhileACutIsKnown) {
+    bound(120);
+    const std::string file = made("f", {8});
+    const std::string log = lock() + ".w0";
+    struct Out {
+        int before, synced, other;
+        std::atomic<int> other_done;
+    };
+    Out* out = &shared<Out>();
+    Durable d("1");
+    kt::Pipe cut_done, do_sync, synced, paused, resume;
+    const pid_t a = kt::start_child([&] {
+        // Its calls wait for no sync: its kisam_sync is the sync that finds the cut.
+        ::setenv("KISAM_DURABLE", "0", 1);
+        const int fd = nisopen(file.c_str(), ISO_RDWR);
+        if (fd < 0) return 1;
+        for (int i = 0;; ++i) {
+            const uint64_t t0 = log_tail();
+            if (put(fd, i) != 0) return 2;
+            out->before = i + 1;
+            const uint64_t t1 = log_tail();
+            if (i >= 3 && t0 / 4096 == t1 / 4096 && t1 % 4096 < 2048) {
+                if (::truncate(log.c_str(), static_cast<off_t>(t0)) != 0) return 3;
+                break;
+            }
+            if (i > 400) return 4;
+        }
+        cut_done.signal();
+        if (do_sync.wait() != 'x') return 5;
+        out->synced = kisam_sync();
+        synced.signal();
+        for (;;) ::pause();
+    });
+    ASSERT_EQ(cut_done.wait(), 'x');
+    const pid_t b = kt::start_child([&] {
+        const int fd = nisopen(file.c_str(), ISO_RDWR);
+        if (fd < 0) return 1;
+        g_paused = &paused;
+        g_resume = &resume;
+        // Inside its call, the control lock held: wait there while the other syncs.
+        kisam::test_hook = [](int where, int) {
+            if (where != kisam::kHookTouch || !g_paused) return;
+            g_paused->signal();
+            g_paused = nullptr;
+            g_resume->wait();
+        };
+        out->other = put(fd, 5000);
+        out->other_done.store(1);
+        for (;;) ::pause();
+    });
+    ASSERT_EQ(paused.wait(), 'x');
+    do_sync.signal();
+    ASSERT_EQ(synced.wait(), 'x');
+    EXPECT_EQ(out->synced, -1) << "the sync went through over the cut";
+    resume.signal();
+    ASSERT_TRUE(kt::await([&] { return out->other_done.load() != 0; }, 10000));
+    kill(a);
+    kill(b);
+    inst_->remove_segment();
+    ASSERT_EQ(is_init(), 0) << is_errno;
+    const int fd = nisopen(file.c_str(), ISO_RDWR);
+    ASSERT_GE(fd, 0) << is_errno;
+    if (out->other == 0) {
+        EXPECT_EQ(look(fd, 5000), 0) << "the durable call made during the cut returned, then was lost";
+    }
+    EXPECT_EQ(nisclose(fd), 0);
+    nisunisam();
+    ASSERT_TRUE(kt::sound(file));
 }
 
 // ---- rollbacks left in a journal ---------------------------------------------------------

@@ -334,7 +334,14 @@ int lg_relog(IS_FCP* fcp, int u) noexcept {
     h.lh_ino = fcp->jd_ino;
     std::snprintf(h.lh_path, sizeof h.lh_path, "%s", kisam::isx_path(u));
     if (write_head(fd, &h, true) != 0) {
-        log_sync_failed(u);
+        // As for a checkpoint's header: it may be in the log all the same, and then the
+        // records that follow must carry its generation.  The cut stays known.
+        lg_head now;
+        if (read_head(fd, &now) && now.lh_gen == h.lh_gen) {
+            x->xf_log_gen = h.lh_gen;
+            at(x->xf_log_start).store(h.lh_start);
+        }
+        log_sync_failed(u);  // the header may be in the cache only
         return fail(ISE_FLWT, 0x2A);
     }
     x->xf_log_gen = h.lh_gen;
