@@ -768,6 +768,46 @@ TEST_F(LogCut, ACutThatNoStoreMeetsIsFoundBeforeADurableCallReturns) {
         }
 }
 
+// In the default mode nothing syncs the log between calls: a checkpoint is the first to
+// meet a cut no store met.  It is the cut's remedy, not its victim: it goes through,
+// writing the pool's pages, and the log starts anew; after the close nothing is left
+// for a replay and every call is in the file.
+TEST_F(LogCut, ACheckpointThatMeetsACutNoStoreMetGoesThrough) {
+    bound(60);
+    const std::string file = made("f", {8});
+    const std::string log = lock() + ".w0";
+    const int st = kt::run_child([&] {
+        const int fd = nisopen(file.c_str(), ISO_RDWR);
+        if (fd < 0) return 1;
+        for (int i = 0;; ++i) {
+            const uint64_t t0 = log_tail();
+            if (put(fd, i) != 0) return 2;
+            const uint64_t t1 = log_tail();
+            if (i >= 3 && t0 / 4096 == t1 / 4096 && t1 % 4096 < 2048) {
+                if (::truncate(log.c_str(), static_cast<off_t>(t0)) != 0) return 3;
+                if (put(fd, i + 1) != 0) return 4;  // stored into the cut's page: no fault
+                if (kt::write_back(fd) != 0) return 5;
+                const isx_file* x = kisam::isx_file_of(0);
+                if (x->xf_log_start != x->xf_log_end || x->xf_log_cut != 0) return 6;
+                if (put(fd, i + 2) != 0) return 7;
+                return nisclose(fd) == 0 ? 0 : 8;
+            }
+            if (i > 400) return 9;
+        }
+    });
+    ASSERT_EQ(st, 0);
+    EXPECT_EQ(kisam_pending(file.c_str()), 0);
+    ASSERT_TRUE(kt::sound(file));
+    ASSERT_EQ(is_init(), 0) << is_errno;
+    const int fd = nisopen(file.c_str(), ISO_RDONLY);
+    ASSERT_GE(fd, 0) << is_errno;
+    int n = 0;
+    while (look(fd, n) == 0) ++n;
+    EXPECT_GE(n, 6);
+    EXPECT_EQ(look(fd, n + 1), 1);
+    EXPECT_EQ(nisclose(fd), 0);
+}
+
 // The same cut, and then the sync of the checkpoint that the cut calls for fails, on a
 // disk that drops what it had not written (the file goes back to what it was when the
 // process opened it): the file lacks the calls, the pool has them, the log ends at the

@@ -118,7 +118,8 @@ int lg_checkpoint(IS_FCP* fcp, int u, int fd) noexcept;
 // file up to date: the log begins its next generation with every page the pool holds of
 // the file, whole, and the control page, synced, so that it holds again what the file
 // may lack (but for pages written back earlier and no longer in the pool).  Requires the
-// control lock.  0, or -1 with the error raised (the cut stays known).
+// control lock, and no unit running in this process (its end is noted by its own
+// record).  0, or -1 with the error raised (the cut stays known).
 int lg_relog(IS_FCP* fcp, int u) noexcept;
 // Checkpoints file u when its log has outgrown its limit, was cut short, or a sync of
 // the file failed since the last checkpoint.  0, or -1 (error raised).

@@ -103,8 +103,12 @@ int lg_checkpoint(IS_FCP* fcp, int u, int fd) noexcept {
     // The file could not be brought up to date, and the log, cut short, cannot stand in
     // for it (a last close now would leave the replay a log that ends at the cut, over a
     // file that may have lost what the pool held): the log is made to hold the pool.  Not
-    // while a rollback is due: the pool then holds pages no call committed.
-    if (at32(xfile(u)->xf_log_cut).load(std::memory_order_acquire) != 0 && xfile(u)->xf_undo == 0) {
+    // while a rollback is due: the pool then holds pages no call committed.  Nor inside a
+    // call (the clear of the data-changed mark at its release): its unit notes where the
+    // records it appends end, and it has one already; the file's next call, or its last
+    // close, makes the log hold the pool instead.
+    if (at32(xfile(u)->xf_log_cut).load(std::memory_order_acquire) != 0 && xfile(u)->xf_undo == 0 &&
+        !jn_active()) {
         kisam::ErrorKeep keep;  // the checkpoint's failure is what the caller learns
         lg_relog(fcp, u);
     }
