@@ -82,9 +82,11 @@ bool lead_gone(uint64_t lead) noexcept {
 // generation, and its records that end past `from`, up to `end`, are written again, as
 // the log holds them now, before a sync counts.  A record no longer whole in the log means the disk and the cache both
 // lost it: nothing can write it again, and no sync may say the log holds what follows
-// it (-1, errno EIO).  The file then never receives a page that the log lost (lg_wal
-// refuses), and a replay stops where the log does: the file keeps a prefix of its calls.
-int rewrite_records(int u, int fd, uint64_t from, uint64_t end) noexcept {
+// it (-1, errno EIO, *gone set).  The file then never receives a page that the log lost
+// (lg_wal refuses), and a replay stops where the log does: the file keeps a prefix of its
+// calls -- unless the pool, which still holds them, reaches the file first (the caller
+// takes the log for cut short).
+int rewrite_records(int u, int fd, uint64_t from, uint64_t end, bool* gone) noexcept {
     isx_file* x = xfile(u);
     Buf b;
     int rc = -1;
@@ -136,7 +138,10 @@ int rewrite_records(int u, int fd, uint64_t from, uint64_t end) noexcept {
             break;
     }
     std::free(b.p);
-    if (rc < 0) errno = EIO;
+    if (rc < 0) {
+        *gone = true;
+        errno = EIO;
+    }
     return rc;
 }
 
@@ -170,7 +175,13 @@ int lead_sync(int u, int fd, int i) noexcept {
     ::clock_gettime(CLOCK_MONOTONIC, &t0);
     int rc = 0;
     const uint32_t failed = sync_failed(u).load(std::memory_order_acquire) & ISX_FAILED_LOG;
-    if (failed != 0 && rewrite_records(u, fd, at(x->xf_log_synced).load(std::memory_order_acquire), end) != 0) {
+    bool gone = false;
+    if (failed != 0 && rewrite_records(u, fd, at(x->xf_log_synced).load(std::memory_order_acquire), end, &gone) != 0) {
+        // A record the cache dropped leaves the log as a cut would: the calls from it on
+        // are in the pool alone, and the file's next changing call brings the pool into
+        // the file (a checkpoint that does not trust the log) instead of every later sync
+        // failing until the last close.
+        if (gone) cut_short(u, fd);
         rc = fail(ISE_FLWT, 0x29);
     } else if (kisam::os_fdatasync(fd) != 0) {
         log_sync_failed(u);
