@@ -634,6 +634,16 @@ constexpr int kItemMax = kPage;
 // by its page, and nothing read here is used but as an address to prefetch.  Reads of
 // the file's mapping are covered by the attempt's arming (a fault sends the read to the
 // lock, as any other access of the attempt).
+// The directory's entry that the last look-ahead found for the item two steps on: the
+// next step's look-ahead takes it for its item one step on instead of searching the
+// directory again (a guess like the rest).
+struct AheadMemo {
+    const char* page = nullptr;
+    int x = -1;
+    LeafRef ref{};
+};
+AheadMemo ahead_memo;
+
 void look_ahead(int u, const Found& f, int keyno, bool back, LeafDir* dir) {
     const IS_KEY* kd = fcp_key(is_curfcp, keyno);
     const IS_KEY* k0 = fcp_key(is_curfcp, 0);
@@ -644,28 +654,40 @@ void look_ahead(int u, const Found& f, int keyno, bool back, LeafDir* dir) {
     // compare over klen bytes (it has one only when k_ncomp == k_keylen == klen).
     if (kd->k_offset + klen > kd->k_itemlen) return;
     ++is_lookaheads;
-    for (int ahead = 2; ahead >= 1; --ahead) {
-        const int x = back ? f.x - ahead : f.x + ahead;
-        if (x < 0 || x >= n) continue;
-        const char* key = f.page + bt_item_off(x, inc) + kd->k_offset;
-        const LeafRef* r = dir->floor(key);
-        if (!r || !page_ok(r->pno)) continue;
-        const char* leaf = v_peek_guess(u, r->pno, r->slot);
-        if (!leaf) continue;
-        if (ahead == 2) {
+    const int x2 = back ? f.x - 2 : f.x + 2, x1 = back ? f.x - 1 : f.x + 1;
+    const bool have1 = ahead_memo.page == f.page && ahead_memo.x == x1;
+    const LeafRef m1 = ahead_memo.ref;
+    // Key 0's leaf of the item two steps on.
+    if (x2 >= 0 && x2 < n) {
+        const LeafRef* r = dir->floor(f.page + bt_item_off(x2, inc) + kd->k_offset);
+        const char* leaf = r && page_ok(r->pno) ? v_peek_guess(u, r->pno, r->slot) : nullptr;
+        if (leaf) {
             v_peek_ask(leaf, kPeekWhole);
-            continue;
+            ahead_memo = AheadMemo{f.page, x2, *r};
         }
-        const int ln = items_of(leaf, 0, k0->k_order);
-        if (ln <= 0) continue;
-        const int lx = scan(leaf, ln, k0, key, klen, 1);
-        if (lx < 0) continue;
-        const char* it = leaf + bt_item_off(lx, inc0);
-        if (key_cmp(key, it, static_cast<size_t>(klen)) != 0) continue;
-        const PAGE drp = ld32(it + k0->k_offset);
-        const int sx = static_cast<int>(drp & kDrLowMask);
-        if ((drp & 1) == 0 && sx != 0 && page_ok(drp & ~kDrLowMask)) v_peek_prefetch(u, drp & ~kDrLowMask, sx);
     }
+    // The record's page of the item one step on, from its leaf (asked for a step ago).
+    if (x1 < 0 || x1 >= n) return;
+    const char* key = f.page + bt_item_off(x1, inc) + kd->k_offset;
+    LeafRef r1;
+    if (have1) {
+        r1 = m1;
+    } else if (const LeafRef* r = dir->floor(key)) {
+        r1 = *r;
+    } else {
+        return;
+    }
+    const char* leaf = page_ok(r1.pno) ? v_peek_guess(u, r1.pno, r1.slot) : nullptr;
+    if (!leaf) return;
+    const int ln = items_of(leaf, 0, k0->k_order);
+    if (ln <= 0) return;
+    const int lx = scan(leaf, ln, k0, key, klen, 1);
+    if (lx < 0) return;
+    const char* it = leaf + bt_item_off(lx, inc0);
+    if (key_cmp(key, it, static_cast<size_t>(klen)) != 0) return;
+    const PAGE drp = ld32(it + k0->k_offset);
+    const int sx = static_cast<int>(drp & kDrLowMask);
+    if ((drp & 1) == 0 && sx != 0 && page_ok(drp & ~kDrLowMask)) v_peek_prefetch(u, drp & ~kDrLowMask, sx);
 }
 
 // One attempt (is_read_nolock's result), run armed for faults in the files' mappings.
