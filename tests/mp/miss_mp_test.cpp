@@ -455,6 +455,63 @@ TEST_F(FileReads, AStepAfterAChangeNeverUsesTheFilesOlderPage) {
     EXPECT_TRUE(kt::sound(path_));
 }
 
+// Scans along key 1 past the pool ask ahead for the pages of their next steps, which
+// changes no result: forwards and backwards they read, without the lock, exactly what
+// locked scans read.  With every page in the pool they do not ask ahead at all (nothing
+// to gain there, and the guesses cost).
+TEST_F(FileReads, ScansPastThePoolAskAheadAndReadWhatLockedScansRead) {
+    auto scan = [&](int fd, bool back, std::vector<std::string>& out) {
+        std::vector<char> buf(kBuf);
+        int n;
+        while ((n = back ? nispread(fd, 1, buf.data(), kBuf) : nisread(fd, 1, buf.data(), kBuf)) > 0)
+            out.emplace_back(buf.data(), static_cast<size_t>(n));
+        return n;
+    };
+    // Both directions, each without the lock and then locked from a fresh cursor: 0 or
+    // what went wrong; the look-aheads of the scans without the lock in *ahead.
+    auto both_ways = [&](int fd, unsigned long* ahead) {
+        for (const bool back : {false, true}) {
+            std::vector<std::string> mine, locked;
+            const int fd2 = nisopen(path_.c_str(), ISO_RDWR);
+            const unsigned long nolock0 = is_nolock_reads, ahead0 = is_lookaheads;
+            if (fd2 < 0 || scan(fd2, back, mine) != 0) return 1;
+            *ahead += is_lookaheads - ahead0;
+            if (is_nolock_reads - nolock0 < ids_) return 2;  // no step took the lock
+            nisclose(fd2);
+            kisam::test_locked_reads = true;
+            const int fd3 = nisopen(path_.c_str(), ISO_RDWR);
+            const int rc = fd3 < 0 ? -1 : scan(fd3, back, locked);
+            kisam::test_locked_reads = false;
+            if (rc != 0) return 3;
+            nisclose(fd3);
+            if (mine.size() != ids_ || mine != locked) return 4;
+        }
+        (void)fd;
+        return 0;
+    };
+    start(40, 1500);
+    EXPECT_EQ(in_child([&](int fd) {
+                  if (read_all(fd, 1) != 0) return 81;  // key 0's leaves known, the chain learnt
+                  unsigned long ahead = 0;
+                  if (const int rc = both_ways(fd, &ahead)) return 81 + rc;
+                  return ahead >= ids_ ? 0 : 86;
+              }),
+              0);
+    start(2000, 300);
+    EXPECT_EQ(in_child([&](int fd) {
+                  kisam::test_locked_reads = true;  // every page into the pool
+                  std::vector<std::string> all;
+                  const int rc = read_all(fd, 1) != 0 || scan(fd, false, all) != 0;
+                  kisam::test_locked_reads = false;
+                  if (rc != 0 || read_all(fd, 1) != 0) return 91;
+                  unsigned long ahead = 0;
+                  if (const int rc2 = both_ways(fd, &ahead)) return 91 + rc2;
+                  return ahead == 0 ? 0 : 96;
+              }),
+              0);
+    EXPECT_TRUE(kt::sound(path_));
+}
+
 // Another program cuts the file short under a reader that has it mapped, twice: each
 // read that needs a page past the new end fails exactly as the locked read of it fails
 // (ISE_RDRD for a record's page; a tree's page read on the way fails its search,

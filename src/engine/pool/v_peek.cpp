@@ -320,6 +320,25 @@ const IS_DATA* v_peek_again(int u, const PeekMark& m, int ask) noexcept {
     return &b->bu_data;
 }
 
+const char* v_peek_guess(int u, PAGE pno, int in) noexcept {
+    if (bk.com != isam_com || !bk.ok || u < 0 || u >= bk.nopen) return nullptr;
+    if (in < 0) {
+        const int pos = index_pos(page_key(u, pno));
+        if (pos >= 0) in = entry_slot(bk.tab[pos]);
+    }
+    if (valid_slot(in)) return slot(in)->bu_data.c;
+    const char* base = bk.map_base[u];
+    const IS_FCP* fcp = is_curfcp;
+    if (!base || !fcp || pno == 0 || pno % kisam::kPage != 0) return nullptr;
+    const off_t off = v_fileoffset(fcp, pno);
+    if (off < 0 || static_cast<size_t>(off) + kisam::kPage > bk.map_len[u]) return nullptr;
+    return base + off;
+}
+
+void v_peek_prefetch(int u, PAGE pno, int ask) noexcept {
+    if (const char* p = v_peek_guess(u, pno)) v_peek_ask(p, ask);
+}
+
 bool v_peek_still(int u, const PeekMark& m) noexcept {
     IS_BUF* b = slot(m.slot);
     const PAGE p = std::atomic_ref<uint32_t>(b->bu_pno).load(std::memory_order_acquire);

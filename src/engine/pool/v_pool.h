@@ -139,6 +139,16 @@ inline void v_peek_ask(const char* p, int ask) noexcept {
         v_prefetch(p + (ask + 63 < 1024 ? ask + 63 : 1023));
     }
 }
+// Look-ahead of a reader that holds no lock (a scan asking for what its next steps will
+// read): the bytes of page pno of u (the current file) where a read would find them now
+// -- the slot this process's page index names (slot -1: look it up; the tag is not
+// checked), else the file's mapping -- or null.  Only a guess, never to be trusted: the
+// bytes may be any page's, torn, or change at any moment; a caller bounds everything it
+// takes from them.  Writes nothing; no system call.
+const char* v_peek_guess(int u, PAGE pno, int slot = -1) noexcept;
+// Asks the memory for the bytes `ask` names (as v_peek) of page pno of u where
+// v_peek_guess finds it.
+void v_peek_prefetch(int u, PAGE pno, int ask) noexcept;
 // Whether the slot of m still holds the page of m as it did when v_peek returned it:
 // neither re-tagged nor reloaded since.  Call after an acquire fence that follows the
 // reads of the page.

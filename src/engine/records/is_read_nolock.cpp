@@ -46,6 +46,7 @@ bool test_locked_reads = false;
 unsigned long is_nolock_reads = 0;
 unsigned long is_leafdir_hits = 0;
 unsigned long is_leafdir_drops = 0;
+unsigned long is_lookaheads = 0;
 NolockMiss is_nolock_miss;
 
 using namespace kisam;
@@ -95,6 +96,7 @@ struct Search {
     Fail fail = kNone;
     PAGE missed = KISAM_NOPAGE;  // kMiss: the page not in the pool
     bool hint = false;           // kMiss: it was the cursor's hint, which is never loaded
+    bool file = false;           // a page came from the file's mapping (past the pool)
     // The slots read since the last check (still()): a slot may be given another page
     // without the change count moving (a miss of another process), so each is checked
     // once what was read from it has been used.
@@ -141,6 +143,7 @@ struct Search {
 struct Found {
     PeekMark at{-1, 0, KISAM_NOPAGE};
     int x = -1;
+    const char* page = nullptr;  // the page's bytes as the search read them
 };
 
 // The item the last read of this process along a key found, where it found it: the next
@@ -209,6 +212,7 @@ __attribute__((noinline)) const IS_DATA* page_past_index(Search& s, PAGE pno, in
     const IS_DATA* p = known == 2 ? s.peek(pno, ask) : nullptr;
     if (!p && known && (p = v_peek_file(s.u, pno))) {
         s.last = PeekMark{-1, 0, pno};
+        s.file = true;
         v_peek_ask(p->c, ask);
     }
     if (!p) {
@@ -259,6 +263,7 @@ const IS_DATA* dir_page(Search& s, const LeafRef& r) {
     const IS_DATA* p = known == 2 ? s.peek(r.pno) : nullptr;
     if (!p && known && (p = v_peek_file(s.u, r.pno))) {
         s.last = PeekMark{-1, 0, r.pno};
+        s.file = true;
         v_peek_ask(p->c, kPeekWhole);
     }
     return p;
@@ -399,6 +404,7 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
         const int sx = step->at.x;
         if (sp) {
             if (sm.slot >= 0) s.marks[s.nmarks++] = sm;
+            else s.file = true;
             s.last = sm;
             n = items_of(sp->c, keyno, order);
             const int nx = back ? sx - 1 : sx + 1;
@@ -429,7 +435,7 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
                 s.dir_hit = true;
                 take(cd + bt_item_off(cx, inc));
                 *hint = dref->pno;
-                if (found) *found = Found{s.last, cx};
+                if (found) *found = Found{s.last, cx, cd};
                 return 1;
             }
             if (cx >= 0 && cx != (back ? cn - 1 : 0)) {
@@ -459,7 +465,10 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
             // item from any page on its way, so that the file's copy of a hint page not in
             // the pool serves as well.  Only a search of equal key values (5, on the key's
             // own length) depends on whether the locked read would have had the hint.
-            if (!hp && known && !exact5 && (hp = v_peek_file(s.u, h))) s.last = PeekMark{-1, 0, h};
+            if (!hp && known && !exact5 && (hp = v_peek_file(s.u, h))) {
+                s.last = PeekMark{-1, 0, h};
+                s.file = true;
+            }
         }
         if (!hp && page_ok(h) && !known) {
             s.fail = kMiss;
@@ -474,7 +483,7 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
                 x = scan(hd, n, kp, item, ncomp, srchflag, true);
                 if (x >= 0 && (srchflag & 0x01) && cmp_item(item, hd + bt_item_off(x, inc), cl, pad) == 0) {
                     take(hd + bt_item_off(x, inc));
-                    if (found) *found = Found{s.last, x};
+                    if (found) *found = Found{s.last, x, hd};
                     return 1;
                 }
                 if (x >= 0 && x != (back ? n - 1 : 0)) {
@@ -518,13 +527,13 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
             if ((srchflag & 0x01) && cmp_item(item, xp, cl, pad) == 0) {
                 take(xp);
                 *hint = pno;
-                if (found) *found = Found{dmark, x};
+                if (found) *found = Found{dmark, x, d};
                 return 1;
             }
             if (!best || !exact5) {
                 best = xp;
                 bestp = pno;
-                bestat = Found{dmark, x};
+                bestat = Found{dmark, x, d};
             }
             child = ld32(d + bt_ptr_off(back ? x + 1 : x, inc));
             if (child == KISAM_NOPAGE) break;
@@ -615,6 +624,71 @@ int missed(const Search& s) {
 // The largest item a read without the lock keeps a copy of: every key's fits (two items
 // must fit in a page).
 constexpr int kItemMax = kPage;
+
+// A scan along an alternate key past the pool waits, at each step, for key 0's leaf of
+// its record and then for the record's page, one after the other, where neither is in a
+// cache.  The items of the next steps are in the page at hand: the record's page of the
+// next one (whose leaf the step before asked for) and key 0's leaf of the one after it
+// are asked of the memory now, so that they arrive while the caller works on this
+// record.  Only a guess, from bytes that may be torn or changing: every index is bounded
+// by its page, and nothing read here is used but as an address to prefetch.  Reads of
+// the file's mapping are covered by the attempt's arming (a fault sends the read to the
+// lock, as any other access of the attempt).
+// The directory's entry that the last look-ahead found for the item two steps on: the
+// next step's look-ahead takes it for its item one step on instead of searching the
+// directory again (a guess like the rest).
+struct AheadMemo {
+    const char* page = nullptr;
+    int x = -1;
+    LeafRef ref{};
+};
+AheadMemo ahead_memo;
+
+void look_ahead(int u, const Found& f, int keyno, bool back, LeafDir* dir) {
+    const IS_KEY* kd = fcp_key(is_curfcp, keyno);
+    const IS_KEY* k0 = fcp_key(is_curfcp, 0);
+    const int inc = kd->k_itemlen + 4, inc0 = k0->k_itemlen + 4;
+    const int n = items_of(f.page, keyno, kd->k_order);
+    const int klen = dir->klen();
+    // key 0's value in an item of key keyno, which the directory and key 0's leaves
+    // compare over klen bytes (it has one only when k_ncomp == k_keylen == klen).
+    if (kd->k_offset + klen > kd->k_itemlen) return;
+    ++is_lookaheads;
+    const int x2 = back ? f.x - 2 : f.x + 2, x1 = back ? f.x - 1 : f.x + 1;
+    const bool have1 = ahead_memo.page == f.page && ahead_memo.x == x1;
+    const LeafRef m1 = ahead_memo.ref;
+    // Key 0's leaf of the item two steps on.
+    if (x2 >= 0 && x2 < n) {
+        const LeafRef* r = dir->floor(f.page + bt_item_off(x2, inc) + kd->k_offset);
+        const char* leaf = r && page_ok(r->pno) ? v_peek_guess(u, r->pno, r->slot) : nullptr;
+        if (leaf) {
+            v_peek_ask(leaf, kPeekWhole);
+            ahead_memo = AheadMemo{f.page, x2, *r};
+        }
+    }
+    // The record's page of the item one step on, from its leaf (asked for a step ago).
+    if (x1 < 0 || x1 >= n) return;
+    const char* key = f.page + bt_item_off(x1, inc) + kd->k_offset;
+    LeafRef r1;
+    if (have1) {
+        r1 = m1;
+    } else if (const LeafRef* r = dir->floor(key)) {
+        r1 = *r;
+    } else {
+        return;
+    }
+    const char* leaf = page_ok(r1.pno) ? v_peek_guess(u, r1.pno, r1.slot) : nullptr;
+    if (!leaf) return;
+    const int ln = items_of(leaf, 0, k0->k_order);
+    if (ln <= 0) return;
+    const int lx = scan(leaf, ln, k0, key, klen, 1);
+    if (lx < 0) return;
+    const char* it = leaf + bt_item_off(lx, inc0);
+    if (key_cmp(key, it, static_cast<size_t>(klen)) != 0) return;
+    const PAGE drp = ld32(it + k0->k_offset);
+    const int sx = static_cast<int>(drp & kDrLowMask);
+    if ((drp & 1) == 0 && sx != 0 && page_ok(drp & ~kDrLowMask)) v_peek_prefetch(u, drp & ~kDrLowMask, sx);
+}
 
 // One attempt (is_read_nolock's result), run armed for faults in the files' mappings.
 int attempt(int keyno, char* record, int recsize, int dir) noexcept {
@@ -728,6 +802,10 @@ int attempt(int keyno, char* record, int recsize, int dir) noexcept {
     }
 
     if (!s.still() || !same()) return kReadAgain;
+    // A step past the pool along an alternate key: the next steps' pages asked for (before
+    // the cursors move: the look-ahead may still fault in the file's mapping).
+    if (s.file && ldir && keyno >= 1 && (dir == 0 || dir == 2) && result > 0 && found.page)
+        look_ahead(u, found, keyno, dir == 2, ldir);
     if (ldir) {
         is_leafdir_hits += s.dir_hit;
         if (s.drop) {

@@ -29,6 +29,9 @@ extern unsigned long is_nolock_reads;
 // entries of it found misleading and dropped (figures for tests).
 extern unsigned long is_leafdir_hits;
 extern unsigned long is_leafdir_drops;
+// Steps without the lock past the pool that asked ahead for the pages of the next steps
+// (a figure for tests).
+extern unsigned long is_lookaheads;
 int is_write(const char* record, int recsize, int force) noexcept;
 int is_delete(const char* primekey) noexcept;
 // nisupdate's work: replaces the record with the same key 0 value (ISE_NOKEY when there is
