@@ -739,6 +739,9 @@ int main(int argc, char** argv) {
 
     int rc = 0;
     Table ops, sys, dops, dsys;
+    // Processor time per call of the timed runs: on a machine that other work keeps busy
+    // the wall-clock figures swing with it, the time the engine itself spent much less.
+    Table cpu;
     Table totals;  // whole default series, seconds
     auto one = [&](const std::string& e, bool durable, bool counting, Table& t) {
         // The durable set's count runs a quarter of its calls: a synced call costs the same
@@ -753,6 +756,7 @@ int main(int argc, char** argv) {
         for (size_t i = 0; i < r.phases.size(); ++i) {
             const wl::Phase& ph = r.phases[i];
             if (!counting) t.put(e, ph.name, ph.ops_per_s);
+            if (!counting && !durable) cpu.put(e, ph.name, ph.cpu_us);
             else if (i < r.syscalls.size() && r.syscalls[i] >= 0 && ph.calls > 0)
                 t.put(e, ph.name, static_cast<double>(r.syscalls[i]) / static_cast<double>(ph.calls));
             else t.put(e, ph.name, -1);
@@ -789,7 +793,8 @@ int main(int argc, char** argv) {
         ops.print("operations per second", " %10.0f");
         std::printf("%-48s", "whole series, seconds");
         for (auto& e : ops.engines) std::printf(" %10.1f", totals.get(e, "series"));
-        std::printf("\n");
+        std::printf("\n\n");
+        cpu.print("processor microseconds per call", " %10.2f");
         if (count) {
             std::printf("\n");
             sys.print(("system calls per call (" + std::to_string(count_n) + " records, strace)").c_str(), " %10.2f");

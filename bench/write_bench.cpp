@@ -8,11 +8,14 @@
 // write_delete), so that a profiler can count one phase's instructions alone, e.g.
 //   valgrind --tool=callgrind --collect-atstart=no --toggle-collect=write_update
 //            build/bench/write_bench 100000 32000
-// and divide by the records.  With rounds > 1 the updates run that many times (key 1
+// and divide by the records.  Each phase prints operations per second, processor time
+// per operation and page faults per operation.  With rounds > 1 the updates run that many times (key 1
 // takes a new value each time); with grow > 0 round r makes every record r * grow bytes
 // longer, so that its data part moves.  The installation, segment and directory are removed at
 // the end.
 #include "kisam_engine.h"
+
+#include <sys/resource.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -49,8 +52,17 @@ extern "C" __attribute__((noinline)) bool write_delete(wl::Engine& e, const Ids&
     return true;
 }
 
+// Page faults of this process so far (every first store into a page of a mapping, and
+// every store into one the system write-protected since).
+long minor_faults() {
+    struct rusage ru;
+    ::getrusage(RUSAGE_SELF, &ru);
+    return ru.ru_minflt;
+}
+
 template <class F>
 bool timed(const char* name, long n, F body) {
+    const long f0 = minor_faults();
     const double c0 = wl::cpu_seconds();
     const auto t0 = wl::Clock::now();
     const bool ok = body();
@@ -60,7 +72,8 @@ bool timed(const char* name, long n, F body) {
         std::fprintf(stderr, "phase \"%s\" failed\n", name);
         return false;
     }
-    std::printf("%-10s %10.0f ops/s %7.2f cpu us/op\n", name, static_cast<double>(n) / s, cpu);
+    const double faults = static_cast<double>(minor_faults() - f0) / static_cast<double>(n);
+    std::printf("%-10s %10.0f ops/s %7.2f cpu us/op %7.3f faults/op\n", name, static_cast<double>(n) / s, cpu, faults);
     std::fflush(stdout);
     return true;
 }

@@ -113,6 +113,85 @@ TEST(BtPages, SplitMergeAndTheFreeChain) {
     EXPECT_TRUE(rep.free_chain.empty());
 }
 
+// The descent of several trees at once before a write's inserts: it leaves each tree's
+// cursor on the leaf where the item belongs, and the insert that follows tries that hint
+// first but takes it only when the item lies strictly inside the page.  A warm towards
+// one item followed by the insert of another (the hint a leaf where that item does not
+// belong) still puts every item where it belongs, and the warm itself changes no page.
+TEST(BtWarm, TheLeafBecomesTheHintAndAWrongOneIsNotTaken) {
+    BtFile f(512, {120, 120});
+    ASSERT_TRUE(f.ok());
+    f.begin();
+    // Key 0's item: its value (v in the first two bytes) and an address; key 1's: its
+    // value and key 0's.  Orders 7 and 4: trees of three levels from some 30 items.
+    auto item = [&](int k, int v) {
+        std::string s(static_cast<size_t>(f.key(k)->k_itemlen), 'k');
+        for (size_t at : {size_t{0}, size_t{120}}) {
+            if (at + 2 > s.size()) continue;
+            s[at] = static_cast<char>(v >> 8);
+            s[at + 1] = static_cast<char>(v);
+        }
+        if (k == 0) kisam::store_at<uint32_t>(s.data() + 120, 0x1000u + static_cast<uint32_t>(v));
+        return s;
+    };
+    ASSERT_EQ(f.key(1)->k_order, 4);
+    // Odd values only, so that every even one lies inside some leaf.
+    for (int v = 1; v <= 61; v += 2)
+        for (int k = 0; k < 2; ++k) {
+            std::string it = item(k, v);
+            ASSERT_EQ(f.insert(k, it), 0) << v;
+        }
+    f.end();
+    f.begin();
+    const int keys[2] = {0, 1};
+    std::mt19937 rng(static_cast<uint32_t>(kt::test_seed(7)));
+    std::set<int> in;
+    for (int v = 1; v <= 61; v += 2) in.insert(v);
+    for (int round = 0; round < 30 && in.size() < 60; ++round) {
+        int v = 2 + 2 * static_cast<int>(rng() % 30);
+        while (in.count(v)) v = v % 60 + 2;
+        // The warm towards `v` reaches the leaf of v's neighbours, and reads only.
+        const std::string w0 = item(0, v), w1 = item(1, v);
+        const char* items[2] = {w0.data(), w1.data()};
+        const IS_DATA before = f.disk_page(f.root(1));
+        f.currpage(0) = f.currpage(1) = kNone;
+        bt_warm(2, keys, items);
+        for (int k = 0; k < 2; ++k) {
+            const PAGE leaf = f.currpage(k);
+            ASSERT_NE(leaf, kNone) << "round " << round << " key " << k;
+            IS_DATA* d = v_read(leaf);
+            ASSERT_NE(d, nullptr);
+            EXPECT_EQ(ptr_at(*d, 0, 0), kNone) << "not a leaf";
+            v_unsafe(leaf, d->c);
+        }
+        EXPECT_EQ(std::memcmp(before.c, f.disk_page(f.root(1)).c, sizeof before.c), 0);
+        // Key 1 gets the item it was warmed for; key 0 one far from it, whose leaf the hint
+        // is not (or is, when both fall in one leaf: then it is right to take it).
+        int w = v <= 30 ? v + 30 : v - 30;
+        while (in.count(w) || w == v) w = w % 60 + 2;
+        std::string a = item(0, w), b = item(1, v);
+        ASSERT_EQ(f.insert(0, a), 0) << w;
+        ASSERT_EQ(f.insert(1, b), 0) << v;
+        in.insert(v);
+        in.insert(w);
+        // Key 0 now also gets v and key 1 w, without a warm: both keys hold the same set.
+        std::string c = item(0, v), e = item(1, w);
+        ASSERT_EQ(f.insert(0, c), 0) << v;
+        ASSERT_EQ(f.insert(1, e), 0) << w;
+    }
+    f.end();
+    kc::Report rep = kc::check_file(f.path(), kTreesAndFree);
+    ASSERT_TRUE(rep.ok) << rep.error;
+    f.begin();
+    // Every item once, in order: an exact search finds each.
+    for (int k = 0; k < 2; ++k)
+        for (int v : in) {
+            std::string it = item(k, v);
+            EXPECT_EQ(bt_search(k, f.root(k), 5, it.data(), 0), 1) << "key " << k << " item " << v;
+        }
+    f.end();
+}
+
 // The item where a search stops, found by bisection, is the one that a scan from the
 // first item in the search direction stops at, for every mode, with duplicates over the
 // key part (mode 5), odd keys whose pad byte the page holds as non-zero, and keys below,

@@ -52,8 +52,78 @@ int scan_insert(IS_DATA* d, const IS_KEY* kp, const char* item) {
 
 bool reserve_new_item(int len) { return len >= 0 && len <= static_cast<int>(sizeof new_item); }
 
+// The keys whose cursor hint bt_warm set for the handle warm_db since: the next insert
+// of each tries it whatever its luck, and once.
+const IS_DB* warm_db = nullptr;
+uint32_t warm_keys = 0;
+
+bool take_warm(int keyno) {
+    if (warm_db != is_curdb || keyno < 0 || keyno >= kBtWarmTrees) return false;
+    const uint32_t bit = uint32_t{1} << keyno;
+    const bool was = (warm_keys & bit) != 0;
+    warm_keys &= ~bit;
+    return was;
+}
+
+// The pointer a descent towards `key` follows in page d (items rising strictly over
+// ncomp bytes): right of the last item below it.  As scan_insert, but reading only.
+PAGE warm_child(const IS_DATA* d, int n, int inc, const char* key, int ncomp) {
+    const char* items = d->c + bt_item_off(0, inc);
+    int lo = 0, hi = n;
+    while (lo < hi) {
+        const int mid = lo + (hi - lo) / 2;
+        if (kisam::key_cmp(key, items + mid * inc, static_cast<size_t>(ncomp)) > 0) lo = mid + 1;
+        else hi = mid;
+    }
+    return bt_ptr(d, lo, inc);
+}
+
 
 }  // namespace
+
+void bt_warm(int n, const int* keynos, const char* const* items) noexcept {
+    warm_db = is_curdb;
+    warm_keys = 0;
+    if (n > kBtWarmTrees) n = kBtWarmTrees;
+    PAGE at[kBtWarmTrees];
+    const IS_KEY* kp[kBtWarmTrees];
+    const IS_DATA* d[kBtWarmTrees];
+    for (int i = 0; i < n; ++i) {
+        kp[i] = kisam::fcp_key(is_curfcp, keynos[i]);
+        at[i] = kp[i]->k_root;
+    }
+    // A level of every tree at a time: first the index lines of its pages, then the
+    // pages' slots, then their items; each step's loads are independent of one another.
+    for (int depth = 0; depth <= kisam::kBtMaxDepth; ++depth) {
+        bool more = false;
+        for (int i = 0; i < n; ++i)
+            if (at[i] != KISAM_NOPAGE) v_ask(at[i]);
+        for (int i = 0; i < n; ++i) d[i] = at[i] != KISAM_NOPAGE ? v_glance(at[i]) : nullptr;
+        for (int i = 0; i < n; ++i) {
+            if (!d[i]) {
+                at[i] = KISAM_NOPAGE;
+                continue;
+            }
+            const int keyno = keynos[i];
+            const int inc = kp[i]->k_itemlen + 4;
+            const int items_n = d[i]->bt.bt_nitems;
+            if (!kisam::bt_page_ok(d[i], keyno, kp[i]->k_order) || items_n < 1) {
+                at[i] = KISAM_NOPAGE;
+                continue;
+            }
+            if (bt_ptr(d[i], 0, inc) == KISAM_NOPAGE) {
+                // A leaf: where the insert begins.
+                kisam::db_cursor(is_curdb, keyno)->currpage = at[i];
+                if (keyno >= 0 && keyno < kBtWarmTrees) warm_keys |= uint32_t{1} << keyno;
+                at[i] = KISAM_NOPAGE;
+                continue;
+            }
+            at[i] = warm_child(d[i], items_n, inc, items[i], kp[i]->k_ncomp);
+            more = true;
+        }
+        if (!more) break;
+    }
+}
 
 int newroot(int keyno, PAGE page, char* item, PAGE oldpage, IS_KEY* kfp) noexcept {
     const int inc = kfp->k_itemlen + 4;
@@ -138,7 +208,8 @@ int bt_insert(int keyno, PAGE page, char* item, int depth, int forcef) noexcept 
         const PAGE hint = cur->currpage;
         static kisam::HintLuck luck_table[kisam::kHintLuckSlots];
         kisam::HintLuck& luck = kisam::hint_luck(luck_table, is_curdb, keyno);
-        if (hint != KISAM_NOPAGE && luck.worth_trying()) {
+        const bool warmed = take_warm(keyno);
+        if (hint != KISAM_NOPAGE && (warmed || luck.worth_trying())) {
             IS_DATA* h = v_read(hint);
             if (h == nullptr) return is_push(PROC(P_BT_INSERT, 2));
             const int n = h->bt.bt_nitems;
@@ -152,7 +223,7 @@ int bt_insert(int keyno, PAGE page, char* item, int depth, int forcef) noexcept 
                 }
             }
             if (d == nullptr) v_unsafe(hint, h->c);
-            luck.fared(d != nullptr);
+            if (!warmed) luck.fared(d != nullptr);
         }
     }
 

@@ -211,17 +211,20 @@ int build(IS_FCP* fcp, int u, int fd, const Pages& pages, int n, uint16_t flags,
     // maps of it behind the tail's page is dropped first: a page written out while a
     // process maps it writable is write-protected in every processor's TLB and faults at
     // its next store (ten times the cost of the store itself here), one nobody maps is not.
-    if ((lsn >> 20) != (end >> 20)) {
-        const uint64_t from = ((end >> 20) << 20) - (uint64_t{1} << 20);
-        const uint64_t lo = from > start ? from : start;
-        const uint64_t to = kFirst + ((end >> 20 << 20) - start);
+    // Both are taken a megabyte of the file at a time, at the megabyte boundaries of its
+    // offsets, where the zeros written ahead put the page cache's folios: a folio the
+    // disk is started on while the tail still lies in it would be write-protected whole,
+    // and every 4 KiB page of it would fault again at its next store.
+    const uint64_t rec_lo = static_cast<uint64_t>(at_off), rec_hi = rec_lo + len;
+    if ((rec_lo >> 20) != (rec_hi >> 20)) {
+        const uint64_t to = rec_hi >> 20 << 20;   // the tail's megabyte begins here
+        const uint64_t lo = std::max<uint64_t>(to - (uint64_t{1} << 20), kFirst);
         if (fds.map[u] && tail_page > kept) {
-            const uint64_t drop_to = std::min(to / page * page, static_cast<uint64_t>(fds.window));
+            const uint64_t drop_to = std::min(to, static_cast<uint64_t>(fds.window));
             if (drop_to > kept) kisam::os_map_drop(fds.map[u], kept, drop_to - kept);
             kept = std::max(kept, drop_to);
         }
-        ::sync_file_range(fd, kFirst + static_cast<off_t>(lo - start), static_cast<off_t>((end >> 20 << 20) - lo),
-                          SYNC_FILE_RANGE_WRITE);
+        if (to > lo) ::sync_file_range(fd, static_cast<off_t>(lo), static_cast<off_t>(to - lo), SYNC_FILE_RANGE_WRITE);
     } else if (fds.map[u] && tail_page > kept + (uint64_t{2} << 20)) {
         // Another process had the disk start on what this one stored earlier: dropped
         // now, so that the next generation finds it unmapped.  Never past the window:

@@ -171,11 +171,15 @@ int grow_locked(int u, int fd, off_t need) noexcept {
         }
         if (need <= size) return 0;
     }
-    // One write per stretch; never touched, the buffer costs no memory.
-    static char blank[kExtend];
+    // One write per kZeroChunk of the file, at its multiples: the page cache makes a
+    // folio of each such write, and a folio is what a sync write-protects whole when the
+    // log's tail lies in it -- each of its 4 KiB pages then faults again at its next
+    // store, so the smaller the folio, the fewer.  Never touched, the buffer costs no memory.
+    static char blank[kZeroChunk];
     const off_t to = (need + kExtend - 1) / kExtend * kExtend;
     for (off_t o = size; o < to;) {
-        const size_t n = static_cast<size_t>(to - o < off_t(sizeof blank) ? to - o : off_t(sizeof blank));
+        const off_t room = kZeroChunk - o % kZeroChunk;
+        const size_t n = static_cast<size_t>(to - o < room ? to - o : room);
         if (kisam::os_pwrite_full(fd, blank, n, o) != 0) return -1;
         o += static_cast<off_t>(n);
     }

@@ -197,6 +197,8 @@ inline int fail(int code, int detail) noexcept { return is_raise(code, PROC(P_IS
 // call carries no change of the file's size or block map (an append that grows the file
 // costs the file system a journal commit of its own at every sync).
 constexpr off_t kExtend = off_t{1} << 20;
+// The zeros go out in writes of this size (lg_file.cpp, grow_locked).
+constexpr off_t kZeroChunk = off_t{64} << 10;
 // A call that ends with its log's tail closer than this to the end of the zeros writes
 // the next kExtend of them after it has given the control lock up (extend_ahead), so
 // that no call extends the log while it holds the lock.

@@ -10,12 +10,42 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <sys/mman.h>
 
 namespace kisam::pool {
 
 PoolBook bk;
 
 namespace {
+
+// The page index is probed for every page a call touches, at random places: in a large
+// pool a table of 4 KiB pages costs most probes a walk of the page tables on top of the
+// miss of the caches.  A table of 256 KiB or more is given memory of its own aligned to
+// 2 MiB and asked to be backed by huge pages (one entry of the TLB covers it where the
+// system grants them; elsewhere it is plain memory).  tab_len says how it was made.
+constexpr size_t kHuge = size_t{2} << 20;
+size_t tab_len = 0;  // 0: malloc
+
+uint64_t* table_alloc(size_t bytes) noexcept {
+    tab_len = 0;
+    if (bytes < (size_t{256} << 10)) return static_cast<uint64_t*>(std::malloc(bytes));
+    const size_t len = (bytes + kHuge - 1) / kHuge * kHuge;
+    void* p = ::mmap(nullptr, len + kHuge, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (p == MAP_FAILED) return static_cast<uint64_t*>(std::malloc(bytes));
+    const uintptr_t a = reinterpret_cast<uintptr_t>(p);
+    const uintptr_t at = (a + kHuge - 1) / kHuge * kHuge;
+    if (at > a) ::munmap(p, at - a);
+    if (at + len < a + len + kHuge) ::munmap(reinterpret_cast<void*>(at + len), a + len + kHuge - (at + len));
+    ::madvise(reinterpret_cast<void*>(at), len, MADV_HUGEPAGE);
+    tab_len = len;
+    return reinterpret_cast<uint64_t*>(at);
+}
+
+void table_free(uint64_t* t) noexcept {
+    if (t && tab_len) ::munmap(t, tab_len);
+    else std::free(t);
+    tab_len = 0;
+}
 
 void book_free() noexcept {
     if (bk.map_base) map_drop(-1);
@@ -25,7 +55,7 @@ void book_free() noexcept {
     std::free(bk.map_last);
     std::free(bk.map_past);
     std::free(bk.map_rw);
-    std::free(bk.tab);
+    table_free(bk.tab);
     std::free(bk.key_of);
     std::free(bk.known);
     std::free(bk.known_gen);
@@ -48,7 +78,7 @@ void book_setup() noexcept {
         uint32_t cap = 16;
         int bits = 4;
         while (cap < 2u * static_cast<uint32_t>(nb)) cap <<= 1, ++bits;
-        bk.tab = static_cast<uint64_t*>(std::malloc(cap * sizeof(uint64_t)));
+        bk.tab = table_alloc(cap * sizeof(uint64_t));
         bk.key_of = static_cast<uint64_t*>(std::malloc((nb + 1) * sizeof(uint64_t)));
         bk.fixed = static_cast<int16_t*>(std::malloc((nb + 1) * sizeof(int16_t)));
         bk.listed = static_cast<uint8_t*>(std::malloc(nb + 1));

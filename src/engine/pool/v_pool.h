@@ -17,6 +17,15 @@ IS_DATA* v_read(PAGE pno) noexcept;                 // fixed page, or null (erro
 int v_write(PAGE pno, IS_DATA* datap) noexcept;     // 0, -1
 int v_unsafe(PAGE pno, char* addr) noexcept;        // 0, -1 when the slot does not hold pno
 int v_hit(PAGE pno, int keyno) noexcept;            // 1 when cached as a page of keyno
+// For the holder of the current file's control lock, ahead of the reads of several pages
+// at once (bt_warm): v_ask asks the memory for the line of this process's page index that
+// names page pno; v_glance then gives the page's slot data when the index names a slot
+// that holds it (its lines asked for, as a hit's), else null.  Nothing is fixed, loaded,
+// learnt or counted: a page the pool does not hold is left to the read that follows.
+// Under the lock nobody else re-tags the file's slots, so the data is the page until
+// this process calls the pool again.
+void v_ask(PAGE pno) noexcept;
+const IS_DATA* v_glance(PAGE pno) noexcept;
 int v_flush(void) noexcept;                         // 0, -1
 void v_relbuf(void) noexcept;                       // flush, then give the chain back
 int fcp_setdatachanged(IS_FCP* fcp, IS_PFI* pfi, int datachangedf, int syncf) noexcept;

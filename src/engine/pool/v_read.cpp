@@ -144,6 +144,20 @@ int v_hit(PAGE pno, int keyno) noexcept {
     return s >= 0 && slot(s)->bu_data.bt.bt_keyno == keyno ? 1 : 0;
 }
 
+void v_ask(PAGE pno) noexcept {
+    if (book()) v_prefetch(reinterpret_cast<const char*>(bk.tab + home_of(page_key(current_file(), pno))));
+}
+
+const IS_DATA* v_glance(PAGE pno) noexcept {
+    if (!book()) return nullptr;
+    const int u = current_file();
+    const int pos = index_pos(page_key(u, pno));
+    if (pos < 0) return nullptr;
+    const IS_BUF* b = slot(entry_slot(bk.tab[pos]));
+    v_peek_ask(b->bu_data.c, kPeekWhole);
+    return file_of(b) == u && b->bu_pno == pno ? &b->bu_data : nullptr;
+}
+
 int v_flush(void) noexcept {
     IS_FCP* fcp = is_curfcp;
     const int u = current_file();

@@ -117,6 +117,39 @@ int put_data(const char* record, int recsize, PAGE* addr) {
     return *addr == KISAM_NOPAGE ? is_push(PROC(P_IS_WRITE, 3)) : 0;
 }
 
+// The items of a record under each key, for bt_warm: built apart from db->temp, which
+// the inserts use.  Static, as the B-tree's carried item: nothing is allocated in a call.
+constexpr int kWarmItem = 256;
+char warm_area[kBtWarmTrees][kWarmItem];
+
+// Asks the memory at once for the pages the inserts of record's items will descend
+// through (bt_warm): a record's keys lie in trees of their own, whose leaves are each a
+// miss of the caches in a large pool.
+void warm_trees(const char* record) {
+    IS_FCP* fcp = is_curfcp;
+    const int n = fcp->is_nkeys < kBtWarmTrees ? fcp->is_nkeys : kBtWarmTrees;
+    if (n < 2) return;  // one tree: nothing to overlap
+    const IS_KEY* k0 = fcp_key(fcp, 0);
+    int keynos[kBtWarmTrees];
+    const char* items[kBtWarmTrees];
+    const char* p = record + k0->k_keylen;
+    for (int i = 0; i < n; ++i) {
+        const IS_KEY* ki = fcp_key(fcp, i);
+        if (ki->k_itemlen > kWarmItem || ki->k_itemlen < ki->k_ncomp) return;
+        char* it = warm_area[i];
+        if (i == 0) {
+            std::memset(it, 0, static_cast<size_t>(k0->k_itemlen));
+            std::memcpy(it, record, static_cast<size_t>(k0->k_keylen));
+        } else {
+            alt_item(it, ki, p, k0, record);
+            p += ki->k_keylen;
+        }
+        keynos[i] = i;
+        items[i] = it;
+    }
+    bt_warm(n, keynos, items);
+}
+
 int write_locked(const char* record, int recsize, int force) {
     IS_FCP* fcp = is_curfcp;
     IS_DB* db = is_curdb;
@@ -131,6 +164,7 @@ int write_locked(const char* record, int recsize, int force) {
     std::memset(temp, 0, static_cast<size_t>(k0->k_itemlen));
     std::memcpy(temp, record, static_cast<size_t>(kl0));
 
+    warm_trees(record);
     PAGE addr;
     if (put_data(record, recsize, &addr) != 0) return -1;
 
