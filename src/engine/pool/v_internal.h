@@ -144,9 +144,7 @@ inline constexpr int kSlots = INT16_MAX + 1;
 extern int16_t chg_slot[kSlots];
 extern uint8_t chg_in[kSlots];
 extern int chg_n;
-// Set while the list and the marks above disagree for a moment: a call left there by a
-// signal handler (siglongjmp) leaves them to be rebuilt from the marks (v_abandoned).
-extern volatile int chg_busy;
+// (chg_in is the truth; after a call abandoned with a jump the list is rebuilt from it.)
 // Whether this process's victims may be slots listed above (pages of its running call):
 // only when nothing else is left.
 extern bool take_own;

@@ -24,9 +24,10 @@ namespace kisam::pool {
 int16_t chg_slot[kSlots];
 uint8_t chg_in[kSlots];
 int chg_n = 0;
-// Set while the list and the marks above disagree for a moment: a call left there by a
-// signal handler (siglongjmp) leaves them to be rebuilt from the marks (v_abandoned).
-volatile int chg_busy = 0;
+// The marks are the truth and the list follows them.  A call that a signal handler left
+// with siglongjmp may have left the two disagreeing at any instruction -- the compiler
+// orders a mark's store and the list's freely (only a call or a fence orders them) -- so
+// the process's next call rebuilds the list from the marks (v_abandoned).
 // Whether this process's victims may be slots listed above (pages of its running call):
 // only when nothing else is left.
 bool take_own = false;
@@ -92,7 +93,6 @@ int commit_changes(IS_FCP* fcp, int u, IS_PFI* pfi) noexcept {
     const bool unit_goes_on = jn_continues(fcp, pfi->pfi_ctlcnt);
     int n = 0;
     int keep = 0;
-    chg_busy = 1;
     for (int i = 0; i < chg_n; ++i) {
         const int s = chg_slot[i];
         if (file_of(slot(s)) == u && !unit_goes_on)
@@ -110,7 +110,6 @@ int commit_changes(IS_FCP* fcp, int u, IS_PFI* pfi) noexcept {
                 // Listed again: the rollback that follows forgets them.
                 for (int i = 0; i < n; ++i) chg_slot[keep++] = list[i];
                 chg_n = keep;
-                chg_busy = 0;
                 return is_push(PROC(P_V_READ, 3));
             }
             for (int i = 0; i < n; ++i) chg_in[list[i]] = 0;
@@ -121,7 +120,6 @@ int commit_changes(IS_FCP* fcp, int u, IS_PFI* pfi) noexcept {
         }
     }
     chg_n = keep;
-    chg_busy = 0;
     return 0;
 }
 
@@ -144,14 +142,12 @@ int writebuf(IS_BUF* b) noexcept {
     // its before-image.
     if (chg_in[s]) {
         if (lg_steal(ofcp, w, s) != 0) return -1;
-        chg_busy = 1;
         chg_in[s] = 0;
         for (int i = 0; i < chg_n; ++i)
             if (chg_slot[i] == s) {
                 chg_slot[i] = chg_slot[--chg_n];
                 break;
             }
-        chg_busy = 0;
     } else if (lg_wal(w, s) != 0) {
         return -1;
     } else {
@@ -195,10 +191,8 @@ int v_write(PAGE pno, IS_DATA* datap) noexcept {
     IS_BUF* b = slot(s);
     b->bu_id |= BU_DIRTY;
     if (!chg_in[s]) {
-        chg_busy = 1;
         chg_in[s] = 1;
         chg_slot[chg_n++] = static_cast<int16_t>(s);
-        chg_busy = 0;
     }
     return 0;
 }
@@ -224,16 +218,15 @@ void v_abandoned(void) noexcept {
             .store(x->xf_chaingen + isx_area->xh_log_len + 1, std::memory_order_release);
         v_forget_file(u);
     }
-    if (!chg_busy) return;
-    // Rebuilt from the marks: every slot marked is listed once.
+    // Rebuilt from the marks: every slot marked is listed once.  Not only when the list
+    // was known to be moving: the jump may land between a mark and its entry wherever
+    // the compiler put them.
     chg_n = 0;
     for (int s = 0; s < isam_com->maxbufs && s < kSlots; ++s)
         if (chg_in[s]) chg_slot[chg_n++] = static_cast<int16_t>(s);
-    chg_busy = 0;
 }
 
 void v_unit_forget(int u) noexcept {
-    chg_busy = 1;
     int keep = 0;
     for (int i = 0; i < chg_n; ++i) {
         const int s = chg_slot[i];
@@ -243,7 +236,6 @@ void v_unit_forget(int u) noexcept {
             chg_slot[keep++] = static_cast<int16_t>(s);
     }
     chg_n = keep;
-    chg_busy = 0;
 }
 
 bool v_restore(IS_FCP* fcp, int u, PAGE pno, const IS_DATA* d) noexcept {
