@@ -197,17 +197,21 @@ int build(IS_FCP* fcp, int u, int fd, const Pages& pages, int n, uint16_t flags,
     // maps of it behind the tail's page is dropped first: a page written out while a
     // process maps it writable is write-protected in every processor's TLB and faults at
     // its next store (ten times the cost of the store itself here), one nobody maps is not.
-    if ((lsn >> 20) != (end >> 20)) {
-        const uint64_t from = ((end >> 20) << 20) - (uint64_t{1} << 20);
-        const uint64_t lo = from > start ? from : start;
-        const uint64_t to = kFirst + ((end >> 20 << 20) - start);
+    // The megabytes are the file's, not the records' (which start 1024 bytes in, and
+    // anywhere after a checkpoint): the zeros ahead go out a megabyte per write, so the
+    // system holds each such megabyte as one unit (a large folio), and a write-out that
+    // reaches a byte of the megabyte the tail is in write-protects every page of it that
+    // this process maps -- each of which would then fault at its first record.
+    const uint64_t f_from = static_cast<uint64_t>(at_off), f_end = static_cast<uint64_t>(at_off) + len;
+    if ((f_from >> 20) != (f_end >> 20)) {
+        const uint64_t to = f_end >> 20 << 20;
+        const uint64_t lo = std::max<uint64_t>(to - (uint64_t{1} << 20), kFirst);
         if (fds.map[u] && tail_page > kept) {
-            const uint64_t drop_to = std::min(to / page * page, static_cast<uint64_t>(fds.window));
+            const uint64_t drop_to = std::min(to, static_cast<uint64_t>(fds.window));
             if (drop_to > kept) kisam::os_map_drop(fds.map[u], kept, drop_to - kept);
             kept = std::max(kept, drop_to);
         }
-        ::sync_file_range(fd, kFirst + static_cast<off_t>(lo - start), static_cast<off_t>((end >> 20 << 20) - lo),
-                          SYNC_FILE_RANGE_WRITE);
+        ::sync_file_range(fd, static_cast<off_t>(lo), static_cast<off_t>(to - lo), SYNC_FILE_RANGE_WRITE);
     } else if (fds.map[u] && tail_page > kept + (uint64_t{2} << 20)) {
         // Another process had the disk start on what this one stored earlier: dropped
         // now, so that the next generation finds it unmapped.  Never past the window:
