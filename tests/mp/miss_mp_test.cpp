@@ -795,6 +795,62 @@ TEST_F(MappedWrites, VictimsAndCheckpointsAreStoresThatReadersSee) {
     }
 }
 
+// A file growing by write-backs is taken ahead in zeros, a chunk at a time, so that its
+// next new pages are stores into the mapping rather than a write call each: never past
+// the end of its allocated pages, and never over a page another process wrote since this
+// one last measured the file (the writer below mapped it before another process grew it
+// by 2,400 records, and its first victims are that process's pages).  Every record reads
+// back with read calls only.  Pages 512 bytes apart: a page straddles two of the system's.
+TEST_F(MappedWrites, AGrowingFileIsTakenAheadOnlyOverWhatItNeverHeld) {
+    {
+        start(40, 600, 512);
+        const pid_t w = hooked_reader([&](int fd) {
+            ::alarm(120);
+            for (unsigned id = 0; id < 200; ++id)
+                if (check(fd, id, 1) != 0) return 71;
+            up_.signal('r');
+            if (down_.wait() != 'g') return 72;
+            count_page_writes(fd);
+            const IS_FCP* fcp = kisam::pfo_fcp(is_db[fd]->uniqueid);
+            struct stat st;
+            const PAGE last0 = fcp->is_lastpage;
+            // Inserts first: their first misses write victims back before anything is
+            // read, with the size this process measured before the other grew the file.
+            for (unsigned k = 0; k < 3900; ++k) {
+                const unsigned id = k < 1500 ? 3000 + k : 600 + (k - 1500);
+                const std::string rec = record(id, 2);
+                const int rc = id >= 3000 ? niswrite(fd, rec.data(), static_cast<int>(rec.size()))
+                                          : nisupdate(fd, rec.data(), static_cast<int>(rec.size()));
+                if (rc != 0) return 73;
+                if (::fstat(counted_fd, &st) != 0) return 74;
+                if (st.st_size > v_fileoffset(fcp, fcp->is_lastpage)) return 75;  // past its end
+            }
+            // The new pages of 1,500 inserts (each page a write call of its own without the
+            // zeros ahead): far fewer write calls, the rest stores.
+            const unsigned fresh = (fcp->is_lastpage - last0) / 1024;
+            if (data_pwrites * 3 > fresh) {
+                std::fprintf(stderr, "%lu write calls for %u new pages\n", data_pwrites, fresh);
+                return 76;
+            }
+            kisam::os = kisam::os_real;
+            nisclose(fd);
+            nisunisam();
+            return 0;
+        }, 'r');
+        grow_then_release(w);
+        kisam::os.pread = plain_pread;
+        EXPECT_EQ(in_child([&](int fd) {
+                      if (read_all(fd, 1, 0) != 0) return 81;
+                      for (unsigned id = 600; id < 4500; ++id)
+                          if (check(fd, id, 2) != 0) return 82;
+                      return 0;
+                  }),
+                  0);
+        kisam::os = kisam::os_real;
+        EXPECT_TRUE(kt::sound(path_));
+    }
+}
+
 // Another program cuts the file short under a writer whose pool holds changed pages past
 // the new end: the store of such a page faults, and the page is written by a write call
 // instead -- which succeeds, as it would have without the mapping -- and the writer goes

@@ -121,7 +121,7 @@ int lg_maybe_checkpoint(IS_FCP* fcp, int u) noexcept {
     // the file is brought up to date before the next call adds to it.  So is a file whose
     // sync failed, before the call reads a page the file may have lost.
     if (at(x->xf_log_end).load(std::memory_order_relaxed) - at(x->xf_log_start).load(std::memory_order_relaxed) <
-            limit_bytes &&
+            limit_of(fcp) &&
         at32(x->xf_log_cut).load(std::memory_order_relaxed) == 0 &&
         !(sync_failed(u).load(std::memory_order_relaxed) & ISX_FAILED_FILE))
         return 0;

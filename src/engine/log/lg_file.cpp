@@ -60,6 +60,7 @@ uint64_t checksum(const void* data, size_t len) noexcept {
 
 char lbase[PATH_MAX];
 uint64_t limit_bytes = kDefaultLimit;
+bool limit_set = false;
 
 Fds fds;
 
@@ -96,8 +97,10 @@ bool fds_ready() noexcept {
     fds.n = n;
     // Room for a log grown to its checkpoint limit and a few stretches past it: records
     // that land further (a limit raised past the window, a huge call) are written with
-    // pwrite.  Address space only; the system backs what the records touch.
-    const uint64_t want = (static_cast<uint64_t>(kFirst) + limit_bytes + 4 * kExtend + kExtend - 1) / kExtend * kExtend;
+    // pwrite.  Address space only; the system backs what the records touch.  A limit that
+    // follows the file's size (limit_of) may reach kMaxLimit.
+    const uint64_t limit = limit_set ? limit_bytes : kMaxLimit;
+    const uint64_t want = (static_cast<uint64_t>(kFirst) + limit + 4 * kExtend + kExtend - 1) / kExtend * kExtend;
     fds.window = static_cast<size_t>(std::min<uint64_t>(want, kMaxWindow));
     fds.com = isam_com;
     fds.pid = is_pid;
@@ -328,10 +331,11 @@ using namespace kisam::lg;
 void lg_setbase(const char* lockname) noexcept {
     std::snprintf(lbase, sizeof lbase, "%s", lockname ? lockname : "");
     limit_bytes = kDefaultLimit;
+    limit_set = false;
     if (const char* v = std::getenv("KISAM_LOG_LIMIT")) {
         char* end = nullptr;
         const unsigned long long n = std::strtoull(v, &end, 10);
-        if (end != v && *end == '\0' && n >= 4096) limit_bytes = n;
+        if (end != v && *end == '\0' && n >= 4096) limit_bytes = n, limit_set = true;
     }
 }
 

@@ -157,9 +157,10 @@ bool apply_entry(unsigned char* page, const lg_ent& e, const void* payload) noex
 uint64_t checksum(const void* data, size_t len) noexcept;
 
 // The lock file's name, which the logs' names extend, and the log size past which the
-// next call checkpoints (KISAM_LOG_LIMIT).
+// next call checkpoints when KISAM_LOG_LIMIT sets it (limit_set); else limit_of decides.
 extern char lbase[PATH_MAX];
 extern uint64_t limit_bytes;
+extern bool limit_set;
 inline void log_name(char* out, size_t n, int u) { std::snprintf(out, n, "%s.w%d", lbase, u); }
 
 // This process's descriptors: of each slot's log, and of files it reopened to write
@@ -205,6 +206,21 @@ constexpr off_t kZeroChunk = off_t{64} << 10;
 constexpr off_t kAhead = kExtend / 2;
 // The most address space a log's mapping takes in a process.
 constexpr uint64_t kMaxWindow = uint64_t{1} << 30;
+// The largest checkpoint limit that limit_of gives: a log that large, and the stretches
+// of zeros ahead of its tail, still lie inside the largest window.
+constexpr uint64_t kMaxLimit = kMaxWindow - 8 * kExtend;
+// The log size past which the next changing call of a file checkpoints it.  Set by
+// KISAM_LOG_LIMIT, that size.  Else the file's own size, at least kDefaultLimit and at
+// most kMaxLimit: a checkpoint costs in proportion to the file (after its sync every 4 KiB
+// page of the file that a write-back stores into faults again, and every page a call
+// changes is logged whole again once), so a log as large as the file spreads that cost
+// over as many calls whatever the file's size, and recovery reads at most about as many
+// bytes of log as there are of file.
+inline uint64_t limit_of(const IS_FCP* fcp) noexcept {
+    if (limit_set || !fcp) return limit_bytes;
+    const uint64_t size = fcp->is_lastpage;
+    return size < kDefaultLimit ? kDefaultLimit : size > kMaxLimit ? kMaxLimit : size;
+}
 // The log's zeros reach at least `need` bytes, on disk (0; -1 with errno).  Waits for
 // an extension another process is making.
 int extend(int u, int fd, off_t need) noexcept;

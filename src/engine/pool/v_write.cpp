@@ -11,6 +11,8 @@
 #include "lg.h"
 #include "os.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -77,9 +79,44 @@ int write_pages(int u, int fd, const char* src, size_t n, off_t off) noexcept {
     return 0;
 }
 
-int store_page(int u, int fd, const char* src, off_t off, PAGE last) noexcept {
+// A growing file gets its new pages one by one, as they leave the pool: each write-back
+// past the file's end moves the file's size (which the file system journals) and leaves
+// the next new page past the end again, a write call each.  So the write-back that finds
+// its page past the end first takes the file up to kGrow further in zeros -- never past
+// the end of the file's allocated pages (`alloc_end`), so that a read past that end still
+// finds nothing -- and the pages after it are then stored into the mapping.  The zeros
+// land only on bytes the file did not hold: the size is measured first, under u's control
+// lock, which every write-back of u holds, so no other process writes a page of u
+// meanwhile.  Each page they cover is allocated and stays in the pool until its own
+// write-back, after its log; a crash leaves zeros where it would have left nothing.  A
+// failure here only leaves the file shorter: the page's own write follows and reports.
+constexpr off_t kGrow = off_t{256} << 10;
+char grow_zeros[kGrow];
+
+void grow_ahead(int u, int fd, off_t off, off_t alloc_end) noexcept {
+    if (!bk.ok || !bk.map_base || u < 0 || u >= bk.nopen || !bk.map_base[u] || !bk.map_rw[u]) return;
+    const off_t end = off + kisam::kPage;
+    const off_t cap = static_cast<off_t>(bk.map_cap[u]);
+    if (end <= static_cast<off_t>(bk.map_len[u]) || end > cap) return;
+    const off_t to = std::min({alloc_end, off + kGrow, cap});
+    if (to <= end) return;
+    const int keep = errno;
+    struct stat st;
+    if (kisam::os.fstat(fd, &st) == 0) {
+        const off_t from = std::max(st.st_size, end);
+        if (from < to && kisam::os_pwrite_full(fd, grow_zeros, static_cast<size_t>(to - from), from) == 0)
+            map_reached(u, static_cast<size_t>(to));
+        else if (st.st_size > end)
+            map_reached(u, static_cast<size_t>(st.st_size));
+    }
+    errno = keep;
+}
+
+int store_page(int u, int fd, const char* src, off_t off, PAGE last, off_t alloc_end) noexcept {
     const int r = store_mapped(u, fd, src, off, last);
-    return r != 0 ? (r > 0 ? 0 : -1) : write_pages(u, fd, src, kisam::kPage, off);
+    if (r != 0) return r > 0 ? 0 : -1;
+    if (alloc_end > 0) grow_ahead(u, fd, off, alloc_end);
+    return write_pages(u, fd, src, kisam::kPage, off);
 }
 
 }  // namespace
@@ -172,7 +209,10 @@ int writebuf(IS_BUF* b) noexcept {
         fcp_setdatachanged(ofcp, pfi, 1, ofcp->is_optbits & (ISO_SYNC | ISO_CLEARREL)) < 0)
         return is_raise(ISE_RDWT, PROC(P_V_READ, 3));
     if (off < 0) return is_raise(ISE_RDSK, PROC(P_V_READ, 2));
-    if (store_page(w, fd, b->bu_data.c, off, ofcp->is_lastpage) != 0)
+    // A file without stored ends (ISO_SEQ) is never grown ahead: its reads past the end
+    // are what move that end.
+    const off_t alloc_end = (ofcp->is_optbits & ISO_SEQ) ? 0 : v_fileoffset(ofcp, ofcp->is_lastpage);
+    if (store_page(w, fd, b->bu_data.c, off, ofcp->is_lastpage, alloc_end) != 0)
         return seek_errno(errno) ? is_raise(ISE_RDSK, PROC(P_V_READ, 2))
                                  : is_raise(ISE_RDWT, PROC(P_V_READ, 3));
     count(isam_com->syswrite);
