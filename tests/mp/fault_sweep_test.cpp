@@ -42,6 +42,30 @@ struct Step {
     int id, gen, size;
 };
 
+// One step of the workload on fd, with its record r: the call's result (a read along
+// key 1 goes to the end; its result is the last read's).
+int perform(int fd, const Step& s, const std::string& r) {
+    char buf[4000];
+    int rc = 0;
+    switch (s.op) {
+        case 'w': rc = niswrite(fd, r.data(), s.size); break;
+        case 'f': rc = nisfwrite(fd, r.data(), s.size); break;
+        case 'u': rc = nisupdate(fd, r.data(), s.size); break;
+        case 'd': rc = nisdelete(fd, r.data()); break;
+        case 'r':
+            nisseek(fd, 1, "\0\0\0\0\0\0\0\0");
+            while ((rc = nisread(fd, 1, buf, sizeof buf)) > 0) {}
+            break;
+        case 's': rc = nisflush(fd); break;
+        case 'l':
+            rc = nislock(fd, r.data(), 6, 1);
+            if (rc == 0) rc = nisunlock(fd, r.data(), 6, 0);
+            break;
+        default: break;
+    }
+    return rc;
+}
+
 std::vector<Step> workload() {
     std::mt19937 rng(11);
     auto size = [&] { return rng() % 3 == 0 ? kMin + static_cast<int>(rng() % 2980) : kMin + static_cast<int>(rng() % 120); };
@@ -68,7 +92,6 @@ std::vector<Step> workload() {
 // the last call succeeded.
 bool run(int fd, const std::vector<Step>& w, ko::Oracle& o, bool* coded, ko::Log* log = nullptr,
          int* failed = nullptr) {
-    char buf[4000];
     bool ok = true;
     for (const Step& s : w) {
         const std::string r = s.op == 's' ? std::string() : ko::record(kL, s.id, s.gen, s.size);
@@ -76,22 +99,7 @@ bool run(int fd, const std::vector<Step>& w, ko::Oracle& o, bool* coded, ko::Log
         const bool changes = std::strchr("wfud", s.op) != nullptr;
         if (changes) o.begin(s.op, s.id, s.gen, s.size);
         if (changes && log) log->begin(0, s.op, s.id, s.gen, s.size);
-        int rc = 0;
-        switch (s.op) {
-            case 'w': rc = niswrite(fd, r.data(), s.size); break;
-            case 'f': rc = nisfwrite(fd, r.data(), s.size); break;
-            case 'u': rc = nisupdate(fd, r.data(), s.size); break;
-            case 'd': rc = nisdelete(fd, r.data()); break;
-            case 'r':
-                nisseek(fd, 1, "\0\0\0\0\0\0\0\0");
-                while ((rc = nisread(fd, 1, buf, sizeof buf)) > 0) {}
-                break;
-            case 's': rc = nisflush(fd); break;
-            case 'l':
-                rc = nislock(fd, r.data(), 6, 1);
-                if (rc == 0) rc = nisunlock(fd, r.data(), 6, 0);
-                break;
-        }
+        const int rc = perform(fd, s, r);
         if (changes) o.end(rc);
         if (changes && log) log->end(0, rc, rc < 0 ? is_errno : 0);
         // Every failure carries a code, and its own: ISE_NOKEY ("no record with this
@@ -350,24 +358,11 @@ TEST_P(DataSyncs, EachFailingOnADiskThatDropsWhatItHadNotWritten) {
         ASSERT_GE(fd, 0) << is_errno;
         ko::Oracle o;
         bool coded = true;
-        char buf[4000];
         for (const Step& s : w) {
             const std::string r = s.op == 's' ? std::string() : ko::record(kL, s.id, s.gen, s.size);
             const bool changes = std::strchr("wfud", s.op) != nullptr;
             if (changes) o.begin(s.op, s.id, s.gen, s.size);
-            int rc = 0;
-            switch (s.op) {
-                case 'w': rc = niswrite(fd, r.data(), s.size); break;
-                case 'f': rc = nisfwrite(fd, r.data(), s.size); break;
-                case 'u': rc = nisupdate(fd, r.data(), s.size); break;
-                case 'd': rc = nisdelete(fd, r.data()); break;
-                case 'r':
-                    nisseek(fd, 1, "\0\0\0\0\0\0\0\0");
-                    while ((rc = nisread(fd, 1, buf, sizeof buf)) > 0) {}
-                    break;
-                case 's': rc = nisflush(fd); break;
-                default: break;
-            }
+            const int rc = s.op == 'l' ? 0 : perform(fd, s, r);  // no lock calls here
             if (rc < 0 && is_errno <= 0) coded = false;
             if (!changes) {
                 EXPECT_GE(rc, 0) << "step " << s.op << " " << s.id << ": is_errno " << is_errno;
@@ -473,23 +468,10 @@ TEST_F(Sweep, LogSyncsEachFailingOnADiskThatDropsWhatItHadNotWritten) {
             kisam::os.fdatasync = forgetful_log_sync;
             const int fd = nisopen(f.c_str(), ISO_RDWR);
             if (fd < 0) return forget.hit && is_errno > 0 ? 10 : 1;  // the open's own sync
-            char buf[4000];
             int i = 0;
             for (const Step& s : w) {
                 const std::string r = s.op == 's' ? std::string() : ko::record(kL, s.id, s.gen, s.size);
-                int rc = 0;
-                switch (s.op) {
-                    case 'w': rc = niswrite(fd, r.data(), s.size); break;
-                    case 'f': rc = nisfwrite(fd, r.data(), s.size); break;
-                    case 'u': rc = nisupdate(fd, r.data(), s.size); break;
-                    case 'd': rc = nisdelete(fd, r.data()); break;
-                    case 'r':
-                        nisseek(fd, 1, "\0\0\0\0\0\0\0\0");
-                        while ((rc = nisread(fd, 1, buf, sizeof buf)) > 0) {}
-                        break;
-                    case 's': rc = nisflush(fd); break;
-                    default: break;
-                }
+                const int rc = s.op == 'l' ? 0 : perform(fd, s, r);  // no lock calls here
                 out->rc[i] = rc;
                 if (rc < 0 && std::strchr("wfud", s.op)) {
                     const int err = is_errno;

@@ -51,6 +51,17 @@ int held_prefix(int fd, int from, int n) {
     for (int j = k; j < n; ++j) EXPECT_EQ(look(fd, from + j), 1) << "not a prefix at " << j;
     return k;
 }
+// look() of the n records from id `from` on, each either there as put or absent;
+// *last the index of the last one there (-1 for none).
+std::vector<int> looked(int fd, int from, int n, int* last) {
+    std::vector<int> at(n);
+    for (int j = 0; j < n; ++j) {
+        at[j] = look(fd, from + j);
+        EXPECT_NE(at[j], 2) << j;
+        if (at[j] == 0) *last = j;
+    }
+    return at;
+}
 int syncs() { return kt::Faults::calls(kt::Faults::kSync); }
 
 using kt::Durable;
@@ -752,12 +763,7 @@ TEST_F(LogCut, ACutThatNoStoreMeetsIsFoundBeforeADurableCallReturns) {
             // last one there.
             const int n = out->before;
             int last = -1;
-            std::vector<int> at(n + after);
-            for (int j = 0; j < n + after; ++j) {
-                at[j] = look(fd, base + j);
-                EXPECT_NE(at[j], 2) << j;
-                if (at[j] == 0) last = j;
-            }
+            const std::vector<int> at = looked(fd, base, n + after, &last);
             for (int j = 0; j < n + after; ++j) {
                 const bool returned = j < n || out->rc[j - n] == 0;
                 if (!returned || at[j] == 0) continue;
@@ -895,12 +901,7 @@ TEST_F(LogCut, ACutAndAFailedSyncOfTheFileLoseNoCallThatReturned) {
         ASSERT_GE(fd, 0) << is_errno;
         const int n = out->before;
         int last = -1;
-        std::vector<int> at(n + kAfter);
-        for (int j = 0; j < n + kAfter; ++j) {
-            at[j] = look(fd, base + j);
-            EXPECT_NE(at[j], 2) << j;
-            if (at[j] == 0) last = j;
-        }
+        const std::vector<int> at = looked(fd, base, n + kAfter, &last);
         for (int j = 0; j < n + kAfter; ++j) {
             if ((j >= n && out->rc[j - n] != 0) || at[j] == 0) continue;
             ADD_FAILURE() << "call " << j << " (" << n << " before the cut) returned, then was lost; last there "
