@@ -63,6 +63,12 @@ std::vector<int> looked(int fd, int from, int n, int* last) {
     return at;
 }
 int syncs() { return kt::Faults::calls(kt::Faults::kSync); }
+// The file closed, the process detached, and the file at rest sound.
+void close_sound(int fd, const std::string& file) {
+    EXPECT_EQ(nisclose(fd), 0);
+    nisunisam();
+    EXPECT_TRUE(kt::sound(file));
+}
 
 using kt::Durable;
 
@@ -193,9 +199,7 @@ TEST_F(Log, ASyncOfTheLogThatFailedIsNeverTakenForDoneByTheNext) {
         EXPECT_EQ(k, kAfter + 1) << (lost ? "the calls the log lost did not reach the file from the pool"
                                           : "the records the cache kept were not written again");
         EXPECT_GE(std::count(out->ok, out->ok + kAfter, 1), kAfter - 1) << "calls still fail after the loss";
-        EXPECT_EQ(nisclose(fd), 0);
-        nisunisam();
-        ASSERT_TRUE(kt::sound(file));
+        close_sound(fd, file);
     }
 }
 
@@ -250,9 +254,7 @@ TEST_F(Log, AHeaderWhoseSyncFailedIsWrittenAgainBeforeTheNextSyncCounts) {
             }
         }
         EXPECT_EQ(k, kAfter) << "the header was not written again";
-        EXPECT_EQ(nisclose(fd), 0);
-        nisunisam();
-        ASSERT_TRUE(kt::sound(file));
+        close_sound(fd, file);
     }
 }
 
@@ -631,9 +633,7 @@ TEST_F(LogCut, TheCallThatMeetsTheCutFailsAndTheFileStaysSound) {
             for (int j = 1; j <= out->after; ++j) EXPECT_EQ(look(fd, base + n + j), 0) << n + j;
             EXPECT_EQ(out->after, 20);
         }
-        EXPECT_EQ(nisclose(fd), 0);
-        nisunisam();
-        ASSERT_TRUE(kt::sound(file));
+        close_sound(fd, file);
         ++r;
     }
 }
@@ -771,9 +771,7 @@ TEST_F(LogCut, ACutThatNoStoreMeetsIsFoundBeforeADurableCallReturns) {
                 EXPECT_GT(j, last) << "not a prefix: call " << j << " is missing, " << last << " is there";
                 EXPECT_EQ(j, n - 1) << "more than the call whose record the cut took is gone";
             }
-            EXPECT_EQ(nisclose(fd), 0);
-            nisunisam();
-            ASSERT_TRUE(kt::sound(file));
+            close_sound(fd, file);
         }
 }
 
@@ -907,9 +905,7 @@ TEST_F(LogCut, ACutAndAFailedSyncOfTheFileLoseNoCallThatReturned) {
             ADD_FAILURE() << "call " << j << " (" << n << " before the cut) returned, then was lost; last there "
                           << last;
         }
-        EXPECT_EQ(nisclose(fd), 0);
-        nisunisam();
-        ASSERT_TRUE(kt::sound(file));
+        close_sound(fd, file);
     }
 }
 
@@ -986,9 +982,7 @@ TEST_F(LogCut, NoSyncCountsWhileACutIsKnown) {
     if (out->other == 0) {
         EXPECT_EQ(look(fd, 5000), 0) << "the durable call made during the cut returned, then was lost";
     }
-    EXPECT_EQ(nisclose(fd), 0);
-    nisunisam();
-    ASSERT_TRUE(kt::sound(file));
+    close_sound(fd, file);
 }
 
 // ---- rollbacks left in a journal ---------------------------------------------------------
