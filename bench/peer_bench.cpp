@@ -4,7 +4,7 @@
 //
 //   peer_bench [records [cache_mib [processes]]] [--only NAME,...] [--tsv FILE]
 //              [--syscalls [--syscall-records M]] [--durable CALLS [--writers K]]
-//              [--no-default] [--repeat R] [--out DIR]
+//              [--no-default] [--repeat R] [--out DIR] [--no-pin]
 //   (defaults: 100000 records, 32 MiB of cache, 2 processes for the mixes and readers;
 //    engines kisam, bdb, lmdb, lmdb-wm, sqlite)
 //
@@ -33,12 +33,15 @@
 // a second run of the same sets under `strace -c -f` (attached to the run for each phase
 // only; M records in that run, by default as many as in the timed one, and a quarter of
 // the durable calls): the timed run is never traced.  Under strace every system call is
-// slow, so the durable writers may group their syncs differently than when timed.  --out DIR writes the tables as tab-separated files there (default.tsv,
-// default-syscalls.tsv, durable.tsv, durable-syscalls.tsv) for bench/chart.sh; --tsv FILE
-// writes the default set's operations per second to FILE.  --repeat R runs every timed
-// set R times, in rounds of all engines one after the other, and gives the median of each
-// figure.  The durable set is preceded and followed by a measure of the disk's flush (one
-// 1 KiB pwrite and fdatasync), since its figures follow that.
+// slow, so the durable writers may group their syncs differently than when timed.  --out
+// DIR writes the tables as tab-separated files there (default.tsv, default-syscalls.tsv,
+// durable.tsv, durable-syscalls.tsv) for bench/chart.sh; --tsv FILE writes the default
+// set's operations per second to FILE.  --repeat R runs every timed set R times, in rounds
+// of all engines one after the other, and gives the median of each figure.  The reader
+// phases time the readers' reads alone, each reader process bound to a processor of its
+// own when there are enough of them (workload.h says why); --no-pin leaves them to the
+// scheduler.  The durable set is preceded and followed by a measure of the disk's flush
+// (one 1 KiB pwrite and fdatasync), since its figures follow that.
 //
 // Each engine runs in a process of its own (forked), in a fresh directory under $TMPDIR
 // (else /tmp), removed at the end.  Durable figures depend on the disk under it.
@@ -515,6 +518,10 @@ struct Run {
     std::vector<long> syscalls;  // per phase, when counted (-1: the count failed)
 };
 
+// Reader processes bound one to a processor (workload.h, run_all); --no-pin leaves them
+// to the scheduler.
+bool pin_readers = true;
+
 // One engine through one set (durable or not) in a forked process of its own, so that no
 // engine's global state (nor the environment it was given) carries over to the next.
 Run run_isolated(const std::string& name, bool durable, long n, long mib, int procs, long per_writer,
@@ -542,7 +549,7 @@ Run run_isolated(const std::string& name, bool durable, long n, long mib, int pr
         auto t0 = wl::Clock::now();
         bool ok = e->open(tmpl, mib << 20) &&
                   (durable ? wl::run_durable(*e, per_writer, writers, out, after, before)
-                           : wl::run_all(*e, n, procs, out, after, before));
+                           : wl::run_all(*e, n, procs, out, after, before, pin_readers));
         const double secs = std::chrono::duration<double>(wl::Clock::now() - t0).count();
         counter.stop();
         e->close();
@@ -710,6 +717,7 @@ int main(int argc, char** argv) {
         else if (a == "--durable" && i + 1 < argc) per_writer = std::atol(argv[++i]);
         else if (a == "--writers" && i + 1 < argc) writers = std::atoi(argv[++i]);
         else if (a == "--no-default") defaults = false;
+        else if (a == "--no-pin") pin_readers = false;
         else if (a == "--repeat" && i + 1 < argc) repeat = std::atoi(argv[++i]);
         else if (!a.empty() && a[0] == '-') pos.push_back("bad");
         else pos.push_back(a);
@@ -732,7 +740,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr,
                      "usage: peer_bench [records [cache_mib [processes]]] [--only NAME,...] [--tsv FILE]\n"
                      "                  [--syscalls [--syscall-records M]] [--durable CALLS [--writers K]]\n"
-                     "                  [--no-default] [--repeat R] [--out DIR]\n"
+                     "                  [--no-default] [--repeat R] [--out DIR] [--no-pin]\n"
                      "engines: kisam, bdb, lmdb, lmdb-wm, sqlite\n");
         return 2;
     }
@@ -768,8 +776,9 @@ int main(int argc, char** argv) {
 
     if (repeat > 1) std::printf("each figure the median of %d runs (system call counts: one run)\n", repeat);
     if (defaults) {
-        std::printf("%ld records of %d bytes, keys of %d, %d and %d bytes; cache %ld MiB; %d processes in the mixes\n",
-                    n, kRecLen, kKey0, kKey1, kKey2, mib, procs);
+        std::printf("%ld records of %d bytes, keys of %d, %d and %d bytes; cache %ld MiB; %d processes in the mixes%s\n",
+                    n, kRecLen, kKey0, kKey1, kKey2, mib, procs,
+                    pin_readers ? "; reader processes one per processor" : "");
         std::fflush(stdout);
         // Rounds of every engine one after the other, so that a change of the machine's load
         // falls on all of them alike.

@@ -13,12 +13,14 @@
 // that make every changing call durable before it returns: what group commit gives.
 #pragma once
 
+#include <sched.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -96,18 +98,21 @@ inline double cpu_seconds() {
 // Runs every phase on `e`; `before` and `after` are called around each phase with its
 // name.  False when an operation failed (reported on stderr).
 inline bool run_all(Engine& e, long n, int procs, std::vector<Phase>& out,
-                    const PhaseHook& after = {}, const PhaseHook& before = {}) {
+                    const PhaseHook& after = {}, const PhaseHook& before = {}, bool pin_readers = true) {
     std::vector<unsigned> order(static_cast<size_t>(n));
     std::iota(order.begin(), order.end(), 0u);
     std::mt19937 rng(12345);
     char rec[kRecLen], buf[kRecLen + 16], key[kKey0];
     Clock::time_point t0;  // start of the phase's timing; a body may start it later
+    Clock::time_point t1;  // its end, when the body sets it (else when the body returns)
     auto phase = [&](const char* name, long ops, const std::function<bool()>& body, long calls = 0) {
         if (before) before(name);
         const double c0 = cpu_seconds();
         t0 = Clock::now();
+        t1 = {};
         bool ok = body();
-        double s = std::chrono::duration<double>(Clock::now() - t0).count();
+        const Clock::time_point end = t1 == Clock::time_point{} ? Clock::now() : t1;
+        double s = std::chrono::duration<double>(end - t0).count();
         const double cpu = (cpu_seconds() - c0) * 1e6 / static_cast<double>(ops);
         if (!ok) {
             std::fprintf(stderr, "%s: phase \"%s\" failed\n", e.name(), name);
@@ -141,13 +146,32 @@ inline bool run_all(Engine& e, long n, int procs, std::vector<Phase>& out,
     // reader first reads every record once, untimed: a process pays for the page tables of
     // the memory it maps at its first touch of each page (on a virtual machine several
     // microseconds a page), whatever the engine, and that is not the cost of a read.  The
-    // clock starts when every reader is ready.
+    // clock starts when every reader is ready, and stops when the last one has made its
+    // last read: what a reader pays to close its store, unmap it and exit (the other end
+    // of the page tables its first pass built, a millisecond or more for a mapping of tens
+    // of MiB, and its exit and reaping) is not the cost of a read either.  Each reader
+    // sends the time its reads ended (the monotonic clock, the same in every process).
+    // When the processors this process may use are at least as many as the readers, each
+    // reader is bound to one of its own (`pin_readers`, on by default): on a machine whose
+    // processors are all busy with other work, the scheduler otherwise leaves two readers
+    // woken at once on one processor for part of their pass, and the figure is then the
+    // scheduler's, not the engine's.
     auto readers = [&](int k) {
-        int ready[2], go[2];
+        cpu_set_t allowed;
+        std::vector<int> cpus;
+        if (pin_readers && ::sched_getaffinity(0, sizeof allowed, &allowed) == 0)
+            for (int c = 0; c < CPU_SETSIZE; ++c)
+                if (CPU_ISSET(c, &allowed)) cpus.push_back(c);
+        if (static_cast<int>(cpus.size()) < k) cpus.clear();
+        int ready[2], go[2], done[2];
         if (::pipe(ready) != 0) return false;
         if (::pipe(go) != 0) {
             ::close(ready[0]);
             ::close(ready[1]);
+            return false;
+        }
+        if (::pipe(done) != 0) {
+            for (int fd : {ready[0], ready[1], go[0], go[1]}) ::close(fd);
             return false;
         }
         std::vector<pid_t> kids;
@@ -158,6 +182,13 @@ inline bool run_all(Engine& e, long n, int procs, std::vector<Phase>& out,
             if (pid == 0) {
                 ::close(ready[0]);
                 ::close(go[1]);
+                ::close(done[0]);
+                if (!cpus.empty()) {
+                    cpu_set_t one;
+                    CPU_ZERO(&one);
+                    CPU_SET(cpus[static_cast<size_t>(r)], &one);
+                    ::sched_setaffinity(0, sizeof one, &one);
+                }
                 int rc = e.child_open() ? 0 : 1;
                 std::vector<unsigned> mine(order);
                 std::shuffle(mine.begin(), mine.end(), std::mt19937(static_cast<unsigned>(r) + 99));
@@ -174,6 +205,8 @@ inline bool run_all(Engine& e, long n, int procs, std::vector<Phase>& out,
                         }
                     }
                 }
+                const int64_t end = Clock::now().time_since_epoch().count();
+                if (::write(done[1], &end, sizeof end) != static_cast<ssize_t>(sizeof end)) rc = 4;
                 e.child_close();
                 std::fflush(nullptr);
                 ::_exit(rc);
@@ -182,17 +215,27 @@ inline bool run_all(Engine& e, long n, int procs, std::vector<Phase>& out,
         }
         ::close(ready[1]);
         ::close(go[0]);
+        ::close(done[1]);
         char c;
         int seen = 0;
         while (seen < static_cast<int>(kids.size()) && ::read(ready[0], &c, 1) == 1) ++seen;
         t0 = Clock::now();
         ::close(go[1]);  // every reader sees the end of the pipe at once
         ::close(ready[0]);
-        bool ok = static_cast<int>(kids.size()) == k;
+        // The reads end with the last reader's; a reader that sent nothing failed.
+        int64_t last = 0, end;
+        int ended = 0;
+        while (::read(done[0], &end, sizeof end) == static_cast<ssize_t>(sizeof end)) {
+            last = std::max(last, end);
+            ++ended;
+        }
+        ::close(done[0]);
+        bool ok = static_cast<int>(kids.size()) == k && ended == k;
         for (pid_t pid : kids) {
             int st = 0;
             if (::waitpid(pid, &st, 0) != pid || !WIFEXITED(st) || WEXITSTATUS(st) != 0) ok = false;
         }
+        if (ok) t1 = Clock::time_point(Clock::duration(last));
         return ok;
     };
     // A reader makes two passes, the first untimed.
