@@ -45,7 +45,9 @@ inline bool same_block(const u8* a, const u8* b) noexcept {
 // commit's work: with 32-byte vectors where the processor has them.
 uint32_t dirty_plain(const u8* a, const u8* b, int len) noexcept {
     uint32_t m = 0;
+#if defined(__OPTIMIZE__)  // an unoptimised build ignores the hint, with a warning
 #pragma GCC unroll 4
+#endif
     for (int i = 0; i < len / kBlock; ++i)
         if (!same_block(a + i * kBlock, b + i * kBlock)) m |= uint32_t{1} << i;
     return m;
