@@ -406,6 +406,7 @@ struct Shape {
     short split_half;
     int magic;      // 512 or 1024
     int ops;
+    bool deep = false;   // long keys: index pages of 2 to 5 items, trees of 3 levels or more
 };
 
 // How GoogleTest shows a shape (in test listings too): in words, not as a byte dump.
@@ -688,6 +689,16 @@ protected:
         ASSERT_EQ(nisclose(h), 0);
     }
 
+    // The file as the checker reads it from disk: sound, and holding the model's records.
+    void check_now(const char* when) {
+        ASSERT_EQ(nisflush(fd_), 0);
+        kisam::check::Report rep = kisam::check::check_file(path_);
+        ASSERT_TRUE(rep.ok) << when << ": " << rep.error << " (seed " << seed_ << ")";
+        ASSERT_EQ(rep.records, static_cast<long>(model_->size())) << when;
+        for (const auto& ks : rep.keys) max_depth_ = std::max(max_depth_, ks.depth);
+        last_ = rep;
+    }
+
     void run() {
         const Shape& sh = GetParam();
         const int nk = model_->nkeys();
@@ -705,6 +716,7 @@ protected:
             else if (op < 96) seek_step(k);
             else if (op < 97) bad_size_step();
             else if (op < 98 && step % 7 == 0) full_scan(k, static_cast<int>(rng_() % 2) * 2);
+            if (step % (sh.ops / 16) == sh.ops / 16 - 1) check_now("writing");
             if (HasFatalFailure()) return;
         }
         for (int k = 0; k < nk; ++k) {
@@ -718,16 +730,28 @@ protected:
         EXPECT_TRUE(rep.data_accounted);
         EXPECT_EQ(rep.unknown_pages, 0);
 
-        // Every byte a record took comes back with it: once every record is deleted, no
-        // page of data is left (a page keeps its place while anything in it is lost).
+        // Emptied in random order, with a search after each delete and the checker every
+        // 64: every merge, borrow and root collapse is met.  Every byte a record took comes
+        // back with it: no page of data is left (a page keeps its place while anything in
+        // it is lost), nor of any tree: every page of the file is on the free chain.
         std::vector<std::string> keys;
         for (const auto& kv : model_->all()) keys.push_back(model_->key(kv.second, 0));
-        for (const std::string& k0 : keys) ASSERT_EQ(nisdelete(fd_, k0.data()), 0) << "nisdelete";
-        ASSERT_EQ(nisflush(fd_), 0);
-        rep = kisam::check::check_file(path_);
-        EXPECT_TRUE(rep.ok) << rep.error << " (seed " << seed_ << ")";
-        EXPECT_EQ(rep.records, 0);
-        EXPECT_EQ(rep.data_pages, 0) << "seed " << seed_;
+        std::shuffle(keys.begin(), keys.end(), rng_);
+        for (size_t i = 0; i < keys.size(); ++i) {
+            ASSERT_EQ(nisdelete(fd_, keys[i].data()), 0) << "nisdelete";
+            model_->erase(keys[i]);
+            find_step(static_cast<int>(rng_() % static_cast<unsigned>(nk)));
+            if (i % 64 == 63) check_now("emptying");
+            if (HasFatalFailure()) return;
+        }
+        check_now("empty");
+        if (HasFatalFailure()) return;
+        EXPECT_EQ(last_.data_pages, 0) << "seed " << seed_;
+        EXPECT_EQ(last_.unknown_pages, 0);
+        EXPECT_EQ(static_cast<long>(last_.free_chain.size()), static_cast<long>(last_.map.use.size()));
+        if (sh.deep) {
+            EXPECT_GE(max_depth_, 3) << "the trees never grew deep";
+        }
     }
 
     static constexpr unsigned kIds = 900;
@@ -740,6 +764,8 @@ protected:
     std::vector<Cursor> cur_;
     std::vector<std::vector<std::string>> values_;
     std::vector<char> buf_;
+    int max_depth_ = 0;
+    kisam::check::Report last_;
 };
 
 TEST_P(RecordModel, MatchesTheModel) { run(); }
@@ -750,7 +776,15 @@ INSTANTIATE_TEST_SUITE_P(
                       Shape{{7, 4, 9}, false, 0, 1024, 12000},
                       Shape{{5}, true, 1, 512, 8000},
                       Shape{{2, 1}, false, 1, 512, 8000},
-                      Shape{{6, 12}, true, 0, 1024, 8000}),
+                      Shape{{6, 12}, true, 0, 1024, 8000},
+                      // Index pages of 2, 3, 4 and 5 items (the odd lengths with a pad byte),
+                      // under both split rules and both control-page sizes.
+                      Shape{{400}, false, 0, 512, 4000, true},
+                      Shape{{300}, true, 1, 1024, 4001, true},
+                      Shape{{240, 7}, false, 1, 512, 4002, true},
+                      Shape{{190, 33}, true, 0, 1024, 4003, true},
+                      Shape{{7, 233}, false, 0, 1024, 4004, true},
+                      Shape{{400, 3}, true, 1, 512, 4005, true}),
     [](const ::testing::TestParamInfo<Shape>& info) { return "shape" + std::to_string(info.index); });
 
 // Reads without the control lock, in one process: they must give what the locked reads
