@@ -12,6 +12,7 @@ import select
 import subprocess
 import sys
 import textwrap
+import time
 
 import pytest
 
@@ -121,6 +122,8 @@ class Child:
         self.proc = subprocess.Popen([sys.executable, "-c", full], stdin=subprocess.PIPE,
                                      stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
                                      env=env if env is not None else dict(os.environ))
+        self._fd = self.proc.stdout.fileno()
+        self._pending = b""
 
     def expect(self, want, timeout=20):
         line = self.readline(timeout)
@@ -128,15 +131,23 @@ class Child:
         return line
 
     def readline(self, timeout=20):
-        ready, _, _ = select.select([self.proc.stdout], [], [], timeout)
-        if not ready:
-            return None
-        return self.proc.stdout.readline().rstrip("\n")
+        # Lines are taken from a buffer of our own: two lines that arrive together must
+        # not leave the second where select() cannot see it.
+        deadline = time.monotonic() + timeout
+        while b"\n" not in self._pending:
+            left = deadline - time.monotonic()
+            if left <= 0 or not select.select([self._fd], [], [], left)[0]:
+                return None
+            chunk = os.read(self._fd, 4096)
+            if not chunk:
+                return None
+            self._pending += chunk
+        line, _, self._pending = self._pending.partition(b"\n")
+        return line.decode()
 
     def quiet_for(self, seconds):
         """True when the child says nothing for `seconds`."""
-        ready, _, _ = select.select([self.proc.stdout], [], [], seconds)
-        return not ready
+        return not self._pending and not select.select([self._fd], [], [], seconds)[0]
 
     def send(self, line="go"):
         self.proc.stdin.write(line + "\n")

@@ -21,37 +21,53 @@ def path(inst):
     return p
 
 
-def test_second_process_sees_records(inst, path, child):
+def test_second_process_sees_records_and_waits_for_the_bracket(inst, path, child):
     with kisam.open(path) as f:
         f.put(b"00000001aaaafirst")
         c = child("""
             with kisam.open(%r) as f:
                 say(f.get(b"00000001").decode())
                 wait()
-                say(",".join(r[:8].decode() for r in f.scan(b"00000002")))
+                seen = ",".join(r[:8].decode() for r in f.scan(b"00000002"))
                 f.put(b"00000003cccfrom the child")
                 f.delete(b"00000001")
-                say("done")
+                say(seen)                                # one line: it says its next after a wait
+                wait()
+                say(f.get(b"00000002").decode())
         """ % path)
         c.expect("00000001aaaafirst")
         f.put(b"00000002bbbbsecond")                     # after the child's first read
         f.put(b"00000004ddddfourth")
         c.send()
         c.expect("00000002,00000004")
-        c.expect("done")
-        assert c.finish() == 0
         assert [r[:8] for r in f] == [b"00000002", b"00000003", b"00000004"]
         assert f.get(b"ccc ", keyno=1) is None and f.get(b"cccf", keyno=1) == b"00000003cccfrom the child"
+        with f.control():
+            f.replace(b"00000002bbbbpart one")
+            c.send()
+            assert c.quiet_for(0.5)                      # its read waits for the bracket
+            f.replace(b"00000002bbbbpart two")
+        c.expect("00000002bbbbpart two")
+        assert c.finish() == 0
 
 
-def test_record_lock_refuses_and_blocks_another_process(inst, path, child):
+def test_record_locks_another_process_holds(inst, path, child):
+    """Refused at once or after the time-out where they overlap (a prefix either way, the
+    empty key), granted where they do not; a waiting lock is granted when the holder
+    unlocks; the lock of a holder that was killed is taken over."""
     c = child("""
-        with kisam.open(%r) as f:
-            with f.lock(b"0000004"):                     # a prefix: 00000040 to 00000049
-                say("locked")
-                wait()
-            say("unlocked")
+        f = kisam.open(%r)
+        lk = f.lock(b"0000004")                          # a prefix: 00000040 to 00000049
+        say("locked")
+        wait()
+        lk.release()
+        say("waiting")
+        with f.lock(b"00000007"):
+            say("got it")
             wait()
+        f.lock(b"00000001")
+        say("locked again")
+        wait()
     """ % path)
     c.expect("locked")
     with kisam.open(path) as f:
@@ -65,68 +81,24 @@ def test_record_lock_refuses_and_blocks_another_process(inst, path, child):
         with pytest.raises(kisam.LockError):
             f.lock(b"00000042", timeout=0.3)
         assert time.monotonic() - t0 >= 0.3
+        seven = f.lock(b"00000007")
         c.send()
-        c.expect("unlocked")
-        with f.lock(b"00000042", wait=False) as lk:
-            assert lk.held
-        c.send()
-    assert c.finish() == 0
-
-
-def test_waiting_lock_is_granted_when_the_holder_unlocks(inst, path, child):
-    with kisam.open(path) as f:
-        lk = f.lock(b"00000007")
-        c = child("""
-            with kisam.open(%r) as f:
-                say("waiting")
-                with f.lock(b"00000007"):
-                    say("got it")
-                    wait()
-        """ % path)
         c.expect("waiting")
         assert c.quiet_for(0.5)                          # blocked in the library
-        lk.release()
+        with f.lock(b"00000042", wait=False) as lk:      # the child unlocked it
+            assert lk.held
+        seven.release()
         c.expect("got it")
         with pytest.raises(kisam.LockError):
             f.lock(b"00000007", wait=False)
         c.send()
-        assert c.finish() == 0
+        c.expect("locked again")
         f.lock(b"00000007", wait=False).release()
-
-
-def test_lock_of_a_killed_holder_is_taken_over(inst, path, child):
-    c = child("""
-        f = kisam.open(%r)
-        f.lock(b"00000001")
-        say("locked")
-        wait()
-    """ % path)
-    c.expect("locked")
-    with kisam.open(path) as f:
         with pytest.raises(kisam.LockError):
             f.lock(b"00000001", wait=False)
         c.proc.kill()
         c.proc.wait()
         f.lock(b"00000001", wait=False).release()
-
-
-def test_control_bracket_holds_off_another_process(inst, path, child):
-    with kisam.open(path) as f:
-        f.put(b"00000001aaaa")
-        c = child("""
-            with kisam.open(%r) as f:
-                say("ready")
-                wait()
-                say(f.get(b"00000001").decode())
-        """ % path)
-        c.expect("ready")
-        with f.control():
-            f.replace(b"00000001bbbbpart one")
-            c.send()
-            assert c.quiet_for(0.5)                      # its read waits for the bracket
-            f.replace(b"00000001bbbbpart two")
-        c.expect("00000001bbbbpart two")
-        assert c.finish() == 0
 
 
 def _forked_child(f, q):

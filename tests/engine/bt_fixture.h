@@ -22,8 +22,6 @@
 
 namespace btt {
 
-using kt::error_stack;
-
 // Between begin() and end() the test holds the frame and control lock.
 class BtFile {
 public:

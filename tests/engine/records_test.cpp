@@ -1,6 +1,6 @@
 // Records: data pages byte for byte and against a model of their chunks, the record calls
-// against a model of the file, and the reads without the control lock against the locked
-// ones.
+// (their reads with and without the control lock) against a model of the file, and what
+// reads without the lock cost.
 #include "open_fixture.h"
 #include "dr.h"
 #include "is_error.h"
@@ -398,7 +398,10 @@ TEST_F(DataPages, RandomStoresAndReleasesAgreeWithAModel) {
 
 // Record operations against an in-memory model: a long random mix of writes, forced
 // writes, updates, deletes, seeks, rewinds and reads in every mode along every key,
-// checked after every step, then the whole file by the structural checker.  KISAM_SEED replays a run.
+// checked after every step, then the whole file by the structural checker.  Each read
+// goes, at random, without the control lock where it can or always under it: both must
+// give what the model gives and leave the cursor where the other path takes it on from.
+// KISAM_SEED replays a run.
 
 struct Shape {
     std::vector<int> keylens;
@@ -406,6 +409,8 @@ struct Shape {
     short split_half;
     int magic;      // 512 or 1024
     int ops;
+    bool deep = false;   // long keys: index pages of 2 to 5 items, trees of 3 levels or more
+    int16_t maxbuf = 64; // pool slots: 2000 hold the whole file, so reads go without the lock
 };
 
 // How GoogleTest shows a shape (in test listings too): in words, not as a byte dump.
@@ -413,7 +418,7 @@ void PrintTo(const Shape& s, std::ostream* os) {
     *os << "keys";
     for (size_t i = 0; i < s.keylens.size(); ++i) *os << (i ? "," : " ") << s.keylens[i];
     *os << (s.keyopt ? " key-in-index" : "") << (s.split_half ? ", split half, " : ", split at point, ")
-        << s.magic << "-byte header, " << s.ops << " ops";
+        << s.magic << "-byte header, " << s.ops << " ops, " << s.maxbuf << " buffers";
 }
 
 class Model {
@@ -493,6 +498,7 @@ protected:
         buf_.assign(70000, 0);
     }
     void TearDown() override {
+        kisam::test_locked_reads = false;
         if (fd_ >= 0) nisclose(fd_);
         nisunisam();
         Sp_half = 1;
@@ -546,6 +552,12 @@ protected:
         return model_->key(it->second, k);
     }
 
+    // The next read goes without the control lock where it can, or always under it.
+    void pick_path() {
+        kisam::test_locked_reads = rng_() % 2 == 0;
+        unlocked_ += !kisam::test_locked_reads;
+    }
+
     // Checks one read result against the record the model expects (null: none).
     void expect_record(int got, int recsize, const std::string* want, const char* what) {
         if (want == nullptr) {
@@ -582,8 +594,19 @@ protected:
         }
         if (!found.empty()) want = model_->find(model_->key0_of_item(k, found));
         int recsize = rng_() % 8 == 0 ? model_->kl(0) + static_cast<int>(rng_() % 40) : 70000;
+        if (rng_() % 40 == 0) {
+            // No room for key 0, or no buffer: refused, and the cursor stays.
+            char* to = rng_() % 2 ? nullptr : buf_.data();
+            const int n = to ? model_->kl(0) - 1 : 70000;
+            pick_path();
+            ASSERT_EQ(dir == 0 ? nisread(fd_, k, to, n) : nispread(fd_, k, to, n), -1);
+            ASSERT_EQ(is_errno, ISE_RSIZE);
+            return;
+        }
+        pick_path();
         int got = dir == 0 ? nisread(fd_, k, buf_.data(), recsize) : nispread(fd_, k, buf_.data(), recsize);
         expect_record(got, recsize, want, dir == 0 ? "nisread" : "nispread");
+        if (HasFatalFailure()) return;
         c.state = 2;
         c.item = want ? found : probe;
     }
@@ -594,6 +617,7 @@ protected:
         std::string lo = model_->make_item(k, v, std::string(static_cast<size_t>(model_->kl(0)), '\0'));
         auto it = model_->items(k).lower_bound(lo);
         bool exists = it != model_->items(k).end() && it->compare(0, v.size(), v) == 0;
+        pick_path();
         int got = nisfind(fd_, k, v.data(), buf_.data(), 70000);
         c.state = 2;
         if (!exists) {
@@ -688,6 +712,16 @@ protected:
         ASSERT_EQ(nisclose(h), 0);
     }
 
+    // The file as the checker reads it from disk: sound, and holding the model's records.
+    void check_now(const char* when) {
+        ASSERT_EQ(nisflush(fd_), 0);
+        kisam::check::Report rep = kisam::check::check_file(path_);
+        ASSERT_TRUE(rep.ok) << when << ": " << rep.error << " (seed " << seed_ << ")";
+        ASSERT_EQ(rep.records, static_cast<long>(model_->size())) << when;
+        for (const auto& ks : rep.keys) max_depth_ = std::max(max_depth_, ks.depth);
+        last_ = rep;
+    }
+
     void run() {
         const Shape& sh = GetParam();
         const int nk = model_->nkeys();
@@ -705,6 +739,7 @@ protected:
             else if (op < 96) seek_step(k);
             else if (op < 97) bad_size_step();
             else if (op < 98 && step % 7 == 0) full_scan(k, static_cast<int>(rng_() % 2) * 2);
+            if (step % (sh.ops / 16) == sh.ops / 16 - 1) check_now("writing");
             if (HasFatalFailure()) return;
         }
         for (int k = 0; k < nk; ++k) {
@@ -718,20 +753,45 @@ protected:
         EXPECT_TRUE(rep.data_accounted);
         EXPECT_EQ(rep.unknown_pages, 0);
 
-        // Every byte a record took comes back with it: once every record is deleted, no
-        // page of data is left (a page keeps its place while anything in it is lost).
+        // Emptied in random order, with a search after each delete and the checker every
+        // 64: every merge, borrow and root collapse is met.  Every byte a record took comes
+        // back with it: no page of data is left (a page keeps its place while anything in
+        // it is lost), nor of any tree: every page of the file is on the free chain.
         std::vector<std::string> keys;
         for (const auto& kv : model_->all()) keys.push_back(model_->key(kv.second, 0));
-        for (const std::string& k0 : keys) ASSERT_EQ(nisdelete(fd_, k0.data()), 0) << "nisdelete";
-        ASSERT_EQ(nisflush(fd_), 0);
-        rep = kisam::check::check_file(path_);
-        EXPECT_TRUE(rep.ok) << rep.error << " (seed " << seed_ << ")";
-        EXPECT_EQ(rep.records, 0);
-        EXPECT_EQ(rep.data_pages, 0) << "seed " << seed_;
+        std::shuffle(keys.begin(), keys.end(), rng_);
+        for (size_t i = 0; i < keys.size(); ++i) {
+            ASSERT_EQ(nisdelete(fd_, keys[i].data()), 0) << "nisdelete";
+            model_->erase(keys[i]);
+            find_step(static_cast<int>(rng_() % static_cast<unsigned>(nk)));
+            if (i % 64 == 63) check_now("emptying");
+            if (HasFatalFailure()) return;
+        }
+        check_now("empty");
+        if (HasFatalFailure()) return;
+        EXPECT_EQ(last_.data_pages, 0) << "seed " << seed_;
+        EXPECT_EQ(last_.unknown_pages, 0);
+        EXPECT_EQ(static_cast<long>(last_.free_chain.size()), static_cast<long>(last_.map.use.size()));
+        if (sh.deep) {
+            EXPECT_GE(max_depth_, 3) << "the trees never grew deep";
+        }
+        // Reads went without the lock, and mostly so where the pool holds the file.
+        const unsigned long nolock = is_nolock_reads - nolock_before_;
+        EXPECT_GT(nolock, 0u);
+        if (sh.maxbuf >= 1000) {
+            EXPECT_GT(nolock, unlocked_ / 4);
+        }
+    }
+
+    static kt::Config pool_of(const Shape& sh) {
+        kt::Config c;
+        c.maxbuf = sh.maxbuf;
+        return c;
     }
 
     static constexpr unsigned kIds = 900;
-    kt::Installation inst_;
+    kt::Installation inst_{pool_of(GetParam())};
+    unsigned long unlocked_ = 0, nolock_before_ = is_nolock_reads;
     std::string path_;
     int fd_ = -1;
     uint64_t seed_ = 0;
@@ -740,6 +800,8 @@ protected:
     std::vector<Cursor> cur_;
     std::vector<std::vector<std::string>> values_;
     std::vector<char> buf_;
+    int max_depth_ = 0;
+    kisam::check::Report last_;
 };
 
 TEST_P(RecordModel, MatchesTheModel) { run(); }
@@ -747,156 +809,25 @@ TEST_P(RecordModel, MatchesTheModel) { run(); }
 INSTANTIATE_TEST_SUITE_P(
     Shapes, RecordModel,
     ::testing::Values(Shape{{8, 5, 3, 6}, true, 1, 1024, 12000},
-                      Shape{{7, 4, 9}, false, 0, 1024, 12000},
+                      Shape{{7, 4, 9}, false, 0, 1024, 12000, false, 2000},
                       Shape{{5}, true, 1, 512, 8000},
-                      Shape{{2, 1}, false, 1, 512, 8000},
-                      Shape{{6, 12}, true, 0, 1024, 8000}),
+                      Shape{{2, 1}, false, 1, 512, 8000, false, 2000},
+                      Shape{{6, 12}, true, 0, 1024, 8000},
+                      // Index pages of 2, 3, 4 and 5 items (the odd lengths with a pad byte),
+                      // under both split rules and both control-page sizes.
+                      Shape{{400}, false, 0, 512, 4000, true},
+                      Shape{{300}, true, 1, 1024, 4001, true},
+                      Shape{{240, 7}, false, 1, 512, 4002, true},
+                      Shape{{190, 33}, true, 0, 1024, 4003, true},
+                      Shape{{7, 233}, false, 0, 1024, 4004, true},
+                      Shape{{400, 3}, true, 1, 512, 4005, true}),
     [](const ::testing::TestParamInfo<Shape>& info) { return "shape" + std::to_string(info.index); });
 
-// Reads without the control lock, in one process: they must give what the locked reads
-// give -- results, bytes, errors and the cursor positions they leave -- in every mode,
-// and must take no lock and leave the change count alone.
-
-constexpr int kK0 = 7, kK1 = 5, kK2 = 4;  // odd lengths: items carry pad bytes
-
-std::string key0_of(unsigned id) {
-    char t[16];
-    std::snprintf(t, sizeof t, "%07u", id);
-    return std::string(t, kK0);
-}
-
-std::string random_record(unsigned id, std::mt19937& rng) {
-    std::string r = key0_of(id);
-    static const char* k1[] = {"aaaaa", "abcde", "zzzzz", "\x00\x00\x00\x00\x01", "\xff\xff\xff\xff\xff"};
-    r.append(k1[rng() % 5], kK1);
-    for (int i = 0; i < kK2; ++i) r += static_cast<char>(rng() % 3 == 0 ? 0xFF : rng() % 3);
-    const size_t len = rng() % 12 == 0 ? rng() % 3000 : rng() % 60;
-    for (size_t i = 0; i < len; ++i) r += static_cast<char>(rng());
-    return r;
-}
+// Reads without the control lock, in one process, at their cost: they take no lock and
+// leave the change count alone.  (What they give: the record model, whose reads go either
+// way at random.)
 
 uint32_t seq_of(int isfd) { return kisam::isx_file_of(is_db[isfd]->uniqueid)->xf_seq; }
-
-// (key 0 kept only in the index, control page size, buffers)
-class ReadNoLock : public ot::Env, public ::testing::WithParamInterface<std::tuple<int, int, int>> {
-protected:
-    void SetUp() override {
-        kt::Config c;
-        c.maxbuf = static_cast<int16_t>(std::get<2>(GetParam()));
-        start(c);
-    }
-    void TearDown() override {
-        kisam::test_locked_reads = false;
-        ot::Env::TearDown();
-    }
-};
-
-// The same calls on two handles of one file, one read without the lock where it can and
-// one always locked, give the same results, the same bytes and the same errors; their
-// cursors stay together, which every later read compares again.
-TEST_P(ReadNoLock, AgreesWithLockedReads) {
-    const uint64_t seed = kt::test_seed(0x5EED12);
-    std::mt19937 rng(static_cast<unsigned>(seed));
-    niscr_ctl(std::get<0>(GetParam()), std::get<1>(GetParam()));
-    int a = create("f", {kK0, kK1, kK2});
-    ASSERT_GE(a, 0);
-    int b = nisopen(path("f").c_str(), ISO_RDWR);
-    ASSERT_GE(b, 0);
-    std::map<std::string, std::string> model;
-    std::vector<char> ba(4000), bb(4000);
-    const unsigned long before = is_nolock_reads;
-    int reads = 0;
-    for (int step = 0; step < 6000; ++step) {
-        SCOPED_TRACE("step " + std::to_string(step));
-        const unsigned op = rng() % 100;
-        const unsigned id = rng() % 300;
-        if (op < 25) {
-            std::string r = random_record(id, rng);
-            const int n = static_cast<int>(r.size());
-            switch (rng() % 4) {
-                case 0: ASSERT_GE(niswrite(a, r.data(), n), 0); if (!model.count(r.substr(0, kK0))) model[r.substr(0, kK0)] = r; break;
-                case 1: ASSERT_EQ(nisfwrite(a, r.data(), n), 0); model[r.substr(0, kK0)] = r; break;
-                case 2: if (nisupdate(a, r.data(), n) == 0) model[r.substr(0, kK0)] = r; break;
-                default: nisdelete(a, r.data()); model.erase(r.substr(0, kK0)); break;
-            }
-            continue;
-        }
-        const int keyno = static_cast<int>(rng() % 3);
-        const int lens[3] = {kK0, kK1, kK2};
-        std::string key;
-        if (!model.empty() && rng() % 2) {
-            auto it = model.begin();
-            std::advance(it, rng() % model.size());
-            const int off = keyno == 0 ? 0 : keyno == 1 ? kK0 : kK0 + kK1;
-            key = it->second.substr(static_cast<size_t>(off), static_cast<size_t>(lens[keyno]));
-        } else {
-            for (int i = 0; i < lens[keyno]; ++i) key += static_cast<char>(rng() % 4 == 0 ? 0xFF : rng() % 256);
-        }
-        // Sizes: whole, cut inside the record, below key 0 (an error), or no buffer.
-        int size = 4000;
-        const unsigned z = rng() % 20;
-        if (z < 3) size = static_cast<int>(rng() % 40);
-        char* pa = ba.data();
-        char* pb = bb.data();
-        if (z == 3) pa = pb = nullptr;
-        const unsigned how = rng() % 10;
-        int ra, rb;
-        std::fill(ba.begin(), ba.end(), 0);
-        std::fill(bb.begin(), bb.end(), 0);
-        auto both = [&](auto call) {
-            kisam::test_locked_reads = false;
-            ra = call(a, pa);
-            const int ea = is_errno;
-            kisam::test_locked_reads = true;
-            rb = call(b, pb);
-            kisam::test_locked_reads = false;
-            ASSERT_EQ(ra, rb) << "keyno " << keyno << " how " << how;
-            if (ra < 0) {
-                EXPECT_EQ(ea, is_errno);
-            } else if (pa && ra > 0) {
-                ASSERT_EQ(std::memcmp(ba.data(), bb.data(), static_cast<size_t>(ra)), 0) << "keyno " << keyno;
-            }
-        };
-        ++reads;
-        // The writes went through a, and moved its page hints; a search may land on
-        // another of several equal alternate keys from another hint, so b starts from a's.
-        for (int k = 0; k < 3; ++k) kisam::db_cursor(is_db[b], k)->currpage = kisam::db_cursor(is_db[a], k)->currpage;
-        if (how < 3) {
-            ASSERT_EQ(nisseek(a, keyno, key.data()), 0);
-            ASSERT_EQ(nisseek(b, keyno, key.data()), 0);
-        } else if (how < 5) {
-            both([&](int fd, char* p) { return nisfind(fd, keyno, key.data(), p, size); });
-        } else if (how < 8) {
-            both([&](int fd, char* p) { return nisread(fd, keyno, p, size); });
-        } else {
-            both([&](int fd, char* p) { return nispread(fd, keyno, p, size); });
-        }
-        if (HasFatalFailure()) return;
-        for (int k = 0; k < 3; ++k) {
-            const IS_DBKEY* ca = kisam::db_cursor(is_db[a], k);
-            const IS_DBKEY* cb = kisam::db_cursor(is_db[b], k);
-            const int il = kisam::fcp_key(ot::shared_fcp(a), k)->k_itemlen;
-            ASSERT_EQ(ca->curr_kstate, cb->curr_kstate) << "cursor " << k;
-            ASSERT_EQ(ca->currpage, cb->currpage) << "cursor " << k;
-            if (ca->curr_kstate != 0) {
-                ASSERT_EQ(std::memcmp(ca->currkey, cb->currkey, static_cast<size_t>(il)), 0) << "cursor " << k;
-            }
-        }
-    }
-    // The path was taken, and mostly so when the pool holds the file.
-    const unsigned long nolock = is_nolock_reads - before;
-    EXPECT_GT(nolock, 0u);
-    if (std::get<2>(GetParam()) >= 1000) {
-        EXPECT_GT(nolock, static_cast<unsigned long>(reads) / 4);
-    }
-    EXPECT_EQ(seq_of(a) % 2, 0u);
-    EXPECT_EQ(nisclose(b), 0);
-    EXPECT_EQ(nisclose(a), 0);
-}
-
-INSTANTIATE_TEST_SUITE_P(Layouts, ReadNoLock,
-                         ::testing::Values(std::make_tuple(1, 1024, 2000), std::make_tuple(0, 512, 2000),
-                                           std::make_tuple(1, 1024, 40), std::make_tuple(0, 1024, 40)));
 
 class ReadNoLockCost : public ot::Env {
 protected:
