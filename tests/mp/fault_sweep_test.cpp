@@ -280,26 +280,11 @@ struct Forget {
 };
 Forget* g_forget = nullptr;
 
-bool is_data_file(int fd) {
-    char link[64], name[PATH_MAX];
-    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-    const ssize_t n = ::readlink(link, name, sizeof name - 1);
-    if (n <= 0) return false;
-    name[n] = '\0';
-    return std::strcmp(name, g_forget->file) == 0;
-}
-
 int forgetful_sync(int fd) {
-    if (!is_data_file(fd)) return kisam::os_real.fdatasync(fd);
+    if (kt::fd_path(fd) != g_forget->file) return kisam::os_real.fdatasync(fd);
     if (++g_forget->seen == g_forget->at) {
         g_forget->hit = true;
-        const std::string& was = g_forget->good;
-        struct stat st;
-        if (::fstat(fd, &st) == 0 && static_cast<size_t>(st.st_size) > was.size()) {
-            const std::string zeros(static_cast<size_t>(st.st_size) - was.size(), '\0');
-            (void)!::pwrite(fd, zeros.data(), zeros.size(), static_cast<off_t>(was.size()));
-        }
-        (void)!::pwrite(fd, was.data(), was.size(), 0);
+        kt::drop_unwritten(fd, g_forget->good);
         errno = EIO;
         return -1;
     }
@@ -324,10 +309,9 @@ TEST_P(DataSyncs, EachFailingOnADiskThatDropsWhatItHadNotWritten) {
         nisclose(fd);
         nisunisam();
     }
-    char* real = ::realpath(f.c_str(), nullptr);
-    ASSERT_NE(real, nullptr);
-    std::snprintf(forget.file, sizeof forget.file, "%s", real);
-    std::free(real);
+    const std::string real = kt::real_path(f);
+    ASSERT_NE(real, "");
+    std::snprintf(forget.file, sizeof forget.file, "%s", real.c_str());
     // The data-file syncs of a run with no fault.
     int total = 0;
     {
@@ -407,12 +391,7 @@ struct LogForget {
 };
 LogForget* g_log_forget = nullptr;
 
-bool is_log(int fd) {
-    char link[64], name[PATH_MAX];
-    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-    const ssize_t n = ::readlink(link, name, sizeof name - 1);
-    return n > 3 && std::strncmp(name + n - 3, ".w0", 3) == 0;
-}
+using kt::is_log_fd;
 
 // Where the records of slot 0's log end, as a byte of the log file, rounded up to a page.
 size_t log_used() {
@@ -421,7 +400,7 @@ size_t log_used() {
 }
 
 int forgetful_log_sync(int fd) {
-    if (!is_log(fd)) return kisam::os_real.fdatasync(fd);
+    if (!is_log_fd(fd)) return kisam::os_real.fdatasync(fd);
     LogForget& f = *g_log_forget;
     if (++f.seen == f.at) {
         f.hit = true;

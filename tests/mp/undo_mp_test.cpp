@@ -276,15 +276,10 @@ TEST_F(UndoTightPool, KillAtEveryPageWriteLeavesTheFileAsBefore) { kill_sweep();
 std::string fail_path;
 int control_writes_failed = 0;
 ssize_t failing_control_pwrite(int fd, const void* b, size_t n, off_t off) {
-    if (off == 0 && !fail_path.empty()) {
-        char link[64], target[4096];
-        std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-        const ssize_t len = ::readlink(link, target, sizeof target - 1);
-        if (len > 0 && std::string(target, static_cast<size_t>(len)) == fail_path) {
-            ++control_writes_failed;
-            errno = ENOSPC;
-            return -1;
-        }
+    if (off == 0 && !fail_path.empty() && kt::fd_path(fd) == fail_path) {
+        ++control_writes_failed;
+        errno = ENOSPC;
+        return -1;
     }
     return kisam::os_real.pwrite(fd, b, n, off);
 }
@@ -368,10 +363,8 @@ TEST_F(Undo, AFailedControlPageWriteBackKeepsTheCalls) {
     ASSERT_EQ(apply(fd, {"", kDelete, 3, 0, 0}), 0);
     ASSERT_EQ(apply(fd, {"", kUpdate, 4, 1, 2500}), 0);
     const ko::Model after = records_of(fd);
-    char real[4096];
-    const ssize_t len = ::realpath(f.c_str(), real) ? static_cast<ssize_t>(std::strlen(real)) : -1;
-    ASSERT_GT(len, 0);
-    fail_path = real;
+    fail_path = kt::real_path(f);
+    ASSERT_NE(fail_path, "");
     control_writes_failed = 0;
     kisam::os.pwrite = failing_control_pwrite;
     EXPECT_EQ(nisflush(fd), 0);
@@ -394,10 +387,7 @@ TEST_F(Undo, AFailedControlPageWriteBackKeepsTheCalls) {
 // call, and that takes further calls.  A checkpoint that went on would have started the
 // log anew over a file whose control page is older than its pages.
 int dying_log_sync(int fd) {
-    char link[64], target[4096];
-    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-    const ssize_t len = ::readlink(link, target, sizeof target - 1);
-    if (control_writes_failed > 0 && len > 3 && std::strncmp(target + len - 3, ".w0", 3) == 0) ::raise(SIGKILL);
+    if (control_writes_failed > 0 && kt::is_log_fd(fd)) ::raise(SIGKILL);
     return kisam::os_real.fdatasync(fd);
 }
 
@@ -405,8 +395,8 @@ TEST_F(Undo, AFailedCheckpointKeepsTheLogForTheReplayAfterACrash) {
     const std::string f = made("c", kL.lens());
     ko::Model want;
     for (int id = 0; id < 40; ++id) want[id] = ko::Rec{0, 200 + 61 * id};
-    char real[4096];
-    ASSERT_NE(::realpath(f.c_str(), real), nullptr);
+    const std::string real = kt::real_path(f);
+    ASSERT_NE(real, "");
     const int st = kt::run_child([&] {
         int fd = nisopen(f.c_str(), ISO_RDWR);
         if (fd < 0) return 1;
