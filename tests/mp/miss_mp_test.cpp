@@ -78,6 +78,9 @@ uint32_t seq_of(int fd) {
     return std::atomic_ref<uint32_t>(kisam::isx_file_of(is_db[fd]->uniqueid)->xf_seq).load();
 }
 
+// A hooked reader's body that went through and leaves the file open.
+constexpr int kLeftOpen = 69;
+
 // Where the hooked reader stands (a forked child's own copies).
 kt::Pipe* to_parent = nullptr;
 kt::Pipe* from_parent = nullptr;
@@ -165,7 +168,7 @@ protected:
     // A child that opens the file and runs body(fd), which stops where it says `ready` to
     // the parent until signalled: with fetch_hook in place ('f') at its first miss, after
     // the read of the page (or dies there with kill_at_fetch).  Returns once it has
-    // stopped; body's result ends it.
+    // stopped; body's result ends it (0: with the file closed and the process detached).
     pid_t hooked_reader(const std::function<int(int fd)>& body, char ready = 'f') {
         const pid_t a = kt::start_child([&] {
             up_.close_read();
@@ -174,7 +177,10 @@ protected:
             from_parent = &down_;
             const int fd = open();
             if (fd < 0) return 70;
-            return body(fd);
+            if (const int rc = body(fd)) return rc;
+            nisclose(fd);
+            nisunisam();
+            return 0;
         });
         up_.close_write();
         down_.close_read();
@@ -196,8 +202,6 @@ TEST_F(MissMp, AReaderInTheMiddleOfAMissHoldsNobodyUp) {
         kisam::test_hook = fetch_hook;
         for (unsigned id = 0; id < ids_; id += 7)
             if (const int rc = check(fd, id, 1)) return 71 + rc;
-        nisclose(fd);
-        nisunisam();
         return 0;
     });
     EXPECT_EQ(in_child([&](int fd) {
@@ -234,8 +238,6 @@ TEST_F(MissMp, AnImageReadBeforeTheFileChangedNeverReachesThePool) {
         uint32_t g = 0;
         if (check(fd, kX, 0, &g) != 0) return 73;
         if (g != 2) return 74;
-        nisclose(fd);
-        nisunisam();
         return 0;
     });
     // The record changed in its page; then reads of a hundred other pages push the page
@@ -368,8 +370,6 @@ TEST_F(FileReads, APageChangedInThePoolIsNeverReadFromTheFile) {
             }
         if (is_nolock_reads - nolock0 < ids_ - 20) return 73;  // the changes were learnt without the lock
         if (v_file_reads == file0) return 74;
-        nisclose(fd);
-        nisunisam();
         return 0;
     }, 'r');
     EXPECT_EQ(in_child([&](int fd) {
@@ -398,8 +398,6 @@ TEST_F(FileReads, AFileThatGrewIsMappedAgain) {
         const unsigned long file0 = v_file_reads;
         if (read_all(fd, 1, 600) != 0) return 73;
         if (v_file_reads - file0 < (ids_ - 600) / 2) return 74;  // the new pages too
-        nisclose(fd);
-        nisunisam();
         return 0;
     }, 'r');
     grow_then_release(r);
@@ -436,8 +434,6 @@ TEST_F(FileReads, AStepAfterAChangeNeverUsesTheFilesOlderPage) {
             std::memcpy(id, buf.data(), kK0);
             if (check(fd, static_cast<unsigned>(std::atoi(id)), 1) != 0) return 77;
         }
-        nisclose(fd);
-        nisunisam();
         return 0;
     }, 'r');
     for (int round = 0; round < kRounds; ++round) {
@@ -560,8 +556,6 @@ TEST_F(FileReads, AFileCutShortUnderAReaderGivesErrorsNotASignal) {
                 if (pass == 1) before = failed;
             }
         }
-        nisclose(fd);
-        nisunisam();
         return 0;
     }, 'r');
     struct stat st;
@@ -669,8 +663,6 @@ TEST_F(FileReads, WritersMissesAreCopiedFromTheMappingAlsoAfterTheFileGrew) {
         }
         if (v_map_loads - loads1 < (3000 - 600) / 4) return 75;  // the new pages too
         if (v_map_faults != faults1) return 76;                  // never past the end
-        nisclose(fd);
-        nisunisam();
         return 0;
     }, 'r');
     grow_then_release(r);
@@ -712,11 +704,11 @@ TEST_F(FileReads, AFileCutShortUnderAWriterGivesErrorsNotASignal) {
         }
         if (failed == 0) return 74;
         if (v_map_faults == faults0) return 75;  // it met the cut in the mapping
-        return 0;                                // the file is left as the cut made it
+        return kLeftOpen;                        // the file is left as the cut made it
     }, 'r');
     ASSERT_EQ(::truncate(path_.c_str(), st.st_size / 2 / 4096 * 4096), 0);
     down_.signal('g');
-    EXPECT_EQ(kt::wait_child(r), 0);
+    EXPECT_EQ(kt::wait_child(r), kLeftOpen);
 }
 
 // ---- Write-backs through the mapping ------------------------------------------------------
