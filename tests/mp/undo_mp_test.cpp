@@ -91,6 +91,20 @@ protected:
         return n;
     }
 
+    // Call c on fd (file f) with the disk refusing every write from the call's last on --
+    // the log record that commits it --, as counted on a copy of the file written back
+    // first; the call's result.
+    int failing_from_commit(int fd, const std::string& f, const Call& c) {
+        EXPECT_EQ(kt::write_back(fd), 0);
+        const int writes = writes_of(slurp(f), c);
+        EXPECT_GE(writes, 1);
+        Faults fail;
+        fail.arm(Faults::kWrite, writes, Faults::kFromThenOn, ENOSPC);
+        const int rc = apply(fd, c);
+        EXPECT_TRUE(Faults::hit());
+        return rc;
+    }
+
     // Builds a 3-key file in this process and records, for each call worth testing, the
     // file before it (written back) and its records before and after; then detaches.
     std::vector<Target> build(const std::string& f) {
@@ -289,25 +303,14 @@ ssize_t failing_control_pwrite(int fd, const void* b, size_t n, off_t off) {
 // there, in the pool or, once writes succeed again, on the disk.
 TEST_F(Undo, AFailedControlPageWriteFailsTheCallAndUndoesIt) {
     const std::string f = path("c");
-    std::vector<int> lens = kL.lens();
-    int fd = niscreate(f.c_str(), 3, lens.data());
+    const int fd = create("c", kL.lens());
     ASSERT_GE(fd, 0);
     ASSERT_EQ(apply(fd, {"", kWrite, 1, 0, 500}), 0);
-    ASSERT_EQ(kt::write_back(fd), 0);
-    const std::string before = slurp(f);
     const ko::Model before_records = records_of(fd);
-    // The last page write of the call is its log record at the closing release.
-    const int writes = writes_of(before, {"", kWrite, 2, 0, 500});
-    ASSERT_GE(writes, 1);
-    {
-        Faults fail;
-        fail.arm(Faults::kWrite, writes, Faults::kFromThenOn, ENOSPC);
-        EXPECT_EQ(apply(fd, {"", kWrite, 2, 0, 500}), -1);
-        EXPECT_TRUE(Faults::hit());
-        EXPECT_EQ(is_errno, ISE_FLWT);
-        const std::vector<int> stack = kt::error_stack();
-        EXPECT_NE(std::find(stack.begin(), stack.end(), 0x2402), stack.end());
-    }
+    EXPECT_EQ(failing_from_commit(fd, f, {"", kWrite, 2, 0, 500}), -1);
+    EXPECT_EQ(is_errno, ISE_FLWT);
+    const std::vector<int> stack = kt::error_stack();
+    EXPECT_NE(std::find(stack.begin(), stack.end(), 0x2402), stack.end());
     char buf[600];
     std::string k2 = ko::record(kL, 2, 0, 500);
     EXPECT_EQ(nisfind(fd, 0, k2.data(), buf, sizeof buf), 0);
@@ -326,21 +329,11 @@ TEST_F(Undo, AFailedControlPageWriteFailsTheCallAndUndoesIt) {
 // hold nothing.
 TEST_F(Undo, ARollbackThatFailsIsCompletedByTheNextCall) {
     const std::string f = path("c");
-    std::vector<int> lens = kL.lens();
-    int fd = niscreate(f.c_str(), 3, lens.data());
+    const int fd = create("c", kL.lens());
     ASSERT_GE(fd, 0);
     for (int id = 0; id < 12; ++id) ASSERT_EQ(apply(fd, {"", kWrite, id, 0, 300}), 0);
-    ASSERT_EQ(kt::write_back(fd), 0);
-    const std::string before = slurp(f);
     const ko::Model before_records = records_of(fd);
-    const Call grow{"", kWrite, 50, 0, 9000};
-    const int writes = writes_of(before, grow);
-    {
-        Faults fail;
-        fail.arm(Faults::kWrite, writes, Faults::kFromThenOn, ENOSPC);
-        EXPECT_EQ(apply(fd, grow), -1);
-        EXPECT_TRUE(Faults::hit());
-    }
+    EXPECT_EQ(failing_from_commit(fd, f, {"", kWrite, 50, 0, 9000}), -1);
     EXPECT_EQ(records_of(fd), before_records);
     ASSERT_EQ(apply(fd, {"", kWrite, 60, 0, 400}), 0);
     ko::Model want = before_records;
@@ -355,8 +348,7 @@ TEST_F(Undo, ARollbackThatFailsIsCompletedByTheNextCall) {
 // next process finds every record the calls made.
 TEST_F(Undo, AFailedControlPageWriteBackKeepsTheCalls) {
     const std::string f = path("c");
-    std::vector<int> lens = kL.lens();
-    int fd = niscreate(f.c_str(), 3, lens.data());
+    const int fd = create("c", kL.lens());
     ASSERT_GE(fd, 0);
     for (int id = 0; id < 20; ++id) ASSERT_EQ(apply(fd, {"", kWrite, id, 0, 200 + 97 * id}), 0);
     ASSERT_EQ(nisflush(fd), 0);
