@@ -42,6 +42,10 @@ struct Step {
     int id, gen, size;
 };
 
+// Whether a step changes the file, and the record it takes (none for a flush).
+bool changes(const Step& s) { return std::strchr("wfud", s.op) != nullptr; }
+std::string record_of(const Step& s) { return s.op == 's' ? std::string() : ko::record(kL, s.id, s.gen, s.size); }
+
 // One step of the workload on fd, with its record r: the call's result (a read along
 // key 1 goes to the end; its result is the last read's).
 int perform(int fd, const Step& s, const std::string& r) {
@@ -94,14 +98,14 @@ bool run(int fd, const std::vector<Step>& w, ko::Oracle& o, bool* coded, ko::Log
          int* failed = nullptr) {
     bool ok = true;
     for (const Step& s : w) {
-        const std::string r = s.op == 's' ? std::string() : ko::record(kL, s.id, s.gen, s.size);
+        const std::string r = record_of(s);
         const bool had = o.get(s.id).present();
-        const bool changes = std::strchr("wfud", s.op) != nullptr;
-        if (changes) o.begin(s.op, s.id, s.gen, s.size);
-        if (changes && log) log->begin(0, s.op, s.id, s.gen, s.size);
+        const bool changing = changes(s);
+        if (changing) o.begin(s.op, s.id, s.gen, s.size);
+        if (changing && log) log->begin(0, s.op, s.id, s.gen, s.size);
         const int rc = perform(fd, s, r);
-        if (changes) o.end(rc);
-        if (changes && log) log->end(0, rc, rc < 0 ? is_errno : 0);
+        if (changing) o.end(rc);
+        if (changing && log) log->end(0, rc, rc < 0 ? is_errno : 0);
         // Every failure carries a code, and its own: ISE_NOKEY ("no record with this
         // key") only for a record that is not there -- a failed read of the search must
         // not pass for an absent record.
@@ -145,6 +149,12 @@ protected:
         int fd = niscreate(f.c_str(), 3, lens.data());
         EXPECT_GE(fd, 0);
         return fd;
+    }
+
+    // The same, closed again, with nobody attached.
+    void fresh_closed(const std::string& f) {
+        nisclose(fresh(f));
+        nisunisam();
     }
 
     // The file as the next process finds it, compared with the model; then the checker.
@@ -280,26 +290,11 @@ struct Forget {
 };
 Forget* g_forget = nullptr;
 
-bool is_data_file(int fd) {
-    char link[64], name[PATH_MAX];
-    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-    const ssize_t n = ::readlink(link, name, sizeof name - 1);
-    if (n <= 0) return false;
-    name[n] = '\0';
-    return std::strcmp(name, g_forget->file) == 0;
-}
-
 int forgetful_sync(int fd) {
-    if (!is_data_file(fd)) return kisam::os_real.fdatasync(fd);
+    if (kt::fd_path(fd) != g_forget->file) return kisam::os_real.fdatasync(fd);
     if (++g_forget->seen == g_forget->at) {
         g_forget->hit = true;
-        const std::string& was = g_forget->good;
-        struct stat st;
-        if (::fstat(fd, &st) == 0 && static_cast<size_t>(st.st_size) > was.size()) {
-            const std::string zeros(static_cast<size_t>(st.st_size) - was.size(), '\0');
-            (void)!::pwrite(fd, zeros.data(), zeros.size(), static_cast<off_t>(was.size()));
-        }
-        (void)!::pwrite(fd, was.data(), was.size(), 0);
+        kt::drop_unwritten(fd, g_forget->good);
         errno = EIO;
         return -1;
     }
@@ -324,10 +319,9 @@ TEST_P(DataSyncs, EachFailingOnADiskThatDropsWhatItHadNotWritten) {
         nisclose(fd);
         nisunisam();
     }
-    char* real = ::realpath(f.c_str(), nullptr);
-    ASSERT_NE(real, nullptr);
-    std::snprintf(forget.file, sizeof forget.file, "%s", real);
-    std::free(real);
+    const std::string real = kt::real_path(f);
+    ASSERT_NE(real, "");
+    std::snprintf(forget.file, sizeof forget.file, "%s", real.c_str());
     // The data-file syncs of a run with no fault.
     int total = 0;
     {
@@ -347,11 +341,7 @@ TEST_P(DataSyncs, EachFailingOnADiskThatDropsWhatItHadNotWritten) {
     ASSERT_GT(total, 2);
     for (int n = 1; n <= total; ++n) {
         SCOPED_TRACE("data-file sync " + std::to_string(n) + " of " + std::to_string(total));
-        {
-            int fd = fresh(f);
-            nisclose(fd);
-            nisunisam();
-        }
+        fresh_closed(f);
         forget.at = n, forget.seen = 0, forget.hit = false, forget.good = kt::slurp(f);
         kisam::os.fdatasync = forgetful_sync;
         int fd = nisopen(f.c_str(), ISO_RDWR);
@@ -359,12 +349,11 @@ TEST_P(DataSyncs, EachFailingOnADiskThatDropsWhatItHadNotWritten) {
         ko::Oracle o;
         bool coded = true;
         for (const Step& s : w) {
-            const std::string r = s.op == 's' ? std::string() : ko::record(kL, s.id, s.gen, s.size);
-            const bool changes = std::strchr("wfud", s.op) != nullptr;
-            if (changes) o.begin(s.op, s.id, s.gen, s.size);
+            const std::string r = record_of(s);
+            if (changes(s)) o.begin(s.op, s.id, s.gen, s.size);
             const int rc = s.op == 'l' ? 0 : perform(fd, s, r);  // no lock calls here
             if (rc < 0 && is_errno <= 0) coded = false;
-            if (!changes) {
+            if (!changes(s)) {
                 EXPECT_GE(rc, 0) << "step " << s.op << " " << s.id << ": is_errno " << is_errno;
                 continue;
             }
@@ -407,12 +396,7 @@ struct LogForget {
 };
 LogForget* g_log_forget = nullptr;
 
-bool is_log(int fd) {
-    char link[64], name[PATH_MAX];
-    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-    const ssize_t n = ::readlink(link, name, sizeof name - 1);
-    return n > 3 && std::strncmp(name + n - 3, ".w0", 3) == 0;
-}
+using kt::is_log_fd;
 
 // Where the records of slot 0's log end, as a byte of the log file, rounded up to a page.
 size_t log_used() {
@@ -421,7 +405,7 @@ size_t log_used() {
 }
 
 int forgetful_log_sync(int fd) {
-    if (!is_log(fd)) return kisam::os_real.fdatasync(fd);
+    if (!is_log_fd(fd)) return kisam::os_real.fdatasync(fd);
     LogForget& f = *g_log_forget;
     if (++f.seen == f.at) {
         f.hit = true;
@@ -456,11 +440,7 @@ TEST_F(Sweep, LogSyncsEachFailingOnADiskThatDropsWhatItHadNotWritten) {
     LogForget forget{};
     g_log_forget = &forget;
     auto run_child = [&](int at) {
-        {
-            int fd = fresh(f);
-            nisclose(fd);
-            nisunisam();
-        }
+        fresh_closed(f);
         *out = Out{};
         return kt::run_child([&] {
             ::setenv("KISAM_DURABLE", "1", 1);
@@ -470,16 +450,16 @@ TEST_F(Sweep, LogSyncsEachFailingOnADiskThatDropsWhatItHadNotWritten) {
             if (fd < 0) return forget.hit && is_errno > 0 ? 10 : 1;  // the open's own sync
             int i = 0;
             for (const Step& s : w) {
-                const std::string r = s.op == 's' ? std::string() : ko::record(kL, s.id, s.gen, s.size);
+                const std::string r = record_of(s);
                 const int rc = s.op == 'l' ? 0 : perform(fd, s, r);  // no lock calls here
                 out->rc[i] = rc;
-                if (rc < 0 && std::strchr("wfud", s.op)) {
+                if (rc < 0 && changes(s)) {
                     const int err = is_errno;
                     if (err <= 0) return 2;
                     if (err != ISE_NOKEY) ++out->failed;
                     out->now[i] = ko::find(fd, kL, s.id);
                 }
-                if (rc < 0 && !std::strchr("wfud", s.op)) return 3;
+                if (rc < 0 && !changes(s)) return 3;
                 ++i;
             }
             out->seen = forget.seen;
@@ -511,7 +491,7 @@ TEST_F(Sweep, LogSyncsEachFailingOnADiskThatDropsWhatItHadNotWritten) {
         std::map<int, bool> doubtful;
         int i = 0;
         for (const Step& s : w) {
-            if (std::strchr("wfud", s.op)) {
+            if (changes(s)) {
                 if (out->rc[i] >= 0) {
                     o.begin(s.op, s.id, s.gen, s.size);
                     o.end(out->rc[i]);
@@ -552,11 +532,7 @@ TEST_F(Sweep, LockCalls) {
         for (int n = 1; n <= total; n += mode == Faults::kOnce ? 1 : 3) {
             SCOPED_TRACE("lock call " + std::to_string(n) + " of " + std::to_string(total) +
                          (mode == Faults::kOnce ? " failing once" : " failing from then on"));
-            {
-                int fd = fresh(f);
-                nisclose(fd);
-                nisunisam();
-            }
+            fresh_closed(f);
             // The child keeps the oracle's log of its calls; the parent replays it.
             const std::string log = path("log");
             ::unlink(log.c_str());

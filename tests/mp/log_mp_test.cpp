@@ -21,7 +21,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -72,7 +71,24 @@ void close_sound(int fd, const std::string& file) {
 
 using kt::Durable;
 
-class Log : public ot::Env {};
+// The log tests' installation, and what they do after a process was killed.
+class LogEnv : public ot::Env {
+protected:
+    // Attached again, with the segment made anew when `killed` (its attach replays what
+    // the logs hold), and the file open for writing: its descriptor, or -1 with a failure.
+    int replayed(const std::string& file, bool killed = true) {
+        if (killed) inst_->remove_segment();
+        if (is_init() != 0) {
+            ADD_FAILURE() << "attach: " << is_errno;
+            return -1;
+        }
+        const int fd = nisopen(file.c_str(), ISO_RDWR);
+        if (fd < 0) ADD_FAILURE() << "open: " << is_errno;
+        return fd;
+    }
+};
+
+class Log : public LogEnv {};
 
 // A call of the default mode waits for no disk; kisam_sync does, once for what is new,
 // not at all when nothing is; a sync that fails is reported and not taken for done.
@@ -134,14 +150,17 @@ TEST_F(Log, DurableModeSyncsEveryChangingCall) {
     EXPECT_EQ(nisclose(fd), 0);
 }
 
-// A durable call whose sync fails fails; the kernel, having reported the failure once,
-// takes the log's pages for clean and may drop them, so the next sync would succeed over
-// a log that lacks the record.  The next syncs write the records since the last good one
-// again first: where the cache kept them, the calls go on and all survive a kill; where it
-// lost them too (the log's bytes of before the failed sync put back), the sync that finds
-// the loss fails its call and takes the log for cut short, the next call brings the
-// pool into the file, and the calls go on and survive a kill all the same.
-TEST_F(Log, ASyncOfTheLogThatFailedIsNeverTakenForDoneByTheNext) {
+// A sync that fails is never taken for done by the next: the kernel, having reported
+// the failure once, takes the pages for clean and may drop them, so the next sync would
+// succeed over a log that lacks them.  Two syncs fail this way: a durable call's (the
+// call fails), and that of the header a checkpoint begins the log's next generation with
+// (the checkpoint fails; under the header of before no record of the new generation
+// counts).  The next syncs write again what the failed one carried first: where the
+// cache kept it, the calls go on and all survive a kill; where the cache lost it too
+// (the log's bytes of before the failed sync put back), the sync that finds a lost record
+// fails its call and takes the log for cut short, the next call brings the pool into the
+// file, and the calls go on and survive a kill all the same.
+TEST_F(Log, AFailedSyncOfTheLogIsNeverTakenForDoneByTheNext) {
     bound(120);
     const std::string file = made("f", {8});
     const std::string log = lock() + ".w0";
@@ -151,111 +170,66 @@ TEST_F(Log, ASyncOfTheLogThatFailedIsNeverTakenForDoneByTheNext) {
         int ok[kAfter];        // the calls after it: 1 when one returned 0
     };
     Out* out = &shared<Out>();
-    for (const bool lost : {false, true}) {
-        SCOPED_TRACE(lost ? "the cache lost the log's pages" : "the cache kept them");
-        const int base = lost ? 1000 : 0;
-        *out = Out{};
-        Durable d("1");
-        const int st = kt::run_child([&] {
-            const int fd = nisopen(file.c_str(), ISO_RDWR);
-            if (fd < 0) return 1;
-            for (int i = 0; i < kBefore; ++i)
-                if (put(fd, base + i) != 0) return 2;
-            const std::string was = kt::slurp(log);
-            if (was.size() < 4096) return 3;
-            {
-                kt::Faults f;
-                f.arm(kt::Faults::kSync, 1, kt::Faults::kOnce);
-                out->failed = put(fd, base + kBefore);
-                out->code = is_errno;
-                if (!kt::Faults::hit()) return 4;
+    int base = 0;
+    for (const bool header : {false, true})
+        for (const bool lost : {false, true}) {
+            SCOPED_TRACE(std::string(header ? "the header's sync failed" : "a call's sync failed") +
+                         (lost ? ", the cache lost what it carried" : ", the cache kept it"));
+            base += 1000;
+            *out = Out{};
+            Durable d("1");
+            const int st = kt::run_child([&] {
+                const int fd = nisopen(file.c_str(), ISO_RDWR);
+                if (fd < 0) return 1;
+                for (int i = 0; i < kBefore; ++i)
+                    if (put(fd, base + i) != 0) return 2;
+                std::string was = kt::slurp(log);
+                if (was.size() < 4096) return 3;
+                if (header) was.resize(1024);
+                {
+                    // A checkpoint syncs the file, then the new header.
+                    kt::Faults f;
+                    f.arm(kt::Faults::kSync, header ? 2 : 1, kt::Faults::kOnce);
+                    if (header) {
+                        if (kt::write_back(fd) != -1) return 4;
+                    } else {
+                        out->failed = put(fd, base + kBefore);
+                        out->code = is_errno;
+                    }
+                    if (!kt::Faults::hit()) return 5;
+                }
+                if (header && kt::slurp(log).substr(0, 1024) == was) return 6;  // the header was written
+                if (lost) {
+                    const int l = ::open(log.c_str(), O_WRONLY);
+                    if (l < 0 || ::pwrite(l, was.data(), was.size(), 0) != static_cast<ssize_t>(was.size())) return 7;
+                    ::close(l);
+                }
+                const int first = base + kBefore + (header ? 0 : 1);
+                for (int k = 0; k < kAfter; ++k) out->ok[k] = put(fd, first + k) == 0;
+                ::raise(SIGKILL);  // nothing reaches the file but through the log's replay
+                return 8;
+            });
+            ASSERT_EQ(st, 128 + SIGKILL);
+            if (!header) {
+                EXPECT_EQ(out->failed, -1) << "a durable call whose sync failed returned";
+                EXPECT_EQ(out->code, ISE_FLWT);
             }
-            if (lost) {
-                const int l = ::open(log.c_str(), O_WRONLY);
-                if (l < 0 || ::pwrite(l, was.data(), was.size(), 0) != static_cast<ssize_t>(was.size())) return 5;
-                ::close(l);
+            const int fd = replayed(file);
+            ASSERT_GE(fd, 0);
+            for (int i = 0; i < kBefore; ++i) EXPECT_EQ(look(fd, base + i), 0) << i;
+            // Every call that said it was on disk is there, and what is there is a prefix
+            // (of the failed call, when it was one, and the calls after it).
+            const int skip = header ? 0 : 1;
+            const int k = held_prefix(fd, base + kBefore, kAfter + skip);
+            for (int j = 0; j < kAfter; ++j) {
+                if (out->ok[j]) {
+                    EXPECT_LT(j + skip, k) << "call " << j << " after the failed sync returned, then was lost";
+                }
             }
-            for (int k = 0; k < kAfter; ++k) out->ok[k] = put(fd, base + kBefore + 1 + k) == 0;
-            ::raise(SIGKILL);  // nothing reaches the file but through the log's replay
-            return 6;
-        });
-        ASSERT_EQ(st, 128 + SIGKILL);
-        EXPECT_EQ(out->failed, -1) << "a durable call whose sync failed returned";
-        EXPECT_EQ(out->code, ISE_FLWT);
-        inst_->remove_segment();
-        ASSERT_EQ(is_init(), 0) << is_errno;
-        const int fd = nisopen(file.c_str(), ISO_RDWR);
-        ASSERT_GE(fd, 0) << is_errno;
-        for (int i = 0; i < kBefore; ++i) EXPECT_EQ(look(fd, base + i), 0) << i;
-        // Every call that said it was on disk is there, and what is there is a prefix.
-        const int k = held_prefix(fd, base + kBefore, kAfter + 1);
-        for (int j = 0; j < kAfter; ++j) {
-            if (out->ok[j]) {
-                EXPECT_LE(j + 2, k) << "call " << j << " after the failed sync returned, then was lost";
-            }
+            EXPECT_EQ(k, kAfter + skip) << "what the failed sync carried was not written again";
+            EXPECT_GE(std::count(out->ok, out->ok + kAfter, 1), kAfter - 1) << "calls still fail after the loss";
+            close_sound(fd, file);
         }
-        // Where the cache lost them too, the pool still has the calls: the log is taken
-        // for cut short, the next call brings the pool into the file, and the calls go on.
-        EXPECT_EQ(k, kAfter + 1) << (lost ? "the calls the log lost did not reach the file from the pool"
-                                          : "the records the cache kept were not written again");
-        EXPECT_GE(std::count(out->ok, out->ok + kAfter, 1), kAfter - 1) << "calls still fail after the loss";
-        close_sound(fd, file);
-    }
-}
-
-// The same for the header a checkpoint begins the log's next generation with: its sync
-// fails (the checkpoint fails), and the cache may drop it, leaving the header of before,
-// under which no record of the new generation counts.  Whether the cache kept it or not,
-// the next sync writes the generation's header again (the shared state knows it) and the
-// calls go on; every one of them survives a kill.
-TEST_F(Log, AHeaderWhoseSyncFailedIsWrittenAgainBeforeTheNextSyncCounts) {
-    bound(120);
-    const std::string file = made("f", {8});
-    const std::string log = lock() + ".w0";
-    constexpr int kBefore = 10, kAfter = 10;
-    int* ok = &shared<std::array<int, kAfter>>()[0];
-    for (const bool lost : {false, true}) {
-        SCOPED_TRACE(lost ? "the cache lost the header" : "the cache kept it");
-        const int base = lost ? 1000 : 0;
-        std::fill(ok, ok + kAfter, 0);
-        Durable d("1");
-        const int st = kt::run_child([&] {
-            const int fd = nisopen(file.c_str(), ISO_RDWR);
-            if (fd < 0) return 1;
-            for (int i = 0; i < kBefore; ++i)
-                if (put(fd, base + i) != 0) return 2;
-            const std::string was = kt::slurp(log).substr(0, 1024);
-            {
-                // The checkpoint's syncs: the file's, then the new header's.
-                kt::Faults f;
-                f.arm(kt::Faults::kSync, 2, kt::Faults::kOnce);
-                if (kt::write_back(fd) != -1 || !kt::Faults::hit()) return 3;
-            }
-            if (kt::slurp(log).substr(0, 1024) == was) return 4;  // the header was written
-            if (lost) {
-                const int l = ::open(log.c_str(), O_WRONLY);
-                if (l < 0 || ::pwrite(l, was.data(), was.size(), 0) != static_cast<ssize_t>(was.size())) return 5;
-                ::close(l);
-            }
-            for (int k = 0; k < kAfter; ++k) ok[k] = put(fd, base + kBefore + k) == 0;
-            ::raise(SIGKILL);
-            return 6;
-        });
-        ASSERT_EQ(st, 128 + SIGKILL);
-        inst_->remove_segment();
-        ASSERT_EQ(is_init(), 0) << is_errno;
-        const int fd = nisopen(file.c_str(), ISO_RDWR);
-        ASSERT_GE(fd, 0) << is_errno;
-        for (int i = 0; i < kBefore; ++i) EXPECT_EQ(look(fd, base + i), 0) << i;
-        const int k = held_prefix(fd, base + kBefore, kAfter);
-        for (int j = 0; j < kAfter; ++j) {
-            if (ok[j]) {
-                EXPECT_LT(j, k) << "call " << j << " after the failed header returned, then was lost";
-            }
-        }
-        EXPECT_EQ(k, kAfter) << "the header was not written again";
-        close_sound(fd, file);
-    }
 }
 
 // ---- the log written through a mapping, and without one ----------------------------------
@@ -272,19 +246,13 @@ struct Paths {
     std::atomic<int> stored;    // stores of the mapped process through its mapping
 };
 Paths* g_paths = nullptr;
-bool on_log(int fd) {
-    char link[64], name[4096];
-    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-    const ssize_t n = ::readlink(link, name, sizeof name - 1);
-    return n > 3 && std::strncmp(name + n - 3, ".w0", 3) == 0;
-}
 void* no_map(int, size_t) {
     errno = ENOMEM;
     return MAP_FAILED;
 }
 ssize_t counted_pwrite(int fd, const void* b, size_t n, off_t off) {
     // Records, not the zeros written ahead (whole stretches) nor the header (offset < 1024).
-    if (off >= 1024 && n < 65536 && on_log(fd)) g_paths->written.fetch_add(1);
+    if (off >= 1024 && n < 65536 && kt::is_log_fd(fd)) g_paths->written.fetch_add(1);
     return kisam::os_real.pwrite(fd, b, n, off);
 }
 int counted_mstore(int fd, char* map, off_t off, const void* src, size_t n) {
@@ -353,14 +321,7 @@ TEST_F(Log, RecordsStoredThroughTheMappingAndWrittenWithPwriteReplayAsOneLog) {
 // header and its sync.
 std::vector<std::string>* g_calls = nullptr;
 std::string g_data;
-char kind_of(int fd) {
-    char link[64], name[4096];
-    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-    const ssize_t n = ::readlink(link, name, sizeof name - 1);
-    if (n <= 0) return '?';
-    const std::string s(name, static_cast<size_t>(n));
-    return s == g_data ? 'd' : s.size() > 3 && s.compare(s.size() - 3, 3, ".w0") == 0 ? 'l' : '?';
-}
+char kind_of(int fd) { return kt::fd_path(fd) == g_data ? 'd' : kt::is_log_fd(fd) ? 'l' : '?'; }
 ssize_t noted_pwrite(int fd, const void* b, size_t n, off_t off) {
     const char k = kind_of(fd);
     if (k != '?') g_calls->push_back(std::string(1, k) + (k == 'l' && off < 1024 ? "-head" : "-write"));
@@ -374,8 +335,8 @@ int noted_sync(int fd) {
 
 TEST_F(Log, TheReplaySyncsTheFileBeforeItStartsTheLogAnew) {
     const std::string file = made("f", {8});
-    char real[4096];
-    ASSERT_NE(::realpath(file.c_str(), real), nullptr);
+    const std::string real = kt::real_path(file);
+    ASSERT_NE(real, "");
     const pid_t kid = hold([&] {
         int fd = nisopen(file.c_str(), ISO_RDWR);
         if (fd < 0) return 1;
@@ -415,7 +376,7 @@ TEST_F(Log, TheReplaySyncsTheFileBeforeItStartsTheLogAnew) {
 // never finished for done), or leaving the call by a signal handler's jump (its next call
 // gives the sync up).
 
-class GroupCommit : public ot::Env {};
+class GroupCommit : public LogEnv {};
 
 // Sync slots taken by a process that syncs for the others, over every file.
 int sync_leads() {
@@ -561,12 +522,30 @@ TEST_F(GroupCommit, SyncLeftByAJumpIsGivenUp) {
 // a kill (the next to attach replays what the log holds), or a kill before anything
 // healed (the replay gives the calls up to the cut, a prefix).
 
-class LogCut : public ot::Env {};
+class LogCut : public LogEnv {};
 
 // Where the next record of slot 0's log goes, as a byte of the log file.
 uint64_t log_tail() {
     const isx_file* x = kisam::isx_file_of(0);
     return 1024 + x->xf_log_end - x->xf_log_start;
+}
+
+// Puts records from id `base` on until a cut at the start of the record just made is
+// one no store meets: with `mapped`, past the first few, once that record and room for
+// the next lie in one page of the log (the next store lands in the page the cut ends in);
+// without (records by pwrite), once past two pages.  *made counts the calls, each of
+// which returned 0.  The cut's offset in the log, or -1 when a call failed or the point
+// never came.
+off_t put_to_cut_point(int fd, int base, int* made, bool mapped = true) {
+    for (int i = 0; i <= 400; ++i) {
+        const uint64_t t0 = log_tail();
+        if (put(fd, base + i) != 0) return -1;
+        *made = i + 1;
+        const uint64_t t1 = log_tail();
+        if (mapped ? i >= 3 && t0 / 4096 == t1 / 4096 && t1 % 4096 < 2048 : t0 > 2 * 4096)
+            return static_cast<off_t>(t0);
+    }
+    return -1;
 }
 
 TEST_F(LogCut, TheCallThatMeetsTheCutFailsAndTheFileStaysSound) {
@@ -617,15 +596,12 @@ TEST_F(LogCut, TheCallThatMeetsTheCutFailsAndTheFileStaysSound) {
         EXPECT_EQ(out->code, ISE_FLWT);
         if (round.then != 0) inst_->remove_segment();  // the next attach replays the log
         ASSERT_TRUE(kt::sound(file));
-        ASSERT_EQ(is_init(), 0) << is_errno;
-        int fd = nisopen(file.c_str(), ISO_RDWR);
-        ASSERT_GE(fd, 0) << is_errno;
+        const int fd = replayed(file, false);
+        ASSERT_GE(fd, 0);
         const int n = out->before;
         if (round.then == 2) {
             // The calls up to some point before the cut: the replay stops where it is.
-            int k = 0;
-            while (k < n && look(fd, base + k) == 0) ++k;
-            for (int j = k; j <= n + 20; ++j) EXPECT_EQ(look(fd, base + j), 1) << "not a prefix at " << j;
+            EXPECT_LE(held_prefix(fd, base, n + 21), n);
             // What the log lost is gone for good; the next round starts from what is there.
         } else {
             for (int j = 0; j < n; ++j) EXPECT_EQ(look(fd, base + j), 0) << j;
@@ -725,24 +701,8 @@ TEST_F(LogCut, ACutThatNoStoreMeetsIsFoundBeforeADurableCallReturns) {
                 if (!mapped) kisam::os.mmap = no_map;
                 const int fd = nisopen(file.c_str(), ISO_RDWR);
                 if (fd < 0) return 1;
-                off_t cut = 0;
-                for (int i = 0;; ++i) {
-                    const uint64_t t0 = log_tail();
-                    if (put(fd, base + i) != 0) return 2;
-                    out->before = i + 1;
-                    const uint64_t t1 = log_tail();
-                    if (!mapped && t0 > 2 * 4096) {
-                        cut = static_cast<off_t>(t0);
-                        break;
-                    }
-                    // The record just made, and room for the next, in one page of the log.
-                    if (mapped && i >= 3 && t0 / 4096 == t1 / 4096 && t1 % 4096 < 2048) {
-                        cut = static_cast<off_t>(t0);
-                        break;
-                    }
-                    if (i > 400) return 3;
-                }
-                if (::truncate(log.c_str(), cut) != 0) return 4;
+                const off_t cut = put_to_cut_point(fd, base, &out->before, mapped);
+                if (cut < 0 || ::truncate(log.c_str(), cut) != 0) return 4;
                 for (int k = 0; k < after; ++k) {
                     out->rc[k] = put(fd, base + out->before + k);
                     if (out->rc[k] != 0 && is_errno != ISE_FLWT) return 5;
@@ -754,10 +714,8 @@ TEST_F(LogCut, ACutThatNoStoreMeetsIsFoundBeforeADurableCallReturns) {
             // The call that finds the cut fails; the next one brings the file up to date
             // and the calls go on.
             EXPECT_LE(std::count_if(out->rc, out->rc + after, [](int rc) { return rc != 0; }), 1);
-            inst_->remove_segment();
-            ASSERT_EQ(is_init(), 0) << is_errno;
-            const int fd = nisopen(file.c_str(), ISO_RDWR);
-            ASSERT_GE(fd, 0) << is_errno;
+            const int fd = replayed(file);
+            ASSERT_GE(fd, 0);
             // A call that failed may be whole or absent; every other is a call that
             // returned 0.  Those there are a prefix of those: none is missing before the
             // last one there.
@@ -786,21 +744,15 @@ TEST_F(LogCut, ACheckpointThatMeetsACutNoStoreMetGoesThrough) {
     const int st = kt::run_child([&] {
         const int fd = nisopen(file.c_str(), ISO_RDWR);
         if (fd < 0) return 1;
-        for (int i = 0;; ++i) {
-            const uint64_t t0 = log_tail();
-            if (put(fd, i) != 0) return 2;
-            const uint64_t t1 = log_tail();
-            if (i >= 3 && t0 / 4096 == t1 / 4096 && t1 % 4096 < 2048) {
-                if (::truncate(log.c_str(), static_cast<off_t>(t0)) != 0) return 3;
-                if (put(fd, i + 1) != 0) return 4;  // stored into the cut's page: no fault
-                if (kt::write_back(fd) != 0) return 5;
-                const isx_file* x = kisam::isx_file_of(0);
-                if (x->xf_log_start != x->xf_log_end || x->xf_log_cut != 0) return 6;
-                if (put(fd, i + 2) != 0) return 7;
-                return nisclose(fd) == 0 ? 0 : 8;
-            }
-            if (i > 400) return 9;
-        }
+        int made = 0;
+        const off_t cut = put_to_cut_point(fd, 0, &made);
+        if (cut < 0 || ::truncate(log.c_str(), cut) != 0) return 3;
+        if (put(fd, made) != 0) return 4;  // stored into the cut's page: no fault
+        if (kt::write_back(fd) != 0) return 5;
+        const isx_file* x = kisam::isx_file_of(0);
+        if (x->xf_log_start != x->xf_log_end || x->xf_log_cut != 0) return 6;
+        if (put(fd, made + 1) != 0) return 7;
+        return nisclose(fd) == 0 ? 0 : 8;
     });
     ASSERT_EQ(st, 0);
     EXPECT_EQ(kisam_pending(file.c_str()), 0);
@@ -826,17 +778,8 @@ const char* g_data_file = nullptr;
 std::string* g_data_was = nullptr;
 int g_data_syncs = 0;
 int dropping_data_sync(int fd) {
-    char link[64], name[PATH_MAX];
-    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-    const ssize_t n = ::readlink(link, name, sizeof name - 1);
-    if (n <= 0 || (name[n] = '\0', std::strcmp(name, g_data_file) != 0) || g_data_syncs++ != 0)
-        return kisam::os_real.fdatasync(fd);
-    struct stat st;
-    if (::fstat(fd, &st) == 0 && static_cast<size_t>(st.st_size) > g_data_was->size()) {
-        const std::string zeros(static_cast<size_t>(st.st_size) - g_data_was->size(), '\0');
-        (void)!::pwrite(fd, zeros.data(), zeros.size(), static_cast<off_t>(g_data_was->size()));
-    }
-    (void)!::pwrite(fd, g_data_was->data(), g_data_was->size(), 0);
+    if (kt::fd_path(fd) != g_data_file || g_data_syncs++ != 0) return kisam::os_real.fdatasync(fd);
+    kt::drop_unwritten(fd, *g_data_was);
     errno = EIO;
     return -1;
 }
@@ -845,10 +788,8 @@ TEST_F(LogCut, ACutAndAFailedSyncOfTheFileLoseNoCallThatReturned) {
     bound(120);
     const std::string file = made("f", {8});
     const std::string log = lock() + ".w0";
-    char* real = ::realpath(file.c_str(), nullptr);
-    ASSERT_NE(real, nullptr);
-    const std::string data_file = real;
-    std::free(real);
+    const std::string data_file = kt::real_path(file);
+    ASSERT_NE(data_file, "");
     constexpr int kAfter = 20;
     struct Out {
         int before, syncs;
@@ -868,19 +809,8 @@ TEST_F(LogCut, ACutAndAFailedSyncOfTheFileLoseNoCallThatReturned) {
             g_data_syncs = 0;
             const int fd = nisopen(file.c_str(), ISO_RDWR);
             if (fd < 0) return 1;
-            off_t cut = 0;
-            for (int i = 0;; ++i) {
-                const uint64_t t0 = log_tail();
-                if (put(fd, base + i) != 0) return 2;
-                out->before = i + 1;
-                const uint64_t t1 = log_tail();
-                if (i >= 3 && t0 / 4096 == t1 / 4096 && t1 % 4096 < 2048) {
-                    cut = static_cast<off_t>(t0);
-                    break;
-                }
-                if (i > 400) return 3;
-            }
-            if (::truncate(log.c_str(), cut) != 0) return 4;
+            const off_t cut = put_to_cut_point(fd, base, &out->before);
+            if (cut < 0 || ::truncate(log.c_str(), cut) != 0) return 4;
             kisam::os.fdatasync = dropping_data_sync;
             for (int k = 0; k < kAfter; ++k) out->rc[k] = put(fd, base + out->before + k);
             out->syncs = g_data_syncs;
@@ -893,10 +823,8 @@ TEST_F(LogCut, ACutAndAFailedSyncOfTheFileLoseNoCallThatReturned) {
         EXPECT_GE(out->syncs, 2) << "the failed sync of the file was not reached";
         EXPECT_LE(std::count_if(out->rc, out->rc + kAfter, [](int rc) { return rc != 0; }), 2)
             << "calls still fail once the disk works again";
-        if (killed) inst_->remove_segment();
-        ASSERT_EQ(is_init(), 0) << is_errno;
-        const int fd = nisopen(file.c_str(), ISO_RDWR);
-        ASSERT_GE(fd, 0) << is_errno;
+        const int fd = replayed(file, killed);
+        ASSERT_GE(fd, 0);
         const int n = out->before;
         int last = -1;
         const std::vector<int> at = looked(fd, base, n + kAfter, &last);
@@ -933,17 +861,8 @@ TEST_F(LogCut, NoSyncCountsWhileACutIsKnown) {
         ::setenv("KISAM_DURABLE", "0", 1);
         const int fd = nisopen(file.c_str(), ISO_RDWR);
         if (fd < 0) return 1;
-        for (int i = 0;; ++i) {
-            const uint64_t t0 = log_tail();
-            if (put(fd, i) != 0) return 2;
-            out->before = i + 1;
-            const uint64_t t1 = log_tail();
-            if (i >= 3 && t0 / 4096 == t1 / 4096 && t1 % 4096 < 2048) {
-                if (::truncate(log.c_str(), static_cast<off_t>(t0)) != 0) return 3;
-                break;
-            }
-            if (i > 400) return 4;
-        }
+        const off_t cut = put_to_cut_point(fd, 0, &out->before);
+        if (cut < 0 || ::truncate(log.c_str(), cut) != 0) return 3;
         cut_done.signal();
         if (do_sync.wait() != 'x') return 5;
         out->synced = kisam_sync();
@@ -975,10 +894,8 @@ TEST_F(LogCut, NoSyncCountsWhileACutIsKnown) {
     ASSERT_TRUE(kt::await([&] { return out->other_done.load() != 0; }, 10000));
     kill(a);
     kill(b);
-    inst_->remove_segment();
-    ASSERT_EQ(is_init(), 0) << is_errno;
-    const int fd = nisopen(file.c_str(), ISO_RDWR);
-    ASSERT_GE(fd, 0) << is_errno;
+    const int fd = replayed(file);
+    ASSERT_GE(fd, 0);
     if (out->other == 0) {
         EXPECT_EQ(look(fd, 5000), 0) << "the durable call made during the cut returned, then was lost";
     }
@@ -990,7 +907,7 @@ TEST_F(LogCut, NoSyncCountsWhileACutIsKnown) {
 // (A rollback that a full disk left in a journal, found and applied: the tool's
 // CheckSettlesARollbackLeftByAFullDisk.)  Nothing is pending for a file that was closed
 // cleanly, with nobody attached; a file that does not exist is an error.
-class Settle : public ot::Env {};
+class Settle : public LogEnv {};
 
 TEST_F(Settle, NothingPendingAndNoInstallation) {
     const std::string file = path("plain");

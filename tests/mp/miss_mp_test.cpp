@@ -74,9 +74,24 @@ int check(int fd, unsigned id, uint32_t gen, uint32_t* seen = nullptr) {
     return n == static_cast<int>(r.size()) && std::memcmp(buf.data(), r.data(), r.size()) == 0 ? 0 : 3;
 }
 
+// Writes (kWrite) or updates (kUpdate) ids [from, to) at generation gen; whether every
+// call went through.
+enum Put { kWrite, kUpdate };
+bool put_range(int fd, Put how, unsigned from, unsigned to, uint32_t gen) {
+    for (unsigned id = from; id < to; ++id) {
+        const std::string r = record(id, gen);
+        const int n = static_cast<int>(r.size());
+        if ((how == kUpdate ? nisupdate(fd, r.data(), n) : niswrite(fd, r.data(), n)) != 0) return false;
+    }
+    return true;
+}
+
 uint32_t seq_of(int fd) {
     return std::atomic_ref<uint32_t>(kisam::isx_file_of(is_db[fd]->uniqueid)->xf_seq).load();
 }
+
+// A hooked reader's body that went through and leaves the file open.
+constexpr int kLeftOpen = 69;
 
 // Where the hooked reader stands (a forked child's own copies).
 kt::Pipe* to_parent = nullptr;
@@ -120,10 +135,7 @@ protected:
                       if (magic != 0) niscr_ctl(0, magic);
                       const int fd = create("m.ism", {kK0, kK1});
                       if (fd < 0) return 1;
-                      for (unsigned id = 0; id < ids; ++id) {
-                          const std::string r = record(id, 1);
-                          if (niswrite(fd, r.data(), static_cast<int>(r.size())) != 0) return 2;
-                      }
+                      if (!put_range(fd, kWrite, 0, ids, 1)) return 2;
                       nisclose(fd);
                       return nisunisam() == 0 ? 0 : 3;
                   }),
@@ -148,10 +160,7 @@ protected:
     // A child that grows the file: records 600 to 2999, generation 1.  Its exit status.
     int grow_in_child() {
         return in_child([](int fd) {
-            for (unsigned id = 600; id < 3000; ++id) {
-                const std::string rec = record(id, 1);
-                if (niswrite(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 81;
-            }
+            if (!put_range(fd, kWrite, 600, 3000, 1)) return 81;
             return 0;
         });
     }
@@ -165,7 +174,7 @@ protected:
     // A child that opens the file and runs body(fd), which stops where it says `ready` to
     // the parent until signalled: with fetch_hook in place ('f') at its first miss, after
     // the read of the page (or dies there with kill_at_fetch).  Returns once it has
-    // stopped; body's result ends it.
+    // stopped; body's result ends it (0: with the file closed and the process detached).
     pid_t hooked_reader(const std::function<int(int fd)>& body, char ready = 'f') {
         const pid_t a = kt::start_child([&] {
             up_.close_read();
@@ -174,7 +183,10 @@ protected:
             from_parent = &down_;
             const int fd = open();
             if (fd < 0) return 70;
-            return body(fd);
+            if (const int rc = body(fd)) return rc;
+            nisclose(fd);
+            nisunisam();
+            return 0;
         });
         up_.close_write();
         down_.close_read();
@@ -196,8 +208,6 @@ TEST_F(MissMp, AReaderInTheMiddleOfAMissHoldsNobodyUp) {
         kisam::test_hook = fetch_hook;
         for (unsigned id = 0; id < ids_; id += 7)
             if (const int rc = check(fd, id, 1)) return 71 + rc;
-        nisclose(fd);
-        nisunisam();
         return 0;
     });
     EXPECT_EQ(in_child([&](int fd) {
@@ -234,8 +244,6 @@ TEST_F(MissMp, AnImageReadBeforeTheFileChangedNeverReachesThePool) {
         uint32_t g = 0;
         if (check(fd, kX, 0, &g) != 0) return 73;
         if (g != 2) return 74;
-        nisclose(fd);
-        nisunisam();
         return 0;
     });
     // The record changed in its page; then reads of a hundred other pages push the page
@@ -368,8 +376,6 @@ TEST_F(FileReads, APageChangedInThePoolIsNeverReadFromTheFile) {
             }
         if (is_nolock_reads - nolock0 < ids_ - 20) return 73;  // the changes were learnt without the lock
         if (v_file_reads == file0) return 74;
-        nisclose(fd);
-        nisunisam();
         return 0;
     }, 'r');
     EXPECT_EQ(in_child([&](int fd) {
@@ -398,8 +404,6 @@ TEST_F(FileReads, AFileThatGrewIsMappedAgain) {
         const unsigned long file0 = v_file_reads;
         if (read_all(fd, 1, 600) != 0) return 73;
         if (v_file_reads - file0 < (ids_ - 600) / 2) return 74;  // the new pages too
-        nisclose(fd);
-        nisunisam();
         return 0;
     }, 'r');
     grow_then_release(r);
@@ -436,8 +440,6 @@ TEST_F(FileReads, AStepAfterAChangeNeverUsesTheFilesOlderPage) {
             std::memcpy(id, buf.data(), kK0);
             if (check(fd, static_cast<unsigned>(std::atoi(id)), 1) != 0) return 77;
         }
-        nisclose(fd);
-        nisunisam();
         return 0;
     }, 'r');
     for (int round = 0; round < kRounds; ++round) {
@@ -560,8 +562,6 @@ TEST_F(FileReads, AFileCutShortUnderAReaderGivesErrorsNotASignal) {
                 if (pass == 1) before = failed;
             }
         }
-        nisclose(fd);
-        nisunisam();
         return 0;
     }, 'r');
     struct stat st;
@@ -654,23 +654,15 @@ TEST_F(FileReads, WritersMissesAreCopiedFromTheMappingAlsoAfterTheFileGrew) {
     const pid_t r = hooked_reader([&](int fd) {
         const unsigned long loads0 = v_map_loads;
         const uint32_t reads0 = isam_com->sysread;
-        for (unsigned id = 0; id < ids_; ++id) {
-            const std::string rec = record(id, 2);
-            if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 71;
-        }
+        if (!put_range(fd, kUpdate, 0, ids_, 2)) return 71;
         if (v_map_loads - loads0 < ids_ / 4) return 72;                 // misses from the mapping
         if (isam_com->sysread - reads0 < v_map_loads - loads0) return 73;  // and counted as loads
         up_.signal('r');
         down_.wait();
         const unsigned long loads1 = v_map_loads, faults1 = v_map_faults;
-        for (unsigned id = 600; id < 3000; ++id) {
-            const std::string rec = record(id, 2);
-            if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 74;
-        }
+        if (!put_range(fd, kUpdate, 600, 3000, 2)) return 74;
         if (v_map_loads - loads1 < (3000 - 600) / 4) return 75;  // the new pages too
         if (v_map_faults != faults1) return 76;                  // never past the end
-        nisclose(fd);
-        nisunisam();
         return 0;
     }, 'r');
     grow_then_release(r);
@@ -712,11 +704,11 @@ TEST_F(FileReads, AFileCutShortUnderAWriterGivesErrorsNotASignal) {
         }
         if (failed == 0) return 74;
         if (v_map_faults == faults0) return 75;  // it met the cut in the mapping
-        return 0;                                // the file is left as the cut made it
+        return kLeftOpen;                        // the file is left as the cut made it
     }, 'r');
     ASSERT_EQ(::truncate(path_.c_str(), st.st_size / 2 / 4096 * 4096), 0);
     down_.signal('g');
-    EXPECT_EQ(kt::wait_child(r), 0);
+    EXPECT_EQ(kt::wait_child(r), kLeftOpen);
 }
 
 // ---- Write-backs through the mapping ------------------------------------------------------
@@ -757,23 +749,14 @@ TEST_F(MappedWrites, VictimsAndCheckpointsAreStoresThatReadersSee) {
         start(40, 1500, magic);
         EXPECT_EQ(in_child([&](int fd) {
                       count_page_writes(fd);
-                      for (unsigned id = 0; id < ids_; ++id) {
-                          const std::string rec = record(id, 2);
-                          if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 71;
-                      }
+                      if (!put_range(fd, kUpdate, 0, ids_, 2)) return 71;
                       if (v_map_stores < ids_ / 4) return 72;          // victims stored, ...
                       if (data_stores != v_map_stores) return 73;       // ... each seen as a write
                       if (data_pwrites > v_map_stores / 20) return 74;  // few write calls
                       // New pages past the file's end: write calls first, stores after.
                       const unsigned long stores0 = v_map_stores, pwrites0 = data_pwrites;
-                      for (unsigned id = 1500; id < 3000; ++id) {
-                          const std::string rec = record(id, 2);
-                          if (niswrite(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 75;
-                      }
-                      for (unsigned id = 1500; id < 3000; ++id) {
-                          const std::string rec = record(id, 3);
-                          if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 76;
-                      }
+                      if (!put_range(fd, kWrite, 1500, 3000, 2)) return 75;
+                      if (!put_range(fd, kUpdate, 1500, 3000, 3)) return 76;
                       if (data_pwrites == pwrites0) return 77;
                       if (v_map_stores - stores0 < 1500 / 4) return 78;
                       const unsigned long before_flush = v_map_stores;
@@ -955,15 +938,9 @@ TEST_F(MappedWrites, AStoreIntoAHoleOfAFullDiskGetsTheWriteCallsError) {
         const std::string file = dir + "/h.ism";
         int fd = niscreate(file.c_str(), 2, std::vector<int>{kK0, kK1}.data());
         if (fd < 0) return 1;
-        for (unsigned id = 0; id < 600; ++id) {
-            const std::string r = record(id, 1);
-            if (niswrite(fd, r.data(), static_cast<int>(r.size())) != 0) return 2;
-        }
+        if (!put_range(fd, kWrite, 0, 600, 1)) return 2;
         if (kt::write_back(fd) != 0) return 3;  // the file whole on the disk
-        for (unsigned id = 0; id < 600; ++id) {
-            const std::string r = record(id, 2);
-            if (nisupdate(fd, r.data(), static_cast<int>(r.size())) != 0) return 4;
-        }
+        if (!put_range(fd, kUpdate, 0, 600, 2)) return 4;
         // Four changed pages that fill one of the system's pages: punched out, they leave
         // a hole only the pool holds the bytes of.
         const int u = is_db[fd]->uniqueid;
@@ -1012,6 +989,16 @@ TEST_F(MappedWrites, AStoreIntoAHoleOfAFullDiskGetsTheWriteCallsError) {
 // Here the sync's failure is made at the OS layer and the disk's loss by putting the
 // file's bytes of before the calls back: the next start replays the log and the calls are
 // all there.
+// A disk that lost every page written since the file held `was`: its bytes put back in
+// place (the same file, which processes may have open), its size too.
+bool lose_since(const std::string& path, const std::string& was) {
+    const int f = ::open(path.c_str(), O_WRONLY);
+    const bool ok = f >= 0 && ::pwrite(f, was.data(), was.size(), 0) == static_cast<ssize_t>(was.size()) &&
+                    ::ftruncate(f, static_cast<off_t>(was.size())) == 0;
+    if (f >= 0) ::close(f);
+    return ok;
+}
+
 int failing_fd = -1;
 int failing_data_sync(int fd) {
     if (fd == failing_fd) {
@@ -1023,21 +1010,12 @@ int failing_data_sync(int fd) {
 
 TEST_F(MappedWrites, ACheckpointWhoseSyncFailsKeepsTheLog) {
     start(40, 600);
-    std::string before;
-    {
-        const int f = ::open(path_.c_str(), O_RDONLY);
-        ASSERT_GE(f, 0);
-        char buf[65536];
-        for (ssize_t n; (n = ::read(f, buf, sizeof buf)) > 0;) before.append(buf, static_cast<size_t>(n));
-        ::close(f);
-    }
+    const std::string before = kt::slurp(path_);
+    ASSERT_FALSE(before.empty());
     EXPECT_EQ(kt::run_child([&] {
                   const int fd = open();
                   if (fd < 0) return 70;
-                  for (unsigned id = 0; id < ids_; ++id) {
-                      const std::string rec = record(id, 2);
-                      if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 71;
-                  }
+                  if (!put_range(fd, kUpdate, 0, ids_, 2)) return 71;
                   if (v_map_stores == 0) return 72;
                   const int u = is_db[fd]->uniqueid;
                   failing_fd = is_pfi[u].pfi_osfd;
@@ -1050,26 +1028,9 @@ TEST_F(MappedWrites, ACheckpointWhoseSyncFailsKeepsTheLog) {
                   return 75;
               }),
               128 + SIGKILL);
-    // What the disk lost: every page write since the file was whole.
-    {
-        const int f = ::open(path_.c_str(), O_WRONLY);
-        ASSERT_GE(f, 0);
-        ASSERT_EQ(::pwrite(f, before.data(), before.size(), 0), static_cast<ssize_t>(before.size()));
-        ASSERT_EQ(::ftruncate(f, static_cast<off_t>(before.size())), 0);
-        ::close(f);
-    }
+    ASSERT_TRUE(lose_since(path_, before)) << "what the disk lost: every page write since the file was whole";
     EXPECT_EQ(in_child([&](int fd) { return read_all(fd, 2); }), 0);
     EXPECT_TRUE(kt::sound(path_));
-}
-
-// The file's bytes on disk, whole.
-std::string file_bytes(const std::string& path) {
-    std::string out;
-    const int f = ::open(path.c_str(), O_RDONLY);
-    char buf[65536];
-    for (ssize_t n; f >= 0 && (n = ::read(f, buf, sizeof buf)) > 0;) out.append(buf, static_cast<size_t>(n));
-    if (f >= 0) ::close(f);
-    return out;
 }
 
 // The kernel reports a failed write-back once, then takes the pages for clean and may drop
@@ -1085,10 +1046,7 @@ int more_calls(int fd, unsigned ids) {
         const std::string rec = record(id, 3);
         if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 76;
     }
-    for (unsigned id = ids; id < ids + 300; ++id) {
-        const std::string rec = record(id, 1);
-        if (niswrite(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 77;
-    }
+    if (!put_range(fd, kWrite, ids, ids + 300, 1)) return 77;
     return 0;
 }
 
@@ -1099,7 +1057,7 @@ TEST_F(MappedWrites, PagesAFailedSyncLostReachTheFileAtTheNextCheckpoint) {
                      : then == kMore ? "more calls after the failure"
                                      : "more calls of another process after the failure");
         start(40, 600);
-        const std::string before = file_bytes(path_);
+        const std::string before = kt::slurp(path_);
         ASSERT_FALSE(before.empty());
         kt::Pipe up, down;
         pid_t other = -1;
@@ -1121,10 +1079,7 @@ TEST_F(MappedWrites, PagesAFailedSyncLostReachTheFileAtTheNextCheckpoint) {
             ASSERT_EQ(up.wait(), 'o');
         }
         EXPECT_EQ(in_child([&](int fd) {
-                      for (unsigned id = 0; id < ids_; ++id) {
-                          const std::string rec = record(id, 2);
-                          if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 71;
-                      }
+                      if (!put_range(fd, kUpdate, 0, ids_, 2)) return 71;
                       if (v_map_stores == 0) return 72;  // victims went out before the sync
                       const int u = is_db[fd]->uniqueid;
                       failing_fd = is_pfi[u].pfi_osfd;
@@ -1132,12 +1087,7 @@ TEST_F(MappedWrites, PagesAFailedSyncLostReachTheFileAtTheNextCheckpoint) {
                       is_errno = 0;
                       if (kt::write_back(fd) == 0 || is_errno != ISE_FLWT) return 73;
                       kisam::os.fdatasync = kisam::os_real.fdatasync;  // the disk works again
-                      const int raw = ::open(path_.c_str(), O_WRONLY);
-                      if (raw < 0) return 74;
-                      if (::pwrite(raw, before.data(), before.size(), 0) != static_cast<ssize_t>(before.size()) ||
-                          ::ftruncate(raw, static_cast<off_t>(before.size())) != 0)
-                          return 75;
-                      ::close(raw);
+                      if (!lose_since(path_, before)) return 75;
                       return then == kMore ? more_calls(fd, ids_) : 0;  // then closed and detached
                   }),
                   0);

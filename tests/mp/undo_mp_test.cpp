@@ -91,6 +91,20 @@ protected:
         return n;
     }
 
+    // Call c on fd (file f) with the disk refusing every write from the call's last on --
+    // the log record that commits it --, as counted on a copy of the file written back
+    // first; the call's result.
+    int failing_from_commit(int fd, const std::string& f, const Call& c) {
+        EXPECT_EQ(kt::write_back(fd), 0);
+        const int writes = writes_of(slurp(f), c);
+        EXPECT_GE(writes, 1);
+        Faults fail;
+        fail.arm(Faults::kWrite, writes, Faults::kFromThenOn, ENOSPC);
+        const int rc = apply(fd, c);
+        EXPECT_TRUE(Faults::hit());
+        return rc;
+    }
+
     // Builds a 3-key file in this process and records, for each call worth testing, the
     // file before it (written back) and its records before and after; then detaches.
     std::vector<Target> build(const std::string& f) {
@@ -276,15 +290,10 @@ TEST_F(UndoTightPool, KillAtEveryPageWriteLeavesTheFileAsBefore) { kill_sweep();
 std::string fail_path;
 int control_writes_failed = 0;
 ssize_t failing_control_pwrite(int fd, const void* b, size_t n, off_t off) {
-    if (off == 0 && !fail_path.empty()) {
-        char link[64], target[4096];
-        std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-        const ssize_t len = ::readlink(link, target, sizeof target - 1);
-        if (len > 0 && std::string(target, static_cast<size_t>(len)) == fail_path) {
-            ++control_writes_failed;
-            errno = ENOSPC;
-            return -1;
-        }
+    if (off == 0 && !fail_path.empty() && kt::fd_path(fd) == fail_path) {
+        ++control_writes_failed;
+        errno = ENOSPC;
+        return -1;
     }
     return kisam::os_real.pwrite(fd, b, n, off);
 }
@@ -294,25 +303,14 @@ ssize_t failing_control_pwrite(int fd, const void* b, size_t n, off_t off) {
 // there, in the pool or, once writes succeed again, on the disk.
 TEST_F(Undo, AFailedControlPageWriteFailsTheCallAndUndoesIt) {
     const std::string f = path("c");
-    std::vector<int> lens = kL.lens();
-    int fd = niscreate(f.c_str(), 3, lens.data());
+    const int fd = create("c", kL.lens());
     ASSERT_GE(fd, 0);
     ASSERT_EQ(apply(fd, {"", kWrite, 1, 0, 500}), 0);
-    ASSERT_EQ(kt::write_back(fd), 0);
-    const std::string before = slurp(f);
     const ko::Model before_records = records_of(fd);
-    // The last page write of the call is its log record at the closing release.
-    const int writes = writes_of(before, {"", kWrite, 2, 0, 500});
-    ASSERT_GE(writes, 1);
-    {
-        Faults fail;
-        fail.arm(Faults::kWrite, writes, Faults::kFromThenOn, ENOSPC);
-        EXPECT_EQ(apply(fd, {"", kWrite, 2, 0, 500}), -1);
-        EXPECT_TRUE(Faults::hit());
-        EXPECT_EQ(is_errno, ISE_FLWT);
-        const std::vector<int> stack = kt::error_stack();
-        EXPECT_NE(std::find(stack.begin(), stack.end(), 0x2402), stack.end());
-    }
+    EXPECT_EQ(failing_from_commit(fd, f, {"", kWrite, 2, 0, 500}), -1);
+    EXPECT_EQ(is_errno, ISE_FLWT);
+    const std::vector<int> stack = kt::error_stack();
+    EXPECT_NE(std::find(stack.begin(), stack.end(), 0x2402), stack.end());
     char buf[600];
     std::string k2 = ko::record(kL, 2, 0, 500);
     EXPECT_EQ(nisfind(fd, 0, k2.data(), buf, sizeof buf), 0);
@@ -331,21 +329,11 @@ TEST_F(Undo, AFailedControlPageWriteFailsTheCallAndUndoesIt) {
 // hold nothing.
 TEST_F(Undo, ARollbackThatFailsIsCompletedByTheNextCall) {
     const std::string f = path("c");
-    std::vector<int> lens = kL.lens();
-    int fd = niscreate(f.c_str(), 3, lens.data());
+    const int fd = create("c", kL.lens());
     ASSERT_GE(fd, 0);
     for (int id = 0; id < 12; ++id) ASSERT_EQ(apply(fd, {"", kWrite, id, 0, 300}), 0);
-    ASSERT_EQ(kt::write_back(fd), 0);
-    const std::string before = slurp(f);
     const ko::Model before_records = records_of(fd);
-    const Call grow{"", kWrite, 50, 0, 9000};
-    const int writes = writes_of(before, grow);
-    {
-        Faults fail;
-        fail.arm(Faults::kWrite, writes, Faults::kFromThenOn, ENOSPC);
-        EXPECT_EQ(apply(fd, grow), -1);
-        EXPECT_TRUE(Faults::hit());
-    }
+    EXPECT_EQ(failing_from_commit(fd, f, {"", kWrite, 50, 0, 9000}), -1);
     EXPECT_EQ(records_of(fd), before_records);
     ASSERT_EQ(apply(fd, {"", kWrite, 60, 0, 400}), 0);
     ko::Model want = before_records;
@@ -360,18 +348,15 @@ TEST_F(Undo, ARollbackThatFailsIsCompletedByTheNextCall) {
 // next process finds every record the calls made.
 TEST_F(Undo, AFailedControlPageWriteBackKeepsTheCalls) {
     const std::string f = path("c");
-    std::vector<int> lens = kL.lens();
-    int fd = niscreate(f.c_str(), 3, lens.data());
+    const int fd = create("c", kL.lens());
     ASSERT_GE(fd, 0);
     for (int id = 0; id < 20; ++id) ASSERT_EQ(apply(fd, {"", kWrite, id, 0, 200 + 97 * id}), 0);
     ASSERT_EQ(nisflush(fd), 0);
     ASSERT_EQ(apply(fd, {"", kDelete, 3, 0, 0}), 0);
     ASSERT_EQ(apply(fd, {"", kUpdate, 4, 1, 2500}), 0);
     const ko::Model after = records_of(fd);
-    char real[4096];
-    const ssize_t len = ::realpath(f.c_str(), real) ? static_cast<ssize_t>(std::strlen(real)) : -1;
-    ASSERT_GT(len, 0);
-    fail_path = real;
+    fail_path = kt::real_path(f);
+    ASSERT_NE(fail_path, "");
     control_writes_failed = 0;
     kisam::os.pwrite = failing_control_pwrite;
     EXPECT_EQ(nisflush(fd), 0);
@@ -394,10 +379,7 @@ TEST_F(Undo, AFailedControlPageWriteBackKeepsTheCalls) {
 // call, and that takes further calls.  A checkpoint that went on would have started the
 // log anew over a file whose control page is older than its pages.
 int dying_log_sync(int fd) {
-    char link[64], target[4096];
-    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-    const ssize_t len = ::readlink(link, target, sizeof target - 1);
-    if (control_writes_failed > 0 && len > 3 && std::strncmp(target + len - 3, ".w0", 3) == 0) ::raise(SIGKILL);
+    if (control_writes_failed > 0 && kt::is_log_fd(fd)) ::raise(SIGKILL);
     return kisam::os_real.fdatasync(fd);
 }
 
@@ -405,8 +387,8 @@ TEST_F(Undo, AFailedCheckpointKeepsTheLogForTheReplayAfterACrash) {
     const std::string f = made("c", kL.lens());
     ko::Model want;
     for (int id = 0; id < 40; ++id) want[id] = ko::Rec{0, 200 + 61 * id};
-    char real[4096];
-    ASSERT_NE(::realpath(f.c_str(), real), nullptr);
+    const std::string real = kt::real_path(f);
+    ASSERT_NE(real, "");
     const int st = kt::run_child([&] {
         int fd = nisopen(f.c_str(), ISO_RDWR);
         if (fd < 0) return 1;

@@ -22,6 +22,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -337,6 +338,32 @@ void spit(const std::string& path, const std::string& bytes, mode_t mode) {
     ASSERT_EQ(::write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size())) << path;
     ::close(fd);
     ASSERT_EQ(::chmod(path.c_str(), mode), 0);
+}
+
+std::string fd_path(int fd) {
+    char link[64], name[PATH_MAX];
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    const ssize_t n = ::readlink(link, name, sizeof name);
+    return n > 0 ? std::string(name, static_cast<size_t>(n)) : std::string();
+}
+
+std::string real_path(const std::string& path) {
+    char real[PATH_MAX];
+    return ::realpath(path.c_str(), real) ? std::string(real) : std::string();
+}
+
+bool is_log_fd(int fd) {
+    const std::string p = fd_path(fd);
+    return p.size() > 3 && p.compare(p.size() - 3, 3, ".w0") == 0;
+}
+
+void drop_unwritten(int fd, const std::string& was) {
+    struct stat st;
+    if (::fstat(fd, &st) == 0 && static_cast<size_t>(st.st_size) > was.size()) {
+        const std::string zeros(static_cast<size_t>(st.st_size) - was.size(), '\0');
+        (void)!::pwrite(fd, zeros.data(), zeros.size(), static_cast<off_t>(was.size()));
+    }
+    (void)!::pwrite(fd, was.data(), was.size(), 0);
 }
 
 bool await(const std::function<bool()>& pred, int ms) {

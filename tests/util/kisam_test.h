@@ -159,6 +159,16 @@ void* shared_memory(size_t n);
 std::string slurp(const std::string& path);
 void spit(const std::string& path, const std::string& bytes, mode_t mode = 0600);
 
+// For the OS-layer hooks that pick out one file: the path an open descriptor names (""
+// when it cannot be told), and whether it is a redo log (its name ends in ".w0").
+std::string fd_path(int fd);
+bool is_log_fd(int fd);
+// The absolute path with no link in it, as fd_path gives it ("" when there is no such file).
+std::string real_path(const std::string& path);
+// Puts the file open at fd back to `was` as a disk that drops what it had not written
+// does when a sync fails: its bytes as they were, anything past them zeros.
+void drop_unwritten(int fd, const std::string& was);
+
 // A test with its own installation (configuration c, made by start(); SetUp makes the
 // default one), its children and a bound on its time.  At the end it kills and reaps
 // every child still held, detaches, and removes the segment with the directory.

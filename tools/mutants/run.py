@@ -3,7 +3,8 @@
 builds, runs the test suite as `make test` does and records which tests caught it.
 
     run.py [--tree DIR] [--build DIR] [--only ID,...] [--out results.tsv] [--jobs 2]
-           [--timeout S] [--wall S] [--resume]
+           [--timeout S] [--wall S] [--resume] [--include REGEX] [--exclude REGEX]
+           [--targets T,...]
     run.py --check [--tree DIR]            every snippet found exactly once, nothing run
     run.py --baseline [--tree DIR] [--build DIR]   the unmutated tree: build and suite
     run.py --compare before.tsv after.tsv
@@ -226,6 +227,8 @@ class Runner:
         self.timeout = args.timeout
         self.wall = args.wall
         self.exclude = args.exclude
+        self.include = args.include
+        self.targets = [t for t in args.targets.split(",") if t] if args.targets else []
         self.retries = args.retries
         self.logs = args.logs
         if self.logs:
@@ -261,7 +264,10 @@ class Runner:
             sys.exit("mutants: configuring the build tree failed")
 
     def build_tree(self, wall):
-        return run_group(["cmake", "--build", self.build, "-j", str(self.jobs)], wall)
+        cmd = ["cmake", "--build", self.build, "-j", str(self.jobs)]
+        for t in self.targets:
+            cmd += ["--target", t]
+        return run_group(cmd, wall)
 
     def suite(self, stop_on_failure):
         home = tempfile.mkdtemp(dir=self.scratch)
@@ -273,6 +279,8 @@ class Runner:
             # A test counts as failed only when it fails this many times in a row: a test
             # that a busy machine makes fail once now and then catches nothing.
             cmd += ["--repeat", f"until-pass:{self.retries}"]
+        if self.include:
+            cmd += ["-R", self.include]
         if self.exclude:
             cmd += ["-E", self.exclude]
         try:
@@ -381,6 +389,12 @@ def main():
     ap.add_argument("--timeout", type=int, default=120, help="ctest's per-test timeout (s)")
     ap.add_argument("--wall", type=int, default=1200, help="wall limit of a build or a suite (s)")
     ap.add_argument("--exclude", default="", help="ctest -E regex of tests not to run")
+    ap.add_argument("--targets", default="",
+                    help="comma-separated build targets: with --include, only the programs of the "
+                         "tests it selects need building (the build tree must have been built whole once)")
+    ap.add_argument("--include", default="",
+                    help="ctest -R regex: run only these tests (what a chosen set of tests "
+                         "catches on its own)")
     ap.add_argument("--retries", type=int, default=2,
                     help="a test fails only when it fails this many runs in a row (ctest --repeat)")
     ap.add_argument("--logs", help="directory for each mutant's build or ctest output")

@@ -1,10 +1,14 @@
-// The redo log's zeros: the log grows ahead of its records, by whoever ends a call near
-// the end of the zeros, after that call has given the file's control lock up, and each
-// growth reaches the disk by a sync of its own.  So the sync of a durable call never
-// carries a change of the log's size, no call grows the log while it holds the control
-// lock, and zeros written by one process never land on records that another appended
-// meanwhile.  Real processes, real shared memory; the log's writes and syncs are watched
-// through the OS layer.
+// The redo log's size.  Its zeros: the log grows ahead of its records, by whoever ends
+// a call near the end of the zeros, after that call has given the file's control lock
+// up, and each growth reaches the disk by a sync of its own.  So the sync of a durable
+// call never carries a change of the log's size, no call grows the log while it holds
+// the control lock, and zeros written by one process never land on records that another
+// appended meanwhile.  Its limit: a file is checkpointed by default once its log has
+// grown as large as the file itself (at least 64 MiB), so that a large file is not
+// brought up to date on disk, with every page of it logged whole again afterwards, every
+// 64 MiB of calls; with KISAM_LOG_LIMIT set, once the log reaches that size whatever the
+// file's.  Real processes, real shared memory; the log's writes and syncs are watched
+// through the OS layer, its generation at every call.
 #include "../engine/open_fixture.h"
 #include "oracle.h"
 
@@ -16,6 +20,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -41,18 +46,10 @@ struct Watch {
 };
 Watch w;
 
-bool is_log(int fd) {
-    char link[64], name[4096];
-    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-    const ssize_t n = ::readlink(link, name, sizeof name - 1);
-    if (n <= 0) return false;
-    name[n] = '\0';
-    const size_t len = static_cast<size_t>(n);
-    return len > 3 && std::strcmp(name + len - 3, ".w0") == 0;
-}
+using kt::is_log_fd;
 
 ssize_t watched_pwrite(int fd, const void* buf, size_t n, off_t off) {
-    if (is_log(fd)) {
+    if (is_log_fd(fd)) {
         struct stat st;
         if (::fstat(fd, &st) == 0 && off + static_cast<off_t>(n) > st.st_size) {
             ++w.grew;
@@ -73,7 +70,7 @@ ssize_t watched_pwrite(int fd, const void* buf, size_t n, off_t off) {
 }
 
 int watched_fdatasync(int fd) {
-    if (is_log(fd)) {
+    if (is_log_fd(fd)) {
         ++w.syncs;
         // The growth's own sync follows its zeros (and may take along records that
         // were waiting); any other sync must find the log's size as it was.
@@ -178,7 +175,7 @@ TEST_F(LogZeros, ZerosWrittenAheadNeverCoverARecordOfAnother) {
 // the file (SIGBUS).  Once the disk has room again the calls go on, and every call that
 // returned is in the file.
 ssize_t full_past_first_stretch(int fd, const void* buf, size_t n, off_t off) {
-    if (is_log(fd) && off >= (off_t{1} << 20)) {
+    if (is_log_fd(fd) && off >= (off_t{1} << 20)) {
         errno = ENOSPC;
         return -1;
     }
@@ -207,6 +204,105 @@ TEST_F(LogZeros, AFullDiskFailsTheCallThatFindsNoRoomNeverAStorePastTheEnd) {
     EXPECT_EQ(nisclose(fd), 0);
     nisunisam();
     EXPECT_TRUE(kt::sound(path("f")));
+}
+
+// ---- when the log is checkpointed -----------------------------------------------------
+//
+// Each call is watched: a checkpoint comes exactly when it is due, never earlier, never
+// skipped.
+
+constexpr int kBig = 8000;   // eight pages a record: the file and its log grow fast
+constexpr uint64_t kMiB = uint64_t{1} << 20;
+
+// Sets (or, with null, removes) KISAM_LOG_LIMIT for the life of a scope; the library
+// reads it when the process attaches.
+struct LimitEnv {
+    explicit LimitEnv(const char* v) {
+        if (v) ::setenv("KISAM_LOG_LIMIT", v, 1);
+        else ::unsetenv("KISAM_LOG_LIMIT");
+    }
+    ~LimitEnv() { ::unsetenv("KISAM_LOG_LIMIT"); }
+};
+
+// What the calls on one file did to its log's generation.
+struct Checkpoints {
+    int calls = 0;
+    int checkpoints = 0;
+    int past = 0;          // checkpoints of a file larger than `past_at` bytes
+    uint64_t past_at = 0;
+};
+
+// One changing call (op), checked against the rule: it checkpoints the file first exactly
+// when the log held at least `limit(file's end)` bytes when it began.
+template <class Op, class Limit>
+void watched(int fd, Checkpoints& cp, Limit limit, Op op) {
+    const isx_file* x = kisam::isx_file_of(is_db[fd]->uniqueid);
+    const IS_FCP* fcp = ot::shared_fcp(fd);
+    const uint32_t gen = x->xf_log_gen;
+    const uint64_t bytes = x->xf_log_end - x->xf_log_start;
+    const uint64_t last = fcp->is_lastpage;
+    ASSERT_EQ(op(), 0) << "call " << cp.calls << ": " << is_errno;
+    ++cp.calls;
+    const bool due = bytes >= limit(last);
+    const bool done = x->xf_log_gen != gen;
+    ASSERT_EQ(done, due) << "call " << cp.calls << ": log of " << bytes << " bytes, file of " << last
+                         << " bytes, limit " << limit(last);
+    if (done) {
+        ++cp.checkpoints;
+        if (last > cp.past_at) ++cp.past;
+    }
+}
+
+class LogLimit : public ot::Env {};
+
+// By default: the first checkpoint at 64 MiB of log while the file is smaller; once the
+// file is larger, not before the log is as large as the file.  Every record reads back.
+TEST_F(LogLimit, ALogGrowsAsLargeAsItsFileBeforeACheckpoint) {
+    bound(300);
+    const LimitEnv env(nullptr);
+    int fd = create("f", {8});
+    ASSERT_GE(fd, 0) << is_errno;
+    Checkpoints cp;
+    cp.past_at = 65 * kMiB;  // well past 64 MiB: a limit stuck there would show
+    const auto limit = [](uint64_t last) { return last < 64 * kMiB ? 64 * kMiB : last; };
+    int n = 0;
+    // Inserts until the file passes 66 MiB, then updates in turn (each logs its record's
+    // pages again) until the log has caught up with the file once more.
+    while (ot::shared_fcp(fd)->is_lastpage < 66 * kMiB) {
+        watched(fd, cp, limit, [&] { return niswrite(fd, ko::record(kL, n, 0, kBig).data(), kBig); });
+        if (HasFatalFailure()) return;
+        ++n;
+    }
+    for (int i = 0, gen = 1; cp.past < 1; ++i) {
+        ASSERT_LT(i, 4 * n) << "the log never caught up with the file";
+        if (i == n) i = 0, ++gen;
+        watched(fd, cp, limit, [&] { return nisupdate(fd, ko::record(kL, i, gen, kBig).data(), kBig); });
+        if (HasFatalFailure()) return;
+    }
+    EXPECT_GE(cp.checkpoints, 2) << "no checkpoint while the file was below 64 MiB";
+    for (int i = 0; i < n; i += 61) EXPECT_NE(ko::find(fd, kL, i).gen, -1) << i;
+    EXPECT_EQ(nisclose(fd), 0);
+    const kisam::check::Report r = kisam::check::check_file(path("f"));
+    EXPECT_TRUE(r.ok) << r.error;
+    EXPECT_EQ(r.records, n);
+}
+
+// KISAM_LOG_LIMIT sets the limit whatever the file's size: 1 MiB here, below the file.
+TEST_F(LogLimit, KisamLogLimitSetsItWhateverTheFilesSize) {
+    bound(120);
+    const LimitEnv env("1048576");
+    int fd = create("f", {8});
+    ASSERT_GE(fd, 0) << is_errno;
+    Checkpoints cp;
+    cp.past_at = 2 * kMiB;
+    const auto limit = [](uint64_t) { return kMiB; };
+    for (int i = 0; i < 600; ++i) {
+        watched(fd, cp, limit, [&] { return niswrite(fd, ko::record(kL, i, 0, kBig).data(), kBig); });
+        if (HasFatalFailure()) return;
+    }
+    EXPECT_GE(cp.past, 2) << "no checkpoint of a file larger than the limit";
+    for (int i = 0; i < 600; i += 37) EXPECT_NE(ko::find(fd, kL, i).gen, -1) << i;
+    EXPECT_EQ(nisclose(fd), 0);
 }
 
 }  // namespace
