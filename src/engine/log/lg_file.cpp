@@ -152,8 +152,19 @@ void size_unlock(int fd) noexcept {
     errno = e;
 }
 
+// Where zeros written from `size` on end: past `need`, and a stretch past `size` (a
+// quarter of it, kExtend to kMaxStretch) as far as the mapping's window reaches, all in
+// whole kExtend.  A log grows to its checkpoint limit once and is then used again from
+// its start, so the stretches only shape how many syncs that growth costs.
+off_t stretch_end(off_t size, off_t need, off_t window) noexcept {
+    const off_t at_least = (need + kExtend - 1) / kExtend * kExtend;
+    const off_t step = std::clamp(size / 4 / kExtend * kExtend, kExtend, kMaxStretch);
+    const off_t ahead = std::min((size + step + kExtend - 1) / kExtend * kExtend, window);
+    return std::max(at_least, ahead);
+}
+
 // Under the size lock: the zeros of log u reach at least `need` bytes, rounded up to
-// kExtend, and are on disk.  0; -1 with errno.
+// kExtend (stretch_end), and are on disk.  0; -1 with errno.
 //
 // The size is the one known in the shared state (zeros(u)): every record lies below it
 // (appends store only there), so zeros written from it on never cover one, and a grower
@@ -179,7 +190,7 @@ int grow_locked(int u, int fd, off_t need) noexcept {
     // log's tail lies in it -- each of its 4 KiB pages then faults again at its next
     // store, so the smaller the folio, the fewer.  Never touched, the buffer costs no memory.
     static char blank[kZeroChunk];
-    const off_t to = (need + kExtend - 1) / kExtend * kExtend;
+    const off_t to = stretch_end(size, need, static_cast<off_t>(fds.window));
     for (off_t o = size; o < to;) {
         const off_t room = kZeroChunk - o % kZeroChunk;
         const size_t n = static_cast<size_t>(to - o < room ? to - o : room);

@@ -193,11 +193,16 @@ bool fds_ready() noexcept;
 
 inline int fail(int code, int detail) noexcept { return is_raise(code, PROC(P_ISFLUSH, detail)); }
 
-// The log is written ahead of its records in zeros, kExtend at a time, synced on their
-// own: a record then overwrites blocks the file already has, and the sync of a durable
-// call carries no change of the file's size or block map (an append that grows the file
-// costs the file system a journal commit of its own at every sync).
+// The log is written ahead of its records in zeros, in stretches of whole kExtend, synced
+// on their own: a record then overwrites blocks the file already has, and the sync of a
+// durable call carries no change of the file's size or block map (an append that grows
+// the file costs the file system a journal commit of its own at every sync).
 constexpr off_t kExtend = off_t{1} << 20;
+// A stretch is a quarter of the zeros already written, from kExtend up to kMaxStretch
+// (grow_locked): each sync of a stretch waits for the disk's cache flush, which costs
+// more than a MiB of zeros, so a log that has grown large grows by fewer, larger
+// stretches, while a small one takes little disk ahead of its records.
+constexpr off_t kMaxStretch = 8 * kExtend;
 // The zeros go out in writes of this size (lg_file.cpp, grow_locked).
 constexpr off_t kZeroChunk = off_t{64} << 10;
 // A call that ends with its log's tail closer than this to the end of the zeros writes
