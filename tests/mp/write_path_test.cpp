@@ -114,4 +114,40 @@ TEST_F(WritePath, ALargeLogGrowsByLargerStretchesEachSyncedOnItsOwn) {
     EXPECT_TRUE(kt::sound(path("f")));
 }
 
+// A disk with room for the zeros a record needs but not for the whole stretch: the
+// growth falls back to what was asked for, so the calls go on as far as the disk allows
+// rather than failing a stretch short of it.  Past that, the call that finds no room
+// fails having changed nothing, and every call that returned is in the file.
+ssize_t full_past_9mib(int fd, const void* buf, size_t n, off_t off) {
+    if (is_log(fd) && off + static_cast<off_t>(n) > 9 * kMiB) {
+        errno = ENOSPC;
+        return -1;
+    }
+    return kisam::os_real.pwrite(fd, buf, n, off);
+}
+
+TEST_F(WritePath, ADiskWithNoRoomForAWholeStretchStillTakesWhatARecordNeeds) {
+    int fd = create("f", {8});
+    ASSERT_GE(fd, 0) << is_errno;
+    kisam::os.pwrite = full_past_9mib;
+    int stored = 0, code = 0;
+    for (; stored < 40000; ++stored) {
+        if (niswrite(fd, ko::record(kL, stored, 0, kLen).data(), kLen) != 0) {
+            code = is_errno;
+            break;
+        }
+    }
+    kisam::os = kisam::os_real;
+    ASSERT_LT(stored, 40000) << "the log never met the full disk: the test proves nothing";
+    EXPECT_EQ(code, ISE_FLWT);
+    // From 8 MiB the stretch would be 2 MiB, of which only one fits.
+    EXPECT_EQ(std::atomic_ref<uint64_t>(kisam::isx_sync_of(0)->xs_zeros).load(), static_cast<uint64_t>(9 * kMiB))
+        << "the zeros stopped short of what the disk could hold";
+    EXPECT_FALSE(ko::find(fd, kL, stored) == (ko::Rec{0, kLen})) << "the failed call left its record";
+    for (int i = 0; i < stored; i += 97) EXPECT_TRUE(ko::find(fd, kL, i) == (ko::Rec{0, kLen})) << i;
+    EXPECT_EQ(nisclose(fd), 0);
+    nisunisam();
+    EXPECT_TRUE(kt::sound(path("f")));
+}
+
 }  // namespace

@@ -190,12 +190,22 @@ int grow_locked(int u, int fd, off_t need) noexcept {
     // log's tail lies in it -- each of its 4 KiB pages then faults again at its next
     // store, so the smaller the folio, the fewer.  Never touched, the buffer costs no memory.
     static char blank[kZeroChunk];
-    const off_t to = stretch_end(size, need, static_cast<off_t>(fds.window));
-    for (off_t o = size; o < to;) {
-        const off_t room = kZeroChunk - o % kZeroChunk;
-        const size_t n = static_cast<size_t>(to - o < room ? to - o : room);
-        if (kisam::os_pwrite_full(fd, blank, n, o) != 0) return -1;
-        o += static_cast<off_t>(n);
+    const auto write_zeros = [&](off_t to) {
+        for (off_t o = size; o < to;) {
+            const off_t room = kZeroChunk - o % kZeroChunk;
+            const size_t n = static_cast<size_t>(to - o < room ? to - o : room);
+            if (kisam::os_pwrite_full(fd, blank, n, o) != 0) return -1;
+            o += static_cast<off_t>(n);
+        }
+        return 0;
+    };
+    off_t to = stretch_end(size, need, static_cast<off_t>(fds.window));
+    if (write_zeros(to) != 0) {
+        // A disk too full for the whole stretch may still hold what was asked for.  (Not
+        // after a failed sync: the next one could pass over what the first lost.)
+        const off_t at_least = (need + kExtend - 1) / kExtend * kExtend;
+        if (to <= at_least || write_zeros(at_least) != 0) return -1;
+        to = at_least;
     }
     if (kisam::os_fdatasync(fd) != 0) return -1;
     zeros(u).store(static_cast<uint64_t>(to), std::memory_order_release);
