@@ -31,14 +31,12 @@ int bt_insert(int keyno, PAGE page, char* item, int depth, int forcef) noexcept;
 // Before the inserts of one record's items into several trees (a write): descends the
 // trees of keys keynos[0..n) towards items[i] all at once, a level at a time, through the
 // pages the pool holds, so that the misses of the caches of one level overlap instead of
-// following one another; with `hints`, each leaf reached becomes its cursor's hint,
-// which the next bt_insert of that key tries first.  Reads only, and decides nothing: a
-// page the pool does not hold ends that tree's descent, and the insert checks its hint as
-// any other.  Without `hints` (descents that a delete will take, several of one key) it
-// only brings the pages' lines into the processor's caches.  At most kBtWarmTrees
-// descents; items need not have their pad byte zeroed.
+// following one another; each leaf reached becomes its cursor's hint, which the next
+// bt_insert of that key tries first.  Reads only, and decides nothing: a page the pool
+// does not hold ends that tree's descent, and the insert checks its hint as any other.
+// At most kBtWarmTrees trees; items need not have their pad byte zeroed.
 inline constexpr int kBtWarmTrees = 8;
-void bt_warm(int n, const int* keynos, const char* const* items, bool hints = true) noexcept;
+void bt_warm(int n, const int* keynos, const char* const* items) noexcept;
 // New root page: pointer 0 = page, item 0 = item, pointer 1 = oldpage; sets k_root.
 int newroot(int keyno, PAGE page, char* item, PAGE oldpage, IS_KEY* kfp) noexcept;
 // delete: 0 done, -1 failure (ISE_BTNP when the item is absent).

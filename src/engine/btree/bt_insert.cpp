@@ -81,11 +81,9 @@ PAGE warm_child(const IS_DATA* d, int n, int inc, const char* key, int ncomp) {
 
 }  // namespace
 
-void bt_warm(int n, const int* keynos, const char* const* items, bool hints) noexcept {
-    if (hints) {
-        warm_db = is_curdb;
-        warm_keys = 0;
-    }
+void bt_warm(int n, const int* keynos, const char* const* items) noexcept {
+    warm_db = is_curdb;
+    warm_keys = 0;
     if (n > kBtWarmTrees) n = kBtWarmTrees;
     PAGE at[kBtWarmTrees];
     const IS_KEY* kp[kBtWarmTrees];
@@ -115,10 +113,8 @@ void bt_warm(int n, const int* keynos, const char* const* items, bool hints) noe
             }
             if (bt_ptr(d[i], 0, inc) == KISAM_NOPAGE) {
                 // A leaf: where the insert begins.
-                if (hints) {
-                    kisam::db_cursor(is_curdb, keyno)->currpage = at[i];
-                    if (keyno >= 0 && keyno < kBtWarmTrees) warm_keys |= uint32_t{1} << keyno;
-                }
+                kisam::db_cursor(is_curdb, keyno)->currpage = at[i];
+                if (keyno >= 0 && keyno < kBtWarmTrees) warm_keys |= uint32_t{1} << keyno;
                 at[i] = KISAM_NOPAGE;
                 continue;
             }

@@ -18,35 +18,6 @@ namespace {
 
 constexpr int kTbufSize = 1536;
 
-// The alternate items of the record being deleted, for bt_warm.  Static: nothing is
-// allocated in a call.
-constexpr int kWarmItem = 256;
-char warm_area[kBtWarmTrees][kWarmItem];
-
-// Asks at once for the pages the take-outs of the alternate items (key fields at `p`)
-// will descend through: each tree's levels would otherwise miss the processor's caches
-// one after the other, tree after tree.  Only the lines are asked for.
-void warm_alternates(const char* primekey, const char* p) {
-    IS_FCP* fcp = is_curfcp;
-    const IS_KEY* k0 = fcp_key(fcp, 0);
-    const int n = fcp->is_nkeys - 1 < kBtWarmTrees ? fcp->is_nkeys - 1 : kBtWarmTrees;
-    if (n < 2) return;  // one tree: nothing to overlap
-    int keynos[kBtWarmTrees];
-    const char* items[kBtWarmTrees];
-    for (int k = 0; k < n; ++k) {
-        const IS_KEY* ki = fcp_key(fcp, k + 1);
-        if (ki->k_itemlen > kWarmItem || ki->k_itemlen < ki->k_ncomp) return;
-        char* it = warm_area[k];
-        std::memset(it, 0, static_cast<size_t>(ki->k_itemlen));
-        std::memcpy(it, p, static_cast<size_t>(ki->k_keylen));
-        std::memcpy(it + ki->k_offset, primekey, static_cast<size_t>(k0->k_keylen));
-        keynos[k] = k + 1;
-        items[k] = it;
-        p += ki->k_keylen;
-    }
-    bt_warm(n, keynos, items, false);
-}
-
 int delete_items(const char* primekey, char* buf, PAGE addr) {
     IS_FCP* fcp = is_curfcp;
     IS_DB* db = is_curdb;
@@ -64,7 +35,6 @@ int delete_items(const char* primekey, char* buf, PAGE addr) {
 
     if (fcp->is_nkeys < 2) return 0;
     const char* p = (fcp->is_optbits & ISO_KEYOPT) ? buf : buf + k0->k_keylen;
-    warm_alternates(primekey, p);
     for (int i = 1; i < fcp->is_nkeys; ++i) {
         const IS_KEY* ki = fcp_key(fcp, i);
         std::memset(temp, 0, static_cast<size_t>(ki->k_itemlen));

@@ -50,40 +50,6 @@ void alt_item(char* temp, const IS_KEY* ki, const char* value, const IS_KEY* k0,
     std::memcpy(temp + ki->k_offset, key0, static_cast<size_t>(k0->k_keylen));
 }
 
-// The items of a record under each key, for bt_warm: built apart from db->temp, which
-// the inserts use.  Static, as the B-tree's carried item: nothing is allocated in a call.
-constexpr int kWarmItem = 256;
-char warm_area[kBtWarmTrees][kWarmItem];
-
-// Before an update re-indexes the alternate keys whose values changed: asks at once for
-// the pages of both descents of each (the old item's, which goes, and the new one's),
-// which would otherwise each miss the processor's caches a level at a time, one after
-// the other.  Only the lines are asked for; the descents decide everything.
-void warm_changed(const char* record, const char* po) {
-    IS_FCP* fcp = is_curfcp;
-    const IS_KEY* k0 = fcp_key(fcp, 0);
-    int keynos[kBtWarmTrees];
-    const char* items[kBtWarmTrees];
-    int n = 0;
-    const char* pn = record + k0->k_keylen;
-    for (int i = 1; i < fcp->is_nkeys && n + 2 <= kBtWarmTrees; ++i) {
-        const IS_KEY* ki = fcp_key(fcp, i);
-        const size_t len = static_cast<size_t>(ki->k_keylen);
-        if (ki->k_itemlen > kWarmItem || ki->k_itemlen < ki->k_ncomp) return;
-        if (std::memcmp(po, pn, len) != 0) {
-            alt_item(warm_area[n], ki, po, k0, record);
-            alt_item(warm_area[n + 1], ki, pn, k0, record);
-            keynos[n] = keynos[n + 1] = i;
-            items[n] = warm_area[n];
-            items[n + 1] = warm_area[n + 1];
-            n += 2;
-        }
-        po += len;
-        pn += len;
-    }
-    if (n >= 2) bt_warm(n, keynos, items, false);
-}
-
 // Takes out and puts in again the item of every alternate key whose value differs
 // between the old key fields at `po` (key 1 on) and the record's; the codes are pushed
 // when a take-out or a put-in fails.
@@ -93,7 +59,6 @@ int reindex_changed(const char* record, const char* po, int out_code, int in_cod
     const IS_KEY* k0 = fcp_key(fcp, 0);
     char* temp = db->temp;
     const char* pn = record + k0->k_keylen;
-    warm_changed(record, po);
     for (int i = 1; i < fcp->is_nkeys; ++i) {
         const IS_KEY* ki = fcp_key(fcp, i);
         const size_t len = static_cast<size_t>(ki->k_keylen);
@@ -151,6 +116,11 @@ int put_data(const char* record, int recsize, PAGE* addr) {
     *addr = dr_put(keyopt ? record + kl0 : record, dlen);
     return *addr == KISAM_NOPAGE ? is_push(PROC(P_IS_WRITE, 3)) : 0;
 }
+
+// The items of a record under each key, for bt_warm: built apart from db->temp, which
+// the inserts use.  Static, as the B-tree's carried item: nothing is allocated in a call.
+constexpr int kWarmItem = 256;
+char warm_area[kBtWarmTrees][kWarmItem];
 
 // Asks the memory at once for the pages the inserts of record's items will descend
 // through (bt_warm): a record's keys lie in trees of their own, whose leaves are each a
