@@ -152,8 +152,19 @@ void size_unlock(int fd) noexcept {
     errno = e;
 }
 
+// Where zeros written from `size` on end: past `need`, and a stretch past `size` (a
+// quarter of it, kExtend to kMaxStretch) as far as the mapping's window reaches, all in
+// whole kExtend.  A log grows to its checkpoint limit once and is then used again from
+// its start, so the stretches only shape how many syncs that growth costs.
+off_t stretch_end(off_t size, off_t need, off_t window) noexcept {
+    const off_t at_least = (need + kExtend - 1) / kExtend * kExtend;
+    const off_t step = std::clamp(size / 4 / kExtend * kExtend, kExtend, kMaxStretch);
+    const off_t ahead = std::min((size + step + kExtend - 1) / kExtend * kExtend, window);
+    return std::max(at_least, ahead);
+}
+
 // Under the size lock: the zeros of log u reach at least `need` bytes, rounded up to
-// kExtend, and are on disk.  0; -1 with errno.
+// kExtend (stretch_end), and are on disk.  0; -1 with errno.
 //
 // The size is the one known in the shared state (zeros(u)): every record lies below it
 // (appends store only there), so zeros written from it on never cover one, and a grower
@@ -179,12 +190,22 @@ int grow_locked(int u, int fd, off_t need) noexcept {
     // log's tail lies in it -- each of its 4 KiB pages then faults again at its next
     // store, so the smaller the folio, the fewer.  Never touched, the buffer costs no memory.
     static char blank[kZeroChunk];
-    const off_t to = (need + kExtend - 1) / kExtend * kExtend;
-    for (off_t o = size; o < to;) {
-        const off_t room = kZeroChunk - o % kZeroChunk;
-        const size_t n = static_cast<size_t>(to - o < room ? to - o : room);
-        if (kisam::os_pwrite_full(fd, blank, n, o) != 0) return -1;
-        o += static_cast<off_t>(n);
+    const auto write_zeros = [&](off_t to) {
+        for (off_t o = size; o < to;) {
+            const off_t room = kZeroChunk - o % kZeroChunk;
+            const size_t n = static_cast<size_t>(to - o < room ? to - o : room);
+            if (kisam::os_pwrite_full(fd, blank, n, o) != 0) return -1;
+            o += static_cast<off_t>(n);
+        }
+        return 0;
+    };
+    off_t to = stretch_end(size, need, static_cast<off_t>(fds.window));
+    if (write_zeros(to) != 0) {
+        // A disk too full for the whole stretch may still hold what was asked for.  (Not
+        // after a failed sync: the next one could pass over what the first lost.)
+        const off_t at_least = (need + kExtend - 1) / kExtend * kExtend;
+        if (to <= at_least || write_zeros(at_least) != 0) return -1;
+        to = at_least;
     }
     if (kisam::os_fdatasync(fd) != 0) return -1;
     zeros(u).store(static_cast<uint64_t>(to), std::memory_order_release);

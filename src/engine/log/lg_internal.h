@@ -193,15 +193,20 @@ bool fds_ready() noexcept;
 
 inline int fail(int code, int detail) noexcept { return is_raise(code, PROC(P_ISFLUSH, detail)); }
 
-// The log is written ahead of its records in zeros, kExtend at a time, synced on their
-// own: a record then overwrites blocks the file already has, and the sync of a durable
-// call carries no change of the file's size or block map (an append that grows the file
-// costs the file system a journal commit of its own at every sync).
+// The log is written ahead of its records in zeros, in stretches of whole kExtend, synced
+// on their own: a record then overwrites blocks the file already has, and the sync of a
+// durable call carries no change of the file's size or block map (an append that grows
+// the file costs the file system a journal commit of its own at every sync).
 constexpr off_t kExtend = off_t{1} << 20;
+// A stretch is a quarter of the zeros already written, from kExtend up to kMaxStretch
+// (grow_locked): each sync of a stretch waits for the disk's cache flush, which costs
+// more than a MiB of zeros, so a log that has grown large grows by fewer, larger
+// stretches, while a small one takes little disk ahead of its records.
+constexpr off_t kMaxStretch = 8 * kExtend;
 // The zeros go out in writes of this size (lg_file.cpp, grow_locked).
 constexpr off_t kZeroChunk = off_t{64} << 10;
 // A call that ends with its log's tail closer than this to the end of the zeros writes
-// the next kExtend of them after it has given the control lock up (extend_ahead), so
+// the next stretch of them after it has given the control lock up (extend_ahead), so
 // that no call extends the log while it holds the lock.
 constexpr off_t kAhead = kExtend / 2;
 // The most address space a log's mapping takes in a process.
@@ -224,7 +229,7 @@ inline uint64_t limit_of(const IS_FCP* fcp) noexcept {
 // The log's zeros reach at least `need` bytes, on disk (0; -1 with errno).  Waits for
 // an extension another process is making.
 int extend(int u, int fd, off_t need) noexcept;
-// Outside the control lock: the zeros of log u taken kExtend further when its tail has
+// Outside the control lock: the zeros of log u taken a stretch further when its tail has
 // come within kAhead of their end, unless another process is doing it.  Failures are
 // left to the append that would need the zeros (extend).
 void extend_ahead(int u) noexcept;
