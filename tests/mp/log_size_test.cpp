@@ -19,6 +19,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
@@ -29,6 +30,7 @@ namespace {
 namespace ko = kt::oracle;
 const ko::Layout kL{8, 0, 0};   // one key: the id
 constexpr int kLen = 900;       // records big enough that the log passes several MiB
+constexpr uint64_t kMiB = uint64_t{1} << 20;
 
 int put(int fd, int id) { return niswrite(fd, ko::record(kL, id, 0, kLen).data(), kLen); }
 bool present(int fd, int id) { return ko::find(fd, kL, id) == ko::Rec{0, kLen}; }
@@ -36,13 +38,17 @@ using kt::Durable;
 
 // What the watched process did to its log (the file whose name ends in ".w0").
 struct Watch {
+    off_t size = 0;            // the log's size as its writes made it
+    off_t synced_size = 0;     // ... at the last sync that followed a growth
+    off_t largest = 0;         // the largest growth so synced: one stretch
     int grew = 0;              // writes that took the log past its size
     int grew_nonzero = 0;      // ... with anything but zeros in them
     int grew_under_lock = 0;   // ... while the file's control lock was held
+    int growths = 0;           // syncs that followed a growth: one per stretch
     int syncs = 0;             // syncs of the log
-    int mixed = 0;             // syncs of records that also carry a growth
-    bool grown = false;        // since the log's last sync
-    bool last_grew = false;    // the log's latest write was a growth
+    int mixed = 0;             // growths whose sync came after a write of a record
+    bool grown = false;        // a growth since the log's last sync
+    bool wrote_after = false;  // ... and a record written after it
 };
 Watch w;
 
@@ -53,29 +59,31 @@ ssize_t watched_pwrite(int fd, const void* buf, size_t n, off_t off) {
         struct stat st;
         if (::fstat(fd, &st) == 0 && off + static_cast<off_t>(n) > st.st_size) {
             ++w.grew;
-            w.grown = w.last_grew = true;
+            w.grown = true;
+            w.size = std::max(w.size, off + static_cast<off_t>(n));
             const char* p = static_cast<const char*>(buf);
-            for (size_t i = 0; i < n; ++i)
-                if (p[i] != 0) {
-                    ++w.grew_nonzero;
-                    break;
-                }
+            if (std::any_of(p, p + n, [](char c) { return c != 0; })) ++w.grew_nonzero;
             if (isx_area && std::atomic_ref<uint32_t>(kisam::isx_file_of(0)->xf_ctl_word).load() != 0)
                 ++w.grew_under_lock;
-        } else {
-            w.last_grew = false;
+        } else if (w.grown) {
+            w.wrote_after = true;
         }
     }
     return kisam::os_real.pwrite(fd, buf, n, off);
 }
 
+// The growth's own sync follows its zeros; a sync that would also carry records written
+// after them (a durable call's) must find the log's size as it was.
 int watched_fdatasync(int fd) {
     if (is_log_fd(fd)) {
         ++w.syncs;
-        // The growth's own sync follows its zeros (and may take along records that
-        // were waiting); any other sync must find the log's size as it was.
-        if (w.grown && !w.last_grew) ++w.mixed;
-        w.grown = false;
+        if (w.grown) {
+            ++w.growths;
+            if (w.wrote_after) ++w.mixed;
+            w.largest = std::max(w.largest, w.size - w.synced_size);
+            w.synced_size = w.size;
+        }
+        w.grown = w.wrote_after = false;
     }
     return kisam::os_real.fdatasync(fd);
 }
@@ -113,6 +121,36 @@ TEST_F(LogZeros, GrowthIsSyncedOnItsOwnAndOutsideTheControlLock) {
     EXPECT_GE(w.syncs, kCalls / 8);
     for (int i = 0; i < kCalls; i += 97) EXPECT_TRUE(present(fd, i)) << i;
     EXPECT_EQ(nisclose(fd), 0);
+}
+
+// One writer takes its log past 24 MiB.  Grown a MiB at a time that would be 24 syncs of
+// zeros, each costing a disk's flush whatever its size; in stretches of a quarter of what
+// is written it is about a dozen, the last ones several MiB each -- and every stretch is
+// still zeros alone, written outside the control lock and synced before any record lands
+// in it.  Every call is in the file.
+TEST_F(LogZeros, ALargeLogGrowsByLargerStretchesEachSyncedOnItsOwn) {
+    int fd = create("f", {8});
+    ASSERT_GE(fd, 0) << is_errno;
+    w = Watch();
+    kisam::os.pwrite = watched_pwrite;
+    kisam::os.fdatasync = watched_fdatasync;
+    const off_t target = 24 * kMiB;
+    int calls = 0;
+    for (; w.size < target && calls < 100000; ++calls) ASSERT_EQ(put(fd, calls), 0) << calls << " " << is_errno;
+    kisam::os = kisam::os_real;
+    std::printf("%d calls, %d growths to %lld MiB, the largest %lld MiB\n", calls, w.growths,
+                static_cast<long long>(w.size / kMiB), static_cast<long long>(w.largest / kMiB));
+    ASSERT_GE(w.size, target) << "the log never grew that far: the test proves nothing";
+    EXPECT_LE(w.growths, 16) << "the log grew by small stretches, a sync each";
+    EXPECT_GE(w.largest, off_t{4 * kMiB});
+    EXPECT_LE(w.largest, off_t{8 * kMiB}) << "a stretch larger than the disk should be asked for at once";
+    EXPECT_EQ(w.grew_nonzero, 0) << "a record was written past the log's size";
+    EXPECT_EQ(w.grew_under_lock, 0) << "a call grew the log while it held the control lock";
+    EXPECT_EQ(w.mixed, 0) << "a record was written between a growth and its sync";
+    for (int i = 0; i < calls; i += 211) EXPECT_TRUE(present(fd, i)) << i;
+    EXPECT_EQ(nisclose(fd), 0);
+    nisunisam();
+    EXPECT_TRUE(kt::sound(path("f")));
 }
 
 // Processes append while the log grows under them (each of them may be the one that
@@ -170,12 +208,16 @@ TEST_F(LogZeros, ZerosWrittenAheadNeverCoverARecordOfAnother) {
 }
 
 // The disk full for the log's growth: the zeros ahead cannot be written, so the records
-// fill the log's stretch and the call whose record finds no room fails with a code of its
+// fill what the log has and the call whose record finds no room fails with a code of its
 // own, having changed nothing -- never a store through the log's mapping past the end of
-// the file (SIGBUS).  Once the disk has room again the calls go on, and every call that
-// returned is in the file.
-ssize_t full_past_first_stretch(int fd, const void* buf, size_t n, off_t off) {
-    if (is_log_fd(fd) && off >= (off_t{1} << 20)) {
+// the file (SIGBUS).  A disk with room for the zeros a record needs but not for a whole
+// stretch still gives the log what it holds: the growth falls back to what was asked
+// for.  Once the disk has room again the calls go on, and every call that returned is in
+// the file.  Full past the first stretch, and past 9 MiB (from 8 MiB the stretch would
+// be 2 MiB, of which only one fits).
+off_t g_room;
+ssize_t full_past_room(int fd, const void* buf, size_t n, off_t off) {
+    if (is_log_fd(fd) && off + static_cast<off_t>(n) > g_room) {
         errno = ENOSPC;
         return -1;
     }
@@ -183,27 +225,32 @@ ssize_t full_past_first_stretch(int fd, const void* buf, size_t n, off_t off) {
 }
 
 TEST_F(LogZeros, AFullDiskFailsTheCallThatFindsNoRoomNeverAStorePastTheEnd) {
-    int fd = create("f", {8});
-    ASSERT_GE(fd, 0) << is_errno;
-    kisam::os.pwrite = full_past_first_stretch;
-    int stored = 0, code = 0;
-    for (int i = 0; i < 3000; ++i) {
-        if (put(fd, i) != 0) {
-            code = is_errno;
-            break;
-        }
-        ++stored;
+    for (const off_t room : {off_t{1 * kMiB}, off_t{9 * kMiB}}) {
+        SCOPED_TRACE("the disk full past " + std::to_string(room / kMiB) + " MiB");
+        const std::string name = "f" + std::to_string(room / kMiB);
+        int fd = create(name, {8});
+        ASSERT_GE(fd, 0) << is_errno;
+        g_room = room;
+        kisam::os.pwrite = full_past_room;
+        const int most = static_cast<int>(2 * room / kLen);
+        int stored = 0, code = 0;
+        for (; stored < most; ++stored)
+            if (put(fd, stored) != 0) {
+                code = is_errno;
+                break;
+            }
+        ASSERT_LT(stored, most) << "the log never met the full disk: the test proves nothing";
+        EXPECT_EQ(code, ISE_FLWT);
+        EXPECT_EQ(std::atomic_ref<uint64_t>(kisam::isx_sync_of(0)->xs_zeros).load(), static_cast<uint64_t>(room))
+            << "the zeros stopped short of what the disk could hold";
+        EXPECT_FALSE(present(fd, stored)) << "the failed call left its record";
+        kisam::os = kisam::os_real;
+        for (int i = stored; i < stored + 200; ++i) ASSERT_EQ(put(fd, i), 0) << i << " " << is_errno;
+        for (int i = 0; i < stored + 200; i += 7) EXPECT_TRUE(present(fd, i)) << i;
+        EXPECT_EQ(nisclose(fd), 0);
+        nisunisam();
+        EXPECT_TRUE(kt::sound(path(name)));
     }
-    ASSERT_LT(stored, 3000) << "the log never needed to grow: the test proves nothing";
-    EXPECT_GT(stored, 500) << "calls failed long before the log's first stretch was full";
-    EXPECT_EQ(code, ISE_FLWT);
-    EXPECT_FALSE(present(fd, stored)) << "the failed call left its record";
-    kisam::os = kisam::os_real;
-    for (int i = stored; i < stored + 200; ++i) ASSERT_EQ(put(fd, i), 0) << i << " " << is_errno;
-    for (int i = 0; i < stored + 200; i += 7) EXPECT_TRUE(present(fd, i)) << i;
-    EXPECT_EQ(nisclose(fd), 0);
-    nisunisam();
-    EXPECT_TRUE(kt::sound(path("f")));
 }
 
 // ---- when the log is checkpointed -----------------------------------------------------
@@ -212,7 +259,6 @@ TEST_F(LogZeros, AFullDiskFailsTheCallThatFindsNoRoomNeverAStorePastTheEnd) {
 // skipped.
 
 constexpr int kBig = 8000;   // eight pages a record: the file and its log grow fast
-constexpr uint64_t kMiB = uint64_t{1} << 20;
 
 // Sets (or, with null, removes) KISAM_LOG_LIMIT for the life of a scope; the library
 // reads it when the process attaches.
