@@ -88,6 +88,17 @@ Installation::Installation(const Config& c, bool with_lock_file, const std::stri
         int fd = ::open((config_ + ".lk").c_str(), O_RDWR | O_CREAT, 0666);
         if (fd >= 0) ::close(fd);
     }
+    // The key keeps only the low 16 bits of the key file's inode, so a segment that a run
+    // which died left behind (its files long gone) may carry the key of this new file,
+    // and the library would find a segment of another size.  Nothing is attached to such
+    // a segment by right: it goes.
+    const key_t k = key();
+    const int id = k == -1 ? -1 : ::shmget(k, 0, 0);
+    struct shmid_ds ds;
+    if (id >= 0 && ::shmctl(id, IPC_STAT, &ds) == 0 && ds.shm_nattch == 0) {
+        std::fprintf(stderr, "removing a shared segment left behind under this installation's key\n");
+        ::shmctl(id, IPC_RMID, nullptr);
+    }
 }
 
 key_t Installation::key() const {
