@@ -90,6 +90,20 @@ int watched_fdatasync(int fd) {
 
 class LogZeros : public ot::Env {
 protected:
+    // A new file "f" whose log's writes and syncs are watched from here on.
+    int watched_file() {
+        const int fd = create("f", {8});
+        w = Watch();
+        kisam::os.pwrite = watched_pwrite;
+        kisam::os.fdatasync = watched_fdatasync;
+        return fd;
+    }
+    // What every growth must have kept to, whoever made it.
+    static void growths_kept_apart() {
+        EXPECT_EQ(w.grew_nonzero, 0) << "a record was written past the log's size";
+        EXPECT_EQ(w.grew_under_lock, 0) << "a call grew the log while it held the control lock";
+        EXPECT_EQ(w.mixed, 0) << "a record was written between a growth and its sync";
+    }
     void TearDown() override {
         kisam::os = kisam::os_real;
         ot::Env::TearDown();
@@ -101,11 +115,8 @@ protected:
 // always by zeros, never while the control lock is held, and never in the sync of a
 // call's record.  Every call is in the file afterwards.
 TEST_F(LogZeros, GrowthIsSyncedOnItsOwnAndOutsideTheControlLock) {
-    int fd = create("f", {8});
+    int fd = watched_file();
     ASSERT_GE(fd, 0) << is_errno;
-    w = Watch();
-    kisam::os.pwrite = watched_pwrite;
-    kisam::os.fdatasync = watched_fdatasync;
     constexpr int kCalls = 1800;
     for (int i = 0; i < kCalls; ++i) {
         ASSERT_EQ(put(fd, i), 0) << i << " " << is_errno;
@@ -115,9 +126,7 @@ TEST_F(LogZeros, GrowthIsSyncedOnItsOwnAndOutsideTheControlLock) {
     }
     kisam::os = kisam::os_real;
     EXPECT_GE(w.grew, 2) << "the log never grew: the test proves nothing";
-    EXPECT_EQ(w.grew_nonzero, 0) << "a record was written past the log's size";
-    EXPECT_EQ(w.grew_under_lock, 0) << "a call grew the log while it held the control lock";
-    EXPECT_EQ(w.mixed, 0) << "the sync of a record carried a growth of the log";
+    growths_kept_apart();
     EXPECT_GE(w.syncs, kCalls / 8);
     for (int i = 0; i < kCalls; i += 97) EXPECT_TRUE(present(fd, i)) << i;
     EXPECT_EQ(nisclose(fd), 0);
@@ -129,11 +138,8 @@ TEST_F(LogZeros, GrowthIsSyncedOnItsOwnAndOutsideTheControlLock) {
 // still zeros alone, written outside the control lock and synced before any record lands
 // in it.  Every call is in the file.
 TEST_F(LogZeros, ALargeLogGrowsByLargerStretchesEachSyncedOnItsOwn) {
-    int fd = create("f", {8});
+    int fd = watched_file();
     ASSERT_GE(fd, 0) << is_errno;
-    w = Watch();
-    kisam::os.pwrite = watched_pwrite;
-    kisam::os.fdatasync = watched_fdatasync;
     const off_t target = 24 * kMiB;
     int calls = 0;
     for (; w.size < target && calls < 100000; ++calls) ASSERT_EQ(put(fd, calls), 0) << calls << " " << is_errno;
@@ -144,9 +150,7 @@ TEST_F(LogZeros, ALargeLogGrowsByLargerStretchesEachSyncedOnItsOwn) {
     EXPECT_LE(w.growths, 16) << "the log grew by small stretches, a sync each";
     EXPECT_GE(w.largest, off_t{4 * kMiB});
     EXPECT_LE(w.largest, off_t{8 * kMiB}) << "a stretch larger than the disk should be asked for at once";
-    EXPECT_EQ(w.grew_nonzero, 0) << "a record was written past the log's size";
-    EXPECT_EQ(w.grew_under_lock, 0) << "a call grew the log while it held the control lock";
-    EXPECT_EQ(w.mixed, 0) << "a record was written between a growth and its sync";
+    growths_kept_apart();
     for (int i = 0; i < calls; i += 211) EXPECT_TRUE(present(fd, i)) << i;
     EXPECT_EQ(nisclose(fd), 0);
     nisunisam();
