@@ -735,6 +735,21 @@ void count_page_writes(int isfd) {
 class MappedWrites : public FileReads {
 protected:
     void cut_under_write_back(bool by_checkpoint);
+    // What the writer left, read by another process with read calls only (no mapping in
+    // the checker): the whole file along `keyno`, ids [lo, hi) at generation `gen`; then
+    // the file's structure.
+    void reads_back_by_read_calls(int keyno, unsigned lo, unsigned hi, int gen) {
+        kisam::os.pread = plain_pread;
+        EXPECT_EQ(in_child([&](int fd) {
+                      if (read_all(fd, keyno, 0) != 0) return 81;
+                      for (unsigned id = lo; id < hi; ++id)
+                          if (check(fd, id, gen) != 0) return 82;
+                      return 0;
+                  }),
+                  0);
+        kisam::os = kisam::os_real;
+        EXPECT_TRUE(kt::sound(path_));
+    }
 };
 
 // A writer whose pool is far smaller than the file writes its victims and its checkpoints
@@ -765,16 +780,7 @@ TEST_F(MappedWrites, VictimsAndCheckpointsAreStoresThatReadersSee) {
                       return 0;
                   }),
                   0);
-        kisam::os.pread = plain_pread;  // no mapping in the checker: every page by a read call
-        EXPECT_EQ(in_child([&](int fd) {
-                      if (read_all(fd, 2, 0) != 0) return 81;
-                      for (unsigned id = 1500; id < 3000; ++id)
-                          if (check(fd, id, 3) != 0) return 82;
-                      return 0;
-                  }),
-                  0);
-        kisam::os = kisam::os_real;
-        EXPECT_TRUE(kt::sound(path_));
+        reads_back_by_read_calls(2, 1500, 3000, 3);
     }
 }
 
@@ -821,16 +827,7 @@ TEST_F(MappedWrites, AGrowingFileIsTakenAheadOnlyOverWhatItNeverHeld) {
             return 0;
         }, 'r');
         grow_then_release(w);
-        kisam::os.pread = plain_pread;
-        EXPECT_EQ(in_child([&](int fd) {
-                      if (read_all(fd, 1, 0) != 0) return 81;
-                      for (unsigned id = 600; id < 4500; ++id)
-                          if (check(fd, id, 2) != 0) return 82;
-                      return 0;
-                  }),
-                  0);
-        kisam::os = kisam::os_real;
-        EXPECT_TRUE(kt::sound(path_));
+        reads_back_by_read_calls(1, 600, 4500, 2);
     }
 }
 
