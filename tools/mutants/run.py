@@ -228,6 +228,7 @@ class Runner:
         self.wall = args.wall
         self.exclude = args.exclude
         self.include = args.include
+        self.all_failures = args.all_failures
         self.targets = [t for t in args.targets.split(",") if t] if args.targets else []
         self.retries = args.retries
         self.logs = args.logs
@@ -301,7 +302,7 @@ class Runner:
                 status = "build-failed" if rc is not None else "timeout"
                 failed = [line.strip() for line in out.splitlines() if "error:" in line][:2]
             else:
-                rc, out = self.suite(stop_on_failure=True)
+                rc, out = self.suite(stop_on_failure=not self.all_failures)
                 failed = failed_tests(out)
                 if rc is None:
                     status = "timeout"
@@ -395,6 +396,9 @@ def main():
     ap.add_argument("--include", default="",
                     help="ctest -R regex: run only these tests (what a chosen set of tests "
                          "catches on its own)")
+    ap.add_argument("--all-failures", action="store_true",
+                    help="run the whole chosen suite for each mutant and record every test that "
+                         "failed (the catcher matrix), not just the first")
     ap.add_argument("--retries", type=int, default=2,
                     help="a test fails only when it fails this many runs in a row (ctest --repeat)")
     ap.add_argument("--logs", help="directory for each mutant's build or ctest output")
