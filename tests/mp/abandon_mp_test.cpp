@@ -1,13 +1,6 @@
-// Calls abandoned part way: a program whose signal handler leaves a library call with
-// siglongjmp.  An interval timer fires every 250 us while one process writes, updates and
-// deletes records of 30 to 530 bytes on a 3-key file; whenever it fires inside a
-// changing call the handler jumps out of it.  The next call of the process must find
-// the abandoned one whole or absent: the record it touched reads back exactly as before
-// the call or exactly as the call would have left it, every other record as the model
-// says, and the structural checker finds the file sound, at intervals and at the end.
-//
-// KISAM_ABANDON_CALLS sets the number of calls (make soak runs many more); KISAM_SEED
-// replays a run.
+// Calls abandoned part way by a signal handler's siglongjmp (a timer every 250 us during
+// writes, updates and deletes): the next call finds the abandoned one whole or absent,
+// every other record as the model says, the file sound.  KISAM_ABANDON_CALLS: calls.
 #include "../engine/open_fixture.h"
 #include "oracle.h"
 
@@ -39,7 +32,7 @@ void on_timer(int) {
 
 constexpr int kAbandoned = -1000;
 
-// One changing call, left by the timer's handler when it fires inside: kAbandoned then.
+// kAbandoned when the timer's handler jumped out of the call.
 int attempt(int fd, int op, const char* rec, int size, const char* key) {
     if (sigsetjmp(jump, 1) != 0) return kAbandoned;
     in_call = 1;
@@ -55,8 +48,6 @@ TEST_F(Abandon, AnAbandonedCallIsWholeOrAbsent) {
     if (const char* c = std::getenv("KISAM_ABANDON_CALLS")) calls = std::atol(c);
     const uint64_t seed = kt::test_seed(20261125);
     const std::string file = path("abandon");
-    // The work runs in a child, so that a hang or a crash is a failure of this test
-    // rather than of the test runner.
     const int st = kt::run_child([&]() -> int {
         ::alarm(300);
         std::mt19937_64 rng(seed);
@@ -70,15 +61,13 @@ TEST_F(Abandon, AnAbandonedCallIsWholeOrAbsent) {
         ::sigaction(SIGALRM, &sa, nullptr);
         struct itimerval it {{0, 250}, {0, 250}};
         long checks = 0;
-        // A call that grows the library's buffers (a log record, its page arguments) must
-        // not be the one the handler jumps out of: the jump would leave the allocator's
-        // heap half changed.  One write and delete first, with no timer, makes them.
+        // A jump out of a call that grows the library's buffers would leave the allocator half
+        // changed: one write and delete without the timer grow them first.
         const std::string warm = ko::record(kL, kIds, 0, 530);
         if (niswrite(fd, warm.data(), 530) != 0 || nisdelete(fd, warm.data()) != 0) return 18;
         for (long i = 0; i < calls; ++i) {
             const int id = static_cast<int>(rng() % kIds);
             const ko::Rec before = o.get(id);
-            // A write where there is no record, else an update or (one in three) a delete.
             const char op = !before.present() ? 'w' : rng() % 3 == 0 ? 'd' : 'u';
             const int gen = before.gen + 1 + static_cast<int>(rng() % 3);
             const int size = 30 + static_cast<int>(rng() % 501);
@@ -87,8 +76,6 @@ TEST_F(Abandon, AnAbandonedCallIsWholeOrAbsent) {
             o.begin(op, id, gen, size);
             const int rc = attempt(fd, op == 'w' ? 0 : op == 'u' ? 1 : 2, rec.data(), size, rec.data());
             if (rc == kAbandoned) {
-                // The next call repairs the abandoned one first; what it finds is one of
-                // the two states and nothing else.
                 if (const ::testing::AssertionResult r = o.cut(stored(fd, id)); !r) {
                     std::fprintf(stderr, "seed %llu call %ld: %s\n", static_cast<unsigned long long>(seed), i, r.message());
                     return 11;
@@ -104,7 +91,7 @@ TEST_F(Abandon, AnAbandonedCallIsWholeOrAbsent) {
                 struct itimerval off {};
                 ::setitimer(ITIMER_REAL, &off, nullptr);
                 ++checks;
-                // A call settles what the last abandoned one left before the disk is read.
+                // A call settles the last abandoned one; the checker reads the disk, so write back first.
                 stored(fd, 0);
                 const ko::Scan got = ko::scan(fd, kL);
                 const ::testing::AssertionResult same = ko::same(o.model(), got.recs);
@@ -113,7 +100,6 @@ TEST_F(Abandon, AnAbandonedCallIsWholeOrAbsent) {
                                  got.why.c_str(), same.message());
                     return 13;
                 }
-                // The checker reads the disk: what the calls committed goes there first.
                 if (kt::write_back(fd) != 0) {
                     std::fprintf(stderr, "seed %llu after %ld calls: write-back failed: is_errno %d\n",
                                  static_cast<unsigned long long>(seed), i + 1, is_errno);
@@ -132,7 +118,6 @@ TEST_F(Abandon, AnAbandonedCallIsWholeOrAbsent) {
         std::printf("%ld calls, %ld abandoned part way, %ld checks sound\n", calls, o.cut_short, checks);
         if (nisclose(fd) != 0) return 15;
         nisunisam();
-        // Too few abandoned calls would prove nothing.
         return o.cut_short >= calls / 1000 ? 0 : 16;
     });
     EXPECT_EQ(st, 0) << "seed " << seed;

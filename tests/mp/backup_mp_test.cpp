@@ -1,17 +1,7 @@
-// Backups of a file that other processes keep writing: each copy is the file at one
-// moment between calls.
-//
-// Two writer processes write, update and delete records of their own range of keys,
-// some of them in pairs under one nisgetctl bracket, and log every completed unit (a
-// call, or a bracketed pair) after it returned.  Meanwhile this process takes backups,
-// each checked by the structural checker before it is renamed into place.  Then every
-// copy must hold, for each writer, exactly the records of some prefix of that writer's
-// units that includes every unit logged before the backup began: no call half there, no
-// pair split.  A backup whose writes fail, or whose check refuses the copy, leaves
-// nothing under the destination's name and an earlier copy there as it was.
-//
-// KISAM_BACKUPS sets the number of backups under load (make soak takes many more);
-// KISAM_SEED replays a run.
+// Backups of a file two writers keep changing (single calls and bracketed pairs, each
+// logged once it returned): every copy holds, per writer, a prefix of its units that
+// includes every unit logged before the backup began.  A failed backup leaves nothing
+// under the destination.  KISAM_BACKUPS: backups under load.
 #include "../engine/open_fixture.h"
 #include "oracle.h"
 
@@ -40,8 +30,8 @@ using State = ko::Model;
 volatile sig_atomic_t stop = 0;
 void on_term(int) { stop = 1; }
 
-// A writer: random units on ids [base, base + kIdsPerWriter), each logged after it
-// completed as "id gen size" lines (gen -1: deleted) closed by a line ".".
+// Units on its own ids, each logged once it returned: "id gen size" lines (gen -1:
+// deleted) closed by ".".
 int writer(const std::string& file, const std::string& log, int w, uint64_t seed) {
     std::mt19937_64 rng(seed + static_cast<uint64_t>(w));
     const int fd = nisopen(file.c_str(), ISO_RDWR);
@@ -50,8 +40,7 @@ int writer(const std::string& file, const std::string& log, int w, uint64_t seed
     if (!out) return 11;
     State st;
     const int base = w * kIdsPerWriter;
-    // Asked to stop, it ends after logging the unit under way: a unit it completed but
-    // never logged could not be told from one that is not in the file.
+    // SIGTERM ends it after logging the unit under way.
     struct sigaction sa {};
     sa.sa_handler = on_term;
     ::sigaction(SIGTERM, &sa, nullptr);
@@ -91,7 +80,6 @@ struct Change {
 };
 using Unit = std::vector<Change>;
 
-// The units of a writer's log, complete ones only.
 std::vector<Unit> units_of(const std::string& log) {
     std::vector<Unit> units;
     std::ifstream in(log);
@@ -111,11 +99,8 @@ std::vector<Unit> units_of(const std::string& log) {
     return units;
 }
 
-// For each copy (its records of one writer, and the number of units logged before it
-// began): whether it equals the state after some prefix of the writer's units at least
-// that long.  The states are never all kept (a soak logs hundreds of thousands of units):
-// the log is replayed once, counting for each copy the ids on which the state differs
-// from it.
+// Per copy: whether it is the state after a prefix of at least lo units.  One replay of
+// the log, counting per copy the ids whose state differs (a soak logs too many to keep).
 std::vector<bool> prefix_states(const std::vector<Unit>& units, int base, const std::vector<State>& copies,
                                 const std::vector<int>& lo) {
     const size_t n = copies.size();
@@ -155,7 +140,6 @@ TEST_F(Backup, EveryBackupUnderLoadIsTheFileAtOneMomentBetweenCalls) {
     const int fd = create("live", kL.lens());
     ASSERT_GE(fd, 0);
     ASSERT_EQ(nisclose(fd), 0);
-    // Held: a failed assertion returns at once, and the writers must not outlive the test.
     for (int w = 0; w < kWriters; ++w)
         held_.push_back(kt::start_child([&, w] { return writer(file, path("log" + std::to_string(w)), w, seed); }));
     std::vector<std::vector<int>> lo(static_cast<size_t>(backups));
@@ -176,7 +160,6 @@ TEST_F(Backup, EveryBackupUnderLoadIsTheFileAtOneMomentBetweenCalls) {
         const std::string copy = path("copy" + std::to_string(b));
         int cfd = nisopen(copy.c_str(), ISO_RDONLY);
         ASSERT_GE(cfd, 0) << "backup " << b << " does not open: is_errno " << is_errno;
-        // Every record whole along both keys.
         const ko::Scan scan = ko::scan(cfd, kL);
         ASSERT_TRUE(scan.ok()) << "backup " << b << ": " << scan.why;
         std::vector<State> got(kWriters);
@@ -205,17 +188,15 @@ TEST_F(Backup, AFailedBackupLeavesNothingUnderTheDestination) {
         ASSERT_EQ(niswrite(fd, r.data(), 100), 0);
     }
     const std::string dest = path("backup");
-    // Refused by its check: nothing under the name.
     EXPECT_EQ(kisam_backup(file.c_str(), dest.c_str(), [](const char*, void*) { return 1; }, nullptr, nullptr), -1);
     EXPECT_EQ(is_errno, ISE_BTS);
     struct stat st;
     EXPECT_NE(::stat(dest.c_str(), &st), 0);
-    // A good one, then one whose writes fail at every point: the good one stays as it was.
+    // A good one, then every write and sync of the next failing in turn: the good one stays.
     ASSERT_EQ(kisam_backup(file.c_str(), dest.c_str(), verify, nullptr, nullptr), 0);
     ASSERT_EQ(::stat(dest.c_str(), &st), 0);
     const std::string r = record(1000, 1, 100);
     ASSERT_EQ(niswrite(fd, r.data(), 100), 0);
-    // Every write and sync of the copy fails in turn, until a backup meets none.
     int failed = 0;
     for (kt::Faults::Kind kind : {kt::Faults::kWrite, kt::Faults::kSync}) {
         for (int n = 1;; ++n) {
@@ -231,7 +212,6 @@ TEST_F(Backup, AFailedBackupLeavesNothingUnderTheDestination) {
         }
     }
     EXPECT_GE(failed, 2);
-    // No temporary copy is left behind either.
     DIR* d = ::opendir(inst_->dir().c_str());
     ASSERT_NE(d, nullptr);
     while (struct dirent* e = ::readdir(d)) EXPECT_EQ(std::strstr(e->d_name, ".tmp"), nullptr) << e->d_name;

@@ -1,47 +1,17 @@
-// Power cuts, simulated: the disk images a machine crash could leave, each restarted as
-// after a reboot.
+// Power cuts, simulated.  Workers record every write, sync, truncation, creation and
+// rename they make through the engine's OS table (and the log's stores through its
+// mapping) into one shared, totally ordered event stream; each call takes a ticket under
+// the control lock, so tickets order the calls.  Images of the disk at crash points (sync
+// boundaries, then random) keep synced writes and unsynced ones in order, at random, all
+// but the last calls', or with one write torn at a 512-byte boundary.  Each image is
+// restarted in a fresh process: it must open, be sound, read whole along every key, and
+// hold the records of a prefix of the calls -- in durable mode one holding every call
+// that had returned.  Undo journals (written through their mappings, never synced) are
+// rebuilt from their writes alone: losing their stores is one legal outcome.
 //
-// Record.  Worker processes replace the engine's OS table (pwrite, fdatasync, ftruncate,
-// fallocate, open, rename) with wrappers that make the real call and then append an event
-// to a buffer shared by all of them: a global sequence number (taken under one
-// process-shared mutex, so the order of the events is the order of their effects), the
-// process, the kind, the file (by inode, named relative to the installation directory)
-// and, for a write, its bytes.  A sync covers the writes of its file that completed
-// before it began (a write through an O_DSYNC descriptor is its own sync).  A new file,
-// a truncation by O_TRUNC and a rename are recorded too; creations and renames are taken
-// as lasting at once, truncations and size changes like writes.  The redo log's records,
-// stored through its shared mapping, reach the recorder through the OS table's store
-// entry and are taken as writes of the log (unsynced until a sync of the log covers
-// them).  Other stores into shared mappings (the undo journals "<lock file>.u<slot>")
-// are not seen: leaving them all out is one legal outcome of a power cut, since nothing
-// ever syncs them; those files are rebuilt from their pwrites and sizes alone.
-//
-// Workload.  1 to 3 processes write, update and delete records of 30 to 3,000 bytes
-// (overflow records, splits) on one file with 3 keys, each process on its own range of
-// key 0 values.  Every call takes a ticket while it holds the file's control lock -- in
-// a nisgetctl/nisrelctl bracket, or, for half of them, at its first page change (the
-// engine's test hook) -- so tickets give the order in which the file's calls completed;
-// the effect of each is logged under its ticket, and a "returned" event enters the
-// event stream once the call (and its bracket) returned.  A durable run sets
-// KISAM_DURABLE=1 in the workers.
-//
-// Images.  For crash points along the stream (every sync boundary, then random points)
-// an image starts from the directory as it was before the workload, applies every write
-// synced before the point and then the later ones: all in order ("in order"), each kept
-// or lost at random ("subset"), those of the calls before the last 1 to 8 kept and the
-// rest at random ("recent"), or either of these with one write torn at a 512-byte
-// boundary of its file, a page write at its middle ("torn").  The image is written into the same directory (the library may name
-// files by absolute path) with no shared segment present; a fresh process opens the file
-// (the first attach makes the segment anew and recovers), the structural checker runs,
-// every record is read along each key, and the records must equal the state after some
-// prefix of the tickets -- in a durable run a prefix holding every call whose "returned"
-// event precedes the crash point.
-//
-// KISAM_CRASH_IMAGES: images of each test (make soak: many).  KISAM_SEED replays a run's
-// workload (its interleaving depends on the scheduler; a failure prints the seed, the
-// image's number, its kind and cut, and what the restart found).
-// KISAM_CRASH_REPORT_ONLY=1 prints the figures without failing on damaged images;
-// KISAM_CRASH_BITS sets co_bits of the configuration (the data-changed mark options).
+// KISAM_CRASH_IMAGES: images per test; KISAM_SEED replays a workload (a failure prints
+// seed, image, kind and cut); KISAM_CRASH_REPORT_ONLY=1 only prints the figures;
+// KISAM_CRASH_BITS sets co_bits (the data-changed mark options).
 #include <gtest/gtest.h>
 #include <kisam/kisam.h>
 #include <kisam/ztsupport.h>
@@ -147,7 +117,7 @@ struct MuGuard {
     ~MuGuard() { pthread_mutex_unlock(&sh->mu); }
 };
 
-// Appends an event (mutex held); returns false when the buffers are full.
+// Mutex held; false when the buffers are full.
 bool append(Kind k, int file, uint64_t off, uint64_t len, const void* data, size_t n, uint64_t cover = 0) {
     if (sh->nev >= kMaxEvents || sh->narena + n > kArenaBytes) {
         sh->overflow = 1;
@@ -159,7 +129,7 @@ bool append(Kind k, int file, uint64_t off, uint64_t len, const void* data, size
     return true;
 }
 
-// The name of path inside the installation directory, or null when it lies elsewhere.
+// path's name inside the installation directory, or null.
 const char* name_in_dir(const char* path) {
     const size_t n = std::strlen(sh->dir);
     if (std::strncmp(path, sh->dir, n) != 0 || path[n] != '/') return nullptr;
@@ -219,7 +189,7 @@ ssize_t rec_pwrite(int fd, const void* b, size_t n, off_t off) {
     return r;
 }
 
-// A store through a mapping: the bytes it leaves in the file, as a write there.
+// A store through a mapping, recorded as a write of the bytes it leaves.
 int rec_mstore(int fd, char* map, off_t off, const void* src, size_t n) {
     MuGuard g;
     const int r = kisam::os_real.mstore(fd, map, off, src, n);
@@ -287,7 +257,6 @@ const ko::Layout kL{6, 4, 2};
 constexpr int kIdsPerProc = 60;
 constexpr int kMaxRecs = 8 * kIdsPerProc;
 
-// A record as the file holds it (the oracle's records say which they are).
 struct Rec {
     int32_t id, gen, size;
     bool operator<(const Rec& o) const { return id != o.id ? id < o.id : gen != o.gen ? gen < o.gen : size < o.size; }
@@ -307,14 +276,12 @@ constexpr const char* kData = "data";
 
 using Site = kt::Installation;
 
-// The installation of a run (KISAM_CRASH_BITS: the options of the data-changed mark).
 kt::Config site_config() {
     kt::Config c;
     if (const char* b = std::getenv("KISAM_CRASH_BITS")) c.bits = static_cast<uint32_t>(std::strtoul(b, nullptr, 0));
     return c;
 }
 
-// Regular files directly in dir.
 std::vector<std::string> list_dir(const std::string& dir) {
     std::vector<std::string> v;
     DIR* d = ::opendir(dir.c_str());
@@ -328,7 +295,7 @@ std::vector<std::string> list_dir(const std::string& dir) {
     return v;
 }
 
-// An undo journal: written through a shared mapping, which the recorder cannot see.
+// An undo journal: written through a mapping the recorder cannot see.
 bool mapped_file(const std::string& name) {
     const size_t u = name.rfind(".u");
     return u != std::string::npos && u + 2 < name.size() &&
@@ -365,7 +332,6 @@ uint64_t rec_hash(const Rec& r) {
     return mix((static_cast<uint64_t>(r.id) << 40) ^ (static_cast<uint64_t>(r.gen) << 20) ^ static_cast<uint64_t>(r.size));
 }
 
-// The records after the first k calls.
 std::map<int, Rec> state_after(const Trace& t, size_t k) {
     std::map<int, Rec> s;
     for (size_t i = 0; i < k; ++i) {
@@ -435,10 +401,8 @@ void returned(uint32_t ticket) {
     append(kReturned, ticket, 0, 0, nullptr, 0);
 }
 
-// A call without a bracket takes its ticket at its first page change, which it makes
-// holding the file's control lock (the engine's test hook).  Calls are bracketed until
-// the hook has been seen to fire in one (the first write to an empty file changes no
-// page that was there); an engine without the hook gets bracketed calls only.
+// A call without a bracket takes its ticket at its first page change (control lock held,
+// through the test hook), once the hook has been seen to fire in a bracketed call.
 bool want_ticket = false, probing = false, probe_fired = false;
 uint32_t hook_ticket = 0;
 void ticket_at_first_change(int where, int) {
@@ -533,8 +497,8 @@ class Builder {
 public:
     explicit Builder(const Trace& t) : t_(t) {}
 
-    // Decides image n of the trace (the same n always gives the same image).  `between`:
-    // every write kept, cut just after a call returned.
+    // Image n of the trace, always the same; `between`: every write kept, cut just after a
+    // call returned.
     Image plan(uint64_t n, uint64_t budget, bool between = false) {
         Image im;
         std::mt19937_64 rng(mix(t_.seed ^ mix(n)));
@@ -571,9 +535,8 @@ public:
             }
         }
         if (im.mode == kTorn) {
-            // One of the latest unsynced writes that the disk kept reached it only in part:
-            // a device writes sectors of 512 bytes, so a write that spans a sector boundary
-            // of the file (a page write: at its middle) may end up cut there.
+            // One of the latest unsynced kept writes that spans a 512-byte boundary reached the disk
+            // only in part.
             std::vector<uint64_t> cand;
             for (uint64_t i = im.point; i-- > 0 && cand.size() < 32;) {
                 const Event& e = t_.ev[i];
@@ -656,8 +619,8 @@ public:
     }
 
 
-    // Writes the image into the directory: files it holds in place (the lock file keeps
-    // its inode, and with it the segment key), files it lacks removed.
+    // Files the image holds written in place (the lock file keeps its inode, and the segment
+    // key), files it lacks removed.
     bool write(const std::string& dir, std::string* why) {
         struct stat lst;
         const mode_t mode = ::stat((dir + "/kisamconfig.lk").c_str(), &lst) == 0 ? (lst.st_mode & 0777) : 0644;
@@ -670,8 +633,7 @@ public:
             const std::string p = dir + "/" + name;
             const int fd = ::open(p.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, mode);
             const std::string& c = content_[f];
-            // Emptied and set to its size, the file reads as zeros: only the runs of blocks
-            // that are not all zeros are written (journals and logs are mostly reserved space).
+            // Only non-zero blocks are written: journals and logs are mostly reserved space.
             bool ok = fd >= 0 && ::fchmod(fd, mode) == 0 && ::ftruncate(fd, 0) == 0 &&
                       ::ftruncate(fd, static_cast<off_t>(c.size())) == 0;
             constexpr size_t kBlock = 4096;
@@ -732,12 +694,9 @@ int restart(const std::string& file) {
         return 0;
     }
     out->opened = 1;
-    // The checker reads the disk: once recovered at the attach, the file there is whole.
     const kisam::check::Report open = kisam::check::check_file(file);
     out->sound_open = open.ok;
     std::snprintf(out->why_open, sizeof out->why_open, "%s", open.error.c_str());
-    // Every record verified along every key, every key in order and giving the same
-    // records.
     const ko::Scan got = ko::scan(fd, kL);
     out->read_failed = got.read_failed;
     out->reads_ok = got.ok() && got.recs.size() <= static_cast<size_t>(kMaxRecs);
@@ -746,7 +705,6 @@ int restart(const std::string& file) {
         if (out->nrec < kMaxRecs) out->recs[out->nrec++] = Rec{id, r.gen, r.size};
     nisclose(fd);
     nisunisam();
-    // And at rest, as a user checks it once the program has ended.
     const kisam::check::Report rest = kisam::check::check_file(file);
     out->sound = rest.ok;
     std::snprintf(out->why_check, sizeof out->why_check, "%s", rest.error.c_str());
@@ -755,8 +713,7 @@ int restart(const std::string& file) {
 
 // ---- figures -------------------------------------------------------------------------------
 
-// The counts of one mode: images, and how many of them opened, ...; the first eight
-// are the columns printed.
+// Per mode: images, and how many of them passed each stage (the first eight are printed).
 enum Count { nImages, nOpened, nSound, nReads, nPrefix, nDurable, nPassed, nSilent, nCrashed, nSegmentsLeft, nUnsoundOpen, nCounts };
 using Tally = std::array<long, nCounts>;
 
@@ -783,7 +740,6 @@ Verdict judge(const Trace& t, const Image& im) {
     else if (!v.sound) v.why = "checker: " + std::string(out->why_check);
     else if (!v.reads) v.why = out->why_read;
     if (v.reads) {
-        // The prefixes whose records hash alike, longest first.
         uint64_t h = 0;
         for (int i = 0; i < out->nrec; ++i) h += rec_hash(out->recs[i]);
         std::vector<uint32_t> cands;
@@ -805,13 +761,11 @@ Verdict judge(const Trace& t, const Image& im) {
         v.why = "holds the first " + std::to_string(v.prefix_len) + " calls, but " + std::to_string(im.required) +
                 " had returned";
     v.pass = v.sound && v.reads && v.prefix && (v.durable || !t.durable);
-    // What a program would not have noticed: it opened the file and every read went
-    // without an error, yet the file is damaged or holds no prefix of the calls.
+    // Damage a program would not notice: it opened and every read went without an error.
     v.silent = v.opened && !out->read_failed && !(v.sound && v.reads && v.prefix);
     return v;
 }
 
-// Builds, writes and restarts a planned image; counts it in the tally of its mode.
 Verdict run_image(const Trace& t, Builder& b, const Site& site, const Image& im, Tally* tally) {
     Tally& y = tally[im.mode];
     b.build(im);
@@ -877,7 +831,6 @@ protected:
         ::munmap(out, sizeof(Outcome));
     }
 
-    // One workload run into a trace; false (with a failure added) when it did not go.
     bool record_run(Site& site, uint64_t seed, int procs, int calls, bool durable, Trace* t) {
         std::memset(static_cast<void*>(sh), 0, offsetof(Shared, ops));
         pthread_mutexattr_t a;
@@ -886,8 +839,7 @@ protected:
         pthread_mutex_init(&sh->mu, &a);
         pthread_mutexattr_destroy(&a);
         std::snprintf(sh->dir, sizeof sh->dir, "%s", site.dir().c_str());
-        // The empty file, made and closed by a process that then detaches: the disk as the
-        // workload finds it (taken as synced).
+        // The empty file, made by a process that then detaches: the disk as the workload finds it.
         const std::string file = site.path(kData);
         std::vector<int> lens = kL.lens();
         const int rc = kt::run_child([&] {
@@ -942,8 +894,7 @@ protected:
                 ok = false;
             }
         if (!ok) return false;
-        // The recorder saw every change: the trace replayed in full is the directory as the
-        // workload left it (the undo journals aside, written through their mappings).
+        // The whole trace replayed is the directory as the workload left it (journals aside).
         Builder b(*t);
         b.build(b.plan_at(t->ev.size()));
         std::vector<std::string> missed;
@@ -957,7 +908,6 @@ protected:
             if (::access(site.path(name).c_str(), F_OK) != 0) missed.push_back(name + " (removed outside the OS table)");
         for (const std::string& m : missed) ADD_FAILURE() << "the recorder missed a change of " << m;
         if (!missed.empty()) return false;
-        // The images of no crash at all: before the first event and after the last.
         for (uint64_t point : {uint64_t(0), uint64_t(t->ev.size())}) {
             Tally tally[kModes]{};
             const Verdict v = run_image(*t, b, site, b.plan_at(point), tally);
@@ -970,7 +920,6 @@ protected:
         return true;
     }
 
-    // Builds and restarts `count` images of t; returns the failures.
     long images(const Trace& t, Site& site, uint64_t count, Tally* tally, bool assert_pass, bool between) {
         Builder b(t);
         long failures = 0;
@@ -996,9 +945,8 @@ protected:
         return failures;
     }
 
-    // A whole test: workload runs of `calls` calls per process, images spread over them.
-    // procs0: processes of the first workload run (later runs, in a soak, take 1 to 3);
-    // between: every image cut just after a call returned, every write kept.
+    // procs0: processes of the first run (later ones take 1 to 3); between: every image cut
+    // just after a call returned, every write kept.
     void run(int procs0, int calls, bool durable, uint64_t images_default, bool between = false) {
         const bool report_only = env_u64("KISAM_CRASH_REPORT_ONLY", 0) != 0;
         const uint64_t total = env_u64("KISAM_CRASH_IMAGES", images_default);
@@ -1028,22 +976,18 @@ protected:
     }
 };
 
-// Under the sanitizers every restart costs several times as much: fewer images.
 #if defined(__SANITIZE_ADDRESS__)
 constexpr uint64_t kImages = 1000;
 #else
 constexpr uint64_t kImages = 2000;
 #endif
 
-// The default mode may lose the last calls, never damage the file.
 TEST_F(CrashImage, DefaultMode) { run(3, 150, false, kImages); }
 
-// The durable mode loses no call that returned.
 TEST_F(CrashImage, DurableMode) { run(2, 120, true, kImages); }
 
-// A control of the simulation itself: one process, cut just after a call returned, the
-// disk keeping every write.  Such an image holds exactly the calls that returned, on
-// any engine that writes a call out before it returns, or recovers what it logged.
+// A control of the simulation: one process, cut just after a call, every write kept,
+// holds exactly the calls that returned.
 TEST_F(CrashImage, ACutBetweenCallsWithEveryWriteKeptHoldsTheCallsThatReturned) {
     run(1, 150, false, 150, true);
 }

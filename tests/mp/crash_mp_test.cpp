@@ -1,8 +1,5 @@
-// A process that dies holding a lock never blocks the others: opcl_lock, free_lock and
-// buf_lock are each taken by a child that is then killed, and the survivors get through
-// promptly (a dead holder's control lock: lock_mp_test's CtlWords, and its record locks:
-// its RecLock model; the start-up lock: a process killed at every lock call of its
-// attach, which it makes holding it, below).
+// A process that dies holding a lock (opcl_lock, free_lock, buf_lock, a file's control
+// lock, a slot of the process table) never blocks the others for good.
 #include "../engine/open_fixture.h"
 #include "oracle.h"
 
@@ -21,7 +18,6 @@ namespace {
 
 using ot::Env;
 
-// A hang is a failure: the alarm ends the test process instead of the suite timeout.
 class Crash : public Env {
 protected:
     void SetUp() override {
@@ -53,8 +49,7 @@ TEST_F(Crash, CommonLockWords) {
             kill(pid);
             EXPECT_EQ(*w.word, static_cast<uint32_t>(pid)) << "the word still names the dead holder";
             if (!direct) {
-                // Open and close (opcl_lock), a record lock (the heap's free_lock) and a
-                // write that needs a fresh buffer (buf_lock) all get through.
+                // Open and close, a record lock and a write needing a fresh buffer get through.
                 fd = nisopen(path("f").c_str(), ISO_RDWR);
                 ASSERT_GE(fd, 0) << is_errno;
                 EXPECT_EQ(nislock(fd, "k", 1, 1), 0);
@@ -65,8 +60,7 @@ TEST_F(Crash, CommonLockWords) {
                 EXPECT_EQ(nisclose(fd), 0);
                 EXPECT_NE(*w.word, static_cast<uint32_t>(pid));
             }
-            // Taken over once (and said so to the taker, who repairs): the next take finds
-            // it free.
+            // Taken over once (said so to the taker): the next take finds it free.
             for (int stale : {direct ? 1 : 0, 0}) {
                 ASSERT_EQ(is_lock(w.word), 0);
                 EXPECT_EQ(is_lock_stale, stale);
@@ -77,11 +71,8 @@ TEST_F(Crash, CommonLockWords) {
     }
 }
 
-// A call that fails and is rolled back while another process opened the file: the
-// rollback puts the shared control page back as the call found it, but never its count
-// of processes, which opens and closes change under opcl_lock alone.  Put back, the count
-// would lose the open, and the last close would free the shared copy under a process
-// that still has the file open.
+// A rollback puts the shared control page back, but never its count of processes: an
+// open made during the call must survive it.
 kt::Pipe *g_inside = nullptr, *g_resume = nullptr;
 kt::Faults* g_faults = nullptr;
 TEST_F(Crash, ARollbackKeepsAnOpenMadeDuringTheCall) {
@@ -96,7 +87,6 @@ TEST_F(Crash, ARollbackKeepsAnOpenMadeDuringTheCall) {
         {
             kt::Faults faults;
             g_faults = &faults;
-            // Inside the call: wait for the other's open, then fail the call's next write.
             kisam::test_hook = [](int where, int) {
                 if (where != kisam::kHookTouch || !g_inside) return;
                 g_inside->signal();
@@ -133,7 +123,6 @@ TEST_F(Crash, ARollbackKeepsAnOpenMadeDuringTheCall) {
     EXPECT_EQ(kt::wait_child(other), 0) << "the other's handle outlived the shared copy";
 }
 
-// A table with room for two processes.
 class CrashTable : public Env {
 protected:
     void SetUp() override {
@@ -144,12 +133,10 @@ protected:
     }
 };
 
-// A process killed while attached never frees its process-table slot; a later attacher
-// takes the slot over instead of finding the table full for ever.
+// A slot of a process killed while attached is taken over by a later attacher.
 TEST_F(CrashTable, SlotOfAKilledProcessIsReused) {
     ASSERT_EQ(is_init(), 0);
     const pid_t pid = hold([] { return is_init(); });   // the second slot
-    // Full while the holder lives: a third process is refused.
     EXPECT_EQ(kt::run_child([] { return is_init() == -1 && is_errno == ISE_INITERR ? 0 : 1; }), 0);
     kill(pid);
     EXPECT_EQ(kt::run_child([&] {
@@ -159,10 +146,7 @@ TEST_F(CrashTable, SlotOfAKilledProcessIsReused) {
               0);
 }
 
-// A clean-up cleans up the process it found dead, and nothing else: when another clean-up
-// frees the slot meanwhile and a new process takes it, the slot stays the new process's
-// (taken for the dead one, a live process lost its slot and, with it, the files it had
-// open).
+// A clean-up must not free a slot a new process took after its judgement.
 TEST_F(CrashTable, ACleanUpLeavesAloneASlotThatANewProcessTookMeanwhile) {
     ASSERT_EQ(is_init(), 0);
     kill(hold([] {
@@ -179,8 +163,6 @@ TEST_F(CrashTable, ACleanUpLeavesAloneASlotThatANewProcessTookMeanwhile) {
             return is_init();
         });
     };
-    // Between this clean-up's judgement and its work, a new process attaches: its own
-    // clean-up frees the dead slot, and it takes it.
     kisam::test_hook = [](int where, int) {
         if (where == kisam::kHookReap && ::getpid() == parent && newcomer == 0) attach_newcomer();
     };
@@ -191,9 +173,8 @@ TEST_F(CrashTable, ACleanUpLeavesAloneASlotThatANewProcessTookMeanwhile) {
     EXPECT_EQ(kisam::isx_proc_of(1)->xp_pid, newcomer);
 }
 
-// A new process that finds the table full waits to clean up the first dead slot: here a
-// process killed in the middle of a call, whose unit needs the file's control lock to be
-// rolled back, while another process holds that lock.
+// A new process finding the table full waits to clean up a dead slot whose unit needs a
+// control lock another process holds.
 class CrashFullTable : public CrashTable {
 protected:
     void SetUp() override {
@@ -201,7 +182,6 @@ protected:
         fd_ = create("f", {4});
         ASSERT_GE(fd_, 0);
         ASSERT_EQ(niswrite(fd_, kRec, sizeof kRec), 0);
-        // Slot 1: killed in the middle of a call on f, holding f's control lock.
         ASSERT_EQ(kt::run_child([&] {
                       ot::become_unattached();
                       const int cfd = nisopen(f().c_str(), ISO_RDWR);
@@ -217,8 +197,7 @@ protected:
                   }),
                   128 + SIGKILL);
         ASSERT_EQ(ot::attached_processes(), 2);
-        // This process takes the dead holder's word over as the clean-up does before it
-        // rolls back, and keeps it: the unit stays to be rolled back.
+        // Taken over as the clean-up does before it rolls back, and kept.
         fcp_ = ot::shared_fcp(fd_);
         ASSERT_EQ(is_lock(&fcp_->jd_fcplock), 0);
         ASSERT_TRUE(is_lock_stale);
@@ -227,9 +206,8 @@ protected:
     }
     std::string f() const { return path("f"); }
 
-    // Starts a process that attaches, and returns once it waits for a lock.  Its exit
-    // status: 0 with a slot of the table, else 10 + the detail of is_init's failure
-    // (+ 100 when it printed no message about the table).
+    // An attacher, once waiting for a lock.  Exit 0 with a slot, else 10 + is_init's detail
+    // (+ 100 when it printed nothing about the table).
     static pid_t attacher(bool give_up) {
         kt::Pipe ready;
         const pid_t pid = kt::start_child([&ready, give_up] {
@@ -257,24 +235,19 @@ protected:
     IS_FCP* fcp_ = nullptr;
 };
 
-// The dead slot cannot be cleaned up (the wait for the lock is given up): the table stays
-// full, and the failure says so with its own detail and a message, not as a table full
-// of live processes.
+// A dead slot that cannot be cleaned up is reported with its own detail and a message.
 TEST_F(CrashFullTable, ADeadSlotThatCannotBeCleanedUpIsReported) {
     EXPECT_EQ(kt::interrupt_until_done(attacher(true)), 10 + 15);
     is_unlock(&fcp_->jd_fcplock);
 }
 
-// While the new process waits, the holder cleans the dead slot up, as an open or a close
-// does: the slot is free when the wait ends, and the new process takes it instead of
-// failing with the table full.
+// A slot cleaned up by another while waiting is taken, not reported full.
 TEST_F(CrashFullTable, ASlotCleanedUpByAnotherWhileWaitingIsTaken) {
     const pid_t late = attacher(false);
     int pids[2];
     EXPECT_EQ(kisam_reap(pids, 2), 1);
     is_unlock(&fcp_->jd_fcplock);
     EXPECT_EQ(kt::wait_child(late), 0) << "10 + the detail of is_init's failure";
-    // The killed call was rolled back.
     char rec[sizeof kRec] = {};
     EXPECT_EQ(nisfind(fd_, 0, "abcd", rec, sizeof rec), static_cast<int>(sizeof kRec));
     EXPECT_EQ(std::memcmp(rec, kRec, sizeof kRec), 0);
@@ -283,9 +256,7 @@ TEST_F(CrashFullTable, ASlotCleanedUpByAnotherWhileWaitingIsTaken) {
     EXPECT_TRUE(kt::sound(f()));
 }
 
-// A process killed at any lock call of its attach -- also after it took its slot in the
-// process table but before it holds the lock that says it lives -- leaves a slot that
-// the next process to attach takes over: with room for two, this one and one more.
+// Killed at any lock call of its attach, a process leaves no slot behind.
 TEST_F(CrashTable, KilledAnywhereInItsAttachItLeavesNoSlotBehind) {
     ASSERT_EQ(is_init(), 0);
     int kills = 0;
@@ -314,12 +285,9 @@ TEST_F(CrashTable, KilledAnywhereInItsAttachItLeavesNoSlotBehind) {
 
 namespace {
 
-// A process that changed a file with the data-changed mark configured and died with it
-// open leaves the mark on the disk.  When the last living process leaves, the shared
-// area goes with whatever the dead left in it: the file must not then be refused as
-// unsound at its next first open.  Pages reach the file only when they are written back
-// (here: evicted from a pool smaller than the file), and the mark with the first of
-// them; the writers below write until the mark is on the disk.
+// A writer that died with the data-changed mark on disk: the last to leave clears it, and
+// the file is not refused at its next first open.  The pool is smaller than the file, so
+// pages (and with the first the mark) reach the disk.
 namespace ko = kt::oracle;
 const ko::Layout kL{4, 0, 0};   // one key: the record number
 
@@ -336,10 +304,8 @@ protected:
         const std::vector<unsigned char> h = ot::read_head(f);
         return h.size() > 88 && (h[88] & ISO_DIRTYMARK) != 0;
     }
-    // Record i: a 4-byte key and enough bytes that a few records fill a page.
     static std::string rec(int i) { return ko::record(kL, i, 0, 600); }
-    // Writes records 0, 1, ... on fd until the mark is on the disk of f; their number,
-    // or -1.
+    // Records 0, 1, ... until the mark is on disk; their number, or -1.
     static int write_until_marked(int fd, const std::string& f) {
         for (int i = 0; i < 400; ++i) {
             std::string r = rec(i);
@@ -348,8 +314,7 @@ protected:
         }
         return -1;
     }
-    // Whether the file holds records 0 .. n-1 as written, and `also` (and the checker
-    // finds it sound once it is closed by the caller).
+    // Records 0 .. n-1 as written, and `also`.
     static ::testing::AssertionResult holds(int fd, int n, ko::Model also = {}) {
         for (int i = 0; i < n; ++i) also[i] = ko::Rec{0, 600};
         const ko::Scan s = ko::scan(fd, kL, 1);
@@ -385,10 +350,8 @@ TEST_F(CrashMarked, MarkOfADeadWriterIsClearedByTheLastToLeave) {
     EXPECT_TRUE(kt::sound(f));
 }
 
-// A writer killed in its close, at any of the writes and syncs by which the close brings
-// the file up to date and clears the mark: the shared copy must go on saying "marked"
-// as long as the disk may be, so that the last close clears the disk; and nothing the
-// writer's calls made is lost.
+// A writer killed at any write or sync of its close: the shared copy says "marked" while
+// the disk may be, the last close clears the disk, and nothing is lost.
 TEST_F(CrashMarked, WriterKilledWhileItsCloseClearsTheMark) {
     int kills = 0;
     int& n = shared<int>();
@@ -417,7 +380,6 @@ TEST_F(CrashMarked, WriterKilledWhileItsCloseClearsTheMark) {
             if (rc != 22) {
                 ASSERT_EQ(rc, 128 + SIGKILL);
                 ++kills;
-                // The copy says "marked" whenever the disk does.
                 if (marked_on_disk(f)) {
                     EXPECT_NE(ot::shared_fcp(fd)->is_optbits & ISO_DIRTYMARK, 0) << "the copy forgot the mark";
                 }

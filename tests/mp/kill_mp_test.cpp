@@ -1,18 +1,8 @@
-// Processes killed under load: 2 to 6 workers make random calls (writes, forced writes,
-// updates, deletes, reads along every key, record locks, brackets) on one 3-key file
-// with records of 10 to 3,000 bytes; a supervisor kills a random worker every 0 to 50
-// ms and starts another in its place, and every 50 kills it kills them all, attaches
-// itself, and checks the file: the structural checker finds it sound, every call a
-// worker saw complete is there, and every call that was killed is whole or absent.
-//
-// Each worker slot owns a range of key 0 values and keeps an operation log (the
-// oracle's, tests/util/oracle.h); the worker that replaces a killed one first reads how
-// the killed call ended, and so does the supervisor for the calls it cut short.  Records
-// carry their key 0, a generation and their length in their bytes, so every read
-// verifies what it got.
-//
-// KISAM_KILLS sets the number of kills of each test (the soak target runs thousands);
-// KISAM_SEED replays a run.
+// Processes killed under load: 2 to 6 workers make random calls on a 3-key file (and
+// open, lock, change and close a second, shared file) while a supervisor kills one every
+// 0 to 50 ms; every 50 kills it checks, from the workers' operation logs, that every
+// call that returned is there, the killed ones whole or absent, and the files sound.
+// KISAM_KILLS: kills per test; KISAM_SEED replays a run.
 #include "../engine/open_fixture.h"
 
 #include "kcheck.h"
@@ -23,6 +13,7 @@
 #include <sys/wait.h>
 
 #include <cstdio>
+#include <functional>
 #include <random>
 
 namespace {
@@ -37,11 +28,10 @@ constexpr int kMaxWorkers = 6;
 std::string record(int id, int gen, int size) { return ko::record(kL, id, gen, size); }
 int slot_base(int slot) { return slot * 1000; }
 
-// The calls: w write, f forced write, u update, d delete, l update under a record lock,
-// b a read and an update in a bracket.
+// Calls: w write, f forced write, u update, d delete, l update under a record lock, b a
+// read and an update in a bracket.
 
-// What is stored for id now (read under the file's control lock); a wrong record ends
-// the worker.
+// What id holds now; a wrong record ends the worker.
 ko::Rec stored(int fd, int id) {
     const ko::Rec r = ko::find(fd, kL, id);
     if (r.gen >= -1) return r;
@@ -52,12 +42,7 @@ ko::Rec stored(int fd, int id) {
 volatile sig_atomic_t g_stop = 0;
 void on_stop(int) { g_stop = 1; }
 
-// Opens and closes a second file, locks records of it and writes to it (records that all
-// workers share, where the first file's are each worker's own), reads it: opens and
-// closes anywhere (the first open enters the file in the shared table, the last close
-// frees its control page and buffers), heap blocks for record locks, buffers moving
-// between files -- so that kills land in those too.
-// Opens file, or ends the process with `code` and the library's message.
+// Kills land in opens, closes, record locks and buffers moving between files too.
 int open_or_die(const std::string& file, const char* who, int code) {
     const int fd = nisopen(file.c_str(), ISO_RDWR);
     if (fd >= 0) return fd;
@@ -78,10 +63,7 @@ void churn(const std::string& file, std::mt19937_64& rng) {
             std::_Exit(59);
         }
     }
-    // Forced writes and updates, without a lock, of records that every worker fights
-    // over: an update of a record another worker deleted fails and is rolled back, and a
-    // rollback that put back the count of processes it had read undid a concurrent open
-    // (the shared copy was then freed under a process that had the file open).
+    // Shared records fought over: a failed update's rollback must not undo a concurrent open.
     const std::string u = record(5000 + static_cast<int>(rng() % 300), static_cast<int>(rng() % 100), kL.min() + static_cast<int>(rng() % 300));
     {
         const std::string f = record(5000 + static_cast<int>(rng() % 300), static_cast<int>(rng() % 100), kL.min() + static_cast<int>(rng() % 300));
@@ -91,7 +73,6 @@ void churn(const std::string& file, std::mt19937_64& rng) {
             std::_Exit(63);
         }
     }
-    // Whatever a read finds there is whole.
     char buf[4000];
     nisseek(fd, 1, u.data() + kL.l0);
     for (int k = 0, n = 1, got; k < 3 && n > 0; ++k) {
@@ -112,14 +93,12 @@ void churn(const std::string& file, std::mt19937_64& rng) {
     const int fd = open_or_die(file, "worker", 50);
     ko::Log::heal(logpath);
     ko::Log log(logpath);
-    // How did the call of the worker before me end?
     if (const int cut = ko::Log::open_call(logpath); cut >= 0) log.resolved(cut, stored(fd, cut));
     int seq = 0, id = 0;
     char op = 0;
     std::mt19937_64 rng(seed);
     const int base = slot_base(slot);
-    // KISAM_CHURN_PCT: the share of calls (in %) that open, change and close the second
-    // file, 8 by default; more puts more kills into opens, closes and the clean-up.
+    // KISAM_CHURN_PCT: calls (in %) on the second file, 8 by default.
     const char* pct = std::getenv("KISAM_CHURN_PCT");
     const int churn_share = pct ? std::atoi(pct) : 8;
     char buf[4000];
@@ -139,7 +118,6 @@ void churn(const std::string& file, std::mt19937_64& rng) {
             continue;
         }
         if (roll < 35) {
-            // Reads along every key, from anywhere: whatever comes back must be whole.
             const int key = static_cast<int>(rng() % 3);
             std::string from = record(slot_base(static_cast<int>(rng() % kMaxWorkers)) + static_cast<int>(rng() % kIdsPerSlot),
                                       gen, kL.min());
@@ -179,7 +157,6 @@ void churn(const std::string& file, std::mt19937_64& rng) {
                 if (nisunlock(fd, r.data(), kL.l0, 0) != 0) std::_Exit(56);
                 break;
             case 'b':
-                // A read and an update as one unit for the others.
                 nisgetctl(fd);
                 rc = nisfind(fd, 0, r.data(), buf, sizeof buf);
                 rc = rc > 0 ? nisupdate(fd, r.data(), size) : -1;
@@ -189,7 +166,6 @@ void churn(const std::string& file, std::mt19937_64& rng) {
         }
         const int err = rc < 0 ? is_errno : 0;
         log.end(seq, rc, err);
-        // Only a missing record may make a call fail; any other failure is a fault.
         if (rc < 0 && err != ISE_NOKEY) {
             std::fprintf(stderr, "worker %d: call %c on %d fails with is_errno %d\n", slot, op, id, err);
             niserrmsg();
@@ -203,26 +179,36 @@ void churn(const std::string& file, std::mt19937_64& rng) {
 class KillTest : public Env {
 protected:
     void SetUp() override {}   // the configuration depends on the test
-    // A pool of 64 buffers, a bound on the test's time, and two files of the workers'
-    // layout: `file`, which the test works on, and `keep`, which a process holds open so
-    // that the segment stays between children.
-    void small_pool_with_two_files(std::string* file, std::string* keep) {
+    // A pool of 64, `file_` to work on and `keep_` to hold the segment with; round(k) for
+    // k = 1, 2, ... (this process attached through keep_) until a round's process was not
+    // killed, which round returns.
+    void every_kill_point(const char* who, const std::function<bool(int k)>& round) {
         kt::Config c;
         c.maxbuf = 64;
         start(c);
         bound(300);
-        *file = made("f", kL.lens());
-        *keep = made("keep", kL.lens());
+        file_ = made("f", kL.lens());
+        keep_ = made("keep", kL.lens());
+        bool whole = false;
+        int points = 0;
+        for (int k = 1; !whole && k < 1000 && !HasFailure(); ++k, ++points) {
+            ASSERT_GE(nisopen(keep_.c_str(), ISO_RDONLY), 0);
+            whole = round(k);
+        }
+        if (!HasFailure()) {
+            EXPECT_TRUE(whole) << "the " << who << " never got through";
+        }
+        std::printf("[ figures  ] %d kill points\n", points);
     }
+    std::string file_, keep_;
     void TearDown() override {
         for (pid_t p : live_)
             if (p > 0) held_.push_back(p);   // killed and reaped by the fixture
         Env::TearDown();
     }
 
-    // Every worker is dead: settle the calls they were making from their logs, check the
-    // shared area (when this process stayed attached), the file against the oracles
-    // along every key, and, detached, the structure of both files.
+    // Every worker dead: settle their cut calls from the logs, check the shared area (when
+    // attached), the file against the oracles along every key, and both files' structure.
     void check_round(const std::string& file) {
         if (isam_com) {
             ASSERT_TRUE(ko::shared_sound());
@@ -268,14 +254,12 @@ protected:
         offset_.assign(kMaxWorkers, 0);
         live_.assign(kMaxWorkers, 0);
 
-        // KISAM_GRACEFUL: workers are asked to stop between calls instead of being killed
-        // (to tell faults of the engine from faults of its recovery).
+        // KISAM_GRACEFUL: stop workers between calls (engine faults vs recovery faults).
         const bool graceful = std::getenv("KISAM_GRACEFUL") != nullptr;
         auto stop = [&](pid_t p) {
             ::kill(p, graceful ? SIGUSR1 : SIGKILL);
             int st = 0;
             ::waitpid(p, &st, 0);
-            // (A worker asked to stop before it set its handler up ends by the signal.)
             return graceful ? (WIFEXITED(st) && WEXITSTATUS(st) == 0) || (WIFSIGNALED(st) && WTERMSIG(st) == SIGUSR1)
                             : WIFSIGNALED(st) && WTERMSIG(st) == SIGKILL;
         };
@@ -287,8 +271,7 @@ protected:
         while (done < kills) {
             int workers = 2 + static_cast<int>(rng() % (kMaxWorkers - 1));
             if (const char* w = std::getenv("KISAM_WORKERS")) workers = std::atoi(w);
-            // Every other round this process stays attached, so that the segment (and
-            // whatever the killed left in it) outlives the workers.
+            // Every other round the segment outlives the workers.
             if (rounds % 2 == 1) {
                 ASSERT_GE(nisopen(file.c_str(), ISO_RDONLY), 0);
             }
@@ -317,8 +300,7 @@ protected:
         EXPECT_LT(::shmget(inst_->key(), 0, 0), 0) << "a segment was left behind";
     }
 
-    // Keeps the evidence (the files, the journals and the workers' logs) where
-    // KISAM_KEEP says.
+    // The evidence, where KISAM_KEEP says.
     void keep() {
         kept_ = true;
         if (!std::getenv("KISAM_KEEP")) return;
@@ -334,8 +316,8 @@ protected:
     long records_ = 0;
 };
 
-// Opens file, writes records first .. first + kCalls - 1 (a byte down `done`, when given,
-// for each that returned) and, with `close`, closes it and detaches; 0, or where it failed.
+// Writes records first .. first + kCalls - 1 (a byte to `done` for each), then closes and
+// detaches with `close`; 0, or where it failed.
 constexpr int kCalls = 3;
 int write_calls(const std::string& file, int first, bool close, kt::Pipe* done = nullptr) {
     const int fd = nisopen(file.c_str(), ISO_RDWR);
@@ -350,20 +332,13 @@ int write_calls(const std::string& file, int first, bool close, kt::Pipe* done =
     return 0;
 }
 
-// A kill at the k-th write, sync or lock of a process that opens a file nobody else has
-// open, writes to it and closes it: whatever the kill cut (the open, a call, the last
-// close and its checkpoint), the file holds every call that returned, and at most the one
-// cut short besides -- on disk, checking sound without its log, once the last process
-// has left (cleaning the dead one up as the close would have); and, when a process that
-// opened the file after the kill made a call and died too, the last one attached, once
-// recovery has replayed the log.
+// A kill at every write, sync or lock of an open, kCalls writes and the last close: the
+// file holds every call that returned and at most the cut one, both when the last process
+// left and after another process's call and death made recovery replay the log.
 TEST_F(KillTest, KilledAnywhereInAnOpenCallsAndTheLastClose) {
-    std::string file, keep;
-    small_pool_with_two_files(&file, &keep);
     long have = 0;
     int id = 0;
-    // Makes kCalls writes and closes the file; the k-th system call from the open on
-    // kills the process.
+    // kCalls writes and the close, killed at the k-th system call from the open on.
     auto child = [&](int k, kt::Pipe& done) {
         const int first = id;
         id += kCalls;
@@ -372,7 +347,7 @@ TEST_F(KillTest, KilledAnywhereInAnOpenCallsAndTheLastClose) {
             ot::become_unattached();
             kt::Faults kill;
             kill.arm(kt::Faults::kChanges, k, kt::Faults::kKill);
-            return write_calls(file, first, true, &done);
+            return write_calls(file_, first, true, &done);
         });
     };
     // How the child ended, and how many of its calls returned.
@@ -383,39 +358,30 @@ TEST_F(KillTest, KilledAnywhereInAnOpenCallsAndTheLastClose) {
         return kt::wait_child(pid);
     };
     auto check = [&](int k, const char* how, int returned) {
-        const kisam::check::Report r = kisam::check::check_file(file);
+        const kisam::check::Report r = kisam::check::check_file(file_);
         EXPECT_TRUE(r.ok) << how << ", killed at system call " << k << ": " << r.error;
         EXPECT_GE(r.records, have + returned) << how << ", killed at system call " << k << ": calls that returned are missing";
         EXPECT_LE(r.records, have + returned + 1) << how << ", killed at system call " << k;
         have = r.records;
     };
-    bool whole = false;
-    int points = 0;
-    for (int k = 1; !whole && k < 1000 && !HasFailure(); ++k, ++points) {
-        // This process keeps the segment; the dead child is cleaned up by it, the last
-        // one to leave, rather than forgotten with the segment.
-        ASSERT_GE(nisopen(keep.c_str(), ISO_RDONLY), 0);
+    every_kill_point("child", [&](int k) {
         kt::Pipe done;
         int returned;
         const int rc = ended(child(k, done), done, &returned);
-        ASSERT_TRUE(rc == 0 || rc == 128 + SIGKILL) << "the child ended with " << rc;
-        whole = rc == 0;
+        EXPECT_TRUE(rc == 0 || rc == 128 + SIGKILL) << "the child ended with " << rc;
         nisunisam();
         check(k, "left by the last process", returned);
-
-        // Another process, attached all along, opens the file after the kill, makes a
-        // call and dies, the last one attached: nobody is left to write anything back,
-        // and recovery replays the log.
+        // Another process opens the file after the kill, makes a call and dies last.
         kt::Pipe up, go;
         const int next_id = id++;
         const pid_t keeper = kt::start_child([&, next_id]() -> int {
             up.close_read();
             go.close_write();
             ot::become_unattached();
-            if (nisopen(keep.c_str(), ISO_RDONLY) < 0) return 1;
+            if (nisopen(keep_.c_str(), ISO_RDONLY) < 0) return 1;
             up.signal();
             go.wait();
-            const int fd = nisopen(file.c_str(), ISO_RDWR);
+            const int fd = nisopen(file_.c_str(), ISO_RDWR);
             const std::string r = record(next_id, 1, 900);
             if (fd < 0 || niswrite(fd, r.data(), static_cast<int>(r.size())) < 0) return 2;
             up.signal();
@@ -424,44 +390,31 @@ TEST_F(KillTest, KilledAnywhereInAnOpenCallsAndTheLastClose) {
         held_.push_back(keeper);
         up.close_write();
         go.close_read();
-        ASSERT_EQ(up.wait(), 'x');
-        {
-            kt::Pipe done1;
-            const int rc1 = ended(child(k, done1), done1, &returned);
-            ASSERT_TRUE(rc1 == 0 || rc1 == 128 + SIGKILL) << "the child ended with " << rc1;
-        }
+        EXPECT_EQ(up.wait(), 'x');
+        kt::Pipe done1;
+        const int rc1 = ended(child(k, done1), done1, &returned);
+        EXPECT_TRUE(rc1 == 0 || rc1 == 128 + SIGKILL) << "the child ended with " << rc1;
         go.signal();
-        ASSERT_EQ(up.wait(), 'x') << "the call after the kill fails";
+        EXPECT_EQ(up.wait(), 'x') << "the call after the kill fails";
         kill(keeper);
-        ASSERT_GE(nisopen(file.c_str(), ISO_RDONLY), 0);  // the segment made anew
+        EXPECT_GE(nisopen(file_.c_str(), ISO_RDONLY), 0);  // the segment made anew
         nisunisam();
         check(k, "recovered", returned + 1);
-    }
-    if (!HasFailure()) {
-        EXPECT_TRUE(whole) << "the child never got through";
-    }
-    std::printf("[ figures  ] %d kill points\n", points);
+        return rc == 0;
+    });
 }
 
-// A process dies with a file open, its last user; the next process to attach cleans it
-// up and so finishes its last close (the checkpoint that brings the file up to date) --
-// and is killed at the k-th write, sync or lock of that.  Whatever the kill cut, the
-// last process to leave finishes the close: the file on disk, without its log, holds
-// every call that returned and checks sound.
+// A cleaner that finishes a dead process's last close, killed at every write, sync or
+// lock of it, leaves the close to the next: the file holds every call that returned.
 TEST_F(KillTest, ACleanerKilledAnywhereInTheLastCloseItFinishesLeavesItToTheNext) {
-    std::string file, keep;
-    small_pool_with_two_files(&file, &keep);
     long have = 0;
     int id = 0;
-    bool whole = false;
-    int points = 0;
-    for (int k = 1; !whole && k < 1000 && !HasFailure(); ++k, ++points) {
-        ASSERT_GE(nisopen(keep.c_str(), ISO_RDONLY), 0);  // the segment stays
+    every_kill_point("cleaner", [&](int k) {
         const int first = id;
         id += kCalls;
-        ASSERT_EQ(kt::run_child([&] {
+        EXPECT_EQ(kt::run_child([&] {
                       ot::become_unattached();
-                      if (write_calls(file, first, false) == 0) ::raise(SIGKILL);
+                      if (write_calls(file_, first, false) == 0) ::raise(SIGKILL);
                       return 4;
                   }),
                   128 + SIGKILL);
@@ -475,18 +428,14 @@ TEST_F(KillTest, ACleanerKilledAnywhereInTheLastCloseItFinishesLeavesItToTheNext
             nisunisam();
             return 0;
         });
-        ASSERT_TRUE(rc == 0 || rc == 128 + SIGKILL) << "the cleaner ended with " << rc;
-        whole = rc == 0;
+        EXPECT_TRUE(rc == 0 || rc == 128 + SIGKILL) << "the cleaner ended with " << rc;
         nisunisam();
-        const kisam::check::Report r = kisam::check::check_file(file);
+        const kisam::check::Report r = kisam::check::check_file(file_);
         EXPECT_TRUE(r.ok) << "cleaner killed at system call " << k << ": " << r.error;
         EXPECT_EQ(r.records, have + kCalls) << "cleaner killed at system call " << k;
         have = r.records;
-    }
-    if (!HasFailure()) {
-        EXPECT_TRUE(whole) << "the cleaner never got through";
-    }
-    std::printf("[ figures  ] %d kill points\n", points);
+        return rc == 0;
+    });
 }
 
 TEST_F(KillTest, SmallPool) {

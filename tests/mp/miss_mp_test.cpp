@@ -1,10 +1,5 @@
-// Misses of readers without the lock, in several processes: the page is read from the file
-// with no lock held, and the lock taken only to put it in a slot.  A reader stopped in the
-// middle of such a read holds nobody up; an image read before the file changed never
-// reaches the pool; readers that evict each other's pages (which leaves the change count
-// alone) still read only whole records; a reader killed in the middle leaves nothing
-// behind.  Every record says what it must hold: its id and generation make all of its
-// bytes.
+// Page misses in several processes: readers without the lock, and page reads and
+// write-backs through the file's mapping.  Every record's bytes follow from its id and generation.
 #include "kisam_test.h"
 
 #include "is_rec.h"
@@ -39,11 +34,10 @@ constexpr int kBuf = 4000;
 
 using kt::mix;
 
-// Records of about a page each, one to a data page (for the test that needs to know which
-// page a read misses).
+// Records of about a page, one to a data page.
 bool page_sized = false;
 
-// The record of id at generation gen; one in ten spans overflow pages.
+// One record in ten spans overflow pages.
 std::string record(unsigned id, uint32_t gen) {
     char t[16];
     std::string r;
@@ -61,7 +55,7 @@ std::string record(unsigned id, uint32_t gen) {
 
 std::string key0(unsigned id) { return record(id, 0).substr(0, kK0); }
 
-// Reads id by key 0; 0 when it holds exactly generation gen (any generation: gen 0).
+// 0 when id holds exactly generation gen (0: any).
 int check(int fd, unsigned id, uint32_t gen, uint32_t* seen = nullptr) {
     std::vector<char> buf(kBuf);
     const int n = nisfind(fd, 0, key0(id).data(), buf.data(), kBuf);
@@ -74,8 +68,6 @@ int check(int fd, unsigned id, uint32_t gen, uint32_t* seen = nullptr) {
     return n == static_cast<int>(r.size()) && std::memcmp(buf.data(), r.data(), r.size()) == 0 ? 0 : 3;
 }
 
-// Writes (kWrite) or updates (kUpdate) ids [from, to) at generation gen; whether every
-// call went through.
 enum Put { kWrite, kUpdate };
 bool put_range(int fd, Put how, unsigned from, unsigned to, uint32_t gen) {
     for (unsigned id = from; id < to; ++id) {
@@ -90,10 +82,9 @@ uint32_t seq_of(int fd) {
     return std::atomic_ref<uint32_t>(kisam::isx_file_of(is_db[fd]->uniqueid)->xf_seq).load();
 }
 
-// A hooked reader's body that went through and leaves the file open.
+// A hooked body that went through and leaves the file open.
 constexpr int kLeftOpen = 69;
 
-// Where the hooked reader stands (a forked child's own copies).
 kt::Pipe* to_parent = nullptr;
 kt::Pipe* from_parent = nullptr;
 bool kill_at_fetch = false;
@@ -106,9 +97,7 @@ void fetch_hook(int where, int) {
     from_parent->wait();
 }
 
-// The real pread behind a replaced entry of the table: with the table replaced, a reader
-// misses by a read of the page and its installation in the pool (the path these tests
-// stop in the middle of), never through a mapping of the file.
+// With the table replaced, misses read and install the page, never through the mapping.
 ssize_t plain_pread(int fd, void* buf, size_t n, off_t off) { return ::pread(fd, buf, n, off); }
 
 class MissMp : public kt::Env {
@@ -121,16 +110,13 @@ protected:
         kisam::os = kisam::os_real;
         kt::Env::TearDown();
     }
-    // The installation (a pool far smaller than the file) and the file, ids 0..ids-1 at
-    // generation 1; nobody attached afterwards.
+    // Ids 0..ids-1 at generation 1, written by a child (this process stays unattached).
     void start(int buffers, unsigned ids, int magic = 0) {
         kt::Config c;
         c.maxbuf = static_cast<int16_t>(buffers);
         Env::start(c);
         ids_ = ids;
         path_ = path("m.ism");
-        // Written by a child: the misses of the writes map the file, and this process
-        // must start its children as a program that never used the library would.
         ASSERT_EQ(kt::run_child([&] {
                       if (magic != 0) niscr_ctl(0, magic);
                       const int fd = create("m.ism", {kK0, kK1});
@@ -145,8 +131,7 @@ protected:
         if (is_init() != 0) return -1;
         return nisopen(path_.c_str(), ISO_RDWR);
     }
-    // A child process that opens the file and runs body(fd); a body that returns 0 has
-    // the file closed and the process detached.  Its exit status.
+    // A child that opens the file and runs body; body's 0 closes and detaches.
     int in_child(const std::function<int(int fd)>& body) {
         return kt::run_child([&] {
             const int fd = open();
@@ -157,24 +142,13 @@ protected:
             return 0;
         });
     }
-    // A child that grows the file: records 600 to 2999, generation 1.  Its exit status.
-    int grow_in_child() {
-        return in_child([](int fd) {
-            if (!put_range(fd, kWrite, 600, 3000, 1)) return 81;
-            return 0;
-        });
-    }
-    // Grows the file from another process while child r waits, then lets r go on and
-    // collects it.
+    // Another process writes ids 600..2999 at generation 1; then child r goes on.
     void grow_then_release(pid_t r) {
-        EXPECT_EQ(grow_in_child(), 0);
-        down_.signal('g');
-        EXPECT_EQ(kt::wait_child(r), 0);
+        EXPECT_EQ(in_child([](int fd) { return put_range(fd, kWrite, 600, 3000, 1) ? 0 : 81; }), 0);
+        release(r);
     }
-    // A child that opens the file and runs body(fd), which stops where it says `ready` to
-    // the parent until signalled: with fetch_hook in place ('f') at its first miss, after
-    // the read of the page (or dies there with kill_at_fetch).  Returns once it has
-    // stopped; body's result ends it (0: with the file closed and the process detached).
+    // A child running body that has stopped where it said `ready` (fetch_hook: 'f' at its
+    // first miss) until signalled.
     pid_t hooked_reader(const std::function<int(int fd)>& body, char ready = 'f') {
         const pid_t a = kt::start_child([&] {
             up_.close_read();
@@ -193,15 +167,23 @@ protected:
         EXPECT_EQ(up_.wait(), ready);
         return a;
     }
+    // In the hooked child: stop until the parent lets it go on.
+    char stop_here() {
+        up_.signal('r');
+        return down_.wait();
+    }
+    void release(pid_t child) {
+        down_.signal('g');
+        EXPECT_EQ(kt::wait_child(child), 0);
+    }
     kt::Pipe up_, down_;
     std::string path_;
     unsigned ids_ = 0;
 };
 
 
-// A reader stopped after its read of a missing page, before it takes the lock: another
-// reader's reads, misses and all, go on without the lock, load their pages, and leave the
-// change count alone.
+// A reader stopped between its read of a page and taking the lock holds up no other
+// reader: those go on without the lock, load pages, leave the change count alone.
 TEST_F(MissMp, AReaderInTheMiddleOfAMissHoldsNobodyUp) {
     start(40, 1500);
     const pid_t a = hooked_reader([&](int fd) {
@@ -223,13 +205,10 @@ TEST_F(MissMp, AReaderInTheMiddleOfAMissHoldsNobodyUp) {
                   return 0;
               }),
               0);
-    down_.signal('g');
-    EXPECT_EQ(kt::wait_child(a), 0);
+    release(a);
 }
 
-// A reader stopped after its read of a record's page, while a writer changes the record
-// and the page goes through the pool and out to the file: what the reader read is out of
-// date and must not reach the pool; its read finds the new record.
+// A page read before a writer changed it and pushed it out must not reach the pool.
 TEST_F(MissMp, AnImageReadBeforeTheFileChangedNeverReachesThePool) {
     page_sized = true;
     start(40, 200);
@@ -237,8 +216,7 @@ TEST_F(MissMp, AnImageReadBeforeTheFileChangedNeverReachesThePool) {
     const pid_t a = hooked_reader([&](int fd) {
         for (unsigned id = 0; id < ids_; ++id)
             if (check(fd, id, 1) != 0) return 71;
-        // The index pages on the way to kX are in the pool, kX's data page is not: the
-        // read of kX misses that page alone.
+        // Only kX's data page is missing from the pool.
         if (check(fd, kX + 1, 1) != 0) return 72;
         kisam::test_hook = fetch_hook;
         uint32_t g = 0;
@@ -246,8 +224,7 @@ TEST_F(MissMp, AnImageReadBeforeTheFileChangedNeverReachesThePool) {
         if (g != 2) return 74;
         return 0;
     });
-    // The record changed in its page; then reads of a hundred other pages push the page
-    // out of the pool, to the file.
+    // kX changed, then pushed out to the file by other reads.
     EXPECT_EQ(in_child([&](int fd) {
                   const std::string r = record(kX, 2);
                   if (nisupdate(fd, r.data(), static_cast<int>(r.size())) != 0) return 81;
@@ -256,14 +233,11 @@ TEST_F(MissMp, AnImageReadBeforeTheFileChangedNeverReachesThePool) {
                   return 0;
               }),
               0);
-    down_.signal('g');
-    EXPECT_EQ(kt::wait_child(a), 0);
+    release(a);
     EXPECT_TRUE(kt::sound(path_));
 }
 
-// Readers of a file twenty times the pool: every read misses, and each miss takes a slot
-// another reader may be reading at that moment -- with the change count left alone, only
-// the check of each slot used keeps a reader from returning bytes of another page.
+// Readers evicting each other's slots (change count untouched) read only whole records.
 TEST_F(MissMp, ReadersThatEvictEachOtherReadOnlyWholeRecords) {
     start(20, 800);
     const uint64_t seed = kt::test_seed(0x5EED);
@@ -286,8 +260,6 @@ TEST_F(MissMp, ReadersThatEvictEachOtherReadOnlyWholeRecords) {
     for (int rc : rcs) EXPECT_EQ(rc, 0);
 }
 
-// A reader killed after its read of a missing page leaves no lock, no slot and no count
-// behind: another reader reads every record without the lock, and the file is sound.
 TEST_F(MissMp, AReaderKilledInTheMiddleOfAMissLeavesNothingBehind) {
     start(40, 600);
     const pid_t a = hooked_reader([&](int fd) {
@@ -310,15 +282,13 @@ TEST_F(MissMp, AReaderKilledInTheMiddleOfAMissLeavesNothingBehind) {
     EXPECT_TRUE(kt::sound(path_));
 }
 
-// The same misses as a program sees them: through a read-only mapping of the file, with
-// no lock, no load and no system call, once the reader knows the file's chain.
+// Misses as a program sees them: through a read-only mapping of the file.
 class FileReads : public MissMp {
 protected:
     void SetUp() override {
         MissMp::SetUp();
         kisam::os = kisam::os_real;
     }
-    // Reads every id at gen (0: any) and says how: 0, or what went wrong.
     int read_all(int fd, uint32_t gen, unsigned from = 0) {
         for (unsigned id = from; id < ids_; ++id)
             if (const int rc = check(fd, id, gen)) {
@@ -329,9 +299,8 @@ protected:
     }
 };
 
-// Both sizes of control page (pages start 512 bytes apart in the file): once a first
-// pass has learnt the chain, a second reads every record without the lock, its pages
-// past the pool from the file's mapping, with no page loaded and the count left alone.
+// Both control-page sizes: once the chain is known, pages past the pool come from the
+// mapping, without the lock, a load or a change of the count.
 TEST_F(FileReads, PagesPastThePoolComeFromTheFileWithNoLoad) {
     for (const int magic : {512, 1024}) {
         SCOPED_TRACE(magic);
@@ -353,9 +322,7 @@ TEST_F(FileReads, PagesPastThePoolComeFromTheFileWithNoLoad) {
     }
 }
 
-// Pages that another process changed stay in the pool, changed, until written back: the
-// file holds them as they were.  A reader that knew the chain before the change must
-// learn where they went and read them there, never the file's older bytes.
+// A page another process changed in the pool is read there, never from the older file.
 TEST_F(FileReads, APageChangedInThePoolIsNeverReadFromTheFile) {
     start(60, 1500);
     const unsigned changed[] = {3, 400, 777, 1200, 1499};
@@ -366,8 +333,7 @@ TEST_F(FileReads, APageChangedInThePoolIsNeverReadFromTheFile) {
     };
     const pid_t r = hooked_reader([&](int fd) {
         if (read_all(fd, 1) != 0 || read_all(fd, 1) != 0) return 71;
-        up_.signal('r');
-        down_.wait();
+        stop_here();
         const unsigned long nolock0 = is_nolock_reads, file0 = v_file_reads;
         for (unsigned id = 0; id < ids_; ++id)
             if (const int rc = check(fd, id, is_changed(id) ? 2 : 1)) {
@@ -386,19 +352,15 @@ TEST_F(FileReads, APageChangedInThePoolIsNeverReadFromTheFile) {
                   return 0;
               }),
               0);
-    down_.signal('g');
-    EXPECT_EQ(kt::wait_child(r), 0);
+    release(r);
     EXPECT_TRUE(kt::sound(path_));
 }
 
-// A file that grew after the reader mapped it: the pages past the mapping are read after
-// the file is mapped again (or under the lock), never past the file's end.
 TEST_F(FileReads, AFileThatGrewIsMappedAgain) {
     start(40, 600);
     const pid_t r = hooked_reader([&](int fd) {
         if (read_all(fd, 1) != 0) return 71;
-        up_.signal('r');
-        down_.wait();
+        stop_here();
         ids_ = 3000;
         if (read_all(fd, 1) != 0) return 72;                 // learns the chain again
         const unsigned long file0 = v_file_reads;
@@ -410,10 +372,8 @@ TEST_F(FileReads, AFileThatGrewIsMappedAgain) {
     EXPECT_TRUE(kt::sound(path_));
 }
 
-// A step along key 1 from a cursor whose page was read from the file, after another
-// process deleted the next record in the pool (its page changed there, not yet in the
-// file): the step must not take the file's older copy of the page for the current one.
-// Several rounds, each from another place of key 1.
+// A step along key 1 after another process deleted the next record (changed in the pool,
+// not in the file) must not take the file's older page.
 TEST_F(FileReads, AStepAfterAChangeNeverUsesTheFilesOlderPage) {
     start(20, 3000);
     constexpr int kRounds = 12;
@@ -425,15 +385,13 @@ TEST_F(FileReads, AStepAfterAChangeNeverUsesTheFilesOlderPage) {
         if (read_all(fd, 1) != 0) return 71;
         std::vector<char> buf(kBuf);
         for (int round = 0; round < kRounds; ++round) {
-            // The cursor on a record of key 1's order, one step on and back: the next
-            // record's key 0 is noted, the cursor is back where it was.
+            // Note key 0 of the next record along key 1, and step back.
             const std::string x = record(97 + 211 * static_cast<unsigned>(round), 1);
             if (nisfind(fd, 1, x.data() + kK0, buf.data(), kBuf) < kGenAt) return 72;
             if (nisread(fd, 1, buf.data(), kBuf) < kGenAt) return 73;
             std::memcpy(sh.z[round], buf.data(), kK0);
             if (nispread(fd, 1, buf.data(), kBuf) < kGenAt) return 74;
-            up_.signal('r');
-            down_.wait();
+            stop_here();
             if (nisread(fd, 1, buf.data(), kBuf) < kGenAt) return 75;
             if (std::memcmp(buf.data(), sh.z[round], kK0) == 0) return 76;  // the deleted record
             char id[kK0 + 1] = {};
@@ -457,10 +415,8 @@ TEST_F(FileReads, AStepAfterAChangeNeverUsesTheFilesOlderPage) {
     EXPECT_TRUE(kt::sound(path_));
 }
 
-// Scans along key 1 past the pool ask ahead for the pages of their next steps, which
-// changes no result: forwards and backwards they read, without the lock, exactly what
-// locked scans read.  With every page in the pool they do not ask ahead at all (nothing
-// to gain there, and the guesses cost).
+// Scans past the pool ask ahead and read, both ways, exactly what locked scans read; with
+// every page in the pool they do not ask ahead.
 TEST_F(FileReads, ScansPastThePoolAskAheadAndReadWhatLockedScansRead) {
     auto scan = [&](int fd, bool back, std::vector<std::string>& out) {
         std::vector<char> buf(kBuf);
@@ -469,8 +425,7 @@ TEST_F(FileReads, ScansPastThePoolAskAheadAndReadWhatLockedScansRead) {
             out.emplace_back(buf.data(), static_cast<size_t>(n));
         return n;
     };
-    // Both directions, each without the lock and then locked from a fresh cursor: 0 or
-    // what went wrong; the look-aheads of the scans without the lock in *ahead.
+    // Each direction without the lock, then locked from a fresh cursor: 0 or what differed.
     auto both_ways = [&](int fd, unsigned long* ahead) {
         for (const bool back : {false, true}) {
             std::vector<std::string> mine, locked;
@@ -514,12 +469,8 @@ TEST_F(FileReads, ScansPastThePoolAskAheadAndReadWhatLockedScansRead) {
     EXPECT_TRUE(kt::sound(path_));
 }
 
-// Another program cuts the file short under a reader that has it mapped, twice: each
-// read that needs a page past the new end fails exactly as the locked read of it fails
-// (ISE_RDRD for a record's page; a tree's page read on the way fails its search,
-// ISE_BTS), the reader lives on, and what the file still holds reads as before.  Once the
-// mapping that faulted is dropped and the file mapped again over its new size, nothing
-// faults until the next cut.
+// A file cut short (twice) under a mapped reader: reads past the end fail as locked reads
+// do (ISE_RDRD, ISE_BTS), the rest read as before, and once remapped nothing faults.
 TEST_F(FileReads, AFileCutShortUnderAReaderGivesErrorsNotASignal) {
     start(40, 1500);
     constexpr int kCuts = 2;
@@ -529,8 +480,7 @@ TEST_F(FileReads, AFileCutShortUnderAReaderGivesErrorsNotASignal) {
         std::vector<char> buf(kBuf);
         unsigned before = 0;  // reads that failed after the previous cut
         for (int cut = 0; cut < kCuts; ++cut) {
-            up_.signal('r');
-            down_.wait();
+            stop_here();
             for (int pass = 0; pass < 2; ++pass) {
                 const unsigned long faults0 = v_map_faults;
                 unsigned failed = 0;
@@ -583,8 +533,7 @@ void own_bus_handler(int, siginfo_t*, void*) {
     siglongjmp(own_jump, 1);
 }
 
-// A mapping of the program's own, cut short and touched past its new end: 0 when the
-// program's handler took the fault and came back, 1 when nothing faulted.
+// 0 when the program's handler took the fault of its own cut mapping, 1 when none came.
 int touch_own_cut_mapping(const std::string& p) {
     const int fd = ::open(p.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
     if (fd < 0 || ::ftruncate(fd, 8192) != 0) return 2;
@@ -603,10 +552,8 @@ int touch_own_cut_mapping(const std::string& p) {
     return rc;
 }
 
-// A SIGBUS that the program's own accesses cause is the program's: its handler, in
-// place before the library's first mapping, still gets it (the library's handler took
-// its place and hands it on); without one, the program ends with the signal as it would
-// have without the library.
+// A SIGBUS of the program's own accesses still reaches its handler, or its default
+// disposition, through the library's.
 TEST_F(FileReads, AProgramsOwnSigbusStillReachesIt) {
     start(40, 1500);
     EXPECT_EQ(in_child([&](int fd) {
@@ -626,8 +573,7 @@ TEST_F(FileReads, AProgramsOwnSigbusStillReachesIt) {
                   return 0;
               }),
               0);
-    // What the program had before (a sanitizer's handler, say, that reports and aborts):
-    // the test's process has made no mapping, so its children start with it.
+    // Without a handler of its own (or with a sanitizer's) the program ends by its disposition.
     struct sigaction before;
     ASSERT_EQ(::sigaction(SIGBUS, nullptr, &before), 0);
     const bool by_default = !(before.sa_flags & SA_SIGINFO) && before.sa_handler == SIG_DFL;
@@ -644,11 +590,8 @@ TEST_F(FileReads, AProgramsOwnSigbusStillReachesIt) {
     else EXPECT_TRUE(rc > 128 && rc != 128 + SIGALRM) << rc;  // ended by the program's disposition
 }
 
-// Misses under the control lock (a writer's) copy their page from the same mapping, with
-// no read call, and in every case load the page the file holds: the updates, checked by
-// a process that reads with read calls only, all took.  The mapping of a file that
-// another process made grow is measured again and serves the new pages too (within the
-// room it reserved, so never from past the file's end).
+// A writer's misses copy from the mapping (remeasured after another process grew the
+// file, never past its end); a reader with read calls only finds every update.
 TEST_F(FileReads, WritersMissesAreCopiedFromTheMappingAlsoAfterTheFileGrew) {
     start(40, 600);
     const pid_t r = hooked_reader([&](int fd) {
@@ -657,8 +600,7 @@ TEST_F(FileReads, WritersMissesAreCopiedFromTheMappingAlsoAfterTheFileGrew) {
         if (!put_range(fd, kUpdate, 0, ids_, 2)) return 71;
         if (v_map_loads - loads0 < ids_ / 4) return 72;                 // misses from the mapping
         if (isam_com->sysread - reads0 < v_map_loads - loads0) return 73;  // and counted as loads
-        up_.signal('r');
-        down_.wait();
+        stop_here();
         const unsigned long loads1 = v_map_loads, faults1 = v_map_faults;
         if (!put_range(fd, kUpdate, 600, 3000, 2)) return 74;
         if (v_map_loads - loads1 < (3000 - 600) / 4) return 75;  // the new pages too
@@ -672,27 +614,20 @@ TEST_F(FileReads, WritersMissesAreCopiedFromTheMappingAlsoAfterTheFileGrew) {
     EXPECT_TRUE(kt::sound(path_));
 }
 
-// Another program cuts the file short under a writer that has it mapped: a miss whose
-// page lies past the new end fails its call with an error (the mapping that faulted is
-// dropped and the page read, which finds nothing there), never with a signal, and the
-// writer goes on with its next call.
 TEST_F(FileReads, AFileCutShortUnderAWriterGivesErrorsNotASignal) {
     start(40, 1500);
     struct stat st;
     ASSERT_EQ(::stat(path_.c_str(), &st), 0);
     const pid_t r = hooked_reader([&](int fd) {
         ::alarm(60);
-        // Downwards, so that the pool is left with the front of the file, all of it
-        // written back (nisflush): the first miss past the cut comes before any write-back
-        // past it could make the file long again.
+        // Downwards and flushed: the first miss past the cut precedes any write-back past it.
         for (unsigned id = ids_; id-- > 0;) {
             const std::string rec = record(id, 2);
             if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 71;
         }
         if (v_map_loads == 0) return 72;  // the writer has the file mapped
         if (nisflush(fd) != 0) return 76;
-        up_.signal('r');
-        down_.wait();
+        stop_here();
         const unsigned long faults0 = v_map_faults;
         unsigned failed = 0;
         for (unsigned id = ids_; id-- > 0;) {
@@ -713,8 +648,7 @@ TEST_F(FileReads, AFileCutShortUnderAWriterGivesErrorsNotASignal) {
 
 // ---- Write-backs through the mapping ------------------------------------------------------
 
-// Page writes of the data file, by kind, in the process that counts them: stores into its
-// mapping (through the OS layer, as the hooks see them) and write calls.
+// Page writes of the counted file: stores into the mapping, and write calls.
 int counted_fd = -1;
 unsigned long data_stores = 0, data_pwrites = 0;
 int counting_mstore(int fd, char* map, off_t off, const void* src, size_t n) {
@@ -735,9 +669,9 @@ void count_page_writes(int isfd) {
 class MappedWrites : public FileReads {
 protected:
     void cut_under_write_back(bool by_checkpoint);
-    // What the writer left, read by another process with read calls only (no mapping in
-    // the checker): the whole file along `keyno`, ids [lo, hi) at generation `gen`; then
-    // the file's structure.
+    enum Then { kKilled, kClosed, kMore, kMoreElsewhere };
+    void failed_sync_then(int then);
+    // Another process with read calls only: the file along keyno, ids [lo, hi) at gen, sound.
     void reads_back_by_read_calls(int keyno, unsigned lo, unsigned hi, int gen) {
         kisam::os.pread = plain_pread;
         EXPECT_EQ(in_child([&](int fd) {
@@ -752,12 +686,8 @@ protected:
     }
 };
 
-// A writer whose pool is far smaller than the file writes its victims and its checkpoints
-// back by stores into its mapping of the file, each made known to the OS layer's hooks as
-// the write of its page; pages past the file's end (the file growing) go out by write
-// calls, after which the mapping covers them.  A process that reads with read calls only
-// finds every record as written.  Both sizes of control page: with pages 512 bytes apart
-// a page straddles two of the system's pages.
+// Victims and checkpoints are stores into the mapping, each seen as a page write; pages
+// past the end go by write calls first.  Both control-page sizes.
 TEST_F(MappedWrites, VictimsAndCheckpointsAreStoresThatReadersSee) {
     for (const int magic : {512, 1024}) {
         SCOPED_TRACE(magic);
@@ -784,109 +714,87 @@ TEST_F(MappedWrites, VictimsAndCheckpointsAreStoresThatReadersSee) {
     }
 }
 
-// A file growing by write-backs is taken ahead in zeros, a chunk at a time, so that its
-// next new pages are stores into the mapping rather than a write call each: never past
-// the end of its allocated pages, and never over a page another process wrote since this
-// one last measured the file (the writer below mapped it before another process grew it
-// by 2,400 records, and its first victims are that process's pages).  Every record reads
-// back with read calls only.  Pages 512 bytes apart: a page straddles two of the system's.
+// A growing file is taken ahead in zeros, never past its allocated pages nor over pages
+// another process wrote since this one measured the file.
 TEST_F(MappedWrites, AGrowingFileIsTakenAheadOnlyOverWhatItNeverHeld) {
-    {
-        start(40, 600, 512);
-        const pid_t w = hooked_reader([&](int fd) {
-            ::alarm(120);
-            for (unsigned id = 0; id < 200; ++id)
-                if (check(fd, id, 1) != 0) return 71;
-            up_.signal('r');
-            if (down_.wait() != 'g') return 72;
-            count_page_writes(fd);
-            const IS_FCP* fcp = kisam::pfo_fcp(is_db[fd]->uniqueid);
-            struct stat st;
-            const PAGE last0 = fcp->is_lastpage;
-            // Inserts first: their first misses write victims back before anything is
-            // read, with the size this process measured before the other grew the file.
-            for (unsigned k = 0; k < 3900; ++k) {
-                const unsigned id = k < 1500 ? 3000 + k : 600 + (k - 1500);
-                const std::string rec = record(id, 2);
-                const int rc = id >= 3000 ? niswrite(fd, rec.data(), static_cast<int>(rec.size()))
-                                          : nisupdate(fd, rec.data(), static_cast<int>(rec.size()));
-                if (rc != 0) return 73;
-                if (::fstat(counted_fd, &st) != 0) return 74;
-                if (st.st_size > v_fileoffset(fcp, fcp->is_lastpage)) return 75;  // past its end
-            }
-            // The new pages of 1,500 inserts (each page a write call of its own without the
-            // zeros ahead): far fewer write calls, the rest stores.
-            const unsigned fresh = (fcp->is_lastpage - last0) / 1024;
-            if (data_pwrites * 3 > fresh) {
-                std::fprintf(stderr, "%lu write calls for %u new pages\n", data_pwrites, fresh);
-                return 76;
-            }
-            kisam::os = kisam::os_real;
-            nisclose(fd);
-            nisunisam();
-            return 0;
-        }, 'r');
-        grow_then_release(w);
-        reads_back_by_read_calls(1, 600, 4500, 2);
-    }
+    start(40, 600, 512);
+    const pid_t w = hooked_reader([&](int fd) {
+        ::alarm(120);
+        for (unsigned id = 0; id < 200; ++id)
+            if (check(fd, id, 1) != 0) return 71;
+        if (stop_here() != 'g') return 72;
+        count_page_writes(fd);
+        const IS_FCP* fcp = kisam::pfo_fcp(is_db[fd]->uniqueid);
+        struct stat st;
+        const PAGE last0 = fcp->is_lastpage;
+        for (unsigned k = 0; k < 3900; ++k) {
+            const unsigned id = k < 1500 ? 3000 + k : 600 + (k - 1500);
+            const std::string rec = record(id, 2);
+            const int rc = id >= 3000 ? niswrite(fd, rec.data(), static_cast<int>(rec.size()))
+                                      : nisupdate(fd, rec.data(), static_cast<int>(rec.size()));
+            if (rc != 0) return 73;
+            if (::fstat(counted_fd, &st) != 0) return 74;
+            if (st.st_size > v_fileoffset(fcp, fcp->is_lastpage)) return 75;  // past its end
+        }
+        // Far fewer write calls than new pages: the rest are stores.
+        const unsigned fresh = (fcp->is_lastpage - last0) / 1024;
+        if (data_pwrites * 3 > fresh) {
+            std::fprintf(stderr, "%lu write calls for %u new pages\n", data_pwrites, fresh);
+            return 76;
+        }
+        kisam::os = kisam::os_real;
+        nisclose(fd);
+        nisunisam();
+        return 0;
+    }, 'r');
+    grow_then_release(w);
+    reads_back_by_read_calls(1, 600, 4500, 2);
 }
 
-// Another program cuts the file short under a writer whose pool holds changed pages past
-// the new end: the store of such a page faults, and the page is written by a write call
-// instead -- which succeeds, as it would have without the mapping -- and the writer goes
-// on, never killed by the signal.  Victims (writebuf) and the checkpoint (the write-back
-// of every dirty page) both meet it.
+// A file cut short under a victim's or a checkpoint's store: the page goes by a write
+// call instead, whose result the call gets; no signal.
 void MappedWrites::cut_under_write_back(bool by_checkpoint) {
-    {
-        start(40, 1500);
-        struct stat st;
-        ASSERT_EQ(::stat(path_.c_str(), &st), 0);
-        const pid_t r = hooked_reader([&](int fd) {
-            ::alarm(60);
-            count_page_writes(fd);
-            // Changed pages of the back of the file, held in the pool; the front read
-            // through the mapping, so that the writer has the file mapped.
-            for (unsigned id = 0; id < 200; ++id)
-                if (check(fd, id, 1) != 0) return 71;
-            for (unsigned id = ids_; id-- > ids_ - 30;) {
+    start(40, 1500);
+    struct stat st;
+    ASSERT_EQ(::stat(path_.c_str(), &st), 0);
+    const pid_t r = hooked_reader([&](int fd) {
+        ::alarm(60);
+        count_page_writes(fd);
+        // Dirty pages at the back of the file; the front read through the mapping.
+        for (unsigned id = 0; id < 200; ++id)
+            if (check(fd, id, 1) != 0) return 71;
+        for (unsigned id = ids_; id-- > ids_ - 30;) {
+            const std::string rec = record(id, 2);
+            if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 72;
+        }
+        if (v_map_stores == 0 && v_map_loads == 0) return 73;
+        stop_here();
+        const unsigned long pwrites0 = data_pwrites;
+        if (by_checkpoint) {
+            if (kt::write_back(fd) != 0) return 74;
+        } else {
+            // Misses of the front make the dirty pages victims.
+            for (unsigned id = 0; id < 400; ++id) {
                 const std::string rec = record(id, 2);
-                if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 72;
+                is_errno = 0;
+                if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) != 0 && is_errno == 0) return 75;
             }
-            if (v_map_stores == 0 && v_map_loads == 0) return 73;
-            up_.signal('r');
-            down_.wait();
-            const unsigned long pwrites0 = data_pwrites;
-            if (by_checkpoint) {
-                if (kt::write_back(fd) != 0) return 74;
-            } else {
-                // Misses of the front of the file make the changed pages victims (a call
-                // that meets the cut itself fails with an error).
-                for (unsigned id = 0; id < 400; ++id) {
-                    const std::string rec = record(id, 2);
-                    is_errno = 0;
-                    if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) != 0 && is_errno == 0) return 75;
-                }
-            }
-            if (v_store_faults == 0) return 76;         // a store met the cut ...
-            if (data_pwrites == pwrites0) return 77;    // ... and its page went by a write call
-            return 0;
-        }, 'r');
-        const off_t cut = st.st_size / 2 / 4096 * 4096;
-        ASSERT_EQ(::truncate(path_.c_str(), cut), 0);
-        down_.signal('g');
-        EXPECT_EQ(kt::wait_child(r), 0);
-        // The write calls put the pages back past the cut, as they would have unmapped.
-        ASSERT_EQ(::stat(path_.c_str(), &st), 0);
-        EXPECT_GT(st.st_size, cut);
-    }
+        }
+        if (v_store_faults == 0) return 76;         // a store met the cut ...
+        if (data_pwrites == pwrites0) return 77;    // ... and its page went by a write call
+        return 0;
+    }, 'r');
+    const off_t cut = st.st_size / 2 / 4096 * 4096;
+    ASSERT_EQ(::truncate(path_.c_str(), cut), 0);
+    release(r);
+    ASSERT_EQ(::stat(path_.c_str(), &st), 0);
+    EXPECT_GT(st.st_size, cut);
 }
 
 TEST_F(MappedWrites, AFileCutShortUnderAVictimsStoreGetsTheWriteCallsResult) { cut_under_write_back(false); }
 TEST_F(MappedWrites, AFileCutShortUnderACheckpointsStoreGetsTheWriteCallsResult) { cut_under_write_back(true); }
 
-// A private mount namespace with a small file system of its own at dir (a tmpfs of
-// `bytes`), for this process only: as root, or through a user namespace.  False when the
-// system allows neither.
+// A private tmpfs of `bytes` at dir (as root or through a user namespace); false if neither.
 bool small_disk(const std::string& dir, size_t bytes) {
     const uid_t uid = ::getuid();
     const gid_t gid = ::getgid();
@@ -903,14 +811,12 @@ bool small_disk(const std::string& dir, size_t bytes) {
             !put("/proc/self/gid_map", std::to_string(gid) + " " + std::to_string(gid) + " 1\n"))
             return false;
     }
-    // Nothing mounted here may reach the system's own namespace.
     if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return false;
     ::mkdir(dir.c_str(), 0700);
     const std::string opt = "size=" + std::to_string(bytes);
     return ::mount("kisam-test", dir.c_str(), "tmpfs", 0, opt.c_str()) == 0;
 }
 
-// Fills the file system of dir until it has no block left; the filler's path.
 std::string fill_up(const std::string& dir) {
     const std::string f = dir + "/filler";
     const int fd = ::open(f.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
@@ -922,10 +828,8 @@ std::string fill_up(const std::string& dir) {
     return f;
 }
 
-// A changed page whose place in the file is a hole, on a disk with no block left: its store
-// faults (the disk cannot give the block), and the page goes by a write call, which fails
-// for want of room -- the write-back fails with the write's error, nothing is lost, and
-// once there is room again the same write-back succeeds and the file holds every record.
+// A store into a hole of a full disk faults; the write call's ENOSPC fails the
+// write-back, nothing is lost, and with room again the same write-back succeeds.
 TEST_F(MappedWrites, AStoreIntoAHoleOfAFullDiskGetsTheWriteCallsError) {
     start(400, 10);
     const std::string dir = path("small");
@@ -938,8 +842,7 @@ TEST_F(MappedWrites, AStoreIntoAHoleOfAFullDiskGetsTheWriteCallsError) {
         if (!put_range(fd, kWrite, 0, 600, 1)) return 2;
         if (kt::write_back(fd) != 0) return 3;  // the file whole on the disk
         if (!put_range(fd, kUpdate, 0, 600, 2)) return 4;
-        // Four changed pages that fill one of the system's pages: punched out, they leave
-        // a hole only the pool holds the bytes of.
+        // Four dirty pages filling one system page, punched out: a hole only the pool holds.
         const int u = is_db[fd]->uniqueid;
         const IS_FCP* fcp = kisam::pfo_fcp(u);
         std::vector<off_t> dirty;
@@ -968,7 +871,6 @@ TEST_F(MappedWrites, AStoreIntoAHoleOfAFullDiskGetsTheWriteCallsError) {
         if (nisclose(fd) != 0) return 12;
         nisunisam();
         kisam::os = kisam::os_real;
-        // Read back with read calls (a new attachment, the pool empty).
         kisam::os.pread = plain_pread;
         if (is_init() != 0 || (fd = nisopen(file.c_str(), ISO_RDWR)) < 0) return 13;
         for (unsigned id = 0; id < 600; ++id)
@@ -981,13 +883,7 @@ TEST_F(MappedWrites, AStoreIntoAHoleOfAFullDiskGetsTheWriteCallsError) {
     EXPECT_EQ(rc, 0);
 }
 
-// Stores into the mapping reach the disk at the next sync, and a disk that fails to write
-// them says so there: a checkpoint whose sync of the file fails fails, and keeps the log.
-// Here the sync's failure is made at the OS layer and the disk's loss by putting the
-// file's bytes of before the calls back: the next start replays the log and the calls are
-// all there.
-// A disk that lost every page written since the file held `was`: its bytes put back in
-// place (the same file, which processes may have open), its size too.
+// A disk that lost every write since the file held `was` (same inode, its size too).
 bool lose_since(const std::string& path, const std::string& was) {
     const int f = ::open(path.c_str(), O_WRONLY);
     const bool ok = f >= 0 && ::pwrite(f, was.data(), was.size(), 0) == static_cast<ssize_t>(was.size()) &&
@@ -1005,39 +901,6 @@ int failing_data_sync(int fd) {
     return kisam::os_real.fdatasync(fd);
 }
 
-TEST_F(MappedWrites, ACheckpointWhoseSyncFailsKeepsTheLog) {
-    start(40, 600);
-    const std::string before = kt::slurp(path_);
-    ASSERT_FALSE(before.empty());
-    EXPECT_EQ(kt::run_child([&] {
-                  const int fd = open();
-                  if (fd < 0) return 70;
-                  if (!put_range(fd, kUpdate, 0, ids_, 2)) return 71;
-                  if (v_map_stores == 0) return 72;
-                  const int u = is_db[fd]->uniqueid;
-                  failing_fd = is_pfi[u].pfi_osfd;
-                  kisam::os.fdatasync = failing_data_sync;
-                  is_errno = 0;
-                  if (kt::write_back(fd) == 0 || is_errno != ISE_FLWT) return 73;
-                  const auto* x = kisam::isx_file_of(u);
-                  if (x->xf_log_start == x->xf_log_end) return 74;  // the log still holds the calls
-                  ::kill(::getpid(), SIGKILL);                        // and nothing else happens
-                  return 75;
-              }),
-              128 + SIGKILL);
-    ASSERT_TRUE(lose_since(path_, before)) << "what the disk lost: every page write since the file was whole";
-    EXPECT_EQ(in_child([&](int fd) { return read_all(fd, 2); }), 0);
-    EXPECT_TRUE(kt::sound(path_));
-}
-
-// The kernel reports a failed write-back once, then takes the pages for clean and may drop
-// them: the next sync succeeds over a file that lacks them.  Here the checkpoint's sync
-// fails, and the disk and the cache forget every page written since the file was last
-// whole (its bytes of then put back).  The next checkpoint that succeeds must still leave
-// every call in the file itself, with nothing left in the log for a replay: the last
-// close's, the one before the same process's next changing call, or the one before the
-// next call of another process that had the file open all along (the failure is the
-// file's, not the process's).
 int more_calls(int fd, unsigned ids) {
     for (unsigned id = 0; id < ids; id += 3) {
         const std::string rec = record(id, 3);
@@ -1047,69 +910,75 @@ int more_calls(int fd, unsigned ids) {
     return 0;
 }
 
-TEST_F(MappedWrites, PagesAFailedSyncLostReachTheFileAtTheNextCheckpoint) {
-    enum { kClosed, kMore, kMoreElsewhere };
-    for (const int then : {kClosed, kMore, kMoreElsewhere}) {
-        SCOPED_TRACE(then == kClosed ? "closed after the failure"
-                     : then == kMore ? "more calls after the failure"
-                                     : "more calls of another process after the failure");
-        start(40, 600);
-        const std::string before = kt::slurp(path_);
-        ASSERT_FALSE(before.empty());
-        kt::Pipe up, down;
-        pid_t other = -1;
-        if (then == kMoreElsewhere) {
-            other = kt::start_child([&] {
-                up.close_read();
-                down.close_write();
-                const int fd = open();
-                if (fd < 0) return 90;
-                up.signal('o');
-                if (down.wait() != 'g') return 91;
-                if (const int rc = more_calls(fd, ids_)) return rc;
-                nisclose(fd);  // the last close
-                nisunisam();
-                return 0;
-            });
-            up.close_write();
-            down.close_read();
-            ASSERT_EQ(up.wait(), 'o');
-        }
-        EXPECT_EQ(in_child([&](int fd) {
-                      if (!put_range(fd, kUpdate, 0, ids_, 2)) return 71;
-                      if (v_map_stores == 0) return 72;  // victims went out before the sync
-                      const int u = is_db[fd]->uniqueid;
-                      failing_fd = is_pfi[u].pfi_osfd;
-                      kisam::os.fdatasync = failing_data_sync;
-                      is_errno = 0;
-                      if (kt::write_back(fd) == 0 || is_errno != ISE_FLWT) return 73;
-                      kisam::os.fdatasync = kisam::os_real.fdatasync;  // the disk works again
-                      if (!lose_since(path_, before)) return 75;
-                      return then == kMore ? more_calls(fd, ids_) : 0;  // then closed and detached
-                  }),
-                  0);
-        if (other > 0) {
-            down.signal('g');
-            EXPECT_EQ(kt::wait_child(other), 0);
-        }
-        // Nothing is left for a replay: what follows reads the file as it is.
-        EXPECT_EQ(kisam_pending(path_.c_str()), 0);
-        const bool more = then != kClosed;
-        EXPECT_EQ(in_child([&](int fd) {
-                      kisam_recovery r;
-                      if (kisam_last_recovery(&r) == 0 && r.calls != 0) return 80;  // no replay
-                      for (unsigned id = 0; id < ids_; ++id)
-                          if (const int rc = check(fd, id, more && id % 3 == 0 ? 3 : 2)) {
-                              std::fprintf(stderr, "id %u: wrong (%d)\n", id, rc);
-                              return 81;
-                          }
-                      for (unsigned id = ids_; more && id < ids_ + 300; ++id)
-                          if (check(fd, id, 1) != 0) return 82;
-                      return 0;
-                  }),
-                  0);
-        EXPECT_TRUE(kt::sound(path_));
+// A checkpoint whose sync fails fails, and the kernel may then drop the pages.  Killed
+// there, the kept log restores them at the next start; otherwise the next good checkpoint
+// (last close, the next call, another process's call) puts every call in the file itself.
+void MappedWrites::failed_sync_then(int then) {
+    SCOPED_TRACE(then == kKilled ? "killed after the failure" : then == kClosed ? "closed after the failure"
+                 : then == kMore ? "more calls after the failure" : "more calls of another process after the failure");
+    start(40, 600);
+    const std::string before = kt::slurp(path_);
+    ASSERT_FALSE(before.empty());
+    kt::Pipe up, down;
+    pid_t other = -1;
+    if (then == kMoreElsewhere) {
+        other = kt::start_child([&] {
+            up.close_read();
+            down.close_write();
+            const int fd = open();
+            if (fd < 0) return 90;
+            up.signal('o');
+            if (down.wait() != 'g') return 91;
+            if (const int rc = more_calls(fd, ids_)) return rc;
+            nisclose(fd);  // the last close
+            nisunisam();
+            return 0;
+        });
+        up.close_write();
+        down.close_read();
+        ASSERT_EQ(up.wait(), 'o');
     }
+    EXPECT_EQ(in_child([&](int fd) {
+                  if (!put_range(fd, kUpdate, 0, ids_, 2)) return 71;
+                  if (v_map_stores == 0) return 72;  // victims went out before the sync
+                  const int u = is_db[fd]->uniqueid;
+                  failing_fd = is_pfi[u].pfi_osfd;
+                  kisam::os.fdatasync = failing_data_sync;
+                  is_errno = 0;
+                  if (kt::write_back(fd) == 0 || is_errno != ISE_FLWT) return 73;
+                  const auto* x = kisam::isx_file_of(u);
+                  if (x->xf_log_start == x->xf_log_end) return 74;  // the log still holds the calls
+                  kisam::os.fdatasync = kisam::os_real.fdatasync;  // the disk works again
+                  if (!lose_since(path_, before)) return 75;
+                  if (then == kKilled) ::kill(::getpid(), SIGKILL);
+                  return then == kMore ? more_calls(fd, ids_) : 0;  // then closed and detached
+              }),
+              then == kKilled ? 128 + SIGKILL : 0);
+    if (other > 0) {
+        down.signal('g');
+        EXPECT_EQ(kt::wait_child(other), 0);
+    }
+    if (then != kKilled) EXPECT_EQ(kisam_pending(path_.c_str()), 0);
+    const bool more = then == kMore || then == kMoreElsewhere;
+    EXPECT_EQ(in_child([&](int fd) {
+                  kisam_recovery r;
+                  if (then != kKilled && kisam_last_recovery(&r) == 0 && r.calls != 0) return 80;  // no replay
+                  for (unsigned id = 0; id < ids_; ++id)
+                      if (const int rc = check(fd, id, more && id % 3 == 0 ? 3 : 2)) {
+                          std::fprintf(stderr, "id %u: wrong (%d)\n", id, rc);
+                          return 81;
+                      }
+                  for (unsigned id = ids_; more && id < ids_ + 300; ++id)
+                      if (check(fd, id, 1) != 0) return 82;
+                  return 0;
+              }),
+              0);
+    EXPECT_TRUE(kt::sound(path_));
+}
+
+TEST_F(MappedWrites, ACheckpointWhoseSyncFailsKeepsTheLog) { failed_sync_then(kKilled); }
+TEST_F(MappedWrites, PagesAFailedSyncLostReachTheFileAtTheNextCheckpoint) {
+    for (const int then : {kClosed, kMore, kMoreElsewhere}) failed_sync_then(then);
 }
 
 }  // namespace

@@ -1,11 +1,5 @@
-// Every changing call is whole or absent: killed at any of its page writes or
-// synchronisations -- the log record that commits it, and the write-back of the close
-// after it --, a write with splits up to the root, an update that changes two keys, a
-// delete of a record with overflow pages and a replace leave the file's records (read
-// along every key) as they were before the call, or, when the call had returned, as it
-// made them; and the checker finds the file sound once another process has used it (or,
-// with nobody attached, once the next process attaches).  (Failures at every page write
-// and sync of a workload, and a retry once the disk works again: fault_sweep_test.)
+// Every changing call is whole or absent when killed at any page write or sync of the
+// call or of its close, or when its writes fail.
 #include "../engine/open_fixture.h"
 #include "oracle.h"
 
@@ -27,8 +21,7 @@ using kt::Faults;
 using kt::slurp;
 using kt::spit;
 
-// Long keys: key 1 has order 6, so that a few hundred writes grow its tree to four
-// levels.
+// Long keys: key 1 has order 6, a few hundred writes make four levels.
 const ko::Layout kL{60, 90, 40};
 constexpr int kTightPool = 8;
 
@@ -50,14 +43,12 @@ int apply(int fd, const Call& c) {
     return -1;
 }
 
-// The file's records as the library gives them along every key.
 ko::Model records_of(int fd) {
     const ko::Scan s = ko::scan(fd, kL);
     EXPECT_TRUE(s.ok()) << s.why;
     return s.recs;
 }
 
-// The file as the next process finds it holds exactly `want` (the oracle's holds()).
 ::testing::AssertionResult holds(const std::string& f, const ko::Model& want) { return ko::holds(f, kL, want); }
 
 bool exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
@@ -78,7 +69,6 @@ protected:
         ko::Model after;      // and after it
     };
 
-    // The page writes call c makes on a copy of the file whose bytes are `image`.
     int writes_of(const std::string& image, const Call& c) {
         const std::string g = path("c2");
         spit(g, image);
@@ -91,9 +81,8 @@ protected:
         return n;
     }
 
-    // Call c on fd (file f) with the disk refusing every write from the call's last on --
-    // the log record that commits it --, as counted on a copy of the file written back
-    // first; the call's result.
+    // Call c with the disk refusing every write from its last on (the commit's log record),
+    // counted on a copy of the file.
     int failing_from_commit(int fd, const std::string& f, const Call& c) {
         EXPECT_EQ(kt::write_back(fd), 0);
         const int writes = writes_of(slurp(f), c);
@@ -105,8 +94,8 @@ protected:
         return rc;
     }
 
-    // Builds a 3-key file in this process and records, for each call worth testing, the
-    // file before it (written back) and its records before and after; then detaches.
+    // A 3-key file and, for each call worth testing, the file before it (written back) and its
+    // records before and after; detached at the end.
     std::vector<Target> build(const std::string& f) {
         std::vector<Target> t;
         std::vector<int> lens = kL.lens();
@@ -127,9 +116,8 @@ protected:
                 t.push_back(x);
             }
         };
-        // Writes until the tree of key 1 (order 6) grows to four levels: the write that
-        // splits its root then splits every level below it too.  Only a write into a
-        // tree whose root is full can split the root.
+        // Writes until key 1's tree has four levels; the write splitting a full root then splits
+        // every level.
         auto root_full = [&](int k) {
             IS_KEY* kd = kisam::fcp_key(ot::shared_fcp(fd), k);
             int16_t n = 0;
@@ -167,10 +155,8 @@ protected:
         return t;
     }
 
-    // A child that opens f and waits; on a signal it reads the whole file along key 0
-    // (taking the control lock: a dead holder's unit is rolled back then), closes and
-    // detaches.  Without `opens` it only attaches, and on the signal leaves as the last
-    // process, which rolls the dead holder's unit back on its way out.
+    // A child that opens f (or, without `opens`, only attaches) and, on `go`, reads along key
+    // 0 and leaves: either way it rolls a dead holder's unit back.
     pid_t peer(const std::string& f, kt::Pipe& ready, kt::Pipe& go, bool opens = true) {
         return kt::start_child([&, f, opens] {
             ot::become_unattached();
@@ -194,15 +180,9 @@ protected:
         });
     }
 
-    // A process opens the file, makes the call and closes the file; it is killed just
-    // before its nth page write -- or its nth synchronisation --, for every n up to the
-    // last of the call and of its close (the log record ends the call; the close that is
-    // the last of the file writes the pages back).  Whether another process had the file
-    // open all along (and rolls the call back when it next takes the file's control
-    // lock), was attached without the file (and rolls it back as the last to leave) or
-    // nobody was (the next process to attach replays the log), the file afterwards holds
-    // the records it held before the call when the process died inside the call, and
-    // those after it when it died in its close; and the checker finds it sound.
+    // A process making the call and closing the file is killed before its nth write or sync,
+    // for every n, with the file open elsewhere, another process attached, or nobody: the
+    // file then holds the records of before the call, or of after it once it had returned.
     void kill_sweep() {
         const std::string f = path("k");
         const std::string returned = path("returned");
@@ -215,7 +195,6 @@ protected:
             for (Faults::Kind kind : {Faults::kWrite, Faults::kSync}) {
                 int in_call = 0;
                 for (int others = 0; others < 3; ++others) {
-                    // 0: a process has the file open; 1: one is attached; 2: nobody is.
                     for (int n = 1;; ++n) {
                         SCOPED_TRACE(std::string("killed before ") + kind_name(kind) + " " + std::to_string(n) +
                                      (others == 0 ? ", file open elsewhere" : others == 1 ? ", one attached" : ", alone"));
@@ -256,7 +235,6 @@ protected:
                         ASSERT_LT(::shmget(inst_->key(), 0, 0), 0) << "a segment was left behind";
                     }
                 }
-                // The call itself writes (its log record) before it can return.
                 if (kind == Faults::kWrite) {
                     EXPECT_GT(in_call, 0);
                 }
@@ -270,9 +248,7 @@ protected:
 
 TEST_F(Undo, KillAtEveryPageWriteLeavesTheFileAsBefore) { kill_sweep(); }
 
-// With a pool of few slots the calls must let go of pages they changed (written to the
-// file after a log record that leaves the call open) and evict pages of earlier calls
-// (after syncing the log up to them): the kills reach those writes too.
+// A pool of few slots: calls let changed pages go and evict earlier calls' pages.
 class UndoTightPool : public Undo {
 protected:
     void SetUp() override {
@@ -285,8 +261,7 @@ protected:
 
 TEST_F(UndoTightPool, KillAtEveryPageWriteLeavesTheFileAsBefore) { kill_sweep(); }
 
-// Fails every pwrite at offset 0 of the data file named `fail_path` (its control page),
-// and only those, while set.
+// Fails every pwrite of the control page of `fail_path` while set.
 std::string fail_path;
 int control_writes_failed = 0;
 ssize_t failing_control_pwrite(int fd, const void* b, size_t n, off_t off) {
@@ -298,9 +273,7 @@ ssize_t failing_control_pwrite(int fd, const void* b, size_t n, off_t off) {
     return kisam::os_real.pwrite(fd, b, n, off);
 }
 
-// A write whose commit cannot be written -- its log record, which carries the control
-// page -- learns it: -1 with ISE_FLWT under the release, and nothing of the call is
-// there, in the pool or, once writes succeed again, on the disk.
+// A write whose commit cannot be written fails with ISE_FLWT, and nothing of it stays.
 TEST_F(Undo, AFailedControlPageWriteFailsTheCallAndUndoesIt) {
     const std::string f = path("c");
     const int fd = create("c", kL.lens());
@@ -322,11 +295,8 @@ TEST_F(Undo, AFailedControlPageWriteFailsTheCallAndUndoesIt) {
     EXPECT_TRUE(holds(f, before_records));
 }
 
-// A call whose commit fails and whose rollback fails with it (the disk refuses every
-// write from the commit on) leaves the rollback due: the file's next call, once the disk
-// works, completes it.  The call grew the file (an overflow record, splits): its control
-// page, changed in the shared copy, goes back too, or the file would count pages that
-// hold nothing.
+// A failed commit whose rollback fails too (a call that grew the file) is rolled back,
+// control page included, by the file's next call.
 TEST_F(Undo, ARollbackThatFailsIsCompletedByTheNextCall) {
     const std::string f = path("c");
     const int fd = create("c", kL.lens());
@@ -343,9 +313,7 @@ TEST_F(Undo, ARollbackThatFailsIsCompletedByTheNextCall) {
     EXPECT_TRUE(holds(f, want));
 }
 
-// A write-back whose control page cannot be written (nisflush, which returns 0 whatever
-// its flush did, then the last close) loses nothing: the calls stay in the log, and the
-// next process finds every record the calls made.
+// A write-back whose control page cannot be written loses nothing: the log keeps the calls.
 TEST_F(Undo, AFailedControlPageWriteBackKeepsTheCalls) {
     const std::string f = path("c");
     const int fd = create("c", kL.lens());
@@ -372,12 +340,8 @@ TEST_F(Undo, AFailedControlPageWriteBackKeepsTheCalls) {
     EXPECT_TRUE(holds(f, after)) << "the next process finds the calls";
 }
 
-// A checkpoint whose control page cannot be written fails there and keeps the log: the
-// pages it wrote to the file before are covered by the log still.  Killed right after
-// it -- at the first sync of the log that follows, before the release logs the control
-// page again -- the process leaves the next one a file that the replay gives every
-// call, and that takes further calls.  A checkpoint that went on would have started the
-// log anew over a file whose control page is older than its pages.
+// A checkpoint whose control page write fails keeps the log; killed at the next log sync,
+// the process leaves a file the replay makes whole and that takes further calls.
 int dying_log_sync(int fd) {
     if (control_writes_failed > 0 && kt::is_log_fd(fd)) ::raise(SIGKILL);
     return kisam::os_real.fdatasync(fd);
@@ -405,8 +369,6 @@ TEST_F(Undo, AFailedCheckpointKeepsTheLogForTheReplayAfterACrash) {
     });
     ASSERT_EQ(st, 128 + SIGKILL);
     inst_->remove_segment();
-    // The file goes on from what the replay made of it: a control page older than the
-    // pages would hand out pages in use again (its end and free chain).
     int fd = nisopen(f.c_str(), ISO_RDWR);
     ASSERT_GE(fd, 0) << is_errno;
     for (int id = 100; id < 140; ++id) {

@@ -28,9 +28,8 @@
 #include <cstring>
 #include <vector>
 
-// Every test checks, as the library makes each record of a log, that what a unit noted of
-// its changes of a page covers all it changed there: a change made without its note
-// would otherwise show only at a replay.
+// Every test checks, as each log record is made, that a unit noted every change it made
+// to a page: a missing note would otherwise show only at a replay.
 namespace {
 [[maybe_unused]] const bool noted_checked = (lg_check_noted(true), true);
 }  // namespace
@@ -80,18 +79,15 @@ Installation::Installation(const Config& c, bool with_lock_file, const std::stri
     ::setenv("HOME_Q9", (dir_ + "/q9").c_str(), 1);
     ::setenv("PROFILEQ9ENV", (dir_ + "/home/.Q9.profile").c_str(), 1);
     ::setenv("KISCONFIG", config_.c_str(), 1);
-    // The settings store caches a variable at its first lookup; put the value directly
-    // so that several installations in one process each find their own file.
+    // The settings store caches a variable at its first lookup: each installation puts its own.
     ZTPutEnv("KISCONFIG", config_.c_str());
     write_config(config_, c);
     if (with_lock_file) {
         int fd = ::open((config_ + ".lk").c_str(), O_RDWR | O_CREAT, 0666);
         if (fd >= 0) ::close(fd);
     }
-    // The key keeps only the low 16 bits of the key file's inode, so a segment that a run
-    // which died left behind (its files long gone) may carry the key of this new file,
-    // and the library would find a segment of another size.  Nothing is attached to such
-    // a segment by right: it goes.
+    // The key keeps 16 bits of the key file's inode: a segment a dead run left (nobody
+    // attached) may carry this file's key, and goes.
     const key_t k = key();
     const int id = k == -1 ? -1 : ::shmget(k, 0, 0);
     struct shmid_ds ds;
@@ -279,8 +275,7 @@ ssize_t f_pread(int fd, void* b, size_t n, off_t off) {
 ssize_t f_pwrite(int fd, const void* b, size_t n, off_t off) {
     return fault(Faults::kWrite) ? -1 : kisam::os_real.pwrite(fd, b, n, off);
 }
-// A store into a mapped file (the redo log's records) counts as a write: it can fail, or
-// the process die before it, like a pwrite.
+// A store into a mapped file (the log's records) counts as a write.
 int f_mstore(int fd, char* map, off_t off, const void* src, size_t n) {
     return fault(Faults::kWrite) ? -1 : kisam::os_real.mstore(fd, map, off, src, n);
 }

@@ -226,14 +226,12 @@ Scan scan(int fd, const Layout& L, int keys) {
             s.read_failed = true;
             continue;
         }
-        // Every key is read to its end (or its first error), also after a bad record, so
-        // that a program that would have seen an error is told from one that would not.
+        // Every key is read to its end or first error, also after a bad record, so that a
+        // program that would have seen an error is told from one that would not.
         std::string prev;
         int n;
-        // A damaged index, or a read that does not move on, could lead the reads round
-        // and round: no key holds more records than the file has room for their index
-        // items (four bytes each at the least), so reads past that are a loop, reported
-        // rather than waited for.
+        // A damaged index or a read that does not move on could loop: no key holds more records
+        // than the file has room for their index items (four bytes at least).
         const IS_FCP* fcp = kisam::pfo_fcp(is_db[fd]->uniqueid);
         const long most = (fcp ? static_cast<long>(fcp->is_lastpage / 4) : 1L << 22) + 64;
         long steps = 0;

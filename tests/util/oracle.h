@@ -1,21 +1,10 @@
-// The oracle of the reliability tests: what a file must hold after calls that were cut
-// short (killed, abandoned by a jump, failed, lost to a power cut).
-//
-//   records  Every record says in its own bytes which id and generation it is, and how
-//            long: key 0 is the id in decimal, key 1 starts with the generation in hex,
-//            key 2 takes few values (long runs of duplicates), the rest is a pattern of
-//            both.  A record read back is verified byte for byte.
-//   model    What the file holds per id, moved on by each call that returned.
-//   oracle   The calls one worker intended and those that returned: a call cut short
-//            must have left its record exactly as before it or exactly as after it.
-//   log      An operation log on disk for workers that are killed: a line before each
-//            call ("B seq op id gen size"), one after it ("E seq rc errno"), and, for a
-//            call that was cut short, how its record was found ("R id gen size");
-//            replayed into an oracle by whoever checks the file.
-//   scan     The whole file read along every key: each record verified, every key in
-//            order, every key holding the same records.
-//   checks   The file on disk sound by the structural checker; the shared area's heap and
-//            buffer lists whole.
+// The oracle of the reliability tests: what a file must hold after calls cut short
+// (killed, abandoned, failed, lost to a power cut).  Records carry their id, generation
+// and size in their own bytes (key 0 the id, key 1 the generation in hex, key 2 few
+// values), so each one read back is verified whole; a call cut short must leave its
+// record exactly as before or exactly as after it.  Killed workers keep an operation
+// log: "B seq op id gen size" before a call, "E seq rc errno" after, "R id gen size" for
+// how a cut call's record was found.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -28,8 +17,7 @@
 
 namespace kt::oracle {
 
-// Key lengths of the records record() makes (a length 0: no such key, and no generation
-// in the bytes when key 1 has none), and of the files that hold them.
+// Key lengths of record() and its files (0: no such key; no generation without key 1).
 struct Layout {
     int l0, l1, l2;
     int min() const { return l0 + l1 + l2; }
@@ -42,7 +30,7 @@ struct Layout {
     int keys() const { return static_cast<int>(lens().size()); }
 };
 
-// What the file holds for an id: a generation and a size, or nothing (gen -1).
+// gen -1: nothing under the id.
 struct Rec {
     int gen = -1;
     int size = 0;
@@ -53,40 +41,31 @@ std::ostream& operator<<(std::ostream& os, const Rec& r);
 
 using Model = std::map<int, Rec>;   // ids absent from the map hold nothing
 
-// Record `id` of generation `gen` (kept to the hex digits key 1 has room for), `size`
-// bytes (at least L.min()).
+// size >= L.min(); gen is kept to the hex digits key 1 has room for.
 std::string record(const Layout& L, int id, int gen, int size);
-// Key 0 of id.
 std::string key(const Layout& L, int id);
-// The id and record of bytes read back; false when record() could not have made them.
+// False when record() could not have made these bytes.
 bool parse(const Layout& L, const char* p, int n, int* id, Rec* r);
 
-// What an open file holds under id (read by key 0): gen -2 when the bytes read are no
-// record of id, -3 when the read fails.
+// What an open file holds under id: gen -2 for bytes that are no record of id, -3 a failed read.
 Rec find(int fd, const Layout& L, int id);
 
-// What op leaves for a record that was `before` when it returns: w (write: only where
-// there was none), f (forced write), d (delete); any other op is an update (changes a
-// record that is there).
+// What op leaves where `before` was: w write (only into nothing), f forced write, d
+// delete, anything else an update (only of a record there).
 Rec after(char op, const Rec& before, int gen, int size);
 
-// ::testing::AssertionSuccess when `got` holds exactly the records of `want`.
 ::testing::AssertionResult same(const Model& want, const Model& got);
 
 class Oracle {
 public:
-    // A call is intended ...
     void begin(char op, int id, int gen, int size);
-    // ... and returned rc: the model moves on when rc >= 0.
-    void end(int rc);
-    // ... or was cut short, and its record reads `now`: the record before the call or
-    // after it, and nothing else.  The model takes `now`.
+    void end(int rc);   // the model moves on when rc >= 0
+    // The call was cut short and its record reads `now`: before or after, nothing else.
     ::testing::AssertionResult cut(const Rec& now);
     bool pending() const { return pending_; }
     int pending_id() const { return id_; }
     Rec get(int id) const;
     const Model& model() const { return model_; }
-    // The model with the pending call done.
     Model with_pending() const;
     long calls = 0, cut_short = 0;
 
@@ -97,7 +76,6 @@ private:
     int id_ = 0, gen_ = 0, size_ = 0;
 };
 
-// A worker's operation log (appended, so that a killed worker's lines stay).
 class Log {
 public:
     explicit Log(const std::string& path);
@@ -107,11 +85,9 @@ public:
     void begin(int seq, char op, int id, int gen, int size);
     void end(int seq, int rc, int err);
     void resolved(int id, const Rec& now);
-    // A worker killed while it wrote a line may leave part of it: the part goes, as if
-    // the line had not been written (a cut "E" line reads as a call cut short, which it
-    // was as far as the log knows).
+    // Drops a line a killed worker left half written.
     static void heal(const std::string& path);
-    // The id of the call the log ends inside of (its last line a "B"), or -1.
+    // The id of the call the log ends inside of, or -1.
     static int open_call(const std::string& path);
 
 private:
@@ -119,13 +95,11 @@ private:
     int fd_;
 };
 
-// Feeds the lines of the log at path from *offset on into o (*offset moves to the end);
-// fails on a malformed log or a resolution that is neither before nor after its call.
+// Feeds the log from *offset on into o; fails on a malformed log or a bad resolution.
 ::testing::AssertionResult replay(const std::string& path, long* offset, Oracle& o);
 
-// The records of an open file read along its first `keys` keys from the start.  why is
-// empty when every record read back is one record() makes, each key is in order and
-// every key gives the records of key 0; read_failed when a read returned an error.
+// An open file read along its first `keys` keys: why is empty when every record is one
+// record() makes, each key is in order and gives the records of key 0.
 struct Scan {
     Model recs;
     std::string why;
@@ -134,14 +108,13 @@ struct Scan {
 };
 Scan scan(int fd, const Layout& L, int keys = 0);   // 0: every key of L
 
-// The file as the next process finds it: opened by this process (attached to nothing:
-// with nobody attached, recovery runs first), scanned along every key, closed (the last
-// close writes it back) and detached; then sound by the checker.
+// The file as the next process finds it (attached to nothing, so recovery runs): it
+// scans to `want` along every key, and is sound by the checker once closed and detached.
 ::testing::AssertionResult holds(const std::string& file, const Layout& L, const Model& want, int mode = ISO_RDONLY);
 
-// The shared area as dead processes left it, with this process attached: the heap's
-// free list in order without overlaps, every buffer on exactly one list (a list a killed
-// mover left broken is repaired first, as the next taker of the lock would).
+// With this process attached: the heap's free list ordered without overlaps, every
+// buffer on exactly one list (a list a killed mover broke is repaired first, as the next
+// taker of the lock would).
 ::testing::AssertionResult shared_sound();
 
 }  // namespace kt::oracle
