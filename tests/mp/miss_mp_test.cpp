@@ -131,16 +131,17 @@ protected:
         if (is_init() != 0) return -1;
         return nisopen(path_.c_str(), ISO_RDWR);
     }
-    // A child that opens the file and runs body; body's 0 closes and detaches.
+    // body on the file opened in this process; body's 0 closes and detaches.
+    int opened(const std::function<int(int fd)>& body) {
+        const int fd = open();
+        if (fd < 0) return 80;
+        if (const int rc = body(fd)) return rc;
+        nisclose(fd);
+        nisunisam();
+        return 0;
+    }
     int in_child(const std::function<int(int fd)>& body) {
-        return kt::run_child([&] {
-            const int fd = open();
-            if (fd < 0) return 80;
-            if (const int rc = body(fd)) return rc;
-            nisclose(fd);
-            nisunisam();
-            return 0;
-        });
+        return kt::run_child([&] { return opened(body); });
     }
     // Another process writes ids 600..2999 at generation 1; then child r goes on.
     void grow_then_release(pid_t r) {
@@ -155,12 +156,7 @@ protected:
             down_.close_write();
             to_parent = &up_;
             from_parent = &down_;
-            const int fd = open();
-            if (fd < 0) return 70;
-            if (const int rc = body(fd)) return rc;
-            nisclose(fd);
-            nisunisam();
-            return 0;
+            return opened(body);
         });
         up_.close_write();
         down_.close_read();
@@ -172,9 +168,23 @@ protected:
         up_.signal('r');
         return down_.wait();
     }
-    void release(pid_t child) {
+    void release(pid_t child, int want = 0) {
         down_.signal('g');
-        EXPECT_EQ(kt::wait_child(child), 0);
+        EXPECT_EQ(kt::wait_child(child), want);
+    }
+    // body in a hooked child, the file cut to half its size where it stops; the cut.
+    off_t cut_under(const std::function<int(int fd)>& body, int want = 0) {
+        start(40, 1500);
+        struct stat st;
+        EXPECT_EQ(::stat(path_.c_str(), &st), 0);
+        const pid_t r = hooked_reader([&](int fd) {
+            ::alarm(60);
+            return body(fd);
+        }, 'r');
+        const off_t cut = st.st_size / 2 / 4096 * 4096;
+        EXPECT_EQ(::truncate(path_.c_str(), cut), 0);
+        release(r, want);
+        return cut;
     }
     kt::Pipe up_, down_;
     std::string path_;
@@ -226,8 +236,7 @@ TEST_F(MissMp, AnImageReadBeforeTheFileChangedNeverReachesThePool) {
     });
     // kX changed, then pushed out to the file by other reads.
     EXPECT_EQ(in_child([&](int fd) {
-                  const std::string r = record(kX, 2);
-                  if (nisupdate(fd, r.data(), static_cast<int>(r.size())) != 0) return 81;
+                  if (!put_range(fd, kUpdate, kX, kX + 1, 2)) return 81;
                   for (unsigned id = 100; id < ids_; ++id)
                       if (check(fd, id, 1) != 0) return 82;
                   return 0;
@@ -242,20 +251,18 @@ TEST_F(MissMp, ReadersThatEvictEachOtherReadOnlyWholeRecords) {
     start(20, 800);
     const uint64_t seed = kt::test_seed(0x5EED);
     const std::vector<int> rcs = workers(3, [&](int r) {
-        const int fd = open();
-        if (fd < 0) return 70;
-        std::mt19937 rng(static_cast<unsigned>(seed) + static_cast<unsigned>(r));
-        for (int i = 0; i < 4000; ++i) {
-            const unsigned id = static_cast<unsigned>(rng() % ids_);
-            if (const int rc = check(fd, id, 1)) {
-                std::fprintf(stderr, "reader %d: id %u wrong (%d), seed %llu\n", r, id, rc,
-                             static_cast<unsigned long long>(seed));
-                return 71;
+        return opened([&](int fd) {
+            std::mt19937 rng(static_cast<unsigned>(seed) + static_cast<unsigned>(r));
+            for (int i = 0; i < 4000; ++i) {
+                const unsigned id = static_cast<unsigned>(rng() % ids_);
+                if (const int rc = check(fd, id, 1)) {
+                    std::fprintf(stderr, "reader %d: id %u wrong (%d), seed %llu\n", r, id, rc,
+                                 static_cast<unsigned long long>(seed));
+                    return 71;
+                }
             }
-        }
-        nisclose(fd);
-        nisunisam();
-        return 0;
+            return 0;
+        });
     });
     for (int rc : rcs) EXPECT_EQ(rc, 0);
 }
@@ -345,10 +352,8 @@ TEST_F(FileReads, APageChangedInThePoolIsNeverReadFromTheFile) {
         return 0;
     }, 'r');
     EXPECT_EQ(in_child([&](int fd) {
-                  for (unsigned id : changed) {
-                      const std::string rec = record(id, 2);
-                      if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 81;
-                  }
+                  for (unsigned id : changed)
+                      if (!put_range(fd, kUpdate, id, id + 1, 2)) return 81;
                   return 0;
               }),
               0);
@@ -615,35 +620,25 @@ TEST_F(FileReads, WritersMissesAreCopiedFromTheMappingAlsoAfterTheFileGrew) {
 }
 
 TEST_F(FileReads, AFileCutShortUnderAWriterGivesErrorsNotASignal) {
-    start(40, 1500);
-    struct stat st;
-    ASSERT_EQ(::stat(path_.c_str(), &st), 0);
-    const pid_t r = hooked_reader([&](int fd) {
-        ::alarm(60);
+    cut_under([&](int fd) {
         // Downwards and flushed: the first miss past the cut precedes any write-back past it.
-        for (unsigned id = ids_; id-- > 0;) {
-            const std::string rec = record(id, 2);
-            if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 71;
-        }
+        for (unsigned id = ids_; id-- > 0;)
+            if (!put_range(fd, kUpdate, id, id + 1, 2)) return 71;
         if (v_map_loads == 0) return 72;  // the writer has the file mapped
         if (nisflush(fd) != 0) return 76;
         stop_here();
         const unsigned long faults0 = v_map_faults;
         unsigned failed = 0;
         for (unsigned id = ids_; id-- > 0;) {
-            const std::string rec = record(id, 3);
             is_errno = 0;
-            if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) == 0) continue;
+            if (put_range(fd, kUpdate, id, id + 1, 3)) continue;
             if (is_errno == 0) return 73;  // a failing call says why
             ++failed;
         }
         if (failed == 0) return 74;
         if (v_map_faults == faults0) return 75;  // it met the cut in the mapping
         return kLeftOpen;                        // the file is left as the cut made it
-    }, 'r');
-    ASSERT_EQ(::truncate(path_.c_str(), st.st_size / 2 / 4096 * 4096), 0);
-    down_.signal('g');
-    EXPECT_EQ(kt::wait_child(r), kLeftOpen);
+    }, kLeftOpen);
 }
 
 // ---- Write-backs through the mapping ------------------------------------------------------
@@ -754,19 +749,13 @@ TEST_F(MappedWrites, AGrowingFileIsTakenAheadOnlyOverWhatItNeverHeld) {
 // A file cut short under a victim's or a checkpoint's store: the page goes by a write
 // call instead, whose result the call gets; no signal.
 void MappedWrites::cut_under_write_back(bool by_checkpoint) {
-    start(40, 1500);
-    struct stat st;
-    ASSERT_EQ(::stat(path_.c_str(), &st), 0);
-    const pid_t r = hooked_reader([&](int fd) {
-        ::alarm(60);
+    const off_t cut = cut_under([&](int fd) {
         count_page_writes(fd);
         // Dirty pages at the back of the file; the front read through the mapping.
         for (unsigned id = 0; id < 200; ++id)
             if (check(fd, id, 1) != 0) return 71;
-        for (unsigned id = ids_; id-- > ids_ - 30;) {
-            const std::string rec = record(id, 2);
-            if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 72;
-        }
+        for (unsigned id = ids_; id-- > ids_ - 30;)
+            if (!put_range(fd, kUpdate, id, id + 1, 2)) return 72;
         if (v_map_stores == 0 && v_map_loads == 0) return 73;
         stop_here();
         const unsigned long pwrites0 = data_pwrites;
@@ -775,18 +764,15 @@ void MappedWrites::cut_under_write_back(bool by_checkpoint) {
         } else {
             // Misses of the front make the dirty pages victims.
             for (unsigned id = 0; id < 400; ++id) {
-                const std::string rec = record(id, 2);
                 is_errno = 0;
-                if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) != 0 && is_errno == 0) return 75;
+                if (!put_range(fd, kUpdate, id, id + 1, 2) && is_errno == 0) return 75;
             }
         }
         if (v_store_faults == 0) return 76;         // a store met the cut ...
         if (data_pwrites == pwrites0) return 77;    // ... and its page went by a write call
         return 0;
-    }, 'r');
-    const off_t cut = st.st_size / 2 / 4096 * 4096;
-    ASSERT_EQ(::truncate(path_.c_str(), cut), 0);
-    release(r);
+    });
+    struct stat st;
     ASSERT_EQ(::stat(path_.c_str(), &st), 0);
     EXPECT_GT(st.st_size, cut);
 }
@@ -902,10 +888,8 @@ int failing_data_sync(int fd) {
 }
 
 int more_calls(int fd, unsigned ids) {
-    for (unsigned id = 0; id < ids; id += 3) {
-        const std::string rec = record(id, 3);
-        if (nisupdate(fd, rec.data(), static_cast<int>(rec.size())) != 0) return 76;
-    }
+    for (unsigned id = 0; id < ids; id += 3)
+        if (!put_range(fd, kUpdate, id, id + 1, 3)) return 76;
     if (!put_range(fd, kWrite, ids, ids + 300, 1)) return 77;
     return 0;
 }
@@ -958,7 +942,9 @@ void MappedWrites::failed_sync_then(int then) {
         down.signal('g');
         EXPECT_EQ(kt::wait_child(other), 0);
     }
-    if (then != kKilled) EXPECT_EQ(kisam_pending(path_.c_str()), 0);
+    if (then != kKilled) {
+        EXPECT_EQ(kisam_pending(path_.c_str()), 0);
+    }
     const bool more = then == kMore || then == kMoreElsewhere;
     EXPECT_EQ(in_child([&](int fd) {
                   kisam_recovery r;
