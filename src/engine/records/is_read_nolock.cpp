@@ -732,8 +732,15 @@ int attempt(int keyno, char* record, int recsize, int dir, bool armed) noexcept 
     if (exact && kd->k_itemlen > static_cast<int>(sizeof saved)) return kReadLocked;
 
     const int u = db->uniqueid;
-    // A pool this process has not set its index up for yet: the locked read does.
-    if (!v_peek_ready(u)) return kReadLocked;
+    // A pool this process has not set its index up for yet (its first read since it
+    // attached): a miss that only learns the chain sets it up under the lock, and the
+    // read runs again.
+    if (!v_peek_ready(u)) {
+        const PAGE root = ld32(reinterpret_cast<const char*>(&kd->k_root));
+        if (!page_ok(root)) return kReadLocked;
+        is_nolock_miss = {root, true};
+        return kReadMiss;
+    }
     isx_file* xf = isx_file_of(u);
     std::atomic_ref<uint32_t> seq(xf->xf_seq);
     const uint32_t s0 = seq.load(std::memory_order_acquire);
