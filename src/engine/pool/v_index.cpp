@@ -283,6 +283,11 @@ void v_forget_file(int u) noexcept {
     bk.known[u] = 0;
     bk.walked[u] = 0;
     map_drop(u);
+    // Where its pages were found: the tags would refuse them, but the next file in the
+    // slot starts with nothing of this one's.
+    std::free(bk.near[u]);
+    bk.near[u] = nullptr;
+    bk.near_len[u] = 0;
 }
 
 void v_enter_file(int u) noexcept {
