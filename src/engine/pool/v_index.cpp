@@ -107,9 +107,10 @@ void book_setup() noexcept {
         bk.map_rw = static_cast<uint8_t*>(std::calloc(no + 1, 1));
         bk.near = static_cast<uint16_t**>(std::calloc(no + 1, sizeof(uint16_t*)));
         bk.near_len = static_cast<uint32_t*>(std::calloc(no + 1, sizeof(uint32_t)));
-        bk.ok = bk.near && bk.near_len && bk.tab && bk.key_of && bk.fixed && bk.listed && bk.known && bk.known_gen &&
+        bk.ok = bk.tab && bk.key_of && bk.fixed && bk.listed && bk.known && bk.known_gen &&
                 bk.known_fcp && bk.walk_waits && bk.walked && bk.refused && bk.map_base &&
-                bk.map_len && bk.map_cap && bk.map_last && bk.map_past && bk.map_rw;
+                bk.map_len && bk.map_cap && bk.map_last && bk.map_past && bk.map_rw && bk.near &&
+                bk.near_len;
         if (!bk.ok) {
             book_free();
         } else {

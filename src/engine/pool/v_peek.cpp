@@ -282,6 +282,20 @@ bool v_peek_ready(int u) noexcept {
 
 namespace {
 
+// Whether near is looked at: only while it names the slot of at least half of the pages
+// asked for.  A reader whose pages mostly lie past the pool would pay a look at a large
+// array per page for nothing; while off, one call in 16 looks, so that it comes back
+// when the pages come into the pool.
+bool near_off = false;
+uint32_t near_calls = 0, near_looks = 0, near_hits = 0;
+constexpr uint32_t kNearJudge = 1024;
+
+inline void near_judge() noexcept {
+    if (++near_looks < kNearJudge) return;
+    near_off = near_hits * 2 < near_looks;
+    near_looks = near_hits = 0;
+}
+
 // Notes that slot s held page pno of u (near).
 __attribute__((noinline)) void near_note(int u, PAGE pno, int s) noexcept {
     const uint32_t pi = pno / kisam::kPage;
@@ -305,7 +319,8 @@ const IS_DATA* v_peek(int u, PAGE pno, PeekMark* m, int ask) noexcept {
     // The slot this process last found the page in, when it still carries the page's tag
     // (the stamp, as below, before the tag).
     const uint32_t pi = pno / kisam::kPage;
-    if (pi < bk.near_len[u]) {
+    const bool look = !near_off || (++near_calls & 15) == 0;
+    if (look && pi < bk.near_len[u]) {
         const int s = static_cast<int>(bk.near[u][pi]) - 1;
         if (s >= 0) {
             IS_BUF* b = slot(s);
@@ -315,12 +330,18 @@ const IS_DATA* v_peek(int u, PAGE pno, PeekMark* m, int ask) noexcept {
             const uint16_t id = std::atomic_ref<uint16_t>(b->bu_id).load(std::memory_order_relaxed);
             if (p == pno && (id & BU_FILEMASK) == u) {
                 *m = PeekMark{s, stamp, pno};
+                ++near_hits;
+                near_judge();
                 ref_set(s);
                 if (++peek_hits == kPeekFold) v_peek_fold();
                 return &b->bu_data;
             }
+            // The slot has another page now: not looked at again for this one (a page
+            // past the pool would cost that slot's line at every read).
+            bk.near[u][pi] = 0;
         }
     }
+    if (look) near_judge();
     // The index names at most one slot for (u, pno); that slot is the page when its tag
     // says so (rule 1).  A stale entry sends the reader to the locked path, which mends
     // the index; this path leaves the index as it is.
