@@ -47,8 +47,19 @@ void table_free(uint64_t* t) noexcept {
     tab_len = 0;
 }
 
+void near_free() noexcept {
+    for (int u = 0; bk.near && u <= bk.nopen; ++u) {
+        std::free(bk.near[u]);
+        bk.near[u] = nullptr;
+        bk.near_len[u] = 0;
+    }
+}
+
 void book_free() noexcept {
     if (bk.map_base) map_drop(-1);
+    near_free();
+    std::free(bk.near);
+    std::free(bk.near_len);
     std::free(bk.map_base);
     std::free(bk.map_len);
     std::free(bk.map_cap);
@@ -94,9 +105,12 @@ void book_setup() noexcept {
         bk.map_last = static_cast<uint32_t*>(std::calloc(no + 1, sizeof(uint32_t)));
         bk.map_past = static_cast<uint32_t*>(std::calloc(no + 1, sizeof(uint32_t)));
         bk.map_rw = static_cast<uint8_t*>(std::calloc(no + 1, 1));
+        bk.near = static_cast<uint16_t**>(std::calloc(no + 1, sizeof(uint16_t*)));
+        bk.near_len = static_cast<uint32_t*>(std::calloc(no + 1, sizeof(uint32_t)));
         bk.ok = bk.tab && bk.key_of && bk.fixed && bk.listed && bk.known && bk.known_gen &&
                 bk.known_fcp && bk.walk_waits && bk.walked && bk.refused && bk.map_base &&
-                bk.map_len && bk.map_cap && bk.map_last && bk.map_past && bk.map_rw;
+                bk.map_len && bk.map_cap && bk.map_last && bk.map_past && bk.map_rw && bk.near &&
+                bk.near_len;
         if (!bk.ok) {
             book_free();
         } else {
@@ -108,6 +122,7 @@ void book_setup() noexcept {
     }
     if (bk.ok) {
         map_drop(-1);  // of the segment these tables described before
+        near_free();   // slots of that segment
         std::memset(bk.tab, 0xFF, (bk.mask + 1) * sizeof(uint64_t));  // kEmpty
         for (int i = 0; i < nb; ++i) bk.key_of[i] = kNoKey;
         std::memset(bk.listed, 0, nb + 1);
@@ -269,6 +284,11 @@ void v_forget_file(int u) noexcept {
     bk.known[u] = 0;
     bk.walked[u] = 0;
     map_drop(u);
+    // Where its pages were found: the tags would refuse them, but the next file in the
+    // slot starts with nothing of this one's.
+    std::free(bk.near[u]);
+    bk.near[u] = nullptr;
+    bk.near_len[u] = 0;
 }
 
 void v_enter_file(int u) noexcept {

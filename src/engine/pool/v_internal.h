@@ -130,7 +130,17 @@ struct PoolBook {
     uint32_t* map_last = nullptr;
     uint32_t* map_past = nullptr;
     uint8_t* map_rw = nullptr;
+
+    // Where reads without the lock last found each page, by file slot and page number
+    // (near[u][pno / page size]: slot + 1, 0 none), beside the page index: a read asks
+    // this small array of its own first, and the page index only when the slot named
+    // no longer carries the page's tag.  Only a guess, checked by the tag as an index
+    // entry is; never used to say a page is not in the pool.  Grown as pages further in
+    // are found, up to kNearMax pages per file.
+    uint16_t** near = nullptr;
+    uint32_t* near_len = nullptr;
 };
+inline constexpr uint32_t kNearMax = uint32_t{1} << 20;
 
 extern PoolBook bk;
 

@@ -17,6 +17,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 
 namespace kisam::pool {
@@ -275,8 +276,72 @@ void v_seq_adopt(IS_FCP* fcp, int u) noexcept {
         is_lock_set_seq(&fcp->jd_fcplock, seq);
 }
 
+bool v_peek_ready(int u) noexcept {
+    return bk.com == isam_com && bk.shmid == is_shmid && bk.ok && u >= 0 && u < bk.nopen;
+}
+
+namespace {
+
+// Whether near is looked at: only while it names the slot of at least half of the pages
+// asked for.  A reader whose pages mostly lie past the pool would pay a look at a large
+// array per page for nothing; while off, one call in 16 looks, so that it comes back
+// when the pages come into the pool.
+bool near_off = false;
+uint32_t near_calls = 0, near_looks = 0, near_hits = 0;
+constexpr uint32_t kNearJudge = 1024;
+
+inline void near_judge() noexcept {
+    if (++near_looks < kNearJudge) return;
+    near_off = near_hits * 2 < near_looks;
+    near_looks = near_hits = 0;
+}
+
+// Notes that slot s held page pno of u (near).
+__attribute__((noinline)) void near_note(int u, PAGE pno, int s) noexcept {
+    const uint32_t pi = pno / kisam::kPage;
+    if (pi >= kNearMax) return;
+    if (pi >= bk.near_len[u]) {
+        uint32_t len = bk.near_len[u] ? 2 * bk.near_len[u] : 1024;
+        while (len <= pi) len *= 2;
+        if (len > kNearMax) len = kNearMax;
+        auto* n = static_cast<uint16_t*>(std::realloc(bk.near[u], len * sizeof(uint16_t)));
+        if (!n) return;
+        std::memset(n + bk.near_len[u], 0, (len - bk.near_len[u]) * sizeof(uint16_t));
+        bk.near[u] = n;
+        bk.near_len[u] = len;
+    }
+    bk.near[u][pi] = static_cast<uint16_t>(s + 1);
+}
+
+}  // namespace
+
 const IS_DATA* v_peek(int u, PAGE pno, PeekMark* m, int ask) noexcept {
-    if (bk.com != isam_com || bk.shmid != is_shmid || !bk.ok || u < 0 || u >= bk.nopen) return nullptr;
+    // The slot this process last found the page in, when it still carries the page's tag
+    // (the stamp, as below, before the tag).
+    const uint32_t pi = pno / kisam::kPage;
+    const bool look = !near_off || (++near_calls & 15) == 0;
+    if (look && pi < bk.near_len[u]) {
+        const int s = static_cast<int>(bk.near[u][pi]) - 1;
+        if (s >= 0) {
+            IS_BUF* b = slot(s);
+            v_peek_ask(b->bu_data.c, ask);
+            const uint32_t stamp = std::atomic_ref<uint32_t>(b->bu_wcnt).load(std::memory_order_acquire);
+            const PAGE p = std::atomic_ref<uint32_t>(b->bu_pno).load(std::memory_order_acquire);
+            const uint16_t id = std::atomic_ref<uint16_t>(b->bu_id).load(std::memory_order_relaxed);
+            if (p == pno && (id & BU_FILEMASK) == u) {
+                *m = PeekMark{s, stamp, pno};
+                ++near_hits;
+                near_judge();
+                ref_set(s);
+                if (++peek_hits == kPeekFold) v_peek_fold();
+                return &b->bu_data;
+            }
+            // The slot has another page now: not looked at again for this one (a page
+            // past the pool would cost that slot's line at every read).
+            bk.near[u][pi] = 0;
+        }
+    }
+    if (look) near_judge();
     // The index names at most one slot for (u, pno); that slot is the page when its tag
     // says so (rule 1).  A stale entry sends the reader to the locked path, which mends
     // the index; this path leaves the index as it is.
@@ -297,6 +362,7 @@ const IS_DATA* v_peek(int u, PAGE pno, PeekMark* m, int ask) noexcept {
         const uint16_t id = std::atomic_ref<uint16_t>(b->bu_id).load(std::memory_order_relaxed);
         if (p != pno || (id & BU_FILEMASK) != u) return nullptr;
         *m = PeekMark{s, stamp, pno};
+        near_note(u, pno, s);
         // The reference byte keeps the clock's meaning (a page in use is passed over);
         // it is written only when a hand has cleared it, not at every read.
         ref_set(s);
@@ -306,8 +372,7 @@ const IS_DATA* v_peek(int u, PAGE pno, PeekMark* m, int ask) noexcept {
 }
 
 const IS_DATA* v_peek_again(int u, const PeekMark& m, int ask) noexcept {
-    if (bk.com != isam_com || bk.shmid != is_shmid || !bk.ok || u < 0 || u >= bk.nopen || !valid_slot(m.slot))
-        return nullptr;
+    if (!valid_slot(m.slot)) return nullptr;
     IS_BUF* b = slot(m.slot);
     v_peek_ask(b->bu_data.c, ask);
     // As v_peek: the stamp before the tag.
@@ -339,12 +404,24 @@ void v_peek_prefetch(int u, PAGE pno, int ask) noexcept {
     if (const char* p = v_peek_guess(u, pno)) v_peek_ask(p, ask);
 }
 
-bool v_peek_still(int u, const PeekMark& m) noexcept {
-    IS_BUF* b = slot(m.slot);
+namespace {
+inline bool still_one(IS_BUF* bufs, int u, const PeekMark& m) noexcept {
+    IS_BUF* b = bufs + m.slot;
     const PAGE p = std::atomic_ref<uint32_t>(b->bu_pno).load(std::memory_order_acquire);
     const uint16_t id = std::atomic_ref<uint16_t>(b->bu_id).load(std::memory_order_relaxed);
     const uint32_t stamp = std::atomic_ref<uint32_t>(b->bu_wcnt).load(std::memory_order_relaxed);
     return p == m.pno && (id & BU_FILEMASK) == u && stamp == m.stamp;
+}
+}  // namespace
+
+bool v_peek_still(int u, const PeekMark& m) noexcept { return still_one(slot(0), u, m); }
+
+bool v_peek_still_all(int u, const PeekMark* m, int n) noexcept {
+    IS_BUF* bufs = slot(0);
+    // Every mark is checked, with no branch between them: nearly always all hold.
+    bool ok = true;
+    for (int i = 0; i < n; ++i) ok &= still_one(bufs, u, m[i]);
+    return ok;
 }
 
 int v_peek_learn(int u) noexcept {

@@ -124,6 +124,10 @@ struct PeekMark {
 // with the slot's tag: kPeekWhole the whole page (a bisection), an offset > 0 the two
 // lines from there (a record), 0 nothing.
 inline constexpr int kPeekWhole = -1;
+// Whether this process's page index serves file u of the attached pool.  v_peek and
+// v_peek_again require it: a reader checks it once per read, not at every page (nothing
+// in a read without the lock attaches, detaches or sets the index up).
+bool v_peek_ready(int u) noexcept;
 const IS_DATA* v_peek(int u, PAGE pno, PeekMark* m, int ask = 0) noexcept;
 // The slot data of m again, for a reader that holds no lock, when the slot still holds
 // the page of m as it did when v_peek returned it (tag and stamp); null otherwise.  The
@@ -162,6 +166,8 @@ void v_peek_prefetch(int u, PAGE pno, int ask) noexcept;
 // neither re-tagged nor reloaded since.  Call after an acquire fence that follows the
 // reads of the page.
 bool v_peek_still(int u, const PeekMark& m) noexcept;
+// The same for the n marks at m: whether all still hold.
+bool v_peek_still_all(int u, const PeekMark* m, int n) noexcept;
 // For a reader that holds no lock: learns the chain changes of others that u's chain
 // log still holds, without the lock (only this process's page index changes).  Nonzero
 // when this process then knows u as of a change count read during the call (2: it learnt

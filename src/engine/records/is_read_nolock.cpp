@@ -47,6 +47,8 @@ unsigned long is_nolock_reads = 0;
 unsigned long is_leafdir_hits = 0;
 unsigned long is_leafdir_drops = 0;
 unsigned long is_lookaheads = 0;
+unsigned long is_unarmed_reads = 0;
+unsigned long is_rearmed_reads = 0;
 NolockMiss is_nolock_miss;
 
 using namespace kisam;
@@ -87,12 +89,19 @@ inline void copy_item(char* d, const char* s, size_t n) {
 // A page position a tree or a record may lead to: on a page boundary, not the control page.
 inline bool page_ok(PAGE p) { return p != 0 && p != KISAM_NOPAGE && (p & kDrLowMask) == 0; }
 
-// Why an attempt gave up.
-enum Fail { kNone, kMiss, kTorn };
+// Why an attempt gave up.  kArm: it needs a page of the file's mapping and runs unarmed.
+enum Fail { kNone, kMiss, kTorn, kArm };
+
+// An attempt that runs unarmed and would read a page in a mapping gives up with this;
+// is_read_nolock runs it again armed.  Never leaves is_read_nolock.
+constexpr int kReadArm = -5;
 
 struct Search {
-    explicit Search(int file) : u(file) {}
+    Search(int file, bool arm) : u(file), armed(arm) {}
     int u;
+    // Whether the thread is armed for faults in the files' mappings: an unarmed attempt
+    // touches no mapping (a fault there would reach the program).
+    bool armed;
     Fail fail = kNone;
     PAGE missed = KISAM_NOPAGE;  // kMiss: the page not in the pool
     bool hint = false;           // kMiss: it was the cursor's hint, which is never loaded
@@ -124,8 +133,7 @@ struct Search {
     // Whether every slot read since the last check still holds its page as it did then.
     bool still() {
         std::atomic_thread_fence(std::memory_order_acquire);
-        bool ok = true;
-        for (int i = 0; i < nmarks; ++i) ok = ok && v_peek_still(u, marks[i]);
+        const bool ok = v_peek_still_all(u, marks, nmarks);
         nmarks = 0;
         return ok;
     }
@@ -210,6 +218,10 @@ LeafDir* dir_of(int u, const IS_FCP* fcp, const IS_KEY* k0) noexcept {
 __attribute__((noinline)) const IS_DATA* page_past_index(Search& s, PAGE pno, int ask) {
     const int known = v_peek_learn(s.u);
     const IS_DATA* p = known == 2 ? s.peek(pno, ask) : nullptr;
+    if (!p && known && !s.armed) {
+        s.fail = kArm;
+        return nullptr;
+    }
     if (!p && known && (p = v_peek_file(s.u, pno))) {
         s.last = PeekMark{-1, 0, pno};
         s.file = true;
@@ -261,6 +273,10 @@ const IS_DATA* dir_page(Search& s, const LeafRef& r) {
     if (const IS_DATA* p = s.peek(r.pno)) return p;
     const int known = v_peek_learn(s.u);
     const IS_DATA* p = known == 2 ? s.peek(r.pno) : nullptr;
+    if (!p && known && !s.armed) {
+        s.fail = kArm;
+        return nullptr;
+    }
     if (!p && known && (p = v_peek_file(s.u, r.pno))) {
         s.last = PeekMark{-1, 0, r.pno};
         s.file = true;
@@ -400,7 +416,7 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
     const PAGE h = *hint;
     if (step && step->at.at.pno == h && h != KISAM_NOPAGE && s.nmarks < Search::kMarks) {
         const PeekMark& sm = step->at.at;
-        const IS_DATA* sp = sm.slot >= 0 ? v_peek_again(s.u, sm) : v_peek_file(s.u, h);
+        const IS_DATA* sp = sm.slot >= 0 ? v_peek_again(s.u, sm) : s.armed ? v_peek_file(s.u, h) : nullptr;
         const int sx = step->at.x;
         if (sp) {
             if (sm.slot >= 0) s.marks[s.nmarks++] = sm;
@@ -465,6 +481,10 @@ int search(Search& s, int keyno, PAGE root, int srchflag, char* item, PAGE* hint
             // item from any page on its way, so that the file's copy of a hint page not in
             // the pool serves as well.  Only a search of equal key values (5, on the key's
             // own length) depends on whether the locked read would have had the hint.
+            if (!hp && known && !exact5 && !s.armed) {
+                s.fail = kArm;
+                return -1;
+            }
             if (!hp && known && !exact5 && (hp = v_peek_file(s.u, h))) {
                 s.last = PeekMark{-1, 0, h};
                 s.file = true;
@@ -690,8 +710,9 @@ void look_ahead(int u, const Found& f, int keyno, bool back, LeafDir* dir) {
     if ((drp & 1) == 0 && sx != 0 && page_ok(drp & ~kDrLowMask)) v_peek_prefetch(u, drp & ~kDrLowMask, sx);
 }
 
-// One attempt (is_read_nolock's result), run armed for faults in the files' mappings.
-int attempt(int keyno, char* record, int recsize, int dir) noexcept {
+// One attempt (is_read_nolock's result).  Armed for faults in the files' mappings, or, when
+// not, kReadArm where it would read a page in one.
+int attempt(int keyno, char* record, int recsize, int dir, bool armed) noexcept {
     IS_PFI* pfi = is_curpfi;
     IS_FCP* fcp = is_curfcp;
     IS_DB* db = is_curdb;
@@ -711,6 +732,15 @@ int attempt(int keyno, char* record, int recsize, int dir) noexcept {
     if (exact && kd->k_itemlen > static_cast<int>(sizeof saved)) return kReadLocked;
 
     const int u = db->uniqueid;
+    // A pool this process has not set its index up for yet (its first read since it
+    // attached): a miss that only learns the chain sets it up under the lock, and the
+    // read runs again.
+    if (!v_peek_ready(u)) {
+        const PAGE root = ld32(reinterpret_cast<const char*>(&kd->k_root));
+        if (!page_ok(root)) return kReadLocked;
+        is_nolock_miss = {root, true};
+        return kReadMiss;
+    }
     isx_file* xf = isx_file_of(u);
     std::atomic_ref<uint32_t> seq(xf->xf_seq);
     const uint32_t s0 = seq.load(std::memory_order_acquire);
@@ -718,6 +748,12 @@ int attempt(int keyno, char* record, int recsize, int dir) noexcept {
     auto same = [&] {
         std::atomic_thread_fence(std::memory_order_acquire);
         return seq.load(std::memory_order_relaxed) == s0;
+    };
+    Search s{u, armed};
+    // Why a search or the record's fetch gave up, as is_read_nolock's result.
+    auto gave_up = [&] {
+        if (s.fail == kArm) return kReadArm;
+        return s.fail == kMiss && same() ? missed(s) : kReadAgain;
     };
     // A rollback still pending, a control page still due to be written by this
     // process's release, or a data-changed mark that the release would clear: the
@@ -741,7 +777,6 @@ int attempt(int keyno, char* record, int recsize, int dir) noexcept {
     PAGE hint = cur->currpage;
     PAGE hint0 = cur0->currpage;
 
-    Search s{u};
     const char pad = dir == 2 ? static_cast<char>(0xFF) : 0;
     if (kstate == 0) is_pad(ck, kd->k_keylen, pad);
     int mode = kstate == 2 ? dir : (dir | 1);
@@ -758,7 +793,7 @@ int attempt(int keyno, char* record, int recsize, int dir) noexcept {
         if (exact) copy_item(saved, ck, static_cast<size_t>(ilen));
         const int r = search(s, keyno, ld32(reinterpret_cast<const char*>(&kd->k_root)), mode, ck, &hint, &found,
                              stepping ? &memo : nullptr);
-        if (r < 0) return s.fail == kMiss && same() ? missed(s) : kReadAgain;
+        if (r < 0) return gave_up();
         if (r == 0 && exact) copy_item(ck, saved, static_cast<size_t>(ilen));
         if (r != 1) {
             result = r;
@@ -777,7 +812,7 @@ int attempt(int keyno, char* record, int recsize, int dir) noexcept {
         ldir = dir_of(u, fcp, k0);
         const int r = search(s, 0, ld32(reinterpret_cast<const char*>(&k0->k_root)), mode, item, h0,
                              keyno == 0 ? &found : nullptr, keyno == 0 && stepping ? &memo : nullptr, ldir);
-        if (r < 0) return s.fail == kMiss && same() ? missed(s) : kReadAgain;
+        if (r < 0) return gave_up();
         if (r == 0 && exact && keyno == 0) copy_item(ck, saved, static_cast<size_t>(ilen));
         if (r != 1) {
             result = r;
@@ -795,7 +830,7 @@ int attempt(int keyno, char* record, int recsize, int dir) noexcept {
                 result = kl;
             } else {
                 const int n = fetch(s, addr, record + kl, recsize - kl);
-                if (n < 0) return s.fail == kMiss && same() ? missed(s) : kReadAgain;
+                if (n < 0) return gave_up();
                 result = n + kl;
             }
         }
@@ -829,6 +864,15 @@ int attempt(int keyno, char* record, int recsize, int dir) noexcept {
     return result;
 }
 
+// Whether the next attempt is armed from its start, and the armed attempts in a row
+// since one last read a page in a mapping.  Arming costs a sigsetjmp and the thread's
+// target set and cleared: a process whose reads all find their pages in the pool runs
+// them unarmed, and one whose reads go past the pool arms each from its start rather
+// than give up part way (kReadArm) and start again.
+bool arm_first = true;
+int calm = 0;
+constexpr int kCalm = 16;
+
 }  // namespace
 
 // An attempt may read pages in place in the file's mapping, where a file cut short by
@@ -839,15 +883,29 @@ int attempt(int keyno, char* record, int recsize, int dir) noexcept {
 // step memo only after its last access, holds nothing that needs a destructor, and
 // leaves at worst part of a record in the caller's buffer (as a read that does not
 // stand may).  The step memo may name a page of the dropped mapping: it is forgotten.
+// An attempt that runs unarmed touches no mapping: where it would, it gives up before
+// the access (kReadArm, nothing moved) and runs again armed.
 int is_read_nolock(int keyno, char* record, int recsize, int dir) noexcept {
+    if (!arm_first) {
+        ++is_unarmed_reads;
+        const int r = attempt(keyno, record, recsize, dir, false);
+        if (r != kReadArm) return r;
+        ++is_rearmed_reads;
+        arm_first = true;
+        calm = 0;
+    }
     MappedRead armed;
     if (sigsetjmp(armed.env, 0) != 0) {
         v_mapped_fault();
         memo.seq = 1;
+        calm = 0;
         return kReadLocked;
     }
+    const unsigned long file_reads = v_file_reads;
     MappedRead** target = v_mapped_arm(&armed);
-    const int r = attempt(keyno, record, recsize, dir);
+    const int r = attempt(keyno, record, recsize, dir, true);
     v_mapped_disarm(target);
+    if (v_file_reads != file_reads) calm = 0;
+    else if (++calm >= kCalm) arm_first = false;
     return r;
 }

@@ -32,6 +32,11 @@ extern unsigned long is_leafdir_drops;
 // Steps without the lock past the pool that asked ahead for the pages of the next steps
 // (a figure for tests).
 extern unsigned long is_lookaheads;
+// Reads without the lock that ran unarmed for faults in the files' mappings, and those
+// of them that stopped where they would have read a mapping and ran again armed
+// (figures for tests).
+extern unsigned long is_unarmed_reads;
+extern unsigned long is_rearmed_reads;
 int is_write(const char* record, int recsize, int force) noexcept;
 int is_delete(const char* primekey) noexcept;
 // nisupdate's work: replaces the record with the same key 0 value (ISE_NOKEY when there is
