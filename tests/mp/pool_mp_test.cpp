@@ -36,6 +36,31 @@ protected:
     }
 };
 
+TEST_F(PoolMp, APageLoadedByOneProcessIsAHitForAnother) {
+    start(cfg(16, 0));
+    int fd = make_file("a.ism", 4);
+    begin(fd);
+    get(1);  // this process now knows the whole (one-slot) chain
+    ASSERT_EQ(end(), 0);
+    const uint32_t rd0 = isam_com->sysread;
+    ASSERT_EQ(kt::run_child([&] {
+        if (is_chinit() != 0) return 2;
+        begin(fd);
+        const uint32_t hit = isam_com->hit;
+        if (!get(1) || isam_com->hit != hit + 1) return 3;
+        get(3);
+        end();
+        nisunisam();
+        return ::testing::Test::HasFailure() ? 4 : 0;
+    }), 0);
+    begin(fd);
+    const uint32_t hit = isam_com->hit;
+    get(3);
+    EXPECT_EQ(isam_com->hit, hit + 1) << "the other process's page is found";
+    EXPECT_EQ(isam_com->sysread, rd0 + 1) << "only page 3 was read from disk";
+    EXPECT_EQ(end(), 0);
+}
+
 // Two processes miss on two files (few reads per hold: the chain log; 100: a chain walk):
 // every read gets its page, chains stay exact, counters account for every read.
 TEST_F(PoolMp, TwoProcessesMissOnTheSameFilesAtOnce) {
