@@ -475,7 +475,17 @@ TEST_F(GroupCommit, SyncLeftByAJumpIsGivenUp) {
 
 // ---- a log cut short under its writer ----------------------------------------------------
 
-class LogCut : public LogEnv {};
+// Each test: file "f" made, and the path of its log, which the tests cut.
+class LogCut : public LogEnv {
+protected:
+    void SetUp() override {
+        LogEnv::SetUp();
+        bound(120);
+        file = made("f", {8});
+        log = lock() + ".w0";
+    }
+    std::string file, log;
+};
 
 // Where the next record of slot 0's log goes, as a byte of the log file.
 uint64_t log_tail() {
@@ -501,9 +511,6 @@ off_t put_to_cut_point(int fd, int base, int* made, bool mapped = true) {
 // The store that meets a cut fails its call (ISE_FLWT, never SIGBUS); the next call heals
 // the log, and a close, a kill, or a kill before healing leave the calls that returned.
 TEST_F(LogCut, TheCallThatMeetsTheCutFailsAndTheFileStaysSound) {
-    bound(120);
-    const std::string file = made("f", {8});
-    const std::string log = lock() + ".w0";
     // After the cut: 0 goes on and closes, 1 goes on and is killed, 2 is killed at once.
     struct Round {
         off_t cut;
@@ -565,10 +572,7 @@ TEST_F(LogCut, TheCallThatMeetsTheCutFailsAndTheFileStaysSound) {
 // Random cuts under two writers (seeded): each call is there and returned 0, or failed
 // with ISE_FLWT and is absent; nobody dies.
 TEST_F(LogCut, CutsUnderTwoWritersCostOnlyTheCallsThatMeetThem) {
-    bound(120);
     constexpr int kWriters = 2, kCalls = 400;
-    const std::string file = made("f", {8});
-    const std::string log = lock() + ".w0";
     struct Calls {
         std::atomic<int> done[kWriters];
         int rc[kWriters][kCalls];
@@ -621,9 +625,6 @@ TEST_F(LogCut, CutsUnderTwoWritersCostOnlyTheCallsThatMeetThem) {
 // by the durable call's sync at the latest: after a kill, every call that returned after
 // the cut is there.
 TEST_F(LogCut, ACutThatNoStoreMeetsIsFoundBeforeADurableCallReturns) {
-    bound(120);
-    const std::string file = made("f", {8});
-    const std::string log = lock() + ".w0";
     struct Out {
         int before;       // calls made before the cut (all returned 0)
         int rc[20];       // the calls after it
@@ -671,9 +672,6 @@ TEST_F(LogCut, ACutThatNoStoreMeetsIsFoundBeforeADurableCallReturns) {
 
 // A checkpoint that is the first to meet a cut goes through and starts the log anew.
 TEST_F(LogCut, ACheckpointThatMeetsACutNoStoreMetGoesThrough) {
-    bound(60);
-    const std::string file = made("f", {8});
-    const std::string log = lock() + ".w0";
     const int st = kt::run_child([&] {
         const int fd = nisopen(file.c_str(), ISO_RDWR);
         if (fd < 0) return 1;
@@ -718,9 +716,6 @@ int dropping_data_sync(int fd) {
 }
 
 TEST_F(LogCut, ACutAndAFailedSyncOfTheFileLoseNoCallThatReturned) {
-    bound(120);
-    const std::string file = made("f", {8});
-    const std::string log = lock() + ".w0";
     const std::string data_file = kt::real_path(file);
     ASSERT_NE(data_file, "");
     constexpr int kAfter = 20;
@@ -776,9 +771,6 @@ kt::Pipe* g_paused = nullptr;
 kt::Pipe* g_resume = nullptr;
 
 TEST_F(LogCut, NoSyncCountsWhileACutIsKnown) {
-    bound(120);
-    const std::string file = made("f", {8});
-    const std::string log = lock() + ".w0";
     struct Out {
         int before, synced, other;
         std::atomic<int> other_done;
