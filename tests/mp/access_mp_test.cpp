@@ -1,7 +1,6 @@
-// Who may use an installation: the segment and the journals follow the lock file's owner,
-// group and mode, and what another user put in their place is refused.  The tests run
-// as root and act as other users in forked children that drop to an unprivileged uid:
-// nobody (65534, whose primary group is 65534) and daemon (1).
+// Who may use an installation: segment, journals and logs follow the lock file's owner,
+// group and mode; what another user planted is refused.  Runs as root; other users are
+// nobody (65534) and daemon (1).
 #include "../engine/open_fixture.h"
 
 #include "is_access.h"
@@ -26,8 +25,7 @@ constexpr gid_t kNogroup = 65534;
 const char kSecret[] = "S0000001TOPSECRET-PAYROLL-DATA";
 const char kSecretData[] = "TOPSECRET-PAYROLL-DATA";  // the record's bytes after its key
 
-// Runs fn in a forked child that has become uid, with primary group gid and the given
-// supplementary groups, and has detached anything its parent had attached.
+// fn in a forked child, detached, as uid/gid with the given supplementary groups.
 pid_t start_as(uid_t uid, gid_t gid, std::vector<gid_t> groups, std::function<int()> fn) {
     return kt::start_child([=] {
         ot::become_unattached();
@@ -50,7 +48,7 @@ struct shmid_ds segment_stat(key_t key) {
 
 using kt::slurp;
 
-// The same file, or a new one (an inode kept: a log or a journal names the file's).
+// Rewrites in place: the inode, which logs and journals name, is kept.
 void rewrite_file(const std::string& path, const std::string& bytes) {
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT, 0600);
     ASSERT_GE(fd, 0) << path;
@@ -68,7 +66,6 @@ void rewrite_file(const std::string& path, const std::string& bytes) {
     return ::testing::AssertionSuccess();
 }
 
-// A file planted beside the lock file: only the installation's own is used.
 const struct Planted {
     const char* what;
     uid_t owner;
@@ -89,14 +86,11 @@ protected:
         struct passwd* pw = ::getpwuid(kNobody);
         if (::geteuid() != 0 || !pw || pw->pw_gid != kNogroup || !::getpwuid(kDaemon))
             GTEST_SKIP() << "needs root and the users nobody (65534, group 65534) and daemon (1)";
-        // Other users reach the installation's directory; what they may do in it is up
-        // to the modes under test.
         ASSERT_EQ(::chmod(inst_->dir().c_str(), 0755), 0);
         ASSERT_EQ(::chmod(inst_->config_path().c_str(), 0644), 0);
     }
-    // A link, symbolic or hard, to a file of the installation's user planted where one
-    // of its files goes (at): `call` fails with ISE_OPENF and a message naming the link,
-    // and the file linked to stays as it was.
+    // A symbolic or hard link planted at `at`: call fails with ISE_OPENF naming the
+    // link, and the file linked to stays as it was.
     void refuses_links(const std::string& at, const std::function<int()>& call) {
         const std::string victim = path("victim"), original(8192, 'v');
         for (bool symbolic : {true, false}) {
@@ -117,8 +111,7 @@ protected:
             ::unlink(path("f").c_str());
         }
     }
-    // Plants `bytes` at `at` as c says, and attaches with no segment there (so that
-    // what is left beside the lock file is settled); what the attach said.
+    // Plants bytes at `at` as c says and attaches anew; what the attach said.
     std::string plant_and_attach(const std::string& at, const std::string& bytes, const Planted& c) {
         kt::spit(at, bytes);
         EXPECT_EQ(::chown(at.c_str(), c.owner, 0), 0);
@@ -139,17 +132,14 @@ TEST(AccessRule, SharedModeIsWhatTheLockFileLetsOpenReadWrite) {
     for (auto [lk, want] : cases) EXPECT_EQ(is_shared_mode(lk), want) << std::oct << lk;
 }
 
-// The attack: while a program of the installation has a record in the pool, another user
-// of the host attaches the segment read-only and looks for the record's bytes, reads the
-// journals, or attaches through the library.  For a one-user and a one-group
-// installation, the kernel refuses every step.
+// Another user tries to attach the segment (to find a pooled record), read the journals,
+// or attach through the library: refused at every step, for a user and a group mode.
 TEST_F(Access, OtherUsersReachNeitherTheSegmentNorTheJournals) {
     for (auto [mode, gid] : {std::pair<mode_t, gid_t>{0600, 0}, {0660, kDaemon}}) {
         SCOPED_TRACE(mode);
         lock_mode(0, gid, mode);
         const key_t key = inst_->key();
         const std::string journal = lock() + ".u0";
-        // The segment's size, told to the attacker as if it had guessed it.
         size_t* segsz = &shared<size_t>();
         kt::Pipe go;
         pid_t attacker = start_as(kNobody, kNogroup, {kNogroup}, [&] {
@@ -160,7 +150,6 @@ TEST_F(Access, OtherUsersReachNeitherTheSegmentNorTheJournals) {
             for (int flags : {SHM_RDONLY, 0}) {
                 void* p = ::shmat(id, nullptr, flags);
                 if (p != reinterpret_cast<void*>(-1)) {
-                    // Reached: is the record there?  (Size from the owner's layout.)
                     const bool found = ::memmem(p, *segsz, kSecretData, sizeof kSecretData - 1) != nullptr;
                     ::shmdt(p);
                     return found ? 93 : 94;
@@ -182,7 +171,6 @@ TEST_F(Access, OtherUsersReachNeitherTheSegmentNorTheJournals) {
         ASSERT_EQ(niswrite(fd, const_cast<char*>(kSecret), sizeof kSecret - 1), 0);
         char got[sizeof kSecret] = {};
         ASSERT_EQ(nisfind(fd, 0, const_cast<char*>(kSecret), got, sizeof kSecret - 1), int(sizeof kSecret - 1));
-        // The record is in the pool: this is what the attacker is after.
         ASSERT_NE(::memmem(isam_com, static_cast<size_t>(isam_com->comsize), kSecretData, sizeof kSecretData - 1), nullptr);
         struct shmid_ds ds = segment_stat(key);
         *segsz = ds.shm_segsz;
@@ -203,8 +191,8 @@ TEST_F(Access, OtherUsersReachNeitherTheSegmentNorTheJournals) {
     }
 }
 
-// A segment at the key that is not the installation's is refused with detail 16 and a
-// message naming it and how to remove it; the library neither attaches nor changes it.
+// A segment at the key that is not the installation's is refused (0x2210, a message
+// naming it and how to remove it) and left alone.
 TEST_F(Access, SegmentsFoundAtTheKeyMustBeTheInstallations) {
     const key_t key = inst_->key();
     const size_t size = 1 << 20;
@@ -273,8 +261,7 @@ TEST_F(Access, SegmentsFoundAtTheKeyMustBeTheInstallations) {
         ::shmctl(id, IPC_RMID, nullptr);
     }
 
-    // Everyone may use a 0666 installation: a segment another user made is taken as it
-    // was by every release, and one this library makes is 0666 and its maker's.
+    // A 0666 installation takes another user's segment, and makes its own 0666.
     lock_mode(0, 0, 0666);
     ASSERT_EQ(run_as(kNobody, kNogroup, {}, [&] { return ::shmget(key, size, IPC_CREAT | 0666) >= 0 ? 0 : 1; }), 0);
     ASSERT_EQ(is_init(), 0) << is_errno;
@@ -295,31 +282,24 @@ TEST_F(Access, SegmentsFoundAtTheKeyMustBeTheInstallations) {
     nisunisam();
 }
 
-// A journal beside the lock file that is a symbolic link, or that is not the
-// installation's (another owner, a wider mode), is never written or rolled back: the
-// file it points at or names stays as it was.  The same journal, the installation's own,
-// is opened and settled -- so the refusal is what keeps a planted one from being used.
+// A journal that is a link or not the installation's is never written or rolled back;
+// the same journal, the installation's own, is settled.
 TEST_F(Access, PlantedJournalsAreRefused) {
     lock_mode(0, 0, 0600);
     const std::string victim = path("victim");
     const std::string original(8192, 'v');
-    // As the installation's own files are (0600): only the link itself can give it away.
     auto plant_victim = [&] {
         rewrite_file(victim, original);
         ASSERT_EQ(::chmod(victim.c_str(), 0600), 0);
     };
 
-    // A link where this process's journal will go: the first changing call fails.
     refuses_links(lock() + ".u0", [&] {
         const int fd = create("f", {4});
         return fd < 0 ? -2 : niswrite(fd, const_cast<char*>("0001rest"), 8);
     });
 
-    // A journal left holding a unit that names the victim, found when the segment is
-    // made anew.  No page of a unit that did not commit ever reached its file, so no
-    // journal is rolled back into one: the victim stays as it was in every case.  The
-    // installation's own journal is settled (marked idle); a planted one is not even
-    // written.
+    // An active journal naming the victim (no uncommitted page reaches a file, so the
+    // victim never changes): the own one is marked idle, a planted one not written.
     struct stat vs;
     ASSERT_EQ(::stat(victim.c_str(), &vs), 0);
     std::string j(4096 + 1032, '\0');
@@ -355,17 +335,12 @@ TEST_F(Access, PlantedJournalsAreRefused) {
     }
 }
 
-// The redo logs beside the lock file are guarded as the journals are.  A link where a
-// file's log goes makes the call that needs the log fail and leaves the file linked to
-// alone.  A log holding calls that a killed process committed, found when the segment is
-// made anew, is replayed into the file it names only when it is the installation's own.
+// Logs are guarded as journals are: a planted log is neither replayed nor written.
 TEST_F(Access, PlantedLogsAreRefused) {
     lock_mode(0, 0, 0600);
     const std::string w0 = lock() + ".w0";
     refuses_links(w0, [&] { return create("f", {4}) < 0 ? -1 : 0; });
 
-    // A real log: a process commits calls to the file and is killed before any page of
-    // them reached it.
     const std::string file = made("data", {8});
     kill(hold([&] {
         int fd = nisopen(file.c_str(), ISO_RDWR);
@@ -403,10 +378,8 @@ TEST_F(Access, PlantedLogsAreRefused) {
     }
 }
 
-// One group, two users: daemon owns the lock file (0660, group 65534) and is a member of
-// the group; nobody is a member by its primary group.  Either may create the segment,
-// each reads what the other wrote, and a call of either killed half way is rolled back
-// by the other: by taking its control lock over, and when the segment is made anew.
+// A group installation: either member makes the segment, reads the other's records, and
+// rolls back the other's killed call (by takeover, and at attach).
 TEST_F(Access, AGroupInstallationServesEveryMember) {
     lock_mode(kDaemon, kNogroup, 0660);
     ASSERT_EQ(::chown(inst_->dir().c_str(), kDaemon, kNogroup), 0);
@@ -422,7 +395,6 @@ TEST_F(Access, AGroupInstallationServesEveryMember) {
         std::memset(r + 8, c, sizeof r - 8);
         return std::string(r, sizeof r);
     };
-    // 0: the record is there as written; 1: absent; else a failure.
     auto look = [&](int fd, int id, char c) {
         std::string want = rec(id, c), got(want.size(), '\0');
         int n = nisfind(fd, 0, want.data(), got.data(), static_cast<int>(got.size()));
@@ -433,7 +405,6 @@ TEST_F(Access, AGroupInstallationServesEveryMember) {
         return niswrite(fd, r.data(), static_cast<int>(r.size()));
     };
 
-    // nobody makes the segment and the file; daemon, not its creator, uses both.
     kt::Pipe made, done;
     pid_t first = as_nobody([&] {
         made.close_read();
@@ -467,16 +438,12 @@ TEST_F(Access, AGroupInstallationServesEveryMember) {
     done.signal();
     EXPECT_EQ(kt::wait_child(first), 0);
     struct stat st;
-    // The journals of both and the file's log (made by nobody, written by both).
     for (const char* j : {".u0", ".u1", ".w0"}) {
         ASSERT_EQ(::stat((lock() + j).c_str(), &st), 0) << j;
         EXPECT_EQ(st.st_mode & 0777, 0660u) << j;
         EXPECT_EQ(st.st_gid, kNogroup) << j << ": the group is given";
     }
 
-    // Killed half way through a write, with the other member attached: the survivor
-    // rolls it back when it takes the file's control lock over.  Then the other way
-    // round, with nobody attached: the next member to attach rolls it back.
     for (bool survivor_attached : {true, false}) {
         SCOPED_TRACE(survivor_attached ? "taken over" : "found at attach");
         const int id = survivor_attached ? 3 : 4;
@@ -510,8 +477,7 @@ TEST_F(Access, AGroupInstallationServesEveryMember) {
         pid_t victim = victim_of([&] {
             int fd = nisopen(file.c_str(), ISO_RDWR);
             if (fd < 0) return 40;
-            // Killed as the call appends its record to the log (the call's one write):
-            // before its commit point, with its pages changed in the pool.
+            // Killed at the call's one write: before its commit point.
             kt::Faults f;
             f.arm(kt::Faults::kWrite, 1, kt::Faults::kKill);
             put(fd, id, 'c');
@@ -527,8 +493,6 @@ TEST_F(Access, AGroupInstallationServesEveryMember) {
         EXPECT_TRUE(same_file(slurp(file), before));
         EXPECT_TRUE(kt::sound(file));
     }
-    // The last member to leave was neither the segment's creator nor its owner: the
-    // kernel let it stay, unattached, for the next to reuse.
     ds = segment_stat(key);
     EXPECT_EQ(ds.shm_nattch, 0u);
 }

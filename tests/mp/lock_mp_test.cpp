@@ -1,15 +1,6 @@
-// Locks between real processes.  The lock words: a refused cycle of waits (a dead
-// holder's word taken over: crash_mp_test).  Record locks: a randomized model of
-// three processes that take, give back and wait for them and die holding them.  A
-// record-lock wait whose control lock cannot be taken back ends in ISE_DEADLOCK after its
-// bound.  Control locks, words taken in memory: crossed waits for two files refused to
-// the one that closes the cycle, sleepers on a killed holder's word, a holder that execs
-// or a child forked without is_chinit that ends holding a word, a bracket shared by the
-// threads of a process, random orders of control and record locks in three processes
-// that never hang.  The wait hook: it learns the holder, what it holds and the file; a
-// signal gives the wait up when the hook (or the flag) says so, and the call then fails
-// with KISAM_ISE_INTERRUPTED having changed and kept nothing.  A free control lock costs
-// no lock request, hook or not; a failed request refuses its call with a code.
+// Locks between real processes: refused cycles of waits, dead and departed holders of
+// control-lock words, a randomized model of record locks, and the wait hook.  (A refused
+// wait for a range: OpenMp.RefusedWaitForOpclLockFailsCleanly.)
 #include "../engine/open_fixture.h"
 
 #include "is_common.h"
@@ -33,74 +24,10 @@ namespace {
 
 using ot::Env;
 
-// ---- lock words --------------------------------------------------------------------------
-
-// A forked child inherits the attachment but not the parent's locks or identity: it
-// takes its own pid and process slot, as start-up does in a child.
-int child_attach() {
-    is_pid = ::getpid();
-    int i = 0;
-    while (i < isam_com->maxusers && is_env.pid_[i] != 0) ++i;
-    if (i == isam_com->maxusers) return -1;
-    is_env.pid_[i] = is_pid;
-    is_env.useridx = static_cast<int16_t>(i);
-    is_env.needs_[i] = 0;
-    return 0;
-}
-
-uint32_t load(const unsigned* w) { return std::atomic_ref<const uint32_t>(*w).load(); }
-
-// The segment attached by its raw steps, without the library's start-up.
-class LockMp : public Env {
-protected:
-    void SetUp() override {
-        Env::SetUp();
-        ASSERT_EQ(kt::attach_raw(*inst_, kt::Config()), 0);
-    }
-    void TearDown() override {
-        kt::detach_raw();
-        Env::TearDown();
-    }
-    unsigned* opcl() { return &isam_com->opcl_lock; }
-    unsigned* freel() { return &isam_com->free_lock; }
-};
-
-TEST_F(LockMp, CycleOfWaitsIsRefusedWithoutAborting) {
-    // The parent holds opcl and waits for free; the child holds free and asks for opcl.
-    // The request that closes the cycle returns -1 holding nothing new.
-    kt::Pipe child_holds, parent_waits;
-    ASSERT_EQ(is_lock(opcl()), 0);
-    const uint32_t parent = static_cast<uint32_t>(is_pid);
-    const unsigned long free_off = kisam::com_offset(freel());
-    const int16_t parent_slot = is_env.useridx;
-    pid_t c = kt::start_child([&] {
-        if (child_attach() != 0 || is_lock(freel()) != 0) return 2;
-        child_holds.signal();
-        parent_waits.wait();
-        // Wait until the parent is really blocked on free's range.
-        if (!kt::await([&] { return is_env.needs_[parent_slot] == free_off; })) return 3;
-        ::usleep(20000);
-        errno = 0;
-        if (is_lock(opcl()) != -1 || errno != EDEADLK) return 4;
-        if (load(opcl()) != parent) return 5;          // untouched
-        if (is_env.needs_[is_env.useridx] != 0) return 6;  // no longer waiting
-        if (load(freel()) != static_cast<uint32_t>(is_pid)) return 7;  // still ours
-        is_unlock(freel());
-        return 0;
-    });
-    ASSERT_EQ(child_holds.wait(), 'x');
-    parent_waits.signal();
-    ASSERT_EQ(is_lock(freel()), 0);  // proceeds once the child gives up
-    EXPECT_EQ(load(freel()), parent);
-    EXPECT_EQ(kt::wait_child(c), 0);
-    is_unlock(freel());
-    is_unlock(opcl());
-}
-
-// ---- a record-lock wait that cannot take its control lock back ------------------------------
-
 class Fwait : public Env {};
 
+// A record-lock wait whose control lock cannot be taken back ends in ISE_DEADLOCK after
+// its bound, keeping no hold on that file and the other file's untouched.
 TEST_F(Fwait, RetakeRefusedUntilTheBoundEndsInDeadlock) {
     const int f1 = create("f1", {4});
     const int f2 = create("f2", {4});
@@ -110,8 +37,8 @@ TEST_F(Fwait, RetakeRefusedUntilTheBoundEndsInDeadlock) {
     IS_FCP* c2 = ot::shared_fcp(f2);
     const int me = is_env.useridx;
 
-    // H holds the record lock, and dies once B waits for f2's control lock: the kernel
-    // then wakes the parent, whose retake of f1's control lock closes the cycle.
+    // H holds the record lock and dies once B waits for f2: the parent wakes, and its
+    // retake of f1's control lock (held by B) closes the cycle.
     kt::Pipe held;
     pid_t h = kt::start_child([&] {
         if (is_chinit() != 0 || nislock(f1, "k", 1, 1) != 0) return 1;
@@ -124,8 +51,6 @@ TEST_F(Fwait, RetakeRefusedUntilTheBoundEndsInDeadlock) {
 
     ASSERT_EQ(nisgetctl(f2), 0);
     ASSERT_EQ(nisgetctl(f1), 0);   // an application hold of the file being locked
-    // B takes f1's control lock while the parent waits for the record lock, then waits
-    // for f2's control lock, which the parent keeps.
     pid_t b = kt::start_child([&] {
         if (is_chinit() != 0) return 1;
         kt::await([&] { return is_env.needs_[me] != 0; }, 1 << 30);
@@ -152,17 +77,13 @@ TEST_F(Fwait, RetakeRefusedUntilTheBoundEndsInDeadlock) {
     EXPECT_EQ(kt::wait_child(b), 0);
     EXPECT_EQ(kt::wait_child(h), 0);
 
-    // The waiter left nothing behind: the dead holder's entry goes at the next lock.
     EXPECT_EQ(nislock(f1, "k", 1, 1), 0);
     EXPECT_EQ(nisunlock(f1, "k", 1, 0), 0);
     EXPECT_EQ(c1->jd_lock_hd, KISAM_NOREL);
 }
 
-// ---- control locks: words taken in memory -------------------------------------------------
-
 class CtlWords : public Env {
 protected:
-    // Whether n processes come to sleep on the control lock of fd.
     static bool wait_for_sleepers(int fd, int n) {
         return kt::await([&] { return kt::waiting_for(&ot::shared_fcp(fd)->jd_fcplock) >= n; });
     }
@@ -171,9 +92,8 @@ protected:
     }
 };
 
-// Two processes each hold one file's control lock and ask for the other's: the request
-// that closes the cycle fails with ISE_DEADLOCK (as the kernel refused it when control
-// locks were lock-file ranges) holding nothing new; the other goes on once it lets go.
+// Crossed waits for two files' control locks: the one that closes the cycle gets
+// ISE_DEADLOCK holding nothing new; the other goes on.
 TEST_F(CtlWords, CrossedWaitsForTwoFilesAreRefusedToTheOneThatClosesTheCycle) {
     const int f1 = create("f1", {4});
     const int f2 = create("f2", {4});
@@ -186,7 +106,7 @@ TEST_F(CtlWords, CrossedWaitsForTwoFilesAreRefusedToTheOneThatClosesTheCycle) {
         if (nisgetctl(f2) != 0) return 2;
         holds.signal();
         if (!wait_for_sleepers(f2, 1)) return 3;
-        ::usleep(20000);  // the parent is asleep, and has looked at the holder
+        ::usleep(20000);
         is_errno = 0;
         if (nisgetctl(f1) != -1 || is_errno != ISE_DEADLOCK) return 4;
         if (kt::error_stack() != std::vector<int>({0x3601, 0x3600})) return 5;
@@ -204,9 +124,7 @@ TEST_F(CtlWords, CrossedWaitsForTwoFilesAreRefusedToTheOneThatClosesTheCycle) {
     EXPECT_EQ(ctl_word(f2), 0u);
 }
 
-// A holder killed inside its bracket while two processes sleep on its word: each of them
-// gets the lock in turn, the first one taking the word over, and finds the calls the
-// dead holder completed; the word is free at the end.
+// A holder killed in its bracket: both sleepers get the word in turn and see its calls.
 TEST_F(CtlWords, SleepersOnAKilledHoldersWordGetItInTurn) {
     const int f = create("f", {4});
     ASSERT_GE(f, 0);
@@ -234,11 +152,8 @@ TEST_F(CtlWords, SleepersOnAKilledHoldersWordGetItInTurn) {
     EXPECT_GT(nisfind(f, 0, "dead", buf, sizeof buf), 0);
 }
 
-// A holder that leaves the library holding its word is taken over: one that replaces its
-// image (exec) keeps its pid, and its word is taken while the new image still runs; a
-// child forked without is_chinit takes the word as a process of its own (not as its
-// parent) and ends holding it, and its word is taken before its parent has waited for
-// it (a zombie).
+// A word left held by an exec'd image (same pid, still running) or by a child forked
+// without is_chinit (a zombie) is taken over.
 TEST_F(CtlWords, AHolderThatLeavesTheLibraryHoldingItsWordIsTakenOver) {
     const int f = create("f", {4});
     ASSERT_GE(f, 0);
@@ -265,8 +180,7 @@ TEST_F(CtlWords, AHolderThatLeavesTheLibraryHoldingItsWordIsTakenOver) {
     }
 }
 
-// Ownership is the process's: a bracket opened by one thread is used and closed by
-// another, and another process is kept out meanwhile.
+// A bracket opened by one thread is used and closed by another; other processes wait.
 TEST_F(CtlWords, ThreadsOfOneProcessShareItsHold) {
     const int f = create("f", {4});
     ASSERT_GE(f, 0);
@@ -293,12 +207,9 @@ TEST_F(CtlWords, ThreadsOfOneProcessShareItsHold) {
     EXPECT_GT(nisfind(f, 0, "abcd", buf, sizeof buf), 0);
 }
 
-// Three processes take the control locks of three files in random orders, holding each
-// (nisgetctl) while they ask for the next, and sometimes a record lock as well: cycles of
-// waits keep closing.  Every request ends -- taken, or refused with ISE_DEADLOCK -- and
-// at least one process is refused nothing in each cycle, so all of them finish; no word
-// is left held.  (A hang shows as the alarm ending a worker.)  Taken in one order, the
-// same locks close no cycle, and nothing is refused.  Seeded; the seed is printed.
+// Three processes take three files' control locks (and record locks) in random orders:
+// every request is taken or refused with ISE_DEADLOCK, nobody hangs, no word stays held;
+// in one order nothing is refused.  Seed printed.
 TEST_F(CtlWords, RandomOrdersOfControlAndRecordLocksNeverHang) {
     const int nfiles = 3, nprocs = 3, rounds = 150;
     std::vector<int> fds;
@@ -335,8 +246,6 @@ TEST_F(CtlWords, RandomOrdersOfControlAndRecordLocksNeverHang) {
                     held.push_back(fd);
                     ::usleep(rng() % 400);  // the others come meanwhile
                     if (rng() % 4 == 0) {
-                        // A record lock of a file whose bracket is held: its wait gives that
-                        // file's control lock up, not the others'.
                         const char key[4] = {'k', static_cast<char>('0' + rng() % 2), 0, 0};
                         const int rc = nislock(fd, key, 2, 0);
                         if (rc != 0 && is_errno != ISE_DEADLOCK) return 3;
@@ -368,16 +277,11 @@ TEST_F(CtlWords, RandomOrdersOfControlAndRecordLocksNeverHang) {
     }
 }
 
-// ---- record locks ---------------------------------------------------------------------------
+// ---- record locks: three processes, two handles each, against a model ----------------------
 //
-// A randomized model of who holds what.  This process and two peers, each with two handles
-// on one file, take and give back locks on keys of up to three letters (a prefix overlaps,
-// the empty key overlaps every key), close and reopen handles, wait for locks that others
-// hold until every holder has let go or been killed, and are killed holding locks.  After
-// every step the file's lock chain, front first, is the model's; a conflict refuses at once
-// with no error code, a lock that overlaps one of the caller's own is reported held under
-// rtnopt 2, a wait ends only once no other process holds an overlapping lock (and counts as
-// a wait), and reaping a dead process takes its locks and only its.  Seeded (KISAM_SEED).
+// Locks on keys of up to three letters (a prefix overlaps), unlocks, reopens, waits until
+// every holder let go or died, kills.  After every step the lock chain is the model's.
+// Seeded (KISAM_SEED).
 
 class RecLock : public Env {};
 
@@ -392,7 +296,6 @@ bool overlap(const std::string& a, const std::string& b) {
     return a.compare(0, n, b, 0, n) == 0;
 }
 
-// The file's lock chain, front first.
 std::vector<Lock> chain(IS_FCP* f) {
     std::vector<Lock> out;
     for (RELt r = f->jd_lock_hd; r != KISAM_NOREL;) {
@@ -404,7 +307,7 @@ std::vector<Lock> chain(IS_FCP* f) {
     return out;
 }
 
-// A call of nislock (a), nisunlock (u) or a close and reopen of the handle (r), and its result.
+// nislock (a), nisunlock (u) or close-and-reopen (r), and its result.
 struct Call {
     char op;
     int h, opt, len;
@@ -413,7 +316,6 @@ struct Call {
     int fd[2];   // the maker's handles
 };
 
-// A peer: a child with two handles on the file that makes the calls sent to it.
 struct Peer {
     pid_t pid = 0;
     Call* call = nullptr;
@@ -459,7 +361,6 @@ TEST_F(RecLock, ProcessesTakingAndGivingBackLocksMatchTheModel) {
     for (Peer& p : peers) launch(p);
     auto call_of = [&](int a) { return a == 0 ? &self : peers[a - 1].call; };
     auto pid_of = [&](int a) { return a == 0 ? static_cast<int>(::getpid()) : peers[a - 1].pid; };
-    // Sends actor a's call; a peer's runs on until its result is asked for.
     auto send = [&](int a, char op, int h, const std::string& key, int opt) {
         Call* c = call_of(a);
         c->op = op, c->h = h, c->opt = opt, c->len = static_cast<int>(key.size());
@@ -479,20 +380,17 @@ TEST_F(RecLock, ProcessesTakingAndGivingBackLocksMatchTheModel) {
         return std::find_if(model.begin(), model.end(),
                             [&](const Lock& l) { return l.pid != pid_of(a) && overlap(l.key, key); });
     };
-    // Takes out of the model the locks of pid (of its handle isfd unless -1) that pred
-    // picks; how many.
+    // Drops pid's locks (of isfd unless -1) that pred picks; how many.
     auto drop = [&](int pid, int isfd, const std::function<bool(const Lock&)>& pred) {
         return static_cast<int>(std::erase_if(model, [&](const Lock& l) {
             return l.pid == pid && (isfd < 0 || l.isfd == isfd) && pred(l);
         }));
     };
     auto all = [](const Lock&) { return true; };
-    // Kills peer a, reaps it (its locks go, and only its) and starts another in its place.
+    // Kills and reaps peer a (its locks go, only its) and starts another.
     auto replace = [&](int a) {
         const int pid = pid_of(a);
         kill(pid);
-        // A reap that finds one of the dead one's files held (a woken waiter at work in
-        // it) leaves the rest to a later look: look again until its slot is free.
         const bool gone = kt::await([&] {
             int pids[4] = {};
             const int n = kisam_reap(pids, 4);
@@ -517,7 +415,6 @@ TEST_F(RecLock, ProcessesTakingAndGivingBackLocksMatchTheModel) {
         if (roll < 50) {
             int opt = rnd(3);
             if (opt == 0 && a > 0 && others_hold(a, key) != model.end()) {
-                // A wait: the holders let go one after the other, by an unlock or killed.
                 what = "wait for '" + key + "'";
                 const uint32_t before = isam_com->usrwaits;
                 send(a, 'a', h, key, 0);
@@ -580,10 +477,8 @@ TEST_F(RecLock, ProcessesTakingAndGivingBackLocksMatchTheModel) {
 }
 
 // ---- the wait hook ----------------------------------------------------------------------------
-
 class WaitHook : public Env {};
 
-// What the child's hook saw; the hook writes only these and the pipe.
 struct Seen {
     int begins = 0, signals = 0, ends = 0;
     int holder = 0, what = 0, can_give_up = -1, given_up = -1;
@@ -617,8 +512,7 @@ bool ends_with(const std::string& s, const std::string& tail) {
     return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
 }
 
-// Runs wait in a child whose hook gives the wait up at a signal, and interrupts the
-// child once its hook heard of the wait; the child's status (wait's result).
+// Runs wait in a child whose hook gives up at a signal, interrupted once the wait began.
 int given_up(const std::function<int()>& wait) {
     kt::Pipe began;
     const pid_t child = kt::start_child([&] {
@@ -636,10 +530,8 @@ int given_up(const std::function<int()>& wait) {
     return waited ? st : 1000 + st;
 }
 
-// A wait given up: the hook was told who holds what in which file, the call fails with
-// KISAM_ISE_INTERRUPTED, and the waiter keeps nothing of the wait -- for the control
-// lock, no hold, no word, no wait noted and nothing written; for a record lock, the
-// caller's own hold on the control lock in force again and no waiter on the entry.
+// Given up (control lock, then record lock): the hook knew holder, kind and file; the
+// call fails with KISAM_ISE_INTERRUPTED keeping nothing of the wait.
 TEST_F(WaitHook, AWaitGivenUpAtASignalKeepsNothingOfIt) {
     int fd = create("f", {4});
     ASSERT_GE(fd, 0);
@@ -664,7 +556,6 @@ TEST_F(WaitHook, AWaitGivenUpAtASignalKeepsNothingOfIt) {
     char buf[64];
     EXPECT_EQ(nisfind(fd, 0, "abcd", buf, sizeof buf), 0) << "the record was written";
     EXPECT_EQ(nisrelctl(fd), 0);
-    // The file is free for others after the child gave up.
     EXPECT_EQ(kt::run_child([&] {
         if (is_chinit() != 0) return 1;
         return niswrite(fd, "abcd-record", 11) == 0 ? 0 : 2;
@@ -687,8 +578,7 @@ TEST_F(WaitHook, AWaitGivenUpAtASignalKeepsNothingOfIt) {
     EXPECT_EQ(ot::shared_fcp(fd)->jd_lock_hd, KISAM_NOREL) << "a lock was added";
 }
 
-// A signal the hook lets pass, or one that comes with neither hook nor flag, does not
-// end the wait: the call goes through once the holder lets go.
+// A signal the hook lets pass, or with neither hook nor flag, keeps the wait.
 TEST_F(WaitHook, ASignalNotGivenUpKeepsTheWaitUntilTheHolderLetsGo) {
     int fd = create("f", {4});
     ASSERT_GE(fd, 0);
@@ -745,15 +635,13 @@ TEST_F(WaitHook, TheFlagGivesUpAnOpenWaitingForTheOpenLockWithoutAHook) {
     ASSERT_EQ(ready.wait(), 'x');
     ASSERT_EQ(is_lock(&isam_com->opcl_lock), 0);
     go.signal();
-    // Once the child waits for the range, interrupt it.
     EXPECT_TRUE(kt::await([] { return kt::waiting_for(&isam_com->opcl_lock) > 0; }, 2000));
     EXPECT_EQ(kt::interrupt_until_done(child, 5), 0);
     is_unlock(&isam_com->opcl_lock);
 }
 
-// A free control lock costs no lock request, with or without a hook (its word is taken
-// in memory); a free range (opcl_lock) costs one.  A take whose request fails refuses the
-// call with KISAM_ISE_LOCKFAIL and keeps nothing.
+// A free control lock costs no lock request (a range costs one); a failed request
+// refuses the call with KISAM_ISE_LOCKFAIL.
 TEST_F(WaitHook, AFreeLockCostsNoRequestAndAFailedOneRefusesTheCall) {
     int fd = create("f", {4});
     ASSERT_GE(fd, 0);
@@ -786,10 +674,8 @@ TEST_F(WaitHook, AFreeLockCostsNoRequestAndAFailedOneRefusesTheCall) {
 }
 
 
-// A signal that lands while a wait is awake (here: raised by the hook itself as the wait
-// begins, before any sleep) still reaches the hook and gives the wait up, for a futex
-// word (the control lock) and for a range (a record lock): it is not lost to a wait that
-// would go on until the holder lets go.
+// A signal raised before the first sleep (by the hook at the wait's begin) still gives
+// the wait up, for a word and for a range.
 int raise_at_begin(const struct kisam_wait* w, void*) {
     if (w->event == KISAM_WAIT_BEGIN) ::raise(SIGUSR1);
     if (w->event == KISAM_WAIT_SIGNAL) ++seen.signals;

@@ -1,10 +1,5 @@
-// The redo log and the journals as a program sees them: kisam_sync puts what the process
-// committed on disk, durable mode waits for the disk at every changing call and lets
-// processes that end their calls together share a sync, and a segment made anew replays
-// what killed processes left in the logs, written through a mapping or not
-// (kisam_last_recovery tells); the process that syncs for the others may be killed in
-// its sync or jump out of it.  A program that reads a file itself asks kisam_pending
-// first whether a rollback waits for it.
+// The redo log as a program sees it: kisam_sync, durable mode, group commit, the replay
+// by a segment made anew, and logs cut short under their writers.
 #include "../engine/open_fixture.h"
 #include "oracle.h"
 
@@ -36,22 +31,20 @@ const ko::Layout kL{8, 2, 0};   // key 0 the id; then the generation (no key of 
 
 std::string rec(int id, int gen = 0) { return ko::record(kL, id, gen, 48); }
 int put(int fd, int id, int gen = 0) { return niswrite(fd, rec(id, gen).data(), 48); }
-// 0: the record is there as put; 1: absent; 2: something else.
+// 0: there as put; 1: absent; 2: something else.
 int look(int fd, int id, int gen = 0) {
     const ko::Rec r = ko::find(fd, kL, id);
     return r == ko::Rec{gen, 48} ? 0 : r.gen == -1 ? 1 : 2;
 }
 
-// How many of the n records from id `from` on the file holds, all of them before the
-// first it lacks and none after: the calls that survived are a prefix.
+// How many of the n records from id `from` on the file holds; they must be a prefix.
 int held_prefix(int fd, int from, int n) {
     int k = 0;
     while (k < n && look(fd, from + k) == 0) ++k;
     for (int j = k; j < n; ++j) EXPECT_EQ(look(fd, from + j), 1) << "not a prefix at " << j;
     return k;
 }
-// look() of the n records from id `from` on, each either there as put or absent;
-// *last the index of the last one there (-1 for none).
+// look() of the n records from `from` on (each there or absent); *last: the last there.
 std::vector<int> looked(int fd, int from, int n, int* last) {
     std::vector<int> at(n);
     for (int j = 0; j < n; ++j) {
@@ -62,7 +55,6 @@ std::vector<int> looked(int fd, int from, int n, int* last) {
     return at;
 }
 int syncs() { return kt::Faults::calls(kt::Faults::kSync); }
-// The file closed, the process detached, and the file at rest sound.
 void close_sound(int fd, const std::string& file) {
     EXPECT_EQ(nisclose(fd), 0);
     nisunisam();
@@ -71,11 +63,10 @@ void close_sound(int fd, const std::string& file) {
 
 using kt::Durable;
 
-// The log tests' installation, and what they do after a process was killed.
 class LogEnv : public ot::Env {
 protected:
-    // Attached again, with the segment made anew when `killed` (its attach replays what
-    // the logs hold), and the file open for writing: its descriptor, or -1 with a failure.
+    // Attached again (the segment made anew when `killed`, so the attach replays the
+    // logs), the file open for writing; -1 with a failure.
     int replayed(const std::string& file, bool killed = true) {
         if (killed) inst_->remove_segment();
         if (is_init() != 0) {
@@ -90,8 +81,8 @@ protected:
 
 class Log : public LogEnv {};
 
-// A call of the default mode waits for no disk; kisam_sync does, once for what is new,
-// not at all when nothing is; a sync that fails is reported and not taken for done.
+// The default mode syncs only at kisam_sync, once and only for what is new; a failed
+// sync is not taken for done.
 TEST_F(Log, SyncPutsWhatTheProcessCommittedOnDisk) {
     int fd = create("f", {8});
     ASSERT_GE(fd, 0) << is_errno;
@@ -115,8 +106,7 @@ TEST_F(Log, SyncPutsWhatTheProcessCommittedOnDisk) {
     EXPECT_EQ(nisclose(fd), 0);
 }
 
-// KISAM_DURABLE=1: every changing call returns after one sync of its record; reads sync
-// nothing.  KISAM_DURABLE=0 overrides nothing it did not set: no sync per call.
+// KISAM_DURABLE=1: one sync per changing call, none per read; =0: none per call.
 TEST_F(Log, DurableModeSyncsEveryChangingCall) {
     {
         Durable d("1");
@@ -150,16 +140,9 @@ TEST_F(Log, DurableModeSyncsEveryChangingCall) {
     EXPECT_EQ(nisclose(fd), 0);
 }
 
-// A sync that fails is never taken for done by the next: the kernel, having reported
-// the failure once, takes the pages for clean and may drop them, so the next sync would
-// succeed over a log that lacks them.  Two syncs fail this way: a durable call's (the
-// call fails), and that of the header a checkpoint begins the log's next generation with
-// (the checkpoint fails; under the header of before no record of the new generation
-// counts).  The next syncs write again what the failed one carried first: where the
-// cache kept it, the calls go on and all survive a kill; where the cache lost it too
-// (the log's bytes of before the failed sync put back), the sync that finds a lost record
-// fails its call and takes the log for cut short, the next call brings the pool into the
-// file, and the calls go on and survive a kill all the same.
+// After a failed sync (a durable call's, or a checkpoint's new log header) the kernel may
+// drop the pages it failed to write: the next syncs must write them again.  With the
+// cache keeping or losing them, every call that returned survives a kill.
 TEST_F(Log, AFailedSyncOfTheLogIsNeverTakenForDoneByTheNext) {
     bound(120);
     const std::string file = made("f", {8});
@@ -233,13 +216,6 @@ TEST_F(Log, AFailedSyncOfTheLogIsNeverTakenForDoneByTheNext) {
 }
 
 // ---- the log written through a mapping, and without one ----------------------------------
-//
-// A process stores its records through a shared mapping of the log; one that could not
-// map it (or whose record does not fit the mapping) writes them with pwrite.  Both are
-// killed and the segment goes (ipcrm).  Both kinds of record land in the one log, in the
-// order of the commits, and the next to attach replays them all: the file checks sound
-// with every record before anyone opens it, and kisam_last_recovery says what was
-// replayed.  The next segment made anew finds nothing left to replay.
 
 struct Paths {
     std::atomic<int> written;   // records of the unmapped process that went by pwrite
@@ -251,7 +227,7 @@ void* no_map(int, size_t) {
     return MAP_FAILED;
 }
 ssize_t counted_pwrite(int fd, const void* b, size_t n, off_t off) {
-    // Records, not the zeros written ahead (whole stretches) nor the header (offset < 1024).
+    // Records only: not the zeros written ahead nor the header.
     if (off >= 1024 && n < 65536 && kt::is_log_fd(fd)) g_paths->written.fetch_add(1);
     return kisam::os_real.pwrite(fd, b, n, off);
 }
@@ -260,6 +236,8 @@ int counted_mstore(int fd, char* map, off_t off, const void* src, size_t n) {
     return kisam::os_real.mstore(fd, map, off, src, n);
 }
 
+// A mapped and an unmapped writer killed, the segment removed: the next attach replays
+// both kinds of record as one log, once.
 TEST_F(Log, RecordsStoredThroughTheMappingAndWrittenWithPwriteReplayAsOneLog) {
     constexpr int kEach = 120;
     const std::string file = made("f", {8});
@@ -314,11 +292,8 @@ TEST_F(Log, RecordsStoredThroughTheMappingAndWrittenWithPwriteReplayAsOneLog) {
     EXPECT_EQ(r.logs, 0) << "replayed twice";
 }
 
-// The replay at attach writes the calls into the file and then starts the log anew:
-// the file must be on disk before the new header is, or a power cut between the two
-// leaves a log that no longer holds the calls over a file that lost them.  The system
-// calls of the replay, in their order: the file's writes, its sync, then the log's
-// header and its sync.
+// The replay syncs the file before it writes the log's new header (else a power cut
+// between the two loses the calls).
 std::vector<std::string>* g_calls = nullptr;
 std::string g_data;
 char kind_of(int fd) { return kt::fd_path(fd) == g_data ? 'd' : kt::is_log_fd(fd) ? 'l' : '?'; }
@@ -371,14 +346,10 @@ TEST_F(Log, TheReplaySyncsTheFileBeforeItStartsTheLogAnew) {
 }
 
 // ---- group commit when the process that syncs for the others goes away -----------------
-//
-// Killed inside its sync (the others must not wait for it forever, nor take a sync it
-// never finished for done), or leaving the call by a signal handler's jump (its next call
-// gives the sync up).
 
 class GroupCommit : public LogEnv {};
 
-// Sync slots taken by a process that syncs for the others, over every file.
+// Sync slots taken, over every file.
 int sync_leads() {
     int n = 0;
     for (int u = 0; isx_area && u < isam_com->maxopen; ++u)
@@ -386,12 +357,8 @@ int sync_leads() {
     return n;
 }
 
-// Durable writers on one file whose disk takes 2 ms a sync: calls that end while a sync
-// runs are covered by the next one, so the writers sync fewer times than they call.  The
-// process that syncs for the group is killed inside its sync, again and again: the
-// others find its slot given up by a dead process and sync themselves; every call that
-// returned is in the file.  The killed writers are reaped only after the others ended,
-// so that a dead one is still a process (a zombie) while they wait.
+// Durable writers share syncs (2 ms each); every 20th sync kills its maker, which stays
+// a zombie until the round ends: the others go on, and every call that returned is there.
 constexpr int kWriters = 3, kCalls = 100;
 struct Shared {
     std::atomic<int> returned[kWriters];
@@ -399,7 +366,6 @@ struct Shared {
 };
 Shared* g_shared = nullptr;
 int dying_sync(int fd) {
-    // Every 20th sync of the installation kills its maker before it reaches the disk.
     if (g_shared->syncs.fetch_add(1) % 20 == 19) ::kill(::getpid(), SIGKILL);
     ::usleep(2000);
     return kisam::os_real.fdatasync(fd);
@@ -409,8 +375,7 @@ TEST_F(GroupCommit, LeaderKilledInsideItsSync) {
     const std::string file = made("g", {8});
     g_shared = &shared<Shared>();
     Durable d;
-    // Writer w writes ids w * 10000 + i in rounds; a round's writers that die are
-    // replaced by new ones that go on from where the dead one's returned calls ended.
+    // Writer w writes ids w * 10000 + i; a dead one's successor goes on where it left.
     int next[kWriters] = {};
     int rounds = 0, killed = 0;
     while (rounds < 80) {
@@ -430,8 +395,7 @@ TEST_F(GroupCommit, LeaderKilledInsideItsSync) {
                 if (go.wait() != 'x') return 2;
                 kisam::os.fdatasync = dying_sync;
                 for (int i = from; i < kCalls; ++i) {
-                    // A killed writer's last call may have committed without returning: the
-                    // record is there already.
+                    // A killed writer's last call may have committed unreturned.
                     const int r = put(fd, w * 10000 + i);
                     if (r != 0 && !(r == 1 && i == from)) return 3;
                     g_shared->returned[w].store(i + 1);
@@ -444,8 +408,7 @@ TEST_F(GroupCommit, LeaderKilledInsideItsSync) {
         }
         go.close_read();
         for (int w = 0; w < kWriters; ++w) go.signal();
-        // Every writer ends, by itself or killed, before any is reaped: a killed one
-        // stays a process (a zombie) while the others wait.
+        // None reaped before all ended: a killed one stays a zombie meanwhile.
         for (int w = 0; w < kWriters; ++w) {
             siginfo_t si{};
             ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(kids[w]), &si, WEXITED | WNOWAIT), 0);
@@ -470,8 +433,7 @@ TEST_F(GroupCommit, LeaderKilledInsideItsSync) {
     EXPECT_EQ(sync_leads(), 0);
 }
 
-// A signal handler jumps out of a durable call while the call syncs for the group: the
-// sync it took is given up when the process's next call begins.
+// A jump out of a durable call's group sync: the next call gives the slot up.
 sigjmp_buf g_jump;
 bool g_jump_now = false;
 void on_usr1(int) { siglongjmp(g_jump, 1); }
@@ -501,10 +463,8 @@ TEST_F(GroupCommit, SyncLeftByAJumpIsGivenUp) {
     kisam::os.fdatasync = kisam::os_real.fdatasync;
     signal(SIGUSR1, SIG_DFL);
     ASSERT_EQ(sync_leads(), 1) << "the jump left the sync slot taken by this process";
-    // Its next call gives it up.
     EXPECT_EQ(look(fd, 1), 0);
     EXPECT_EQ(sync_leads(), 0);
-    // The call that was left had committed: it is in the file, and durable calls go on.
     EXPECT_EQ(look(fd, 2), 0);
     ASSERT_EQ(put(fd, 4), 0) << is_errno;
     EXPECT_EQ(kisam_sync(), 0);
@@ -514,15 +474,18 @@ TEST_F(GroupCommit, SyncLeftByAJumpIsGivenUp) {
 
 
 // ---- a log cut short under its writer ----------------------------------------------------
-//
-// Another program cuts a log short while a process stores records into it through its
-// mapping.  The store that meets the cut fails that call with an error code, never the
-// process with SIGBUS; the call is absent.  The next call brings the file up to date on
-// disk and starts the log anew, so calls go on and survive what follows: a clean close,
-// a kill (the next to attach replays what the log holds), or a kill before anything
-// healed (the replay gives the calls up to the cut, a prefix).
 
-class LogCut : public LogEnv {};
+// Each test: file "f" made, and the path of its log, which the tests cut.
+class LogCut : public LogEnv {
+protected:
+    void SetUp() override {
+        LogEnv::SetUp();
+        bound(120);
+        file = made("f", {8});
+        log = lock() + ".w0";
+    }
+    std::string file, log;
+};
 
 // Where the next record of slot 0's log goes, as a byte of the log file.
 uint64_t log_tail() {
@@ -530,12 +493,9 @@ uint64_t log_tail() {
     return 1024 + x->xf_log_end - x->xf_log_start;
 }
 
-// Puts records from id `base` on until a cut at the start of the record just made is
-// one no store meets: with `mapped`, past the first few, once that record and room for
-// the next lie in one page of the log (the next store lands in the page the cut ends in);
-// without (records by pwrite), once past two pages.  *made counts the calls, each of
-// which returned 0.  The cut's offset in the log, or -1 when a call failed or the point
-// never came.
+// Puts records from `base` on until a cut at the last record's start is one no store
+// meets (`mapped`: the next store lands in the cut's page; else past two pages).  *made
+// counts the calls; returns the cut's offset, or -1.
 off_t put_to_cut_point(int fd, int base, int* made, bool mapped = true) {
     for (int i = 0; i <= 400; ++i) {
         const uint64_t t0 = log_tail();
@@ -548,12 +508,10 @@ off_t put_to_cut_point(int fd, int base, int* made, bool mapped = true) {
     return -1;
 }
 
+// The store that meets a cut fails its call (ISE_FLWT, never SIGBUS); the next call heals
+// the log, and a close, a kill, or a kill before healing leave the calls that returned.
 TEST_F(LogCut, TheCallThatMeetsTheCutFailsAndTheFileStaysSound) {
-    bound(120);
-    const std::string file = made("f", {8});
-    const std::string log = lock() + ".w0";
-    // What each round does after the cut: 0 goes on and closes, 1 goes on and is killed,
-    // 2 is killed at once.
+    // After the cut: 0 goes on and closes, 1 goes on and is killed, 2 is killed at once.
     struct Round {
         off_t cut;
         int then;
@@ -572,7 +530,6 @@ TEST_F(LogCut, TheCallThatMeetsTheCutFailsAndTheFileStaysSound) {
         const int st = kt::run_child([&] {
             int fd = nisopen(file.c_str(), ISO_RDWR);
             if (fd < 0) return 1;
-            // Past a few pages of the log, so that the tail's page lies wholly past a cut.
             int i = 0;
             while (log_tail() < static_cast<uint64_t>(round.cut) + 3 * 4096 || i < 5) {
                 if (niswrite(fd, rec(base + i).data(), 48) != 0) return 2;
@@ -600,9 +557,7 @@ TEST_F(LogCut, TheCallThatMeetsTheCutFailsAndTheFileStaysSound) {
         ASSERT_GE(fd, 0);
         const int n = out->before;
         if (round.then == 2) {
-            // The calls up to some point before the cut: the replay stops where it is.
-            EXPECT_LE(held_prefix(fd, base, n + 21), n);
-            // What the log lost is gone for good; the next round starts from what is there.
+            EXPECT_LE(held_prefix(fd, base, n + 21), n);  // the replay stops at the cut
         } else {
             for (int j = 0; j < n; ++j) EXPECT_EQ(look(fd, base + j), 0) << j;
             EXPECT_EQ(look(fd, base + n), 1) << "the failed call left its record";
@@ -614,15 +569,10 @@ TEST_F(LogCut, TheCallThatMeetsTheCutFailsAndTheFileStaysSound) {
     }
 }
 
-// Two writers while the log is cut short again and again at random moments (seeded):
-// every call either returned 0 and is in the file, or failed with ISE_FLWT and is not;
-// neither writer dies, calls that meet no cut go on, and the file is sound.  Whichever
-// process meets a cut, the file is checkpointed by the next call of either.
+// Random cuts under two writers (seeded): each call is there and returned 0, or failed
+// with ISE_FLWT and is absent; nobody dies.
 TEST_F(LogCut, CutsUnderTwoWritersCostOnlyTheCallsThatMeetThem) {
-    bound(120);
     constexpr int kWriters = 2, kCalls = 400;
-    const std::string file = made("f", {8});
-    const std::string log = lock() + ".w0";
     struct Calls {
         std::atomic<int> done[kWriters];
         int rc[kWriters][kCalls];
@@ -671,19 +621,10 @@ TEST_F(LogCut, CutsUnderTwoWritersCostOnlyTheCallsThatMeetThem) {
     EXPECT_EQ(nisclose(fd), 0);
 }
 
-// A cut that no store meets: a process that writes its records with pwrite (it could not
-// map the log) lands its next record past the cut, leaving a hole the replay stops at; a
-// mapped process whose tail lies in the page the cut ends in stores into what the file no
-// longer holds, without a fault.  Either way the next call's sync of the log succeeds.
-// A durable call that returned after the cut must survive a kill all the same: the cut is
-// found at the latest by that sync (the call then fails, its record not on disk), and
-// the next call brings the file up to date.  Killed right after the first call past the
-// cut, or after twenty: the calls there are a prefix holding every one that returned 0
-// after the cut (the one whose record the cut took, returned before it, may be gone).
+// A cut no store meets (records by pwrite past it, or stores into the cut's page) is found
+// by the durable call's sync at the latest: after a kill, every call that returned after
+// the cut is there.
 TEST_F(LogCut, ACutThatNoStoreMeetsIsFoundBeforeADurableCallReturns) {
-    bound(120);
-    const std::string file = made("f", {8});
-    const std::string log = lock() + ".w0";
     struct Out {
         int before;       // calls made before the cut (all returned 0)
         int rc[20];       // the calls after it
@@ -711,14 +652,10 @@ TEST_F(LogCut, ACutThatNoStoreMeetsIsFoundBeforeADurableCallReturns) {
                 return 6;
             });
             ASSERT_EQ(st, 128 + SIGKILL);
-            // The call that finds the cut fails; the next one brings the file up to date
-            // and the calls go on.
             EXPECT_LE(std::count_if(out->rc, out->rc + after, [](int rc) { return rc != 0; }), 1);
             const int fd = replayed(file);
             ASSERT_GE(fd, 0);
-            // A call that failed may be whole or absent; every other is a call that
-            // returned 0.  Those there are a prefix of those: none is missing before the
-            // last one there.
+            // Only the call whose record the cut took may be gone.
             const int n = out->before;
             int last = -1;
             const std::vector<int> at = looked(fd, base, n + after, &last);
@@ -733,14 +670,8 @@ TEST_F(LogCut, ACutThatNoStoreMeetsIsFoundBeforeADurableCallReturns) {
         }
 }
 
-// In the default mode nothing syncs the log between calls: a checkpoint is the first to
-// meet a cut no store met.  It is the cut's remedy, not its victim: it goes through,
-// writing the pool's pages, and the log starts anew; after the close nothing is left
-// for a replay and every call is in the file.
+// A checkpoint that is the first to meet a cut goes through and starts the log anew.
 TEST_F(LogCut, ACheckpointThatMeetsACutNoStoreMetGoesThrough) {
-    bound(60);
-    const std::string file = made("f", {8});
-    const std::string log = lock() + ".w0";
     const int st = kt::run_child([&] {
         const int fd = nisopen(file.c_str(), ISO_RDWR);
         if (fd < 0) return 1;
@@ -755,7 +686,11 @@ TEST_F(LogCut, ACheckpointThatMeetsACutNoStoreMetGoesThrough) {
         return nisclose(fd) == 0 ? 0 : 8;
     });
     ASSERT_EQ(st, 0);
+    // Closed cleanly, nobody attached: nothing pending, nothing to settle.
     EXPECT_EQ(kisam_pending(file.c_str()), 0);
+    EXPECT_EQ(kisam_settle(file.c_str()), 0);
+    EXPECT_EQ(kisam_pending(path("missing").c_str()), -1);
+    EXPECT_EQ(errno, ENOENT);
     ASSERT_TRUE(kt::sound(file));
     ASSERT_EQ(is_init(), 0) << is_errno;
     const int fd = nisopen(file.c_str(), ISO_RDONLY);
@@ -767,13 +702,9 @@ TEST_F(LogCut, ACheckpointThatMeetsACutNoStoreMetGoesThrough) {
     EXPECT_EQ(nisclose(fd), 0);
 }
 
-// The same cut, and then the sync of the checkpoint that the cut calls for fails, on a
-// disk that drops what it had not written (the file goes back to what it was when the
-// process opened it): the file lacks the calls, the pool has them, the log ends at the
-// cut.  Neither a replay of that log nor the next checkpoint may be left to give the file
-// back its calls: the log is made to hold the pool again, the calls go on (the one that
-// found the cut and the one whose checkpoint failed fail, whole or absent), and every
-// call that returned is in the file after a clean close or a kill.
+// A cut, then the healing checkpoint's file sync fails on a disk that drops what it had
+// not written: the log must be made to hold the pool again, so no call that returned is
+// lost after a close or a kill.
 const char* g_data_file = nullptr;
 std::string* g_data_was = nullptr;
 int g_data_syncs = 0;
@@ -785,9 +716,6 @@ int dropping_data_sync(int fd) {
 }
 
 TEST_F(LogCut, ACutAndAFailedSyncOfTheFileLoseNoCallThatReturned) {
-    bound(120);
-    const std::string file = made("f", {8});
-    const std::string log = lock() + ".w0";
     const std::string data_file = kt::real_path(file);
     ASSERT_NE(data_file, "");
     constexpr int kAfter = 20;
@@ -837,18 +765,12 @@ TEST_F(LogCut, ACutAndAFailedSyncOfTheFileLoseNoCallThatReturned) {
     }
 }
 
-// A cut found by one process's sync (kisam_sync) while another's call is under way, past
-// the point where a call checkpoints a file whose log was cut: that call's record lands
-// after the zeros written again over the cut, behind a gap the replay stops at, and the
-// log looks whole by its size.  Its durable sync must not count; a kill then loses no
-// call that returned.
+// A cut found by one process's kisam_sync while another's call is under way: that
+// call's durable sync must not count (its record lies behind a gap the replay stops at).
 kt::Pipe* g_paused = nullptr;
 kt::Pipe* g_resume = nullptr;
 
 TEST_F(LogCut, NoSyncCountsWhileACutIsKnown) {
-    bound(120);
-    const std::string file = made("f", {8});
-    const std::string log = lock() + ".w0";
     struct Out {
         int before, synced, other;
         std::atomic<int> other_done;
@@ -857,7 +779,6 @@ TEST_F(LogCut, NoSyncCountsWhileACutIsKnown) {
     Durable d("1");
     kt::Pipe cut_done, do_sync, synced, paused, resume;
     const pid_t a = kt::start_child([&] {
-        // Its calls wait for no sync: its kisam_sync is the sync that finds the cut.
         ::setenv("KISAM_DURABLE", "0", 1);
         const int fd = nisopen(file.c_str(), ISO_RDWR);
         if (fd < 0) return 1;
@@ -875,7 +796,6 @@ TEST_F(LogCut, NoSyncCountsWhileACutIsKnown) {
         if (fd < 0) return 1;
         g_paused = &paused;
         g_resume = &resume;
-        // Inside its call, the control lock held: wait there while the other syncs.
         kisam::test_hook = [](int where, int) {
             if (where != kisam::kHookTouch || !g_paused) return;
             g_paused->signal();
@@ -900,27 +820,6 @@ TEST_F(LogCut, NoSyncCountsWhileACutIsKnown) {
         EXPECT_EQ(look(fd, 5000), 0) << "the durable call made during the cut returned, then was lost";
     }
     close_sound(fd, file);
-}
-
-// ---- rollbacks left in a journal ---------------------------------------------------------
-
-// (A rollback that a full disk left in a journal, found and applied: the tool's
-// CheckSettlesARollbackLeftByAFullDisk.)  Nothing is pending for a file that was closed
-// cleanly, with nobody attached; a file that does not exist is an error.
-class Settle : public LogEnv {};
-
-TEST_F(Settle, NothingPendingAndNoInstallation) {
-    const std::string file = path("plain");
-    const int lens[1] = {8};
-    int fd = niscreate(file.c_str(), 1, const_cast<int*>(lens));
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(niswrite(fd, "00000001xyz", 11), 0);
-    ASSERT_EQ(nisclose(fd), 0);
-    nisunisam();
-    EXPECT_EQ(kisam_pending(file.c_str()), 0);
-    EXPECT_EQ(kisam_settle(file.c_str()), 0);
-    EXPECT_EQ(kisam_pending(path("missing").c_str()), -1);
-    EXPECT_EQ(errno, ENOENT);
 }
 
 }  // namespace

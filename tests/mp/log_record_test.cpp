@@ -1,14 +1,5 @@
-// What a record of the redo log says about a page, and how replay reads it back.
-//
-// A page the log already holds whole goes into later records as the bytes that changed,
-// in runs, and the items of an index page that moved when it gained or lost one as one
-// move.  Randomized pages with items put in and taken out, bytes overwritten and wrong
-// guesses of the move come back exactly by the entries, never longer than the page
-// whole.  Then with real processes: killed at every store of their records, the file
-// holds exactly the calls that returned; a record torn at its end is not replayed; a log
-// that says something replay does not know (an entry of no known kind, a header of a
-// newer version) is refused with an error and left as it is; a log of the first version
-// is replayed.
+// The redo log's records: page deltas that replay exactly, and real processes whose
+// records are killed, torn, or of another version.
 #include "../engine/open_fixture.h"
 #include "oracle.h"
 
@@ -38,7 +29,7 @@ struct Page {
     unsigned char c[kP];
 };
 
-// Applies the entries at [p, end) to page; false at an entry replay would refuse.
+// Applies the entries at [p, end) to page; false where replay would refuse.
 bool replay_entries(const char* p, const char* end, uint32_t n, uint64_t off, unsigned char* page) {
     for (uint32_t i = 0; i < n; ++i) {
         if (end - p < static_cast<long>(sizeof(lg::lg_ent))) return false;
@@ -51,8 +42,7 @@ bool replay_entries(const char* p, const char* end, uint32_t n, uint64_t off, un
     return p == end;
 }
 
-// An index page of `n` items of `inc` bytes (item and the pointer right of it) after a
-// header of key k; what lies past the items is left from earlier contents.
+// An index page of n items of inc bytes after a header of key k; garbage past them.
 void index_page(Page& pg, std::mt19937_64& rng, int k, int n, int inc) {
     for (auto& b : pg.c) b = static_cast<unsigned char>(rng() % 4 == 0 ? rng() : 0);
     kisam::store_at<int16_t>(pg.c, static_cast<int16_t>(k));
@@ -68,6 +58,8 @@ protected:
 INSTANTIATE_TEST_SUITE_P(Compare, LogDelta, ::testing::Values(false, true),
                          [](const auto& info) { return info.param ? "Plain" : "Vector"; });
 
+// Items put in, taken out, bytes overwritten, wrong guesses of the move: the entries
+// give the page back exactly, never longer than it, and an insert costs a few dozen bytes.
 TEST_P(LogDelta, RandomPageChangesComeBackExactlyAndNoLongerThanTheWholePage) {
     std::mt19937_64 rng(kt::test_seed(20261126));
     std::vector<char> buf(4 * kP);
@@ -112,7 +104,6 @@ TEST_P(LogDelta, RandomPageChangesComeBackExactlyAndNoLongerThanTheWholePage) {
         ASSERT_EQ(std::memcmp(got.c, now.c, kP), 0) << "op " << op << " shift " << shift << " j " << j;
         if (pure && op == 0) {
             ++inserts;
-            // The count, the new item and one move: a few dozen bytes, not the items moved.
             small += end - buf.data() <= 3 * 16 + 8 + 8 + static_cast<long>(lg::round8(inc)) + 8;
         }
         for (const char* p = buf.data(); p < end;) {
@@ -127,8 +118,7 @@ TEST_P(LogDelta, RandomPageChangesComeBackExactlyAndNoLongerThanTheWholePage) {
     EXPECT_GE(small, inserts * 9 / 10) << "items put in were logged as the bytes they moved";
 }
 
-// What a call noted of its changes (jn_touch_part), as the journal keeps it: the first
-// change's move as it is, any later move as the blocks its bytes span.
+// A call's notes as the journal keeps them: the first move as is, later ones as blocks.
 void note(jn_change& kept, bool first, const jn_change& c) {
     if (first) {
         kept = c;
@@ -142,10 +132,7 @@ void note(jn_change& kept, bool first, const jn_change& c) {
     }
 }
 
-// Pages changed by a few item puts, takes, address exchanges and overwrites, each noted
-// the way the B-tree and the data pages note theirs: the entries made from the notes
-// alone (only noted blocks compared, the noted move taken as it is) give the page back
-// exactly, never longer than the page whole, and an item put in costs a few dozen bytes.
+// The same from the notes alone (only noted blocks compared, the noted move trusted).
 TEST_P(LogDelta, NotedChangesComeBackExactly) {
     std::mt19937_64 rng(kt::test_seed(20261127));
     std::vector<char> buf(4 * kP);
@@ -205,10 +192,7 @@ TEST_P(LogDelta, NotedChangesComeBackExactly) {
     EXPECT_GE(small, single * 9 / 10) << "items put in were logged as the bytes they moved";
 }
 
-// A page logged whole in effect gives every byte whatever the page held before (a page
-// past the file's end, one freed and reused): with its zeros copied onward from a few
-// when it has a long run of them, else whole.  A new data page with one record costs a
-// third of the page.
+// A page logged whole sets every byte whatever it held; a new one-record page is short.
 TEST(LogEntry, PagesLoggedWholeGiveEveryByteWhateverThePageHeld) {
     std::mt19937_64 rng(kt::test_seed(20261128));
     std::vector<char> buf(2 * kP);
@@ -216,7 +200,6 @@ TEST(LogEntry, PagesLoggedWholeGiveEveryByteWhateverThePageHeld) {
         SCOPED_TRACE("round " + std::to_string(round));
         Page pg;
         for (auto& b : pg.c) b = static_cast<unsigned char>(rng() % 3 ? rng() : 0);
-        // Zero or more runs of zeros anywhere, of any length.
         for (int k = static_cast<int>(rng() % 3); k > 0; --k) {
             const int at = static_cast<int>(rng() % kP);
             const int len = std::min(kP - at, static_cast<int>(rng() % kP));
@@ -230,7 +213,6 @@ TEST(LogEntry, PagesLoggedWholeGiveEveryByteWhateverThePageHeld) {
         ASSERT_TRUE(replay_entries(buf.data(), end, nent, 8192, got.c));
         ASSERT_EQ(std::memcmp(got.c, pg.c, kP), 0);
     }
-    // A data page made for one record of 100 bytes: its header, the record at its end.
     Page data{};
     kisam::store_at<uint16_t>(data.c, 0x8002);
     kisam::store_at<int16_t>(data.c + 4, static_cast<int16_t>(kP - 2 - 102));
@@ -240,8 +222,7 @@ TEST(LogEntry, PagesLoggedWholeGiveEveryByteWhateverThePageHeld) {
     EXPECT_LT(len, kP / 3);
 }
 
-// A change that its note does not cover is caught as the record is made (the tests run
-// with the check on), not left for a replay to lose.
+// A change its note does not cover is caught as the record is made.
 TEST(LogEntryDeath, AChangeOutsideItsNoteEndsTheProcess) {
     Page was{}, now{};
     now.c[700] = 1;  // block 21, noted: block 0
@@ -252,7 +233,7 @@ TEST(LogEntryDeath, AChangeOutsideItsNoteEndsTheProcess) {
                  "miss a change");
 }
 
-// The control page's bytes: runs of what changed, nothing when nothing did.
+// The control page: runs of what changed, nothing when nothing did.
 TEST_P(LogDelta, ControlPageRunsComeBackExactly) {
     std::mt19937_64 rng(kt::test_seed(7));
     std::vector<char> buf(2 * kP);
@@ -309,14 +290,12 @@ constexpr int kSize = 60;
 
 class LogRecord : public ot::Env {
 protected:
-    // A replay that damages the file may leave an index whose reading never ends: the
-    // test then fails by its time bound instead of hanging.
+    // A damaged replay may leave an index that loops: fail by the bound, not hang.
     void SetUp() override {
         ot::Env::SetUp();
         bound(280);
     }
-    // The calls of the workload: ids put in, in a random order, then some taken out
-    // again among more put in, so that index pages gain and lose items in the middle.
+    // Ids put in in random order, then some taken out among more put in.
     struct Call {
         bool del;
         int id;
@@ -350,8 +329,8 @@ protected:
     }
     std::string log_path() const { return lock() + ".w0"; }
 
-    // A child makes the calls and is killed once they returned, before any page reached
-    // the file; the segment goes.  The log then holds every call.
+    // A child makes the calls and is killed before any page reached the file; the
+    // segment goes.  The log holds every call.
     void leave_in_log(const std::string& file, const std::vector<Call>& c) {
         const pid_t kid = hold([&] {
             int fd = nisopen(file.c_str(), ISO_RDWR);
@@ -365,7 +344,7 @@ protected:
     }
 };
 
-// The log file's records of its current generation: header, and the offset of each.
+// The log's header and the offsets of its current generation's records.
 struct LogImage {
     std::string bytes;
     lg::lg_head head{};
@@ -392,7 +371,6 @@ struct LogImage {
         std::memcpy(&r, bytes.data() + recs[i], sizeof r);
         return r;
     }
-    // Rewrites record i's checksum for its present bytes.
     void seal(size_t i) {
         lg::lg_rec r = rec(i);
         r.lr_sum = 0;
@@ -400,7 +378,6 @@ struct LogImage {
         r.lr_sum = lg::checksum(bytes.data() + recs[i], r.lr_len);
         std::memcpy(bytes.data() + recs[i], &r, sizeof r);
     }
-    // Rewrites the header in use with another version, sealed.
     void set_version(uint32_t v) {
         lg::lg_head h = head;
         h.lh_version = v;
@@ -410,10 +387,8 @@ struct LogImage {
     void save(const std::string& path) const { kt::spit(path, bytes); }
 };
 
-// A process killed before any store of the records of its calls: the first half of
-// them fill the pages once (the log holds each whole), the second half change those
-// pages again, so that their records hold runs and moves.  Killed at every store of the
-// second half, in turn, the file holds exactly the calls that returned.
+// Killed at every store of the records of calls that change logged pages again (runs and
+// moves): the file holds exactly the calls that returned.
 std::atomic<int>* g_returned = nullptr;
 int g_stores_left = 0;
 int killing_mstore(int fd, char* map, off_t off, const void* src, size_t n) {
@@ -444,7 +419,6 @@ TEST_F(LogRecord, KilledAtEveryStoreOfItsRecordsTheFileHoldsTheCallsThatReturned
                 if (apply(fd, c[i]) != 0) return 2;
                 g_returned->store(static_cast<int>(i + 1));
             }
-            // Every store made: the test has gone past the last one.
             return 0;
         })[0];
         const int st = kt::wait_child(kid);
@@ -459,33 +433,7 @@ TEST_F(LogRecord, KilledAtEveryStoreOfItsRecordsTheFileHoldsTheCallsThatReturned
     EXPECT_GE(killed, kMore) << "fewer stores than calls: the records were not stored through the mapping";
 }
 
-// The records of calls that change pages the log already holds are short: runs of
-// bytes and moves, not the pages.
-TEST_F(LogRecord, RecordsOfIndexChangesAreShortAndReplay) {
-    constexpr int kWarm = 150, kMore = 60;
-    const std::vector<Call> c = calls(kWarm, kMore);
-    const std::string file = made("f", kL.lens());
-    leave_in_log(file, c);
-    const LogImage img(log_path());
-    ASSERT_EQ(img.recs.size(), c.size());
-    size_t late = 0, moves = 0;
-    for (size_t i = kWarm; i < c.size(); ++i) {
-        const lg::lg_rec r = img.rec(i);
-        late += r.lr_len;
-        for (size_t at = img.recs[i] + sizeof r; at < img.recs[i] + r.lr_len;) {
-            lg::lg_ent e;
-            std::memcpy(&e, img.bytes.data() + at, sizeof e);
-            moves += e.le_kind == lg::kMoveEntry;
-            at += sizeof e + lg::round8(e.le_len);
-        }
-    }
-    EXPECT_LT(late / kMore, 700u) << "records hold the pages rather than what changed";
-    EXPECT_GT(moves, static_cast<size_t>(kMore)) << "no item moves were logged as moves";
-    EXPECT_TRUE(ko::holds(file, kL, model(c, c.size())));
-}
-
-// A record torn at its end (its last bytes never reached the disk) is no record: the
-// file holds the calls before it.
+// A record torn at its end is not replayed; the calls before it are.
 TEST_F(LogRecord, ARecordTornAtItsEndIsNotReplayed) {
     const std::vector<Call> c = calls(60, 20);
     const std::string file = made("f", kL.lens());
@@ -498,9 +446,8 @@ TEST_F(LogRecord, ARecordTornAtItsEndIsNotReplayed) {
     EXPECT_TRUE(ko::holds(file, kL, model(c, c.size() - 1)));
 }
 
-// A log whose records say what this library does not read is refused with an error, and
-// left for a library that does: an entry of an unknown kind in a record whole by its
-// checksum, or a header of a newer version.  A header of the first version is read.
+// An unknown entry kind or a newer header: refused, file and log left as they were; a
+// first-version log is replayed.
 TEST_F(LogRecord, ALogOfAnotherVersionIsReplayedOrRefusedNeverMisread) {
     const std::vector<Call> c = calls(60, 20);
     const std::string file = made("f", kL.lens());
@@ -527,7 +474,6 @@ TEST_F(LogRecord, ALogOfAnotherVersionIsReplayedOrRefusedNeverMisread) {
         img.save(log_path());
         refused("an entry of an unknown kind");
     }
-    // The file as it was made again, its calls left in a log whose header says version v.
     auto logged_as = [&](uint32_t v) {
         ::unlink(log_path().c_str());
         kt::spit(file, fresh);

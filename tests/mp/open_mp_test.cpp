@@ -1,7 +1,4 @@
-// Attach, open and close between processes: the last detach never meets an attach in
-// the middle; one shared slot per file, the use count, create refused while the file is
-// open elsewhere, the segment going away with the last process, and a refused wait for
-// opcl_lock.
+// Attach, open and close between processes.
 #include "../engine/open_fixture.h"
 
 #include "is_common.h"
@@ -22,10 +19,8 @@ class OpenMp : public Env {};
 
 bool segment_exists(const kt::Installation& inst) { return ::shmget(inst.key(), 0, 0) >= 0; }
 
-// Processes that attach and detach over and over while others do the same: the last
-// detacher's removal must never meet an attach in the middle, or one process would end up
-// with a segment nobody else can find (its own pool: increments lost between the two) or
-// fail to attach at all.  Every increment is made under the control lock.
+// Attach/detach races: an attach meeting the last detacher's removal would get a pool of
+// its own, and increments under the control lock would be lost.
 TEST_F(OpenMp, AttachingWhileTheLastDetacherLeavesKeepsOnePool) {
     kt::Installation& inst = *inst_;
     const std::string path = inst.path("count.ism");
@@ -100,14 +95,12 @@ TEST_F(OpenMp, TwoProcessesShareOneSlot) {
     EXPECT_EQ(ot::pfi_of(fd)->pfi_refcnt, 1);
     EXPECT_EQ(ot::attached_processes(), 2);
 
-    // Create is refused while any process has the file open.
     ASSERT_EQ(nisclose(fd), 0);
     EXPECT_EQ(f->is_usecnt, 1);
     EXPECT_EQ(is_env.pfo_tbl[u], static_cast<int32_t>(kisam::rel_of(f))) << "the child keeps it";
     EXPECT_EQ(create("f", {4}), -1);
     EXPECT_EQ(is_errno, ISE_CREATEISOPEN);
 
-    // Reopening finds the same slot; the child's close leaves this process's handle.
     fd = nisopen(path("f").c_str(), ISO_RDONLY);
     ASSERT_GE(fd, 0);
     EXPECT_EQ(is_db[fd]->uniqueid, u);
@@ -121,7 +114,6 @@ TEST_F(OpenMp, TwoProcessesShareOneSlot) {
     fd = create("f", {4});
     EXPECT_GE(fd, 0) << "closed everywhere: create is allowed again";
 
-    // The segment stays while the child is attached and goes with the last process.
     EXPECT_EQ(nisunisam(), 0);
     EXPECT_GE(::shmget(inst_->key(), 0, 0), 0);
     go_exit.signal();
@@ -129,9 +121,8 @@ TEST_F(OpenMp, TwoProcessesShareOneSlot) {
     EXPECT_LT(::shmget(inst_->key(), 0, 0), 0);
 }
 
-// A child forked with a file open, whose parent closes the file (its last close: the
-// child does not count yet) and opens another into the freed slot before the child calls
-// is_chinit.  The child's handle of the first file must not lead to the second.
+// The parent closes a file and opens another into its slot before its child's
+// is_chinit: the child's handle must not lead to the second file.
 TEST_F(OpenMp, AChildDoesNotTakeTheFileThatTookItsClosedFilesSlot) {
     int fd = create("f", {4});
     ASSERT_GE(fd, 0);
@@ -156,9 +147,8 @@ TEST_F(OpenMp, AChildDoesNotTakeTheFileThatTookItsClosedFilesSlot) {
     EXPECT_EQ(nisclose(g), 0);
 }
 
-// This process holds a's control lock (nisgetctl) while another process, inside a close
-// of a, holds opcl_lock and waits for that control lock.  Waiting for opcl_lock now would
-// close a cycle: the kernel refuses it and the operation fails holding nothing new.
+// Holding a's control lock while a closer holding opcl_lock waits for it: our wait for
+// opcl_lock is refused, holding nothing new.
 TEST_F(OpenMp, RefusedWaitForOpclLockFailsCleanly) {
     int a = create("a", {4});
     int b = create("b", {4});
@@ -172,7 +162,6 @@ TEST_F(OpenMp, RefusedWaitForOpclLockFailsCleanly) {
         return nisclose(a) == 0 ? 0 : 2;
     });
     ASSERT_EQ(ready.wait(), 'x');
-    // Wait until the child sleeps on a's control lock.
     kt::await([&] { return kt::waiting(child) && isam_com->opcl_lock == static_cast<uint32_t>(child); }, 1 << 30);
     ::usleep(20000);  // the entry is set just before the child blocks
     short files = n_ufiles;

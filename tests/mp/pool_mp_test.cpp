@@ -1,7 +1,4 @@
-// The buffer pool between real processes: shared hits, misses of two processes on the same
-// files, stealing under other processes' control locks, the one-second wait, and fixes left
-// by a process that died.  And one tree worked on by several processes, one operation per
-// control-lock hold, so that every page hint goes stale between operations.
+// The buffer pool between real processes, and one B-tree shared by several.
 #include "../engine/bt_fixture.h"
 #include "../engine/pool_fixture.h"
 
@@ -22,7 +19,7 @@ namespace {
 
 class PoolMp : public PoolEnv {
 protected:
-    // A child that fixes pages 1 and 2 of fd, signals, then sleeps `ms` (or for ever).
+    // A child fixes pages 1 and 2 of fd, signals, sleeps ms (< 0: for ever).
     pid_t fix_two_in_child(int fd, kt::Pipe& fixed, int ms) {
         return kt::start_child([&, fd, ms] {
             if (is_chinit() != 0) return 2;
@@ -64,11 +61,8 @@ TEST_F(PoolMp, APageLoadedByOneProcessIsAHitForAnother) {
     EXPECT_EQ(end(), 0);
 }
 
-// Two processes miss on the same two files in turn, each holding a file's control lock
-// for a few reads (the other catches up from the file's chain log) or for 100 (more than
-// the log holds: the other walks the chain), with own-quota reuse and stealing between the files.
-// Every read returns its page, no chain ever holds a page twice or disagrees with its
-// shared length, and the counters account for every read exactly.
+// Two processes miss on two files (few reads per hold: the chain log; 100: a chain walk):
+// every read gets its page, chains stay exact, counters account for every read.
 TEST_F(PoolMp, TwoProcessesMissOnTheSameFilesAtOnce) {
     const uint64_t seed = kt::test_seed(20261123);
     SCOPED_TRACE("KISAM_SEED=" + std::to_string(seed));
@@ -161,9 +155,8 @@ TEST_F(PoolMp, StealingPassesOverAFileLockedElsewhere) {
     EXPECT_EQ(end(), 0);
 }
 
-// Every slot fixed by another process: the miss waits one second at a time while the
-// holder lives, and not at all once it died, whose fixes are cleared -- by the steal
-// scan, or by taking the dead holder's lock.
+// Every slot fixed elsewhere: a miss waits while the holder lives, not once it died
+// (its fixes cleared by the steal scan, or by taking its lock).
 TEST_F(PoolMp, EverySlotFixedElsewhereWaitsForALiveHolderNotForADeadOne) {
     for (int how : {0, 1, 2}) {   // alive; killed, then a steal; killed, then its file
         SCOPED_TRACE(how);
@@ -208,8 +201,8 @@ std::string item_of(int len, int v) {
     return s;
 }
 
-// Child c owns values c, c + kChildren, ...; it inserts them all in a random order and
-// deletes every third again, checking its own items by exact search as it goes.
+// Child c inserts its values (c mod kChildren) in random order, deletes every third,
+// and finds the others exactly.
 int child_work(int fd, int c, uint64_t seed) {
     if (is_chinit() != 0) return 10;
     std::mt19937_64 rng(seed + static_cast<uint64_t>(c));
@@ -252,7 +245,7 @@ int child_work(int fd, int c, uint64_t seed) {
 
 class BtMp : public ::testing::TestWithParam<int> {};
 
-// The tree ends sound and holds exactly what each process left.
+// One tree, one operation per control-lock hold (every hint stale): sound and exact.
 TEST_P(BtMp, ProcessesShareOneTree) {
     const int keylen = GetParam();
     kt::Config cfg;
@@ -262,7 +255,6 @@ TEST_P(BtMp, ProcessesShareOneTree) {
     const uint64_t seed = kt::test_seed(0xB7B7);
     SCOPED_TRACE("KISAM_SEED=" + std::to_string(seed));
 
-    // All children start together, so that their operations interleave.
     kt::Pipe go;
     std::vector<pid_t> kids;
     for (int c = 0; c < kChildren; ++c) {

@@ -1,13 +1,6 @@
-// Readers without the lock beside writers in other processes.  Every record says what it
-// must hold: its key 0 and its generation determine all of its bytes, so a reader checks
-// every record it gets -- by every key, in every mode, cut short or whole -- against what
-// they make, and that the generations it sees of one record never go back.  Writers are
-// also paused and killed in the middle of a change (through the test hook), where only
-// the change count keeps the readers from seeing half of it.
-//
-// And writers on their own key ranges and on one they all fight over, in a small pool:
-// afterwards a fresh process finds exactly the owned records each writer reported, only
-// well-formed records in the shared range, and the checker finds no damage.
+// Readers without the lock beside writers in other processes.  Every record's bytes
+// follow from its key 0 and generation, so readers check each record whole and that the
+// generations of one record never go back.
 #include "kisam_test.h"
 
 #include "is_rec.h"
@@ -40,8 +33,7 @@ constexpr int kBuf = 4000;
 
 using kt::mix;
 
-// The record of id at generation gen.  Key 1 has few values (long runs of equal keys),
-// key 2 is of odd length; about one record in eight spans overflow pages.
+// Key 1 has few values, key 2 an odd length; one record in eight spans overflow pages.
 std::string record(unsigned id, uint32_t gen) {
     char t[16];
     std::string r;
@@ -59,8 +51,7 @@ std::string record(unsigned id, uint32_t gen) {
     return r;
 }
 
-// What a reader checks of a record it got: n bytes (cut at size) of some generation of
-// some id, exactly.  Returns the id and generation, or false.
+// Whether n bytes (cut at size) are exactly some id's record at some generation.
 bool genuine(const char* p, int n, int size, unsigned* id, uint32_t* gen) {
     if (n < kGenAt + 4) return false;
     char t[kK0 + 1];
@@ -76,7 +67,6 @@ bool genuine(const char* p, int n, int size, unsigned* id, uint32_t* gen) {
     return n == want && std::memcmp(p, r.data(), static_cast<size_t>(n)) == 0;
 }
 
-// Key k's ordering bytes of a record: the key, then key 0 (which makes it unique).
 std::string order_key(const char* p, int k) {
     const int off[3] = {0, kK0, kK0 + kK1};
     const int len[3] = {kK0, kK1, kK2};
@@ -88,7 +78,7 @@ std::string order_key(const char* p, int k) {
 class ReadNoLockMp : public kt::Env {
 protected:
     void SetUp() override {}   // the pool's size depends on the test
-    // The installation, the read file holding every id at generation 1, the other file.
+    // The read file with every id at generation 1, and another file.
     void start(int buffers) {
         kt::Config c;
         c.maxbuf = static_cast<int16_t>(buffers);
@@ -109,9 +99,8 @@ protected:
 
     bool stopped() const { return stop_->load(); }
 
-    // A writer owning the ids of residue w modulo `of`: new generations by update, by
-    // delete and write again, and by forced write; with `other`, a record of the other
-    // file after each change, so that its misses take slots of the read file.
+    // Writer of the ids = w mod `of`: update, delete+write, forced write; with `other`, a
+    // record of the other file after each change (its misses take the read file's slots).
     int writer(int w, int of, int changes, bool other) {
         if (is_init() != 0) return 50;
         int fd = nisopen(path_.c_str(), ISO_RDWR);
@@ -121,8 +110,7 @@ protected:
         std::vector<char> buf(kBuf);
         for (int i = 0; i < changes && !stopped(); ++i) {
             const unsigned id = static_cast<unsigned>(w) + of * (rng() % (kIds / of));
-            // The current generation is what the file holds (an earlier writer may have
-            // been killed part way): read it back under the lock's protection of writes.
+            // The generation is what the file holds (an earlier writer may have died).
             const std::string k0 = record(id, 0).substr(0, kK0);
             const int n = nisfind(fd, 0, k0.data(), buf.data(), kBuf);
             unsigned got;
@@ -151,9 +139,8 @@ protected:
         return 0;
     }
 
-    // A reader: random finds and scans by every key in both directions, whole records
-    // and cut ones, until told to stop.  Leaves how many reads it made and how
-    // many of them took no lock in figures_[r].
+    // Random finds and scans by every key both ways, whole and cut, until stopped;
+    // figures_[r]: reads made, and those without the lock.
     int reader(int r) {
         if (is_init() != 0) return 60;
         int fd = nisopen(path_.c_str(), ISO_RDWR);
@@ -185,7 +172,6 @@ protected:
             }
             const int k = static_cast<int>(rng() % 3);
             const bool back = mode == 2;
-            // Start anywhere: a key value of some record.
             const std::string from = record(rng() % kIds, 1 + rng() % 3);
             const int off[3] = {0, kK0, kK0 + kK1};
             if (nisseek(fd, k, from.data() + off[k]) != 0) rc = 74;
@@ -196,7 +182,6 @@ protected:
                 if (n < 0) rc = 75;
                 if (n <= 0) break;
                 if ((rc = check(n, size)) != 0) break;
-                // A cursor steps strictly along its key, whatever changes meanwhile.
                 const std::string o = order_key(buf.data(), k);
                 if (!prev.empty() && (back ? !(o < prev) : !(prev < o))) rc = 76;
                 prev = o;
@@ -210,11 +195,9 @@ protected:
 
     void stop() { *stop_ = true; }
 
-    // Reads and reads without the lock of reader r.
     std::pair<long, long> figures(int r) const { return (*figures_)[static_cast<size_t>(r)]; }
 
-    // After everything: the change count is even, no rollback pending, every id there
-    // once at some generation, and the file sound.
+    // The change count even, no rollback pending, every record genuine, the file sound.
     void final_check() {
         ASSERT_EQ(kt::run_child([&] {
                       if (is_init() != 0) return 1;
@@ -226,8 +209,6 @@ protected:
                           const int n = nisfind(fd, 0, k0.data(), buf.data(), kBuf);
                           unsigned got;
                           uint32_t gen;
-                          // A writer killed between a delete and its write again leaves the
-                          // id absent: that is a whole call, not a half one.
                           if (n < 0 || (n > 0 && !genuine(buf.data(), n, kBuf, &got, &gen))) return 3;
                       }
                       const isx_file* xf = kisam::isx_file_of(is_db[fd]->uniqueid);
@@ -247,11 +228,8 @@ protected:
     std::atomic<bool>* stop_ = &shared<std::atomic<bool>>();
 };
 
-// Two writers and two readers at once: every record the readers get is whole and of a
-// generation no older than one they saw before.  With the file in the pool, most reads
-// take no lock.  With a pool far smaller than the files, and a writer that also fills
-// another file, misses, loads in place and steals of the read file's slots go on all the
-// time.
+// Two writers, two readers, with the file in the pool (most reads take no lock) and in a
+// small pool (misses and steals of the read file's slots all the time).
 TEST_F(ReadNoLockMp, ReadersCheckEveryRecordWhileWritersChangeThem) {
     for (bool small : {false, true}) {
         SCOPED_TRACE(small ? "a small pool" : "the file in the pool");
@@ -271,42 +249,38 @@ TEST_F(ReadNoLockMp, ReadersCheckEveryRecordWhileWritersChangeThem) {
     }
 }
 
-// Where a writer stops in the middle of a change, and what it does there.
 struct Stop {
     int where;      // kisam::kHook*
     bool kill;      // killed there, else paused for a while
     int buffers;
 };
 
-// Shown by ctest beside the test's name: short, not a dump of the struct's bytes.
 void PrintTo(const Stop& s, std::ostream* os) {
     *os << (s.kill ? "kill" : "pause") << " at hook " << s.where << ", " << s.buffers << " buffers";
 }
 
 class ReadNoLockStop : public ReadNoLockMp, public ::testing::WithParamInterface<Stop> {};
 
-// State of the hook in the writer that stops (a forked child: its own copy).
+// The stopping writer's hook state (a forked child's own copy).
 int hook_where = 0;
 int hook_count = 0;
 int hook_at = 0;
 bool hook_kill = false;
 kt::Pipe* hook_pipe = nullptr;  // to the parent: 'p' stopped with the count odd, 'r' going on
-int hook_file = -1;              // shared-file slot of the read file
+int hook_file = -1;
 
 void stop_hook(int where, int u) {
     if (where != hook_where || u != hook_file || ++hook_count != hook_at) return;
-    // 'p' when the file's change count is odd here (a change under way), 'e' when not.
+    // 'p': the change count is odd here (a change under way); 'e': even.
     hook_pipe->signal(kisam::isx_file_of(u)->xf_seq % 2 ? 'p' : 'e');
     if (hook_kill) ::kill(::getpid(), SIGKILL);
     ::usleep(400000);
     hook_pipe->signal('r');
 }
 
-// A writer stops in the middle of a change -- a page of a unit, a slot being loaded, a
-// victim being taken from the read file -- while two readers read on.  Paused, it holds
-// the readers up (they fall back to the lock and wait) and then goes on; killed, the
-// next taker of the lock repairs what it left.  Either way every record read is right,
-// nobody hangs, and a second writer works on the file afterwards.
+// A writer paused or killed in a change (a page touched, a slot loading, a victim taken)
+// while two readers read on: every record read is right, nobody hangs, and the next
+// writer repairs and goes on.
 TEST_P(ReadNoLockStop, ReadersStayRight) {
     const Stop st = GetParam();
     start(st.buffers);
@@ -330,16 +304,13 @@ TEST_P(ReadNoLockStop, ReadersStayRight) {
     });
     hook.close_write();
     const char first = hook.wait();
-    // A change of a page is odd; a slot's load or a victim's take-away may come outside
-    // a unit (a miss of the writer's own reads), with the count even: readers check the
-    // slot instead.
+    // Loads and take-aways may come outside a change (count even): readers check the slot.
     const bool stopped = first == 'p' || (first == 'e' && st.where != kisam::kHookTouch);
     EXPECT_TRUE(stopped) << "the writer did not stop where it should (seed " << seed_ << ")";
     if (!st.kill && stopped) {
         EXPECT_EQ(hook.wait(), 'r');
     }
     EXPECT_EQ(kt::wait_child(w), st.kill ? 128 + SIGKILL : 0);
-    // The next writer repairs (when it comes first) and changes the file further.
     EXPECT_EQ(kt::run_child([&] { return writer(0, 1, 300, false); }), 0);
     stop();
     for (pid_t p : readers) EXPECT_EQ(kt::wait_child(p), 0);
@@ -357,7 +328,7 @@ INSTANTIATE_TEST_SUITE_P(
         return std::string(i.param.kill ? "Kill" : "Pause") + w;
     });
 
-// ---- writers on their own ranges and a shared one ---------------------------------------
+// ---- writers on their own ranges and a shared one, in a small pool ------------------------
 
 namespace ko = kt::oracle;
 const ko::Layout kW{8, 4, 2};
@@ -368,7 +339,6 @@ constexpr int kSharedIds = 60;
 
 class ConcurrentRecords : public kt::Env {
 protected:
-    // A small pool, so that the writers take slots from each other all the time.
     void SetUp() override {
         kt::Config c;
         c.maxbuf = 24;
@@ -376,9 +346,8 @@ protected:
         path_ = made("shared.ism", kW.lens());
     }
 
-    // One writer: random changes to its own range and the shared one, reads in between.
-    // Its own records read back exactly as it last stored them; its final view of them
-    // goes to `mine` for the parent.
+    // Random changes to its own range and the shared one; its own read back exactly,
+    // shared ones whole.  `mine`: its final view, for the parent.
     int writer(int w, ko::Rec* mine) {
         int fd = nisopen(path_.c_str(), ISO_RDWR);
         if (fd < 0) return 10;
@@ -404,7 +373,6 @@ protected:
                 if ((!shared && rc != (had ? 0 : -1)) || (rc < 0 && is_errno != ISE_NOKEY)) return 22;
                 if (had) m = op < 62 ? r : ko::Rec{};
             } else {
-                // Whatever the others do meanwhile: own records exactly, shared ones whole.
                 const ko::Rec got = ko::find(fd, kW, id);
                 if (shared ? got.gen < -1 : !(got == m)) return 26;
             }
@@ -419,8 +387,7 @@ protected:
 TEST_F(ConcurrentRecords, WritersKeepTheirOwnRangesAndTheIndexesWhole) {
     using Owned = std::array<std::array<ko::Rec, kOwned>, kWriters>;
     Owned& owned = shared<Owned>();
-    // Two writers attach on their own, two inherit the parent's attachment through fork;
-    // all start at once.
+    // Two writers attach on their own, two inherit the parent's attachment.
     kt::Pipe go;
     std::vector<pid_t> pids;
     ASSERT_EQ(is_init(), 0);
@@ -436,8 +403,6 @@ TEST_F(ConcurrentRecords, WritersKeepTheirOwnRangesAndTheIndexesWhole) {
     ASSERT_EQ(nisunisam(), 0);
     ASSERT_FALSE(HasFailure());
 
-    // As a fresh process finds it: every record whole along every key, the owned ones
-    // exactly what their writers last stored.
     ko::Model want;
     for (int w = 0; w < kWriters; ++w)
         for (int i = 0; i < kOwned; ++i)
@@ -460,13 +425,9 @@ TEST_F(ConcurrentRecords, WritersKeepTheirOwnRangesAndTheIndexesWhole) {
 }
 
 // ---- key 0's leaf directory against a tree that other processes reshape ----------------
-
-// A reader keeps its leaf directory across rounds in which a writer process grows whole
-// runs of keys (splits), cuts them out again (merges, freed pages taken for other
-// runs), changes key 1 and adds and removes odd records.  After every round each read --
-// finds of keys there and gone, steps along key 0 from anywhere, a scan along key 1 --
-// must give exactly what a model of the file says, with most of key 0's searches going
-// through the directory and stale entries met and dropped on the way.
+//
+// Between rounds of another process's splits and merges, the reader's finds, steps and
+// scans agree with a model; most searches go through the directory, stale entries drop.
 constexpr int kDK0 = 8, kDK1 = 6;
 constexpr unsigned kDirIds = 6000;
 
@@ -494,7 +455,7 @@ protected:
         seed_ = kt::test_seed(0x1EAF00 + static_cast<uint64_t>(GetParam()));
     }
 
-    // Round r's changes, to the model and, with fd >= 0, to the file; 0 or a code.
+    // Round r's changes to the model and (fd >= 0) the file; 0 or a code.
     int round(int r, DirModel& m, int fd) {
         std::mt19937 rng(static_cast<unsigned>(seed_) * 31 + static_cast<unsigned>(r));
         auto put = [&](unsigned id) {
@@ -525,7 +486,6 @@ protected:
         return rc;
     }
 
-    // Everything the reader checks with its handle fd against the model m.
     void check(int fd, const DirModel& m, std::mt19937& rng) {
         char buf[256];
         auto same = [&](int n, unsigned id) {
@@ -558,7 +518,6 @@ protected:
                 if (!back) ++it;
             }
         }
-        // Along key 1: key 1, then key 0, rising.
         std::vector<std::pair<std::string, unsigned>> want;
         for (const auto& [id, gen] : m) want.emplace_back(dir_record(id, gen).substr(0, kDK0 + kDK1), id);
         std::sort(want.begin(), want.end(), [](const auto& a, const auto& b) {
@@ -587,8 +546,6 @@ TEST_P(LeafDirMp, AReaderKeepsRightWhileAnotherProcessReshapesTheTree) {
     const unsigned long hits0 = is_leafdir_hits, drops0 = is_leafdir_drops, nolock0 = is_nolock_reads;
     for (int r = 0; r < 24 && !HasFailure(); ++r) {
         SCOPED_TRACE("round " + std::to_string(r));
-        // The writer is a process of its own: its changes reach the reader as another
-        // process's do, through the pool and the file.
         ASSERT_EQ(kt::run_child([&] {
                       kt::become_unattached();
                       if (is_init() != 0) return 90;
@@ -615,8 +572,6 @@ TEST_P(LeafDirMp, AReaderKeepsRightWhileAnotherProcessReshapesTheTree) {
     EXPECT_TRUE(kt::sound(path_));
 }
 
-// A pool that holds the file, and one far smaller (slots taken for other pages, leaves
-// read from the file).
 INSTANTIATE_TEST_SUITE_P(Pools, LeafDirMp, ::testing::Values(2000, 40));
 
 }  // namespace

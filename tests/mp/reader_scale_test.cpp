@@ -1,9 +1,6 @@
-// Readers that scale: reads without the lock store nothing into the shared segment, be
-// their pages in the pool or past it (read in the file's mapping), so that reader
-// processes of one file never take a cache line from each other.  Two reader processes
-// read the same file at once, each with the whole segment made read-only for the
-// duration of its reads; a store into it faults, and the handler notes its offset and
-// lets it through.  What the readers got is checked too.
+// Reads without the lock store nothing into the shared segment, pages in the pool or
+// past it, so readers never take a cache line from each other: two readers each run
+// with the segment read-only, a fault handler noting every store.
 #include "kisam_test.h"
 
 #include "is_common.h"
@@ -36,8 +33,7 @@ std::string record(unsigned id) {
     return std::string(r, kLen);
 }
 
-// The stores a reader made into the segment while it was read-only: how many pages took
-// one, and the offsets of the first few.
+// A reader's stores into the read-only segment: pages hit, first offsets.
 struct Stores {
     static constexpr int kNoted = 8;
     int pages = 0;
@@ -53,7 +49,6 @@ void on_store(int, siginfo_t* si, void*) {
     if (a < seg_lo || a >= seg_hi) ::_exit(90);  // a fault of anything else
     if (noted->pages < Stores::kNoted) noted->offset[noted->pages] = static_cast<long>(a - seg_lo);
     ++noted->pages;
-    // Let this one through, and whatever else lands on its page.
     const long pg = ::sysconf(_SC_PAGESIZE);
     ::mprotect(reinterpret_cast<void*>(a & ~static_cast<uintptr_t>(pg - 1)), static_cast<size_t>(pg),
                PROT_READ | PROT_WRITE);
@@ -63,8 +58,8 @@ class ReaderScale : public kt::Env {
 protected:
     void SetUp() override {}  // each test starts the installation it needs
 
-    // One reader: its own attachment and handle; a first pass loads what it keeps of its
-    // own (page index, leaf directory), then, after `go`, the pass that is watched.
+    // A first pass loads its own state (page index, leaf directory); after `go`, the
+    // watched pass.
     int reader(int r, kt::Pipe& ready, kt::Pipe& go, Stores* st) {
         go.close_write();
         kt::become_unattached();
@@ -93,8 +88,7 @@ protected:
         sa.sa_flags = SA_SIGINFO;
         sigemptyset(&sa.sa_mask);
         if (::sigaction(SIGSEGV, &sa, nullptr) != 0) return 15;
-        // The pages found so far are counted into the shared hit count now: the watched
-        // pass stays below the batch that would add them again.
+        // Flush the batched hit count now, so the watched pass adds none.
         v_peek_fold();
         ready.signal();
         go.wait();
@@ -105,7 +99,6 @@ protected:
         int rc = 0, calls = 0;
         for (; calls < 500 && rc == 0; ++calls)
             if (!find(rng() % kIds)) rc = 17;
-        // Steps along key 1 from its start, and on from a find.
         if (kisam_rewind(fd, 1) != 0) rc = 18;
         for (int i = 0; i < 150 && rc == 0; ++i, ++calls)
             if (nisread(fd, 1, buf, kLen) != kLen) rc = 19;
@@ -116,15 +109,13 @@ protected:
             if (nisread(fd, 1, buf, kLen) < 0) rc = 21;
         ::mprotect(reinterpret_cast<void*>(seg_lo), seg_hi - seg_lo, PROT_READ | PROT_WRITE);
         st->file_reads = v_file_reads - file_before;
-        // Every read went without the lock.
         if (rc == 0 && is_nolock_reads - before != static_cast<unsigned long>(calls)) rc = 22;
         nisclose(fd);
         nisunisam();
         return rc;
     }
 
-    // A file of kIds records written by this process, which keeps it open, in a pool of
-    // maxbuf slots; two readers at once, each noting its stores into the segment.
+    // kIds records kept open here, in a pool of maxbuf slots; two watched readers.
     void two_readers(int16_t maxbuf, bool past_the_pool) {
         kt::Config c;
         c.maxbuf = maxbuf;
@@ -137,7 +128,6 @@ protected:
         for (unsigned i = 0; i < kIds; ++i) ids[i] = i;
         std::shuffle(ids.begin(), ids.end(), std::mt19937(3));
         for (unsigned id : ids) ASSERT_EQ(niswrite(fd, record(id).data(), kLen), 0);
-        // The file stays open here: its pages stay in the pool, as many as it holds.
 
         struct Shared {
             Stores st[2];
