@@ -16,7 +16,6 @@
 #include <fstream>
 #include <functional>
 #include <string>
-#include <sys/shm.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -191,21 +190,6 @@ TEST_F(Open, HandlesShareOneSlot) {
     EXPECT_EQ(is_errno, ISE_BADFD);
     EXPECT_EQ(n_ufiles, 0);
     EXPECT_EQ(isallclose(), 0);
-}
-
-TEST_F(Open, OpenAttachesOnItsOwnAndUnisamDetaches) {
-    int fd = create("f", {4});
-    ASSERT_GE(fd, 0);
-    int keylens[1];
-    EXPECT_EQ(nisstat(fd, 1, keylens), 1);
-    key_t key = inst_->key();
-    EXPECT_EQ(nisunisam(), 0);
-    EXPECT_EQ(ZTKISAMGetComAddr(), nullptr);
-    EXPECT_LT(::shmget(key, 0, 0), 0) << "the last process to leave removes the segment";
-    EXPECT_EQ(nisunisam(), 0);
-    fd = nisopen(path("f").c_str(), ISO_RDWR);
-    EXPECT_GE(fd, 0);
-    EXPECT_EQ(nisstat(fd, 1, keylens), 1);
 }
 
 }  // namespace
