@@ -1,12 +1,14 @@
-// B-tree page images, the warm descent, the checker on each kind of damage.
+// B-tree page images, the search against a scan, the checker on each kind of damage.
 #include "bt_fixture.h"
 
 #include "bt.h"
+#include "bt_key.h"
 #include "kcheck.h"
 #include "v_pool.h"
 
 #include <algorithm>
 #include <functional>
+#include <iterator>
 #include <random>
 #include <set>
 #include <string>
@@ -170,6 +172,71 @@ TEST(BtWarm, TheLeafBecomesTheHintAndAWrongOneIsNotTaken) {
             EXPECT_EQ(bt_search(k, f.root(k), 5, it.data(), 0), 1) << "key " << k << " item " << v;
         }
     f.end();
+}
+
+// Bisection stops where a scan stops, for every mode, with duplicate key parts; a pad
+// byte another writer left non-zero compares as zero.  KISAM_SEED replays a run.
+TEST(BtScan, BisectionStopsWhereTheScanStops) {
+    const uint64_t seed = kt::test_seed(0xB15EC7);
+    std::mt19937_64 rng(seed);
+    SCOPED_TRACE("KISAM_SEED=" + std::to_string(seed));
+    for (int keylen : {1, 3, 4, 7}) {
+        IS_KEY k{};
+        k.k_keylen = static_cast<int16_t>(keylen);
+        k.k_offset = static_cast<int16_t>((keylen + 1) & ~1);
+        k.k_itemlen = static_cast<int16_t>(k.k_offset + 2);
+        k.k_ncomp = static_cast<int16_t>(k.k_offset + 2);
+        k.k_order = static_cast<int16_t>(bt_order(k.k_itemlen, 1024));
+        const int len = k.k_itemlen, inc = len + 4;
+        for (int round = 0; round < 300; ++round) {
+            std::set<std::string> items;
+            const int n = static_cast<int>(rng() % (k.k_order + 1));
+            while (static_cast<int>(items.size()) < n) {
+                std::string it(static_cast<size_t>(len), '\0');
+                for (char& c : it) c = static_cast<char>("\x01\x02\x7E\x7F\x80\x81\xFE\xFF"[rng() % 8]);
+                if (k.k_offset > keylen) it[keylen] = 0;
+                items.insert(it);
+            }
+            IS_DATA page{};
+            page.bt.bt_nitems = static_cast<int16_t>(n);
+            int i = 0;
+            for (const std::string& it : items) {
+                char* x = page.c + kisam::bt_item_off(i++, inc);
+                std::memcpy(x, it.data(), it.size());
+                if (k.k_offset > keylen && rng() % 2) x[keylen] = static_cast<char>(0x5A);
+            }
+            std::string key(static_cast<size_t>(len), '\0');
+            if (n > 0 && rng() % 2) {
+                key = *std::next(items.begin(), static_cast<long>(rng() % n));
+            } else {
+                for (char& c : key) c = static_cast<char>("\x00\x01\x7F\x80\xFF"[rng() % 5]);
+            }
+            if (k.k_offset > keylen) key[keylen] = 0;
+            for (int flag : {0, 1, 2, 3, 5}) {
+                const int ncomp = flag == 5 ? keylen : k.k_ncomp;
+                IS_DATA ref = page;
+                int want = -1;
+                for (int j = 0; j < n; ++j) {
+                    const int at = flag & 2 ? n - 1 - j : j;
+                    char* x = ref.c + kisam::bt_item_off(at, inc);
+                    kisam::bt_zero_pad(x, &k);
+                    if (!is_more(reinterpret_cast<const CmpType*>(key.data()),
+                                 reinterpret_cast<const CmpType*>(x), ncomp, flag)) {
+                        want = at;
+                        break;
+                    }
+                }
+                IS_DATA d = page;
+                const int got = kisam::bt_scan(&d, &k, key.data(), ncomp, flag);
+                ASSERT_EQ(got, want) << "keylen " << keylen << " n " << n << " flag " << flag;
+                if (got >= 0) {
+                    EXPECT_EQ(std::memcmp(d.c + kisam::bt_item_off(got, inc),
+                                          ref.c + kisam::bt_item_off(got, inc), static_cast<size_t>(len)), 0)
+                        << "the item found carries a zero pad byte";
+                }
+            }
+        }
+    }
 }
 
 // The checker: each damage patched on disk is the first violation reported.
