@@ -1,5 +1,4 @@
-// The calls of the interface within one process: open and close, the call frame and its
-// error reports, and damage met by a call.
+// The interface in one process: open and close, the call frame, error reports, damage.
 #include "open_fixture.h"
 #include "fcp.h"
 #include "is_error.h"
@@ -17,7 +16,6 @@
 #include <fstream>
 #include <functional>
 #include <string>
-#include <sys/shm.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -26,10 +24,6 @@ using ot::read_head;
 using ot::stack_code;
 
 namespace {
-
-// Open and close within one process: old control pages (their conversion, and their
-// open), the data-changed mark, the sharing of one slot by several handles, the levels
-// of close, and a create that fails at any system call.
 
 class Open : public Env {};
 
@@ -54,8 +48,7 @@ const unsigned char* hints() {
     return h;
 }
 
-// An old-layout control page of n keys (key i: key_n(i)) at d, built byte by byte; the
-// ten free-space hints follow the key table.
+// An old-layout control page of n keys, built byte by byte.
 void old_page(char* d, uint16_t magic, int n) {
     put<uint16_t>(d, 0, magic);
     put<int16_t>(d, 2, static_cast<int16_t>(n));
@@ -76,17 +69,15 @@ void old_page(char* d, uint16_t magic, int n) {
     std::memcpy(d + 34 + 16 * n, hints(), 40);
 }
 
-// The old layout converted in place, for every key count (the key table moves over
-// itself from six keys on) and both control-page sizes; and such a page opened reaches
-// the shared control page converted, whatever use count it carries.
+// Converted in place for every key count (the table overlaps itself from six keys on)
+// and both page sizes; opened, it reaches the shared control page converted.
 TEST_F(Open, OldControlPagesAreConverted) {
     constexpr int kJd = IS_FCP_JDSIZE;
     ASSERT_EQ(is_init(), 0);
     for (uint16_t magic : {ISMAGIC_OLD512, ISMAGIC_OLD1024})
         for (int n = 0; n <= KISAM_MAXKEYS; ++n) {
             SCOPED_TRACE(std::to_string(magic) + ", keys " + std::to_string(n));
-            // Identity area + 512 bytes at an odd address: pages arrive in read buffers
-            // of any alignment.
+            // At an odd address: read buffers have any alignment.
             std::vector<char> store(kJd + kisam::kFcpImage + 1, 0);
             char* scratch = store.data() + 1;
             char* d = scratch + kJd;
@@ -117,7 +108,6 @@ TEST_F(Open, OldControlPagesAreConverted) {
             for (int i = 0; i < kJd; ++i) EXPECT_EQ(static_cast<unsigned char>(scratch[i]), 0x5A);
             if (n != 6) continue;
 
-            // Opened: the fields arrive in the shared control page.
             int fd = nisopen(path("old").c_str(), ISO_RDWR);
             ASSERT_GE(fd, 0) << is_errno;
             IS_FCP* f = ot::shared_fcp(fd);
@@ -142,7 +132,6 @@ TEST_F(Open, DataChangedMark) {
     EXPECT_EQ(ot::shared_fcp(fd)->is_optbits & (ISO_TRACK | ISO_SYNC | ISO_CLEARREL), ISO_TRACK);
     ASSERT_EQ(nisclose(fd), 0);
 
-    // A file left with its mark set is refused unless the caller accepts it.
     unsigned char ob = ISO_KEYOPT | ISO_DIRTYMARK;
     ot::write_bytes(path("f"), &ob, 1, 88);
     EXPECT_EQ(nisopen(path("f").c_str(), ISO_RDWR), -1);
@@ -157,7 +146,6 @@ TEST_F(Open, DataChangedMark) {
     ASSERT_GE(fd, 0);
     EXPECT_FALSE(ot::shared_fcp(fd)->is_optbits & ISO_TRACK) << "no tracking when not verified";
 
-    // The close of a read-write handle marks the file clean.
     ASSERT_EQ(nisclose(fd), 0);
     EXPECT_EQ(read_head(path("f"))[88] & ISO_DIRTYMARK, 0);
     fd = nisopen(path("f").c_str(), ISO_RDWR);
@@ -204,27 +192,10 @@ TEST_F(Open, HandlesShareOneSlot) {
     EXPECT_EQ(isallclose(), 0);
 }
 
-TEST_F(Open, OpenAttachesOnItsOwnAndUnisamDetaches) {
-    int fd = create("f", {4});
-    ASSERT_GE(fd, 0);
-    int keylens[1];
-    EXPECT_EQ(nisstat(fd, 1, keylens), 1);
-    key_t key = inst_->key();
-    EXPECT_EQ(nisunisam(), 0);
-    EXPECT_EQ(ZTKISAMGetComAddr(), nullptr);
-    EXPECT_LT(::shmget(key, 0, 0), 0) << "the last process to leave removes the segment";
-    EXPECT_EQ(nisunisam(), 0);
-    fd = nisopen(path("f").c_str(), ISO_RDWR);
-    EXPECT_GE(fd, 0);
-    EXPECT_EQ(nisstat(fd, 1, keylens), 1);
-}
-
 }  // namespace
 
-// A create that fails at any system call leaves nothing new behind: every call that
-// niscreate makes through the OS layer (opens, writes, reads, status queries, the
-// rename) fails in turn.  On a new name no file stays; over an existing file the file
-// stays byte for byte as it was.  A create that succeeds made a sound empty file.
+// A create failing at each of its system calls in turn leaves nothing new behind, and an
+// existing file byte for byte as it was.
 namespace create_sweep {
 
 int at = 0, calls = 0;   // the call to fail (0: none), calls so far
@@ -243,8 +214,7 @@ ssize_t f_pwrite(int fd, const void* b, size_t n, off_t o) {
 int f_fstat(int fd, struct stat* st) { return fails("fstat") ? -1 : kisam::os_real.fstat(fd, st); }
 int f_rename(const char* a, const char* b) { return fails("rename") ? -1 : kisam::os_real.rename(a, b); }
 
-// The directory's names, but for the installation's redo logs ("<lock file>.w<n>"): they
-// belong to the installation, not to a create.
+// The directory's names but the installation's redo logs.
 std::vector<std::string> listing(const std::string& dir) {
     std::vector<std::string> names;
     if (DIR* d = ::opendir(dir.c_str())) {
@@ -263,7 +233,6 @@ TEST_F(Open, ACreateThatFailsLeavesNothingNewBehind) {
     const int lens[3] = {8, 12, 4};
     const std::string f = path("made");
     const std::string dir = inst_->dir();
-    // niscreate with the nth call failing (0: none); its result.
     auto create = [&](int n) {
         cs::calls = 0;
         cs::at = n;
@@ -291,7 +260,6 @@ TEST_F(Open, ACreateThatFailsLeavesNothingNewBehind) {
             ASSERT_EQ(nisclose(fd), 0);
             old = kt::slurp(f);
         }
-        // Puts the name back as it was before the create.
         auto restore = [&] {
             nisunisam();   // each create attaches afresh: start-up's calls fail in turn too
             ::unlink(f.c_str());
@@ -321,7 +289,6 @@ TEST_F(Open, ACreateThatFailsLeavesNothingNewBehind) {
                          std::to_string(n) + " of " + std::to_string(total));
             fd = create(n);
             if (fd >= 0) {
-                // The fault fell on a call whose failure the create rode out.
                 std::printf("[ sweep    ] call %d (%s) failed, the create went on\n", n, cs::what);
                 ASSERT_EQ(nisclose(fd), 0);
                 kisam::check::Report rep = kisam::check::check_file(f);
@@ -342,14 +309,11 @@ TEST_F(Open, ACreateThatFailsLeavesNothingNewBehind) {
     }
 }
 
-// The call frame: descriptor and key-number refusals, the repair of a call that never
-// left, and the error reports a failed call leaves.
 namespace {
 
 class Frame : public Env {};
 
-// A bad descriptor (out of range, or no handle) and a bad key number: -1, the code, one
-// stack entry naming the call, and the call left (Iscurfun negative).
+// -1, the code, one stack entry naming the call, and the call left.
 TEST_F(Frame, BadDescriptorsAndKeyNumbersAreRefused) {
     int lens[2] = {4, 6};
     int keylens[4];
@@ -387,7 +351,6 @@ TEST_F(Frame, BadDescriptorsAndKeyNumbersAreRefused) {
         EXPECT_EQ(ot::stack_depth(), 1);
         EXPECT_EQ(Iscurfun, -calls[i].code);
     }
-    // A descriptor whose handle was freed by a close.
     ASSERT_EQ(nisclose(fd), 0);
     EXPECT_EQ(is_db[fd], nullptr);
     EXPECT_EQ(nisstat(fd, 4, keylens), -1);
@@ -399,8 +362,7 @@ TEST_F(Frame, AbandonedCallIsRepairedByTheNextCall) {
     ASSERT_GE(fd, 0);
     EXPECT_EQ(Iscurfun, -0x3800) << "create leaves through the open it ends with";
 
-    // An operation that stops half-way, holding opcl_lock, the control lock and
-    // free_lock, and never reaches its exit.
+    // An operation that stops half-way holding three locks.
     ASSERT_EQ(is_isin(0x3B00, fd, 0), 0);
     ASSERT_EQ(is_lock(&isam_com->opcl_lock), 0);
     ASSERT_EQ(is_getctl(), 0);
@@ -416,8 +378,7 @@ TEST_F(Frame, AbandonedCallIsRepairedByTheNextCall) {
     EXPECT_EQ(ot::shared_fcp(fd)->jd_fcplock, 0u);
     EXPECT_EQ(ot::pfi_of(fd)->pfi_ctlcnt, 0);
 
-    // The ranges and the control lock's word are free too: another process gets all
-    // three without waiting.
+    // Another process gets all three without waiting.
     unsigned long offs[] = {kisam::com_offset(&isam_com->opcl_lock),
                             kisam::com_offset(&isam_com->free_lock)};
     unsigned* ctl = &ot::shared_fcp(fd)->jd_fcplock;
@@ -432,7 +393,6 @@ TEST_F(Frame, AbandonedCallIsRepairedByTheNextCall) {
     EXPECT_EQ(nisclose(fd), 0);
 }
 
-// Error reports: the texts of niserrmsgget and niserrmsg in each form.
 TEST(ErrorReport, OneLineFormInEachCase) {
     char buf[1100];
     is_errno = 0;
@@ -476,17 +436,11 @@ TEST(ErrorReport, FullReportOnStandardError) {
               "    called from proc. #127 - 3\r\n");
 }
 
-// Damage found in a file's pages always has a name: every call that meets it returns -1
-// with ISE_BTS and a stack that starts where the damage was found and names each layer
-// on the way out.
-
 constexpr int kKeyLen = 8;
 
 class Damage : public Env {
 public:
-    // A file with one key: a short record (one segment of a shared page) and a long one
-    // (an overflow page and a tail), written, closed everywhere and reopened only after
-    // the damage, so that nothing of it is cached.
+    // A short record and a long one, closed so that nothing is cached when damaged.
     void SetUp() override {
         Env::SetUp();
         file_ = path("dmg");
@@ -526,9 +480,8 @@ struct Case {
     int where;               // procedure code at the bottom of the stack
 };
 
-// Each case damages one record; reading it, deleting it and replacing it must each fail
-// with ISE_BTS, the damage at the bottom of the stack and the operation's own entry
-// above it.
+// Reading, deleting and replacing a damaged record fail with ISE_BTS, the damage at the
+// bottom of the stack and the call's own entry above it: no entry of an earlier failure.
 TEST_F(Damage, EveryOperationThatMeetsItFailsWithTheDamagedCode) {
     const Case cases[] = {
         {"segment runs off its page",
@@ -555,47 +508,24 @@ TEST_F(Damage, EveryOperationThatMeetsItFailsWithTheDamagedCode) {
             ASSERT_GE(fd, 0);
             const std::string& rec = c.long_record ? long_ : short_;
             std::vector<char> buf(4096);
-            is_errno = 0;
-            is_etop = nullptr;
+            EXPECT_EQ(nisread(fd, 7, buf.data(), 10), -1);   // the earlier failure
             const int n = static_cast<int>(op == 0 ? buf.size() : rec.size());
             EXPECT_EQ(op == 0 ? nisfind(fd, 0, rec.data(), buf.data(), n) : op == 1 ? nisdelete(fd, rec.data())
                                                                                    : nisupdate(fd, rec.data(), n),
                       -1);
             EXPECT_EQ(is_errno, ISE_BTS);
-            // A change meets the damage while it releases the record (0x15xx), above it
-            // the call's own entry.
+            // A change meets it while releasing the record (0x15xx).
             const int where = op != 0 && c.where >> 8 == 0x11 ? (0x15 << 8) | (c.where & 0xFF) : c.where;
             EXPECT_EQ(kt::error_stack(), (std::vector<int>{where, op == 0 ? 0x2302 : 0x2105}));
             char msg[200];
             niserrmsgget(msg, sizeof msg);
             EXPECT_NE(std::string(msg).find("ISE_BTS"), std::string::npos) << msg;
-            // The sound record still reads.
             const std::string& other = c.long_record ? short_ : long_;
             EXPECT_EQ(nisfind(fd, 0, other.data(), buf.data(), static_cast<int>(buf.size())),
                       static_cast<int>(other.size()));
             EXPECT_EQ(nisclose(fd), 0);
         }
     }
-}
-
-// Scanning the whole file in key order stops at the damaged record with the same name,
-// and the stack is whole: a stale entry from an earlier failure is never left at its
-// bottom.
-TEST_F(Damage, ScanStopsWithAWholeStack) {
-    poke16(short_addr_, 0x8000 | 0x3FF);
-    int fd = nisopen(file_.c_str(), ISO_RDONLY);
-    ASSERT_GE(fd, 0);
-    std::vector<char> buf(4096);
-    // An earlier, unrelated failure.
-    EXPECT_EQ(nisread(fd, 7, buf.data(), 10), -1);
-    EXPECT_EQ(is_errno, ISE_BADKN);
-    EXPECT_EQ(nisread(fd, 0, buf.data(), static_cast<int>(buf.size())), -1);
-    EXPECT_EQ(is_errno, ISE_BTS);
-    EXPECT_EQ(kt::error_stack(), (std::vector<int>{0x1103, 0x2302}));
-    EXPECT_EQ(nisseek(fd, 0, "99999999"), 0);
-    EXPECT_EQ(nispread(fd, 0, buf.data(), static_cast<int>(buf.size())), static_cast<int>(long_.size()))
-        << "the other record is read from the other end";
-    EXPECT_EQ(nisclose(fd), 0);
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// The shared area: start-up and its refusals, the configuration record kisam_config_write
-// writes, the segment's layout and its heap.
+// The shared area: start-up, kisam_config_write, the segment's layout and heap.
 #include "open_fixture.h"
 #include "is_common.h"
 #include "is_heap.h"
@@ -25,21 +24,18 @@ using ot::stack_code;
 
 namespace {
 
-// Start-up refusals: unusable or missing configuration, and a segment of another version.
-
 class IsInit : public Env {
 protected:
     void SetUp() override {}
 };
 
-// The largest tables that still lay out: as many files as a buffer tag can name.
+// The largest tables that still lay out.
 void largest(kt::Config& c) {
     c.maxopen = 16383; c.maxbuf = 4; c.maxusers = 2;
     c.avgalts = 0; c.alenlock = 0; c.anumlock = 0;
 }
 
-// Configurations that are missing, cut short or would lay the segment out wrongly are
-// refused before any segment exists, each with its own detail.
+// Refused before any segment exists, each with its own detail.
 TEST_F(IsInit, RefusesUnusableConfigurations) {
     struct Case {
         const char* what;
@@ -51,14 +47,12 @@ TEST_F(IsInit, RefusesUnusableConfigurations) {
         {"empty", [](kt::Config& c) { c.length = 0; }, 2},
         {"heap too large", [](kt::Config& c) { c.maxopen = c.alenlock = c.anumlock = 32000; }, 7},
         {"no buffers", [](kt::Config& c) { c.maxbuf = 0; }, 10},
-        // A heap estimate below the tables (8 buffers, one file, one user end at 8488).
         {"heap below the tables", [](kt::Config& c) {
              c.maxbuf = 8; c.maxopen = 1; c.maxusers = 1;
              c.avgalts = -100; c.alenlock = 0; c.anumlock = -100;
          }, 10},
         {"heap estimate below zero", [](kt::Config& c) { c.avgalts = -32768; }, 10},
-        // The segment rounded up to 8192 bytes leaves a heap of 40 bytes: no room for
-        // its anchor, the unused unit and one block.
+        // Rounded up to 8192 bytes: a heap of 40 bytes, too small for one block.
         {"heap of 40 bytes", [](kt::Config& c) {
              c.maxbuf = 7; c.maxopen = 1; c.maxusers = 89;
              c.avgalts = -98; c.alenlock = 0; c.anumlock = 0;
@@ -104,9 +98,7 @@ TEST_F(IsInit, ForeignSegmentsAreRefused) {
     isam_com->iscom_magicval = ISCOM_MAGIC;
 }
 
-// A segment made by a library that keeps no extension area is refused with detail 14,
-// whether it is just large enough for the documented regions or large enough for the
-// area but without one laid out; nothing of it is changed.
+// A segment without our extension area is refused (detail 14) and left unchanged.
 TEST_F(IsInit, SegmentsWithoutTheExtensionAreaAreRefused) {
     kt::Config c;
     start(c);
@@ -120,7 +112,6 @@ TEST_F(IsInit, SegmentsWithoutTheExtensionAreaAreRefused) {
         ASSERT_GE(id, 0);
         char* p = static_cast<char*>(::shmat(id, nullptr, 0));
         ASSERT_NE(p, reinterpret_cast<char*>(-1));
-        // The documented regions as another library lays them out; the area left zero.
         isam_com = reinterpret_cast<struct isam_com*>(p);
         is_comlayout(&conf);
         is_heaplayout(&conf);
@@ -136,10 +127,7 @@ TEST_F(IsInit, SegmentsWithoutTheExtensionAreaAreRefused) {
     }
 }
 
-// A configuration enlarged while a program still holds the segment of the old size: the
-// system's own refusal (shmget's EINVAL, detail 4), and a line that names the old
-// segment and how to remove it -- not the refusal of a foreign segment, which this
-// library made.  Once the old segment is gone the larger configuration starts.
+// Enlarged while the old segment is held: detail 4 and a line naming the old segment.
 TEST_F(IsInit, AnEnlargedConfigurationNamesTheOldSegment) {
     kt::Config c;
     start(c);
@@ -149,7 +137,6 @@ TEST_F(IsInit, AnEnlargedConfigurationNamesTheOldSegment) {
     kt::Config bigger = c;
     bigger.maxbuf = static_cast<int16_t>(c.maxbuf * 4);
     kt::write_config(inst_->config_path(), bigger);
-    // In a process that has not attached: its message goes to the parent on stdout.
     int st = -1;
     const std::string out = kt::capture_output(1, [&] {
         st = kt::run_child([] {
@@ -173,10 +160,6 @@ TEST_F(IsInit, AnEnlargedConfigurationNamesTheOldSegment) {
     EXPECT_EQ(isam_com->maxbufs, bigger.maxbuf);
 }
 
-// kisam_config_write: the record it writes is the one start-up lays out, bad settings
-// are refused with nothing written, an existing installation is replaced only when
-// asked.
-
 bool exists(const std::string& p) { return ::access(p.c_str(), F_OK) == 0; }
 ino_t inode(const std::string& p) {
     struct stat st{};
@@ -185,7 +168,6 @@ ino_t inode(const std::string& p) {
 
 class ConfigWrite : public Env {
 protected:
-    // The installation's own configuration goes; the tests write theirs in its place.
     void SetUp() override {
         start();
         cfg_ = inst_->config_path();
@@ -195,8 +177,7 @@ protected:
     std::string cfg_;
 };
 
-// The record written, for the defaults (null settings) and for settings of every field,
-// is the one start-up lays out, computed fields included; start-up then takes it.
+// The record written, defaults and every field set, is the one start-up lays out.
 TEST_F(ConfigWrite, WritesTheRecordStartUpLaysOut) {
     kisam_settings s = KISAM_SETTINGS_DEFAULT;
     s.files = 12;
@@ -286,8 +267,7 @@ TEST_F(ConfigWrite, RefusesBadSettingsWritingNothing) {
     EXPECT_FALSE(exists(cfg_));
 }
 
-// A write that fails leaves no file; a new installation's files get the mode asked; an
-// existing one is replaced only when asked, keeping its lock file (and so its key).
+// A failed write leaves no file; replacing keeps the lock file (and so the key).
 TEST_F(ConfigWrite, FailsWithoutATraceAndReplacesOnlyWhenAsked) {
     {
         kt::Faults f;
@@ -327,15 +307,11 @@ TEST_F(ConfigWrite, FailsWithoutATraceAndReplacesOnlyWhenAsked) {
     EXPECT_EQ(inode(cfg_ + ".lk"), lk) << "the lock file (and so the installation's key) is kept";
 }
 
-// The common segment as start-up lays it out, and its heap: the worked example, and a
-// randomized run checked against a model of the blocks handed out.
-
 const Cheader* hdr(RELt off) { return reinterpret_cast<const Cheader*>(is_env.heap_ + off); }
 // By value: Csize is only 4-aligned in the heap, so no reference may bind to it.
 uint64_t units(RELt off) { return hdr(off)->Csize; }
 RELt off_of(const char* p) { return static_cast<RELt>(p - is_env.heap_); }
 
-// Free blocks other than the anchor, in list order.
 std::vector<std::pair<RELt, uint64_t>> free_blocks() {
     std::vector<std::pair<RELt, uint64_t>> out;
     for (RELt off = hdr(0)->Cnext; off != 0 && out.size() < 100000; off = hdr(off)->Cnext)
@@ -358,10 +334,7 @@ protected:
 
 }  // namespace
 
-// The worked example: a configuration laid out as start-up lays it out (sizes, region
-// offsets, the tables' initial links), whose heap is 3796 bytes: one free block of 235
-// units, cut from the tail and merged back.  (Exhaustion and whole-block use are the
-// random run's.)
+// The worked example: region offsets, initial links, one block cut from the tail.
 TEST_F(Heap, WorkedExample) {
     kt::Config c;
     c.maxbuf = 4; c.maxopen = 10; c.maxusers = 5; c.avgalts = 2; c.alenlock = 10; c.anumlock = 4;
@@ -388,10 +361,8 @@ TEST_F(Heap, WorkedExample) {
     EXPECT_EQ(hdr(32)->Cnext, 0u);
 }
 
-// Random allocations and frees against a model: blocks handed out are zeroed, never
-// overlap each other or the free list and together tile the heap; the list stays ordered
-// and merged; a refused request fits no free block; freeing everything restores the
-// single initial block.
+// Blocks are zeroed and tile the heap with the free list, which stays ordered and merged;
+// a refused request fits no free block.
 TEST_F(Heap, RandomizedAgainstModel) {
     attach(kt::Config());
     const uint64_t seed = kt::test_seed(20240611);

@@ -1,5 +1,4 @@
-// A B-tree file in a private installation, worked on through the real frame and control
-// lock, and raw access to its pages on disk.
+// A B-tree file in a private installation, and its pages on disk.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -46,7 +45,6 @@ public:
         ASSERT_EQ(is_getctl(), 0);
         in_ = true;
     }
-    // Gives the lock back with the file written back: tests look at its pages on disk.
     void end() {
         in_ = false;
         EXPECT_EQ(kt::write_back(), 0);
@@ -83,7 +81,6 @@ private:
     bool in_ = false;
 };
 
-// Page accessors for tests (L = item length).
 inline int16_t nitems(const IS_DATA& d) { return d.bt.bt_nitems; }
 inline PAGE ptr_at(const IS_DATA& d, int i, int len) {
     return kisam::load_at<PAGE>(d.c + 4 + i * (len + 4));

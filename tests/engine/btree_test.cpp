@@ -1,7 +1,4 @@
-// B-tree: exact page images of inserts, splits, merges and given-back pages; the search
-// against a scan; the structural checker finding each kind of damage.  (The trees against
-// an ordered model, with index pages of 2 to 5 items: the record model in records_test.)
-// KISAM_SEED replays a randomized run.
+// B-tree page images, the search against a scan, the checker on each kind of damage.
 #include "bt_fixture.h"
 
 #include "bt.h"
@@ -27,7 +24,7 @@ namespace {
 constexpr PAGE kNone = KISAM_NOPAGE;
 constexpr int kTreesAndFree = kc::CHECK_TREES | kc::CHECK_FREE;
 
-// Item of a key 0 of length 240 (item 244 bytes, order 4): v in the first two bytes, then filler.
+// Item of a 240-byte key 0 (order 4): v in the first two bytes.
 constexpr int kLen4 = 244;
 std::string item4(int v) {
     std::string s(kLen4, 'k');
@@ -43,7 +40,6 @@ std::string keys_of(const IS_DATA& d) {
     return r;
 }
 
-// Inserts the items lo .. hi under the caller's lock.
 void insert_all(BtFile& f, int lo, int hi) {
     for (int v = lo; v <= hi; ++v) {
         std::string it = item4(v);
@@ -53,9 +49,8 @@ void insert_all(BtFile& f, int lo, int hi) {
 
 }  // namespace
 
-// An even split and a new root, then a merge that collapses the root: the pages it
-// gives back form the free chain on disk, last freed first, and are taken again in
-// that order before the file grows.
+// A split and a root collapse: the pages given back form the free chain, last freed
+// first, and are taken again in that order before the file grows.
 TEST(BtPages, SplitMergeAndTheFreeChain) {
     BtFile f(512, {240});
     ASSERT_TRUE(f.ok());
@@ -109,17 +104,13 @@ TEST(BtPages, SplitMergeAndTheFreeChain) {
     EXPECT_TRUE(rep.free_chain.empty());
 }
 
-// The descent of several trees at once before a write's inserts: it leaves each tree's
-// cursor on the leaf where the item belongs, and the insert that follows tries that hint
-// first but takes it only when the item lies strictly inside the page.  A warm towards
-// one item followed by the insert of another (the hint a leaf where that item does not
-// belong) still puts every item where it belongs, and the warm itself changes no page.
+// A warm leaves each cursor on the item's leaf; the insert takes that hint only when the
+// item lies strictly inside the page, and the warm changes no page.
 TEST(BtWarm, TheLeafBecomesTheHintAndAWrongOneIsNotTaken) {
     BtFile f(512, {120, 120});
     ASSERT_TRUE(f.ok());
     f.begin();
-    // Key 0's item: its value (v in the first two bytes) and an address; key 1's: its
-    // value and key 0's.  Orders 7 and 4: trees of three levels from some 30 items.
+    // Orders 7 and 4: three levels from some 30 items.
     auto item = [&](int k, int v) {
         std::string s(static_cast<size_t>(f.key(k)->k_itemlen), 'k');
         for (size_t at : {size_t{0}, size_t{120}}) {
@@ -131,7 +122,6 @@ TEST(BtWarm, TheLeafBecomesTheHintAndAWrongOneIsNotTaken) {
         return s;
     };
     ASSERT_EQ(f.key(1)->k_order, 4);
-    // Odd values only, so that every even one lies inside some leaf.
     for (int v = 1; v <= 61; v += 2)
         for (int k = 0; k < 2; ++k) {
             std::string it = item(k, v);
@@ -146,7 +136,6 @@ TEST(BtWarm, TheLeafBecomesTheHintAndAWrongOneIsNotTaken) {
     for (int round = 0; round < 30 && in.size() < 60; ++round) {
         int v = 2 + 2 * static_cast<int>(rng() % 30);
         while (in.count(v)) v = v % 60 + 2;
-        // The warm towards `v` reaches the leaf of v's neighbours, and reads only.
         const std::string w0 = item(0, v), w1 = item(1, v);
         const char* items[2] = {w0.data(), w1.data()};
         const IS_DATA before = f.disk_page(f.root(1));
@@ -161,8 +150,7 @@ TEST(BtWarm, TheLeafBecomesTheHintAndAWrongOneIsNotTaken) {
             v_unsafe(leaf, d->c);
         }
         EXPECT_EQ(std::memcmp(before.c, f.disk_page(f.root(1)).c, sizeof before.c), 0);
-        // Key 1 gets the item it was warmed for; key 0 one far from it, whose leaf the hint
-        // is not (or is, when both fall in one leaf: then it is right to take it).
+        // Key 0 gets an item far from the one it was warmed for.
         int w = v <= 30 ? v + 30 : v - 30;
         while (in.count(w) || w == v) w = w % 60 + 2;
         std::string a = item(0, w), b = item(1, v);
@@ -170,7 +158,6 @@ TEST(BtWarm, TheLeafBecomesTheHintAndAWrongOneIsNotTaken) {
         ASSERT_EQ(f.insert(1, b), 0) << v;
         in.insert(v);
         in.insert(w);
-        // Key 0 now also gets v and key 1 w, without a warm: both keys hold the same set.
         std::string c = item(0, v), e = item(1, w);
         ASSERT_EQ(f.insert(0, c), 0) << v;
         ASSERT_EQ(f.insert(1, e), 0) << w;
@@ -179,7 +166,6 @@ TEST(BtWarm, TheLeafBecomesTheHintAndAWrongOneIsNotTaken) {
     kc::Report rep = kc::check_file(f.path(), kTreesAndFree);
     ASSERT_TRUE(rep.ok) << rep.error;
     f.begin();
-    // Every item once, in order: an exact search finds each.
     for (int k = 0; k < 2; ++k)
         for (int v : in) {
             std::string it = item(k, v);
@@ -188,16 +174,13 @@ TEST(BtWarm, TheLeafBecomesTheHintAndAWrongOneIsNotTaken) {
     f.end();
 }
 
-// The item where a search stops, found by bisection, is the one that a scan from the
-// first item in the search direction stops at, for every mode, with duplicates over the
-// key part (mode 5), odd keys whose pad byte the page holds as non-zero, and keys below,
-// among, between and above the items.  KISAM_SEED replays a run.
+// Bisection stops where a scan stops, for every mode, with duplicate key parts; a pad
+// byte another writer left non-zero compares as zero.  KISAM_SEED replays a run.
 TEST(BtScan, BisectionStopsWhereTheScanStops) {
     const uint64_t seed = kt::test_seed(0xB15EC7);
     std::mt19937_64 rng(seed);
     SCOPED_TRACE("KISAM_SEED=" + std::to_string(seed));
     for (int keylen : {1, 3, 4, 7}) {
-        // A key other than 0 with a 2-byte key 0: the compared bytes cover the pad.
         IS_KEY k{};
         k.k_keylen = static_cast<int16_t>(keylen);
         k.k_offset = static_cast<int16_t>((keylen + 1) & ~1);
@@ -206,8 +189,6 @@ TEST(BtScan, BisectionStopsWhereTheScanStops) {
         k.k_order = static_cast<int16_t>(bt_order(k.k_itemlen, 1024));
         const int len = k.k_itemlen, inc = len + 4;
         for (int round = 0; round < 300; ++round) {
-            // Distinct items in order over k_ncomp bytes from a small alphabet, so that the
-            // key part repeats; the pad byte counts as zero in the order.
             std::set<std::string> items;
             const int n = static_cast<int>(rng() % (k.k_order + 1));
             while (static_cast<int>(items.size()) < n) {
@@ -233,7 +214,6 @@ TEST(BtScan, BisectionStopsWhereTheScanStops) {
             if (k.k_offset > keylen) key[keylen] = 0;
             for (int flag : {0, 1, 2, 3, 5}) {
                 const int ncomp = flag == 5 ? keylen : k.k_ncomp;
-                // The scan as the pages' order defines it, on a copy with the pads zeroed.
                 IS_DATA ref = page;
                 int want = -1;
                 for (int j = 0; j < n; ++j) {
@@ -259,12 +239,10 @@ TEST(BtScan, BisectionStopsWhereTheScanStops) {
     }
 }
 
-// ---- the structural checker: each kind of damage, patched into a file on disk, is the
-// first violation reported, with its place ----
+// The checker: each damage patched on disk is the first violation reported.
 
 namespace {
 
-// Raw page access through the checker's own image of the file.
 struct Disk {
     explicit Disk(const std::string& p) : path(p) {
         std::string err;
@@ -289,7 +267,6 @@ PAGE ptr(const IS_DATA& d, int i) { return ptr_at(d, i, kLen4); }
 void set_ptr(IS_DATA& d, int i, PAGE p) { kisam::store_at<PAGE>(d.c + 4 + i * (kLen4 + 4), p); }
 char* item_of(IS_DATA& d, int i) { return d.c + 8 + i * (kLen4 + 4); }
 
-// Applies `damage` to a copy of the pages it names, checks, and restores them.
 void expect_violation(Disk& disk, std::vector<PAGE> pages,
                       const std::function<void(std::vector<IS_DATA>&)>& damage,
                       const std::string& expected) {
@@ -305,7 +282,6 @@ void expect_violation(Disk& disk, std::vector<PAGE> pages,
     EXPECT_TRUE(kc::check_file(disk.path, kTreesAndFree).ok);
 }
 
-// A three-level tree of order 4 with items 1 .. n.
 void build(BtFile& f, int n) {
     f.begin();
     insert_all(f, 1, n);
@@ -364,10 +340,7 @@ TEST(Kcheck, FreeChainDamage) {
     expect_violation(disk, {second}, [](auto& p) { p[0].c[10] = 0; }, "filler bytes");
 }
 
-// Every control-page field that sizes a copy is checked against the others before any
-// page is read: a key table whose fields disagree is damage, with the field named --
-// never a copy past an item, and never "sound".  The file: keys of 8, 12 and 4 bytes,
-// with records, so that the data check pairs every alternate item with its record.
+// Key-table fields that disagree are damage naming the field, never a copy past an item.
 TEST(Kcheck, ControlPageFieldsThatDisagreeAreNamed) {
     BtFile f(1024, {8, 12, 4});
     ASSERT_TRUE(f.ok());

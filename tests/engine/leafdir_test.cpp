@@ -1,7 +1,5 @@
-// The leaf directory of readers without the lock, against a model: an ordered map of
-// first keys, with random filing, refiling and dropping around block splits and empty
-// blocks, for keys shorter than, as long as and longer than the 8 bytes compared as one
-// integer.
+// The leaf directory against an ordered map of first keys, for keys shorter than, as
+// long as and longer than the 8 bytes compared as one integer.
 #include "is_leafdir.h"
 #include "kisam_test.h"
 
@@ -16,19 +14,16 @@ namespace {
 using kisam::LeafDir;
 using kisam::LeafRef;
 
-// Keys drawn from a small alphabet that includes the extremes of unsigned order, so that
-// equal prefixes (ties of the 8-byte integer) and bytes above 0x7F both occur.
+// A small alphabet with the extremes of unsigned order: prefix ties and high bytes.
 std::string random_key(std::mt19937_64& rng, int klen, int spread) {
     static const char alphabet[] = {'\x00', '\x01', 'a', 'b', '\x7f', '\x80', '\xfe', '\xff'};
     std::string k(static_cast<size_t>(klen), 'a');
-    // Most keys differ only in a few bytes: near the end for long keys (prefix ties).
     for (int i = 0; i < klen; ++i)
         if (static_cast<int>(rng() % static_cast<unsigned>(klen)) < spread || i >= klen - 2)
             k[static_cast<size_t>(i)] = alphabet[rng() % sizeof alphabet];
     return k;
 }
 
-// What the model says floor(key) is: the greatest first key <= key.
 const std::pair<const std::string, LeafRef>* model_floor(const std::map<std::string, LeafRef>& m,
                                                         const std::string& key) {
     auto it = m.upper_bound(key);
@@ -55,7 +50,6 @@ TEST(LeafDir, AgreesWithAnOrderedMap) {
                 d.put(k.data(), r);
                 m[k] = r;
             } else if (what < 7) {
-                // Mostly keys that are there, so that drops reach every place in a block.
                 std::string victim = k;
                 if (!m.empty() && rng() % 4 != 0) {
                     auto it = m.lower_bound(k);

@@ -1,5 +1,4 @@
-// Shared helpers of the start-up, open/close, framing and locking tests: a private
-// installation per test, the error stack as codes, and raw control-page access.
+// Helpers of the start-up, open/close and locking tests.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -25,7 +24,6 @@ inline int stack_depth() { return is_etop ? static_cast<int>(is_etop - is_estk) 
 inline IS_FCP* shared_fcp(int isfd) { return kisam::pfo_fcp(is_db[isfd]->uniqueid); }
 inline IS_PFI* pfi_of(int isfd) { return &is_pfi[is_db[isfd]->uniqueid]; }
 
-// The first n bytes of a file.
 inline std::vector<unsigned char> read_head(const std::string& path, size_t n = 512) {
     std::vector<unsigned char> b(n);
     int fd = ::open(path.c_str(), O_RDONLY);
@@ -41,7 +39,6 @@ inline void write_bytes(const std::string& path, const void* p, size_t n, off_t 
     ::close(fd);
 }
 
-// Number of processes registered in the process table.
 inline int attached_processes() {
     int n = 0;
     for (int i = 0; i < isam_com->maxusers; ++i) n += is_env.pid_[i] != 0;

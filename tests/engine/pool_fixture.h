@@ -1,5 +1,4 @@
-// Helpers of the buffer-pool tests: a private installation, ISAM files whose pages are
-// stamped with their own number on disk, the frame of an operation, views of the slots.
+// Buffer-pool tests: files whose pages carry their own number, views of the slots.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -76,7 +75,6 @@ protected:
         EXPECT_GE(fd, 0) << is_errno;
         return fd;
     }
-    // The frame of an operation on isfd: handle selected, control lock held.
     void begin(int isfd) {
         ASSERT_EQ(is_isin(PROC(P_ISREAD), isfd, 0), 0);
         ASSERT_EQ(is_getctl(), 0);

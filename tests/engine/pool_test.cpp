@@ -1,7 +1,4 @@
-// The buffer pool in one process: victim rules a model cannot show, failed loads, a
-// randomized run against a model of the slots; and page allocation: damaged chain heads,
-// the 32-bit ceiling.  (The free chain on disk, given back last first, is the B-tree page
-// images' test.)
+// The buffer pool in one process, and page allocation.
 #include "pool_fixture.h"
 
 #include "isx_area.h"
@@ -17,11 +14,8 @@ namespace {
 
 class Pool : public PoolEnv {};
 
-// What a read-only opener does with dirty slots of a file it has open.  A page of a call
-// that has not committed (here: one whose rollback is still due) never reaches the file,
-// whoever needs the slot.  A committed page may be written back by anyone -- through the
-// file reopened by its recorded path -- but only once the log holds its record on disk.
-// With no way to write the file (its path leads nowhere now) the slot stays as it is.
+// An uncommitted page never reaches the file; a committed one does, by its path, only
+// after its log record; with no way to write it the slot stays.
 std::vector<std::pair<char, int>> g_io;  // 's' fdatasync(fd), 'w' pwrite at offset
 int rec_sync(int fd) {
     g_io.push_back({'s', fd});
@@ -48,8 +42,6 @@ TEST_F(Pool, ReadOnlyOpenerWritesBackOnlyCommittedPagesAfterTheirLog) {
         const int u = uid(fd);
         isx_file* xf = kisam::isx_file_of(u);
 
-        // Committed (its record appended as another process's commit would) but not yet
-        // on disk, and the file cannot be reopened: the slot stays.
         begin(fd);
         IS_DATA* p1 = get(1);
         p1->c[100] = 'C';
@@ -66,7 +58,6 @@ TEST_F(Pool, ReadOnlyOpenerWritesBackOnlyCommittedPagesAfterTheirLog) {
         ASSERT_EQ(end(), 0);
         ASSERT_EQ(::rename(path("moved").c_str(), file.c_str()), 0);
 
-        // Now it can: the log reaches the disk, then the page the file.
         g_io.clear();
         kisam::os.fdatasync = rec_sync;
         kisam::os.pwrite = rec_pwrite;
@@ -124,7 +115,6 @@ TEST_F(Pool, ReadFailsRatherThanWaitForSlotsOnlyThisProcessCanRelease) {
     EXPECT_EQ(end(), 0);
 }
 
-// A short read of garbage, then end of file.
 int g_calls = 0;
 ssize_t short_pread(int, void* buf, size_t, off_t) {
     if (g_calls++ > 0) return 0;
@@ -156,10 +146,8 @@ TEST_F(Pool, FailedLoadNeverLeavesASlotForThePage) {
     }
 }
 
-// The slots as the pool's rules place them, for one process that owns every file: a
-// page found on its file's chain is a hit; a file at its quota turns its own clock hand
-// along its chain; otherwise the free list serves, else the hand over all slots turns.
-// A hand passes fixed slots, and clears and passes referenced ones.
+// The slots as the pool's rules place them: hit on the chain, own clock at the quota,
+// else the free list, else the global clock; a hand skips fixed and referenced slots.
 struct Model {
     struct Slot { int file = -1; PAGE page = 0; bool fixed = false, ref = false; int next = -1; };
     std::vector<Slot> s;
@@ -169,8 +157,6 @@ struct Model {
     Model(int n, int q) : s(static_cast<size_t>(n)), maxfbuf(q) {
         for (int i = 0; i < n; ++i) s[i].next = i + 1 < n ? i + 1 : -1;
     }
-    // The first slot that a hand starting at h passes without a second chance, within
-    // two turns of n slots; h ends after it.
     template <class Next>
     int turn(int& h, int n, Next next) {
         for (int k = 0; k < 2 * n + 1; ++k) {
@@ -217,10 +203,7 @@ struct Model {
     }
 };
 
-// The largest pool: every one of its 32,767 slots can hold a changed page.  The list of
-// a call's changed pages is kept per slot; one sized by the file-slot bound (16,384) let
-// slots past it mark bytes of other state, and a later checkpoint saw pages of no call
-// as uncommitted and refused to write the file back.
+// Every one of the 32,767 slots of the largest pool can hold a changed page.
 TEST_F(Pool, EverySlotOfTheLargestPoolHoldsAChangedPage) {
     const int nbuf = INT16_MAX, npages = nbuf - 8;
     start(cfg(nbuf, 0));
@@ -242,8 +225,7 @@ TEST_F(Pool, EverySlotOfTheLargestPoolHoldsAChangedPage) {
     for (int i : {1, 16384, 16385, 20000, npages}) EXPECT_EQ(on_disk(path("big.ism"), i * 1024L + 12), 'x') << i;
 }
 
-// Random holds on three files, some of them run by short-lived child processes, each
-// checked against the model: hit or miss, the slot chosen, every slot's tag and stamp.
+// Random holds on three files, some in child processes, against the model.
 TEST_F(Pool, RandomizedRunAgreesWithModel) {
     const uint64_t seed = kt::test_seed(20261122);
     std::mt19937_64 rng(seed);
@@ -344,8 +326,6 @@ TEST_F(Alloc, DamagedChainHeadIsAbandoned) {
 
 // The last page a file can have ends at 4 GiB - 1024; the file is sparse.
 TEST_F(Alloc, FilesStopBelowFourGiB) {
-    // A file that has grown to just below the limit (the shared control page says where
-    // a file ends).
     f_->is_nextfree = f_->is_lastpage = 0xFFFFF800u;
     EXPECT_EQ(grab(), 0xFFFFF800u);
     EXPECT_EQ(f_->is_lastpage, 0xFFFFFC00u);

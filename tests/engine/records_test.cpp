@@ -1,6 +1,5 @@
-// Records: data pages byte for byte and against a model of their chunks, the record calls
-// (their reads with and without the control lock) against a model of the file, and what
-// reads without the lock cost.
+// Records: data pages byte for byte and against a model, the record calls against a model
+// of the file, and the cost of reads without the lock.
 #include "open_fixture.h"
 #include "dr.h"
 #include "is_error.h"
@@ -28,8 +27,6 @@
 #include <unistd.h>
 #include <vector>
 
-// Data pages byte for byte: where records of each size land, how the free chunks of a
-// shared page are split, merged and tiled, and how the free-space table follows.
 namespace {
 
 using Page = std::array<unsigned char, 1024>;
@@ -62,7 +59,6 @@ protected:
         nisunisam();
     }
 
-    // Runs f in the frame of a public operation: handle selected, control lock held.
     template <class F>
     auto locked(F f) {
         EXPECT_EQ(is_isin(PROC(P_ISWRITE), fd_, 0), 0);
@@ -86,13 +82,11 @@ protected:
         EXPECT_EQ(kt::write_back(fd_), 0);
         return raw(p);
     }
-    // Page p as the file holds it now, without writing anything back first.
     Page raw(PAGE p) {
         Page pg{};
         EXPECT_EQ(::pread(osfd_, pg.data(), pg.size(), static_cast<off_t>(p)), 1024) << p;
         return pg;
     }
-    // Page p as this process's pool holds it (no write-back, no system call on a hit).
     Page pooled(PAGE p) {
         return locked([&] {
             Page pg{};
@@ -112,7 +106,6 @@ protected:
         EXPECT_EQ(::pread(osfd_, v.data(), v.size(), 0), end);
         return v;
     }
-    // The shared control page of the file (valid while it is open).
     IS_FCP* fcp() {
         EXPECT_EQ(is_isin(PROC(P_ISREAD), fd_, 0), 0);
         is_isout();
@@ -157,8 +150,7 @@ TEST_F(DataPages, RecordShapesByLength) {
     EXPECT_EQ(fcp()->is_cdp[0], 2048u + 1014);
     EXPECT_EQ(fcp()->is_mincdpi, 0);
 
-    // 2032 bytes: one overflow page and a full 1016-byte tail, which no longer fits in
-    // the page with 1014 free bytes: a new page keeps a 4-byte chunk in front.
+    // 2032 bytes: a full 1016-byte tail no longer fits in 1014: a new page, 4 bytes free.
     auto r2032 = pattern(2032, 3);
     PAGE c = put(r2032);
     EXPECT_EQ(c, 5120u + 1);
@@ -171,11 +163,9 @@ TEST_F(DataPages, RecordShapesByLength) {
     EXPECT_EQ(fcp()->is_cdp[1], 4096u + 4);
     EXPECT_EQ(fcp()->is_mincdpi, 1);
 
-    // 3000 bytes: overflow pages numbered 1 and 2, and a 968-byte tail placed at the end
-    // of the first page of the table with room.
+    // 3000 bytes: overflow pages 1 and 2, the tail in the first page of the table with room.
     auto r3000 = pattern(3000, 4);
     PAGE d = put(r3000);
-    // The tail goes in first; then the last block's page, then the first block's.
     Page last = disk(6144), first = disk(7168);
     EXPECT_EQ(d, 7168u + 1);
     EXPECT_EQ(w16(first, 0), 0x8001);
@@ -191,7 +181,6 @@ TEST_F(DataPages, RecordShapesByLength) {
     EXPECT_EQ(fcp()->is_cdp[0], 2048u + 44);
     EXPECT_EQ(fcp()->is_mincdpi, 1);
 
-    // Everything reads back whole, and prefixes are cut without error.
     for (auto [addr, rec] : {std::pair{a, &r1020}, {b, &r1021}, {c, &r2032}, {d, &r3000}}) {
         int n = 0;
         auto back = get(addr, 65534, &n);
@@ -204,7 +193,6 @@ TEST_F(DataPages, RecordShapesByLength) {
 }
 
 TEST_F(DataPages, RecordInPiecesFollowsTheFreeList) {
-    // Lay out one page: 100-byte segments A, C, E separated by small ones, then fill it.
     std::vector<PAGE> keep;
     PAGE A = put(pattern(98, 1));
     keep.push_back(put(pattern(18, 2)));
@@ -245,8 +233,7 @@ TEST_F(DataPages, RecordInPiecesFollowsTheFreeList) {
     int n = 0;
     EXPECT_EQ(get(r, 300, &n), rec);
 
-    // Freeing it all merges everything back into one chunk: the page goes back to the
-    // free chain.
+    // Freeing it all gives the page back to the free chain.
     ASSERT_EQ(rel(r), 0);
     for (PAGE x : keep) ASSERT_EQ(rel(x), 0);
     p = disk(1024);
@@ -271,13 +258,9 @@ TEST_F(DataPages, RefusedReleaseWritesNothing) {
     EXPECT_EQ(get(y, 200, &n), pattern(100, 2));
 }
 
-// Random stores and releases against a model of the live records.  After every step
-// each shared page that holds a live record is tiled by those records' segments and its
-// free chunks, with no more than 3 bytes of slack, and only behind a live segment (a
-// released segment takes its slack with it, or it would be lost for good); its entry
-// in the free-space table (if any) gives its free total; a page whose last record went
-// is given back at once.  At the end every record reads back, and releasing them all
-// leaves every page of the file on the free chain.
+// After every step each shared page is tiled by its live segments and free chunks (at
+// most 3 bytes of slack, behind a live segment), its free-space entry gives its free
+// total, and a page whose last record went is given back at once.
 TEST_F(DataPages, RandomStoresAndReleasesAgreeWithAModel) {
     const uint64_t seed = kt::test_seed(2711);
     const int kSteps = std::getenv("KISAM_STEPS") ? std::atoi(std::getenv("KISAM_STEPS")) : 10000;
@@ -291,12 +274,10 @@ TEST_F(DataPages, RandomStoresAndReleasesAgreeWithAModel) {
     };
     std::map<PAGE, Live> live;
 
-    // The tail address of a record: past its overflow pages.
     auto tail_of = [&](PAGE addr) {
         while ((addr & 0x3FF) == 1) addr = w32(pooled(addr - 1), 4);
         return addr;
     };
-    // The pieces a record's segments occupy in its tail page.
     auto segments = [&](const Page& p, PAGE addr, std::vector<std::pair<int, int>>* out) {
         for (int s = static_cast<int>(addr & 0x3FF); s != 0;) {
             const uint16_t ctlw = w16(p, s);
@@ -314,7 +295,6 @@ TEST_F(DataPages, RandomStoresAndReleasesAgreeWithAModel) {
     auto check_pages = [&](int step) {
         std::map<PAGE, std::vector<PAGE>> by_page;
         for (auto& [addr, l] : live) by_page[l.tail & ~PAGE{0x3FF}].push_back(l.tail);
-        // The pool's pages at every step, the file's every 64th (a checkpoint is slow).
         const bool on_disk = step % 64 == 0;
         if (on_disk) {
             ASSERT_EQ(kt::write_back(fd_), 0);
@@ -396,12 +376,8 @@ TEST_F(DataPages, RandomStoresAndReleasesAgreeWithAModel) {
     for (PAGE pg = 1024; pg < f->is_lastpage; pg += 1024) EXPECT_EQ(w16(raw(pg), 0), 0xFFFE) << pg;
 }
 
-// Record operations against an in-memory model: a long random mix of writes, forced
-// writes, updates, deletes, seeks, rewinds and reads in every mode along every key,
-// checked after every step, then the whole file by the structural checker.  Each read
-// goes, at random, without the control lock where it can or always under it: both must
-// give what the model gives and leave the cursor where the other path takes it on from.
-// KISAM_SEED replays a run.
+// A random mix of every record call along every key against a model, then the checker;
+// each read goes at random without or with the lock.  KISAM_SEED replays a run.
 
 struct Shape {
     std::vector<int> keylens;
@@ -413,7 +389,6 @@ struct Shape {
     int16_t maxbuf = 64; // pool slots: 2000 hold the whole file, so reads go without the lock
 };
 
-// How GoogleTest shows a shape (in test listings too): in words, not as a byte dump.
 void PrintTo(const Shape& s, std::ostream* os) {
     *os << "keys";
     for (size_t i = 0; i < s.keylens.size(); ++i) *os << (i ? "," : " ") << s.keylens[i];
@@ -433,7 +408,6 @@ public:
     std::string key(const std::string& rec, int k) const {
         return rec.substr(static_cast<size_t>(pos_[static_cast<size_t>(k)]), static_cast<size_t>(kl(k)));
     }
-    // The compared part of the index item of rec under key k.
     std::string item(const std::string& rec, int k) const { return make_item(k, key(rec, k), key(rec, 0)); }
     std::string make_item(int k, const std::string& value, const std::string& key0) const {
         return k == 0 ? value : value + std::string(static_cast<size_t>(kl(k) & 1), '\0') + key0;
@@ -469,7 +443,6 @@ private:
     std::vector<std::set<std::string>> items_;
 };
 
-// Cursor of one key as the model sees it: state and compared item bytes.
 struct Cursor {
     int state = 0;
     std::string item;
@@ -511,7 +484,6 @@ protected:
         for (auto& c : s) c = static_cast<char>(alphabet[rng_() % sizeof alphabet]);
         return s;
     }
-    // Key 0 value of id: a bijection of 16 bits spreads the values over the byte range.
     std::string key0(unsigned id) const {
         const int kl = model_->kl(0);
         std::string s(static_cast<size_t>(kl), '\0');
@@ -529,7 +501,6 @@ protected:
         if (r < 150) return minrec;
         return minrec + static_cast<int>(rng_() % 300);
     }
-    // len: the record's length, or -1 for a random one.
     std::string make_record(const std::string& k0, const std::string* old, bool keep_alternates, int len = -1) {
         std::string rec = k0;
         for (int k = 1; k < model_->nkeys(); ++k) {
@@ -552,13 +523,11 @@ protected:
         return model_->key(it->second, k);
     }
 
-    // The next read goes without the control lock where it can, or always under it.
     void pick_path() {
         kisam::test_locked_reads = rng_() % 2 == 0;
         unlocked_ += !kisam::test_locked_reads;
     }
 
-    // Checks one read result against the record the model expects (null: none).
     void expect_record(int got, int recsize, const std::string* want, const char* what) {
         if (want == nullptr) {
             ASSERT_EQ(got, 0) << what;
@@ -570,7 +539,6 @@ protected:
             << what << ": record " << ::testing::PrintToString(model_->key(*want, 0)) << " differs";
     }
 
-    // nisread (dir 0) or nispread (dir 2) on key k, against the model cursor.
     void read_step(int k, int dir) {
         Cursor& c = cur_[static_cast<size_t>(k)];
         const auto& items = model_->items(k);
@@ -625,7 +593,6 @@ protected:
             c.item = lo;
             return;
         }
-        // Any record with that value may come back.
         ASSERT_GE(got, model_->kl(0)) << "nisfind";
         const std::string* rec = model_->find(std::string(buf_.data(), static_cast<size_t>(model_->kl(0))));
         ASSERT_NE(rec, nullptr) << "nisfind returned a record the model lacks";
@@ -634,7 +601,6 @@ protected:
         c.item = model_->item(*rec, k);
     }
 
-    // A seek to a value, or a rewind: the next read starts from either end.
     void seek_step(int k) {
         if (rng_() % 3 == 0) {
             ASSERT_EQ(kisam_rewind(fd_, k), 0);
@@ -649,8 +615,7 @@ protected:
     void write_step(int how) {
         const std::string k0 = key0(static_cast<unsigned>(rng_() % kIds));
         const std::string* old = model_->find(k0);
-        // Updates often keep the length (the data part is then rewritten in place), or
-        // change it by one byte (an odd length keeps the room an even one took).
+        // Often the same length (rewritten in place) or one byte off.
         int len = -1;
         if (how == 2 && old && rng_() % 2 == 0) {
             len = static_cast<int>(old->size());
@@ -698,7 +663,6 @@ protected:
         ASSERT_EQ(is_errno, ISE_RSIZE);
     }
 
-    // A second handle scans key k from end to end: the whole model, in order.
     void full_scan(int k, int dir) {
         int h = nisopen(path_.c_str(), ISO_RDONLY);
         ASSERT_GE(h, 0);
@@ -712,7 +676,6 @@ protected:
         ASSERT_EQ(nisclose(h), 0);
     }
 
-    // The file as the checker reads it from disk: sound, and holding the model's records.
     void check_now(const char* when) {
         ASSERT_EQ(nisflush(fd_), 0);
         kisam::check::Report rep = kisam::check::check_file(path_);
@@ -753,10 +716,7 @@ protected:
         EXPECT_TRUE(rep.data_accounted);
         EXPECT_EQ(rep.unknown_pages, 0);
 
-        // Emptied in random order, with a search after each delete and the checker every
-        // 64: every merge, borrow and root collapse is met.  Every byte a record took comes
-        // back with it: no page of data is left (a page keeps its place while anything in
-        // it is lost), nor of any tree: every page of the file is on the free chain.
+        // Emptied in random order: at the end every page is on the free chain.
         std::vector<std::string> keys;
         for (const auto& kv : model_->all()) keys.push_back(model_->key(kv.second, 0));
         std::shuffle(keys.begin(), keys.end(), rng_);
@@ -813,8 +773,7 @@ INSTANTIATE_TEST_SUITE_P(
                       Shape{{5}, true, 1, 512, 8000},
                       Shape{{2, 1}, false, 1, 512, 8000, false, 2000},
                       Shape{{6, 12}, true, 0, 1024, 8000},
-                      // Index pages of 2, 3, 4 and 5 items (the odd lengths with a pad byte),
-                      // under both split rules and both control-page sizes.
+                      // Index pages of 2 to 5 items, both split rules and control pages.
                       Shape{{400}, false, 0, 512, 4000, true},
                       Shape{{300}, true, 1, 1024, 4001, true},
                       Shape{{240, 7}, false, 1, 512, 4002, true},
@@ -823,9 +782,6 @@ INSTANTIATE_TEST_SUITE_P(
                       Shape{{400, 3}, true, 1, 512, 4005, true}),
     [](const ::testing::TestParamInfo<Shape>& info) { return "shape" + std::to_string(info.index); });
 
-// Reads without the control lock, in one process, at their cost: they take no lock and
-// leave the change count alone.  (What they give: the record model, whose reads go either
-// way at random.)
 
 uint32_t seq_of(int isfd) { return kisam::isx_file_of(is_db[isfd]->uniqueid)->xf_seq; }
 
@@ -838,9 +794,7 @@ protected:
     }
 };
 
-// A read of pages in the pool takes no lock, advances no clock and changes no count; a
-// locked read that only hits leaves the change count as it was, a change moves it by two
-// (odd while it lasts), and so does a read that loads a page.
+// A pool hit takes no lock and changes no count; a change or a load moves it by two.
 TEST_F(ReadNoLockCost, ReadsTakeNoLockAndLeaveTheCountAlone) {
     int fd = create("f", {8});
     ASSERT_GE(fd, 0);
@@ -891,8 +845,7 @@ TEST_F(ReadNoLockCost, ReadsTakeNoLockAndLeaveTheCountAlone) {
     ASSERT_EQ(nisfind(fd, 0, "00000005", out, sizeof out), 40);
     EXPECT_EQ(std::string(out + 8, 8), " changed");
 
-    // A bracket that changes keeps the count odd until its end: the process's own reads
-    // inside it take the lock and see its changes.
+    // A changing bracket keeps the count odd; its own reads take the lock.
     ASSERT_EQ(nisgetctl(fd), 0);
     std::snprintf(rec, sizeof rec, "%08d again", 6);
     ASSERT_EQ(nisupdate(fd, rec, sizeof rec), 0);
@@ -904,8 +857,7 @@ TEST_F(ReadNoLockCost, ReadsTakeNoLockAndLeaveTheCountAlone) {
     EXPECT_EQ(nisclose(fd), 0);
 }
 
-// An attempt that finds the count odd or moved leaves the cursors where they were and
-// says to look again; the locked read then does the work.
+// An odd or moved count leaves the cursors alone; the locked read does the work.
 TEST_F(ReadNoLockCost, AnOddCountSendsTheReadToTheLock) {
     int fd = create("f", {8});
     ASSERT_GE(fd, 0);
@@ -925,7 +877,7 @@ TEST_F(ReadNoLockCost, AnOddCountSendsTheReadToTheLock) {
     ASSERT_EQ(nisread(fd, 0, out, sizeof out), 20);
     EXPECT_EQ(std::memcmp(out, "00000002", 8), 0);
     EXPECT_EQ(is_nolock_reads, before);
-    // The locked read took the odd count as left by a changer that died, and made it even.
+    // The odd count was a dead changer's: the locked read made it even.
     EXPECT_EQ(seq % 2, 0u);
     ASSERT_EQ(nispread(fd, 0, out, sizeof out), 20);
     EXPECT_EQ(std::memcmp(out, "00000001", 8), 0);
@@ -933,11 +885,8 @@ TEST_F(ReadNoLockCost, AnOddCountSendsTheReadToTheLock) {
     EXPECT_EQ(nisclose(fd), 0);
 }
 
-// An update whose data part keeps its room rewrites it in place.  Its process killed at
-// each page the update changes, before or after the rewrite, leaves the old record: its
-// bytes and its index items, once the next opener has rolled the call back; left alone,
-// the call gives the new record.  With key 1 kept and changed, at the same length and one
-// byte shorter.
+// An update rewritten in place, killed at each page it changes: the next opener rolls
+// back to the old record (bytes and index items); left alone it gives the new one.
 class InPlaceUpdate : public kt::Env {
 protected:
     static std::string rec(int id, int gen, int len) {

@@ -25,8 +25,6 @@
 #include <utility>
 #include <vector>
 
-// A private temporary directory with the settings variables pointed into it, file
-// helpers.  (Checks inside a forked child, a fresh settings store: kt::run_child.)
 namespace st {
 
 // home/ and q9/ in a temporary directory; HOME, HOME_Q9 and PROFILEQ9ENV point there.
@@ -57,12 +55,9 @@ inline bool is_dir(const std::string &path) { struct stat s; return ::stat(path.
 
 }  // namespace st
 
-// Inside a function kt::run_child runs: report the failing line and fail.
 #define CHILD_CHECK(cond) \
     do { if (!(cond)) { std::fprintf(stderr, "child check failed at line %d: %s\n", __LINE__, #cond); return 1; } } while (0)
 
-// String and buffer helpers: splitting, number buffers, hashes, checksum, bit sets,
-// settings lists and the escape conversion; message output.
 namespace {
 
 using V = std::vector<std::string>;
@@ -99,9 +94,8 @@ TEST(Numbers, BigEndianBuffersAndText) {
 }
 
 TEST(Hashes, KnownValuesSignednessAndChecksum) {
-    // Characters are signed for the string hashes, bytes are not for the buffer hash.
-    // From 0x80 up the case-blind hash takes the C library's upper-case form of the
-    // signed character: in the C locale toupper(-3) is 253, so 0xFD adds 253, not -3.
+    // Signed characters for the string hashes (toupper(-3) is 253), unsigned bytes for
+    // the buffer hash.
     const struct { uint32_t (*hash)(const char *); const char *text; uint32_t want; } strings[] = {
         {ZTStringHash, "ab", 3105u}, {ZTICStringHash, "ab", 2081u}, {ZTICStringHash, "AB", 2081u},
         {ZTStringHash, "\xFF", 0xFFFFFFFFu}, {ZTICStringHash, "\xFD", 253u},
@@ -119,8 +113,6 @@ TEST(Hashes, KnownValuesSignednessAndChecksum) {
     for (const auto &c : sums) EXPECT_EQ(Fletcher16CSum(c.buf, c.n), c.want) << c.n;
 }
 
-// Case-blind order, prefixes, and buffers compared unsigned, first byte first: each the
-// sign of the answer.
 TEST(Compare, CaseBlindOrderAndPrefixes) {
     const auto sign = [](int v) { return (v > 0) - (v < 0); };
     const struct { int got, want; const char *what; } cases[] = {
@@ -157,8 +149,7 @@ TEST(Bits, RandomizedAgainstBitset) {
     EXPECT_EQ(word, 2u);
 }
 
-// Keys match without regard to case; a record keeps its place when replaced; quoted
-// values are converted.
+// Case-blind keys; a replaced record keeps its place; quoted values are converted.
 TEST(ValList, RandomizedAgainstModel) {
     uint64_t seed = kt::test_seed(7);
     std::mt19937_64 rng(seed);
@@ -199,8 +190,6 @@ TEST(ConvLine, EscapesCaretsAndWarnings) {
     EXPECT_STREQ(inplace, "a\tb\tc");
 }
 
-// Blanks go from the end (StripBl) or the front (LStripBl), all of them, also when the
-// text is nothing else.
 TEST(Blanks, StripEndsAndAllBlankTexts) {
     const struct { void (*strip)(char *); const char *in, *out; } cases[] = {
         {StripBl, "a b  ", "a b"}, {StripBl, "   ", ""}, {LStripBl, "  a b ", "a b "}, {StripBl, "", ""}};
@@ -218,8 +207,7 @@ TEST(Messages, OneLineEachAndCut) {
     EXPECT_EQ(out, longtext.substr(0, 1022) + "\n");
 }
 
-// The settings store: precedence, directives, directory defaults, exports, override
-// variables, expansion.  The store loads once per process, so each check runs in a child.
+// The settings store loads once per process: each check runs in a child.
 
 bool eq(const char *a, const std::string &b) { return a != nullptr && b == a; }
 
@@ -289,8 +277,7 @@ TEST_F(EnvStore, DirectoryDefaultsAndExports) {
     }), 0);
 }
 
-// What kisam(3), the README and python/README tell a user that attaching does outside
-// the library: the directories, their modes, the mutex's lock file and PATH.
+// What the documents say attaching does outside the library.
 TEST_F(EnvStore, SideEffectsAreThoseTheDocumentsList) {
     auto mode = [](const std::string &p) {
         struct stat st{};
@@ -346,8 +333,6 @@ TEST_F(EnvStore, OverrideVariables) {
     }), 0);
 }
 
-// File operations: status codes, creation and tests, and shell commands given hostile
-// names, which must act on exactly the named files and never run anything else.
 
 class FileOps : public ::testing::Test {
 protected:
@@ -369,7 +354,6 @@ TEST_F(FileOps, StatusCodes) {
     for (auto [err, code] : {std::pair{ENOENT, 3}, {EACCES, 4}, {EISDIR, 5}, {ENOTDIR, 6}, {ENOTEMPTY, 7}, {EIO, 9999}})
         EXPECT_EQ(ZTFileOpErrStatus("X", ZTFO_QUIET, err), code) << err;
 
-    // In turn: the call, its result and the status it leaves (after a failure).
     const std::string d = box.path("a/b"), f = box.path("n/m/c.txt");
     const struct { int cmd, flags; std::string path; int rc, status; } calls[] = {
         {ZTFO_CREATEDIR, 0, d, 0, 0}, {ZTFO_CREATEDIR, 0, d, -1, 9},
@@ -427,8 +411,6 @@ TEST_F(FileOps, ShellCommandsActOnExactlyTheNamedFiles) {
     EXPECT_FALSE(st::exists(box.path("pwned")));
 }
 
-// Parameter files (records, continuations, argument cracking, line limits) and
-// configuration entry files (entries, comments, splitting).
 
 // Each record as "id=value", or "id" alone when it has no value.
 std::vector<std::string> read_all(const std::string &path) {
@@ -523,8 +505,6 @@ TEST_F(ParmFile, ConfigurationEntries) {
     ZTCFClose(ci);
 }
 
-// Mutexes: recursion across threads, the time-out form, global mutexes between
-// processes with their lock file, and the fork handlers.
 
 // Runs fn while another thread holds m.
 template <class F> void while_held(ZTMutex *m, F fn) {

@@ -29,12 +29,8 @@
 #include <utility>
 #include <vector>
 
-// The kisam tool run as a separate process in a private installation: a temporary
-// directory with its own configuration file, HOME, HOME_Q9 and PROFILEQ9ENV.  Every test
-// must leave no shared segment behind; TearDown checks it and removes the directory.
-// A command's output goes to IO.out and IO.err in the directory (IO "" unless a test
-// runs several at once); `table` runs a list of commands, each checked by its exit
-// status and by what its output and error output hold.
+// The tool run as a separate process in a private installation (its own directory,
+// configuration, HOME, HOME_Q9, PROFILEQ9ENV); TearDown fails a test that left the segment.
 struct Result { int rc = -1; std::string out, err; };
 
 inline std::string slurp(const std::string& path) {
@@ -59,15 +55,13 @@ inline long long size_of(const std::string& f) {
     return ::stat(f.c_str(), &st) == 0 ? (long long)st.st_size : -1;
 }
 
-// Writes `bytes` at `off` of `file`.
 inline void poke(const std::string& file, off_t off, const std::string& bytes) {
     int fd = ::open(file.c_str(), O_RDWR);
     EXPECT_EQ(::pwrite(fd, bytes.data(), bytes.size(), off), ssize_t(bytes.size())) << file;
     ::close(fd);
 }
 
-// Bytes in the dump's text form: printable ASCII as itself, a backslash doubled, any
-// other byte \xHH.
+// Bytes in the dump's text form.
 inline std::string escape(const std::string& b) {
     std::string out;
     char h[8];
@@ -78,7 +72,6 @@ inline std::string escape(const std::string& b) {
     return out;
 }
 
-// The record lines of a dump, in order (without the header and closing lines).
 inline std::vector<std::string> records_of(const std::string& dump) {
     std::vector<std::string> lines;
     for (size_t at = 0, nl; at < dump.size(); at = nl + 1) {
@@ -94,8 +87,8 @@ inline int wait_for(pid_t pid) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-// One command of a table: its arguments, exit status, and what its output and error
-// output must show: "=TEXT" all of it, "!TEXT" not TEXT anywhere, else TEXT somewhere.
+// A command, its exit status, and what its output and error output show: "=TEXT" all
+// of it, "!TEXT" not TEXT anywhere, else TEXT somewhere.
 struct Case {
     std::vector<std::string> args;
     int rc;
@@ -109,11 +102,10 @@ protected:
     bool quiet = false;        // pass --quiet to every command
     bool with_config = true;   // pass --config CFG to every command
     bool ignore_hup = false;   // start commands with SIGHUP ignored, as nohup does
-    // Set in the command's environment (LC_ALL is "C" unless a test sets it here).
     std::vector<std::pair<std::string, std::string>> env;
-    long fsize_limit = -1;       // RLIMIT_FSIZE of the command (SIGXFSZ ignored): a disk that fills
+    long fsize_limit = -1;       // RLIMIT_FSIZE of the command: a disk that fills
     bool stdout_gone = false;    // standard output a pipe whose reader has gone
-    std::string out_link;        // standard output opened through a link to this file
+    std::string out_link;        // standard output through a link to this file
 
     void SetUp() override {
         char tmpl[] = "/tmp/kisam-tool-XXXXXX";
@@ -140,7 +132,6 @@ protected:
 
     std::string path(const std::string& name) const { return dir + "/" + name; }
 
-    // In a child: the installation's environment, and the test's own settings.
     void private_env() const {
         for (auto [var, sub] : {std::pair{"HOME", "/home"}, {"HOME_Q9", "/q9"}, {"PROFILEQ9ENV", "/home/.Q9.profile"}})
             ::setenv(var, (dir + sub).c_str(), 1);
@@ -149,8 +140,7 @@ protected:
         for (const auto& [var, value] : env) ::setenv(var.c_str(), value.c_str(), 1);
     }
 
-    // Starts the tool with `args`; standard input from `input_file`, output into IO.out
-    // and IO.err (emptied first: what a command before it said is not its).
+    // Output into IO.out and IO.err, emptied first.
     pid_t start(const std::vector<std::string>& args, const std::string& input_file = "/dev/null",
                 const std::string& io = "") {
         std::vector<std::string> argv{KISAM_TOOL_PATH};
@@ -166,13 +156,11 @@ protected:
         }
         std::fflush(nullptr);
         int gone[2] = {-1, -1};
-        // The reader is gone before the command starts: its first write fails (EPIPE).
         if (stdout_gone && ::pipe(gone) == 0) ::close(gone[0]);
         pid_t pid = ::fork();
         if (pid == 0) {
             private_env();
-            // The signals as a terminal's shell leaves them, whatever this test inherited
-            // (a background job of a shell without job control ignores SIGINT and SIGQUIT).
+            // As a terminal's shell leaves them, whatever this test inherited.
             for (int sig : {SIGINT, SIGQUIT, SIGHUP, SIGTERM}) ::signal(sig, SIG_DFL);
             if (ignore_hup) ::signal(SIGHUP, SIG_IGN);
             if (fsize_limit >= 0) {
@@ -208,7 +196,6 @@ protected:
         return finish(start(args, in));
     }
 
-    // A configuration for the tests: small, and replacing any before it.
     void init_config(std::vector<std::string> more = {}) {
         std::vector<std::string> args{"config", "init", cfg, "--buffers", "32", "--files", "8", "--users", "8", "--force"};
         args.insert(args.end(), more.begin(), more.end());
@@ -216,15 +203,13 @@ protected:
         ASSERT_EQ(r.rc, 0) << r.err;
     }
 
-    // The next commands run with the fault shim preloaded: the n-th call of the kind
-    // `var` names (KISAM_TEST_FAIL_PWRITE, KISAM_TEST_FAIL_FDATASYNC) fails with EIO.
+    // The next commands run with the n-th call `var` names failing with EIO.
     void failing(const char* var, int n) {
         const char* asan = std::getenv("ASAN_OPTIONS");
         env = {{"LD_PRELOAD", KISAM_FAULT_SHIM}, {var, std::to_string(n)},
                {"ASAN_OPTIONS", std::string(asan ? asan : "") + ":verify_asan_link_order=0"}};
     }
 
-    // Runs each case in turn and checks it.
     void table(const std::vector<Case>& cases) {
         auto match = [](const std::string& text, const std::string& want) {
             if (!want.empty() && want[0] == '=') return text == want.substr(1);
@@ -242,8 +227,7 @@ protected:
         }
     }
 
-    // Runs each command and reads its output as one JSON document: each (pointer, value)
-    // must be there; a pointer ending in '#' compares the size of the array it names.
+    // The output as one JSON document; a pointer ending in '#' compares an array's size.
     struct JsonCase { std::vector<std::string> args; int rc; std::vector<std::pair<std::string, nlohmann::json>> want; };
     void json_table(const std::vector<JsonCase>& cases) {
         for (const JsonCase& c : cases) {
@@ -260,9 +244,7 @@ protected:
         }
     }
 
-    // A command that stays attached with FILE open: 'put FILE -' reading a pipe, which
-    // has stored `line` (its first 3 bytes a key 0 value of its own) when this returns.
-    // Its output goes to IO.out/.err.
+    // 'put FILE -' reading a pipe, attached with FILE open; `line` is stored on return.
     struct Writer { pid_t pid; int fd; std::string io; };
     Writer writer(const std::string& file, const std::string& line, const std::string& io) {
         const std::string fifo = path(io + ".fifo");
@@ -279,8 +261,7 @@ protected:
         return finish(w.pid, w.io);
     }
 
-    // Entries of the directory whose name begins with a dot (temporaries), other than
-    // the commands' own output files.
+    // Dot files other than the commands' own: temporaries left behind.
     std::string temporaries() const {
         std::string out;
         for (const auto& e : std::filesystem::directory_iterator(dir)) {
@@ -301,7 +282,6 @@ TEST_F(Tool, ConfigurationAndUsage) {
     spit(path("empty"), "");
     with_config = false;
     table({
-        // None found: the message says how to create one.
         {{"get", path("f"), "x"}, 1, {}, {"kisam config init", "/q9/kisamconfig"}},
         {{"config", "show", path("text")}, 1, {}, {"not a kisam configuration: " + path("text")}},
         {{"--config", path("empty"), "get", path("f"), "x"}, 1, {},
@@ -309,14 +289,12 @@ TEST_F(Tool, ConfigurationAndUsage) {
     });
     with_config = true;
     table({
-        // A --config path that does not exist is named as given.
         {{"get", path("f"), "x"}, 1, {}, {cfg + " (--config)", "!KISCONFIG)"}},
         {{"config", "init", cfg, "--files", "10", "--buffers", "4", "--users", "5", "--avg-alt-keys", "2",
           "--lock-key-len", "10", "--locks-per-file", "4", "--track-changes", "--clear-on-release"}, 0},
     });
     const std::string b = slurp(cfg);
     table({
-        // The documented regions end at 8192; the library's own state follows them.
         {{"config", "show", cfg}, 0, {"library state         at 8192", "cleared after every change"}},
         {{"config", "init", cfg}, 1},   // an existing configuration is kept
         {{"config", "init", cfg, "--buffers", "12x", "--force"}, 2},
@@ -326,8 +304,7 @@ TEST_F(Tool, ConfigurationAndUsage) {
     EXPECT_EQ(slurp(cfg), b);
 }
 
-// config init --access: who may use the installation is the lock file's mode, and the
-// library gives the journals the same.
+// --access sets the lock file's mode, which the journals follow.
 TEST_F(Tool, ConfigurationForOneUserOneGroupOrEveryone) {
     auto mode = [](const std::string& p) {
         struct stat st;
@@ -386,8 +363,7 @@ TEST_F(Tool, RecordsByEveryKey) {
         {{"get", path("absent"), "a"}, 1, {}, {"ISE_OPENF"}},
         {{"create", full, "4"}, 0},
     });
-    // A file whose end lies where no further page can be numbered (its control page says
-    // so: free chain and end at 4 GiB - 1 KiB): the ceiling is named.
+    // Free chain and end at 4 GiB - 1 KiB: the ceiling is named.
     const uint32_t end[2] = {0xFFFFFC00u, 0xFFFFFC00u};   // is_nextfree, is_lastpage
     poke(full, 4, std::string(reinterpret_cast<const char*>(end), sizeof end));
     table({{{"put", full, "abcd"}, 1, {}, {"4 GiB"}}});
@@ -399,7 +375,6 @@ TEST_F(Tool, DumpAndLoadAreExactForAnyBytes) {
     uint64_t seed = env ? std::strtoull(env, nullptr, 0) : 20261122;
     std::mt19937_64 rng(seed);
     SCOPED_TRACE("KISAM_SEED=" + std::to_string(seed));
-    // Mostly the bytes that stress the text form.
     static const unsigned char special[] = {0, '\\', '\n', '\r', 'x', ' ', 0x7f, 0x80, 0xff, '#'};
     for (bool keyopt : {false, true}) {
         const std::string a = path(keyopt ? "a_opt" : "a"), b = path(keyopt ? "b_opt" : "b");
@@ -420,8 +395,7 @@ TEST_F(Tool, DumpAndLoadAreExactForAnyBytes) {
         for (const auto& [k, rec] : model) expect += std::to_string(rec.size()) + " " + escape(rec) + "\n";
         expect += "# end " + std::to_string(model.size()) + " records\n";
         spit(path("d.txt"), expect);
-        // Into a new file and back: the same text; loading again finds every record
-        // present: reported, nothing changes.
+        // A second load finds every record present: reported, nothing changes.
         table({{{"dump", a}, 0, {"=" + expect}},
                {{"load", b, path("d.txt")}, 0},
                {{"dump", b}, 0, {"=" + expect}},
@@ -431,8 +405,7 @@ TEST_F(Tool, DumpAndLoadAreExactForAnyBytes) {
     }
 }
 
-// A sound file, checked clean, then damaged in one way at a time: check calls it
-// damaged, and the command that meets the damage says what it found.
+// Each damage: check calls the file damaged, the command that meets it names it.
 TEST_F(Tool, DamageIsFoundAndNamed) {
     init_config();
     const std::string f = path("dmg");
@@ -448,10 +421,8 @@ TEST_F(Tool, DamageIsFoundAndNamed) {
     ASSERT_NE(img.find("R00005ALT"), std::string::npos);
     const struct { off_t at; std::string bytes; std::vector<Case> then; } damages[] = {
         {off_t(img.find("ALT")) + 3, "X", {}},   // a record's key changed behind the index
-        // The free chain loops: info that lists a problem says so in its status.
         {off_t(head) + 4, img.substr(4, 4), {{{"info", f}, 1, {"problem", "loop"}}}},
-        // The segment header in front of a record's bytes: its length now runs off the
-        // page.  The records before it are written; a dump cut short has no closing line.
+        // A segment running off its page: the dump stops there, without a closing line.
         {off_t(img.find("R00005ALT")) - 2, "\xff\x83", {{{"dump", f}, 1, {"R00004ALT", "!# end"}, {"ISE_BTS", "dr_get"}}}},
     };
     for (const auto& d : damages) {
@@ -462,7 +433,7 @@ TEST_F(Tool, DamageIsFoundAndNamed) {
     }
 }
 
-// Exit statuses as documented: 1 nothing found or damage, 2 usage, 3 unreadable, 130 interrupted.
+// 1 nothing found or damage, 2 usage, 3 unreadable, 130 interrupted.
 TEST_F(Tool, ExitStatusesAndMessages) {
     init_config();
     const std::string f = path("e"), d = path("d");
@@ -473,25 +444,18 @@ TEST_F(Tool, ExitStatusesAndMessages) {
         {{"put", f, "-"}, 0, {}, {}, "aaaaXYZone\naabbXYZtwo\nbbbbQQQthree\n"},
         {{"scan", f, "--from", "c"}, 1, {"="}},   // no record matched, as get
         {{"scan", f, "--from", "zz", "--count"}, 1, {"=0\n"}},
-        // A reversed range is a slip, reported as such; one value a prefix of the other is not.
         {{"scan", f, "--from", "bbbb", "--to", "aaaa"}, 2, {}, {"reversed", "--backward"}},
         {{"scan", f, "--from", "aaaa", "--to", "bbbb", "--backward"}, 2},
         {{"scan", f, "--from", "aa", "--to", "a"}, 0, {"=aaaaXYZone\naabbXYZtwo\n"}},
         {{"scan", f, "--from", "bbbb", "--to", "aab", "--backward"}, 0, {"=bbbbQQQthree\naabbXYZtwo\n"}},
-        // A file that cannot be read is not called damaged, a missing one cannot be read
-        // either (3); a file that is no ISAM file at all is said to be so (1).
         {{"check", dir}, 3, {"!DAMAGED"}, {"read error"}},
         {{"check", path("missing")}, 3},
         {{"check", path("data.csv")}, 1, {"NOT AN ISAM FILE: unknown magic 0x6469", "!DAMAGED"}},
-        // A read error of load's input is one, not a dump cut short.
         {{"load", f, dir}, 1, {}, {"read error", "Is a directory", "!closing line"}},
-        // Output that cannot be written fails the command.
         {{"dump", f, "/dev/full"}, 1, {}, {"incomplete"}},
-        // Load checks the closing count.
         {{"load", path("l1")}, 1, {}, {"counts 3 records, the dump holds 2"}, dump + "# end 3 records\n"},
         {{"load", path("l2")}, 0, {}, {}, dump + "# end 2 records\n"},
         {{"load", path("l3")}, 1, {}, {"malformed closing line"}, dump + "# end two records\n"},
-        // del: a short value is a prefix that must match exactly one record.
         {{"create", d, "4"}, 0},
         {{"put", d, "-"}, 0, {}, {}, "ab01x\nab02x\nac01x\nb\\x00\\x00\\x00x\nzz99x\n"},
         {{"del", d, "ab"}, 1, {}, {"more than one record", "ab01", "ab02"}},
@@ -499,17 +463,14 @@ TEST_F(Tool, ExitStatusesAndMessages) {
         {{"get", d, "ac01"}, 1},
         {{"del", d, "b"}, 0},   // a value filled with zero bytes is still found
         {{"del", d, "q"}, 1, {}, {"no record with key 0 beginning with \"q\""}},
-        // Keys from standard input, one per line; a bad line is reported by number, the others done.
         {{"del", d, "-"}, 1, {}, {"line 2: no record"}, "ab01\nnone\nzz\n"},
         {{"scan", d}, 0, {"=ab02x\n"}},
     });
     json_table({{{"check", path("data.csv"), "--json"}, 1, {{"/status", "not_isam"}}}});
-    // Output that cannot be written (standard output on /dev/full) fails the command.
     out_link = "/dev/full";
     table({{{"scan", f}, 1}, {{"dump", f}, 1, {}, {"No space left"}}});
     out_link.clear();
 
-    // An interrupt ends a command with 130 after it detached.
     Writer w = writer(f, "ccccRRRfour", "w");
     ::kill(w.pid, SIGINT);
     Result r = finish(w.pid, "w");
@@ -519,7 +480,6 @@ TEST_F(Tool, ExitStatusesAndMessages) {
     table({{{"get", f, "cccc"}, 0, {"=ccccRRRfour\n"}}});
 }
 
-// On a terminal the progress line is erased before the closing message.
 TEST_F(Tool, ProgressLineIsErased) {
     init_config();
     std::string dump = "# kisam dump 1\n# keys 6\n";
@@ -551,7 +511,6 @@ TEST_F(Tool, ImportAndExportCsv) {
     init_config();
     const std::string f = path("cust");
     const std::string fields = "id:4,name:6,city:5,rest:*";
-    // Columns in another order than the fields: the header says which is which.
     spit(path("in.csv"),
         "name,id,rest,city\r\n"                      // 1
         "smith,C001,plain,NYC\r\n"                   // 2
@@ -563,7 +522,6 @@ TEST_F(Tool, ImportAndExportCsv) {
         "again,C001,dup,NYC\n"                       // 9: key 0 present already
         "\n"                                         // 10: blank, skipped
         "last,C007,no newline at the end,SF");       // 11
-    // Out again: trailing blanks of the fixed fields dropped, quotes only where needed.
     const std::string csv = "id,name,city,rest\r\nC001,smith,NYC,plain\r\nC002,\"jo,nes\",LA,\"says \"\"hi\"\"\nand more\"\r\n"
                             "C003,Mmmmm,Z\xc3\xbcri,x\r\nC007,last,SF,no newline at the end\r\n";
     spit(path("out.csv"), csv);
@@ -577,16 +535,13 @@ TEST_F(Tool, ImportAndExportCsv) {
         {{"scan", f}, 0, {"=C001smith NYC  plain\nC002jo,nesLA   says \"hi\"\\x0aand more\nC003Mmmmm Z\\xc3\\xbcrix\n"
                           "C007last  SF   no newline at the end\n"}},
         {{"export", f, "--fields", fields}, 0, {"=" + csv}},
-        // ... which imports into an empty file as the same records.
         {{"create", path("copy"), "4,6"}, 0},
         {{"import", path("copy"), path("out.csv"), "--fields", fields}, 0},
-        // Without --fields: a field per key, then the rest.
         {{"export", f}, 0, {"key0,key1,rest\r\nC001,smith,NYC  plain\r\n"}},
     });
     const std::string before = run({"dump", f}).out;
     EXPECT_EQ(run({"dump", path("copy")}).out.substr(20), before.substr(20));
 
-    // JSON lines, one object per record, that a JSON parser reads back.
     Result r = run({"export", f, "--json", "--fields", fields});
     EXPECT_EQ(r.rc, 0) << r.err;
     std::vector<json> docs;
@@ -597,8 +552,7 @@ TEST_F(Tool, ImportAndExportCsv) {
     EXPECT_EQ(docs[1]["rest"], "says \"hi\"\nand more");
     EXPECT_EQ(docs[2]["city"], "Z\xc3\xbcri");
 
-    // Layouts that cannot be: the first fields must be the keys, each as wide as its key.
-    // Refused (2) before anything is read or written, naming the field and the key.
+    // Layouts whose first fields are not the keys: refused (2) with nothing written.
     const struct { const char *cmd, *fields, *says; } refused[] = {
         {"import", "id:4,name:10,city:5,rest:*", "the field \"name\" is 10 bytes, key 1 is 6 bytes"},
         {"import", "id:3,name:6,city:5,rest:*", "the field \"id\" is 3 bytes, key 0 is 4 bytes"},
@@ -616,8 +570,6 @@ TEST_F(Tool, ImportAndExportCsv) {
         EXPECT_NE(::access(out.c_str(), F_OK), 0) << c.fields << ": nothing written";
     }
     EXPECT_EQ(run({"dump", f}).out, before) << "nothing stored";
-    // A header without a field of the layout: nothing loaded, said so.  A quote never
-    // closed swallows the rest: every line of it is named.
     spit(path("h.csv"), "id,nom,city,rest\nC100,x,y,z\n");
     spit(path("q.csv"), "id,name,city,rest\nC200,ok,x,y\nC201,\"open,x,y\nC202,z,x,y\n");
     table({{{"import", f, path("h.csv"), "--fields", fields}, 1, {}, {"no column \"name\"", "imported 0 records"}},
@@ -631,8 +583,7 @@ TEST_F(Tool, JsonAndRawOutput) {
     table({
         {{"create", f, "3"}, 0},
         {{"put", f, "-"}, 0, {}, {}, "abcM\\xc3\\xbcller \"q\" \\\\ \\x01\nbinraw\\xff\\x00end\n"},
-        // Bytes that are not UTF-8: U+FFFD in the string, which any parser reads, and the
-        // bytes exactly in NAME_base64 (for a key: keys_base64, every key).
+        // Not UTF-8: U+FFFD in the string, the exact bytes in NAME_base64.
         {{"get", f, "bin", "--json"}, 0, {"={\"length\":11,\"keys\":[\"bin\"],\"record\":\"binraw\xef\xbf\xbd\\u0000end\","
                                           "\"record_base64\":\"YmlucmF3/wBlbmQ=\"}\n"}},
         {{"put", f, "\\xffzzkey\\xfe"}, 0},
@@ -640,8 +591,6 @@ TEST_F(Tool, JsonAndRawOutput) {
         {{"scan", f, "--json", "--json-array"}, 2},
         {{"scan", f, "--json", "--raw"}, 2},
     });
-    // scan --json is JSON Lines (each line an object); --json-array one document (what
-    // json.load reads).  Bytes that are not UTF-8 come exactly in NAME_base64.
     Result r = run({"scan", f, "--json"});
     size_t lines = 0;
     for (size_t at = 0, nl; (nl = r.out.find('\n', at)) != std::string::npos; at = nl + 1, ++lines)
@@ -662,7 +611,6 @@ TEST_F(Tool, JsonAndRawOutput) {
         {{"check", dir, "--json"}, 3, {{"/status", "unreadable"}}},
     });
 
-    // stat --json while a program holds the file open: the writer, as stat opens nothing.
     Writer w = writer(f, "xyz1", "w");
     json_table({{{"stat", f, "--json"}, 0, {{"/files#", 1}, {"/files/0/name", f}, {"/files/0/users", 1}}}});
     end(w);
@@ -672,7 +620,6 @@ TEST_F(Tool, StatSeesProcessesAndTheDead) {
     init_config();
     const std::string f = path("s");
     ASSERT_EQ(run({"create", f, "4"}).rc, 0);
-    // Writers that stay attached with the file open; stat --every waits for the first.
     pid_t st = start({"stat", "--every", "1", "--count", "1"}, "/dev/null", "st");
     ::usleep(300000);
     Writer w[2] = {writer(f, "abcdEFGH", "w0"), writer(f, "wxyz1234", "w1")};
@@ -680,8 +627,7 @@ TEST_F(Tool, StatSeesProcessesAndTheDead) {
     EXPECT_EQ(r.rc, 0) << r.err;
     EXPECT_TRUE(has(r.out, "waiting for a program to attach") && has(r.out, "shared area at")) << r.out;
     table({{{"stat"}, 0, {"processes 3 attached", "used by 2 processes", "pid " + std::to_string(w[0].pid)}}});
-    // One writer dies without detaching; the next attach (this stat's own) cleans it up,
-    // and stat says so, while the other keeps the area.
+    // A writer killed: stat's own attach cleans it up and says so.
     ::kill(w[1].pid, SIGKILL);
     end(w[1]);
     const std::string dead = std::to_string(w[1].pid);
@@ -691,13 +637,11 @@ TEST_F(Tool, StatSeesProcessesAndTheDead) {
     table({{{"get", f, "abcd"}, 0, {"=abcdEFGH\n"}}});
 }
 
-// Records for people: where the locale is UTF-8, valid characters other than controls
-// are shown as they are, and what is shown reads back as the same bytes; the dump form
-// is the same in every locale.
+// In a UTF-8 locale valid characters show as they are and read back as the same bytes;
+// the dump is the same in every locale.
 TEST_F(Tool, TextFormFollowsTheLocale) {
     init_config();
     const std::string f = path("u");
-    // "Müller", a C0 and a C1 control character, and a byte that is not UTF-8.
     const std::string shown = "abcM\xc3\xbcller\\x01\\xc2\\x85\\xff\n";
     table({{{"create", f, "3"}, 0},
            {{"put", f, "abcM\\xc3\\xbcller\\x01\\xc2\\x85\\xff"}, 0},
@@ -713,8 +657,7 @@ TEST_F(Tool, TextFormFollowsTheLocale) {
     table({{{"get", f, "abc"}, 0, {"=" + shown}}});
 }
 
-// A reader that goes away ('kisam scan FILE | head -1') is a normal end for every command
-// that writes: status 0, no message, and nothing left behind.
+// A reader that goes away ('| head -1') is a normal end: status 0, no message.
 TEST_F(Tool, ClosedOutputPipeIsANormalEnd) {
     init_config();
     const std::string f = path("p");
@@ -734,9 +677,8 @@ TEST_F(Tool, ClosedOutputPipeIsANormalEnd) {
     table(cases);
 }
 
-// Writing fails: a disk that fills (a file-size limit stands for it) and a sync that fails
-// at a release.  Every failure reaches the exit status with the library's report; a load
-// says how many records it stored; a dump leaves nothing under its output name.
+// A full disk and failed syncs reach the exit status; what a load says it stored is
+// what the file holds; a failed dump leaves nothing under its name.
 TEST_F(Tool, FullDiskAndFailedSync) {
     init_config();
     std::string dump = "# kisam dump 1\n# keys 6\n";
@@ -745,14 +687,12 @@ TEST_F(Tool, FullDiskAndFailedSync) {
         dump += std::string(b, std::snprintf(b, sizeof b, "300 K%05d", i)) + std::string(294, 'x') + "\n";
     dump += "# end 2000 records\n";
     spit(path("big.dump"), dump);
-    // The number after `word` in `err`, or -1.
     const auto stored = [](const std::string& err, const std::string& word) {
         const size_t at = err.find(word);
         return at == std::string::npos ? -1L : std::strtol(err.c_str() + at + word.size(), nullptr, 10);
     };
 
-    // Above the undo journal's first size and the redo log's first 1 MiB, below what the
-    // log of the whole load needs.  The summary is what the file holds.
+    // Past the journal's and the log's first sizes, below what the whole load needs.
     fsize_limit = 1024 * 1024 + 64 * 1024;
     Result r = run({"load", path("big"), path("big.dump")});
     fsize_limit = -1;
@@ -763,8 +703,6 @@ TEST_F(Tool, FullDiskAndFailedSync) {
     EXPECT_LT(n, 2000) << r.err;
     table({{{"scan", path("big"), "--count"}, 0, {"=" + std::to_string(n) + "\n"}}});
 
-    // A dump to a full disk: the file that was under the name stays as it was, a new name
-    // does not appear, and no temporary is left.
     spit(path("old.dump"), "an older dump\n");
     fsize_limit = 4096;
     table({{{"dump", path("big"), path("old.dump")}, 1, {}, {"cannot write", "was not written"}},
@@ -776,11 +714,7 @@ TEST_F(Tool, FullDiskAndFailedSync) {
     table({{{"dump", path("big"), path("old.dump")}, 0}});
     EXPECT_EQ(slurp(path("old.dump")), run({"dump", path("big")}).out);
 
-    // With the data-changed mark cleared at every release, the third sync and all after
-    // it fail: the mark's before the first page a load must write back, or the
-    // checkpoint's when the last close brings the file up to date.  Each fails the
-    // command with the library's report; what the tool says it stored is what the file
-    // holds afterwards (the log keeps what the file could not take), and it checks sound.
+    // Mark cleared at every release, the third sync and all after it failing.
     init_config({"--track-changes", "--clear-on-release"});
     std::string csv = "key0,rest\n";
     for (int i = 0; i < 300; ++i) csv += std::string(b, std::snprintf(b, sizeof b, "C%05d,row %d\n", i, i));
@@ -803,8 +737,7 @@ TEST_F(Tool, FullDiskAndFailedSync) {
         table({{{"scan", file, "--count"}, 0, {"=" + std::to_string(stored(r.err, c.stored)) + "\n"}},
                {{"check", file}, 0}});
     }
-    // With the mark synced when it changes, a close whose sync fails (the third: the log's,
-    // the file's, then the log's new header) fails the tool, and loses nothing.
+    // Mark synced when it changes: a close whose sync fails fails the tool, loses nothing.
     init_config({"--track-changes", "--sync-on-mark"});
     ASSERT_EQ(run({"create", path("closed"), "6"}).rc, 0);
     failing("KISAM_TEST_FAIL_FDATASYNC", 3);
@@ -813,10 +746,7 @@ TEST_F(Tool, FullDiskAndFailedSync) {
     table({{{"get", path("closed"), "K00001"}, 0}});
 }
 
-// The tool waiting for a lock that another process holds (lock_holder holds a file's
-// control lock): it says whom it waits for, an interrupt stops it with nothing written
-// and exit status 130, and a hangup that was ignored when it started ('nohup') stays
-// ignored.
+// The tool waiting for a control lock lock_holder holds.
 class ToolWait : public ToolInstallation {
 protected:
     pid_t holder = -1;
@@ -851,14 +781,13 @@ protected:
         release();
         ToolInstallation::TearDown();
     }
-    // Lets the holder go and collects it.
     void release() {
         if (holder < 0) return;
         ::close(holder_in);
         EXPECT_EQ(wait_for(holder), 0) << "the holder failed";
         holder = -1;
     }
-    // Starts 'put f abcdRECORD' and returns once it says whom it waits for (10 s at most).
+    // Returns once the put says whom it waits for.
     pid_t waiting_put(const std::string& record = "abcdRECORD") {
         pid_t pid = start({"put", path("f"), record});
         const std::string says = "waiting for process " + std::to_string(holder) + " (holds the control lock of " + dir + "/f)";
@@ -886,7 +815,7 @@ TEST_F(ToolWait, AnInterruptDuringAWaitStopsWithNothingWritten) {
         EXPECT_TRUE(has(r.err, "kisam put: interrupted")) << r.err;
         EXPECT_LT(secs, 5.0) << "the interrupt waited for the holder";
     }
-    // A hangup ignored when the command started ('nohup') stays ignored.
+    // A hangup ignored at the start ('nohup') stays ignored.
     ignore_hup = true;
     pid_t pid = waiting_put("wxyzRECORD");
     ::kill(pid, SIGHUP);
@@ -898,9 +827,6 @@ TEST_F(ToolWait, AnInterruptDuringAWaitStopsWithNothingWritten) {
            {{"get", path("f"), "wxyz"}, 0, {"=wxyzRECORD\n"}}});
 }
 
-// kisam backup, kisam compact, and the settling of a pending rollback by the commands
-// that read a file directly (check, info, dump).
-
 class Backup : public ToolInstallation {
 protected:
     void SetUp() override {
@@ -909,7 +835,6 @@ protected:
         init_config({"--buffers", "64"});
     }
 
-    // A dump of n records K<7 digits> with a second key and a payload of varying length.
     static std::string dump_of(int n) {
         std::string d = "# kisam dump 1\n# keys 8,6\n";
         char b[200];
@@ -922,10 +847,7 @@ protected:
     }
 };
 
-// Backups taken while another process loads records (the library's backup under load,
-// checked against every call: backup_mp_test): each is sound and holds the load's first
-// m records, m at a boundary of the loader's batches (it writes 256 records under one
-// hold of the control lock).  Whether one lands inside the load is up to the scheduler.
+// Each backup taken under a load is sound and a prefix of it, cut at a batch of 256.
 TEST_F(Backup, BackupsOfAFileBeingWrittenAreSoundPrefixes) {
     const std::string src = dump_of(100000), f = path("live"), dest = path("copy");
     spit(path("in.dump"), src);
@@ -948,9 +870,6 @@ TEST_F(Backup, BackupsOfAFileBeingWrittenAreSoundPrefixes) {
     EXPECT_EQ(temporaries(), "") << "a temporary was left";
 }
 
-// A backup that fails (DEST in a directory that does not exist, a disk that fills while
-// the copy is written, a source that does not check sound) leaves nothing under DEST,
-// and an existing DEST as it was.
 TEST_F(Backup, AFailedBackupLeavesNothing) {
     const std::string f = path("src");
     spit(path("in.dump"), dump_of(3000));
@@ -971,22 +890,18 @@ TEST_F(Backup, AFailedBackupLeavesNothing) {
     EXPECT_EQ(temporaries(), "") << "a temporary was left";
 }
 
-// Half the records deleted: compact halves the file (or better, within a page per key), keeps every
-// record and every key's order, and the result checks sound; in both control-page sizes
-// and with key 0 kept in the records or in its index only.
+// Half the records deleted: compact halves the file and keeps every record and order.
 TEST_F(Backup, CompactGivesBackWhatDeletesFreed) {
     spit(path("in.dump"), dump_of(4000));
     std::string del;
     char b[32];
     for (int i = 0; i < 4000; i += 2) del += std::string(b, size_t(std::snprintf(b, sizeof b, "K%07d\n", i)));
-    // What info or stat estimates compact would give back.
     auto estimate = [&](const char* cmd, const std::string& f) {
         const std::string out = run({cmd, f}).out;
         const size_t at = out.find("compaction would give back about ");
         EXPECT_NE(at, std::string::npos) << out;
         return at == std::string::npos ? -1LL : std::atoll(out.c_str() + at + 33);
     };
-    // A line of info's output, from its first word on.
     auto line = [](const std::string& out, const char* start) {
         const size_t a = out.find(start);
         return a == std::string::npos ? "(none)" : out.substr(a, out.find('\n', a) + 1 - a);
@@ -1001,7 +916,6 @@ TEST_F(Backup, CompactGivesBackWhatDeletesFreed) {
         EXPECT_LE(estimate("info", f), full / 8) << "a file just loaded has little to give back";
         table({{{"del", f, "-"}, 0, {}, {}, del}});
         EXPECT_EQ(size_of(f), full) << "deletes give nothing back by themselves";
-        // info and stat estimate what compact gives back: here about half the file.
         for (const char* cmd : {"info", "stat"}) {
             const long long est = estimate(cmd, f);
             EXPECT_GE(est, full / 3) << cmd;
@@ -1011,18 +925,14 @@ TEST_F(Backup, CompactGivesBackWhatDeletesFreed) {
         const std::string info = run({"info", f}).out;
         table({{{"compact", f}, 0, {"2000 records", "given back"}}, {{"check", f}, 0},
                {{"dump", f}, 0, {"=" + keys0}}, {{"scan", f, "--key", "1"}, 0, {"=" + keys1}},
-               // Same format: the control page's kind and where key 0 is kept.
                {{"info", f}, 0, {line(info, "format "), line(info, "key 0 stored")}}});
-        // Denser than half is fine: the rewrite fills key 0's index pages, which records
-        // written one by one leave half full.
+        // Denser than half: the rewrite fills the index pages.
         EXPECT_LE(size_of(f), full / 2 + 2 * 1024) << full;
         EXPECT_GE(size_of(f), full * 2 / 5) << full;
     }
     EXPECT_EQ(temporaries(), "") << "a temporary was left";
 }
 
-// Compact is refused while another process has the file open, and the file is left as it
-// was; once that process is gone it goes through.
 TEST_F(Backup, CompactRefusedWhileTheFileIsOpenElsewhere) {
     const std::string f = path("busy");
     spit(path("in.dump"), dump_of(500));
@@ -1036,10 +946,8 @@ TEST_F(Backup, CompactRefusedWhileTheFileIsOpenElsewhere) {
     EXPECT_EQ(temporaries(), "") << "a temporary was left";
 }
 
-// A load stopped by a full disk from its n-th page write on may leave its last call's
-// rollback waiting in the journal; check (and info, dump) run straight after must apply
-// it first and find the file sound, never call it damaged.  When the rollback cannot be
-// applied either, they say that it is pending (status 4), still not damage.
+// A rollback a full disk left pending is applied first by check, info and dump, never
+// called damage; when it cannot be applied either, status 4 says it is pending.
 TEST_F(Backup, CheckSettlesARollbackLeftByAFullDisk) {
     spit(path("in.dump"), dump_of(1000));
     int failed_loads = 0, settled = 0, pending = 0;
@@ -1054,8 +962,6 @@ TEST_F(Backup, CheckSettlesARollbackLeftByAFullDisk) {
         ++failed_loads;
         EXPECT_EQ(r.rc, 1) << r.err;
         if (n == 17 || n == 40 || n == 77) {
-            // The disk still full when check runs: the rollback stays pending, and check
-            // says so (nothing pending after this load: it is simply sound).
             failing("KISAM_TEST_FAIL_PWRITE", 1);
             r = run({"check", f});
             env.clear();
@@ -1064,7 +970,6 @@ TEST_F(Backup, CheckSettlesARollbackLeftByAFullDisk) {
                 << r.rc << ": " << r.err;
             EXPECT_FALSE(has(r.out, "DAMAGED")) << r.out;
         }
-        // Once the disk takes writes again the command applies it first.
         const std::string cmd = n % 3 == 0 ? "info" : n % 3 == 1 ? "dump" : "check";
         r = run({cmd, f});
         settled += has(r.err, "was applied first");
@@ -1077,11 +982,8 @@ TEST_F(Backup, CheckSettlesARollbackLeftByAFullDisk) {
     EXPECT_GT(pending, 0) << "no load left a rollback that a full disk kept pending";
 }
 
-// Calls left in a redo log that a newer version of the library wrote (its writer killed,
-// the segment gone): this version can neither replay the log nor tell whether calls are
-// left in it, and the file on disk lacks them.  check, info and dump say so plainly
-// (status 4), rather than judge or show the file without them; once the log is one this
-// version reads, they write the calls in first.
+// A redo log a newer version wrote: check, info and dump say so (status 4); once the log
+// is one this version reads, they write its calls in first.
 TEST_F(Backup, ALogOfANewerVersionIsSaidToBePending) {
     const std::string f = path("f");
     ASSERT_EQ(run({"create", f, "8,6"}).rc, 0);
@@ -1096,8 +998,7 @@ TEST_F(Backup, ALogOfANewerVersionIsSaidToBePending) {
     table({{{"check", f}, 4, {"LOG PENDING"}, {"newer version", "cannot replay"}},
            {{"info", f}, 4, {}, {"newer version"}},
            {{"dump", f}, 4, {"!K0000001"}, {"newer version"}}});
-    // The same log in another slot: the file, opened in a slot of its own, does not open
-    // without the calls that log may hold.
+    // The same log in another slot: the file does not open without its calls.
     const std::string other = cfg + ".lk.w1";
     ASSERT_EQ(::rename(log.c_str(), other.c_str()), 0);
     if (int id = segment(); id >= 0) ::shmctl(id, IPC_RMID, nullptr);
@@ -1111,11 +1012,9 @@ TEST_F(Backup, ALogOfANewerVersionIsSaidToBePending) {
     table({{{"check", f}, 0, {"!PENDING"}}, {{"get", f, "K0000001"}, 0, {"a record only the log holds"}}});
 }
 
-// kisam dump --salvage, run as a process on files built by the tool and then cut short
-// or damaged.  The oracle is the dump of the intact file and a reading of the intact
-// file's key-0 tree (which pages each record needs: its overflow pages, its tail page and
-// the tree page of its item): every record whose pages survive comes back exactly, and
-// nothing appears that was not a live record -- no deleted record, no old version.
+// dump --salvage on files cut short or damaged.  Oracle: the intact file's dump and the
+// pages each record needs; every record whose pages survive comes back exactly, and
+// nothing appears that was not a live record.
 
 int16_t s16(const std::string& b, size_t off) {
     int16_t v = 0;
@@ -1123,13 +1022,12 @@ int16_t s16(const std::string& b, size_t off) {
     return v;
 }
 
-// The record lines of a dump.
 std::set<std::string> lines_of(const std::string& dump) {
     const std::vector<std::string> v = records_of(dump);
     return {v.begin(), v.end()};
 }
 
-// Where each live record of an intact file lies: key 0 value -> pages it needs.
+// Key 0 value -> the pages its record needs.
 struct Layout {
     size_t header = 0;                                  // 0 or 512: file offset = page - header
     std::map<std::string, std::vector<uint32_t>> pages;
@@ -1184,14 +1082,10 @@ protected:
         init_config();
     }
 
-    // A file of the seeded mix: short records, long ones with overflow chains (some
-    // with a tail of a full 1016 bytes), some deleted, some replaced by other lengths.
-    // Keys: 8 bytes of digits, then 4 bytes; the rest is any byte.
+    // A seeded mix of short and long records, some deleted, some replaced.
     std::string build(const std::string& name, bool key_in_index) {
         const std::string f = path(name);
         std::vector<std::string> create{"create", f, "8,4"};
-        // The key-in-index file also has the 512-byte control page: pages lie 512 bytes
-        // earlier in the file.
         if (key_in_index) create.insert(create.end(), {"--key-in-index", "--small-header"});
         std::mt19937 rng(seed);
         const int lengths[] = {12, 13, 40, 101, 300, 700, 1016, 1018, 1020, 1021, 1500, 2032, 3000, 4064, 7000};
@@ -1215,16 +1109,13 @@ protected:
             if (roll < 2) del.push_back(key);
             else if (roll < 4) repl += escape(record(i)) + "\n";
         }
-        // A few more after the holes, so that they land in reused space.
         for (int i = n; i < n + 15; ++i) more += escape(record(i)) + "\n";
         table({{create, 0}, {{"put", f, "-"}, 0, {}, {}, in}, {del, 0}, {{"put", f, "-", "--replace"}, 0, {}, {}, repl},
                {{"put", f, "-"}, 0, {}, {}, more}, {{"check", f}, 0}});
         return f;
     }
 
-    // Salvages `file` (a copy of the intact image, changed) and checks the promises:
-    // every output record is a live record of the intact file, and every record in
-    // `must` (key 0 values) is in the output.  Returns the output records.
+    // Every output record is a live one of the intact file; every one in `must` is there.
     std::set<std::string> salvage_and_check(const std::string& file, const std::set<std::string>& intact,
                                             const std::map<std::string, std::string>& by_key,
                                             const std::set<std::string>& must, const std::string& what,
@@ -1261,7 +1152,6 @@ protected:
             by_key[rec.substr(0, 8)] = line;   // keys are digits: escaped as themselves
         }
         ASSERT_EQ(by_key.size(), lay.pages.size());
-        // The key-0 values of the records whose pages pass `keep`.
         const auto must_where = [&](const std::function<bool(const std::vector<uint32_t>&)>& keep) {
             std::set<std::string> must;
             for (auto& [k, pages] : lay.pages)
@@ -1275,14 +1165,13 @@ protected:
         };
         const std::set<std::string> all = must_where([](const std::vector<uint32_t>&) { return true; });
 
-        // (a) the intact file: the same records, exit 0, and (d) a load of them is sound.
         table({{{"dump", "--salvage", f, path("rescued.dump")}, 0},
                {{"load", path("new"), path("rescued.dump")}, 0},
                {{"check", path("new")}, 0}});
         EXPECT_EQ(lines_of(slurp(path("rescued.dump"))), intact);
         EXPECT_EQ(lines_of(run({"dump", path("new")}).out), intact);
 
-        // (b) cut at every page boundary and at odd bytes.
+        // Cut at every page boundary and at odd bytes.
         const std::string cut = path("cut");
         std::vector<size_t> cuts;
         for (size_t at = 1024; at <= img.size(); at += 1024) cuts.push_back(at);
@@ -1291,21 +1180,20 @@ protected:
         for (size_t at : cuts) {
             spit(cut, img.substr(0, at));
             salvage_and_check(cut, intact, by_key, whole_below(at), "cut at " + std::to_string(at));
-            if (at == cuts[cuts.size() / 3]) {   // (d) a load of what came back is sound
+            if (at == cuts[cuts.size() / 3]) {   // a load of what came back is sound
                 run({"dump", "--salvage", cut, path("part.dump")});
                 table({{{"load", path("part"), path("part.dump")}, 0}, {{"check", path("part")}, 0}});
             }
         }
 
-        // (c) damage: one page at a time, the records that do not need it come back.
+        // One page damaged at a time: the records that do not need it come back.
         const std::string bad = path("bad");
         auto damage = [&](uint32_t page, const std::string& bytes, size_t at, const std::string& what,
                           uint32_t also = 0) {
             std::string b = img;
             b.replace(page - lay.header + at, bytes.size(), bytes);
             spit(bad, b);
-            // A plain file's records do not need the tree: they come back from the data
-            // pages when the tree cannot vouch for them.
+            // A plain file's records come back from the data pages without the tree.
             const bool tree = !key_in_index && lay.tree.count(page);
             salvage_and_check(bad, intact, by_key, must_where([&](const std::vector<uint32_t>& pages) {
                 return tree || std::none_of(pages.begin(), pages.end(), [&](uint32_t p) { return p == page || p == also; });
@@ -1320,17 +1208,15 @@ protected:
         for (uint32_t p : lay.overflow) {
             if (n++ % 4 != 0) continue;
             damage(p, std::string(1024, '\0'), 0, "zeroed overflow page " + std::to_string(p));
-            // The link now leads to another page: a record with a piece there may be
-            // claimed by two chains, which nothing can settle, so it may be left out.
+            // A record claimed by two chains may be left out.
             std::string link = img.substr(p - lay.header + 4, 4);
             link[1] = char(link[1] ^ 0x24);
             damage(p, link, 4, "overflow link of page " + std::to_string(p), u32(link, 0) & ~0x3FFu);
         }
         for (uint32_t p : lay.tree) damage(p, garbage, 0, "garbage over key-0 index page " + std::to_string(p));
 
-        // Cut short and a key-0 leaf lost: a record that begins in an overflow page is
-        // whole wherever the index cannot vouch for it; a short one there may be the tail
-        // of a record cut away, so it needs another key's tree to vouch for it.
+        // Cut short and a key-0 leaf lost: short records of that leaf may be tails of
+        // records cut away, so they need not come back.
         if (!key_in_index) {
             uint32_t leaf = 0;
             for (uint32_t p : lay.tree)
@@ -1344,7 +1230,6 @@ protected:
             salvage_and_check(bad, intact, by_key, must, "cut short, key-0 leaf " + std::to_string(leaf) + " lost");
         }
 
-        // The control page: without it the key lengths must be given.
         std::string b = img;
         b.replace(0, 512, garbage.substr(0, 512));
         spit(bad, b);
@@ -1360,7 +1245,6 @@ TEST_F(Salvage, KeyInIndexFile) { exercise(true); }
 
 TEST_F(Salvage, UsageAndOddInputs) {
     const std::string f = path("f");
-    // Not an ISAM file at all: the key lengths are asked for; with them, nothing is found.
     spit(path("text"), std::string(5000, 'x'));
     table({
         {{"create", f, "4"}, 0},
