@@ -21,6 +21,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -198,7 +199,16 @@ inline bool run_all(Engine& e, long n, int procs, std::vector<Phase>& out,
                 std::vector<unsigned> mine(order);
                 std::shuffle(mine.begin(), mine.end(), std::mt19937(static_cast<unsigned>(r) + 99));
                 char b[kRecLen + 16], k0[kKey0];
+                // BENCH_READER_DETAIL=1: each reader's own timed pass on stderr (its processor,
+                // wall and processor time, faults, switches), to tell a reader that waited
+                // from one whose reads were slower.
+                struct rusage ru0{}, ru1{};
+                int64_t begun = 0;
                 for (int pass = 0; pass <= timed_passes; ++pass) {
+                    if (pass == 1) {
+                        ::getrusage(RUSAGE_SELF, &ru0);
+                        begun = Clock::now().time_since_epoch().count();
+                    }
                     for (size_t i = 0; rc == 0 && i < mine.size(); ++i) {
                         make_key0(k0, mine[i]);
                         if (!e.find(k0, b) || std::memcmp(b, k0, kKey0) != 0) rc = 3;
@@ -211,6 +221,18 @@ inline bool run_all(Engine& e, long n, int procs, std::vector<Phase>& out,
                     }
                 }
                 const int64_t end = Clock::now().time_since_epoch().count();
+                if (std::getenv("BENCH_READER_DETAIL")) {
+                    ::getrusage(RUSAGE_SELF, &ru1);
+                    auto ms = [](const timeval& a, const timeval& b) {
+                        return (b.tv_sec - a.tv_sec) * 1e3 + (b.tv_usec - a.tv_usec) / 1e3;
+                    };
+                    std::fprintf(stderr,
+                                 "reader %d of %d: processor %d, %.1f ms, user %.1f ms, system %.1f ms, "
+                                 "%ld minor faults, %ld waits, %ld preemptions\n",
+                                 r + 1, k, ::sched_getcpu(), (end - begun) / 1e6, ms(ru0.ru_utime, ru1.ru_utime),
+                                 ms(ru0.ru_stime, ru1.ru_stime), ru1.ru_minflt - ru0.ru_minflt,
+                                 ru1.ru_nvcsw - ru0.ru_nvcsw, ru1.ru_nivcsw - ru0.ru_nivcsw);
+                }
                 if (::write(done[1], &end, sizeof end) != static_cast<ssize_t>(sizeof end)) rc = 4;
                 e.child_close();
                 std::fflush(nullptr);

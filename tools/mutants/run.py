@@ -250,12 +250,20 @@ class Runner:
 
     def configure(self):
         if os.path.exists(os.path.join(self.build, "CMakeCache.txt")):
+            # A tree built before: only its tests' time limit is ours to set.
+            r = subprocess.run(["cmake", "-B", self.build, f"-DKISAM_TEST_TIMEOUT={self.timeout}"],
+                               capture_output=True, text=True)
+            if r.returncode != 0:
+                sys.stderr.write(r.stdout + r.stderr)
+                sys.exit("mutants: configuring the build tree failed")
             return
         # Release flags without debug information and a fast linker: every mutant
         # relinks every test program.  The tests behave the same.
         cmd = ["cmake", "-S", self.tree, "-B", self.build, "-DCMAKE_BUILD_TYPE=RelWithDebInfo",
                "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O2 -DNDEBUG",
-               "-DCMAKE_C_FLAGS_RELWITHDEBINFO=-O2 -DNDEBUG"]
+               "-DCMAKE_C_FLAGS_RELWITHDEBINFO=-O2 -DNDEBUG",
+               # ctest's --timeout does not override a test's own TIMEOUT property.
+               f"-DKISAM_TEST_TIMEOUT={self.timeout}"]
         if shutil.which("ld.lld"):
             cmd += ["-DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=lld", "-DCMAKE_SHARED_LINKER_FLAGS=-fuse-ld=lld",
                     "-DCMAKE_MODULE_LINKER_FLAGS=-fuse-ld=lld"]
