@@ -251,7 +251,7 @@ class Runner:
     def configure(self):
         if os.path.exists(os.path.join(self.build, "CMakeCache.txt")):
             # A tree built before: only its tests' time limit is ours to set.
-            r = subprocess.run(["cmake", "-B", self.build, f"-DKISAM_TEST_TIMEOUT={self.timeout}"],
+            r = subprocess.run(["cmake", "-S", self.tree, "-B", self.build, f"-DKISAM_TEST_TIMEOUT={self.timeout}"],
                                capture_output=True, text=True)
             if r.returncode != 0:
                 sys.stderr.write(r.stdout + r.stderr)
