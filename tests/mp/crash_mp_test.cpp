@@ -31,7 +31,8 @@ const char kRec[] = "abcd-record";
 std::string rec_keyed(char first) { return first + std::string(kRec + 1, sizeof kRec - 1); }
 
 TEST_F(Crash, CommonLockWords) {
-    const std::string f = made("f", {4});
+    ASSERT_EQ(nisclose(create("f", {4})), 0);
+    const std::string f = path("f");
     struct Word {
         const char* name;
         uint32_t* word;
