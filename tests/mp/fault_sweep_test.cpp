@@ -232,30 +232,50 @@ INSTANTIATE_TEST_SUITE_P(
                       Kind{"JournalReservations", Faults::kAlloc, 0, 0}),
     [](const ::testing::TestParamInfo<Kind>& i) { return std::string(i.param.name); });
 
-// Every data-file sync fails in turn on a disk that then drops what it had not written
-// (the kernel reports it once): no returned call is lost, a failed one is whole or
-// absent, and the next process finds a sound file that is not marked as changed.
+// A disk that drops what it had not written when the at-th sync of one file fails (the
+// kernel reports it once): the data file named, or, with no name, the log.
 struct Forget {
     char file[PATH_MAX];
     int at, seen;
     bool hit;
-    std::string good;  // the file as its last good sync left it
+    std::string good;  // the file (the log: up to its records' end) as its last good sync left it
 };
 Forget* g_forget = nullptr;
 
+// The end of slot 0's log records in the file, rounded up to a page.
+size_t log_used() {
+    const isx_file* x = kisam::isx_file_of(0);
+    return (1024 + (x->xf_log_end - x->xf_log_start) + 4095) / 4096 * 4096;
+}
+
 int forgetful_sync(int fd) {
-    if (kt::fd_path(fd) != g_forget->file) return kisam::os_real.fdatasync(fd);
-    if (++g_forget->seen == g_forget->at) {
-        g_forget->hit = true;
-        kt::drop_unwritten(fd, g_forget->good);
+    Forget& f = *g_forget;
+    const bool log = !*f.file;
+    if (log ? !kt::is_log_fd(fd) : kt::fd_path(fd) != f.file) return kisam::os_real.fdatasync(fd);
+    if (++f.seen == f.at) {
+        f.hit = true;
+        if (log) {   // the log back to its good bytes, zeros up to its records' end
+            const std::string zeros(std::max(log_used(), f.good.size()) - f.good.size(), '\0');
+            (void)!::pwrite(fd, zeros.data(), zeros.size(), static_cast<off_t>(f.good.size()));
+            (void)!::pwrite(fd, f.good.data(), f.good.size(), 0);
+        } else {
+            kt::drop_unwritten(fd, f.good);
+        }
         errno = EIO;
         return -1;
     }
     const int r = kisam::os_real.fdatasync(fd);
-    if (r == 0) g_forget->good = kt::slurp(g_forget->file);
+    if (r == 0 && !log) f.good = kt::slurp(f.file);
+    if (r == 0 && log) {
+        f.good.resize(log_used());
+        const ssize_t n = ::pread(fd, f.good.data(), f.good.size(), 0);
+        f.good.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    }
     return r;
 }
 
+// Every data-file sync fails in turn on that disk: no returned call is lost, a failed one
+// is whole or absent, and the next process finds a sound file that is not marked as changed.
 class DataSyncs : public Sweep, public ::testing::WithParamInterface<uint32_t> {};
 
 TEST_P(DataSyncs, EachFailingOnADiskThatDropsWhatItHadNotWritten) {
@@ -312,40 +332,6 @@ INSTANTIATE_TEST_SUITE_P(Marks, DataSyncs, ::testing::Values(0u, 0x1u | 0x2u, 0x
 
 // The same disk under the log, in durable mode, killed at the end and replayed: no call
 // that returned is lost, and calls go on after the failure.
-struct LogForget {
-    int at, seen;
-    bool hit;
-    std::string good;  // the log's bytes up to its records' end at its last good sync
-};
-LogForget* g_log_forget = nullptr;
-
-// The end of slot 0's log records in the file, rounded up to a page.
-size_t log_used() {
-    const isx_file* x = kisam::isx_file_of(0);
-    return (1024 + (x->xf_log_end - x->xf_log_start) + 4095) / 4096 * 4096;
-}
-
-int forgetful_log_sync(int fd) {
-    if (!kt::is_log_fd(fd)) return kisam::os_real.fdatasync(fd);
-    LogForget& f = *g_log_forget;
-    if (++f.seen == f.at) {
-        f.hit = true;
-        const size_t used = std::max(log_used(), f.good.size());
-        const std::string zeros(used - f.good.size(), '\0');
-        (void)!::pwrite(fd, zeros.data(), zeros.size(), static_cast<off_t>(f.good.size()));
-        (void)!::pwrite(fd, f.good.data(), f.good.size(), 0);
-        errno = EIO;
-        return -1;
-    }
-    const int r = kisam::os_real.fdatasync(fd);
-    if (r == 0) {
-        f.good.resize(log_used());
-        const ssize_t n = ::pread(fd, f.good.data(), f.good.size(), 0);
-        f.good.resize(n > 0 ? static_cast<size_t>(n) : 0);
-    }
-    return r;
-}
-
 TEST_F(Sweep, LogSyncsEachFailingOnADiskThatDropsWhatItHadNotWritten) {
     start(pool(kTightPool));
     const std::string f = path("s");
@@ -356,15 +342,15 @@ TEST_F(Sweep, LogSyncsEachFailingOnADiskThatDropsWhatItHadNotWritten) {
         ko::Rec now[64];  // what a failed call left, read back at once
     };
     Out* out = &shared<Out>();
-    LogForget forget{};
-    g_log_forget = &forget;
+    Forget forget{};
+    g_forget = &forget;
     auto run_child = [&](int at) {
         fresh_closed();
         *out = Out{};
         return kt::run_child([&] {
             ::setenv("KISAM_DURABLE", "1", 1);
-            forget = LogForget{at, 0, false, std::string()};
-            kisam::os.fdatasync = forgetful_log_sync;
+            forget = Forget{{}, at, 0, false, {}};
+            kisam::os.fdatasync = forgetful_sync;
             const int fd = nisopen(f.c_str(), ISO_RDWR);
             if (fd < 0) return forget.hit && is_errno > 0 ? 10 : 1;  // the open's own sync
             int i = 0;
