@@ -60,14 +60,11 @@ enum Kind : uint8_t {
 };
 
 struct Event {
-    uint64_t off;
-    uint64_t len;
+    uint64_t off, len;
     uint64_t data;    // arena offset of the bytes (writes, names)
     uint64_t cover;   // syncs
     uint32_t file;    // file index, or the ticket of kReturned
-    uint8_t kind;
-    uint8_t proc;
-    uint8_t pad[2];
+    uint8_t kind, proc, pad[2];
 };
 
 struct FileEnt {
@@ -86,12 +83,11 @@ constexpr int kMaxOps = 1 << 16;
 
 struct Shared {
     pthread_mutex_t mu;
-    uint64_t nev;
-    uint64_t narena;
+    uint64_t nev, narena;
     std::atomic<uint32_t> nticket;
     std::atomic<uint32_t> plain;   // calls made without a bracket
     uint32_t nfiles;
-    int overflow;
+    int overflow;   // an event, its bytes or a file found no room
     char dir[256];
     FileEnt files[kMaxFiles];
     Op ops[kMaxOps];
@@ -639,9 +635,8 @@ struct Outcome {
     int exited;           // the restart process's status (0: it ran to the end)
     int opened, sound;    // sound: the checker, once the restarted program has detached
     int sound_open;       // the checker, with the file open after the recovery
-    int reads_ok;
+    int reads_ok, nrec;
     int read_failed;      // a read returned an error
-    int nrec;
     char why_check[256], why_open[256], why_read[256], open_why[160];
     Rec recs[kMaxRecs];
 };
