@@ -8,6 +8,7 @@
 #include <signal.h>
 #include <sys/time.h>
 
+#include <cstdarg>
 #include <cstdio>
 #include <random>
 
@@ -41,6 +42,18 @@ int attempt(int fd, int op, const char* rec, int size, const char* key) {
     return rc;
 }
 
+// The child's failure: its message on stderr, after the seed that replays it.
+__attribute__((format(printf, 3, 4))) int failed(int code, uint64_t seed, const char* fmt, ...) {
+    std::fprintf(stderr, "seed %llu ", static_cast<unsigned long long>(seed));
+    va_list ap;
+    va_start(ap, fmt);
+    std::vfprintf(stderr, fmt, ap);
+    va_end(ap);
+    return code;
+}
+
+void timer(const struct itimerval& it) { ::setitimer(ITIMER_REAL, &it, nullptr); }
+
 class Abandon : public ot::Env {};
 
 TEST_F(Abandon, AnAbandonedCallIsWholeOrAbsent) {
@@ -51,15 +64,14 @@ TEST_F(Abandon, AnAbandonedCallIsWholeOrAbsent) {
     const int st = kt::run_child([&]() -> int {
         ::alarm(300);
         std::mt19937_64 rng(seed);
-        std::vector<int> lens = kL.lens();
-        int fd = niscreate(file.c_str(), 3, lens.data());
+        const int fd = create("abandon", kL.lens());
         if (fd < 0) return 10;
         ko::Oracle o;
         struct sigaction sa {};
         sa.sa_handler = on_timer;
         sigemptyset(&sa.sa_mask);
         ::sigaction(SIGALRM, &sa, nullptr);
-        struct itimerval it {{0, 250}, {0, 250}};
+        const struct itimerval it {{0, 250}, {0, 250}}, off{};
         long checks = 0;
         // A jump out of a call that grows the library's buffers would leave the allocator half
         // changed: one write and delete without the timer grow them first.
@@ -72,49 +84,30 @@ TEST_F(Abandon, AnAbandonedCallIsWholeOrAbsent) {
             const int gen = before.gen + 1 + static_cast<int>(rng() % 3);
             const int size = 30 + static_cast<int>(rng() % 501);
             const std::string rec = ko::record(kL, id, gen, size);
-            if (i == 0) ::setitimer(ITIMER_REAL, &it, nullptr);
+            if (i == 0) timer(it);
             o.begin(op, id, gen, size);
             const int rc = attempt(fd, op == 'w' ? 0 : op == 'u' ? 1 : 2, rec.data(), size, rec.data());
             if (rc == kAbandoned) {
-                if (const ::testing::AssertionResult r = o.cut(stored(fd, id)); !r) {
-                    std::fprintf(stderr, "seed %llu call %ld: %s\n", static_cast<unsigned long long>(seed), i, r.message());
-                    return 11;
-                }
+                if (const ::testing::AssertionResult r = o.cut(stored(fd, id)); !r) return failed(11, seed, "call %ld: %s\n", i, r.message());
             } else if (rc != 0) {
-                std::fprintf(stderr, "seed %llu call %ld: op %c on record %d failed: is_errno %d\n",
-                             static_cast<unsigned long long>(seed), i, op, id, is_errno);
-                return 12;
+                return failed(12, seed, "call %ld: op %c on record %d failed: is_errno %d\n", i, op, id, is_errno);
             } else {
                 o.end(rc);
             }
             if (i % 5000 == 4999 || i == calls - 1) {
-                struct itimerval off {};
-                ::setitimer(ITIMER_REAL, &off, nullptr);
+                timer(off);
                 ++checks;
                 // A call settles the last abandoned one; the checker reads the disk, so write back first.
                 stored(fd, 0);
                 const ko::Scan got = ko::scan(fd, kL);
                 const ::testing::AssertionResult same = ko::same(o.model(), got.recs);
-                if (!got.ok() || !same) {
-                    std::fprintf(stderr, "seed %llu after %ld calls: %s%s\n", static_cast<unsigned long long>(seed), i + 1,
-                                 got.why.c_str(), same.message());
-                    return 13;
-                }
-                if (kt::write_back(fd) != 0) {
-                    std::fprintf(stderr, "seed %llu after %ld calls: write-back failed: is_errno %d\n",
-                                 static_cast<unsigned long long>(seed), i + 1, is_errno);
-                    return 17;
-                }
-                if (const ::testing::AssertionResult ok = kt::sound(file); !ok) {
-                    std::fprintf(stderr, "seed %llu after %ld calls: %s\n", static_cast<unsigned long long>(seed),
-                                 i + 1, ok.message());
-                    return 14;
-                }
-                ::setitimer(ITIMER_REAL, &it, nullptr);
+                if (!got.ok() || !same) return failed(13, seed, "after %ld calls: %s%s\n", i + 1, got.why.c_str(), same.message());
+                if (kt::write_back(fd) != 0) return failed(17, seed, "after %ld calls: write-back failed: is_errno %d\n", i + 1, is_errno);
+                if (const ::testing::AssertionResult ok = kt::sound(file); !ok) return failed(14, seed, "after %ld calls: %s\n", i + 1, ok.message());
+                timer(it);
             }
         }
-        struct itimerval off {};
-        ::setitimer(ITIMER_REAL, &off, nullptr);
+        timer(off);
         std::printf("%ld calls, %ld abandoned part way, %ld checks sound\n", calls, o.cut_short, checks);
         if (nisclose(fd) != 0) return 15;
         nisunisam();

@@ -25,25 +25,21 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <pthread.h>
-#include <signal.h>
-#include <sys/ipc.h>
 #include <sys/mman.h>
-#include <sys/shm.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <climits>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
 #include <map>
 #include <random>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -64,14 +60,11 @@ enum Kind : uint8_t {
 };
 
 struct Event {
-    uint64_t off;
-    uint64_t len;
+    uint64_t off, len;
     uint64_t data;    // arena offset of the bytes (writes, names)
     uint64_t cover;   // syncs
     uint32_t file;    // file index, or the ticket of kReturned
-    uint8_t kind;
-    uint8_t proc;
-    uint8_t pad[2];
+    uint8_t kind, proc, pad[2];
 };
 
 struct FileEnt {
@@ -90,12 +83,11 @@ constexpr int kMaxOps = 1 << 16;
 
 struct Shared {
     pthread_mutex_t mu;
-    uint64_t nev;
-    uint64_t narena;
+    uint64_t nev, narena;
     std::atomic<uint32_t> nticket;
     std::atomic<uint32_t> plain;   // calls made without a bracket
     uint32_t nfiles;
-    int overflow;
+    int overflow;   // an event, its bytes or a file found no room
     char dir[256];
     FileEnt files[kMaxFiles];
     Op ops[kMaxOps];
@@ -104,6 +96,10 @@ struct Shared {
 
 Shared* sh = nullptr;
 char* arena = nullptr;
+
+// A name or message into a fixed field of a shared record.
+template <size_t N>
+void put(char (&field)[N], std::string_view text) { std::snprintf(field, N, "%.*s", static_cast<int>(text.size()), text.data()); }
 
 // ---- the recorder (in each worker) -------------------------------------------------------
 
@@ -119,10 +115,7 @@ struct MuGuard {
 
 // Mutex held; false when the buffers are full.
 bool append(Kind k, int file, uint64_t off, uint64_t len, const void* data, size_t n, uint64_t cover = 0) {
-    if (sh->nev >= kMaxEvents || sh->narena + n > kArenaBytes) {
-        sh->overflow = 1;
-        return false;
-    }
+    if (sh->nev >= kMaxEvents || sh->narena + n > kArenaBytes) return sh->overflow = 1, false;
     sh->ev[sh->nev++] = Event{off, len, sh->narena, cover, static_cast<uint32_t>(file), k, static_cast<uint8_t>(proc_no), {}};
     if (n) std::memcpy(arena + sh->narena, data, n);
     sh->narena += n;
@@ -143,17 +136,12 @@ int find_file(uint64_t dev, uint64_t ino) {
     return -1;
 }
 
+// A file entry for a new file (an earlier file's inode number may have been reused).
 int new_file(uint64_t dev, uint64_t ino, const char* name) {
-    for (uint32_t i = 0; i < sh->nfiles; ++i)   // an inode number reused by a new file
-        if (sh->files[i].dev == dev && sh->files[i].ino == ino) sh->files[i].ino = 0;
-    if (sh->nfiles >= kMaxFiles) {
-        sh->overflow = 1;
-        return -1;
-    }
-    FileEnt& f = sh->files[sh->nfiles];
-    f.dev = dev;
-    f.ino = ino;
-    std::snprintf(f.name, sizeof f.name, "%s", name);
+    for (int old; (old = find_file(dev, ino)) >= 0;) sh->files[old].ino = 0;
+    if (sh->nfiles >= kMaxFiles) return sh->overflow = 1, -1;
+    sh->files[sh->nfiles] = FileEnt{dev, ino, {}};
+    put(sh->files[sh->nfiles].name, name);
     return static_cast<int>(sh->nfiles++);
 }
 
@@ -222,8 +210,7 @@ int rec_fdatasync(int fd) {
 int rec_rename(const char* from, const char* to) {
     MuGuard g;
     const int r = kisam::os_real.rename(from, to);
-    const char* a = name_in_dir(from);
-    const char* b = name_in_dir(to);
+    const char *a = name_in_dir(from), *b = name_in_dir(to);
     if (r != 0 || !a || !b) return r;
     char names[2 * sizeof(FileEnt::name)];
     const size_t la = std::strlen(a) + 1, lb = std::strlen(b) + 1;
@@ -231,7 +218,7 @@ int rec_rename(const char* from, const char* to) {
     std::memcpy(names + la, b, lb);
     for (uint32_t i = 0; i < sh->nfiles; ++i)
         if (sh->files[i].ino && std::strcmp(sh->files[i].name, a) == 0) {
-            std::snprintf(sh->files[i].name, sizeof sh->files[i].name, "%s", b);
+            put(sh->files[i].name, b);
             append(kRename, i, 0, 0, names, la + lb);
             break;
         }
@@ -242,13 +229,9 @@ void install_recorder(int proc) {
     proc_no = proc;
     std::fill(std::begin(fd_file), std::end(fd_file), -1);
     std::fill(std::begin(fd_dsync), std::end(fd_dsync), false);
-    kisam::os.open = rec_open;
-    kisam::os.pwrite = rec_pwrite;
-    kisam::os.mstore = rec_mstore;
-    kisam::os.ftruncate = rec_ftruncate;
-    kisam::os.fallocate = rec_fallocate;
-    kisam::os.fdatasync = rec_fdatasync;
-    kisam::os.rename = rec_rename;
+    kisam::os.open = rec_open, kisam::os.pwrite = rec_pwrite, kisam::os.mstore = rec_mstore;
+    kisam::os.ftruncate = rec_ftruncate, kisam::os.fallocate = rec_fallocate;
+    kisam::os.fdatasync = rec_fdatasync, kisam::os.rename = rec_rename;
 }
 
 // ---- records -------------------------------------------------------------------------
@@ -263,11 +246,10 @@ struct Rec {
     bool operator==(const Rec& o) const { return id == o.id && gen == o.gen && size == o.size; }
 };
 
+// Half small, a third middling, a fifth over several pages.
 int record_size(std::mt19937_64& rng) {
     const int r = static_cast<int>(rng() % 10);
-    if (r < 5) return 30 + static_cast<int>(rng() % 170);
-    if (r < 8) return 200 + static_cast<int>(rng() % 800);
-    return 1000 + static_cast<int>(rng() % 2001);
+    return r < 5 ? 30 + static_cast<int>(rng() % 170) : r < 8 ? 200 + static_cast<int>(rng() % 800) : 1000 + static_cast<int>(rng() % 2001);
 }
 
 // ---- the installation ------------------------------------------------------------------
@@ -332,14 +314,17 @@ uint64_t rec_hash(const Rec& r) {
     return mix((static_cast<uint64_t>(r.id) << 40) ^ (static_cast<uint64_t>(r.gen) << 20) ^ static_cast<uint64_t>(r.size));
 }
 
-std::map<int, Rec> state_after(const Trace& t, size_t k) {
+// The records the first k calls leave, in order.
+std::vector<Rec> records_after(const Trace& t, size_t k) {
     std::map<int, Rec> s;
     for (size_t i = 0; i < k; ++i) {
         const Op& o = t.ops[i];
         if (o.op == 'd') s.erase(o.id);
         else s[o.id] = Rec{o.id, o.gen, o.size};
     }
-    return s;
+    std::vector<Rec> v;
+    for (const auto& [id, r] : s) v.push_back(r);
+    return v;
 }
 
 void Trace::derive() {
@@ -556,10 +541,9 @@ public:
 
     // Every write up to point kept.
     Image plan_at(uint64_t point) {
-        Image im;
-        im.point = point;
-        im.required = t_.required[point];
         keep_.assign(point, 1);
+        Image im;
+        im.point = point, im.required = t_.required[point];
         return im;
     }
 
@@ -583,38 +567,25 @@ public:
             }
             if (e.kind == kRename) {
                 const char* from = t_.arena.data() + e.data;
-                const char* to = from + std::strlen(from) + 1;
-                auto it = names_.find(from);
-                if (it != names_.end()) {
+                if (auto it = names_.find(from); it != names_.end()) {
                     const uint32_t f = it->second;
                     names_.erase(it);
-                    names_[to] = f;
+                    names_[from + std::strlen(from) + 1] = f;
                 }
                 continue;
             }
-            if (e.kind != kWrite && e.kind != kTrunc && e.kind != kAlloc) continue;
-            if (!keep_[i]) continue;
+            if ((e.kind != kWrite && e.kind != kTrunc && e.kind != kAlloc) || !keep_[i]) continue;
             if (content_.size() <= e.file) content_.resize(e.file + 1);
             std::string& c = content_[e.file];
-            if (e.kind == kTrunc) {
-                c.resize(e.off);
-            } else if (e.kind == kAlloc) {
-                if (c.size() < e.off + e.len) c.resize(e.off + e.len);
-            } else {
-                uint64_t off = e.off, len = e.len, src = e.data;
-                if (static_cast<int64_t>(i) == im.torn) {
-                    const uint64_t cut = im.torn_at - e.off;
-                    if (im.torn_half) {
-                        off += cut;
-                        src += cut;
-                        len -= cut;
-                    } else {
-                        len = cut;
-                    }
-                }
-                if (c.size() < off + len) c.resize(off + len);
-                std::memcpy(&c[off], t_.arena.data() + src, len);
+            uint64_t off = e.off, len = e.len, src = e.data;
+            if (static_cast<int64_t>(i) == im.torn) {   // only the part before, or from, torn_at
+                const uint64_t cut = im.torn_at - e.off;
+                if (im.torn_half) off += cut, src += cut, len -= cut;
+                else len = cut;
             }
+            if (e.kind == kTrunc) c.resize(e.off);
+            else if (c.size() < off + len) c.resize(off + len);
+            if (e.kind == kWrite) std::memcpy(&c[off], t_.arena.data() + src, len);
         }
     }
 
@@ -625,10 +596,7 @@ public:
         struct stat lst;
         const mode_t mode = ::stat((dir + "/kisamconfig.lk").c_str(), &lst) == 0 ? (lst.st_mode & 0777) : 0644;
         for (const std::string& name : list_dir(dir))
-            if (!names_.count(name) && ::unlink((dir + "/" + name).c_str()) != 0) {
-                *why = "cannot remove " + name;
-                return false;
-            }
+            if (!names_.count(name) && ::unlink((dir + "/" + name).c_str()) != 0) return *why = "cannot remove " + name, false;
         for (const auto& [name, f] : names_) {
             const std::string p = dir + "/" + name;
             const int fd = ::open(p.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, mode);
@@ -638,23 +606,15 @@ public:
                       ::ftruncate(fd, static_cast<off_t>(c.size())) == 0;
             constexpr size_t kBlock = 4096;
             static const char zeros[kBlock] = {};
-            for (size_t at = 0; ok && at < c.size();) {
-                auto zero = [&](size_t b) { return std::memcmp(c.data() + b, zeros, std::min(kBlock, c.size() - b)) == 0; };
-                if (zero(at)) {
-                    at += kBlock;
-                    continue;
-                }
-                size_t end = at + kBlock;
-                while (end < c.size() && !zero(end)) end += kBlock;
+            auto zero = [&](size_t b) { return std::memcmp(c.data() + b, zeros, std::min(kBlock, c.size() - b)) == 0; };
+            for (size_t at = 0, end; ok && at < c.size(); at = end) {   // runs of zero, or non-zero, blocks
+                const bool z = zero(at);
+                for (end = at + kBlock; end < c.size() && zero(end) == z;) end += kBlock;
                 end = std::min(end, c.size());
-                ok = ::pwrite(fd, c.data() + at, end - at, static_cast<off_t>(at)) == static_cast<ssize_t>(end - at);
-                at = end;
+                ok = z || ::pwrite(fd, c.data() + at, end - at, static_cast<off_t>(at)) == static_cast<ssize_t>(end - at);
             }
             if (fd >= 0) ::close(fd);
-            if (!ok) {
-                *why = "cannot write " + p + ": " + std::strerror(errno);
-                return false;
-            }
+            if (!ok) return *why = "cannot write " + p + ": " + std::strerror(errno), false;
         }
         return true;
     }
@@ -675,9 +635,8 @@ struct Outcome {
     int exited;           // the restart process's status (0: it ran to the end)
     int opened, sound;    // sound: the checker, once the restarted program has detached
     int sound_open;       // the checker, with the file open after the recovery
-    int reads_ok;
+    int reads_ok, nrec;
     int read_failed;      // a read returned an error
-    int nrec;
     char why_check[256], why_open[256], why_read[256], open_why[160];
     Rec recs[kMaxRecs];
 };
@@ -696,18 +655,18 @@ int restart(const std::string& file) {
     out->opened = 1;
     const kisam::check::Report open = kisam::check::check_file(file);
     out->sound_open = open.ok;
-    std::snprintf(out->why_open, sizeof out->why_open, "%s", open.error.c_str());
+    put(out->why_open, open.error);
     const ko::Scan got = ko::scan(fd, kL);
     out->read_failed = got.read_failed;
     out->reads_ok = got.ok() && got.recs.size() <= static_cast<size_t>(kMaxRecs);
-    std::snprintf(out->why_read, sizeof out->why_read, "%s", got.ok() ? "more records than the calls wrote" : got.why.c_str());
+    put(out->why_read, got.ok() ? "more records than the calls wrote" : got.why);
     for (const auto& [id, r] : got.recs)
         if (out->nrec < kMaxRecs) out->recs[out->nrec++] = Rec{id, r.gen, r.size};
     nisclose(fd);
     nisunisam();
     const kisam::check::Report rest = kisam::check::check_file(file);
     out->sound = rest.ok;
-    std::snprintf(out->why_check, sizeof out->why_check, "%s", rest.error.c_str());
+    put(out->why_check, rest.error);
     return 0;
 }
 
@@ -723,12 +682,6 @@ struct Verdict {
     uint32_t prefix_len;   // the longest prefix of calls whose records these are
     std::string why;
 };
-
-std::vector<Rec> records_after(const Trace& t, size_t k) {
-    std::vector<Rec> v;
-    for (const auto& [id, r] : state_after(t, k)) v.push_back(r);
-    return v;
-}
 
 Verdict judge(const Trace& t, const Image& im) {
     Verdict v{};
@@ -747,12 +700,8 @@ Verdict judge(const Trace& t, const Image& im) {
         std::sort(cands.rbegin(), cands.rend());
         std::vector<Rec> got(out->recs, out->recs + out->nrec);
         std::sort(got.begin(), got.end());
-        for (uint32_t k : cands)
-            if (records_after(t, k) == got) {
-                v.prefix = true;
-                v.prefix_len = k;
-                break;
-            }
+        for (auto k = cands.begin(); k != cands.end() && !v.prefix; ++k)
+            if (records_after(t, *k) == got) v.prefix = true, v.prefix_len = *k;
         v.exact = v.prefix && records_after(t, im.required) == got;
         if (!v.prefix && v.why.empty()) v.why = std::to_string(out->nrec) + " records that no prefix of the calls leaves";
     }
@@ -811,6 +760,12 @@ void print_figures(const char* what, const Tally* tally) {
     std::fflush(stdout);
 }
 
+// A failure of the set-up, not of an image: reported, and the run given up.
+bool setup_failed(const std::string& why) {
+    ADD_FAILURE() << why;
+    return false;
+}
+
 uint64_t env_u64(const char* name, uint64_t fallback) {
     const char* s = std::getenv(name);
     return s && *s ? std::strtoull(s, nullptr, 0) : fallback;
@@ -838,7 +793,7 @@ protected:
         pthread_mutexattr_setpshared(&a, PTHREAD_PROCESS_SHARED);
         pthread_mutex_init(&sh->mu, &a);
         pthread_mutexattr_destroy(&a);
-        std::snprintf(sh->dir, sizeof sh->dir, "%s", site.dir().c_str());
+        put(sh->dir, site.dir());
         // The empty file, made by a process that then detaches: the disk as the workload finds it.
         const std::string file = site.path(kData);
         std::vector<int> lens = kL.lens();
@@ -848,51 +803,34 @@ protected:
             nisunisam();
             return 0;
         });
-        if (rc != 0) {
-            ADD_FAILURE() << "cannot create " << file;
-            return false;
-        }
+        if (rc != 0) return setup_failed("cannot create " + file);
         site.remove_segment();
-        t->seed = seed;
-        t->procs = procs;
-        t->durable = durable;
+        t->seed = seed, t->procs = procs, t->durable = durable;
         t->snap_names = list_dir(site.dir());
         t->snap_data.clear();
         for (const std::string& name : t->snap_names) {
             t->snap_data.push_back(kt::slurp(site.path(name)));
             struct stat st;
             if (::stat(site.path(name).c_str(), &st) != 0) return false;
-            FileEnt& f = sh->files[sh->nfiles++];
-            f.dev = st.st_dev;
-            f.ino = st.st_ino;
-            std::snprintf(f.name, sizeof f.name, "%s", name.c_str());
+            sh->files[sh->nfiles] = FileEnt{st.st_dev, st.st_ino, {}};
+            put(sh->files[sh->nfiles++].name, name);
         }
         std::vector<pid_t> pids;
         for (int w = 0; w < procs; ++w)
             pids.push_back(kt::start_child([&, w] { return worker(file, w, seed, calls, durable); }));
         bool ok = true;
-        for (pid_t p : pids) {
-            const int st = kt::wait_child(p);
-            if (st != 0) {
-                ADD_FAILURE() << "a worker ended with status " << st << " (seed " << seed << ")";
-                ok = false;
-            }
-        }
+        for (pid_t p : pids)
+            if (const int st = kt::wait_child(p); st != 0)
+                ok = setup_failed("a worker ended with status " + std::to_string(st) + " (seed " + std::to_string(seed) + ")");
         if (site.remove_segment()) ADD_FAILURE() << "the workload left its shared segment behind";
-        if (sh->overflow) {
-            ADD_FAILURE() << "the event buffers overflowed: raise kMaxEvents, kArenaBytes or kMaxFiles";
-            ok = false;
-        }
+        if (sh->overflow) ok = setup_failed("the event buffers overflowed: raise kMaxEvents, kArenaBytes or kMaxFiles");
         const uint32_t nops = sh->nticket.load();
         t->ev.assign(sh->ev, sh->ev + sh->nev);
         t->arena.assign(arena, sh->narena);
         t->ops.assign(sh->ops, sh->ops + std::min<uint32_t>(nops, kMaxOps));
         t->derive();
         for (size_t k = 0; k < t->ops.size() && ok; ++k)
-            if (t->ops[k].op == 0) {
-                ADD_FAILURE() << "ticket " << k + 1 << " was taken by no call";
-                ok = false;
-            }
+            if (t->ops[k].op == 0) ok = setup_failed("ticket " + std::to_string(k + 1) + " was taken by no call");
         if (!ok) return false;
         // The whole trace replayed is the directory as the workload left it (journals aside).
         Builder b(*t);
@@ -911,11 +849,9 @@ protected:
         for (uint64_t point : {uint64_t(0), uint64_t(t->ev.size())}) {
             Tally tally[kModes]{};
             const Verdict v = run_image(*t, b, site, b.plan_at(point), tally);
-            if (!v.pass || !v.exact) {
-                ADD_FAILURE() << "the directory " << (point ? "after" : "before") << " the workload fails: " << v.why
-                              << (v.exact ? "" : " (not the records of the calls made)");
-                return false;
-            }
+            if (!v.pass || !v.exact)
+                return setup_failed(std::string("the directory ") + (point ? "after" : "before") + " the workload fails: " + v.why +
+                                    (v.exact ? "" : " (not the records of the calls made)"));
         }
         return true;
     }

@@ -27,11 +27,12 @@ protected:
 };
 
 const char kRec[] = "abcd-record";
+// kRec under another key.
+std::string rec_keyed(char first) { return first + std::string(kRec + 1, sizeof kRec - 1); }
 
 TEST_F(Crash, CommonLockWords) {
-    int fd = create("f", {4});
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(nisclose(fd), 0);
+    ASSERT_EQ(nisclose(create("f", {4})), 0);
+    const std::string f = path("f");
     struct Word {
         const char* name;
         uint32_t* word;
@@ -50,13 +51,11 @@ TEST_F(Crash, CommonLockWords) {
             EXPECT_EQ(*w.word, static_cast<uint32_t>(pid)) << "the word still names the dead holder";
             if (!direct) {
                 // Open and close, a record lock and a write needing a fresh buffer get through.
-                fd = nisopen(path("f").c_str(), ISO_RDWR);
+                const int fd = nisopen(f.c_str(), ISO_RDWR);
                 ASSERT_GE(fd, 0) << is_errno;
                 EXPECT_EQ(nislock(fd, "k", 1, 1), 0);
-                char rec[sizeof kRec];
-                std::memcpy(rec, kRec, sizeof rec);
-                rec[0] = static_cast<char>('a' + round++);
-                EXPECT_EQ(niswrite(fd, rec, sizeof rec), 0) << is_errno;
+                const std::string rec = rec_keyed(static_cast<char>('a' + round++));
+                EXPECT_EQ(niswrite(fd, rec.data(), sizeof kRec), 0) << is_errno;
                 EXPECT_EQ(nisclose(fd), 0);
                 EXPECT_NE(*w.word, static_cast<uint32_t>(pid));
             }
@@ -77,7 +76,6 @@ kt::Pipe *g_inside = nullptr, *g_resume = nullptr;
 kt::Faults* g_faults = nullptr;
 TEST_F(Crash, ARollbackKeepsAnOpenMadeDuringTheCall) {
     const int fd = create("f", {4});
-    ASSERT_GE(fd, 0);
     ASSERT_EQ(niswrite(fd, kRec, sizeof kRec), 0);
     kt::Pipe inside, resume, opened, go;
     g_inside = &inside;
@@ -140,8 +138,7 @@ TEST_F(CrashTable, SlotOfAKilledProcessIsReused) {
     EXPECT_EQ(kt::run_child([] { return is_init() == -1 && is_errno == ISE_INITERR ? 0 : 1; }), 0);
     kill(pid);
     EXPECT_EQ(kt::run_child([&] {
-                  if (is_init() != 0) return 1;
-                  return is_env.pid_[is_env.useridx] == is_pid && is_env.useridx == 1 ? 0 : 2;
+                  return is_init() != 0 ? 1 : is_env.pid_[is_env.useridx] == is_pid && is_env.useridx == 1 ? 0 : 2;
               }),
               0);
 }
@@ -180,7 +177,6 @@ protected:
     void SetUp() override {
         CrashTable::SetUp();
         fd_ = create("f", {4});
-        ASSERT_GE(fd_, 0);
         ASSERT_EQ(niswrite(fd_, kRec, sizeof kRec), 0);
         ASSERT_EQ(kt::run_child([&] {
                       ot::become_unattached();
@@ -189,10 +185,7 @@ protected:
                       kisam::test_hook = [](int where, int) {
                           if (where == kisam::kHookTouch) ::raise(SIGKILL);
                       };
-                      char rec[sizeof kRec];
-                      std::memcpy(rec, kRec, sizeof rec);
-                      rec[0] = 'z';
-                      niswrite(cfd, rec, sizeof rec);
+                      niswrite(cfd, rec_keyed('z').data(), sizeof kRec);
                       return 2;
                   }),
                   128 + SIGKILL);
@@ -271,19 +264,10 @@ TEST_F(CrashTable, KilledAnywhereInItsAttachItLeavesNoSlotBehind) {
         if (rc == 0) break;
         ASSERT_EQ(rc, 128 + SIGKILL) << "lock call " << n;
         ++kills;
-        EXPECT_EQ(kt::run_child([] {
-                      kt::become_unattached();
-                      return is_init() == 0 ? 0 : 1;
-                  }),
-                  0)
-            << "killed at lock call " << n << " of its attach, a process kept its slot";
+        EXPECT_EQ(kt::run_child([] { return kt::become_unattached(), is_init() == 0 ? 0 : 1; }), 0) << "killed at lock call " << n << " of its attach, a process kept its slot";
     }
     EXPECT_GT(kills, 1);
 }
-
-}  // namespace
-
-namespace {
 
 // A writer that died with the data-changed mark on disk: the last to leave clears it, and
 // the file is not refused at its next first open.  The pool is smaller than the file, so
@@ -304,12 +288,10 @@ protected:
         const std::vector<unsigned char> h = ot::read_head(f);
         return h.size() > 88 && (h[88] & ISO_DIRTYMARK) != 0;
     }
-    static std::string rec(int i) { return ko::record(kL, i, 0, 600); }
     // Records 0, 1, ... until the mark is on disk; their number, or -1.
     static int write_until_marked(int fd, const std::string& f) {
         for (int i = 0; i < 400; ++i) {
-            std::string r = rec(i);
-            if (niswrite(fd, r.data(), static_cast<int>(r.size())) != 0) return -1;
+            if (niswrite(fd, ko::record(kL, i, 0, 600).data(), 600) != 0) return -1;
             if (marked_on_disk(f)) return i + 1;
         }
         return -1;
@@ -318,18 +300,24 @@ protected:
     static ::testing::AssertionResult holds(int fd, int n, ko::Model also = {}) {
         for (int i = 0; i < n; ++i) also[i] = ko::Rec{0, 600};
         const ko::Scan s = ko::scan(fd, kL, 1);
-        if (!s.ok()) return ::testing::AssertionFailure() << s.why;
-        return ko::same(also, s.recs);
+        return s.ok() ? ko::same(also, s.recs) : ::testing::AssertionFailure() << s.why;
+    }
+    // Left by its last user: the disk is clean and, opened again, the file holds records
+    // 0 .. n-1 and `also`, and is sound.
+    static void left_clean(const std::string& f, int n, const ko::Model& also = {}) {
+        EXPECT_FALSE(marked_on_disk(f)) << "the last to leave clears the mark";
+        const int fd = nisopen(f.c_str(), ISO_RDWR);
+        ASSERT_GE(fd, 0) << "is_errno " << is_errno;
+        EXPECT_TRUE(holds(fd, n, also)) << "the dead writer's calls are all there";
+        ASSERT_EQ(nisclose(fd), 0);
+        EXPECT_TRUE(kt::sound(f));
     }
 };
 
 TEST_F(CrashMarked, MarkOfADeadWriterIsClearedByTheLastToLeave) {
-    int fd = create("f", {4});
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(nisclose(fd), 0);
-    int other = create("g", {4});
+    const std::string f = made("f", {4});
+    const int other = create("g", {4});
     ASSERT_GE(other, 0);
-    const std::string f = path("f");
     int& n = shared<int>();
     pid_t pid = hold([&] {
         ot::become_unattached();
@@ -342,12 +330,7 @@ TEST_F(CrashMarked, MarkOfADeadWriterIsClearedByTheLastToLeave) {
     ASSERT_TRUE(marked) << "the mark is on the disk";
     ASSERT_EQ(nisclose(other), 0);
     nisunisam();  // the last to leave: the area goes
-    EXPECT_FALSE(marked_on_disk(f)) << "the last to leave clears the mark";
-    fd = nisopen(f.c_str(), ISO_RDWR);
-    ASSERT_GE(fd, 0) << "is_errno " << is_errno;
-    EXPECT_TRUE(holds(fd, n)) << "the dead writer's calls are all there";
-    ASSERT_EQ(nisclose(fd), 0);
-    EXPECT_TRUE(kt::sound(f));
+    left_clean(f, n);
 }
 
 // A writer killed at any write or sync of its close: the shared copy says "marked" while
@@ -363,8 +346,7 @@ TEST_F(CrashMarked, WriterKilledWhileItsCloseClearsTheMark) {
             const std::string f = path(name);
             int fd = create(name, {4});
             ASSERT_GE(fd, 0);
-            const std::string r0 = ko::record(kL, 9999, 0, 20);
-            ASSERT_EQ(niswrite(fd, r0.data(), 20), 0);
+            ASSERT_EQ(niswrite(fd, ko::record(kL, 9999, 0, 20).data(), 20), 0);
             n = -1;
             const int rc = kt::run_child([&] {
                 ot::become_unattached();
@@ -380,18 +362,12 @@ TEST_F(CrashMarked, WriterKilledWhileItsCloseClearsTheMark) {
             if (rc != 22) {
                 ASSERT_EQ(rc, 128 + SIGKILL);
                 ++kills;
-                if (marked_on_disk(f)) {
-                    EXPECT_NE(ot::shared_fcp(fd)->is_optbits & ISO_DIRTYMARK, 0) << "the copy forgot the mark";
-                }
+                if (marked_on_disk(f)) { EXPECT_NE(ot::shared_fcp(fd)->is_optbits & ISO_DIRTYMARK, 0) << "the copy forgot the mark"; }
             }
-            EXPECT_TRUE(holds(fd, n, {{9999, ko::Rec{0, 20}}}));
+            const ko::Model also{{9999, ko::Rec{0, 20}}};
+            EXPECT_TRUE(holds(fd, n, also));
             ASSERT_EQ(nisclose(fd), 0);
-            EXPECT_FALSE(marked_on_disk(f)) << "the last close leaves the file clean";
-            fd = nisopen(f.c_str(), ISO_RDWR);
-            ASSERT_GE(fd, 0) << "is_errno " << is_errno;
-            EXPECT_TRUE(holds(fd, n, {{9999, ko::Rec{0, 20}}}));
-            ASSERT_EQ(nisclose(fd), 0);
-            EXPECT_TRUE(kt::sound(f));
+            left_clean(f, n, also);
             if (rc == 22) break;
         }
     }

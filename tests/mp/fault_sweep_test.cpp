@@ -80,16 +80,13 @@ std::vector<Step> workload() {
 // The workload, told to the oracle (and the log); `coded` falls when a call fails without
 // a code of its own, `failed` counts failures other than a missing record.  Whether the
 // last call succeeded.
-bool run(int fd, const std::vector<Step>& w, ko::Oracle& o, bool* coded, ko::Log* log = nullptr,
-         int* failed = nullptr) {
+bool run(int fd, const std::vector<Step>& w, ko::Oracle& o, bool* coded, ko::Log* log = nullptr, int* failed = nullptr) {
     bool ok = true;
     for (const Step& s : w) {
-        const std::string r = record_of(s);
-        const bool had = o.get(s.id).present();
-        const bool changing = changes(s);
+        const bool had = o.get(s.id).present(), changing = changes(s);
         if (changing) o.begin(s.op, s.id, s.gen, s.size);
         if (changing && log) log->begin(0, s.op, s.id, s.gen, s.size);
-        const int rc = perform(fd, s, r);
+        const int rc = perform(fd, s, record_of(s));
         if (changing) o.end(rc);
         if (changing && log) log->end(0, rc, rc < 0 ? is_errno : 0);
         // A failed read of the search must not pass for an absent record.
@@ -119,20 +116,26 @@ int telling_fcntl(int fd, int cmd, struct flock* fl) {
     return r;
 }
 
+kt::Config pool(int16_t maxbuf, uint32_t bits = 0) {
+    kt::Config c;
+    c.maxbuf = maxbuf;
+    c.bits = bits;
+    return c;
+}
+
 class Sweep : public Env {
 protected:
     void SetUp() override { bound(600); }   // each test starts its own installation
 
-    int fresh(const std::string& f) {
-        ::unlink(f.c_str());
-        std::vector<int> lens = kL.lens();
-        int fd = niscreate(f.c_str(), 3, lens.data());
+    // File "s" made anew; its descriptor.
+    int fresh() {
+        ::unlink(path("s").c_str());
+        const int fd = create("s", kL.lens());
         EXPECT_GE(fd, 0);
         return fd;
     }
-
-    void fresh_closed(const std::string& f) {
-        nisclose(fresh(f));
+    void fresh_closed() {
+        nisclose(fresh());
         nisunisam();
     }
 
@@ -145,9 +148,8 @@ protected:
     }
 
     // Calls of kind the workload makes with no fault; with verify, the file must match.
-    int calls_of(const std::string& f, const std::vector<Step>& w, Faults::Kind kind, bool verify,
-                 bool with_close = true) {
-        int fd = fresh(f);
+    int calls_of(const std::vector<Step>& w, Faults::Kind kind, bool verify, bool with_close = true) {
+        const int fd = fresh();
         ko::Oracle o;
         bool coded = true;
         int total;
@@ -159,19 +161,16 @@ protected:
             if (with_close) total = Faults::calls(kind);
         }
         nisunisam();
-        if (verify) {
-            EXPECT_TRUE(coded);
-            EXPECT_TRUE(matches(f, o.model()));
-        }
+        if (verify) { EXPECT_TRUE(coded); }
+        if (verify) { EXPECT_TRUE(matches(path("s"), o.model())); }
         return total;
     }
 
     // Every nth call of kind, once and from then on, through the run and its close.
     void sweep(Faults::Kind kind, const char* what, int stride = 1) {
-        const std::string f = path("s");
         const std::vector<Step> w = workload();
         if (kind == Faults::kAlloc) drop_journals();
-        const int total = calls_of(f, w, kind, true);
+        const int total = calls_of(w, kind, true);
         if (HasFailure()) return;
         ASSERT_GT(total, 0) << what;
         for (Faults::Mode mode : {Faults::kOnce, Faults::kFromThenOn}) {
@@ -180,7 +179,7 @@ protected:
                              " at call " + std::to_string(n) + " of " + std::to_string(total));
                 // Journals are reserved when first made: each run needs its own.
                 if (kind == Faults::kAlloc) drop_journals();
-                int fd = fresh(f);
+                const int fd = fresh();
                 ko::Oracle o;
                 bool coded = true;
                 int failed = 0;
@@ -191,17 +190,13 @@ protected:
                     const bool met = Faults::hit();
                     const int closed = nisclose(fd);
                     if (closed != 0 && is_errno <= 0) coded = false;
-                    if (mode == Faults::kOnce && met) {
-                        EXPECT_EQ(closed, 0) << "the close failed after a fault that had passed: " << is_errno;
-                    }
+                    if (mode == Faults::kOnce && met) { EXPECT_EQ(closed, 0) << "the close failed after a fault that had passed: " << is_errno; }
                     ASSERT_TRUE(Faults::hit()) << "the run no longer reaches the point";
                 }
                 ASSERT_TRUE(coded) << "a call failed without an error code of its own";
-                if (mode == Faults::kOnce) {
-                    ASSERT_LE(failed, 1) << "calls still fail once the fault has passed";
-                }
+                if (mode == Faults::kOnce) { ASSERT_LE(failed, 1) << "calls still fail once the fault has passed"; }
                 nisunisam();
-                ASSERT_TRUE(matches(f, o.model()));
+                ASSERT_TRUE(matches(path("s"), o.model()));
                 ASSERT_LT(::shmget(inst_->key(), 0, 0), 0) << "a segment was left behind";
             }
         }
@@ -224,10 +219,7 @@ class Sweeps : public Sweep, public ::testing::WithParamInterface<Kind> {};
 
 TEST_P(Sweeps, EveryPointOnceAndFromThenOn) {
     const Kind& k = GetParam();
-    kt::Config c;
-    if (k.maxbuf) c.maxbuf = k.maxbuf;
-    c.bits = k.bits;
-    start(c);
+    start(pool(k.maxbuf ? k.maxbuf : kt::Config().maxbuf, k.bits));
     sweep(k.kind, k.name);
 }
 
@@ -240,49 +232,66 @@ INSTANTIATE_TEST_SUITE_P(
                       Kind{"JournalReservations", Faults::kAlloc, 0, 0}),
     [](const ::testing::TestParamInfo<Kind>& i) { return std::string(i.param.name); });
 
-// Every data-file sync fails in turn on a disk that then drops what it had not written
-// (the kernel reports it once): no returned call is lost, a failed one is whole or
-// absent, and the next process finds a sound file that is not marked as changed.
+// A disk that drops what it had not written when the at-th sync of one file fails (the
+// kernel reports it once): the data file named, or, with no name, the log.
 struct Forget {
     char file[PATH_MAX];
     int at, seen;
     bool hit;
-    std::string good;  // the file as its last good sync left it
+    std::string good;  // the file (the log: up to its records' end) as its last good sync left it
 };
 Forget* g_forget = nullptr;
 
+// The end of slot 0's log records in the file, rounded up to a page.
+size_t log_used() {
+    const isx_file* x = kisam::isx_file_of(0);
+    return (1024 + (x->xf_log_end - x->xf_log_start) + 4095) / 4096 * 4096;
+}
+
 int forgetful_sync(int fd) {
-    if (kt::fd_path(fd) != g_forget->file) return kisam::os_real.fdatasync(fd);
-    if (++g_forget->seen == g_forget->at) {
-        g_forget->hit = true;
-        kt::drop_unwritten(fd, g_forget->good);
+    Forget& f = *g_forget;
+    const bool log = !*f.file;
+    if (log ? !kt::is_log_fd(fd) : kt::fd_path(fd) != f.file) return kisam::os_real.fdatasync(fd);
+    if (++f.seen == f.at) {
+        f.hit = true;
+        if (log) {   // the log back to its good bytes, zeros up to its records' end
+            const std::string zeros(std::max(log_used(), f.good.size()) - f.good.size(), '\0');
+            (void)!::pwrite(fd, zeros.data(), zeros.size(), static_cast<off_t>(f.good.size()));
+            (void)!::pwrite(fd, f.good.data(), f.good.size(), 0);
+        } else {
+            kt::drop_unwritten(fd, f.good);
+        }
         errno = EIO;
         return -1;
     }
     const int r = kisam::os_real.fdatasync(fd);
-    if (r == 0) g_forget->good = kt::slurp(g_forget->file);
+    if (r == 0 && !log) f.good = kt::slurp(f.file);
+    if (r == 0 && log) {
+        f.good.resize(log_used());
+        const ssize_t n = ::pread(fd, f.good.data(), f.good.size(), 0);
+        f.good.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    }
     return r;
 }
 
+// Every data-file sync fails in turn on that disk: no returned call is lost, a failed one
+// is whole or absent, and the next process finds a sound file that is not marked as changed.
 class DataSyncs : public Sweep, public ::testing::WithParamInterface<uint32_t> {};
 
 TEST_P(DataSyncs, EachFailingOnADiskThatDropsWhatItHadNotWritten) {
-    kt::Config c;
-    c.maxbuf = kTightPool;
-    c.bits = GetParam();
-    start(c);
+    start(pool(kTightPool, GetParam()));
     const std::string f = path("s");
     const std::vector<Step> w = workload();
     Forget forget{};
     g_forget = &forget;
-    fresh_closed(f);
+    fresh_closed();
     const std::string real = kt::real_path(f);
     ASSERT_NE(real, "");
     std::snprintf(forget.file, sizeof forget.file, "%s", real.c_str());
     int total = 0;   // n = 0: the run with no fault counts the data-file syncs
     for (int n = 0; n <= total; ++n) {
         SCOPED_TRACE("data-file sync " + std::to_string(n) + " of " + std::to_string(total));
-        fresh_closed(f);
+        fresh_closed();
         forget.at = n, forget.seen = 0, forget.hit = false, forget.good = kt::slurp(f);
         kisam::os.fdatasync = forgetful_sync;
         int fd = nisopen(f.c_str(), ISO_RDWR);
@@ -290,19 +299,15 @@ TEST_P(DataSyncs, EachFailingOnADiskThatDropsWhatItHadNotWritten) {
         ko::Oracle o;
         bool coded = true;
         for (const Step& s : w) {
-            const std::string r = record_of(s);
             if (changes(s)) o.begin(s.op, s.id, s.gen, s.size);
-            const int rc = s.op == 'l' ? 0 : perform(fd, s, r);  // no lock calls here
+            const int rc = s.op == 'l' ? 0 : perform(fd, s, record_of(s));  // no lock calls here
             if (rc < 0 && is_errno <= 0) coded = false;
             if (!changes(s)) {
                 EXPECT_GE(rc, 0) << "step " << s.op << " " << s.id << ": is_errno " << is_errno;
                 continue;
             }
-            if (rc >= 0) {
-                o.end(rc);
-            } else {
-                EXPECT_TRUE(o.cut(ko::find(fd, kL, s.id))) << "step " << s.op << " " << s.id;
-            }
+            if (rc >= 0) o.end(rc);
+            else EXPECT_TRUE(o.cut(ko::find(fd, kL, s.id))) << "step " << s.op << " " << s.id;
         }
         const int closed = nisclose(fd);
         nisunisam();
@@ -322,52 +327,13 @@ TEST_P(DataSyncs, EachFailingOnADiskThatDropsWhatItHadNotWritten) {
 
 INSTANTIATE_TEST_SUITE_P(Marks, DataSyncs, ::testing::Values(0u, 0x1u | 0x2u, 0x1u | 0x4u),
                          [](const ::testing::TestParamInfo<uint32_t>& i) {
-                             return i.param == 0 ? std::string("NoMark")
-                                                 : i.param & 0x2 ? std::string("MarkSynced") : std::string("MarkClearedAtRelease");
+                             return std::string(i.param == 0 ? "NoMark" : i.param & 0x2 ? "MarkSynced" : "MarkClearedAtRelease");
                          });
 
 // The same disk under the log, in durable mode, killed at the end and replayed: no call
 // that returned is lost, and calls go on after the failure.
-struct LogForget {
-    int at, seen;
-    bool hit;
-    std::string good;  // the log's bytes up to its records' end at its last good sync
-};
-LogForget* g_log_forget = nullptr;
-
-using kt::is_log_fd;
-
-// The end of slot 0's log records in the file, rounded up to a page.
-size_t log_used() {
-    const isx_file* x = kisam::isx_file_of(0);
-    return (1024 + (x->xf_log_end - x->xf_log_start) + 4095) / 4096 * 4096;
-}
-
-int forgetful_log_sync(int fd) {
-    if (!is_log_fd(fd)) return kisam::os_real.fdatasync(fd);
-    LogForget& f = *g_log_forget;
-    if (++f.seen == f.at) {
-        f.hit = true;
-        const size_t used = std::max(log_used(), f.good.size());
-        const std::string zeros(used - f.good.size(), '\0');
-        (void)!::pwrite(fd, zeros.data(), zeros.size(), static_cast<off_t>(f.good.size()));
-        (void)!::pwrite(fd, f.good.data(), f.good.size(), 0);
-        errno = EIO;
-        return -1;
-    }
-    const int r = kisam::os_real.fdatasync(fd);
-    if (r == 0) {
-        f.good.resize(log_used());
-        const ssize_t n = ::pread(fd, f.good.data(), f.good.size(), 0);
-        f.good.resize(n > 0 ? static_cast<size_t>(n) : 0);
-    }
-    return r;
-}
-
 TEST_F(Sweep, LogSyncsEachFailingOnADiskThatDropsWhatItHadNotWritten) {
-    kt::Config c;
-    c.maxbuf = kTightPool;
-    start(c);
+    start(pool(kTightPool));
     const std::string f = path("s");
     const std::vector<Step> w = workload();
     struct Out {
@@ -376,22 +342,20 @@ TEST_F(Sweep, LogSyncsEachFailingOnADiskThatDropsWhatItHadNotWritten) {
         ko::Rec now[64];  // what a failed call left, read back at once
     };
     Out* out = &shared<Out>();
-    LogForget forget{};
-    g_log_forget = &forget;
+    Forget forget{};
+    g_forget = &forget;
     auto run_child = [&](int at) {
-        fresh_closed(f);
+        fresh_closed();
         *out = Out{};
         return kt::run_child([&] {
             ::setenv("KISAM_DURABLE", "1", 1);
-            forget = LogForget{at, 0, false, std::string()};
-            kisam::os.fdatasync = forgetful_log_sync;
+            forget = Forget{{}, at, 0, false, {}};
+            kisam::os.fdatasync = forgetful_sync;
             const int fd = nisopen(f.c_str(), ISO_RDWR);
             if (fd < 0) return forget.hit && is_errno > 0 ? 10 : 1;  // the open's own sync
             int i = 0;
             for (const Step& s : w) {
-                const std::string r = record_of(s);
-                const int rc = s.op == 'l' ? 0 : perform(fd, s, r);  // no lock calls here
-                out->rc[i] = rc;
+                const int rc = out->rc[i] = s.op == 'l' ? 0 : perform(fd, s, record_of(s));  // no lock calls here
                 if (rc < 0 && changes(s)) {
                     const int err = is_errno;
                     if (err <= 0) return 2;
@@ -401,8 +365,7 @@ TEST_F(Sweep, LogSyncsEachFailingOnADiskThatDropsWhatItHadNotWritten) {
                 if (rc < 0 && !changes(s)) return 3;
                 ++i;
             }
-            out->seen = forget.seen;
-            out->hit = forget.hit;
+            out->seen = forget.seen, out->hit = forget.hit;
             ::raise(SIGKILL);
             return 4;
         });
@@ -425,17 +388,11 @@ TEST_F(Sweep, LogSyncsEachFailingOnADiskThatDropsWhatItHadNotWritten) {
         // An id a failed call touched may hold either state, and so may every later call on it.
         ko::Oracle o;
         std::map<int, bool> doubtful;
-        int i = 0;
-        for (const Step& s : w) {
-            if (changes(s)) {
-                if (out->rc[i] >= 0) {
-                    o.begin(s.op, s.id, s.gen, s.size);
-                    o.end(out->rc[i]);
-                } else if (!(out->now[i] == o.get(s.id))) {
-                    doubtful[s.id] = true;
-                }
-            }
-            ++i;
+        for (size_t i = 0; i < w.size(); ++i) {
+            const Step& s = w[i];
+            if (!changes(s)) continue;
+            if (out->rc[i] >= 0) o.begin(s.op, s.id, s.gen, s.size), o.end(out->rc[i]);
+            else if (!(out->now[i] == o.get(s.id))) doubtful[s.id] = true;
         }
         const int fd = nisopen(f.c_str(), ISO_RDONLY);
         ASSERT_GE(fd, 0) << is_errno;
@@ -459,22 +416,20 @@ TEST_F(Sweep, LogSyncsEachFailingOnADiskThatDropsWhatItHadNotWritten) {
 // completed are there for the next process.
 TEST_F(Sweep, LockCalls) {
     start();
-    const std::string f = path("s");
+    const std::string f = path("s"), log = path("log");
     const std::vector<Step> w = workload();
-    const int total = calls_of(f, w, Faults::kLock, false, false);
+    const int total = calls_of(w, Faults::kLock, false, false);
     int aborted = 0, refused = 0;
     for (Faults::Mode mode : {Faults::kOnce, Faults::kFromThenOn}) {
         for (int n = 1; n <= total; n += mode == Faults::kOnce ? 1 : 3) {
             SCOPED_TRACE("lock call " + std::to_string(n) + " of " + std::to_string(total) +
                          (mode == Faults::kOnce ? " failing once" : " failing from then on"));
-            fresh_closed(f);
-            const std::string log = path("log");
+            fresh_closed();
             ::unlink(log.c_str());
-            std::string err;
             int st = 0;
-            err = kt::capture_output(2, [&] {
+            const std::string err = kt::capture_output(2, [&] {
                 st = kt::run_child([&] {
-                    int fd = nisopen(f.c_str(), ISO_RDWR);
+                    const int fd = nisopen(f.c_str(), ISO_RDWR);
                     if (fd < 0) return 3;
                     ko::Log lg(log);
                     ko::Oracle o;
@@ -504,12 +459,9 @@ TEST_F(Sweep, LockCalls) {
             ko::Oracle o;
             long offset = 0;
             ASSERT_TRUE(ko::replay(log, &offset, o));
-            ::testing::AssertionResult a = matches(f, o.model());
-            if (!a && o.pending()) {
-                EXPECT_TRUE(matches(f, o.with_pending())) << a.message();
-            } else {
-                EXPECT_TRUE(a);
-            }
+            const ::testing::AssertionResult a = matches(f, o.model());
+            if (!a && o.pending()) EXPECT_TRUE(matches(f, o.with_pending())) << a.message();
+            else EXPECT_TRUE(a);
             ASSERT_LT(::shmget(inst_->key(), 0, 0), 0) << "a segment was left behind";
         }
     }

@@ -12,6 +12,7 @@
 #include <signal.h>
 #include <sys/wait.h>
 
+#include <cstdarg>
 #include <cstdio>
 #include <functional>
 #include <random>
@@ -28,15 +29,28 @@ constexpr int kMaxWorkers = 6;
 std::string record(int id, int gen, int size) { return ko::record(kL, id, gen, size); }
 int slot_base(int slot) { return slot * 1000; }
 
-// Calls: w write, f forced write, u update, d delete, l update under a record lock, b a
-// read and an update in a bracket.
+// A worker's way to fail: the status tells the supervisor which check it was.
+[[noreturn]] __attribute__((format(printf, 2, 3))) void die(int code, const char* fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    std::vfprintf(stderr, fmt, ap);
+    va_end(ap);
+    std::_Exit(code);
+}
 
 // What id holds now; a wrong record ends the worker.
 ko::Rec stored(int fd, int id) {
     const ko::Rec r = ko::find(fd, kL, id);
-    if (r.gen >= -1) return r;
-    std::fprintf(stderr, "worker: record %d reads back wrong (gen %d, %d bytes, is_errno %d)\n", id, r.gen, r.size, is_errno);
-    std::_Exit(52);
+    if (r.gen < -1) die(52, "worker: record %d reads back wrong (gen %d, %d bytes, is_errno %d)\n", id, r.gen, r.size, is_errno);
+    return r;
+}
+
+// A record read back must be one the workers wrote.
+void parse_or_die(const char* buf, int n, int code, const char* who, int key) {
+    int got;
+    ko::Rec r;
+    if (n > 0 && !ko::parse(kL, buf, n, &got, &r))
+        die(code, "%s: a read along key %d returned a wrong record of %d bytes: %.*s\n", who, key, n, n < 40 ? n : 40, buf);
 }
 
 volatile sig_atomic_t g_stop = 0;
@@ -48,45 +62,37 @@ int open_or_die(const std::string& file, const char* who, int code) {
     if (fd >= 0) return fd;
     char msg[512];
     niserrmsgget(msg, sizeof msg);
-    std::fprintf(stderr, "%s: open fails, errno %d: %s\n", who, is_errno, msg);
-    std::_Exit(code);
+    die(code, "%s: open fails, errno %d: %s\n", who, is_errno, msg);
 }
 
 void churn(const std::string& file, std::mt19937_64& rng) {
     const int fd = open_or_die(file, "churn", 58);
-    const int id = 5000 + static_cast<int>(rng() % 300);
-    std::string r = record(id, static_cast<int>(rng() % 100), kL.min() + static_cast<int>(rng() % 1500));
-    if (nislock(fd, r.data(), kL.l0, 1) == 0) {
-        if (niswrite(fd, r.data(), static_cast<int>(r.size())) < 0 ||
-            nisunlock(fd, r.data(), kL.l0, 0) != 0) {
-            std::fprintf(stderr, "churn: write or unlock fails, errno %d\n", is_errno);
-            std::_Exit(59);
-        }
-    }
+    auto shared_rec = [&](int spread) {
+        const int id = 5000 + static_cast<int>(rng() % 300), gen = static_cast<int>(rng() % 100);
+        return record(id, gen, kL.min() + static_cast<int>(rng() % spread));
+    };
+    const std::string r = shared_rec(1500);
+    if (nislock(fd, r.data(), kL.l0, 1) == 0 &&
+        (niswrite(fd, r.data(), static_cast<int>(r.size())) < 0 || nisunlock(fd, r.data(), kL.l0, 0) != 0))
+        die(59, "churn: write or unlock fails, errno %d\n", is_errno);
     // Shared records fought over: a failed update's rollback must not undo a concurrent open.
-    const std::string u = record(5000 + static_cast<int>(rng() % 300), static_cast<int>(rng() % 100), kL.min() + static_cast<int>(rng() % 300));
-    {
-        const std::string f = record(5000 + static_cast<int>(rng() % 300), static_cast<int>(rng() % 100), kL.min() + static_cast<int>(rng() % 300));
-        if (nisfwrite(fd, f.data(), static_cast<int>(f.size())) < 0 ||
-            (nisupdate(fd, u.data(), static_cast<int>(u.size())) < 0 && is_errno != ISE_NOKEY)) {
-            std::fprintf(stderr, "churn: forced write or update fails, errno %d\n", is_errno);
-            std::_Exit(63);
-        }
-    }
+    const std::string u = shared_rec(300), f = shared_rec(300);
+    if (nisfwrite(fd, f.data(), static_cast<int>(f.size())) < 0 ||
+        (nisupdate(fd, u.data(), static_cast<int>(u.size())) < 0 && is_errno != ISE_NOKEY))
+        die(63, "churn: forced write or update fails, errno %d\n", is_errno);
     char buf[4000];
     nisseek(fd, 1, u.data() + kL.l0);
-    for (int k = 0, n = 1, got; k < 3 && n > 0; ++k) {
-        ko::Rec rec;
+    for (int k = 0, n = 1; k < 3 && n > 0; ++k) {
         if ((n = nisread(fd, 1, buf, sizeof buf)) < 0) std::_Exit(61);
-        if (n > 0 && !ko::parse(kL, buf, n, &got, &rec)) {
-            std::fprintf(stderr, "churn: a read along key 1 returned a wrong record of %d bytes\n", n);
-            std::_Exit(64);
-        }
+        parse_or_die(buf, n, 64, "churn", 1);
     }
     if (rng() % 4 == 0) nisdelete(fd, r.data());
     nisclose(fd);
 }
 
+// Calls: w write, f forced write, u update, d delete, l update under a record lock, b a
+// read and an update in a bracket; a third of the rolls read, KISAM_CHURN_PCT (8 by
+// default) go to the second file.
 [[noreturn]] void worker(int slot, const std::string& file, const std::string& logpath, uint64_t seed) {
     ot::become_unattached();
     ::signal(SIGUSR1, on_stop);
@@ -94,22 +100,19 @@ void churn(const std::string& file, std::mt19937_64& rng) {
     ko::Log::heal(logpath);
     ko::Log log(logpath);
     if (const int cut = ko::Log::open_call(logpath); cut >= 0) log.resolved(cut, stored(fd, cut));
-    int seq = 0, id = 0;
-    char op = 0;
     std::mt19937_64 rng(seed);
     const int base = slot_base(slot);
-    // KISAM_CHURN_PCT: calls (in %) on the second file, 8 by default.
     const char* pct = std::getenv("KISAM_CHURN_PCT");
     const int churn_share = pct ? std::atoi(pct) : 8;
     char buf[4000];
-    for (seq = 0;; ++seq) {
+    for (int seq = 0;; ++seq) {
         if (g_stop) {
             nisclose(fd);
             nisunisam();
             std::_Exit(0);
         }
         const int roll = static_cast<int>(rng() % 100);
-        id = base + static_cast<int>(rng() % kIdsPerSlot);
+        const int id = base + static_cast<int>(rng() % kIdsPerSlot);
         const int gen = static_cast<int>(rng() % 0xFFFF);
         const int size = rng() % 4 == 0 ? kL.min() + static_cast<int>(rng() % (3000 - kL.min()))
                                         : kL.min() + static_cast<int>(rng() % 200);
@@ -126,23 +129,13 @@ void churn(const std::string& file, std::mt19937_64& rng) {
                 nisseek(fd, key, from.data() + (key == 0 ? 0 : key == 1 ? kL.l0 : kL.l0 + kL.l1));
                 for (int k = 0; k < 5 && n >= 0; ++k) {
                     n = rng() % 2 ? nisread(fd, key, buf, sizeof buf) : nispread(fd, key, buf, sizeof buf);
-                    int got;
-                    ko::Rec r;
-                    if (n > 0 && !ko::parse(kL, buf, n, &got, &r)) {
-                        std::fprintf(stderr, "worker %d: a read along key %d returned a wrong record of %d bytes: %.*s\n",
-                                     slot, key, n, n < 40 ? n : 40, buf);
-                        std::_Exit(53);
-                    }
+                    parse_or_die(buf, n, 53, "worker", key);
                 }
             }
-            if (n < 0) {
-                std::fprintf(stderr, "worker %d: read fails, is_errno %d\n", slot, is_errno);
-                std::_Exit(54);
-            }
+            if (n < 0) die(54, "worker %d: read fails, is_errno %d\n", slot, is_errno);
             continue;
         }
-        const char ops[] = {'w', 'w', 'w', 'f', 'u', 'u', 'd', 'd', 'l', 'b'};
-        op = ops[roll % 10];
+        const char op = "wwwfuuddlb"[roll % 10];
         std::string r = record(id, gen, size);
         log.begin(seq, op, id, gen, size);
         int rc = 0;
@@ -158,8 +151,7 @@ void churn(const std::string& file, std::mt19937_64& rng) {
                 break;
             case 'b':
                 nisgetctl(fd);
-                rc = nisfind(fd, 0, r.data(), buf, sizeof buf);
-                rc = rc > 0 ? nisupdate(fd, r.data(), size) : -1;
+                rc = nisfind(fd, 0, r.data(), buf, sizeof buf) > 0 ? nisupdate(fd, r.data(), size) : -1;
                 if (rc < 0 && is_errno == 0) is_errno = ISE_NOKEY;
                 nisrelctl(fd);
                 break;
@@ -167,11 +159,17 @@ void churn(const std::string& file, std::mt19937_64& rng) {
         const int err = rc < 0 ? is_errno : 0;
         log.end(seq, rc, err);
         if (rc < 0 && err != ISE_NOKEY) {
-            std::fprintf(stderr, "worker %d: call %c on %d fails with is_errno %d\n", slot, op, id, err);
             niserrmsg();
-            std::_Exit(57);
+            die(57, "worker %d: call %c on %d fails with is_errno %d\n", slot, op, id, err);
         }
     }
+}
+
+kt::Config pool(int16_t maxbuf, uint32_t bits = 0) {
+    kt::Config c;
+    c.maxbuf = maxbuf;
+    c.bits = bits;
+    return c;
 }
 
 // ---- the supervisor ------------------------------------------------------------------------
@@ -179,13 +177,17 @@ void churn(const std::string& file, std::mt19937_64& rng) {
 class KillTest : public Env {
 protected:
     void SetUp() override {}   // the configuration depends on the test
+    void TearDown() override {
+        for (pid_t p : live_)
+            if (p > 0) held_.push_back(p);   // killed and reaped by the fixture
+        Env::TearDown();
+    }
+
     // A pool of 64, `file_` to work on and `keep_` to hold the segment with; round(k) for
     // k = 1, 2, ... (this process attached through keep_) until a round's process was not
     // killed, which round returns.
     void every_kill_point(const char* who, const std::function<bool(int k)>& round) {
-        kt::Config c;
-        c.maxbuf = 64;
-        start(c);
+        start(pool(64));
         bound(300);
         file_ = made("f", kL.lens());
         keep_ = made("keep", kL.lens());
@@ -195,24 +197,23 @@ protected:
             ASSERT_GE(nisopen(keep_.c_str(), ISO_RDONLY), 0);
             whole = round(k);
         }
-        if (!HasFailure()) {
-            EXPECT_TRUE(whole) << "the " << who << " never got through";
-        }
+        EXPECT_TRUE(whole || HasFailure()) << "the " << who << " never got through";
         std::printf("[ figures  ] %d kill points\n", points);
     }
-    std::string file_, keep_;
-    void TearDown() override {
-        for (pid_t p : live_)
-            if (p > 0) held_.push_back(p);   // killed and reaped by the fixture
-        Env::TearDown();
+    // The file is sound and holds `have` (the records before the round) plus between
+    // `returned` and `returned + cut` records; `have` moves on.
+    void check_counts(long* have, long returned, long cut, int k, const char* how) {
+        const kisam::check::Report r = kisam::check::check_file(file_);
+        EXPECT_TRUE(r.ok) << how << ", killed at system call " << k << ": " << r.error;
+        EXPECT_GE(r.records, *have + returned) << how << ", killed at system call " << k << ": calls that returned are missing";
+        EXPECT_LE(r.records, *have + returned + cut) << how << ", killed at system call " << k;
+        *have = r.records;
     }
 
     // Every worker dead: settle their cut calls from the logs, check the shared area (when
     // attached), the file against the oracles along every key, and both files' structure.
     void check_round(const std::string& file) {
-        if (isam_com) {
-            ASSERT_TRUE(ko::shared_sound());
-        }
+        if (isam_com) { ASSERT_TRUE(ko::shared_sound()); }
         int fd = nisopen(file.c_str(), ISO_RDWR);
         char msg[256];
         niserrmsgget(msg, sizeof msg);
@@ -222,8 +223,7 @@ protected:
             ko::Oracle& o = oracle_[s];
             EXPECT_TRUE(ko::replay(logs_[s], &offset_[s], o)) << "slot " << s;
             if (o.pending()) {
-                const ko::Rec now = stored(fd, o.pending_id());
-                ko::Log(logs_[s]).resolved(o.pending_id(), now);
+                ko::Log(logs_[s]).resolved(o.pending_id(), stored(fd, o.pending_id()));
                 EXPECT_TRUE(ko::replay(logs_[s], &offset_[s], o)) << "slot " << s;
             }
             want.insert(o.model().begin(), o.model().end());
@@ -243,23 +243,22 @@ protected:
     void run(const kt::Config& c, int kills_default) {
         start(c);
         bound(600);
-        int kills = kills_default;
-        if (const char* k = std::getenv("KISAM_KILLS")) kills = std::atoi(k);
+        const char* env_kills = std::getenv("KISAM_KILLS");
+        const int kills = env_kills ? std::atoi(env_kills) : kills_default;
         std::mt19937_64 rng(kt::test_seed(20261124));
-        const std::string file = path("load");
-        made("load", kL.lens());
+        const std::string file = made("load", kL.lens());
         made("load.churn", kL.lens());
         for (int s = 0; s < kMaxWorkers; ++s) logs_.push_back(path("log" + std::to_string(s)));
         oracle_.assign(kMaxWorkers, ko::Oracle());
         offset_.assign(kMaxWorkers, 0);
         live_.assign(kMaxWorkers, 0);
-
         // KISAM_GRACEFUL: stop workers between calls (engine faults vs recovery faults).
         const bool graceful = std::getenv("KISAM_GRACEFUL") != nullptr;
-        auto stop = [&](pid_t p) {
-            ::kill(p, graceful ? SIGUSR1 : SIGKILL);
+        auto stop = [&](int s) {
+            ::kill(live_[s], graceful ? SIGUSR1 : SIGKILL);
             int st = 0;
-            ::waitpid(p, &st, 0);
+            ::waitpid(live_[s], &st, 0);
+            live_[s] = 0;
             return graceful ? (WIFEXITED(st) && WEXITSTATUS(st) == 0) || (WIFSIGNALED(st) && WTERMSIG(st) == SIGUSR1)
                             : WIFSIGNALED(st) && WTERMSIG(st) == SIGKILL;
         };
@@ -272,22 +271,16 @@ protected:
             int workers = 2 + static_cast<int>(rng() % (kMaxWorkers - 1));
             if (const char* w = std::getenv("KISAM_WORKERS")) workers = std::atoi(w);
             // Every other round the segment outlives the workers.
-            if (rounds % 2 == 1) {
-                ASSERT_GE(nisopen(file.c_str(), ISO_RDONLY), 0);
-            }
+            if (rounds % 2 == 1) { ASSERT_GE(nisopen(file.c_str(), ISO_RDONLY), 0); }
             for (int s = 0; s < workers; ++s) spawn(s);
             for (int k = 0; k < 50 && done < kills; ++k, ++done) {
                 ::usleep(static_cast<useconds_t>(rng() % 50000));
                 const int s = static_cast<int>(rng() % workers);
-                if (!stop(live_[s])) keep();
+                if (!stop(s)) keep();
                 ASSERT_FALSE(HasFailure() || kept_) << "worker " << s << " ended by itself";
-                live_[s] = 0;
                 spawn(s);
             }
-            for (int s = 0; s < workers; ++s) {
-                ASSERT_TRUE(stop(live_[s])) << "worker " << s << " ended by itself";
-                live_[s] = 0;
-            }
+            for (int s = 0; s < workers; ++s) ASSERT_TRUE(stop(s)) << "worker " << s << " ended by itself";
             check_round(file);
             if (HasFatalFailure()) return;
             ++rounds;
@@ -295,8 +288,7 @@ protected:
         long calls = 0, killed = 0;
         for (const ko::Oracle& o : oracle_) calls += o.calls, killed += o.cut_short;
         std::printf("[ figures  ] %d kills, %d checks, %ld changing calls logged, %ld cut short and found "
-                    "whole or absent, %ld records at the end\n",
-                    done, rounds, calls, killed, records_);
+                    "whole or absent, %ld records at the end\n", done, rounds, calls, killed, records_);
         EXPECT_LT(::shmget(inst_->key(), 0, 0), 0) << "a segment was left behind";
     }
 
@@ -308,6 +300,7 @@ protected:
         if (std::system(cmd.c_str()) != 0) std::printf("could not keep %s\n", inst_->dir().c_str());
     }
 
+    std::string file_, keep_;
     bool kept_ = false;
     std::vector<std::string> logs_;
     std::vector<ko::Oracle> oracle_;
@@ -332,45 +325,41 @@ int write_calls(const std::string& file, int first, bool close, kt::Pipe* done =
     return 0;
 }
 
+// In a child, fn with the k-th write, sync or lock call from now on killing the process.
+int killed_at(int k, const std::function<int()>& fn) {
+    ot::become_unattached();
+    kt::Faults kill;
+    kill.arm(kt::Faults::kChanges, k, kt::Faults::kKill);
+    return fn();
+}
+
 // A kill at every write, sync or lock of an open, kCalls writes and the last close: the
 // file holds every call that returned and at most the cut one, both when the last process
 // left and after another process's call and death made recovery replay the log.
 TEST_F(KillTest, KilledAnywhereInAnOpenCallsAndTheLastClose) {
     long have = 0;
     int id = 0;
-    // kCalls writes and the close, killed at the k-th system call from the open on.
-    auto child = [&](int k, kt::Pipe& done) {
+    // kCalls writes and the close, killed at the k-th system call from the open on; its
+    // status, and how many of its calls returned.
+    auto child = [&](int k, int* returned) {
+        kt::Pipe done;
         const int first = id;
         id += kCalls;
-        return kt::start_child([&, k, first]() -> int {
+        const pid_t pid = kt::start_child([&, k, first] {
             done.close_read();
-            ot::become_unattached();
-            kt::Faults kill;
-            kill.arm(kt::Faults::kChanges, k, kt::Faults::kKill);
-            return write_calls(file_, first, true, &done);
+            return killed_at(k, [&] { return write_calls(file_, first, true, &done); });
         });
-    };
-    // How the child ended, and how many of its calls returned.
-    auto ended = [](pid_t pid, kt::Pipe& done, int* returned) {
         done.close_write();
-        *returned = 0;
-        while (done.wait()) ++*returned;
-        return kt::wait_child(pid);
-    };
-    auto check = [&](int k, const char* how, int returned) {
-        const kisam::check::Report r = kisam::check::check_file(file_);
-        EXPECT_TRUE(r.ok) << how << ", killed at system call " << k << ": " << r.error;
-        EXPECT_GE(r.records, have + returned) << how << ", killed at system call " << k << ": calls that returned are missing";
-        EXPECT_LE(r.records, have + returned + 1) << how << ", killed at system call " << k;
-        have = r.records;
+        for (*returned = 0; done.wait();) ++*returned;
+        const int rc = kt::wait_child(pid);
+        EXPECT_TRUE(rc == 0 || rc == 128 + SIGKILL) << "the child ended with " << rc;
+        return rc;
     };
     every_kill_point("child", [&](int k) {
-        kt::Pipe done;
         int returned;
-        const int rc = ended(child(k, done), done, &returned);
-        EXPECT_TRUE(rc == 0 || rc == 128 + SIGKILL) << "the child ended with " << rc;
+        const int rc = child(k, &returned);
         nisunisam();
-        check(k, "left by the last process", returned);
+        check_counts(&have, returned, 1, k, "left by the last process");
         // Another process opens the file after the kill, makes a call and dies last.
         kt::Pipe up, go;
         const int next_id = id++;
@@ -391,15 +380,13 @@ TEST_F(KillTest, KilledAnywhereInAnOpenCallsAndTheLastClose) {
         up.close_write();
         go.close_read();
         EXPECT_EQ(up.wait(), 'x');
-        kt::Pipe done1;
-        const int rc1 = ended(child(k, done1), done1, &returned);
-        EXPECT_TRUE(rc1 == 0 || rc1 == 128 + SIGKILL) << "the child ended with " << rc1;
+        child(k, &returned);
         go.signal();
         EXPECT_EQ(up.wait(), 'x') << "the call after the kill fails";
         kill(keeper);
         EXPECT_GE(nisopen(file_.c_str(), ISO_RDONLY), 0);  // the segment made anew
         nisunisam();
-        check(k, "recovered", returned + 1);
+        check_counts(&have, returned + 1, 1, k, "recovered");
         return rc == 0;
     });
 }
@@ -419,36 +406,18 @@ TEST_F(KillTest, ACleanerKilledAnywhereInTheLastCloseItFinishesLeavesItToTheNext
                   }),
                   128 + SIGKILL);
         const int rc = kt::run_child([&] {
-            ot::become_unattached();
-            {
-                kt::Faults kill;
-                kill.arm(kt::Faults::kChanges, k, kt::Faults::kKill);
-                if (is_init() != 0) return 1;  // cleans the dead writer up
-            }
+            if (killed_at(k, [] { return is_init(); }) != 0) return 1;  // cleans the dead writer up
             nisunisam();
             return 0;
         });
         EXPECT_TRUE(rc == 0 || rc == 128 + SIGKILL) << "the cleaner ended with " << rc;
         nisunisam();
-        const kisam::check::Report r = kisam::check::check_file(file_);
-        EXPECT_TRUE(r.ok) << "cleaner killed at system call " << k << ": " << r.error;
-        EXPECT_EQ(r.records, have + kCalls) << "cleaner killed at system call " << k;
-        have = r.records;
+        check_counts(&have, kCalls, 0, k, "cleaner");
         return rc == 0;
     });
 }
 
-TEST_F(KillTest, SmallPool) {
-    kt::Config c;
-    c.maxbuf = 64;
-    run(c, 150);
-}
-
-TEST_F(KillTest, LargePoolWithTheDataChangedMark) {
-    kt::Config c;
-    c.maxbuf = 4000;
-    c.bits = 0x1;
-    run(c, 150);
-}
+TEST_F(KillTest, SmallPool) { run(pool(64), 150); }
+TEST_F(KillTest, LargePoolWithTheDataChangedMark) { run(pool(4000, 0x1), 150); }
 
 }  // namespace

@@ -51,10 +51,6 @@ ko::Model records_of(int fd) {
 
 ::testing::AssertionResult holds(const std::string& f, const ko::Model& want) { return ko::holds(f, kL, want); }
 
-bool exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
-
-const char* kind_name(Faults::Kind k) { return k == Faults::kWrite ? "write" : "sync"; }
-
 class Undo : public Env {
 protected:
     void SetUp() override {
@@ -69,23 +65,20 @@ protected:
         ko::Model after;      // and after it
     };
 
-    int writes_of(const std::string& image, const Call& c) {
-        const std::string g = path("c2");
-        spit(g, image);
-        const int gd = nisopen(g.c_str(), ISO_RDWR);
-        EXPECT_GE(gd, 0);
-        Faults count;
-        EXPECT_EQ(apply(gd, c), 0);
-        const int n = Faults::calls(Faults::kWrite);
-        nisclose(gd);
-        return n;
-    }
-
     // Call c with the disk refusing every write from its last on (the commit's log record),
     // counted on a copy of the file.
     int failing_from_commit(int fd, const std::string& f, const Call& c) {
         EXPECT_EQ(kt::write_back(fd), 0);
-        const int writes = writes_of(slurp(f), c);
+        const std::string g = path("c2");
+        spit(g, slurp(f));
+        const int gd = nisopen(g.c_str(), ISO_RDWR);
+        int writes;
+        {
+            Faults count;
+            EXPECT_EQ(apply(gd, c), 0);
+            writes = Faults::calls(Faults::kWrite);
+        }
+        nisclose(gd);
         EXPECT_GE(writes, 1);
         Faults fail;
         fail.arm(Faults::kWrite, writes, Faults::kFromThenOn, ENOSPC);
@@ -96,10 +89,10 @@ protected:
 
     // A 3-key file and, for each call worth testing, the file before it (written back) and its
     // records before and after; detached at the end.
-    std::vector<Target> build(const std::string& f) {
+    std::vector<Target> build(const std::string& name) {
+        const std::string f = path(name);
         std::vector<Target> t;
-        std::vector<int> lens = kL.lens();
-        int fd = niscreate(f.c_str(), 3, lens.data());
+        const int fd = create(name, kL.lens());
         EXPECT_GE(fd, 0);
         std::mt19937 rng(7);
         auto size = [&] { return kL.min() + static_cast<int>(rng() % 2800); };
@@ -122,7 +115,7 @@ protected:
             IS_KEY* kd = kisam::fcp_key(ot::shared_fcp(fd), k);
             int16_t n = 0;
             EXPECT_EQ(kt::write_back(fd), 0);
-            int fh = ::open(f.c_str(), O_RDONLY);
+            const int fh = ::open(f.c_str(), O_RDONLY);
             if (fh >= 0 && kd->k_root != KISAM_NOPAGE) ::pread(fh, &n, 2, kd->k_root + 2);
             if (fh >= 0) ::close(fh);
             return n == kd->k_order;
@@ -184,9 +177,8 @@ protected:
     // for every n, with the file open elsewhere, another process attached, or nobody: the
     // file then holds the records of before the call, or of after it once it had returned.
     void kill_sweep() {
-        const std::string f = path("k");
-        const std::string returned = path("returned");
-        std::vector<Target> targets = build(f);
+        const std::string f = path("k"), returned = path("returned");
+        const std::vector<Target> targets = build("k");
         ASSERT_FALSE(targets.empty());
         int kills = 0, inside = 0;
         for (const Target& t : targets) {
@@ -196,16 +188,14 @@ protected:
                 int in_call = 0;
                 for (int others = 0; others < 3; ++others) {
                     for (int n = 1;; ++n) {
-                        SCOPED_TRACE(std::string("killed before ") + kind_name(kind) + " " + std::to_string(n) +
+                        SCOPED_TRACE(std::string("killed before ") + (kind == Faults::kWrite ? "write " : "sync ") + std::to_string(n) +
                                      (others == 0 ? ", file open elsewhere" : others == 1 ? ", one attached" : ", alone"));
                         ASSERT_LT(n, 500) << "the call and its close never end";
                         spit(f, t.bytes);
                         ::unlink(returned.c_str());
                         kt::Pipe ready, go;
-                        pid_t p = others < 2 ? peer(f, ready, go, others == 0) : 0;
-                        if (p) {
-                            ASSERT_EQ(ready.wait(), 'x');
-                        }
+                        const pid_t p = others < 2 ? peer(f, ready, go, others == 0) : 0;
+                        if (p) { ASSERT_EQ(ready.wait(), 'x'); }
                         const int rc = kt::run_child([&] {
                             ot::become_unattached();
                             int fd = nisopen(f.c_str(), ISO_RDWR);
@@ -228,23 +218,34 @@ protected:
                         }
                         ASSERT_EQ(rc, 128 + SIGKILL);
                         ++kills;
-                        const bool done = exists(returned);
+                        const bool done = ::access(returned.c_str(), F_OK) == 0;
                         in_call += !done;
                         ASSERT_TRUE(holds(f, done ? t.after : t.before))
                             << (done ? "killed in the close of a call that had returned" : "killed inside the call");
                         ASSERT_LT(::shmget(inst_->key(), 0, 0), 0) << "a segment was left behind";
                     }
                 }
-                if (kind == Faults::kWrite) {
-                    EXPECT_GT(in_call, 0);
-                }
+                if (kind == Faults::kWrite) { EXPECT_GT(in_call, 0); }
                 inside += in_call;
             }
         }
         std::printf("[ kills    ] %d (%d inside the calls, the others in their closes)\n", kills, inside);
     }
-};
 
+    // Detached: the next process finds `want` in file "c".
+    void closed_holds(int fd, const ko::Model& want, const char* why = "") {
+        ASSERT_EQ(nisclose(fd), 0);
+        nisunisam();
+        EXPECT_TRUE(holds(path("c"), want)) << why;
+    }
+    // File "c" with records 0 .. n-1 of size(id).
+    int filled(int n, int (*size)(int)) {
+        const int fd = create("c", kL.lens());
+        EXPECT_GE(fd, 0);
+        for (int id = 0; id < n; ++id) EXPECT_EQ(apply(fd, {"", kWrite, id, 0, size(id)}), 0);
+        return fd;
+    }
+};
 
 TEST_F(Undo, KillAtEveryPageWriteLeavesTheFileAsBefore) { kill_sweep(); }
 
@@ -272,61 +273,48 @@ ssize_t failing_control_pwrite(int fd, const void* b, size_t n, off_t off) {
     }
     return kisam::os_real.pwrite(fd, b, n, off);
 }
+void fail_control_writes(const std::string& f) {
+    fail_path = kt::real_path(f);
+    control_writes_failed = 0;
+    kisam::os.pwrite = failing_control_pwrite;
+}
 
 // A write whose commit cannot be written fails with ISE_FLWT, and nothing of it stays.
 TEST_F(Undo, AFailedControlPageWriteFailsTheCallAndUndoesIt) {
-    const std::string f = path("c");
-    const int fd = create("c", kL.lens());
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(apply(fd, {"", kWrite, 1, 0, 500}), 0);
-    const ko::Model before_records = records_of(fd);
-    EXPECT_EQ(failing_from_commit(fd, f, {"", kWrite, 2, 0, 500}), -1);
+    const int fd = filled(1, [](int) { return 500; });
+    const ko::Model before = records_of(fd);
+    EXPECT_EQ(failing_from_commit(fd, path("c"), {"", kWrite, 2, 0, 500}), -1);
     EXPECT_EQ(is_errno, ISE_FLWT);
     const std::vector<int> stack = kt::error_stack();
     EXPECT_NE(std::find(stack.begin(), stack.end(), 0x2402), stack.end());
     char buf[600];
-    std::string k2 = ko::record(kL, 2, 0, 500);
-    EXPECT_EQ(nisfind(fd, 0, k2.data(), buf, sizeof buf), 0);
-    std::string k1 = ko::record(kL, 1, 0, 500);
-    EXPECT_EQ(nisfind(fd, 0, k1.data(), buf, sizeof buf), 500);
-    EXPECT_EQ(records_of(fd), before_records);
-    ASSERT_EQ(nisclose(fd), 0);
-    nisunisam();
-    EXPECT_TRUE(holds(f, before_records));
+    EXPECT_EQ(nisfind(fd, 0, ko::record(kL, 2, 0, 500).data(), buf, sizeof buf), 0);
+    EXPECT_EQ(nisfind(fd, 0, ko::record(kL, 0, 0, 500).data(), buf, sizeof buf), 500);
+    EXPECT_EQ(records_of(fd), before);
+    closed_holds(fd, before);
 }
 
 // A failed commit whose rollback fails too (a call that grew the file) is rolled back,
 // control page included, by the file's next call.
 TEST_F(Undo, ARollbackThatFailsIsCompletedByTheNextCall) {
-    const std::string f = path("c");
-    const int fd = create("c", kL.lens());
-    ASSERT_GE(fd, 0);
-    for (int id = 0; id < 12; ++id) ASSERT_EQ(apply(fd, {"", kWrite, id, 0, 300}), 0);
-    const ko::Model before_records = records_of(fd);
-    EXPECT_EQ(failing_from_commit(fd, f, {"", kWrite, 50, 0, 9000}), -1);
-    EXPECT_EQ(records_of(fd), before_records);
+    const int fd = filled(12, [](int) { return 300; });
+    ko::Model want = records_of(fd);
+    EXPECT_EQ(failing_from_commit(fd, path("c"), {"", kWrite, 50, 0, 9000}), -1);
+    EXPECT_EQ(records_of(fd), want);
     ASSERT_EQ(apply(fd, {"", kWrite, 60, 0, 400}), 0);
-    ko::Model want = before_records;
     want[60] = ko::Rec{0, 400};
-    ASSERT_EQ(nisclose(fd), 0);
-    nisunisam();
-    EXPECT_TRUE(holds(f, want));
+    closed_holds(fd, want);
 }
 
 // A write-back whose control page cannot be written loses nothing: the log keeps the calls.
 TEST_F(Undo, AFailedControlPageWriteBackKeepsTheCalls) {
-    const std::string f = path("c");
-    const int fd = create("c", kL.lens());
-    ASSERT_GE(fd, 0);
-    for (int id = 0; id < 20; ++id) ASSERT_EQ(apply(fd, {"", kWrite, id, 0, 200 + 97 * id}), 0);
+    const int fd = filled(20, [](int id) { return 200 + 97 * id; });
     ASSERT_EQ(nisflush(fd), 0);
     ASSERT_EQ(apply(fd, {"", kDelete, 3, 0, 0}), 0);
     ASSERT_EQ(apply(fd, {"", kUpdate, 4, 1, 2500}), 0);
     const ko::Model after = records_of(fd);
-    fail_path = kt::real_path(f);
+    fail_control_writes(path("c"));
     ASSERT_NE(fail_path, "");
-    control_writes_failed = 0;
-    kisam::os.pwrite = failing_control_pwrite;
     EXPECT_EQ(nisflush(fd), 0);
     EXPECT_EQ(control_writes_failed, 1);
     EXPECT_EQ(records_of(fd), after) << "the calls are still there for this process";
@@ -337,7 +325,7 @@ TEST_F(Undo, AFailedControlPageWriteBackKeepsTheCalls) {
     kisam::os = kisam::os_real;
     fail_path.clear();
     EXPECT_GE(control_writes_failed, 2);
-    EXPECT_TRUE(holds(f, after)) << "the next process finds the calls";
+    EXPECT_TRUE(holds(path("c"), after)) << "the next process finds the calls";
 }
 
 // A checkpoint whose control page write fails keeps the log; killed at the next log sync,
@@ -351,33 +339,27 @@ TEST_F(Undo, AFailedCheckpointKeepsTheLogForTheReplayAfterACrash) {
     const std::string f = made("c", kL.lens());
     ko::Model want;
     for (int id = 0; id < 40; ++id) want[id] = ko::Rec{0, 200 + 61 * id};
-    const std::string real = kt::real_path(f);
-    ASSERT_NE(real, "");
     const int st = kt::run_child([&] {
-        int fd = nisopen(f.c_str(), ISO_RDWR);
+        const int fd = nisopen(f.c_str(), ISO_RDWR);
         if (fd < 0) return 1;
         for (const auto& [id, r] : want)
             if (apply(fd, {"", kWrite, id, r.gen, r.size}) != 0) return 2;
-        fail_path = real;
-        control_writes_failed = 0;
-        kisam::os.pwrite = failing_control_pwrite;
+        fail_control_writes(f);
         kisam::os.fdatasync = dying_log_sync;
         nisflush(fd);
-        if (control_writes_failed != 1) return 3;
+        if (fail_path.empty() || control_writes_failed != 1) return 3;
         ::raise(SIGKILL);
         return 4;
     });
     ASSERT_EQ(st, 128 + SIGKILL);
     inst_->remove_segment();
-    int fd = nisopen(f.c_str(), ISO_RDWR);
+    const int fd = nisopen(f.c_str(), ISO_RDWR);
     ASSERT_GE(fd, 0) << is_errno;
     for (int id = 100; id < 140; ++id) {
         want[id] = ko::Rec{0, 300 + 53 * (id - 100)};
         ASSERT_EQ(apply(fd, {"", kWrite, id, 0, want[id].size}), 0) << id;
     }
-    ASSERT_EQ(nisclose(fd), 0);
-    nisunisam();
-    EXPECT_TRUE(holds(f, want)) << "the replay after the failed checkpoint lost calls";
+    closed_holds(fd, want, "the replay after the failed checkpoint lost calls");
 }
 
 }  // namespace
