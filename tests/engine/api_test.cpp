@@ -29,8 +29,6 @@ class Open : public Env {};
 
 template <class T>
 void put(char* disk, int off, T v) { std::memcpy(disk + off, &v, sizeof v); }
-template <class T>
-T get(const char* disk, int off) { T v; std::memcpy(&v, disk + off, sizeof v); return v; }
 
 IS_KEY key_n(int i) {
     IS_KEY k{};
@@ -89,20 +87,20 @@ TEST_F(Open, OldControlPagesAreConverted) {
             }
 
             kisam::fcp_convert_old(scratch);
-            EXPECT_EQ(get<uint16_t>(d, 0), magic == ISMAGIC_OLD512 ? ISMAGIC_512 : ISMAGIC_1024);
-            EXPECT_EQ(get<int16_t>(d, 2), n);
-            EXPECT_EQ(get<uint32_t>(d, 4), 0x00011400u);
-            EXPECT_EQ(get<uint32_t>(d, 8), 0x00020400u);
-            EXPECT_EQ(get<uint32_t>(d, 12), 0u);
+            // (offset, bytes, value) of the new page: magic, keys, free and last page, the
+            // hints moved to 16, the table's tail zero, use count, minrec, options, mincdpi.
+            const struct { int off, size; int64_t v; } fields[] = {
+                {0, 2, magic == ISMAGIC_OLD512 ? ISMAGIC_512 : ISMAGIC_1024}, {2, 2, n},
+                {4, 4, 0x00011400}, {8, 4, 0x00020400}, {12, 4, 0}, {56, 8, 0}, {64, 8, 0}, {72, 8, 0},
+                {80, 4, 0}, {84, 2, 0xFFFF}, {86, 2, 4 * n + 5}, {88, 1, ISO_KEYOPT}, {96, 2, 3}};
+            for (auto [off, size, v] : fields) {
+                int64_t got = 0;
+                std::memcpy(&got, d + off, static_cast<size_t>(size));
+                EXPECT_EQ(got, v) << "byte " << off;
+            }
             EXPECT_EQ(std::memcmp(d + 16, hints(), 40), 0);
-            for (int i = 56; i < 80; ++i) EXPECT_EQ(d[i], 0) << "cdp byte " << i;
-            EXPECT_EQ(get<int32_t>(d, 80), 0);
-            EXPECT_EQ(get<int16_t>(d, 84), -1);
-            EXPECT_EQ(get<int16_t>(d, 86), 4 * n + 5);
-            EXPECT_EQ(get<uint8_t>(d, 88), ISO_KEYOPT);
-            EXPECT_EQ(get<int16_t>(d, 96), 3);
             for (int i = 0; i < n; ++i) {
-                IS_KEY want = key_n(i);
+                const IS_KEY want = key_n(i);
                 EXPECT_EQ(std::memcmp(&want, d + 100 + 16 * i, sizeof want), 0) << "key " << i;
             }
             for (int i = 0; i < kJd; ++i) EXPECT_EQ(static_cast<unsigned char>(scratch[i]), 0x5A);
