@@ -164,11 +164,10 @@ TEST_F(Open, HandlesShareOneSlot) {
     ASSERT_GE(rw, 0);
     EXPECT_NE(rw, ro);
     EXPECT_EQ(ot::pfi_of(rw), pfi);
-    EXPECT_EQ(pfi->pfi_refcnt, 2);
-    EXPECT_EQ(pfi->pfi_bits & PFI_RDONLY, 0);
-    EXPECT_EQ(::fcntl(pfi->pfi_osfd, F_GETFL) & O_ACCMODE, O_RDWR);
-    EXPECT_EQ(ot::shared_fcp(rw)->is_usecnt, 1);
-    EXPECT_EQ(n_ufiles, 2);
+    // References, the read-only bit, the descriptor's mode, the shared use count, files.
+    EXPECT_EQ((std::vector<int>{pfi->pfi_refcnt, pfi->pfi_bits & PFI_RDONLY, ::fcntl(pfi->pfi_osfd, F_GETFL) & O_ACCMODE,
+                                ot::shared_fcp(rw)->is_usecnt, n_ufiles}),
+              (std::vector<int>{2, 0, O_RDWR, 1, 2}));
 
     int third = nisopen(path("f").c_str(), ISO_RDWR | ISF_DEFER);
     ASSERT_GE(third, 0);
@@ -179,9 +178,7 @@ TEST_F(Open, HandlesShareOneSlot) {
     EXPECT_EQ(pfi->pfi_refcnt, 2);
     EXPECT_NE(is_env.pfo_tbl[u], -1);
     EXPECT_EQ(nisopen(path("f").c_str(), ISO_RDWR), ro);
-    EXPECT_EQ(nisclose(ro), 0);
-    EXPECT_EQ(nisclose(third), 0);
-    EXPECT_EQ(nisclose(rw), 0);
+    EXPECT_EQ((std::vector<int>{nisclose(ro), nisclose(third), nisclose(rw)}), (std::vector<int>{0, 0, 0}));
     EXPECT_EQ(pfi->pfi_osfd, -1);
     EXPECT_EQ(is_env.pfo_tbl[u], -1) << "the last close anywhere frees the slot";
     EXPECT_EQ(nisclose(rw), -1);
@@ -341,13 +338,10 @@ TEST_F(Frame, BadDescriptorsAndKeyNumbersAreRefused) {
         calls.insert(calls.end(), {{ISE_BADKN, 0x4000, [=, &rec] { return nisread(fd, k, rec, sizeof rec); }},
                                    {ISE_BADKN, 0x3A00, [=] { return kisam_rewind(fd, k); }}});
     for (size_t i = 0; i < calls.size(); ++i) {
-        SCOPED_TRACE(i);
         is_errno = 0;
-        EXPECT_EQ(calls[i].fn(), -1);
-        EXPECT_EQ(is_errno, calls[i].err);
-        EXPECT_EQ(stack_code(), calls[i].code);
-        EXPECT_EQ(ot::stack_depth(), 1);
-        EXPECT_EQ(Iscurfun, -calls[i].code);
+        const int rc = calls[i].fn();   // then the code, stack top, depth and frame left
+        EXPECT_EQ((std::vector<int>{rc, is_errno, stack_code(), ot::stack_depth(), Iscurfun}),
+                  (std::vector<int>{-1, calls[i].err, calls[i].code, 1, -calls[i].code})) << "call " << i;
     }
     ASSERT_EQ(nisclose(fd), 0);
     EXPECT_EQ(is_db[fd], nullptr);
@@ -371,10 +365,10 @@ TEST_F(Frame, AbandonedCallIsRepairedByTheNextCall) {
     EXPECT_EQ(nisstat(fd, 1, keylens), 1);
     EXPECT_EQ(Islastfun, 0x3B00);
     EXPECT_EQ(Iscurfun, -0x4500);
-    EXPECT_EQ(isam_com->opcl_lock, 0u);
-    EXPECT_EQ(isam_com->free_lock, 0u);
-    EXPECT_EQ(ot::shared_fcp(fd)->jd_fcplock, 0u);
-    EXPECT_EQ(ot::pfi_of(fd)->pfi_ctlcnt, 0);
+    // The open lock, the free lock, the control lock and this process's count of it.
+    EXPECT_EQ((std::vector<unsigned>{isam_com->opcl_lock, isam_com->free_lock, ot::shared_fcp(fd)->jd_fcplock,
+                                     static_cast<unsigned>(ot::pfi_of(fd)->pfi_ctlcnt)}),
+              (std::vector<unsigned>{0, 0, 0, 0}));
 
     // Another process gets all three without waiting.
     unsigned long offs[] = {kisam::com_offset(&isam_com->opcl_lock),
