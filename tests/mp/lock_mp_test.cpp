@@ -496,10 +496,6 @@ int hook(const struct kisam_wait* w, void*) {
     return 0;
 }
 
-bool ends_with(const std::string& s, const std::string& tail) {
-    return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
-}
-
 // Runs wait in a child whose hook gives up at a signal, interrupted once the wait began.
 int given_up(const std::function<int()>& wait) {
     kt::Pipe began;
@@ -529,7 +525,7 @@ TEST_F(WaitHook, AWaitGivenUpAtASignalKeepsNothingOfIt) {
                   if (is_errno != KISAM_ISE_INTERRUPTED || errno != EINTR) return 3;
                   if (seen.begins != 1 || seen.ends != 1 || seen.signals < 1) return 4;
                   if (seen.holder != parent || seen.what != KISAM_WAIT_CONTROL) return 5;
-                  if (!ends_with(seen.file, "/f")) return 6;
+                  if (!std::string(seen.file).ends_with("/f")) return 6;
                   if (seen.can_give_up != 1 || seen.given_up != 1) return 7;
                   if (is_pfi[is_db[fd]->uniqueid].pfi_ctlcnt != 0) return 8;
                   if (is_lock_mine(&ot::shared_fcp(fd)->jd_fcplock)) return 9;
@@ -553,7 +549,7 @@ TEST_F(WaitHook, AWaitGivenUpAtASignalKeepsNothingOfIt) {
     EXPECT_EQ(given_up([&] {
                   if (nisgetctl(fd) != 0) return 2;
                   if (nislock(fd, "abc", 3, 0) != -1 || is_errno != KISAM_ISE_INTERRUPTED) return 3;
-                  if (seen.what != KISAM_WAIT_RECORD || seen.holder != parent || !ends_with(seen.file, "/f")) return 4;
+                  if (seen.what != KISAM_WAIT_RECORD || seen.holder != parent || !std::string(seen.file).ends_with("/f")) return 4;
                   IS_FCP* f = ot::shared_fcp(fd);
                   if (!is_lock_mine(&f->jd_fcplock) || is_pfi[is_db[fd]->uniqueid].pfi_ctlcnt != 1) return 5;
                   IS_RC* e = kisam::rel_ptr<IS_RC>(f->jd_lock_hd);
