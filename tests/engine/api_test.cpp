@@ -29,8 +29,6 @@ class Open : public Env {};
 
 template <class T>
 void put(char* disk, int off, T v) { std::memcpy(disk + off, &v, sizeof v); }
-template <class T>
-T get(const char* disk, int off) { T v; std::memcpy(&v, disk + off, sizeof v); return v; }
 
 IS_KEY key_n(int i) {
     IS_KEY k{};
@@ -89,20 +87,20 @@ TEST_F(Open, OldControlPagesAreConverted) {
             }
 
             kisam::fcp_convert_old(scratch);
-            EXPECT_EQ(get<uint16_t>(d, 0), magic == ISMAGIC_OLD512 ? ISMAGIC_512 : ISMAGIC_1024);
-            EXPECT_EQ(get<int16_t>(d, 2), n);
-            EXPECT_EQ(get<uint32_t>(d, 4), 0x00011400u);
-            EXPECT_EQ(get<uint32_t>(d, 8), 0x00020400u);
-            EXPECT_EQ(get<uint32_t>(d, 12), 0u);
+            // (offset, bytes, value) of the new page: magic, keys, free and last page, the
+            // hints moved to 16, the table's tail zero, use count, minrec, options, mincdpi.
+            const struct { int off, size; int64_t v; } fields[] = {
+                {0, 2, magic == ISMAGIC_OLD512 ? ISMAGIC_512 : ISMAGIC_1024}, {2, 2, n},
+                {4, 4, 0x00011400}, {8, 4, 0x00020400}, {12, 4, 0}, {56, 8, 0}, {64, 8, 0}, {72, 8, 0},
+                {80, 4, 0}, {84, 2, 0xFFFF}, {86, 2, 4 * n + 5}, {88, 1, ISO_KEYOPT}, {96, 2, 3}};
+            for (auto [off, size, v] : fields) {
+                int64_t got = 0;
+                std::memcpy(&got, d + off, static_cast<size_t>(size));
+                EXPECT_EQ(got, v) << "byte " << off;
+            }
             EXPECT_EQ(std::memcmp(d + 16, hints(), 40), 0);
-            for (int i = 56; i < 80; ++i) EXPECT_EQ(d[i], 0) << "cdp byte " << i;
-            EXPECT_EQ(get<int32_t>(d, 80), 0);
-            EXPECT_EQ(get<int16_t>(d, 84), -1);
-            EXPECT_EQ(get<int16_t>(d, 86), 4 * n + 5);
-            EXPECT_EQ(get<uint8_t>(d, 88), ISO_KEYOPT);
-            EXPECT_EQ(get<int16_t>(d, 96), 3);
             for (int i = 0; i < n; ++i) {
-                IS_KEY want = key_n(i);
+                const IS_KEY want = key_n(i);
                 EXPECT_EQ(std::memcmp(&want, d + 100 + 16 * i, sizeof want), 0) << "key " << i;
             }
             for (int i = 0; i < kJd; ++i) EXPECT_EQ(static_cast<unsigned char>(scratch[i]), 0x5A);
@@ -166,11 +164,10 @@ TEST_F(Open, HandlesShareOneSlot) {
     ASSERT_GE(rw, 0);
     EXPECT_NE(rw, ro);
     EXPECT_EQ(ot::pfi_of(rw), pfi);
-    EXPECT_EQ(pfi->pfi_refcnt, 2);
-    EXPECT_EQ(pfi->pfi_bits & PFI_RDONLY, 0);
-    EXPECT_EQ(::fcntl(pfi->pfi_osfd, F_GETFL) & O_ACCMODE, O_RDWR);
-    EXPECT_EQ(ot::shared_fcp(rw)->is_usecnt, 1);
-    EXPECT_EQ(n_ufiles, 2);
+    // References, the read-only bit, the descriptor's mode, the shared use count, files.
+    EXPECT_EQ((std::vector<int>{pfi->pfi_refcnt, pfi->pfi_bits & PFI_RDONLY, ::fcntl(pfi->pfi_osfd, F_GETFL) & O_ACCMODE,
+                                ot::shared_fcp(rw)->is_usecnt, n_ufiles}),
+              (std::vector<int>{2, 0, O_RDWR, 1, 2}));
 
     int third = nisopen(path("f").c_str(), ISO_RDWR | ISF_DEFER);
     ASSERT_GE(third, 0);
@@ -181,9 +178,7 @@ TEST_F(Open, HandlesShareOneSlot) {
     EXPECT_EQ(pfi->pfi_refcnt, 2);
     EXPECT_NE(is_env.pfo_tbl[u], -1);
     EXPECT_EQ(nisopen(path("f").c_str(), ISO_RDWR), ro);
-    EXPECT_EQ(nisclose(ro), 0);
-    EXPECT_EQ(nisclose(third), 0);
-    EXPECT_EQ(nisclose(rw), 0);
+    EXPECT_EQ((std::vector<int>{nisclose(ro), nisclose(third), nisclose(rw)}), (std::vector<int>{0, 0, 0}));
     EXPECT_EQ(pfi->pfi_osfd, -1);
     EXPECT_EQ(is_env.pfo_tbl[u], -1) << "the last close anywhere frees the slot";
     EXPECT_EQ(nisclose(rw), -1);
@@ -343,13 +338,10 @@ TEST_F(Frame, BadDescriptorsAndKeyNumbersAreRefused) {
         calls.insert(calls.end(), {{ISE_BADKN, 0x4000, [=, &rec] { return nisread(fd, k, rec, sizeof rec); }},
                                    {ISE_BADKN, 0x3A00, [=] { return kisam_rewind(fd, k); }}});
     for (size_t i = 0; i < calls.size(); ++i) {
-        SCOPED_TRACE(i);
         is_errno = 0;
-        EXPECT_EQ(calls[i].fn(), -1);
-        EXPECT_EQ(is_errno, calls[i].err);
-        EXPECT_EQ(stack_code(), calls[i].code);
-        EXPECT_EQ(ot::stack_depth(), 1);
-        EXPECT_EQ(Iscurfun, -calls[i].code);
+        const int rc = calls[i].fn();   // then the code, stack top, depth and frame left
+        EXPECT_EQ((std::vector<int>{rc, is_errno, stack_code(), ot::stack_depth(), Iscurfun}),
+                  (std::vector<int>{-1, calls[i].err, calls[i].code, 1, -calls[i].code})) << "call " << i;
     }
     ASSERT_EQ(nisclose(fd), 0);
     EXPECT_EQ(is_db[fd], nullptr);
@@ -373,10 +365,10 @@ TEST_F(Frame, AbandonedCallIsRepairedByTheNextCall) {
     EXPECT_EQ(nisstat(fd, 1, keylens), 1);
     EXPECT_EQ(Islastfun, 0x3B00);
     EXPECT_EQ(Iscurfun, -0x4500);
-    EXPECT_EQ(isam_com->opcl_lock, 0u);
-    EXPECT_EQ(isam_com->free_lock, 0u);
-    EXPECT_EQ(ot::shared_fcp(fd)->jd_fcplock, 0u);
-    EXPECT_EQ(ot::pfi_of(fd)->pfi_ctlcnt, 0);
+    // The open lock, the free lock, the control lock and this process's count of it.
+    EXPECT_EQ((std::vector<unsigned>{isam_com->opcl_lock, isam_com->free_lock, ot::shared_fcp(fd)->jd_fcplock,
+                                     static_cast<unsigned>(ot::pfi_of(fd)->pfi_ctlcnt)}),
+              (std::vector<unsigned>{0, 0, 0, 0}));
 
     // Another process gets all three without waiting.
     unsigned long offs[] = {kisam::com_offset(&isam_com->opcl_lock),

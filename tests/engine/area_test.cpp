@@ -180,15 +180,8 @@ protected:
 // The record written, defaults and every field set, is the one start-up lays out.
 TEST_F(ConfigWrite, WritesTheRecordStartUpLaysOut) {
     kisam_settings s = KISAM_SETTINGS_DEFAULT;
-    s.files = 12;
-    s.buffers = 40;
-    s.users = 7;
-    s.keys = 9;
-    s.files_per_process = 5;
-    s.avg_alt_keys = 3;
-    s.lock_key_len = 20;
-    s.locks_per_file = 4;
-    s.options = KISAM_TRACK_CHANGES | KISAM_CLEAR_ON_RELEASE;
+    s.files = 12, s.buffers = 40, s.users = 7, s.keys = 9, s.files_per_process = 5, s.avg_alt_keys = 3;
+    s.lock_key_len = 20, s.locks_per_file = 4, s.options = KISAM_TRACK_CHANGES | KISAM_CLEAR_ON_RELEASE;
     kt::Config defaults, mine;
     defaults.maxopen = 64, defaults.maxbuf = 256, defaults.maxusers = 32, defaults.maxnkeys = 25;
     defaults.avgalts = 2, defaults.alenlock = 16, defaults.anumlock = 8, defaults.maxfbuf = 256;
@@ -197,8 +190,7 @@ TEST_F(ConfigWrite, WritesTheRecordStartUpLaysOut) {
     mine.maxfbuf = 40;   // file_buffers 0 means as many as buffers
     for (auto [settings, want] : {std::pair{static_cast<const kisam_settings*>(nullptr), defaults}, {&s, mine}}) {
         SCOPED_TRACE(settings ? "settings" : "defaults");
-        ::unlink(cfg_.c_str());
-        ::unlink((cfg_ + ".lk").c_str());
+        ::unlink(cfg_.c_str()), ::unlink((cfg_ + ".lk").c_str());
         ASSERT_EQ(kisam_config_write(cfg_.c_str(), settings, 0, 0), 0) << std::strerror(errno);
         EXPECT_TRUE(exists(cfg_ + ".lk"));
         std::vector<unsigned char> got = read_head(cfg_);

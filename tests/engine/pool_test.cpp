@@ -5,6 +5,7 @@
 #include "lg.h"
 #include "os.h"
 
+#include <algorithm>
 #include <map>
 #include <random>
 
@@ -70,13 +71,10 @@ TEST_F(Pool, ReadOnlyOpenerWritesBackOnlyCommittedPagesAfterTheirLog) {
         ASSERT_EQ(end(), 0);
         EXPECT_EQ(on_disk(file, 1024 + 100), 'C');
         EXPECT_GE(xf->xf_log_synced, rec_end);
-        size_t sync_at = g_io.size(), write_at = g_io.size();
-        for (size_t i = 0; i < g_io.size(); ++i) {
-            if (g_io[i].first == 's' && sync_at == g_io.size()) sync_at = i;
-            if (g_io[i] == std::pair<char, int>{'w', 1024}) write_at = i;
-        }
-        EXPECT_LT(write_at, g_io.size());
-        EXPECT_LT(sync_at, write_at) << "the page reached the file before its log";
+        const auto sync_at = std::find_if(g_io.begin(), g_io.end(), [](auto& io) { return io.first == 's'; });
+        const auto written = std::find(g_io.rbegin(), g_io.rend(), std::pair<char, int>{'w', 1024});
+        ASSERT_NE(written, g_io.rend());
+        EXPECT_LT(sync_at, written.base() - 1) << "the page reached the file before its log";
 
         // Uncommitted: page 2 changed and dirty, its rollback due; page 3 clean.
         begin(fd);

@@ -22,19 +22,24 @@
 
 namespace {
 
-using ot::Env;
+// A file created in the test's installation; a failed create fails the test.
+class LockEnv : public ot::Env {
+protected:
+    int file(const std::string& name) {
+        const int fd = create(name, {4});
+        EXPECT_GE(fd, 0) << name << ": " << is_errno;
+        return fd;
+    }
+};
 
-class Fwait : public Env {};
+class Fwait : public LockEnv {};
 
 // A record-lock wait whose control lock cannot be taken back ends in ISE_DEADLOCK after
 // its bound, keeping no hold on that file and the other file's untouched.
 TEST_F(Fwait, RetakeRefusedUntilTheBoundEndsInDeadlock) {
-    const int f1 = create("f1", {4});
-    const int f2 = create("f2", {4});
-    ASSERT_GE(f1, 0);
-    ASSERT_GE(f2, 0);
-    IS_FCP* c1 = ot::shared_fcp(f1);
-    IS_FCP* c2 = ot::shared_fcp(f2);
+    const int f1 = file("f1"), f2 = file("f2");
+    ASSERT_FALSE(HasFailure());
+    IS_FCP *c1 = ot::shared_fcp(f1), *c2 = ot::shared_fcp(f2);
     const int me = is_env.useridx;
 
     // H holds the record lock and dies once B waits for f2: the parent wakes, and its
@@ -82,7 +87,7 @@ TEST_F(Fwait, RetakeRefusedUntilTheBoundEndsInDeadlock) {
     EXPECT_EQ(c1->jd_lock_hd, KISAM_NOREL);
 }
 
-class CtlWords : public Env {
+class CtlWords : public LockEnv {
 protected:
     static bool wait_for_sleepers(int fd, int n) {
         return kt::await([&] { return kt::waiting_for(&ot::shared_fcp(fd)->jd_fcplock) >= n; });
@@ -95,10 +100,7 @@ protected:
 // Crossed waits for two files' control locks: the one that closes the cycle gets
 // ISE_DEADLOCK holding nothing new; the other goes on.
 TEST_F(CtlWords, CrossedWaitsForTwoFilesAreRefusedToTheOneThatClosesTheCycle) {
-    const int f1 = create("f1", {4});
-    const int f2 = create("f2", {4});
-    ASSERT_GE(f1, 0);
-    ASSERT_GE(f2, 0);
+    const int f1 = file("f1"), f2 = file("f2");
     ASSERT_EQ(nisgetctl(f1), 0);
     kt::Pipe holds;
     pid_t c = kt::start_child([&] {
@@ -126,8 +128,7 @@ TEST_F(CtlWords, CrossedWaitsForTwoFilesAreRefusedToTheOneThatClosesTheCycle) {
 
 // A holder killed in its bracket: both sleepers get the word in turn and see its calls.
 TEST_F(CtlWords, SleepersOnAKilledHoldersWordGetItInTurn) {
-    const int f = create("f", {4});
-    ASSERT_GE(f, 0);
+    const int f = file("f");
     ASSERT_EQ(niswrite(f, "keep-record", 11), 0);
     const pid_t h = hold([&] {
         return is_chinit() == 0 && nisgetctl(f) == 0 && niswrite(f, "dead-record", 11) == 0 ? 0 : 1;
@@ -155,8 +156,7 @@ TEST_F(CtlWords, SleepersOnAKilledHoldersWordGetItInTurn) {
 // A word left held by an exec'd image (same pid, still running) or by a child forked
 // without is_chinit (a zombie) is taken over.
 TEST_F(CtlWords, AHolderThatLeavesTheLibraryHoldingItsWordIsTakenOver) {
-    const int f = create("f", {4});
-    ASSERT_GE(f, 0);
+    const int f = file("f");
     unsigned* word = &ot::shared_fcp(f)->jd_fcplock;
     for (const bool execs : {true, false}) {
         SCOPED_TRACE(execs ? "exec" : "a child without is_chinit");
@@ -182,8 +182,7 @@ TEST_F(CtlWords, AHolderThatLeavesTheLibraryHoldingItsWordIsTakenOver) {
 
 // A bracket opened by one thread is used and closed by another; other processes wait.
 TEST_F(CtlWords, ThreadsOfOneProcessShareItsHold) {
-    const int f = create("f", {4});
-    ASSERT_GE(f, 0);
+    const int f = file("f");
     unsigned* word = &ot::shared_fcp(f)->jd_fcplock;
     int r[3] = {-1, -1, -1};
     std::thread([&] { r[0] = nisgetctl(f); }).join();
@@ -213,10 +212,7 @@ TEST_F(CtlWords, ThreadsOfOneProcessShareItsHold) {
 TEST_F(CtlWords, RandomOrdersOfControlAndRecordLocksNeverHang) {
     const int nfiles = 3, nprocs = 3, rounds = 150;
     std::vector<int> fds;
-    for (int k = 0; k < nfiles; ++k) {
-        fds.push_back(create("r" + std::to_string(k), {4}));
-        ASSERT_GE(fds.back(), 0);
-    }
+    for (int k = 0; k < nfiles; ++k) fds.push_back(file("r" + std::to_string(k)));
     const unsigned seed = static_cast<unsigned>(std::random_device{}());
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::printf("[ seed     ] %u\n", seed);
@@ -283,7 +279,7 @@ TEST_F(CtlWords, RandomOrdersOfControlAndRecordLocksNeverHang) {
 // every holder let go or died, kills.  After every step the lock chain is the model's.
 // Seeded (KISAM_SEED).
 
-class RecLock : public Env {};
+class RecLock : public LockEnv {};
 
 struct Lock {
     int pid, isfd;
@@ -339,10 +335,8 @@ TEST_F(RecLock, ProcessesTakingAndGivingBackLocksMatchTheModel) {
     bound(200);
     const std::string f = path("f");
     Call& self = shared<Call>();   // actor 0: this process
-    self.fd[0] = create("f", {4});
-    self.fd[1] = nisopen(f.c_str(), ISO_RDWR);
-    ASSERT_GE(self.fd[0], 0);
-    ASSERT_GE(self.fd[1], 0);
+    self.fd[0] = file("f");
+    ASSERT_GE(self.fd[1] = nisopen(f.c_str(), ISO_RDWR), 0);
     Peer peers[2];   // actors 1 and 2
     auto launch = [&](Peer& p) {
         Call* c = p.call = &shared<Call>();
@@ -369,9 +363,7 @@ TEST_F(RecLock, ProcessesTakingAndGivingBackLocksMatchTheModel) {
         else peers[a - 1].go->signal();
     };
     auto result = [&](int a) {
-        if (a != 0) {
-            EXPECT_EQ(peers[a - 1].done->wait(), 'x') << "peer " << a << " died";
-        }
+        EXPECT_TRUE(a == 0 || peers[a - 1].done->wait() == 'x') << "peer " << a << " died";
         return call_of(a)->rc;
     };
 
@@ -463,21 +455,17 @@ TEST_F(RecLock, ProcessesTakingAndGivingBackLocksMatchTheModel) {
         }
         SCOPED_TRACE("seed " + std::to_string(seed) + " step " + std::to_string(step) + ": process " +
                      std::to_string(a) + " handle " + std::to_string(h) + " " + what);
-        if (what != "killed") {
-            ASSERT_EQ(result(a), want);
-            EXPECT_EQ(call_of(a)->err, 0) << "a conflict or a missing lock sets no error code";
-            ASSERT_EQ(call_of(a)->fd[h], fd) << "the freed number is reused";
-        }
+        ASSERT_TRUE(what == "killed" || result(a) == want) << "returned " << call_of(a)->rc << ", not " << want;
+        EXPECT_TRUE(what == "killed" || call_of(a)->err == 0) << "a conflict or a missing lock sets no error code";
+        ASSERT_TRUE(what == "killed" || call_of(a)->fd[h] == fd) << "the freed number is reused";
         ASSERT_TRUE(chain(ot::shared_fcp(self.fd[0])) == model) << "the lock chain differs from the model";
-        if (counted) {
-            ASSERT_EQ(isam_com->curusrlocks, model.size());
-        }
+        ASSERT_TRUE(!counted || isam_com->curusrlocks == model.size()) << isam_com->curusrlocks << " locks counted";
     }
     std::printf("[ figures  ] %d waits, %d processes killed, %zu locks at the end\n", waits, kills, model.size());
 }
 
 // ---- the wait hook ----------------------------------------------------------------------------
-class WaitHook : public Env {};
+class WaitHook : public LockEnv {};
 
 struct Seen {
     int begins = 0, signals = 0, ends = 0;
@@ -508,10 +496,6 @@ int hook(const struct kisam_wait* w, void*) {
     return 0;
 }
 
-bool ends_with(const std::string& s, const std::string& tail) {
-    return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
-}
-
 // Runs wait in a child whose hook gives up at a signal, interrupted once the wait began.
 int given_up(const std::function<int()>& wait) {
     kt::Pipe began;
@@ -533,8 +517,7 @@ int given_up(const std::function<int()>& wait) {
 // Given up (control lock, then record lock): the hook knew holder, kind and file; the
 // call fails with KISAM_ISE_INTERRUPTED keeping nothing of the wait.
 TEST_F(WaitHook, AWaitGivenUpAtASignalKeepsNothingOfIt) {
-    int fd = create("f", {4});
-    ASSERT_GE(fd, 0);
+    const int fd = file("f");
     const pid_t parent = ::getpid();
     ASSERT_EQ(nisgetctl(fd), 0);
     EXPECT_EQ(given_up([&] {
@@ -542,7 +525,7 @@ TEST_F(WaitHook, AWaitGivenUpAtASignalKeepsNothingOfIt) {
                   if (is_errno != KISAM_ISE_INTERRUPTED || errno != EINTR) return 3;
                   if (seen.begins != 1 || seen.ends != 1 || seen.signals < 1) return 4;
                   if (seen.holder != parent || seen.what != KISAM_WAIT_CONTROL) return 5;
-                  if (!ends_with(seen.file, "/f")) return 6;
+                  if (!std::string(seen.file).ends_with("/f")) return 6;
                   if (seen.can_give_up != 1 || seen.given_up != 1) return 7;
                   if (is_pfi[is_db[fd]->uniqueid].pfi_ctlcnt != 0) return 8;
                   if (is_lock_mine(&ot::shared_fcp(fd)->jd_fcplock)) return 9;
@@ -566,7 +549,7 @@ TEST_F(WaitHook, AWaitGivenUpAtASignalKeepsNothingOfIt) {
     EXPECT_EQ(given_up([&] {
                   if (nisgetctl(fd) != 0) return 2;
                   if (nislock(fd, "abc", 3, 0) != -1 || is_errno != KISAM_ISE_INTERRUPTED) return 3;
-                  if (seen.what != KISAM_WAIT_RECORD || seen.holder != parent || !ends_with(seen.file, "/f")) return 4;
+                  if (seen.what != KISAM_WAIT_RECORD || seen.holder != parent || !std::string(seen.file).ends_with("/f")) return 4;
                   IS_FCP* f = ot::shared_fcp(fd);
                   if (!is_lock_mine(&f->jd_fcplock) || is_pfi[is_db[fd]->uniqueid].pfi_ctlcnt != 1) return 5;
                   IS_RC* e = kisam::rel_ptr<IS_RC>(f->jd_lock_hd);
@@ -580,8 +563,7 @@ TEST_F(WaitHook, AWaitGivenUpAtASignalKeepsNothingOfIt) {
 
 // A signal the hook lets pass, or with neither hook nor flag, keeps the wait.
 TEST_F(WaitHook, ASignalNotGivenUpKeepsTheWaitUntilTheHolderLetsGo) {
-    int fd = create("f", {4});
-    ASSERT_GE(fd, 0);
+    const int fd = file("f");
     for (bool with_hook : {true, false}) {
         SCOPED_TRACE(with_hook ? "the hook lets it pass" : "no hook, no flag");
         const std::string rec = with_hook ? "abcd-record" : "abce-record";
@@ -618,8 +600,7 @@ TEST_F(WaitHook, ASignalNotGivenUpKeepsTheWaitUntilTheHolderLetsGo) {
 }
 
 TEST_F(WaitHook, TheFlagGivesUpAnOpenWaitingForTheOpenLockWithoutAHook) {
-    int fd = create("f", {4});
-    ASSERT_GE(fd, 0);
+    const int fd = file("f");
     ASSERT_EQ(nisclose(fd), 0);
     kt::Pipe ready, go;
     pid_t child = kt::start_child([&] {
@@ -643,17 +624,15 @@ TEST_F(WaitHook, TheFlagGivesUpAnOpenWaitingForTheOpenLockWithoutAHook) {
 // A free control lock costs no lock request (a range costs one); a failed request
 // refuses the call with KISAM_ISE_LOCKFAIL.
 TEST_F(WaitHook, AFreeLockCostsNoRequestAndAFailedOneRefusesTheCall) {
-    int fd = create("f", {4});
-    ASSERT_GE(fd, 0);
+    const int fd = file("f");
     for (bool with_hook : {false, true}) {
+        SCOPED_TRACE(with_hook ? "with a hook" : "without a hook");
         kisam_set_wait_hook(with_hook ? hook : nullptr, nullptr, with_hook ? KISAM_WAIT_GIVE_UP : 0);
         kt::Faults count;
-        ASSERT_EQ(nisgetctl(fd), 0);
-        EXPECT_EQ(kt::Faults::calls(kt::Faults::kLock), 0) << "hook " << with_hook;
-        ASSERT_EQ(nisrelctl(fd), 0);
-        EXPECT_EQ(kt::Faults::calls(kt::Faults::kLock), 0) << "hook " << with_hook;
-        ASSERT_EQ(is_lock(&isam_com->opcl_lock), 0);
-        EXPECT_EQ(kt::Faults::calls(kt::Faults::kLock), 1) << "hook " << with_hook;
+        const auto requests = [] { return kt::Faults::calls(kt::Faults::kLock); };
+        EXPECT_EQ((std::vector<int>{nisgetctl(fd), requests(), nisrelctl(fd), requests(),
+                                    is_lock(&isam_com->opcl_lock), requests()}),
+                  (std::vector<int>{0, 0, 0, 0, 0, 1}));   // each call's result, then the requests so far
         is_unlock(&isam_com->opcl_lock);
     }
     kisam_set_wait_hook(nullptr, nullptr, 0);
@@ -683,8 +662,7 @@ int raise_at_begin(const struct kisam_wait* w, void*) {
 }
 
 TEST_F(WaitHook, ASignalBetweenSleepsIsNotLost) {
-    int fd = create("f", {4});
-    ASSERT_GE(fd, 0);
+    const int fd = file("f");
     ASSERT_EQ(nislock(fd, "ab", 2, 1), 0);
     for (bool record : {false, true}) {
         SCOPED_TRACE(record ? "record lock" : "control lock");
