@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -49,6 +50,37 @@ void index_page(Page& pg, std::mt19937_64& rng, int k, int n, int inc) {
     kisam::store_at<int16_t>(pg.c + 2, static_cast<int16_t>(n));
     for (int i = 8; i < 8 + n * inc; ++i) pg.c[i] = static_cast<unsigned char>('0' + rng() % 10);
 }
+// Item j put in among n (those from j on move up), or taken out (those after it move
+// down); how far they moved.
+int put_item(Page& pg, std::mt19937_64& rng, int j, int n, int inc) {
+    unsigned char* at = pg.c + 8 + j * inc;
+    std::memmove(at + inc, at, static_cast<size_t>((n - j) * inc));
+    for (int i = 0; i < inc; ++i) at[i] = static_cast<unsigned char>('a' + rng() % 26);
+    kisam::store_at<int16_t>(pg.c + 2, static_cast<int16_t>(n + 1));
+    return inc;
+}
+int take_item(Page& pg, int j, int n, int inc) {
+    unsigned char* at = pg.c + 8 + j * inc;
+    std::memmove(at, at + inc, static_cast<size_t>((n - 1 - j) * inc));
+    kisam::store_at<int16_t>(pg.c + 2, static_cast<int16_t>(n - 1));
+    return -inc;
+}
+// Random bytes over [at, at + len).
+void scribble(Page& pg, std::mt19937_64& rng, int at, int len) {
+    for (int i = 0; i < len; ++i) pg.c[at + i] = static_cast<unsigned char>(rng());
+}
+// The entries [buf, end) are no longer than the whole page and turn was into now.
+::testing::AssertionResult gives_back(const std::vector<char>& buf, const char* end, uint32_t nent, uint64_t off,
+                                      const Page& was, const Page& now) {
+    if (end - buf.data() > static_cast<long>(sizeof(lg::lg_ent) + kP))
+        return ::testing::AssertionFailure() << "longer than the whole page";
+    Page got = was;
+    if (!replay_entries(buf.data(), end, nent, off, got.c)) return ::testing::AssertionFailure() << "refused";
+    if (std::memcmp(got.c, now.c, kP) != 0) return ::testing::AssertionFailure() << "another page";
+    return ::testing::AssertionSuccess();
+}
+// An insert's entries: a few dozen bytes, not the bytes it moved.
+bool short_insert(long len, int inc) { return len <= 3 * 16 + 8 + 8 + static_cast<long>(lg::round8(inc)) + 8; }
 
 class LogDelta : public ::testing::TestWithParam<bool> {
 protected:
@@ -75,36 +107,22 @@ TEST_P(LogDelta, RandomPageChangesComeBackExactlyAndNoLongerThanTheWholePage) {
         int shift = 0;
         const int op = static_cast<int>(rng() % 3);
         const int j = static_cast<int>(rng() % n);
-        if (op == 0) {  // an item put in at j: those from j on move up
-            unsigned char* at = now.c + 8 + j * inc;
-            std::memmove(at + inc, at, static_cast<size_t>((n - j) * inc));
-            for (int i = 0; i < inc; ++i) at[i] = static_cast<unsigned char>('a' + rng() % 26);
-            kisam::store_at<int16_t>(now.c + 2, static_cast<int16_t>(n + 1));
-            shift = inc;
-        } else if (op == 1) {  // item j taken out: those after it move down
-            unsigned char* at = now.c + 8 + j * inc;
-            std::memmove(at, at + inc, static_cast<size_t>((n - 1 - j) * inc));
-            kisam::store_at<int16_t>(now.c + 2, static_cast<int16_t>(n - 1));
-            shift = -inc;
-        }
+        if (op == 0) shift = put_item(now, rng, j, n, inc);
+        else if (op == 1) shift = take_item(now, j, n, inc);
         const bool pure = op != 2 && rng() % 2 == 0;
         if (!pure) {
             for (int k = static_cast<int>(rng() % 4); k > 0; --k) {  // bytes overwritten anywhere
                 const int at = static_cast<int>(rng() % kP);
-                const int len = std::min(kP - at, 1 + static_cast<int>(rng() % 80));
-                for (int i = 0; i < len; ++i) now.c[at + i] = static_cast<unsigned char>(rng());
+                scribble(now, rng, at, std::min(kP - at, 1 + static_cast<int>(rng() % 80)));
             }
             if (rng() % 4 == 0) shift = static_cast<int>(rng() % 81) - 40;  // a wrong guess
         }
         uint32_t nent = 0;
         char* const end = lg::put_delta(buf.data(), &nent, 4096, was.c, now.c, shift);
-        ASSERT_LE(end - buf.data(), static_cast<long>(sizeof(lg::lg_ent) + kP)) << "longer than the whole page";
-        Page got = was;
-        ASSERT_TRUE(replay_entries(buf.data(), end, nent, 4096, got.c));
-        ASSERT_EQ(std::memcmp(got.c, now.c, kP), 0) << "op " << op << " shift " << shift << " j " << j;
+        ASSERT_TRUE(gives_back(buf, end, nent, 4096, was, now)) << "op " << op << " shift " << shift << " j " << j;
         if (pure && op == 0) {
             ++inserts;
-            small += end - buf.data() <= 3 * 16 + 8 + 8 + static_cast<long>(lg::round8(inc)) + 8;
+            small += short_insert(end - buf.data(), inc);
         }
         for (const char* p = buf.data(); p < end;) {
             lg::lg_ent e;
@@ -154,38 +172,29 @@ TEST_P(LogDelta, NotedChangesComeBackExactly) {
             jn_change c{};
             if (op == 0 && n < order) {  // put in at j (the split never comes here)
                 c = kisam::bt_put_change(j, n, inc);
-                unsigned char* at = now.c + 8 + j * inc;
-                std::memmove(at + inc, at, static_cast<size_t>((n - j) * inc));
-                for (int i = 0; i < inc; ++i) at[i] = static_cast<unsigned char>('a' + rng() % 26);
-                kisam::store_at<int16_t>(now.c + 2, static_cast<int16_t>(++n));
-            } else if (op == 1 && n > 1) {  // take out j
+                put_item(now, rng, j, n++, inc);
+            } else if (op == 1 && n > 1) {
                 c = kisam::bt_take_change(j, n, inc);
-                unsigned char* at = now.c + 8 + j * inc;
-                std::memmove(at, at + inc, static_cast<size_t>((n - 1 - j) * inc));
-                kisam::store_at<int16_t>(now.c + 2, static_cast<int16_t>(--n));
+                take_item(now, j, n--, inc);
             } else if (op == 2) {  // an address exchanged in item j
                 const int at = 8 + j * inc + inc - 8;
                 c = kisam::bt_swap_change(at);
-                for (int i = 0; i < 4; ++i) now.c[at + i] = static_cast<unsigned char>(rng());
+                scribble(now, rng, at, 4);
             } else {  // bytes overwritten, noted as the blocks they lie in
                 const int at = static_cast<int>(rng() % kP);
                 const int len = std::min(kP - at, 1 + static_cast<int>(rng() % 100));
-                for (int i = 0; i < len; ++i) now.c[at + i] = static_cast<unsigned char>(rng());
+                scribble(now, rng, at, len);
                 c = {kisam::bt_blocks(at, at + len), 0, 0, 0};
             }
             note(kept, k == 0, c);
         }
         uint32_t nent = 0;
         char* const end = lg::put_delta(buf.data(), &nent, 4096, was.c, now.c, &fcp, kept);
-        ASSERT_LE(end - buf.data(), static_cast<long>(sizeof(lg::lg_ent) + kP)) << "longer than the whole page";
-        Page got = was;
-        ASSERT_TRUE(replay_entries(buf.data(), end, nent, 4096, got.c));
-        ASSERT_EQ(std::memcmp(got.c, now.c, kP), 0) << "noted blocks " << std::hex << kept.blocks << std::dec
-                                                    << " move " << kept.mv_from << "+" << kept.mv_len << " by "
-                                                    << kept.mv_by;
+        ASSERT_TRUE(gives_back(buf, end, nent, 4096, was, now)) << "noted blocks " << std::hex << kept.blocks
+            << std::dec << " move " << kept.mv_from << "+" << kept.mv_len << " by " << kept.mv_by;
         if (ops == 1 && kept.mv_by > 0) {
             ++single;
-            small += end - buf.data() <= 3 * 16 + 8 + 8 + static_cast<long>(lg::round8(inc)) + 8;
+            small += short_insert(end - buf.data(), inc);
         }
     }
     EXPECT_GT(single, 2000);
@@ -205,13 +214,11 @@ TEST(LogEntry, PagesLoggedWholeGiveEveryByteWhateverThePageHeld) {
             const int len = std::min(kP - at, static_cast<int>(rng() % kP));
             std::memset(pg.c + at, 0, static_cast<size_t>(len));
         }
+        Page any;
+        for (auto& b : any.c) b = static_cast<unsigned char>(rng());
         uint32_t nent = 0;
         char* const end = lg::put_fresh(buf.data(), &nent, 8192, pg.c);
-        ASSERT_LE(end - buf.data(), static_cast<long>(sizeof(lg::lg_ent) + kP));
-        Page got;
-        for (auto& b : got.c) b = static_cast<unsigned char>(rng());
-        ASSERT_TRUE(replay_entries(buf.data(), end, nent, 8192, got.c));
-        ASSERT_EQ(std::memcmp(got.c, pg.c, kP), 0);
+        ASSERT_TRUE(gives_back(buf, end, nent, 8192, any, pg));
     }
     Page data{};
     kisam::store_at<uint16_t>(data.c, 0x8002);
@@ -267,19 +274,20 @@ TEST_P(LogDelta, ControlPageRunsComeBackExactly) {
 
 // A move that reaches past the page, or of a kind replay does not know, is refused.
 TEST(LogEntry, EntriesThatDoNotFitThePageAreRefused) {
+    struct Row {
+        const char* name;
+        lg::lg_ent e;
+        lg::lg_move m;
+        bool applies;
+    } const rows[] = {
+        {"moved to past the page", {0, 1000, 8, lg::kMoveEntry}, {0, 100, 0}, false},
+        {"moved from past the page", {0, 100, 8, lg::kMoveEntry}, {1000, 100, 0}, false},
+        {"padding not zero", {0, 100, 8, lg::kMoveEntry}, {0, 10, 1}, false},
+        {"a kind replay does not know", {0, 0, 8, 9}, {0, 10, 0}, false},
+        {"a move that fits", {0, 100, 8, lg::kMoveEntry}, {0, 10, 0}, true},
+    };
     Page pg{};
-    const lg::lg_ent in{0, 1000, 8, lg::kMoveEntry};
-    const lg::lg_move past{0, 100, 0};
-    EXPECT_FALSE(lg::apply_entry(pg.c, in, &past));
-    const lg::lg_ent ok{0, 100, 8, lg::kMoveEntry};
-    const lg::lg_move from_past{1000, 100, 0};
-    EXPECT_FALSE(lg::apply_entry(pg.c, ok, &from_past));
-    const lg::lg_move padded{0, 10, 1};
-    EXPECT_FALSE(lg::apply_entry(pg.c, ok, &padded));
-    const lg::lg_ent odd{0, 0, 8, 9};
-    const lg::lg_move fine{0, 10, 0};
-    EXPECT_FALSE(lg::apply_entry(pg.c, odd, &fine));
-    EXPECT_TRUE(lg::apply_entry(pg.c, ok, &fine));
+    for (const Row& r : rows) EXPECT_EQ(lg::apply_entry(pg.c, r.e, &r.m), r.applies) << r.name;
 }
 
 // ---- records of real processes -----------------------------------------------------------
@@ -433,59 +441,53 @@ TEST_F(LogRecord, KilledAtEveryStoreOfItsRecordsTheFileHoldsTheCallsThatReturned
     EXPECT_GE(killed, kMore) << "fewer stores than calls: the records were not stored through the mapping";
 }
 
-// A record torn at its end is not replayed; the calls before it are.
-TEST_F(LogRecord, ARecordTornAtItsEndIsNotReplayed) {
-    const std::vector<Call> c = calls(60, 20);
-    const std::string file = made("f", kL.lens());
-    leave_in_log(file, c);
-    LogImage img(log_path());
-    ASSERT_EQ(img.recs.size(), c.size());
-    const lg::lg_rec last = img.rec(c.size() - 1);
-    std::memset(img.bytes.data() + img.recs.back() + last.lr_len - 8, 0, 8);
-    img.save(log_path());
-    EXPECT_TRUE(ko::holds(file, kL, model(c, c.size() - 1)));
-}
-
-// An unknown entry kind or a newer header: refused, file and log left as they were; a
-// first-version log is replayed.
+// A log changed after its writer was killed: a record torn at its end is not replayed (the
+// calls before it are); an unknown entry kind or a newer header is refused, file and log
+// left as they were; a first-version log is replayed.
 TEST_F(LogRecord, ALogOfAnotherVersionIsReplayedOrRefusedNeverMisread) {
     const std::vector<Call> c = calls(60, 20);
+    const int all = static_cast<int>(c.size());
     const std::string file = made("f", kL.lens());
     const std::string fresh = kt::slurp(file);
-    auto refused = [&](const char* what) {
-        SCOPED_TRACE(what);
+    struct Row {
+        const char* name;
+        std::function<void(LogImage&)> change;
+        int replayed;  // calls the file then holds; -1: refused
+    } const rows[] = {
+        {"ARecordTornAtItsEndIsNotReplayed", [](LogImage& img) {
+             std::memset(img.bytes.data() + img.recs.back() + img.rec(img.recs.size() - 1).lr_len - 8, 0, 8);
+         }, all - 1},
+        {"an entry of an unknown kind", [](LogImage& img) {
+             const size_t i = img.recs.size() / 2;
+             lg::lg_ent e;
+             std::memcpy(&e, img.bytes.data() + img.recs[i] + sizeof(lg::lg_rec), sizeof e);
+             e.le_kind = 9;
+             std::memcpy(img.bytes.data() + img.recs[i] + sizeof(lg::lg_rec), &e, sizeof e);
+             img.seal(i);
+         }, -1},
+        {"a header of a newer version", [](LogImage& img) { img.set_version(lg::kVersion + 1); }, -1},
+        {"a header of the first version", [](LogImage& img) { img.set_version(1); }, all},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        ::unlink(log_path().c_str());
+        kt::spit(file, fresh);
+        leave_in_log(file, c);
+        LogImage img(log_path());
+        ASSERT_EQ(img.recs.size(), c.size());
+        row.change(img);
+        img.save(log_path());
+        if (row.replayed >= 0) {
+            EXPECT_TRUE(ko::holds(file, kL, model(c, static_cast<size_t>(row.replayed))));
+            continue;
+        }
         const std::string log = kt::slurp(log_path());
         EXPECT_EQ(nisopen(file.c_str(), ISO_RDWR), -1) << "opened over a log it cannot read";
         EXPECT_EQ(is_errno, ISE_OPENF);
         nisunisam();
         EXPECT_EQ(kt::slurp(file), fresh) << "the file changed";
         EXPECT_EQ(kt::slurp(log_path()), log) << "the log changed";
-    };
-    {
-        leave_in_log(file, c);
-        LogImage img(log_path());
-        ASSERT_EQ(img.recs.size(), c.size());
-        const size_t i = c.size() / 2;
-        lg::lg_ent e;
-        std::memcpy(&e, img.bytes.data() + img.recs[i] + sizeof(lg::lg_rec), sizeof e);
-        e.le_kind = 9;
-        std::memcpy(img.bytes.data() + img.recs[i] + sizeof(lg::lg_rec), &e, sizeof e);
-        img.seal(i);
-        img.save(log_path());
-        refused("an entry of an unknown kind");
     }
-    auto logged_as = [&](uint32_t v) {
-        ::unlink(log_path().c_str());
-        kt::spit(file, fresh);
-        leave_in_log(file, c);
-        LogImage img(log_path());
-        img.set_version(v);
-        img.save(log_path());
-    };
-    logged_as(lg::kVersion + 1);
-    refused("a header of a newer version");
-    logged_as(1);
-    EXPECT_TRUE(ko::holds(file, kL, model(c, c.size()))) << "a log of the first version was not replayed";
 }
 
 }  // namespace
