@@ -247,27 +247,6 @@ TEST_F(MissMp, AnImageReadBeforeTheFileChangedNeverReachesThePool) {
     EXPECT_TRUE(kt::sound(path_));
 }
 
-// Readers evicting each other's slots (change count untouched) read only whole records.
-TEST_F(MissMp, ReadersThatEvictEachOtherReadOnlyWholeRecords) {
-    start(20, 800);
-    const uint64_t seed = kt::test_seed(0x5EED);
-    const std::vector<int> rcs = workers(3, [&](int r) {
-        return opened([&](int fd) {
-            std::mt19937 rng(static_cast<unsigned>(seed) + static_cast<unsigned>(r));
-            for (int i = 0; i < 4000; ++i) {
-                const unsigned id = static_cast<unsigned>(rng() % ids_);
-                if (const int rc = check(fd, id, 1)) {
-                    std::fprintf(stderr, "reader %d: id %u wrong (%d), seed %llu\n", r, id, rc,
-                                 static_cast<unsigned long long>(seed));
-                    return 71;
-                }
-            }
-            return 0;
-        });
-    });
-    for (int rc : rcs) EXPECT_EQ(rc, 0);
-}
-
 TEST_F(MissMp, AReaderKilledInTheMiddleOfAMissLeavesNothingBehind) {
     start(40, 600);
     const pid_t a = hooked_reader([&](int fd) {
