@@ -68,6 +68,16 @@ int check(int fd, unsigned id, uint32_t gen, uint32_t* seen = nullptr) {
     return n == static_cast<int>(r.size()) && std::memcmp(buf.data(), r.data(), r.size()) == 0 ? 0 : 3;
 }
 
+// 0 when ids [from, to) hold exactly generation gen, else the first wrong one's check().
+int check_range(int fd, unsigned from, unsigned to, uint32_t gen) {
+    for (unsigned id = from; id < to; ++id)
+        if (const int rc = check(fd, id, gen)) {
+            std::fprintf(stderr, "id %u: wrong (%d)\n", id, rc);
+            return rc;
+        }
+    return 0;
+}
+
 enum Put { kWrite, kUpdate };
 bool put_range(int fd, Put how, unsigned from, unsigned to, uint32_t gen) {
     for (unsigned id = from; id < to; ++id) {
@@ -226,8 +236,7 @@ TEST_F(MissMp, AnImageReadBeforeTheFileChangedNeverReachesThePool) {
     start(40, 200);
     constexpr unsigned kX = 10;
     const pid_t a = hooked_reader([&](int fd) {
-        for (unsigned id = 0; id < ids_; ++id)
-            if (check(fd, id, 1) != 0) return 71;
+        if (check_range(fd, 0, ids_, 1) != 0) return 71;
         // Only kX's data page is missing from the pool.
         if (check(fd, kX + 1, 1) != 0) return 72;
         kisam::test_hook = fetch_hook;
@@ -239,8 +248,7 @@ TEST_F(MissMp, AnImageReadBeforeTheFileChangedNeverReachesThePool) {
     // kX changed, then pushed out to the file by other reads.
     EXPECT_EQ(in_child([&](int fd) {
         if (!put_range(fd, kUpdate, kX, kX + 1, 2)) return 81;
-        for (unsigned id = 100; id < ids_; ++id)
-            if (check(fd, id, 1) != 0) return 82;
+        if (check_range(fd, 100, ids_, 1) != 0) return 82;
         return 0;
     }), 0);
     release(a);
@@ -260,8 +268,7 @@ TEST_F(MissMp, AReaderKilledInTheMiddleOfAMissLeavesNothingBehind) {
         const uint32_t seq = seq_of(fd);
         if (seq % 2 != 0) return 81;
         const unsigned long nolock0 = is_nolock_reads;
-        for (unsigned id = 0; id < ids_; ++id)
-            if (check(fd, id, 1) != 0) return 82;
+        if (check_range(fd, 0, ids_, 1) != 0) return 82;
         if (is_nolock_reads - nolock0 != ids_) return 83;
         return 0;
     }), 0);
@@ -275,14 +282,7 @@ protected:
         MissMp::SetUp();
         kisam::os = kisam::os_real;
     }
-    int read_all(int fd, uint32_t gen, unsigned from = 0) {
-        for (unsigned id = from; id < ids_; ++id)
-            if (const int rc = check(fd, id, gen)) {
-                std::fprintf(stderr, "id %u: wrong (%d)\n", id, rc);
-                return rc;
-            }
-        return 0;
-    }
+    int read_all(int fd, uint32_t gen, unsigned from = 0) { return check_range(fd, from, ids_, gen); }
 };
 
 // Both control-page sizes: once the chain is known, pages past the pool come from the
@@ -632,8 +632,7 @@ protected:
         kisam::os.pread = plain_pread;
         EXPECT_EQ(in_child([&](int fd) {
             if (read_all(fd, keyno, 0) != 0) return 81;
-            for (unsigned id = lo; id < hi; ++id)
-                if (check(fd, id, gen) != 0) return 82;
+            if (check_range(fd, lo, hi, gen) != 0) return 82;
             return 0;
         }), 0);
         kisam::os = kisam::os_real;
@@ -674,8 +673,7 @@ TEST_F(MappedWrites, AGrowingFileIsTakenAheadOnlyOverWhatItNeverHeld) {
     start(40, 600, 512);
     const pid_t w = hooked_reader([&](int fd) {
         ::alarm(120);
-        for (unsigned id = 0; id < 200; ++id)
-            if (check(fd, id, 1) != 0) return 71;
+        if (check_range(fd, 0, 200, 1) != 0) return 71;
         if (stop_here() != 'g') return 72;
         count_page_writes(fd);
         const IS_FCP* fcp = kisam::pfo_fcp(is_db[fd]->uniqueid);
@@ -711,8 +709,7 @@ void MappedWrites::cut_under_write_back(bool by_checkpoint) {
     const off_t cut = cut_under([&](int fd) {
         count_page_writes(fd);
         // Dirty pages at the back of the file; the front read through the mapping.
-        for (unsigned id = 0; id < 200; ++id)
-            if (check(fd, id, 1) != 0) return 71;
+        if (check_range(fd, 0, 200, 1) != 0) return 71;
         for (unsigned id = ids_; id-- > ids_ - 30;)
             if (!put_range(fd, kUpdate, id, id + 1, 2)) return 72;
         if (v_map_stores == 0 && v_map_loads == 0) return 73;
@@ -816,8 +813,7 @@ TEST_F(MappedWrites, AStoreIntoAHoleOfAFullDiskGetsTheWriteCallsError) {
         kisam::os = kisam::os_real;
         kisam::os.pread = plain_pread;
         if (is_init() != 0 || (fd = nisopen(file.c_str(), ISO_RDWR)) < 0) return 13;
-        for (unsigned id = 0; id < 600; ++id)
-            if (check(fd, id, 2) != 0) return 14;
+        if (check_range(fd, 0, 600, 2) != 0) return 14;
         nisclose(fd);
         nisunisam();
         return kt::sound(file) ? 0 : 15;
