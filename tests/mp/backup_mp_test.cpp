@@ -17,7 +17,7 @@
 
 namespace {
 
-constexpr int kWriters = 2;
+constexpr size_t kWriters = 2;
 constexpr int kIdsPerWriter = 300;
 
 namespace ko = kt::oracle;
@@ -133,50 +133,49 @@ int verify(const char* copy, void*) { return kt::sound(copy) ? 0 : 1; }
 class Backup : public ot::Env {};
 
 TEST_F(Backup, EveryBackupUnderLoadIsTheFileAtOneMomentBetweenCalls) {
-    int backups = 8;
-    if (const char* b = std::getenv("KISAM_BACKUPS")) backups = std::atoi(b);
+    const char* b_env = std::getenv("KISAM_BACKUPS");
+    const size_t backups = b_env ? static_cast<size_t>(std::atoi(b_env)) : 8;
     const uint64_t seed = kt::test_seed(1126);
     const std::string file = path("live");
     const int fd = create("live", kL.lens());
     ASSERT_GE(fd, 0);
     ASSERT_EQ(nisclose(fd), 0);
-    for (int w = 0; w < kWriters; ++w)
-        held_.push_back(kt::start_child([&, w] { return writer(file, path("log" + std::to_string(w)), w, seed); }));
-    std::vector<std::vector<int>> lo(static_cast<size_t>(backups));
+    auto log = [&](size_t w) { return path("log" + std::to_string(w)); };
+    auto copy = [&](size_t b) { return path("copy" + std::to_string(b)); };
+    for (size_t w = 0; w < kWriters; ++w)
+        held_.push_back(kt::start_child([&, w] { return writer(file, log(w), static_cast<int>(w), seed); }));
+    // lo[w][b]: the units writer w had logged when backup b began.
+    std::vector<std::vector<int>> lo(kWriters);
     long longest = 0;
-    for (int b = 0; b < backups; ++b) {
+    for (size_t b = 0; b < backups; ++b) {
         ::usleep(20000 + static_cast<useconds_t>(b % 5) * 10000);
-        for (int w = 0; w < kWriters; ++w) lo[b].push_back(static_cast<int>(units_of(path("log" + std::to_string(w))).size()));
+        for (size_t w = 0; w < kWriters; ++w) lo[w].push_back(static_cast<int>(units_of(log(w)).size()));
         long held = 0;
-        ASSERT_EQ(kisam_backup(file.c_str(), path("copy" + std::to_string(b)).c_str(), verify, nullptr, &held), 0)
+        ASSERT_EQ(kisam_backup(file.c_str(), copy(b).c_str(), verify, nullptr, &held), 0)
             << "backup " << b << " is_errno " << is_errno;
         longest = std::max(longest, held);
     }
     for (pid_t p : held_) ::kill(p, SIGTERM);
     for (pid_t p : held_) EXPECT_EQ(kt::wait_child(p), 0);
     held_.clear();
-    std::vector<std::vector<State>> copies(kWriters, std::vector<State>(static_cast<size_t>(backups)));
-    for (int b = 0; b < backups; ++b) {
-        const std::string copy = path("copy" + std::to_string(b));
-        int cfd = nisopen(copy.c_str(), ISO_RDONLY);
+    // copies[w][b]: writer w's ids in backup b.
+    std::vector<std::vector<State>> copies(kWriters, std::vector<State>(backups));
+    for (size_t b = 0; b < backups; ++b) {
+        const int cfd = nisopen(copy(b).c_str(), ISO_RDONLY);
         ASSERT_GE(cfd, 0) << "backup " << b << " does not open: is_errno " << is_errno;
         const ko::Scan scan = ko::scan(cfd, kL);
         ASSERT_TRUE(scan.ok()) << "backup " << b << ": " << scan.why;
-        std::vector<State> got(kWriters);
-        for (const auto& [id, r] : scan.recs) got[static_cast<size_t>(id / kIdsPerWriter)][id] = r;
+        for (const auto& [id, r] : scan.recs) copies[static_cast<size_t>(id / kIdsPerWriter)][b][id] = r;
         ASSERT_EQ(nisclose(cfd), 0);
-        for (int w = 0; w < kWriters; ++w) copies[static_cast<size_t>(w)][static_cast<size_t>(b)] = std::move(got[static_cast<size_t>(w)]);
     }
-    for (int w = 0; w < kWriters; ++w) {
-        const std::vector<Unit> units = units_of(path("log" + std::to_string(w)));
-        std::vector<int> from;
-        for (int b = 0; b < backups; ++b) from.push_back(lo[static_cast<size_t>(b)][static_cast<size_t>(w)]);
-        const std::vector<bool> found = prefix_states(units, w * kIdsPerWriter, copies[static_cast<size_t>(w)], from);
-        for (int b = 0; b < backups; ++b)
-            EXPECT_TRUE(found[static_cast<size_t>(b)]) << "seed " << seed << ": backup " << b << " holds no prefix of writer " << w
-                                << "'s units from unit " << from[static_cast<size_t>(b)] << " on (" << units.size() << " logged)";
+    for (size_t w = 0; w < kWriters; ++w) {
+        const std::vector<Unit> units = units_of(log(w));
+        const std::vector<bool> found = prefix_states(units, static_cast<int>(w) * kIdsPerWriter, copies[w], lo[w]);
+        for (size_t b = 0; b < backups; ++b)
+            EXPECT_TRUE(found[b]) << "seed " << seed << ": backup " << b << " holds no prefix of writer " << w
+                                  << "'s units from unit " << lo[w][b] << " on (" << units.size() << " logged)";
     }
-    std::printf("%d backups under load, writers held for %ld us at the longest\n", backups, longest);
+    std::printf("%zu backups under load, writers held for %ld us at the longest\n", backups, longest);
 }
 
 TEST_F(Backup, AFailedBackupLeavesNothingUnderTheDestination) {

@@ -20,6 +20,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -81,25 +82,28 @@ protected:
 
 class Log : public LogEnv {};
 
+// Fails the next sync: `call` must fail by it.
+void sync_fails(kt::Faults& f, const std::function<int()>& call) {
+    f.arm(kt::Faults::kSync, 1, kt::Faults::kOnce);
+    EXPECT_EQ(call(), -1);
+    EXPECT_TRUE(kt::Faults::hit());
+    f.disarm();
+}
+
 // The default mode syncs only at kisam_sync, once and only for what is new; a failed
 // sync is not taken for done.
 TEST_F(Log, SyncPutsWhatTheProcessCommittedOnDisk) {
-    int fd = create("f", {8});
+    const int fd = create("f", {8});
     ASSERT_GE(fd, 0) << is_errno;
     kt::Faults f;
-    ASSERT_EQ(put(fd, 1), 0);
-    ASSERT_EQ(put(fd, 2), 0);
+    ASSERT_TRUE(put(fd, 1) == 0 && put(fd, 2) == 0);
     EXPECT_EQ(syncs(), 0) << "a call of the default mode waited for the disk";
-    ASSERT_EQ(kisam_sync(), 0);
-    EXPECT_EQ(syncs(), 1);
-    ASSERT_EQ(kisam_sync(), 0);
-    EXPECT_EQ(syncs(), 1) << "nothing new since the last sync";
-
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_EQ(kisam_sync(), 0);
+        EXPECT_EQ(syncs(), 1) << "nothing new since the last sync";
+    }
     ASSERT_EQ(put(fd, 3), 0);
-    f.arm(kt::Faults::kSync, 1, kt::Faults::kOnce);
-    EXPECT_EQ(kisam_sync(), -1);
-    EXPECT_TRUE(kt::Faults::hit());
-    f.disarm();
+    sync_fails(f, kisam_sync);
     ASSERT_EQ(kisam_sync(), 0);
     EXPECT_EQ(syncs(), 1) << "the failed sync counted as done";
     EXPECT_EQ(look(fd, 3), 0);
@@ -110,29 +114,24 @@ TEST_F(Log, SyncPutsWhatTheProcessCommittedOnDisk) {
 TEST_F(Log, DurableModeSyncsEveryChangingCall) {
     {
         Durable d("1");
-        int fd = create("f", {8});
+        const int fd = create("f", {8});
         ASSERT_GE(fd, 0) << is_errno;
         kt::Faults f;
         for (int i = 0; i < 5; ++i) ASSERT_EQ(put(fd, i), 0);
         EXPECT_EQ(syncs(), 5);
-        std::string r = rec(2, 1);
-        ASSERT_EQ(nisupdate(fd, r.data(), static_cast<int>(r.size())), 0);
+        ASSERT_EQ(nisupdate(fd, rec(2, 1).data(), 48), 0);
         ASSERT_EQ(nisdelete(fd, rec(3).data()), 0);
         EXPECT_EQ(syncs(), 7);
-        EXPECT_EQ(look(fd, 1), 0);
-        EXPECT_EQ(look(fd, 2, 1), 0);
+        EXPECT_TRUE(look(fd, 1) == 0 && look(fd, 2, 1) == 0);
         EXPECT_EQ(syncs(), 7) << "a read synced";
         // The sync after the commit fails: the call says so, though its change stands.
-        f.arm(kt::Faults::kSync, 1, kt::Faults::kOnce);
-        EXPECT_EQ(put(fd, 9), -1);
-        EXPECT_TRUE(kt::Faults::hit());
-        f.disarm();
+        sync_fails(f, [&] { return put(fd, 9); });
         EXPECT_EQ(look(fd, 9), 0);
         EXPECT_EQ(nisclose(fd), 0);
         nisunisam();
     }
     Durable d("0");
-    int fd = nisopen(path("f").c_str(), ISO_RDWR);
+    const int fd = nisopen(path("f").c_str(), ISO_RDWR);
     ASSERT_GE(fd, 0) << is_errno;
     kt::Faults f;
     for (int i = 10; i < 15; ++i) ASSERT_EQ(put(fd, i), 0);
@@ -199,17 +198,10 @@ TEST_F(Log, AFailedSyncOfTheLogIsNeverTakenForDoneByTheNext) {
             }
             const int fd = replayed(file);
             ASSERT_GE(fd, 0);
-            for (int i = 0; i < kBefore; ++i) EXPECT_EQ(look(fd, base + i), 0) << i;
-            // Every call that said it was on disk is there, and what is there is a prefix
-            // (of the failed call, when it was one, and the calls after it).
-            const int skip = header ? 0 : 1;
-            const int k = held_prefix(fd, base + kBefore, kAfter + skip);
-            for (int j = 0; j < kAfter; ++j) {
-                if (out->ok[j]) {
-                    EXPECT_LT(j + skip, k) << "call " << j << " after the failed sync returned, then was lost";
-                }
-            }
-            EXPECT_EQ(k, kAfter + skip) << "what the failed sync carried was not written again";
+            // Every call is there: those that said they were on disk, and what the failed
+            // sync carried (the failed call, when it was one).
+            const int all = kBefore + (header ? 0 : 1) + kAfter;
+            EXPECT_EQ(held_prefix(fd, base, all), all) << "a call was lost after the failed sync";
             EXPECT_GE(std::count(out->ok, out->ok + kAfter, 1), kAfter - 1) << "calls still fail after the loss";
             close_sound(fd, file);
         }
@@ -236,14 +228,31 @@ int counted_mstore(int fd, char* map, off_t off, const void* src, size_t n) {
     return kisam::os_real.mstore(fd, map, off, src, n);
 }
 
+// The replay's writes and syncs, of the data file ('d') and the logs ('l'), in order.
+std::vector<std::string>* g_calls = nullptr;
+std::string g_data;
+char kind_of(int fd) { return kt::fd_path(fd) == g_data ? 'd' : kt::is_log_fd(fd) ? 'l' : '?'; }
+ssize_t noted_pwrite(int fd, const void* b, size_t n, off_t off) {
+    const char k = kind_of(fd);
+    if (k != '?') g_calls->push_back(std::string(1, k) + (k == 'l' && off < 1024 ? "-head" : "-write"));
+    return kisam::os_real.pwrite(fd, b, n, off);
+}
+int noted_sync(int fd) {
+    const char k = kind_of(fd);
+    if (k != '?') g_calls->push_back(std::string(1, k) + "-sync");
+    return kisam::os_real.fdatasync(fd);
+}
+
 // A mapped and an unmapped writer killed, the segment removed: the next attach replays
-// both kinds of record as one log, once.
+// both kinds of record as one log, once, and syncs the file before it starts the log anew
+// (else a power cut between the two loses the calls).
 TEST_F(Log, RecordsStoredThroughTheMappingAndWrittenWithPwriteReplayAsOneLog) {
     constexpr int kEach = 120;
     const std::string file = made("f", {8});
+    const std::string real = kt::real_path(file);
+    ASSERT_NE(real, "");
     g_paths = &shared<Paths>();
     auto size_of = [](int k, int i) { return 48 + (k * 7 + i * 131) % 1900; };
-    kt::Pipe done;
     pid_t kids[2];
     for (int k = 0; k < 2; ++k)
         kids[k] = hold([&, k] {
@@ -266,61 +275,6 @@ TEST_F(Log, RecordsStoredThroughTheMappingAndWrittenWithPwriteReplayAsOneLog) {
     inst_->remove_segment();
     EXPECT_GE(g_paths->written.load(), kEach) << "the unmapped process wrote no records with pwrite";
     EXPECT_GE(g_paths->stored.load(), kEach) << "the mapped process stored no records through its mapping";
-
-    ASSERT_EQ(is_init(), 0) << is_errno;
-    struct kisam_recovery r;
-    ASSERT_EQ(kisam_last_recovery(&r), 0);
-    EXPECT_EQ(r.self, 1);
-    EXPECT_EQ(r.logs, 1);
-    EXPECT_EQ(r.calls, static_cast<uint32_t>(2 * kEach)) << "the replay stopped early";
-    EXPECT_GT(r.pages, 0);
-    EXPECT_TRUE(kt::sound(file));
-    EXPECT_EQ(kisam::check::check_file(file).records, 2 * 80);
-    int fd = nisopen(file.c_str(), ISO_RDONLY);
-    ASSERT_GE(fd, 0);
-    for (int k = 0; k < 2; ++k)
-        for (int i = kEach - 80; i < kEach; ++i) {
-            const int id = k * 1000 + i % 80, gen = i / 80;
-            EXPECT_EQ(ko::find(fd, kL, id), (ko::Rec{gen, size_of(k, i)})) << k << " " << i;
-        }
-    EXPECT_EQ(nisclose(fd), 0);
-    nisunisam();
-
-    ASSERT_EQ(is_init(), 0);
-    ASSERT_EQ(kisam_last_recovery(&r), 0);
-    EXPECT_EQ(r.self, 0);
-    EXPECT_EQ(r.logs, 0) << "replayed twice";
-}
-
-// The replay syncs the file before it writes the log's new header (else a power cut
-// between the two loses the calls).
-std::vector<std::string>* g_calls = nullptr;
-std::string g_data;
-char kind_of(int fd) { return kt::fd_path(fd) == g_data ? 'd' : kt::is_log_fd(fd) ? 'l' : '?'; }
-ssize_t noted_pwrite(int fd, const void* b, size_t n, off_t off) {
-    const char k = kind_of(fd);
-    if (k != '?') g_calls->push_back(std::string(1, k) + (k == 'l' && off < 1024 ? "-head" : "-write"));
-    return kisam::os_real.pwrite(fd, b, n, off);
-}
-int noted_sync(int fd) {
-    const char k = kind_of(fd);
-    if (k != '?') g_calls->push_back(std::string(1, k) + "-sync");
-    return kisam::os_real.fdatasync(fd);
-}
-
-TEST_F(Log, TheReplaySyncsTheFileBeforeItStartsTheLogAnew) {
-    const std::string file = made("f", {8});
-    const std::string real = kt::real_path(file);
-    ASSERT_NE(real, "");
-    const pid_t kid = hold([&] {
-        int fd = nisopen(file.c_str(), ISO_RDWR);
-        if (fd < 0) return 1;
-        for (int i = 0; i < 30; ++i)
-            if (put(fd, i) != 0) return 2;
-        return 0;
-    });
-    kill(kid);
-    inst_->remove_segment();
     std::vector<std::string> calls;
     g_calls = &calls;
     g_data = real;
@@ -331,7 +285,10 @@ TEST_F(Log, TheReplaySyncsTheFileBeforeItStartsTheLogAnew) {
     ASSERT_EQ(rc, 0) << is_errno;
     struct kisam_recovery r;
     ASSERT_EQ(kisam_last_recovery(&r), 0);
-    EXPECT_EQ(r.calls, 30);
+    EXPECT_EQ(r.self, 1);
+    EXPECT_EQ(r.logs, 1);
+    EXPECT_EQ(r.calls, static_cast<uint32_t>(2 * kEach)) << "the replay stopped early";
+    EXPECT_GT(r.pages, 0);
     std::string seq;
     for (const std::string& c : calls) seq += c + " ";
     const auto last_write = std::find(calls.rbegin(), calls.rend(), "d-write");
@@ -341,8 +298,19 @@ TEST_F(Log, TheReplaySyncsTheFileBeforeItStartsTheLogAnew) {
     const auto synced = std::find(last_write.base(), calls.end(), "d-sync");
     EXPECT_TRUE(synced != calls.end() && synced < head) << "the log started anew before the file was on disk: " << seq;
     EXPECT_TRUE(std::find(head, calls.end(), "l-sync") != calls.end()) << seq;
-    nisunisam();
     EXPECT_TRUE(kt::sound(file));
+    EXPECT_EQ(kisam::check::check_file(file).records, 2 * 80);
+    int fd = nisopen(file.c_str(), ISO_RDONLY);
+    ASSERT_GE(fd, 0);
+    for (int k = 0; k < 2; ++k)
+        for (int i = kEach - 80; i < kEach; ++i)
+            EXPECT_EQ(ko::find(fd, kL, k * 1000 + i % 80), (ko::Rec{i / 80, size_of(k, i)})) << k << " " << i;
+    EXPECT_EQ(nisclose(fd), 0);
+    nisunisam();
+    ASSERT_EQ(is_init(), 0);
+    ASSERT_EQ(kisam_last_recovery(&r), 0);
+    EXPECT_EQ(r.self, 0);
+    EXPECT_EQ(r.logs, 0) << "replayed twice";
 }
 
 // ---- group commit when the process that syncs for the others goes away -----------------
@@ -377,12 +345,9 @@ TEST_F(GroupCommit, LeaderKilledInsideItsSync) {
     Durable d;
     // Writer w writes ids w * 10000 + i; a dead one's successor goes on where it left.
     int next[kWriters] = {};
-    int rounds = 0, killed = 0;
-    while (rounds < 80) {
-        bool all_done = true;
-        for (int w = 0; w < kWriters; ++w) all_done = all_done && next[w] >= kCalls;
-        if (all_done) break;
-        ++rounds;
+    int killed = 0;
+    auto unfinished = [&](int n) { return n < kCalls; };
+    for (int rounds = 0; rounds < 80 && std::any_of(next, next + kWriters, unfinished); ++rounds) {
         kt::Pipe go;
         pid_t kids[kWriters];
         for (int w = 0; w < kWriters; ++w) {
@@ -413,11 +378,10 @@ TEST_F(GroupCommit, LeaderKilledInsideItsSync) {
             siginfo_t si{};
             ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(kids[w]), &si, WEXITED | WNOWAIT), 0);
         }
-        int status[kWriters];
-        for (int w = 0; w < kWriters; ++w) status[w] = kt::wait_child(kids[w]);
         for (int w = 0; w < kWriters; ++w) {
-            ASSERT_TRUE(status[w] == 0 || status[w] == 128 + SIGKILL) << "writer " << w << " status " << status[w];
-            if (status[w] != 0) ++killed;
+            const int status = kt::wait_child(kids[w]);
+            ASSERT_TRUE(status == 0 || status == 128 + SIGKILL) << "writer " << w << " status " << status;
+            killed += status != 0;
             next[w] = g_shared->returned[w].load();
         }
     }
@@ -427,8 +391,7 @@ TEST_F(GroupCommit, LeaderKilledInsideItsSync) {
     for (int w = 0; w < kWriters; ++w) EXPECT_EQ(next[w], kCalls) << "writer " << w << " never finished";
     int fd = nisopen(file.c_str(), ISO_RDONLY);
     ASSERT_GE(fd, 0);
-    for (int w = 0; w < kWriters; ++w)
-        for (int i = 0; i < next[w]; ++i) EXPECT_EQ(look(fd, w * 10000 + i), 0) << w << " " << i;
+    for (int w = 0; w < kWriters; ++w) EXPECT_EQ(held_prefix(fd, w * 10000, next[w]), next[w]) << "writer " << w;
     EXPECT_EQ(nisclose(fd), 0);
     EXPECT_EQ(sync_leads(), 0);
 }
@@ -493,79 +456,134 @@ uint64_t log_tail() {
     return 1024 + x->xf_log_end - x->xf_log_start;
 }
 
-// Puts records from `base` on until a cut at the last record's start is one no store
-// meets (`mapped`: the next store lands in the cut's page; else past two pages).  *made
-// counts the calls; returns the cut's offset, or -1.
-off_t put_to_cut_point(int fd, int base, int* made, bool mapped = true) {
+// Puts records from `base` on (*made counts them) until the log can be cut: at `at` once
+// the tail is three pages past it; at -1 where a cut at the last record's start is one no
+// store meets (`mapped`: the next store lands in the cut's page; else past two pages).
+// The cut, or -1.
+off_t put_to_cut(int fd, int base, int* made, off_t at = -1, bool mapped = true) {
     for (int i = 0; i <= 400; ++i) {
         const uint64_t t0 = log_tail();
+        if (at >= 0 && i >= 5 && t0 >= static_cast<uint64_t>(at) + 3 * 4096) return at;
         if (put(fd, base + i) != 0) return -1;
         *made = i + 1;
         const uint64_t t1 = log_tail();
-        if (mapped ? i >= 3 && t0 / 4096 == t1 / 4096 && t1 % 4096 < 2048 : t0 > 2 * 4096)
+        if (at < 0 && (mapped ? i >= 3 && t0 / 4096 == t1 / 4096 && t1 % 4096 < 2048 : t0 > 2 * 4096))
             return static_cast<off_t>(t0);
     }
     return -1;
 }
 
-// The store that meets a cut fails its call (ISE_FLWT, never SIGBUS); the next call heals
-// the log, and a close, a kill, or a kill before healing leave the calls that returned.
-TEST_F(LogCut, TheCallThatMeetsTheCutFailsAndTheFileStaysSound) {
-    // After the cut: 0 goes on and closes, 1 goes on and is killed, 2 is killed at once.
-    struct Round {
-        off_t cut;
-        int then;
-    };
-    const Round rounds[] = {{0, 0}, {4096, 0}, {8192, 1}, {0, 1}, {4096, 2}, {0, 2}};
+// A cut, then the healing checkpoint's file sync fails on a disk that drops what it had
+// not written.
+const char* g_data_file = nullptr;
+std::string* g_data_was = nullptr;
+int g_data_syncs = 0;
+int dropping_data_sync(int fd) {
+    if (kt::fd_path(fd) != g_data_file || g_data_syncs++ != 0) return kisam::os_real.fdatasync(fd);
+    kt::drop_unwritten(fd, *g_data_was);
+    errno = EIO;
+    return -1;
+}
+
+// The log cut under its writer, calls after the cut, then a close or a kill: the replay
+// gives back every call that returned, and what it gives back is a prefix of the calls
+// that did not fail.  Rows of the same name were one test each.
+enum End { kClosed, kKilled, kKilledAtOnce };  // kKilledAtOnce: after the first call after the cut
+struct CutRow {
+    const char* name;
+    off_t at;        // the cut, a byte of the log; -1: the last record's start, met by no store
+    bool mapped;     // records stored through the mapping (else by pwrite)
+    bool durable;
+    bool drops;      // the healing checkpoint's sync of the file fails and drops pages
+    End end;
+    int after;       // calls after the cut
+    int may_fail;    // of those, how many may fail (ISE_FLWT); with `at` >= 0 the first must
+};
+const CutRow kCutRows[] = {
+    // The store that meets a cut fails its call (never SIGBUS); the next call heals the log.
+    {"TheCallThatMeetsTheCutFailsAndTheFileStaysSound", 0, true, false, false, kClosed, 21, 1},
+    {"TheCallThatMeetsTheCutFailsAndTheFileStaysSound", 4096, true, false, false, kClosed, 21, 1},
+    {"TheCallThatMeetsTheCutFailsAndTheFileStaysSound", 8192, true, false, false, kKilled, 21, 1},
+    {"TheCallThatMeetsTheCutFailsAndTheFileStaysSound", 0, true, false, false, kKilled, 21, 1},
+    {"TheCallThatMeetsTheCutFailsAndTheFileStaysSound", 4096, true, false, false, kKilledAtOnce, 21, 1},
+    {"TheCallThatMeetsTheCutFailsAndTheFileStaysSound", 0, true, false, false, kKilledAtOnce, 21, 1},
+    // A cut no store meets is found by the durable call's sync at the latest; only the
+    // call whose record the cut took may be gone.
+    {"ACutThatNoStoreMeetsIsFoundBeforeADurableCallReturns", -1, false, true, false, kKilled, 1, 1},
+    {"ACutThatNoStoreMeetsIsFoundBeforeADurableCallReturns", -1, false, true, false, kKilled, 20, 1},
+    {"ACutThatNoStoreMeetsIsFoundBeforeADurableCallReturns", -1, true, true, false, kKilled, 1, 1},
+    {"ACutThatNoStoreMeetsIsFoundBeforeADurableCallReturns", -1, true, true, false, kKilled, 20, 1},
+    // The log must be made to hold the pool again: no call that returned is lost.
+    {"ACutAndAFailedSyncOfTheFileLoseNoCallThatReturned", -1, true, true, true, kClosed, 20, 2},
+    {"ACutAndAFailedSyncOfTheFileLoseNoCallThatReturned", -1, true, true, true, kKilled, 20, 2},
+};
+
+TEST_F(LogCut, CutsUnderOneWriterLoseNoCallThatReturned) {
+    const std::string data_file = kt::real_path(file);
+    ASSERT_NE(data_file, "");
+    constexpr int kAfter = 21;
     struct Out {
-        int before, after;  // calls that returned before the cut, and after the failed one
-        int err, code;      // the failed call's result and error
+        int before, syncs;    // calls made before the cut (all returned 0); the file's syncs
+        int rc[kAfter], code[kAfter];
     };
     Out* out = &shared<Out>();
     int r = 0;
-    for (const Round& round : rounds) {
-        SCOPED_TRACE("round " + std::to_string(r));
-        const int base = r * 1000;
+    for (const CutRow& row : kCutRows) {
+        SCOPED_TRACE(std::string(row.name) + ", row " + std::to_string(r));
+        const int base = ++r * 1000;
         *out = Out{};
+        std::fill_n(out->rc, kAfter, 1);  // not made
+        Durable d(row.durable ? "1" : "0");
         const int st = kt::run_child([&] {
-            int fd = nisopen(file.c_str(), ISO_RDWR);
+            if (!row.mapped) kisam::os.mmap = no_map;
+            std::string was = kt::slurp(file);
+            g_data_file = data_file.c_str();
+            g_data_was = &was;
+            const int fd = nisopen(file.c_str(), ISO_RDWR);
             if (fd < 0) return 1;
-            int i = 0;
-            while (log_tail() < static_cast<uint64_t>(round.cut) + 3 * 4096 || i < 5) {
-                if (niswrite(fd, rec(base + i).data(), 48) != 0) return 2;
-                out->before = ++i;
+            const off_t cut = put_to_cut(fd, base, &out->before, row.at, row.mapped);
+            if (cut < 0 || ::truncate(log.c_str(), cut) != 0) return 2;
+            if (row.drops) kisam::os.fdatasync = dropping_data_sync;
+            for (int k = 0; k < row.after; ++k) {
+                out->rc[k] = put(fd, base + out->before + k);
+                out->code[k] = is_errno;
+                if (row.end == kKilledAtOnce) ::raise(SIGKILL);
             }
-            if (::truncate(log.c_str(), round.cut) != 0) return 3;
-            out->err = niswrite(fd, rec(base + i).data(), 48);
-            out->code = is_errno;
-            if (round.then == 2) ::raise(SIGKILL);
-            for (int k = 1; k <= 20; ++k) {
-                if (niswrite(fd, rec(base + i + k).data(), 48) != 0) return 4;
-                out->after = k;
-            }
-            if (round.then == 1) ::raise(SIGKILL);
-            if (nisclose(fd) != 0) return 5;
+            out->syncs = g_data_syncs;
+            if (row.end != kClosed) ::raise(SIGKILL);
+            if (nisclose(fd) != 0) return 3;
             nisunisam();
             return 0;
         });
-        ASSERT_EQ(st, round.then == 0 ? 0 : 128 + SIGKILL) << "the cut cost the process, not the call";
-        EXPECT_EQ(out->err, -1) << "a store past the cut went unnoticed";
-        EXPECT_EQ(out->code, ISE_FLWT);
-        if (round.then != 0) inst_->remove_segment();  // the next attach replays the log
-        ASSERT_TRUE(kt::sound(file));
+        ASSERT_EQ(st, row.end == kClosed ? 0 : 128 + SIGKILL) << "the cut cost the process, not the call";
+        int failed = 0;
+        for (int k = 0; k < row.after; ++k) {
+            if (out->rc[k] == 1 || out->rc[k] == 0) continue;
+            ++failed;
+            EXPECT_EQ(out->code[k], ISE_FLWT) << k;
+        }
+        if (row.at >= 0) { EXPECT_EQ(out->rc[0], -1) << "a store past the cut went unnoticed"; }
+        EXPECT_LE(failed, row.may_fail) << "calls still fail once the cut is healed";
+        if (row.drops) { EXPECT_GE(out->syncs, 2) << "the failed sync of the file was not reached"; }
+        if (row.end != kClosed) inst_->remove_segment();  // the next attach replays the log
+        if (row.at >= 0) { ASSERT_TRUE(kt::sound(file)); }
         const int fd = replayed(file, false);
         ASSERT_GE(fd, 0);
         const int n = out->before;
-        if (round.then == 2) {
-            EXPECT_LE(held_prefix(fd, base, n + 21), n);  // the replay stops at the cut
-        } else {
-            for (int j = 0; j < n; ++j) EXPECT_EQ(look(fd, base + j), 0) << j;
-            EXPECT_EQ(look(fd, base + n), 1) << "the failed call left its record";
-            for (int j = 1; j <= out->after; ++j) EXPECT_EQ(look(fd, base + n + j), 0) << n + j;
-            EXPECT_EQ(out->after, 20);
+        int last = -1;
+        const std::vector<int> at = looked(fd, base, n + row.after, &last);
+        for (int j = 0; j < n + row.after; ++j) {
+            if (j >= n && out->rc[j - n] != 0) {  // failed, or not made
+                if (row.at >= 0) { EXPECT_EQ(at[j], 1) << "the failed call left its record: " << j; }
+                continue;
+            }
+            if (at[j] == 0) continue;
+            // Lost though it returned: only before the cut, as a prefix, when the replay
+            // stops at the cut (nothing healed the log) or the cut took its record.
+            const bool may = row.end == kKilledAtOnce || (row.at < 0 && !row.drops && j == n - 1);
+            EXPECT_TRUE(may && j < n && j > last) << "call " << j << " (" << n << " before the cut) returned, then was lost; last there " << last;
         }
         close_sound(fd, file);
-        ++r;
     }
 }
 
@@ -621,62 +639,13 @@ TEST_F(LogCut, CutsUnderTwoWritersCostOnlyTheCallsThatMeetThem) {
     EXPECT_EQ(nisclose(fd), 0);
 }
 
-// A cut no store meets (records by pwrite past it, or stores into the cut's page) is found
-// by the durable call's sync at the latest: after a kill, every call that returned after
-// the cut is there.
-TEST_F(LogCut, ACutThatNoStoreMeetsIsFoundBeforeADurableCallReturns) {
-    struct Out {
-        int before;       // calls made before the cut (all returned 0)
-        int rc[20];       // the calls after it
-    };
-    Out* out = &shared<Out>();
-    int r = 0;
-    for (const bool mapped : {false, true})
-        for (const int after : {1, 20}) {
-            SCOPED_TRACE(std::string(mapped ? "mapped, cut in the tail's page" : "records by pwrite") +
-                         ", killed after " + std::to_string(after));
-            const int base = ++r * 1000;
-            *out = Out{};
-            Durable d("1");
-            const int st = kt::run_child([&] {
-                if (!mapped) kisam::os.mmap = no_map;
-                const int fd = nisopen(file.c_str(), ISO_RDWR);
-                if (fd < 0) return 1;
-                const off_t cut = put_to_cut_point(fd, base, &out->before, mapped);
-                if (cut < 0 || ::truncate(log.c_str(), cut) != 0) return 4;
-                for (int k = 0; k < after; ++k) {
-                    out->rc[k] = put(fd, base + out->before + k);
-                    if (out->rc[k] != 0 && is_errno != ISE_FLWT) return 5;
-                }
-                ::raise(SIGKILL);
-                return 6;
-            });
-            ASSERT_EQ(st, 128 + SIGKILL);
-            EXPECT_LE(std::count_if(out->rc, out->rc + after, [](int rc) { return rc != 0; }), 1);
-            const int fd = replayed(file);
-            ASSERT_GE(fd, 0);
-            // Only the call whose record the cut took may be gone.
-            const int n = out->before;
-            int last = -1;
-            const std::vector<int> at = looked(fd, base, n + after, &last);
-            for (int j = 0; j < n + after; ++j) {
-                const bool returned = j < n || out->rc[j - n] == 0;
-                if (!returned || at[j] == 0) continue;
-                EXPECT_LT(j, n) << "call " << j - n << " after the cut returned, then was lost";
-                EXPECT_GT(j, last) << "not a prefix: call " << j << " is missing, " << last << " is there";
-                EXPECT_EQ(j, n - 1) << "more than the call whose record the cut took is gone";
-            }
-            close_sound(fd, file);
-        }
-}
-
 // A checkpoint that is the first to meet a cut goes through and starts the log anew.
 TEST_F(LogCut, ACheckpointThatMeetsACutNoStoreMetGoesThrough) {
     const int st = kt::run_child([&] {
         const int fd = nisopen(file.c_str(), ISO_RDWR);
         if (fd < 0) return 1;
         int made = 0;
-        const off_t cut = put_to_cut_point(fd, 0, &made);
+        const off_t cut = put_to_cut(fd, 0, &made);
         if (cut < 0 || ::truncate(log.c_str(), cut) != 0) return 3;
         if (put(fd, made) != 0) return 4;  // stored into the cut's page: no fault
         if (kt::write_back(fd) != 0) return 5;
@@ -702,69 +671,6 @@ TEST_F(LogCut, ACheckpointThatMeetsACutNoStoreMetGoesThrough) {
     EXPECT_EQ(nisclose(fd), 0);
 }
 
-// A cut, then the healing checkpoint's file sync fails on a disk that drops what it had
-// not written: the log must be made to hold the pool again, so no call that returned is
-// lost after a close or a kill.
-const char* g_data_file = nullptr;
-std::string* g_data_was = nullptr;
-int g_data_syncs = 0;
-int dropping_data_sync(int fd) {
-    if (kt::fd_path(fd) != g_data_file || g_data_syncs++ != 0) return kisam::os_real.fdatasync(fd);
-    kt::drop_unwritten(fd, *g_data_was);
-    errno = EIO;
-    return -1;
-}
-
-TEST_F(LogCut, ACutAndAFailedSyncOfTheFileLoseNoCallThatReturned) {
-    const std::string data_file = kt::real_path(file);
-    ASSERT_NE(data_file, "");
-    constexpr int kAfter = 20;
-    struct Out {
-        int before, syncs;
-        int rc[kAfter];
-    };
-    Out* out = &shared<Out>();
-    int r = 0;
-    for (const bool killed : {false, true}) {
-        SCOPED_TRACE(killed ? "killed" : "closed");
-        const int base = ++r * 1000;
-        *out = Out{};
-        Durable d("1");
-        const int st = kt::run_child([&] {
-            std::string was = kt::slurp(file);
-            g_data_file = data_file.c_str();
-            g_data_was = &was;
-            g_data_syncs = 0;
-            const int fd = nisopen(file.c_str(), ISO_RDWR);
-            if (fd < 0) return 1;
-            const off_t cut = put_to_cut_point(fd, base, &out->before);
-            if (cut < 0 || ::truncate(log.c_str(), cut) != 0) return 4;
-            kisam::os.fdatasync = dropping_data_sync;
-            for (int k = 0; k < kAfter; ++k) out->rc[k] = put(fd, base + out->before + k);
-            out->syncs = g_data_syncs;
-            if (killed) ::raise(SIGKILL);
-            nisclose(fd);
-            nisunisam();
-            return 0;
-        });
-        ASSERT_EQ(st, killed ? 128 + SIGKILL : 0);
-        EXPECT_GE(out->syncs, 2) << "the failed sync of the file was not reached";
-        EXPECT_LE(std::count_if(out->rc, out->rc + kAfter, [](int rc) { return rc != 0; }), 2)
-            << "calls still fail once the disk works again";
-        const int fd = replayed(file, killed);
-        ASSERT_GE(fd, 0);
-        const int n = out->before;
-        int last = -1;
-        const std::vector<int> at = looked(fd, base, n + kAfter, &last);
-        for (int j = 0; j < n + kAfter; ++j) {
-            if ((j >= n && out->rc[j - n] != 0) || at[j] == 0) continue;
-            ADD_FAILURE() << "call " << j << " (" << n << " before the cut) returned, then was lost; last there "
-                          << last;
-        }
-        close_sound(fd, file);
-    }
-}
-
 // A cut found by one process's kisam_sync while another's call is under way: that
 // call's durable sync must not count (its record lies behind a gap the replay stops at).
 kt::Pipe* g_paused = nullptr;
@@ -782,7 +688,7 @@ TEST_F(LogCut, NoSyncCountsWhileACutIsKnown) {
         ::setenv("KISAM_DURABLE", "0", 1);
         const int fd = nisopen(file.c_str(), ISO_RDWR);
         if (fd < 0) return 1;
-        const off_t cut = put_to_cut_point(fd, 0, &out->before);
+        const off_t cut = put_to_cut(fd, 0, &out->before);
         if (cut < 0 || ::truncate(log.c_str(), cut) != 0) return 3;
         cut_done.signal();
         if (do_sync.wait() != 'x') return 5;

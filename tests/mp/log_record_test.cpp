@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -267,19 +268,20 @@ TEST_P(LogDelta, ControlPageRunsComeBackExactly) {
 
 // A move that reaches past the page, or of a kind replay does not know, is refused.
 TEST(LogEntry, EntriesThatDoNotFitThePageAreRefused) {
+    struct Row {
+        const char* name;
+        lg::lg_ent e;
+        lg::lg_move m;
+        bool applies;
+    } const rows[] = {
+        {"moved to past the page", {0, 1000, 8, lg::kMoveEntry}, {0, 100, 0}, false},
+        {"moved from past the page", {0, 100, 8, lg::kMoveEntry}, {1000, 100, 0}, false},
+        {"padding not zero", {0, 100, 8, lg::kMoveEntry}, {0, 10, 1}, false},
+        {"a kind replay does not know", {0, 0, 8, 9}, {0, 10, 0}, false},
+        {"a move that fits", {0, 100, 8, lg::kMoveEntry}, {0, 10, 0}, true},
+    };
     Page pg{};
-    const lg::lg_ent in{0, 1000, 8, lg::kMoveEntry};
-    const lg::lg_move past{0, 100, 0};
-    EXPECT_FALSE(lg::apply_entry(pg.c, in, &past));
-    const lg::lg_ent ok{0, 100, 8, lg::kMoveEntry};
-    const lg::lg_move from_past{1000, 100, 0};
-    EXPECT_FALSE(lg::apply_entry(pg.c, ok, &from_past));
-    const lg::lg_move padded{0, 10, 1};
-    EXPECT_FALSE(lg::apply_entry(pg.c, ok, &padded));
-    const lg::lg_ent odd{0, 0, 8, 9};
-    const lg::lg_move fine{0, 10, 0};
-    EXPECT_FALSE(lg::apply_entry(pg.c, odd, &fine));
-    EXPECT_TRUE(lg::apply_entry(pg.c, ok, &fine));
+    for (const Row& r : rows) EXPECT_EQ(lg::apply_entry(pg.c, r.e, &r.m), r.applies) << r.name;
 }
 
 // ---- records of real processes -----------------------------------------------------------
@@ -433,59 +435,53 @@ TEST_F(LogRecord, KilledAtEveryStoreOfItsRecordsTheFileHoldsTheCallsThatReturned
     EXPECT_GE(killed, kMore) << "fewer stores than calls: the records were not stored through the mapping";
 }
 
-// A record torn at its end is not replayed; the calls before it are.
-TEST_F(LogRecord, ARecordTornAtItsEndIsNotReplayed) {
-    const std::vector<Call> c = calls(60, 20);
-    const std::string file = made("f", kL.lens());
-    leave_in_log(file, c);
-    LogImage img(log_path());
-    ASSERT_EQ(img.recs.size(), c.size());
-    const lg::lg_rec last = img.rec(c.size() - 1);
-    std::memset(img.bytes.data() + img.recs.back() + last.lr_len - 8, 0, 8);
-    img.save(log_path());
-    EXPECT_TRUE(ko::holds(file, kL, model(c, c.size() - 1)));
-}
-
-// An unknown entry kind or a newer header: refused, file and log left as they were; a
-// first-version log is replayed.
+// A log changed after its writer was killed: a record torn at its end is not replayed (the
+// calls before it are); an unknown entry kind or a newer header is refused, file and log
+// left as they were; a first-version log is replayed.
 TEST_F(LogRecord, ALogOfAnotherVersionIsReplayedOrRefusedNeverMisread) {
     const std::vector<Call> c = calls(60, 20);
+    const int all = static_cast<int>(c.size());
     const std::string file = made("f", kL.lens());
     const std::string fresh = kt::slurp(file);
-    auto refused = [&](const char* what) {
-        SCOPED_TRACE(what);
+    struct Row {
+        const char* name;
+        std::function<void(LogImage&)> change;
+        int replayed;  // calls the file then holds; -1: refused
+    } const rows[] = {
+        {"ARecordTornAtItsEndIsNotReplayed", [](LogImage& img) {
+             std::memset(img.bytes.data() + img.recs.back() + img.rec(img.recs.size() - 1).lr_len - 8, 0, 8);
+         }, all - 1},
+        {"an entry of an unknown kind", [](LogImage& img) {
+             const size_t i = img.recs.size() / 2;
+             lg::lg_ent e;
+             std::memcpy(&e, img.bytes.data() + img.recs[i] + sizeof(lg::lg_rec), sizeof e);
+             e.le_kind = 9;
+             std::memcpy(img.bytes.data() + img.recs[i] + sizeof(lg::lg_rec), &e, sizeof e);
+             img.seal(i);
+         }, -1},
+        {"a header of a newer version", [](LogImage& img) { img.set_version(lg::kVersion + 1); }, -1},
+        {"a header of the first version", [](LogImage& img) { img.set_version(1); }, all},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        ::unlink(log_path().c_str());
+        kt::spit(file, fresh);
+        leave_in_log(file, c);
+        LogImage img(log_path());
+        ASSERT_EQ(img.recs.size(), c.size());
+        row.change(img);
+        img.save(log_path());
+        if (row.replayed >= 0) {
+            EXPECT_TRUE(ko::holds(file, kL, model(c, static_cast<size_t>(row.replayed))));
+            continue;
+        }
         const std::string log = kt::slurp(log_path());
         EXPECT_EQ(nisopen(file.c_str(), ISO_RDWR), -1) << "opened over a log it cannot read";
         EXPECT_EQ(is_errno, ISE_OPENF);
         nisunisam();
         EXPECT_EQ(kt::slurp(file), fresh) << "the file changed";
         EXPECT_EQ(kt::slurp(log_path()), log) << "the log changed";
-    };
-    {
-        leave_in_log(file, c);
-        LogImage img(log_path());
-        ASSERT_EQ(img.recs.size(), c.size());
-        const size_t i = c.size() / 2;
-        lg::lg_ent e;
-        std::memcpy(&e, img.bytes.data() + img.recs[i] + sizeof(lg::lg_rec), sizeof e);
-        e.le_kind = 9;
-        std::memcpy(img.bytes.data() + img.recs[i] + sizeof(lg::lg_rec), &e, sizeof e);
-        img.seal(i);
-        img.save(log_path());
-        refused("an entry of an unknown kind");
     }
-    auto logged_as = [&](uint32_t v) {
-        ::unlink(log_path().c_str());
-        kt::spit(file, fresh);
-        leave_in_log(file, c);
-        LogImage img(log_path());
-        img.set_version(v);
-        img.save(log_path());
-    };
-    logged_as(lg::kVersion + 1);
-    refused("a header of a newer version");
-    logged_as(1);
-    EXPECT_TRUE(ko::holds(file, kL, model(c, c.size()))) << "a log of the first version was not replayed";
 }
 
 }  // namespace

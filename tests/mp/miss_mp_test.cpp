@@ -68,6 +68,16 @@ int check(int fd, unsigned id, uint32_t gen, uint32_t* seen = nullptr) {
     return n == static_cast<int>(r.size()) && std::memcmp(buf.data(), r.data(), r.size()) == 0 ? 0 : 3;
 }
 
+// 0 when ids [from, to) hold exactly generation gen, else the first wrong one's check().
+int check_range(int fd, unsigned from, unsigned to, uint32_t gen) {
+    for (unsigned id = from; id < to; ++id)
+        if (const int rc = check(fd, id, gen)) {
+            std::fprintf(stderr, "id %u: wrong (%d)\n", id, rc);
+            return rc;
+        }
+    return 0;
+}
+
 enum Put { kWrite, kUpdate };
 bool put_range(int fd, Put how, unsigned from, unsigned to, uint32_t gen) {
     for (unsigned id = from; id < to; ++id) {
@@ -80,6 +90,11 @@ bool put_range(int fd, Put how, unsigned from, unsigned to, uint32_t gen) {
 
 uint32_t seq_of(int fd) {
     return std::atomic_ref<uint32_t>(kisam::isx_file_of(is_db[fd]->uniqueid)->xf_seq).load();
+}
+
+off_t size_of(const std::string& p) {
+    struct stat st;
+    return ::stat(p.c_str(), &st) == 0 ? st.st_size : -1;
 }
 
 // A hooked body that went through and leaves the file open.
@@ -118,14 +133,13 @@ protected:
         ids_ = ids;
         path_ = path("m.ism");
         ASSERT_EQ(kt::run_child([&] {
-                      if (magic != 0) niscr_ctl(0, magic);
-                      const int fd = create("m.ism", {kK0, kK1});
-                      if (fd < 0) return 1;
-                      if (!put_range(fd, kWrite, 0, ids, 1)) return 2;
-                      nisclose(fd);
-                      return nisunisam() == 0 ? 0 : 3;
-                  }),
-                  0);
+            if (magic != 0) niscr_ctl(0, magic);
+            const int fd = create("m.ism", {kK0, kK1});
+            if (fd < 0) return 1;
+            if (!put_range(fd, kWrite, 0, ids, 1)) return 2;
+            nisclose(fd);
+            return nisunisam() == 0 ? 0 : 3;
+        }), 0);
     }
     int open() {
         if (is_init() != 0) return -1;
@@ -175,13 +189,12 @@ protected:
     // body in a hooked child, the file cut to half its size where it stops; the cut.
     off_t cut_under(const std::function<int(int fd)>& body, int want = 0) {
         start(40, 1500);
-        struct stat st;
-        EXPECT_EQ(::stat(path_.c_str(), &st), 0);
+        const off_t size = size_of(path_);
         const pid_t r = hooked_reader([&](int fd) {
             ::alarm(60);
             return body(fd);
         }, 'r');
-        const off_t cut = st.st_size / 2 / 4096 * 4096;
+        const off_t cut = size / 2 / 4096 * 4096;
         EXPECT_EQ(::truncate(path_.c_str(), cut), 0);
         release(r, want);
         return cut;
@@ -203,18 +216,17 @@ TEST_F(MissMp, AReaderInTheMiddleOfAMissHoldsNobodyUp) {
         return 0;
     });
     EXPECT_EQ(in_child([&](int fd) {
-                  const uint32_t seq = seq_of(fd);
-                  const uint32_t reads0 = isam_com->sysread;
-                  const unsigned long nolock0 = is_nolock_reads;
-                  std::mt19937 rng(5);
-                  for (int i = 0; i < 600; ++i)
-                      if (check(fd, static_cast<unsigned>(rng() % ids_), 1) != 0) return 81;
-                  if (isam_com->sysread - reads0 < 100) return 82;      // it missed, and loaded
-                  if (is_nolock_reads - nolock0 != 600) return 83;      // each read took no lock
-                  if (seq_of(fd) != seq) return 84;                     // nor moved the count
-                  return 0;
-              }),
-              0);
+        const uint32_t seq = seq_of(fd);
+        const uint32_t reads0 = isam_com->sysread;
+        const unsigned long nolock0 = is_nolock_reads;
+        std::mt19937 rng(5);
+        for (int i = 0; i < 600; ++i)
+            if (check(fd, static_cast<unsigned>(rng() % ids_), 1) != 0) return 81;
+        if (isam_com->sysread - reads0 < 100) return 82;      // it missed, and loaded
+        if (is_nolock_reads - nolock0 != 600) return 83;      // each read took no lock
+        if (seq_of(fd) != seq) return 84;                     // nor moved the count
+        return 0;
+    }), 0);
     release(a);
 }
 
@@ -224,8 +236,7 @@ TEST_F(MissMp, AnImageReadBeforeTheFileChangedNeverReachesThePool) {
     start(40, 200);
     constexpr unsigned kX = 10;
     const pid_t a = hooked_reader([&](int fd) {
-        for (unsigned id = 0; id < ids_; ++id)
-            if (check(fd, id, 1) != 0) return 71;
+        if (check_range(fd, 0, ids_, 1) != 0) return 71;
         // Only kX's data page is missing from the pool.
         if (check(fd, kX + 1, 1) != 0) return 72;
         kisam::test_hook = fetch_hook;
@@ -236,35 +247,12 @@ TEST_F(MissMp, AnImageReadBeforeTheFileChangedNeverReachesThePool) {
     });
     // kX changed, then pushed out to the file by other reads.
     EXPECT_EQ(in_child([&](int fd) {
-                  if (!put_range(fd, kUpdate, kX, kX + 1, 2)) return 81;
-                  for (unsigned id = 100; id < ids_; ++id)
-                      if (check(fd, id, 1) != 0) return 82;
-                  return 0;
-              }),
-              0);
+        if (!put_range(fd, kUpdate, kX, kX + 1, 2)) return 81;
+        if (check_range(fd, 100, ids_, 1) != 0) return 82;
+        return 0;
+    }), 0);
     release(a);
     EXPECT_TRUE(kt::sound(path_));
-}
-
-// Readers evicting each other's slots (change count untouched) read only whole records.
-TEST_F(MissMp, ReadersThatEvictEachOtherReadOnlyWholeRecords) {
-    start(20, 800);
-    const uint64_t seed = kt::test_seed(0x5EED);
-    const std::vector<int> rcs = workers(3, [&](int r) {
-        return opened([&](int fd) {
-            std::mt19937 rng(static_cast<unsigned>(seed) + static_cast<unsigned>(r));
-            for (int i = 0; i < 4000; ++i) {
-                const unsigned id = static_cast<unsigned>(rng() % ids_);
-                if (const int rc = check(fd, id, 1)) {
-                    std::fprintf(stderr, "reader %d: id %u wrong (%d), seed %llu\n", r, id, rc,
-                                 static_cast<unsigned long long>(seed));
-                    return 71;
-                }
-            }
-            return 0;
-        });
-    });
-    for (int rc : rcs) EXPECT_EQ(rc, 0);
 }
 
 TEST_F(MissMp, AReaderKilledInTheMiddleOfAMissLeavesNothingBehind) {
@@ -277,15 +265,13 @@ TEST_F(MissMp, AReaderKilledInTheMiddleOfAMissLeavesNothingBehind) {
     });
     EXPECT_EQ(kt::wait_child(a), 128 + SIGKILL);
     EXPECT_EQ(in_child([&](int fd) {
-                  const uint32_t seq = seq_of(fd);
-                  if (seq % 2 != 0) return 81;
-                  const unsigned long nolock0 = is_nolock_reads;
-                  for (unsigned id = 0; id < ids_; ++id)
-                      if (check(fd, id, 1) != 0) return 82;
-                  if (is_nolock_reads - nolock0 != ids_) return 83;
-                  return 0;
-              }),
-              0);
+        const uint32_t seq = seq_of(fd);
+        if (seq % 2 != 0) return 81;
+        const unsigned long nolock0 = is_nolock_reads;
+        if (check_range(fd, 0, ids_, 1) != 0) return 82;
+        if (is_nolock_reads - nolock0 != ids_) return 83;
+        return 0;
+    }), 0);
     EXPECT_TRUE(kt::sound(path_));
 }
 
@@ -296,14 +282,7 @@ protected:
         MissMp::SetUp();
         kisam::os = kisam::os_real;
     }
-    int read_all(int fd, uint32_t gen, unsigned from = 0) {
-        for (unsigned id = from; id < ids_; ++id)
-            if (const int rc = check(fd, id, gen)) {
-                std::fprintf(stderr, "id %u: wrong (%d)\n", id, rc);
-                return rc;
-            }
-        return 0;
-    }
+    int read_all(int fd, uint32_t gen, unsigned from = 0) { return check_range(fd, from, ids_, gen); }
 };
 
 // Both control-page sizes: once the chain is known, pages past the pool come from the
@@ -313,18 +292,17 @@ TEST_F(FileReads, PagesPastThePoolComeFromTheFileWithNoLoad) {
         SCOPED_TRACE(magic);
         start(40, 1500, magic);
         EXPECT_EQ(in_child([&](int fd) {
-                      if (read_all(fd, 1) != 0) return 81;
-                      const uint32_t seq = seq_of(fd);
-                      const uint32_t reads0 = isam_com->sysread;
-                      const unsigned long nolock0 = is_nolock_reads, file0 = v_file_reads;
-                      if (read_all(fd, 1) != 0) return 82;
-                      if (is_nolock_reads - nolock0 != ids_) return 83;   // no read took the lock
-                      if (v_file_reads - file0 < ids_ / 2) return 84;    // most pages from the file
-                      if (isam_com->sysread != reads0) return 85;        // none loaded
-                      if (seq_of(fd) != seq) return 86;
-                      return 0;
-                  }),
-                  0);
+            if (read_all(fd, 1) != 0) return 81;
+            const uint32_t seq = seq_of(fd);
+            const uint32_t reads0 = isam_com->sysread;
+            const unsigned long nolock0 = is_nolock_reads, file0 = v_file_reads;
+            if (read_all(fd, 1) != 0) return 82;
+            if (is_nolock_reads - nolock0 != ids_) return 83;   // no read took the lock
+            if (v_file_reads - file0 < ids_ / 2) return 84;    // most pages from the file
+            if (isam_com->sysread != reads0) return 85;        // none loaded
+            if (seq_of(fd) != seq) return 86;
+            return 0;
+        }), 0);
         EXPECT_TRUE(kt::sound(path_));
     }
 }
@@ -332,12 +310,8 @@ TEST_F(FileReads, PagesPastThePoolComeFromTheFileWithNoLoad) {
 // A page another process changed in the pool is read there, never from the older file.
 TEST_F(FileReads, APageChangedInThePoolIsNeverReadFromTheFile) {
     start(60, 1500);
-    const unsigned changed[] = {3, 400, 777, 1200, 1499};
-    auto is_changed = [&](unsigned id) {
-        for (unsigned c : changed)
-            if (c == id) return true;
-        return false;
-    };
+    const std::vector<unsigned> changed{3, 400, 777, 1200, 1499};
+    auto is_changed = [&](unsigned id) { return std::count(changed.begin(), changed.end(), id) != 0; };
     const pid_t r = hooked_reader([&](int fd) {
         if (read_all(fd, 1) != 0 || read_all(fd, 1) != 0) return 71;
         stop_here();
@@ -352,11 +326,10 @@ TEST_F(FileReads, APageChangedInThePoolIsNeverReadFromTheFile) {
         return 0;
     }, 'r');
     EXPECT_EQ(in_child([&](int fd) {
-                  for (unsigned id : changed)
-                      if (!put_range(fd, kUpdate, id, id + 1, 2)) return 81;
-                  return 0;
-              }),
-              0);
+        for (unsigned id : changed)
+            if (!put_range(fd, kUpdate, id, id + 1, 2)) return 81;
+        return 0;
+    }), 0);
     release(r);
     EXPECT_TRUE(kt::sound(path_));
 }
@@ -406,14 +379,8 @@ TEST_F(FileReads, AStepAfterAChangeNeverUsesTheFilesOlderPage) {
         return 0;
     }, 'r');
     for (int round = 0; round < kRounds; ++round) {
-        if (round > 0) {  // the first stop is hooked_reader's
-            ASSERT_EQ(up_.wait(), 'r');
-        }
-        EXPECT_EQ(in_child([&](int fd) {
-                      if (nisdelete(fd, sh.z[round]) != 0) return 81;
-                      return 0;
-                  }),
-                  0);
+        if (round > 0) { ASSERT_EQ(up_.wait(), 'r'); }  // the first stop is hooked_reader's
+        EXPECT_EQ(in_child([&](int fd) { return nisdelete(fd, sh.z[round]) != 0 ? 81 : 0; }), 0);
         down_.signal('g');
     }
     EXPECT_EQ(kt::wait_child(r), 0);
@@ -453,24 +420,22 @@ TEST_F(FileReads, ScansPastThePoolAskAheadAndReadWhatLockedScansRead) {
     };
     start(40, 1500);
     EXPECT_EQ(in_child([&](int fd) {
-                  if (read_all(fd, 1) != 0) return 81;  // key 0's leaves known, the chain learnt
-                  unsigned long ahead = 0;
-                  if (const int rc = both_ways(fd, &ahead)) return 81 + rc;
-                  return ahead >= ids_ ? 0 : 86;
-              }),
-              0);
+        if (read_all(fd, 1) != 0) return 81;  // key 0's leaves known, the chain learnt
+        unsigned long ahead = 0;
+        if (const int rc = both_ways(fd, &ahead)) return 81 + rc;
+        return ahead >= ids_ ? 0 : 86;
+    }), 0);
     start(2000, 300);
     EXPECT_EQ(in_child([&](int fd) {
-                  kisam::test_locked_reads = true;  // every page into the pool
-                  std::vector<std::string> all;
-                  const int rc = read_all(fd, 1) != 0 || scan(fd, false, all) != 0;
-                  kisam::test_locked_reads = false;
-                  if (rc != 0 || read_all(fd, 1) != 0) return 91;
-                  unsigned long ahead = 0;
-                  if (const int rc2 = both_ways(fd, &ahead)) return 91 + rc2;
-                  return ahead == 0 ? 0 : 96;
-              }),
-              0);
+        kisam::test_locked_reads = true;  // every page into the pool
+        std::vector<std::string> all;
+        const int rc = read_all(fd, 1) != 0 || scan(fd, false, all) != 0;
+        kisam::test_locked_reads = false;
+        if (rc != 0 || read_all(fd, 1) != 0) return 91;
+        unsigned long ahead = 0;
+        if (const int rc2 = both_ways(fd, &ahead)) return 91 + rc2;
+        return ahead == 0 ? 0 : 96;
+    }), 0);
     EXPECT_TRUE(kt::sound(path_));
 }
 
@@ -519,13 +484,10 @@ TEST_F(FileReads, AFileCutShortUnderAReaderGivesErrorsNotASignal) {
         }
         return 0;
     }, 'r');
-    struct stat st;
-    ASSERT_EQ(::stat(path_.c_str(), &st), 0);
+    const off_t size = size_of(path_);
     for (int cut = 0; cut < kCuts; ++cut) {
-        if (cut > 0) {  // the first stop is hooked_reader's
-            ASSERT_EQ(up_.wait(), 'r');
-        }
-        ASSERT_EQ(::truncate(path_.c_str(), st.st_size / (2 + 3 * cut) / 4096 * 4096), 0);
+        if (cut > 0) { ASSERT_EQ(up_.wait(), 'r'); }  // the first stop is hooked_reader's
+        ASSERT_EQ(::truncate(path_.c_str(), size / (2 + 3 * cut) / 4096 * 4096), 0);
         down_.signal('g');
     }
     EXPECT_EQ(kt::wait_child(r), 0);
@@ -562,22 +524,21 @@ int touch_own_cut_mapping(const std::string& p) {
 TEST_F(FileReads, AProgramsOwnSigbusStillReachesIt) {
     start(40, 1500);
     EXPECT_EQ(in_child([&](int fd) {
-                  ::alarm(10);  // a fault that came back to the access forever
-                  struct sigaction cur;
-                  struct sigaction own {};
-                  own.sa_sigaction = own_bus_handler;
-                  own.sa_flags = SA_SIGINFO;
-                  sigemptyset(&own.sa_mask);
-                  if (::sigaction(SIGBUS, &own, nullptr) != 0) return 91;
-                  if (read_all(fd, 1) != 0 || read_all(fd, 1) != 0) return 81;
-                  if (v_file_reads == 0) return 82;
-                  if (::sigaction(SIGBUS, nullptr, &cur) != 0 || cur.sa_sigaction == own_bus_handler)
-                      return 83;  // the library's handler took its place
-                  if (const int rc = touch_own_cut_mapping(path("own"))) return 84 + rc;
-                  if (const int rc = touch_own_cut_mapping(path("own"))) return 84 + rc;  // and again
-                  return 0;
-              }),
-              0);
+        ::alarm(10);  // a fault that came back to the access forever
+        struct sigaction cur;
+        struct sigaction own {};
+        own.sa_sigaction = own_bus_handler;
+        own.sa_flags = SA_SIGINFO;
+        sigemptyset(&own.sa_mask);
+        if (::sigaction(SIGBUS, &own, nullptr) != 0) return 91;
+        if (read_all(fd, 1) != 0 || read_all(fd, 1) != 0) return 81;
+        if (v_file_reads == 0) return 82;
+        if (::sigaction(SIGBUS, nullptr, &cur) != 0 || cur.sa_sigaction == own_bus_handler)
+            return 83;  // the library's handler took its place
+        if (const int rc = touch_own_cut_mapping(path("own"))) return 84 + rc;
+        if (const int rc = touch_own_cut_mapping(path("own"))) return 84 + rc;  // and again
+        return 0;
+    }), 0);
     // Without a handler of its own (or with a sanitizer's) the program ends by its disposition.
     struct sigaction before;
     ASSERT_EQ(::sigaction(SIGBUS, nullptr, &before), 0);
@@ -591,7 +552,7 @@ TEST_F(FileReads, AProgramsOwnSigbusStillReachesIt) {
         touch_own_cut_mapping(path("own"));
         return 83;
     });
-    if (by_default) EXPECT_EQ(rc, 128 + SIGBUS);
+    if (by_default) { EXPECT_EQ(rc, 128 + SIGBUS); }
     else EXPECT_TRUE(rc > 128 && rc != 128 + SIGALRM) << rc;  // ended by the program's disposition
 }
 
@@ -670,12 +631,10 @@ protected:
     void reads_back_by_read_calls(int keyno, unsigned lo, unsigned hi, int gen) {
         kisam::os.pread = plain_pread;
         EXPECT_EQ(in_child([&](int fd) {
-                      if (read_all(fd, keyno, 0) != 0) return 81;
-                      for (unsigned id = lo; id < hi; ++id)
-                          if (check(fd, id, gen) != 0) return 82;
-                      return 0;
-                  }),
-                  0);
+            if (read_all(fd, keyno, 0) != 0) return 81;
+            if (check_range(fd, lo, hi, gen) != 0) return 82;
+            return 0;
+        }), 0);
         kisam::os = kisam::os_real;
         EXPECT_TRUE(kt::sound(path_));
     }
@@ -688,23 +647,22 @@ TEST_F(MappedWrites, VictimsAndCheckpointsAreStoresThatReadersSee) {
         SCOPED_TRACE(magic);
         start(40, 1500, magic);
         EXPECT_EQ(in_child([&](int fd) {
-                      count_page_writes(fd);
-                      if (!put_range(fd, kUpdate, 0, ids_, 2)) return 71;
-                      if (v_map_stores < ids_ / 4) return 72;          // victims stored, ...
-                      if (data_stores != v_map_stores) return 73;       // ... each seen as a write
-                      if (data_pwrites > v_map_stores / 20) return 74;  // few write calls
-                      // New pages past the file's end: write calls first, stores after.
-                      const unsigned long stores0 = v_map_stores, pwrites0 = data_pwrites;
-                      if (!put_range(fd, kWrite, 1500, 3000, 2)) return 75;
-                      if (!put_range(fd, kUpdate, 1500, 3000, 3)) return 76;
-                      if (data_pwrites == pwrites0) return 77;
-                      if (v_map_stores - stores0 < 1500 / 4) return 78;
-                      const unsigned long before_flush = v_map_stores;
-                      if (nisflush(fd) != 0 || v_map_stores == before_flush) return 79;  // the checkpoint too
-                      if (v_store_faults != 0) return 80;
-                      return 0;
-                  }),
-                  0);
+            count_page_writes(fd);
+            if (!put_range(fd, kUpdate, 0, ids_, 2)) return 71;
+            if (v_map_stores < ids_ / 4) return 72;          // victims stored, ...
+            if (data_stores != v_map_stores) return 73;       // ... each seen as a write
+            if (data_pwrites > v_map_stores / 20) return 74;  // few write calls
+            // New pages past the file's end: write calls first, stores after.
+            const unsigned long stores0 = v_map_stores, pwrites0 = data_pwrites;
+            if (!put_range(fd, kWrite, 1500, 3000, 2)) return 75;
+            if (!put_range(fd, kUpdate, 1500, 3000, 3)) return 76;
+            if (data_pwrites == pwrites0) return 77;
+            if (v_map_stores - stores0 < 1500 / 4) return 78;
+            const unsigned long before_flush = v_map_stores;
+            if (nisflush(fd) != 0 || v_map_stores == before_flush) return 79;  // the checkpoint too
+            if (v_store_faults != 0) return 80;
+            return 0;
+        }), 0);
         reads_back_by_read_calls(2, 1500, 3000, 3);
     }
 }
@@ -715,8 +673,7 @@ TEST_F(MappedWrites, AGrowingFileIsTakenAheadOnlyOverWhatItNeverHeld) {
     start(40, 600, 512);
     const pid_t w = hooked_reader([&](int fd) {
         ::alarm(120);
-        for (unsigned id = 0; id < 200; ++id)
-            if (check(fd, id, 1) != 0) return 71;
+        if (check_range(fd, 0, 200, 1) != 0) return 71;
         if (stop_here() != 'g') return 72;
         count_page_writes(fd);
         const IS_FCP* fcp = kisam::pfo_fcp(is_db[fd]->uniqueid);
@@ -752,8 +709,7 @@ void MappedWrites::cut_under_write_back(bool by_checkpoint) {
     const off_t cut = cut_under([&](int fd) {
         count_page_writes(fd);
         // Dirty pages at the back of the file; the front read through the mapping.
-        for (unsigned id = 0; id < 200; ++id)
-            if (check(fd, id, 1) != 0) return 71;
+        if (check_range(fd, 0, 200, 1) != 0) return 71;
         for (unsigned id = ids_; id-- > ids_ - 30;)
             if (!put_range(fd, kUpdate, id, id + 1, 2)) return 72;
         if (v_map_stores == 0 && v_map_loads == 0) return 73;
@@ -772,9 +728,7 @@ void MappedWrites::cut_under_write_back(bool by_checkpoint) {
         if (data_pwrites == pwrites0) return 77;    // ... and its page went by a write call
         return 0;
     });
-    struct stat st;
-    ASSERT_EQ(::stat(path_.c_str(), &st), 0);
-    EXPECT_GT(st.st_size, cut);
+    EXPECT_GT(size_of(path_), cut);
 }
 
 TEST_F(MappedWrites, AFileCutShortUnderAVictimsStoreGetsTheWriteCallsResult) { cut_under_write_back(false); }
@@ -859,8 +813,7 @@ TEST_F(MappedWrites, AStoreIntoAHoleOfAFullDiskGetsTheWriteCallsError) {
         kisam::os = kisam::os_real;
         kisam::os.pread = plain_pread;
         if (is_init() != 0 || (fd = nisopen(file.c_str(), ISO_RDWR)) < 0) return 13;
-        for (unsigned id = 0; id < 600; ++id)
-            if (check(fd, id, 2) != 0) return 14;
+        if (check_range(fd, 0, 600, 2) != 0) return 14;
         nisclose(fd);
         nisunisam();
         return kt::sound(file) ? 0 : 15;
@@ -898,67 +851,46 @@ int more_calls(int fd, unsigned ids) {
 // there, the kept log restores them at the next start; otherwise the next good checkpoint
 // (last close, the next call, another process's call) puts every call in the file itself.
 void MappedWrites::failed_sync_then(int then) {
-    SCOPED_TRACE(then == kKilled ? "killed after the failure" : then == kClosed ? "closed after the failure"
-                 : then == kMore ? "more calls after the failure" : "more calls of another process after the failure");
+    const char* const ends[] = {"killed", "closed", "more calls", "more calls of another process"};
+    SCOPED_TRACE(std::string(ends[then]) + " after the failure");
     start(40, 600);
     const std::string before = kt::slurp(path_);
     ASSERT_FALSE(before.empty());
-    kt::Pipe up, down;
-    pid_t other = -1;
-    if (then == kMoreElsewhere) {
-        other = kt::start_child([&] {
-            up.close_read();
-            down.close_write();
-            const int fd = open();
-            if (fd < 0) return 90;
-            up.signal('o');
-            if (down.wait() != 'g') return 91;
-            if (const int rc = more_calls(fd, ids_)) return rc;
-            nisclose(fd);  // the last close
-            nisunisam();
-            return 0;
-        });
-        up.close_write();
-        down.close_read();
-        ASSERT_EQ(up.wait(), 'o');
-    }
+    // The other process makes the last close.
+    const pid_t other = then != kMoreElsewhere ? -1 : hooked_reader([&](int fd) {
+        stop_here();
+        return more_calls(fd, ids_);
+    }, 'r');
     EXPECT_EQ(in_child([&](int fd) {
-                  if (!put_range(fd, kUpdate, 0, ids_, 2)) return 71;
-                  if (v_map_stores == 0) return 72;  // victims went out before the sync
-                  const int u = is_db[fd]->uniqueid;
-                  failing_fd = is_pfi[u].pfi_osfd;
-                  kisam::os.fdatasync = failing_data_sync;
-                  is_errno = 0;
-                  if (kt::write_back(fd) == 0 || is_errno != ISE_FLWT) return 73;
-                  const auto* x = kisam::isx_file_of(u);
-                  if (x->xf_log_start == x->xf_log_end) return 74;  // the log still holds the calls
-                  kisam::os.fdatasync = kisam::os_real.fdatasync;  // the disk works again
-                  if (!lose_since(path_, before)) return 75;
-                  if (then == kKilled) ::kill(::getpid(), SIGKILL);
-                  return then == kMore ? more_calls(fd, ids_) : 0;  // then closed and detached
-              }),
-              then == kKilled ? 128 + SIGKILL : 0);
-    if (other > 0) {
-        down.signal('g');
-        EXPECT_EQ(kt::wait_child(other), 0);
-    }
-    if (then != kKilled) {
-        EXPECT_EQ(kisam_pending(path_.c_str()), 0);
-    }
+        if (!put_range(fd, kUpdate, 0, ids_, 2)) return 71;
+        if (v_map_stores == 0) return 72;  // victims went out before the sync
+        const int u = is_db[fd]->uniqueid;
+        failing_fd = is_pfi[u].pfi_osfd;
+        kisam::os.fdatasync = failing_data_sync;
+        is_errno = 0;
+        if (kt::write_back(fd) == 0 || is_errno != ISE_FLWT) return 73;
+        const auto* x = kisam::isx_file_of(u);
+        if (x->xf_log_start == x->xf_log_end) return 74;  // the log still holds the calls
+        kisam::os.fdatasync = kisam::os_real.fdatasync;  // the disk works again
+        if (!lose_since(path_, before)) return 75;
+        if (then == kKilled) ::kill(::getpid(), SIGKILL);
+        return then == kMore ? more_calls(fd, ids_) : 0;  // then closed and detached
+    }), then == kKilled ? 128 + SIGKILL : 0);
+    if (other > 0) release(other);
+    if (then != kKilled) { EXPECT_EQ(kisam_pending(path_.c_str()), 0); }
     const bool more = then == kMore || then == kMoreElsewhere;
     EXPECT_EQ(in_child([&](int fd) {
-                  kisam_recovery r;
-                  if (then != kKilled && kisam_last_recovery(&r) == 0 && r.calls != 0) return 80;  // no replay
-                  for (unsigned id = 0; id < ids_; ++id)
-                      if (const int rc = check(fd, id, more && id % 3 == 0 ? 3 : 2)) {
-                          std::fprintf(stderr, "id %u: wrong (%d)\n", id, rc);
-                          return 81;
-                      }
-                  for (unsigned id = ids_; more && id < ids_ + 300; ++id)
-                      if (check(fd, id, 1) != 0) return 82;
-                  return 0;
-              }),
-              0);
+        kisam_recovery r;
+        if (then != kKilled && kisam_last_recovery(&r) == 0 && r.calls != 0) return 80;  // no replay
+        for (unsigned id = 0; id < ids_; ++id)
+            if (const int rc = check(fd, id, more && id % 3 == 0 ? 3 : 2)) {
+                std::fprintf(stderr, "id %u: wrong (%d)\n", id, rc);
+                return 81;
+            }
+        for (unsigned id = ids_; more && id < ids_ + 300; ++id)
+            if (check(fd, id, 1) != 0) return 82;
+        return 0;
+    }), 0);
     EXPECT_TRUE(kt::sound(path_));
 }
 
