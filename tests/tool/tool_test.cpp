@@ -160,12 +160,12 @@ protected:
         for (const auto& [var, value] : env) ::setenv(var.c_str(), value.c_str(), 1);
     }
 
-    // PROG (the tool unless said) with output into IO.out and IO.err, emptied first.
+    // Output into IO.out and IO.err, emptied first.
     pid_t start(const std::vector<std::string>& args, const std::string& input_file = "/dev/null",
-                const std::string& io = "", const std::string& prog = KISAM_TOOL_PATH) {
-        std::vector<std::string> argv{prog};
-        if (with_config && prog == KISAM_TOOL_PATH) argv.insert(argv.end(), {"--config", cfg});
-        if (quiet && prog == KISAM_TOOL_PATH) argv.push_back("--quiet");
+                const std::string& io = "") {
+        std::vector<std::string> argv{KISAM_TOOL_PATH};
+        if (with_config) argv.insert(argv.end(), {"--config", cfg});
+        if (quiet) argv.push_back("--quiet");
         argv.insert(argv.end(), args.begin(), args.end());
         const std::string out = path(io + ".out"), err = path(io + ".err");
         spit(out, "");
@@ -271,17 +271,12 @@ protected:
         }
     }
 
-    // PROG with ARGS reading a pipe that stays open until end(): 'put FILE -' attached
-    // with FILE open, `line` stored on return; or lock_holder holding FILE's control lock.
+    // 'put FILE -' reading a pipe, attached with FILE open; `line` is stored on return.
     struct Writer { pid_t pid; int fd; std::string io; };
-    Writer piped(const std::vector<std::string>& args, const std::string& io, const std::string& prog = KISAM_TOOL_PATH) {
+    Writer writer(const std::string& file, const std::string& line, const std::string& io) {
         const std::string fifo = path(io + ".fifo");
         EXPECT_EQ(::mkfifo(fifo.c_str(), 0666), 0);
-        const pid_t pid = start(args, fifo, io, prog);
-        return {pid, ::open(fifo.c_str(), O_WRONLY | O_CLOEXEC), io};   // the tools started later must not keep it
-    }
-    Writer writer(const std::string& file, const std::string& line, const std::string& io) {
-        Writer w = piped({"put", file, "-"}, io);
+        Writer w{start({"put", file, "-"}, fifo, io), ::open(fifo.c_str(), O_WRONLY | O_CLOEXEC), io};
         EXPECT_EQ(::write(w.fd, (line + "\n").data(), line.size() + 1), ssize_t(line.size() + 1));
         for (int i = 0; i < 500 && finish(start({"get", file, line.substr(0, 3)}, "/dev/null", io + "get"), io + "get").rc;
              ++i)
@@ -723,29 +718,49 @@ TEST_F(Tool, FullDiskAndFailedSync) {
 // The tool waiting for a control lock lock_holder holds.
 class ToolWait : public ToolInstallation {
 protected:
-    Writer holder{-1, -1, ""};
+    pid_t holder = -1;
+    int holder_in = -1;
+
     void SetUp() override {
         ToolInstallation::SetUp();
         init_config();
         ASSERT_EQ(run({"create", path("f"), "4"}).rc, 0);
-        env = {{"KISCONFIG", cfg}};
-        holder = piped({path("f")}, "holder", LOCK_HOLDER_PATH);
-        env.clear();
-        ASSERT_TRUE(appears("holder.out", "held\n")) << slurp(path("holder.err"));
+        int in[2], out[2];
+        ASSERT_EQ(::pipe2(in, O_CLOEXEC), 0);   // the tools started later must not keep them
+        ASSERT_EQ(::pipe2(out, O_CLOEXEC), 0);
+        std::fflush(nullptr);
+        holder = ::fork();
+        if (holder == 0) {
+            private_env();
+            ::setenv("KISCONFIG", cfg.c_str(), 1);
+            ::dup2(in[0], 0);
+            ::dup2(out[1], 1);
+            ::execl(LOCK_HOLDER_PATH, LOCK_HOLDER_PATH, path("f").c_str(), static_cast<char*>(nullptr));
+            ::_exit(127);
+        }
+        ::close(in[0]);
+        ::close(out[1]);
+        holder_in = in[1];
+        char buf[8] = {};
+        ASSERT_EQ(::read(out[0], buf, 5), 5);
+        ::close(out[0]);
+        ASSERT_EQ(std::string(buf), "held\n");
     }
     void TearDown() override {
         release();
         ToolInstallation::TearDown();
     }
     void release() {
-        EXPECT_TRUE(holder.pid <= 0 || end(holder).rc == 0) << "the holder failed";
-        holder.pid = -1;
+        if (holder < 0) return;
+        ::close(holder_in);
+        EXPECT_EQ(wait_for(holder), 0) << "the holder failed";
+        holder = -1;
     }
     // Returns once the put says whom it waits for.
     pid_t waiting_put(const std::string& record = "abcdRECORD") {
         pid_t pid = start({"put", path("f"), record});
-        EXPECT_TRUE(appears(".err", "waiting for process " + std::to_string(holder.pid) +
-                                        " (holds the control lock of " + dir + "/f)")) << slurp(path(".err"));
+        EXPECT_TRUE(appears(".err", "waiting for process " + std::to_string(holder) + " (holds the control lock of " +
+                                        dir + "/f)")) << slurp(path(".err"));
         return pid;
     }
 };
