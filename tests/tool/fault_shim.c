@@ -20,26 +20,23 @@ static long from_env(const char* name) {
     return v ? atol(v) : 0;
 }
 
+/* Whether this call fails: the Nth counted by *calls and all after it, N from VAR. */
+static int fails(const char* var, long* calls, long* from) {
+    if (*from < 0) *from = from_env(var);
+    return *from > 0 && ++*calls >= *from;
+}
+
 int fdatasync(int fd) {
     static long calls = 0, from = -1;
-    static int (*real)(int) = NULL;
-    if (from < 0) from = from_env("KISAM_TEST_FAIL_FDATASYNC");
-    if (from > 0 && ++calls >= from) {
-        errno = EIO;
-        return -1;
-    }
-    if (!real) real = (int (*)(int))dlsym(RTLD_NEXT, "fdatasync");
+    if (fails("KISAM_TEST_FAIL_FDATASYNC", &calls, &from)) return errno = EIO, -1;
+    int (*real)(int) = (int (*)(int))dlsym(RTLD_NEXT, "fdatasync");
     return real ? real(fd) : 0;
 }
 
 /* pwrite and pwrite64 are one function on x86-64; a caller may be bound to either name. */
 static ssize_t failing_pwrite(const char* name, int fd, const void* buf, size_t n, off_t off) {
     static long calls = 0, from = -1;
-    if (from < 0) from = from_env("KISAM_TEST_FAIL_PWRITE");
-    if (from > 0 && ++calls >= from) {
-        errno = ENOSPC;
-        return -1;
-    }
+    if (fails("KISAM_TEST_FAIL_PWRITE", &calls, &from)) return errno = ENOSPC, -1;
     ssize_t (*real)(int, const void*, size_t, off_t) = (ssize_t(*)(int, const void*, size_t, off_t))dlsym(RTLD_NEXT, name);
     return real ? real(fd, buf, n, off) : -1;
 }
@@ -62,10 +59,7 @@ static int is_log(int fd) {
 }
 
 static void* mapping(const char* name, void* addr, size_t len, int prot, int flags, int fd, off_t off) {
-    if (from_env("KISAM_TEST_FAIL_PWRITE") > 0 && fd >= 0 && is_log(fd)) {
-        errno = ENOMEM;
-        return MAP_FAILED;
-    }
+    if (from_env("KISAM_TEST_FAIL_PWRITE") > 0 && fd >= 0 && is_log(fd)) return errno = ENOMEM, MAP_FAILED;
     void* (*real)(void*, size_t, int, int, int, off_t) =
         (void* (*)(void*, size_t, int, int, int, off_t))dlsym(RTLD_NEXT, name);
     return real ? real(addr, len, prot, flags, fd, off) : MAP_FAILED;

@@ -11,6 +11,7 @@
 #  - the complete example of kisam(3), taken from the installed page as man renders it,
 #    builds, runs and prints what the page says it prints.
 #   install_test.sh BUILD_DIR SOURCE_DIR
+# shellcheck disable=SC2086 # $pc: the compiler flags pkg-config gives, one a word
 set -eu
 build=$1
 src=$2
@@ -68,14 +69,11 @@ fi
 PKG_CONFIG_PATH="$libdir/pkgconfig"; MANWIDTH=200; LC_ALL=C.UTF-8
 export PKG_CONFIG_PATH MANWIDTH LC_ALL
 [ "$(pkg-config --modversion kisam)" != "" ] || fail "pkg-config does not know kisam"
-# shellcheck disable=SC2046
-cc -std=c11 -Wall -Werror -o "$work/consumer-pc" "$consumer/consumer.c" $(pkg-config --cflags --libs kisam) \
-    || fail "cannot build with pkg-config"
+pc=$(pkg-config --cflags --libs kisam)
+cc -std=c11 -Wall -Werror -o "$work/consumer-pc" "$consumer/consumer.c" $pc || fail "cannot build with pkg-config"
 KISCONFIG="$cfg" LD_LIBRARY_PATH="$libdir" "$work/consumer-pc" "$work/pc.isam" | grep -q 'consumer ok' \
     || fail "pkg-config build does not run"
-# shellcheck disable=SC2046
-cc -std=c11 -Wall -Werror -o "$work/basic-pc" "$src/examples/basic.c" $(pkg-config --cflags --libs kisam) \
-    || fail "cannot build examples/basic.c with pkg-config"
+cc -std=c11 -Wall -Werror -o "$work/basic-pc" "$src/examples/basic.c" $pc || fail "cannot build examples/basic.c with pkg-config"
 (cd "$work" && KISCONFIG="$cfg" LD_LIBRARY_PATH="$libdir" "$work/basic-pc") >/dev/null || fail "examples/basic.c does not run"
 cmake -S "$consumer" -B "$work/cbuild" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null || fail "find_package(kisam) fails"
 cmake --build "$work/cbuild" >/dev/null || fail "cannot build with find_package"
@@ -100,9 +98,7 @@ sed -n '/^## Using it/,/^## /p' "$readme" >"$work/using"
 sed -n '/^```c$/,/^```$/p' "$work/using" | sed '1d;$d' >"$work/readme.c"
 sed -n '1,/^```c$/p' "$work/using" | grep '^    ' | sed 's/^    //' >"$work/readme.sh"
 [ -s "$work/readme.c" ] && [ -s "$work/readme.sh" ] || fail "README: no program or no commands under 'Using it'"
-# shellcheck disable=SC2046
-cc -std=c11 -Wall -Wextra -Werror -o "$work/readme" "$work/readme.c" $(pkg-config --cflags --libs kisam) \
-    || fail "the README's program does not build"
+cc -std=c11 -Wall -Wextra -Werror -o "$work/readme" "$work/readme.c" $pc || fail "the README's program does not build"
 (cd "$work" && { cat readme.sh; echo ./readme; } | sh) || fail "the README's program fails"
 out=$(cd "$work" && KISCONFIG="$work/nowhere/kisamconfig" ./readme 2>&1) && fail "the README's program runs without a configuration"
 echo "$out" | grep -q "configuration tried: $work/nowhere/kisamconfig" \
@@ -116,9 +112,7 @@ if ! /sbin/ldconfig -p 2>/dev/null | grep -q 'libkisam\.so\.1 '; then
     echo "$out" | grep -q "libkisam.so.1: cannot open shared object file" \
         || fail "a program without LD_LIBRARY_PATH fails otherwise than the README says: $out"
 fi
-# shellcheck disable=SC2046
-cc -std=c11 -o "$work/readme_rpath" "$work/readme.c" $(pkg-config --cflags --libs kisam) -Wl,-rpath,"$libdir" \
-    || fail "the README's program does not build with an rpath"
+cc -std=c11 -o "$work/readme_rpath" "$work/readme.c" $pc -Wl,-rpath,"$libdir" || fail "the README's program does not build with an rpath"
 (cd "$work" && env -u LD_LIBRARY_PATH KISCONFIG="$work/home/kisamconfig" ./readme_rpath) \
     || fail "the README's program linked with -Wl,-rpath does not run without LD_LIBRARY_PATH"
 
@@ -129,9 +123,7 @@ sed -n '/^EXAMPLE/,/^SEE ALSO/p' "$work/kisam.txt" >"$work/example.txt"
 sed -n '/^       \/\*/,/^       Its output:/p' "$work/example.txt" | sed '$d' | sed 's/^       //' >"$work/customers.c"
 sed -n '/^       Its output:/,$p' "$work/example.txt" | sed '1d;$d' | sed -n 's/^       \(..*\)/\1/p' >"$work/expected"
 [ -s "$work/customers.c" ] && [ -s "$work/expected" ] || fail "kisam(3): no example or no output found"
-# shellcheck disable=SC2046
-cc -std=c11 -Wall -Wextra -Werror -o "$work/customers" "$work/customers.c" $(pkg-config --cflags --libs kisam) \
-    || fail "the example of kisam(3) does not build"
+cc -std=c11 -Wall -Wextra -Werror -o "$work/customers" "$work/customers.c" $pc || fail "the example of kisam(3) does not build"
 (cd "$work" && KISCONFIG="$cfg" ./customers) >"$work/got" || fail "the example of kisam(3) fails"
 diff "$work/expected" "$work/got" || fail "the example of kisam(3) prints something else than its page says"
 out=$(cd "$work" && KISCONFIG="$work/none" ./customers 2>&1) && fail "the example runs without a configuration"
