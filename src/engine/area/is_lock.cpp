@@ -37,6 +37,7 @@
 #include "is_live.h"
 #include "isx_area.h"
 #include "os.h"
+#include "test_hook.h"
 
 #include <kisam/kisam.h>
 
@@ -247,6 +248,7 @@ uint32_t* futex_at(uint32_t x) {
 // futex_waitv restarts after a handler installed with SA_RESTART, as a lock-file wait
 // does; FUTEX_WAIT with a timeout would not, so it serves only on kernels without it.
 int futex_sleep(uint32_t* w, uint32_t val, const struct timespec& deadline) {
+    if (kisam::test_hook) kisam::test_hook(kisam::kHookSleep, 0);
     static bool no_waitv = false;
     const int e = errno;
     int r = 0;

@@ -8,9 +8,10 @@
 //     sleeps until a deadline: kLookFirstUs, then twice as long each time up to
 //     kLookMaxUs, and from the start again whenever the holder changes.  When a sleep runs
 //     out it looks whether the holder is gone (taking the word over, as "Death" says).  A waiter
-//     that leaves without the word after it slept passes a wake on.  While a wait that a
-//     signal may give up, or that a hook hears of, is awake, signals are held back (see
-//     SignalGate): one landing between two sleeps interrupts the next.
+//     that leaves without the word after it slept passes a wake on.  A wait that a
+//     signal may give up, or that a hook hears of, holds signals back for its whole
+//     length (see SignalGate) and lets them through after each sleep: one that came
+//     during the sleep or before it counts as interrupting it.
 //  - Crossed waits.  Before its first sleep a waiter follows holder -> what it waits for
 //     -> ...; coming back to itself it fails with EDEADLK.  After a sleep ran out or the
 //     holder changed, it looks again, and then fails only for a cycle that runs through a
@@ -385,7 +386,13 @@ int futex_wait_held(uint32_t* fw, uint32_t me, unsigned long o, const WaitFor& w
         }
         hw.begin(tag_pid(t));
         slept = true;
-        const int r = gate.open() ? EINTR : futex_sleep(fw, cur, deadline);
+        // With the gate on, signals stay held back through the sleep and are let through
+        // after it: a signal let through before the sleep could run its handler in the
+        // gap before the kernel's wait began, unheard, and the wait would go on until the
+        // holder let go.  A sleep lasts at most kLookMaxUs, so a held-back signal is heard
+        // that late at the most.
+        int r = futex_sleep(fw, cur, deadline);
+        if (gate.open()) r = EINTR;
         gate.close();
         if (r == EINTR && hw.signal()) {
             errno = EINTR;
