@@ -657,7 +657,7 @@ TEST_F(WaitHook, AFreeLockCostsNoRequestAndAFailedOneRefusesTheCall) {
 
 // A signal raised before the first sleep (by the hook at the wait's begin) still gives
 // the wait up, for a word and for a range; so does one raised on the very edge of a
-// word's sleep in the kernel (its handler must not run unheard before the sleep).
+// sleep (its handler must not run unheard before the sleep).
 bool raise_at_sleep = false;
 int raise_at_begin(const struct kisam_wait* w, void*) {
     if (w->event == KISAM_WAIT_BEGIN && !raise_at_sleep) ::raise(SIGUSR1);
@@ -668,16 +668,16 @@ int raise_at_begin(const struct kisam_wait* w, void*) {
 TEST_F(WaitHook, ASignalBetweenSleepsIsNotLost) {
     const int fd = file("f");
     ASSERT_EQ(nislock(fd, "ab", 2, 1), 0);
-    for (int way : {0, 1, 2}) {
-        const bool record = way == 1;
-        SCOPED_TRACE(way == 0 ? "control lock" : way == 1 ? "record lock" : "control lock, at its sleep");
+    for (int way : {0, 1, 2, 3}) {
+        const bool record = way % 2 == 1;
+        SCOPED_TRACE(std::string(record ? "record lock" : "control lock") + (way >= 2 ? ", at its sleep" : ""));
         if (!record) {
             ASSERT_EQ(nisgetctl(fd), 0);
         }
         const int st = kt::run_child([&] {
             kt::interrupting_usr1();
             if (is_chinit() != 0) return 1;
-            raise_at_sleep = way == 2;
+            raise_at_sleep = way >= 2;
             if (raise_at_sleep)
                 kisam::test_hook = [](int where, int) {
                     if (where == kisam::kHookSleep && std::exchange(raise_at_sleep, false)) ::raise(SIGUSR1);

@@ -24,6 +24,7 @@
 #include "is_common.h"
 #include "is_live.h"
 #include "isx_area.h"
+#include "test_hook.h"
 
 #include <kisam/kisam.h>
 
@@ -74,13 +75,12 @@ void file_name(const IS_FCP* fcp, char* buf, size_t size) {
     }
 }
 
-// Signals around a wait that may hear of them.  A signal is seen by a wait only when it
-// interrupts the system call that sleeps; one that lands between two sleeps (the holder
-// looks, the deadline sums, the cycle walks) would run its handler and leave the wait to
-// go on until the holder lets go, unheard.  So while such a wait is awake, signals are
-// held back; just before each sleep, one held back whose handler does not restart calls
-// counts as interrupting that sleep, and all are let through as the sleep begins.  What
-// is left open is the few instructions between letting them through and the sleep.
+// Signals around a wait that may hear of them.  A signal let through while the wait is
+// awake (the holder looks, the deadline sums, the cycle walks, or the instant before a
+// sleep begins) would run its handler unheard and leave the wait to go on until the
+// holder lets go.  So such a wait holds signals back for its whole length, its sleeps
+// included (each is bounded), and after each sleep lets them through: one held back
+// whose handler does not restart calls counts as interrupting that sleep.
 class SignalGate {
 public:
     explicit SignalGate(bool on) : on_(on) {
@@ -94,6 +94,7 @@ public:
     }
     SignalGate(const SignalGate&) = delete;
     SignalGate& operator=(const SignalGate&) = delete;
+    bool on() const { return on_; }
     // Lets the held-back signals through, their handlers run now: true when one of them
     // would have interrupted a sleep.
     bool open() {
@@ -261,20 +262,40 @@ bool crossed(uint32_t o, bool first) {
     return true;
 }
 
+// A range wait's sleep, signals held back (they are looked at after it).
+void range_sleep(long us) {
+    if (kisam::test_hook) kisam::test_hook(kisam::kHookSleep, 1);
+    struct timespec rel {us / 1000000, (us % 1000000) * 1000};
+    const int e = errno;
+    ::clock_nanosleep(CLOCK_MONOTONIC, 0, &rel, nullptr);
+    errno = e;
+}
+
 }  // namespace
 
-// The slow path of taking a range: it is held by another process.  Waits in the kernel;
-// tells the hook whom it waits for, and asks it (or the flag) whether a signal that
-// interrupts the wait gives the wait up.  0, or -1 with errno (EINTR when given up).
+// The slow path of taking a range: it is held by another process.  Tells the hook whom
+// it waits for, and asks it (or the flag) whether a signal that interrupts the wait gives
+// the wait up.  0, or -1 with errno (EINTR when given up, EDEADLK for a cycle).
+//
+// A wait no signal can change sleeps in the kernel (F_SETLKW).  One that hears of
+// signals cannot: F_SETLKW has no deadline, so signals would have to be let through just
+// before it, and one landing in that gap would run its handler unheard and leave the wait
+// to go on until the holder let go.  So it holds signals back for its whole length and
+// asks again (F_SETLK) after each sleep: kLookFirstUs, then twice as long up to
+// kLookMaxUs, from the start again whenever the holder changes.  The price: the range is
+// taken up to that late after the holder lets go, and a waiter in the kernel is granted
+// it first.  Being no kernel waiter, it also looks for a cycle itself after each sleep.
 int wait_held(unsigned long ofst, const WaitFor& wf) {
     HookedWait hw(wf);
     SignalGate gate(hw.hears_signals());  // also over the hook's BEGIN
     struct flock fl;
-    if (hw.hooked()) {
+    int holder = 0;
+    if (hw.hooked() || gate.on()) {
         // Whom we wait for: the kernel's answer is the truth (the word may be stale, or
         // already cleared by a holder on its way out).
-        if (request(F_GETLK, F_WRLCK, ofst, &fl) == 0 && fl.l_type != F_UNLCK) hw.begin(static_cast<int>(fl.l_pid));
-        // else the holder let go meanwhile: the waiting request is granted at once.
+        if (request(F_GETLK, F_WRLCK, ofst, &fl) == 0 && fl.l_type != F_UNLCK) holder = static_cast<int>(fl.l_pid);
+        // else the holder let go meanwhile: the request below is granted at once.
+        if (holder) hw.begin(holder);
     }
     uint32_t* wait_rec = my_wait();
     if (wait_rec) word(wait_rec).store(static_cast<uint32_t>(ofst));
@@ -287,19 +308,39 @@ int wait_held(unsigned long ofst, const WaitFor& wf) {
         hw.end(false);
         return -1;
     }
+    long look_us = kLookFirstUs;
+    int seen_crossed = 0;  // looks in a row that found a cycle
     for (;;) {
-        if (gate.open()) {
-            rc = -1;
-            errno = EINTR;
-        } else {
+        if (!gate.on()) {
             rc = request(F_SETLKW, F_WRLCK, ofst, &fl);
+            if (rc == 0 || errno != EINTR) break;
+            if (hw.signal()) {  // (only when the gate could not be put on)
+                errno = EINTR;
+                break;
+            }
+            continue;
         }
-        const int e = errno;
+        rc = request(F_SETLK, F_WRLCK, ofst, &fl);
+        if (rc == 0 || (errno != EAGAIN && errno != EACCES)) break;
+        const int now_holder = request(F_GETLK, F_WRLCK, ofst, &fl) == 0 && fl.l_type != F_UNLCK ? static_cast<int>(fl.l_pid) : 0;
+        if (now_holder == 0) continue;  // let go meanwhile: ask again at once
+        if (now_holder != holder) {
+            holder = now_holder;
+            look_us = kLookFirstUs;
+            seen_crossed = 0;
+        } else if (!crossed(static_cast<uint32_t>(ofst), false)) {
+            seen_crossed = 0;
+        } else if (++seen_crossed == 2) {   // believed once two looks in a row find it
+            rc = -1;
+            errno = EDEADLK;
+            break;
+        }
+        range_sleep(look_us);
+        look_us = look_us * 2 > kLookMaxUs ? kLookMaxUs : look_us * 2;
+        const bool came = gate.open();
         gate.close();
-        errno = e;
-        if (rc == 0 || errno != EINTR) break;
-        // A signal whose handler does not restart calls: the program may want to stop.
-        if (hw.signal()) {
+        if (came && hw.signal()) {
+            rc = -1;
             errno = EINTR;
             break;
         }

@@ -13,7 +13,7 @@ enum : int {
     kHookTakeAway = 3,  // a victim's tag is cleared, the slot not yet off its chain
     kHookFetch = 4,     // a reader read a missing page from the file, no lock taken yet
     kHookReap = 5,      // a clean-up found process slot `u` dead, nothing of it cleaned yet
-    kHookSleep = 6,     // a wait for a lock word is about to sleep in the kernel
+    kHookSleep = 6,     // a wait for a lock is about to sleep (`u` 0: a lock word, 1: a range)
 };
 using TestHook = void (*)(int where, int u);
 extern TestHook test_hook;
