@@ -563,13 +563,16 @@ TEST_F(WaitHook, AWaitGivenUpAtASignalKeepsNothingOfIt) {
     EXPECT_EQ(ot::shared_fcp(fd)->jd_lock_hd, KISAM_NOREL) << "a lock was added";
 }
 
-// A signal the hook lets pass, or with neither hook nor flag, keeps the wait.
+// A signal the hook lets pass, or with neither hook nor flag, keeps the wait, for a
+// control lock (a word) and for a record lock (a range), until the holder lets go.
 TEST_F(WaitHook, ASignalNotGivenUpKeepsTheWaitUntilTheHolderLetsGo) {
     const int fd = file("f");
-    for (bool with_hook : {true, false}) {
-        SCOPED_TRACE(with_hook ? "the hook lets it pass" : "no hook, no flag");
-        const std::string rec = with_hook ? "abcd-record" : "abce-record";
-        ASSERT_EQ(nisgetctl(fd), 0);
+    for (int way : {0, 1, 2, 3}) {
+        const bool with_hook = way % 2 == 0, record = way >= 2;
+        SCOPED_TRACE(std::string(record ? "record lock, " : "control lock, ") +
+                     (with_hook ? "the hook lets it pass" : "no hook, no flag"));
+        const std::string rec = std::string(1, static_cast<char>('a' + way)) + "bcd-record";
+        ASSERT_EQ(record ? nislock(fd, "ab", 2, 1) : nisgetctl(fd), 0);
         kt::Pipe ready;
         pid_t child = kt::start_child([&] {
             ready.close_read();
@@ -582,7 +585,9 @@ TEST_F(WaitHook, ASignalNotGivenUpKeepsTheWaitUntilTheHolderLetsGo) {
             } else {
                 ready.signal('r');
             }
-            if (niswrite(fd, rec.data(), 11) != 0) return 2;
+            if (record && (nisgetctl(fd) != 0 || nislock(fd, "abc", 3, 0) != 0 || nisunlock(fd, "abc", 3, 0) != 0))
+                return 5;
+            if (niswrite(fd, rec.data(), 11) != 0 || (record && nisrelctl(fd) != 0)) return 2;
             if (with_hook && (seen.begins != 1 || seen.ends != 1 || seen.signals < 1 || seen.given_up != 0)) return 3;
             if (with_hook && seen.seconds <= 0) return 4;
             return 0;
@@ -595,7 +600,7 @@ TEST_F(WaitHook, ASignalNotGivenUpKeepsTheWaitUntilTheHolderLetsGo) {
         }
         char buf[64];
         EXPECT_EQ(nisfind(fd, 0, rec.data(), buf, sizeof buf), 0);
-        EXPECT_EQ(nisrelctl(fd), 0);
+        EXPECT_EQ(record ? nisunlock(fd, "ab", 2, 0) : nisrelctl(fd), 0);
         EXPECT_EQ(kt::wait_child(child), 0);
         EXPECT_GT(nisfind(fd, 0, rec.data(), buf, sizeof buf), 0) << "the wait ended without the write";
     }
