@@ -622,8 +622,8 @@ int kisam_last_recovery(struct kisam_recovery *out);
 #define KISAM_WAIT_BEGIN  1  /* the lock is held by process `holder`: the call sleeps now */
 #define KISAM_WAIT_SIGNAL 2  /* a signal interrupted the sleep: a nonzero answer gives
                                 the wait up when can_give_up is 1; 0 sleeps on.  Signals
-                                that come while the wait is awake between two sleeps are
-                                held back until the next sleep, which they interrupt */
+                                are held back through the wait, its sleeps included, and
+                                heard after each sleep (at most 50 ms late) */
 #define KISAM_WAIT_END    3  /* the wait is over: given_up 0 the lock was taken, 1 the
                                 wait was given up or failed */
 
