@@ -627,11 +627,12 @@ protected:
     void cut_under_write_back(bool by_checkpoint);
     enum Then { kKilled, kClosed, kMore, kMoreElsewhere };
     void failed_sync_then(int then);
-    // Another process with read calls only: the file along keyno, ids [lo, hi) at gen, sound.
-    void reads_back_by_read_calls(int keyno, unsigned lo, unsigned hi, int gen) {
+    // Another process with read calls only: the first ids [0, ids_) at gen0, ids [lo, hi)
+    // at gen; the file sound.
+    void reads_back_by_read_calls(uint32_t gen0, unsigned lo, unsigned hi, uint32_t gen) {
         kisam::os.pread = plain_pread;
         EXPECT_EQ(in_child([&](int fd) {
-            if (read_all(fd, keyno, 0) != 0) return 81;
+            if (read_all(fd, gen0) != 0) return 81;
             if (check_range(fd, lo, hi, gen) != 0) return 82;
             return 0;
         }), 0);
