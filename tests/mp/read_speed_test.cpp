@@ -1,14 +1,11 @@
-// What the fast paths of reads without the lock must keep: a read that runs unarmed for
+// What the fast path of reads without the lock must keep: a read that runs unarmed for
 // faults in the files' mappings (a process whose reads have all stayed in the pool)
 // never touches a mapping, so that a file cut short under it still gives errors, never a
-// signal; and where a process last found each page is only a guess, checked by the
-// slot's tag, so that readers whose slots are taken from under them by each other and by
-// a writer still read only records that were there.
+// signal.
 #include "genrec.h"
 #include "is_error.h"
 #include "is_rec.h"
 #include "kisam_test.h"
-#include "os.h"
 #include "test_hook.h"
 #include "v_pool.h"
 
@@ -16,7 +13,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -26,11 +22,6 @@ namespace kg = kt::gen;
 // One record in ten spans overflow pages.
 const kg::Layout kL{.k1 = 1000, .big = 10, .big_len = 1100, .small_len = 40, .small_span = 200};
 constexpr int kBuf = 4000;
-
-// The real pread behind a replaced entry of the table: with the table replaced, every
-// miss loads its page into the pool (no read in the file's mapping), so that readers take
-// slots from each other all the time.
-ssize_t plain_pread(int fd, void* buf, size_t n, off_t off) { return ::pread(fd, buf, n, off); }
 
 // Reads id by key 0: 0 when it holds a whole record of id at some generation (*gen), 1
 // when the read gave too little, 2 when the bytes are wrong.
@@ -136,66 +127,6 @@ TEST_F(ReadSpeed, AnUnarmedReaderArmsBeforeTheMappingSoACutFileGivesErrorsNotASi
         down.signal('g');
         EXPECT_EQ(kt::wait_child(r), 0);
     }
-}
-
-// Readers in a small pool take slots from each other (a load leaves the change count
-// alone) while a writer updates records to new generations: where a reader last found a
-// page is then mostly some other page's slot.  Every read returns a whole record, never
-// one older than a generation the same reader saw before.
-TEST_F(ReadSpeed, ReadersWhoseSlotsAreTakenReadOnlyWholeRecordsNeverOlder) {
-    start(24, 900);
-    const uint64_t seed = kt::test_seed(0x51075);
-    constexpr int kReaders = 3, kReads = 3000;
-    // First the readers alone, every miss loaded into the pool: a slot noted for a page
-    // that now holds another is passed over for the page index, so that nearly every read
-    // still stands without the lock (one whose slot changed under it while it read takes
-    // the lock after two tries).
-    for (int rc : workers(kReaders, [&](int w) {
-             kisam::os.pread = plain_pread;
-             const int fd = open();
-             if (fd < 0) return 60;
-             std::mt19937 rng(static_cast<unsigned>(seed) + 100 + static_cast<unsigned>(w));
-             const unsigned long nolock0 = is_nolock_reads;
-             for (int i = 0; i < kReads; ++i)
-                 if (uint32_t g = 0; check(fd, static_cast<unsigned>(rng() % ids_), &g) != 0 || g != 1) return 61;
-             if (is_nolock_reads - nolock0 < kReads * 9 / 10) {
-                 std::fprintf(stderr, "reader %d: %lu of %d reads without the lock\n", w, is_nolock_reads - nolock0, kReads);
-                 return 62;
-             }
-             nisclose(fd);
-             nisunisam();
-             return 0;
-         }))
-        EXPECT_EQ(rc, 0);
-    for (int rc : workers(kReaders + 1, [&](int w) {
-             const int fd = open();
-             if (fd < 0) return 70;
-             std::mt19937 rng(static_cast<unsigned>(seed) + static_cast<unsigned>(w));
-             std::vector<uint32_t> seen(ids_, 1);
-             std::vector<char> buf(kBuf);
-             for (uint32_t gen = 2; w == kReaders && gen < 6; ++gen)   // the writer: generations 2..5 over random ids
-                 for (int i = 0; i < 150; ++i) {
-                     const std::string r = kg::record(kL, static_cast<unsigned>(rng() % ids_), gen);
-                     if (nisupdate(fd, r.data(), static_cast<int>(r.size())) != 0) return 71;
-                 }
-             for (int i = 0; w < kReaders && i < 5000; ++i) {
-                 const unsigned id = static_cast<unsigned>(rng() % ids_);
-                 uint32_t g = 0;
-                 if (const int rc = check(fd, id, &g); rc != 0 || g < seen[id]) {
-                     std::fprintf(stderr, "reader %d, read %d: id %u: %d, generation %u after %u\n", w, i, id, rc, g, seen[id]);
-                     return 72;
-                 }
-                 seen[id] = g;
-                 // Now and then a step along key 1 from there, which moves the cursors'
-                 // hints to pages the next reads of this process ask for.
-                 if (i % 16 == 0 && nisread(fd, 1, buf.data(), kBuf) < 0) return 73;
-             }
-             nisclose(fd);
-             nisunisam();
-             return 0;
-         }))
-        EXPECT_EQ(rc, 0);
-    EXPECT_TRUE(kt::sound(path_));
 }
 
 }  // namespace
