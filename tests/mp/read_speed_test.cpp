@@ -23,15 +23,8 @@ namespace kg = kt::gen;
 const kg::Layout kL{.k1 = 1000, .big = 10, .big_len = 1100, .small_len = 40, .small_span = 200};
 constexpr int kBuf = 4000;
 
-// Reads id by key 0: 0 when it holds a whole record of id at some generation (*gen), 1
-// when the read gave too little, 2 when the bytes are wrong.
-int check(int fd, unsigned id, uint32_t* gen) {
-    std::vector<char> buf(kBuf);
-    const int n = nisfind(fd, 0, kg::key0(id).data(), buf.data(), kBuf);
-    unsigned got;
-    if (n < kL.min()) return 1;
-    return kg::genuine(kL, buf.data(), n, kBuf, &got, gen) && got == id ? 0 : 2;
-}
+// Reads id by key 0: 0 when it holds a whole record of id at some generation (*gen).
+int check(int fd, unsigned id, uint32_t* gen) { return kg::find(fd, kL, id, gen) > 0 ? 0 : 1; }
 
 class ReadSpeed : public kt::Env {
 protected:

@@ -7,6 +7,8 @@
 
 #include "kisam_test.h"
 
+#include <kisam/kisam.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -71,6 +73,15 @@ inline bool genuine(const Layout& L, const char* p, int n, int size, unsigned* i
 inline bool is(const Layout& L, const char* p, int n, unsigned id, uint32_t gen) {
     const std::string r = record(L, id, gen);
     return n == static_cast<int>(r.size()) && std::memcmp(p, r.data(), r.size()) == 0;
+}
+
+// id's record read by key 0: its length, with its generation in *gen; 0 when there is
+// none, -1 when the read failed, -2 when the bytes are not a whole record of id.
+inline int find(int fd, const Layout& L, unsigned id, uint32_t* gen) {
+    char buf[4096];
+    const int n = nisfind(fd, 0, key0(id).data(), buf, sizeof buf);
+    unsigned got;
+    return n <= 0 ? n : genuine(L, buf, n, sizeof buf, &got, gen) && got == id ? n : -2;
 }
 
 }  // namespace kt::gen
