@@ -1,103 +1,67 @@
 // Readers without the lock beside writers in other processes.  Every record's bytes
 // follow from its key 0 and generation, so readers check each record whole and that the
 // generations of one record never go back.
-#include "kisam_test.h"
-
+#include "genrec.h"
 #include "is_rec.h"
 #include "isx_area.h"
 #include "kcheck.h"
+#include "kisam_test.h"
 #include "oracle.h"
+#include "os.h"
 #include "test_hook.h"
 
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cstdio>
-#include <cstring>
-#include <ostream>
 #include <map>
+#include <ostream>
 #include <random>
 #include <string>
 #include <vector>
 
 namespace {
 
-constexpr int kK0 = 8, kK1 = 6, kK2 = 3;
-constexpr int kGenAt = kK0 + kK1 + kK2;  // 4 bytes of generation follow the keys
-constexpr unsigned kIds = 400;
+namespace kg = kt::gen;
+// Key 1 has few values, key 2 an odd length; one record in eight spans overflow pages.
+const kg::Layout kL{.k1 = 50, .k2 = true, .big = 8, .big_len = 1017, .small_span = 120};
 constexpr int kBuf = 4000;
 
-using kt::mix;
+std::string record(unsigned id, uint32_t gen) { return kg::record(kL, id, gen); }
 
-// Key 1 has few values, key 2 an odd length; one record in eight spans overflow pages.
-std::string record(unsigned id, uint32_t gen) {
-    char t[16];
-    std::string r;
-    std::snprintf(t, sizeof t, "%08u", id);
-    r.append(t, kK0);
-    std::snprintf(t, sizeof t, "%06u", mix(id, gen) % 50);
-    r.append(t, kK1);
-    std::snprintf(t, sizeof t, "g%02u", gen % 7);
-    r.append(t, kK2);
-    r.append(reinterpret_cast<const char*>(&gen), 4);
-    const uint32_t h = mix(gen, id);
-    const size_t len = h % 8 == 0 ? 1017 + h % 1500 : h % 120;
-    std::mt19937 g(h);
-    for (size_t i = 0; i < len; ++i) r += static_cast<char>(g());
-    return r;
-}
-
-// Whether n bytes (cut at size) are exactly some id's record at some generation.
-bool genuine(const char* p, int n, int size, unsigned* id, uint32_t* gen) {
-    if (n < kGenAt + 4) return false;
-    char t[kK0 + 1];
-    std::memcpy(t, p, kK0);
-    t[kK0] = 0;
-    char* end;
-    const unsigned long v = std::strtoul(t, &end, 10);
-    if (end != t + kK0 || v >= kIds) return false;
-    std::memcpy(gen, p + kGenAt, 4);
-    *id = static_cast<unsigned>(v);
-    const std::string r = record(*id, *gen);
-    const int want = static_cast<int>(r.size()) < size ? static_cast<int>(r.size()) : size;
-    return n == want && std::memcmp(p, r.data(), static_cast<size_t>(n)) == 0;
-}
+// The real pread behind a replaced entry of the table: with the table replaced, every
+// miss loads its page into the pool (no read in the file's mapping).
+ssize_t plain_pread(int fd, void* buf, size_t n, off_t off) { return ::pread(fd, buf, n, off); }
 
 std::string order_key(const char* p, int k) {
-    const int off[3] = {0, kK0, kK0 + kK1};
-    const int len[3] = {kK0, kK1, kK2};
-    std::string s(p + off[k], static_cast<size_t>(len[k]));
-    if (k) s.append(p, kK0);
-    return s;
+    const int off[3] = {0, kg::kK0, kg::kK0 + kg::kK1}, len[3] = {kg::kK0, kg::kK1, kg::kK2};
+    return std::string(p + off[k], static_cast<size_t>(len[k])) + (k ? std::string(p, kg::kK0) : "");
 }
 
 class ReadNoLockMp : public kt::Env {
 protected:
     void SetUp() override {}   // the pool's size depends on the test
-    // The read file with every id at generation 1, and another file.
-    void start(int buffers) {
+    // The read file with ids 0 .. ids - 1 at generation 1, and another file.
+    void start(int buffers, unsigned ids = 400) {
         kt::Config c;
         c.maxbuf = static_cast<int16_t>(buffers);
         Env::start(c);
         *stop_ = false;
+        ids_ = ids;
         path_ = path("r.ism");
-        other_ = made("other.ism", {kK0});
+        other_ = made("other.ism", {kg::kK0});
         seed_ = kt::test_seed(0xC0FFEE);
-        const int fd = create("r.ism", {kK0, kK1, kK2});
+        const int fd = create("r.ism", kL.lens());
         ASSERT_GE(fd, 0);
-        for (unsigned id = 0; id < kIds; ++id) {
+        for (unsigned id = 0; id < ids; ++id) {
             const std::string r = record(id, 1);
             ASSERT_EQ(niswrite(fd, r.data(), static_cast<int>(r.size())), 0);
         }
         nisclose(fd);
         ASSERT_EQ(nisunisam(), 0);
     }
-
-    bool stopped() const { return stop_->load(); }
 
     // Writer of the ids = w mod `of`: update, delete+write, forced write; with `other`, a
     // record of the other file after each change (its misses take the read file's slots).
@@ -107,15 +71,13 @@ protected:
         int fo = other ? nisopen(other_.c_str(), ISO_RDWR) : -1;
         if (fd < 0 || (other && fo < 0)) return 51;
         std::mt19937 rng(static_cast<unsigned>(seed_) * 7 + static_cast<unsigned>(w));
-        std::vector<char> buf(kBuf);
-        for (int i = 0; i < changes && !stopped(); ++i) {
-            const unsigned id = static_cast<unsigned>(w) + of * (rng() % (kIds / of));
+        for (int i = 0; i < changes && !*stop_; ++i) {
+            const unsigned id = static_cast<unsigned>(w) + of * (rng() % (ids_ / of));
             // The generation is what the file holds (an earlier writer may have died).
-            const std::string k0 = record(id, 0).substr(0, kK0);
-            const int n = nisfind(fd, 0, k0.data(), buf.data(), kBuf);
-            unsigned got;
+            const std::string k0 = kg::key0(id);
             uint32_t gen = 1;
-            if (n > 0 && !genuine(buf.data(), n, kBuf, &got, &gen)) return 52;
+            const int n = kg::find(fd, kL, id, &gen);
+            if (n == -2) return 52;
             const std::string r = record(id, gen + 1);
             const int len = static_cast<int>(r.size());
             const unsigned op = rng() % 10;
@@ -129,7 +91,7 @@ protected:
                 return 56;
             }
             if (other) {
-                std::string o = record(static_cast<unsigned>(rng()), static_cast<uint32_t>(i));
+                const std::string o = record(static_cast<unsigned>(rng()), static_cast<uint32_t>(i));
                 if (nisfwrite(fo, o.data(), static_cast<int>(o.size())) != 0) return 57;
             }
         }
@@ -139,15 +101,22 @@ protected:
         return 0;
     }
 
-    // Random finds and scans by every key both ways, whole and cut, until stopped;
-    // figures_[r]: reads made, and those without the lock.
-    int reader(int r) {
+    // Whether n bytes (cut at size) are exactly some id's record at some generation.
+    bool genuine(const char* p, int n, int size, unsigned* id, uint32_t* gen) const {
+        return kg::genuine(kL, p, n, size, id, gen) && *id < ids_;
+    }
+
+    // Random finds and scans by every key both ways, whole and cut, until stopped and
+    // past `least` reads; `finds`: whole finds only, every miss loaded into the pool, and
+    // stopped at `least`.  figures_[r]: reads made, and those without the lock.
+    int reader(int r, long least = 0, bool finds = false) {
+        if (finds) kisam::os.pread = plain_pread;
         if (is_init() != 0) return 60;
         int fd = nisopen(path_.c_str(), ISO_RDWR);
         if (fd < 0) return 61;
         std::mt19937 rng(static_cast<unsigned>(seed_) * 13 + static_cast<unsigned>(r));
         std::vector<char> buf(kBuf);
-        std::vector<uint32_t> last(kIds, 0);
+        std::vector<uint32_t> last(ids_, 0);
         long reads = 0;
         const unsigned long nolock0 = is_nolock_reads;
         int rc = 0;
@@ -159,29 +128,27 @@ protected:
             last[id] = gen;
             return 0;
         };
-        for (long i = 0; rc == 0 && (i % 64 != 0 || !stopped()); ++i) {
-            const int size = rng() % 4 == 0 ? kGenAt + 4 + static_cast<int>(rng() % 200) : kBuf;
-            const unsigned mode = rng() % 3;
+        for (long i = 0; rc == 0 && (finds ? reads < least : i % 64 != 0 || reads < least || !*stop_); ++i) {
+            const int size = !finds && rng() % 4 == 0 ? kL.min() + static_cast<int>(rng() % 200) : kBuf;
+            const unsigned mode = finds ? 0 : rng() % 3;
             if (mode == 0) {
-                const std::string k0 = record(rng() % kIds, 0).substr(0, kK0);
+                const std::string k0 = kg::key0(rng() % ids_);
                 const int n = nisfind(fd, 0, k0.data(), buf.data(), size);
                 ++reads;
                 if (n < 0) rc = 72;
-                else if (n > 0 && (rc = check(n, size)) == 0 && std::memcmp(buf.data(), k0.data(), kK0) != 0) rc = 73;
+                else if (n > 0 && (rc = check(n, size)) == 0 && k0.compare(0, kg::kK0, buf.data(), kg::kK0) != 0) rc = 73;
                 continue;
             }
             const int k = static_cast<int>(rng() % 3);
             const bool back = mode == 2;
-            const std::string from = record(rng() % kIds, 1 + rng() % 3);
-            const int off[3] = {0, kK0, kK0 + kK1};
-            if (nisseek(fd, k, from.data() + off[k]) != 0) rc = 74;
+            const std::string from = record(rng() % ids_, 1 + rng() % 3);
+            if (nisseek(fd, k, from.data() + (k ? kg::kK0 + (k - 1) * kg::kK1 : 0)) != 0) rc = 74;
             std::string prev;
             for (int step = 0; rc == 0 && step < 20; ++step) {
                 const int n = back ? nispread(fd, k, buf.data(), size) : nisread(fd, k, buf.data(), size);
                 ++reads;
                 if (n < 0) rc = 75;
-                if (n <= 0) break;
-                if ((rc = check(n, size)) != 0) break;
+                if (n <= 0 || (rc = check(n, size)) != 0) break;
                 const std::string o = order_key(buf.data(), k);
                 if (!prev.empty() && (back ? !(o < prev) : !(prev < o))) rc = 76;
                 prev = o;
@@ -193,24 +160,15 @@ protected:
         return rc;
     }
 
-    void stop() { *stop_ = true; }
-
-    std::pair<long, long> figures(int r) const { return (*figures_)[static_cast<size_t>(r)]; }
-
     // The change count even, no rollback pending, every record genuine, the file sound.
     void final_check() {
         ASSERT_EQ(kt::run_child([&] {
                       if (is_init() != 0) return 1;
                       int fd = nisopen(path_.c_str(), ISO_RDWR);
                       if (fd < 0) return 2;
-                      std::vector<char> buf(kBuf);
-                      for (unsigned id = 0; id < kIds; ++id) {
-                          const std::string k0 = record(id, 0).substr(0, kK0);
-                          const int n = nisfind(fd, 0, k0.data(), buf.data(), kBuf);
-                          unsigned got;
-                          uint32_t gen;
-                          if (n < 0 || (n > 0 && !genuine(buf.data(), n, kBuf, &got, &gen))) return 3;
-                      }
+                      uint32_t gen;
+                      for (unsigned id = 0; id < ids_; ++id)
+                          if (kg::find(fd, kL, id, &gen) < 0) return 3;
                       const isx_file* xf = kisam::isx_file_of(is_db[fd]->uniqueid);
                       if (xf->xf_seq % 2 != 0) return 4;
                       if (xf->xf_undo != 0) return 5;
@@ -224,56 +182,69 @@ protected:
 
     std::string path_, other_;
     uint64_t seed_ = 0;
-    std::array<std::pair<long, long>, 2>* figures_ = &shared<std::array<std::pair<long, long>, 2>>();
+    unsigned ids_ = 0;
+    std::array<std::pair<long, long>, 3>* figures_ = &shared<std::array<std::pair<long, long>, 3>>();
     std::atomic<bool>* stop_ = &shared<std::atomic<bool>>();
 };
 
-// Two writers, two readers, with the file in the pool (most reads take no lock) and in a
-// small pool (misses and steals of the read file's slots all the time).
+// Readers beside writers: two of each with the file in the pool (most reads take no
+// lock) and in a small pool (misses and steals of the read file's slots all the time);
+// then three readers and a writer in a pool of 24 slots, where readers take slots from
+// each other (a load leaves the change count alone) and where a reader last found a page
+// is mostly some other page's slot.  There the readers first run alone, every miss loaded
+// into the pool: a slot noted for a page that now holds another is passed over for the
+// page index, so that nearly every read still goes without the lock (one whose slot
+// changed under it while it read takes the lock after two tries).
 TEST_F(ReadNoLockMp, ReadersCheckEveryRecordWhileWritersChangeThem) {
-    for (bool small : {false, true}) {
-        SCOPED_TRACE(small ? "a small pool" : "the file in the pool");
-        start(small ? 96 : 2000);
-        const std::vector<pid_t> readers = spawn(2, [&](int r) { return reader(r); });
-        for (int st : workers(2, [&](int w) { return writer(w, 2, small ? 250 : 1500, small && w == 0); })) EXPECT_EQ(st, 0);
-        stop();
+    struct Row {
+        const char* name;
+        int buffers, readers, writers, changes;
+        long made;         // reads each reader must have made while the writers ran
+        long least = 0;    // reads each reader makes whatever the writers do
+        unsigned ids = 400;
+    };
+    for (const Row& row : {Row{"the file in the pool", 2000, 2, 2, 1500, 1000}, Row{"a small pool", 96, 2, 2, 250, 100},
+                           Row{"readers take slots from each other", 24, 3, 1, 600, 1000, 5000, 900}}) {
+        SCOPED_TRACE(row.name);
+        start(row.buffers, row.ids);
+        figures_->fill({});
+        if (row.readers == 3) {
+            for (int st : workers(3, [&](int r) { return reader(r, 3000, true); })) EXPECT_EQ(st, 0);
+            for (auto [reads, nolock] : *figures_) EXPECT_GE(nolock, reads * 9 / 10);
+        }
+        const std::vector<pid_t> readers = spawn(row.readers, [&](int r) { return reader(r, row.least); });
+        for (int st : workers(row.writers, [&](int w) { return writer(w, row.writers, row.changes, row.buffers == 96 && w == 0); }))
+            EXPECT_EQ(st, 0);
+        *stop_ = true;
         for (pid_t p : readers) EXPECT_EQ(kt::wait_child(p), 0);
-        for (int r = 0; r < 2; ++r) {
-            auto [reads, nolock] = figures(r);
-            EXPECT_GT(reads, small ? 100 : 1000);
-            if (!small) {
-                EXPECT_GT(nolock, reads / 10) << "reader " << r;
-            }
+        for (int r = 0; r < row.readers; ++r) {
+            auto [reads, nolock] = (*figures_)[static_cast<size_t>(r)];
+            EXPECT_GT(reads, row.made) << "reader " << r;
+            if (row.buffers == 2000) { EXPECT_GT(nolock, reads / 10) << "reader " << r; }
         }
         final_check();
     }
 }
 
 struct Stop {
+    const char* name;
     int where;      // kisam::kHook*
     bool kill;      // killed there, else paused for a while
     int buffers;
 };
-
-void PrintTo(const Stop& s, std::ostream* os) {
-    *os << (s.kill ? "kill" : "pause") << " at hook " << s.where << ", " << s.buffers << " buffers";
-}
+void PrintTo(const Stop& s, std::ostream* os) { *os << s.name << ", " << s.buffers << " buffers"; }
 
 class ReadNoLockStop : public ReadNoLockMp, public ::testing::WithParamInterface<Stop> {};
 
 // The stopping writer's hook state (a forked child's own copy).
-int hook_where = 0;
-int hook_count = 0;
-int hook_at = 0;
-bool hook_kill = false;
-kt::Pipe* hook_pipe = nullptr;  // to the parent: 'p' stopped with the count odd, 'r' going on
-int hook_file = -1;
+Stop hook_stop;
+int hook_count = 0, hook_at = 0, hook_file = -1;
+kt::Pipe* hook_pipe = nullptr;  // to the parent: 'p' stopped with the count odd, 'e' even, 'r' going on
 
 void stop_hook(int where, int u) {
-    if (where != hook_where || u != hook_file || ++hook_count != hook_at) return;
-    // 'p': the change count is odd here (a change under way); 'e': even.
-    hook_pipe->signal(kisam::isx_file_of(u)->xf_seq % 2 ? 'p' : 'e');
-    if (hook_kill) ::kill(::getpid(), SIGKILL);
+    if (where != hook_stop.where || u != hook_file || ++hook_count != hook_at) return;
+    hook_pipe->signal(kisam::isx_file_of(u)->xf_seq % 2 ? 'p' : 'e');  // odd: a change under way
+    if (hook_stop.kill) ::kill(::getpid(), SIGKILL);
     ::usleep(400000);
     hook_pipe->signal('r');
 }
@@ -284,12 +255,11 @@ void stop_hook(int where, int u) {
 TEST_P(ReadNoLockStop, ReadersStayRight) {
     const Stop st = GetParam();
     start(st.buffers);
-    kt::Pipe hook;
     const std::vector<pid_t> readers = spawn(2, [&](int r) { return reader(r); });
+    kt::Pipe hook;   // after the readers: a writer that fails before its hook leaves an end of file
     const int at = 3 + static_cast<int>(std::mt19937(static_cast<unsigned>(seed_))() % 20);
     pid_t w = kt::start_child([&] {
-        hook_where = st.where;
-        hook_kill = st.kill;
+        hook_stop = st;
         hook_at = at;
         hook_pipe = &hook;
         hook.close_read();
@@ -298,35 +268,29 @@ TEST_P(ReadNoLockStop, ReadersStayRight) {
         if (fd < 0) return 81;
         hook_file = is_db[fd]->uniqueid;
         kisam::test_hook = stop_hook;
-        const int rc = writer(0, 1, 400, st.where == kisam::kHookTakeAway);
-        kisam::test_hook = nullptr;
-        return rc;
+        return writer(0, 1, 400, st.where == kisam::kHookTakeAway);
     });
     hook.close_write();
     const char first = hook.wait();
     // Loads and take-aways may come outside a change (count even): readers check the slot.
     const bool stopped = first == 'p' || (first == 'e' && st.where != kisam::kHookTouch);
     EXPECT_TRUE(stopped) << "the writer did not stop where it should (seed " << seed_ << ")";
-    if (!st.kill && stopped) {
-        EXPECT_EQ(hook.wait(), 'r');
-    }
+    if (!st.kill && stopped) { EXPECT_EQ(hook.wait(), 'r'); }
     EXPECT_EQ(kt::wait_child(w), st.kill ? 128 + SIGKILL : 0);
     EXPECT_EQ(kt::run_child([&] { return writer(0, 1, 300, false); }), 0);
-    stop();
+    *stop_ = true;
     for (pid_t p : readers) EXPECT_EQ(kt::wait_child(p), 0);
-    for (int r = 0; r < 2; ++r) EXPECT_GT(figures(r).first, 50);
+    for (int r = 0; r < 2; ++r) EXPECT_GT((*figures_)[static_cast<size_t>(r)].first, 50);
     final_check();
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Hooks, ReadNoLockStop,
-    ::testing::Values(Stop{kisam::kHookTouch, false, 2000}, Stop{kisam::kHookTouch, true, 2000},
-                      Stop{kisam::kHookLoad, true, 96}, Stop{kisam::kHookTakeAway, false, 96},
-                      Stop{kisam::kHookTakeAway, true, 96}),
-    [](const ::testing::TestParamInfo<Stop>& i) {
-        const char* w = i.param.where == kisam::kHookTouch ? "Touch" : i.param.where == kisam::kHookLoad ? "Load" : "TakeAway";
-        return std::string(i.param.kill ? "Kill" : "Pause") + w;
-    });
+INSTANTIATE_TEST_SUITE_P(Hooks, ReadNoLockStop,
+                         ::testing::Values(Stop{"PauseTouch", kisam::kHookTouch, false, 2000},
+                                           Stop{"KillTouch", kisam::kHookTouch, true, 2000},
+                                           Stop{"KillLoad", kisam::kHookLoad, true, 96},
+                                           Stop{"PauseTakeAway", kisam::kHookTakeAway, false, 96},
+                                           Stop{"KillTakeAway", kisam::kHookTakeAway, true, 96}),
+                         [](const ::testing::TestParamInfo<Stop>& i) { return std::string(i.param.name); });
 
 // ---- writers on their own ranges and a shared one, in a small pool ------------------------
 
@@ -337,54 +301,47 @@ constexpr int kOwned = 250;      // ids per writer
 constexpr int kShared = 9000;    // ids from here on: fought over by all writers
 constexpr int kSharedIds = 60;
 
-class ConcurrentRecords : public kt::Env {
-protected:
-    void SetUp() override {
-        kt::Config c;
-        c.maxbuf = 24;
-        start(c);
-        path_ = made("shared.ism", kW.lens());
-    }
-
-    // Random changes to its own range and the shared one; its own read back exactly,
-    // shared ones whole.  `mine`: its final view, for the parent.
-    int writer(int w, ko::Rec* mine) {
-        int fd = nisopen(path_.c_str(), ISO_RDWR);
-        if (fd < 0) return 10;
-        std::mt19937 rng(1000u + static_cast<unsigned>(w));
-        for (int step = 0; step < 1500; ++step) {
-            const unsigned op = rng() % 100;
-            const bool shared = rng() % 4 == 0;
-            const int local = static_cast<int>(rng() % (shared ? kSharedIds : kOwned));
-            const int id = shared ? kShared + local : 1000 * (w + 1) + local;
-            const ko::Rec r{step, kW.min() + static_cast<int>(rng() % 10 == 0 ? rng() % 4000 : rng() % 200)};
-            const std::string rec = ko::record(kW, id, r.gen, r.size);
-            ko::Rec none, &m = shared ? none : mine[local];
-            const bool had = m.present();
-            int rc;
-            if (op < 35) {
-                if ((rc = niswrite(fd, rec.data(), r.size)) < 0 || (!shared && rc != (had ? 1 : 0))) return 20;
-                if (!had) m = r;
-            } else if (op < 50) {
-                if (nisfwrite(fd, rec.data(), r.size) != 0) return 21;
-                m = r;
-            } else if (op < 75) {
-                rc = op < 62 ? nisupdate(fd, rec.data(), r.size) : nisdelete(fd, rec.data());
-                if ((!shared && rc != (had ? 0 : -1)) || (rc < 0 && is_errno != ISE_NOKEY)) return 22;
-                if (had) m = op < 62 ? r : ko::Rec{};
-            } else {
-                const ko::Rec got = ko::find(fd, kW, id);
-                if (shared ? got.gen < -1 : !(got == m)) return 26;
-            }
+// Random changes to its own range and the shared one; its own read back exactly, shared
+// ones whole.  `mine`: its final view, for the parent.
+int shared_writer(const std::string& path, int w, ko::Rec* mine) {
+    int fd = nisopen(path.c_str(), ISO_RDWR);
+    if (fd < 0) return 10;
+    std::mt19937 rng(1000u + static_cast<unsigned>(w));
+    for (int step = 0; step < 1500; ++step) {
+        const unsigned op = rng() % 100;
+        const bool shared = rng() % 4 == 0;
+        const int local = static_cast<int>(rng() % (shared ? kSharedIds : kOwned));
+        const int id = shared ? kShared + local : 1000 * (w + 1) + local;
+        const ko::Rec r{step, kW.min() + static_cast<int>(rng() % 10 == 0 ? rng() % 4000 : rng() % 200)};
+        const std::string rec = ko::record(kW, id, r.gen, r.size);
+        ko::Rec none, &m = shared ? none : mine[local];
+        const bool had = m.present();
+        int rc;
+        if (op < 35) {
+            if ((rc = niswrite(fd, rec.data(), r.size)) < 0 || (!shared && rc != (had ? 1 : 0))) return 20;
+            if (!had) m = r;
+        } else if (op < 50) {
+            if (nisfwrite(fd, rec.data(), r.size) != 0) return 21;
+            m = r;
+        } else if (op < 75) {
+            rc = op < 62 ? nisupdate(fd, rec.data(), r.size) : nisdelete(fd, rec.data());
+            if ((!shared && rc != (had ? 0 : -1)) || (rc < 0 && is_errno != ISE_NOKEY)) return 22;
+            if (had) m = op < 62 ? r : ko::Rec{};
+        } else if (const ko::Rec got = ko::find(fd, kW, id); shared ? got.gen < -1 : !(got == m)) {
+            return 26;
         }
-        if (nisclose(fd) != 0) return 40;
-        return nisunisam() == 0 ? 0 : 42;
     }
+    if (nisclose(fd) != 0) return 40;
+    return nisunisam() == 0 ? 0 : 42;
+}
 
-    std::string path_;
-};
+class ConcurrentRecords : public kt::Env {};
 
 TEST_F(ConcurrentRecords, WritersKeepTheirOwnRangesAndTheIndexesWhole) {
+    kt::Config c;
+    c.maxbuf = 24;
+    start(c);
+    const std::string file = made("shared.ism", kW.lens());
     using Owned = std::array<std::array<ko::Rec, kOwned>, kWriters>;
     Owned& owned = shared<Owned>();
     // Two writers attach on their own, two inherit the parent's attachment.
@@ -396,20 +353,18 @@ TEST_F(ConcurrentRecords, WritersKeepTheirOwnRangesAndTheIndexesWhole) {
             if (w < 2) kt::become_unattached();
             if ((w < 2 ? is_init() : is_chinit()) != 0) return 50;
             go.wait();
-            return writer(w, owned[static_cast<size_t>(w)].data());
+            return shared_writer(file, w, owned[static_cast<size_t>(w)].data());
         }));
     for (int w = 0; w < kWriters; ++w) go.signal();
     for (size_t i = 0; i < pids.size(); ++i) EXPECT_EQ(kt::wait_child(pids[i]), 0) << "writer " << i;
     ASSERT_EQ(nisunisam(), 0);
     ASSERT_FALSE(HasFailure());
-
     ko::Model want;
     for (int w = 0; w < kWriters; ++w)
         for (int i = 0; i < kOwned; ++i)
-            if (owned[static_cast<size_t>(w)][static_cast<size_t>(i)].present())
-                want[1000 * (w + 1) + i] = owned[static_cast<size_t>(w)][static_cast<size_t>(i)];
+            if (const ko::Rec& r = owned[static_cast<size_t>(w)][static_cast<size_t>(i)]; r.present()) want[1000 * (w + 1) + i] = r;
     ASSERT_FALSE(want.empty());
-    const int fd = nisopen(path_.c_str(), ISO_RDONLY);
+    const int fd = nisopen(file.c_str(), ISO_RDONLY);
     ASSERT_GE(fd, 0);
     ko::Scan got = ko::scan(fd, kW);
     ASSERT_EQ(nisclose(fd), 0);
@@ -417,9 +372,8 @@ TEST_F(ConcurrentRecords, WritersKeepTheirOwnRangesAndTheIndexesWhole) {
     EXPECT_TRUE(got.ok()) << got.why;
     std::erase_if(got.recs, [](const auto& e) { return e.first >= kShared; });
     EXPECT_TRUE(ko::same(want, got.recs));
-
-    const kisam::check::Report rep = kisam::check::check_file(path_);
-    EXPECT_TRUE(kt::sound(path_));
+    EXPECT_TRUE(kt::sound(file));
+    const kisam::check::Report rep = kisam::check::check_file(file);
     EXPECT_TRUE(rep.data_accounted);
     EXPECT_GE(rep.records, static_cast<long>(want.size()));
 }
@@ -428,21 +382,8 @@ TEST_F(ConcurrentRecords, WritersKeepTheirOwnRangesAndTheIndexesWhole) {
 //
 // Between rounds of another process's splits and merges, the reader's finds, steps and
 // scans agree with a model; most searches go through the directory, stale entries drop.
-constexpr int kDK0 = 8, kDK1 = 6;
+const kg::Layout kD{.k1 = 1000000, .small_span = 40};
 constexpr unsigned kDirIds = 6000;
-
-std::string dir_record(unsigned id, uint32_t gen) {
-    char t[16];
-    std::string r;
-    std::snprintf(t, sizeof t, "%08u", id);
-    r.append(t, kDK0);
-    std::snprintf(t, sizeof t, "%06u", mix(id, gen) % 1000000);
-    r.append(t, kDK1);
-    r.append(reinterpret_cast<const char*>(&gen), 4);
-    r.append(static_cast<size_t>(mix(gen, id) % 40), static_cast<char>('a' + id % 26));
-    return r;
-}
-
 using DirModel = std::map<unsigned, uint32_t>;  // id -> generation
 
 class LeafDirMp : public kt::Env, public ::testing::WithParamInterface<int> {
@@ -451,7 +392,7 @@ protected:
         kt::Config c;
         c.maxbuf = static_cast<int16_t>(GetParam());
         start(c);
-        path_ = made("d.ism", {kDK0, kDK1});
+        path_ = made("d.ism", kD.lens());
         seed_ = kt::test_seed(0x1EAF00 + static_cast<uint64_t>(GetParam()));
     }
 
@@ -460,25 +401,18 @@ protected:
         std::mt19937 rng(static_cast<unsigned>(seed_) * 31 + static_cast<unsigned>(r));
         auto put = [&](unsigned id) {
             const bool had = m.count(id) != 0;
-            const uint32_t gen = had ? m[id] + 1 : 1;
-            m[id] = gen;
+            const uint32_t gen = m[id] += 1;
             if (fd < 0) return 0;
-            const std::string rec = dir_record(id, gen);
+            const std::string rec = kg::record(kD, id, gen);
             const int len = static_cast<int>(rec.size());
             return (had ? nisupdate(fd, rec.data(), len) : niswrite(fd, rec.data(), len)) == 0 ? 0 : 80;
         };
-        auto del = [&](unsigned id) {
-            if (!m.erase(id) || fd < 0) return 0;
-            char k[16];
-            std::snprintf(k, sizeof k, "%08u", id);
-            return nisdelete(fd, k) == 0 ? 0 : 81;
-        };
+        auto del = [&](unsigned id) { return !m.erase(id) || fd < 0 || nisdelete(fd, kg::key0(id).data()) == 0 ? 0 : 81; };
         int rc = 0;
         const unsigned from = static_cast<unsigned>(rng() % kDirIds);
         const unsigned len = 200 + static_cast<unsigned>(rng() % 1200);
         const bool grow = rng() % 3 != 0;
-        for (unsigned id = from; rc == 0 && id < from + len && id < kDirIds; ++id)
-            rc = grow ? put(id) : del(id);
+        for (unsigned id = from; rc == 0 && id < from + len && id < kDirIds; ++id) rc = grow ? put(id) : del(id);
         for (int i = 0; rc == 0 && i < 300; ++i) {
             const unsigned id = static_cast<unsigned>(rng() % kDirIds);
             rc = rng() % 3 == 0 ? del(id) : put(id);
@@ -488,23 +422,16 @@ protected:
 
     void check(int fd, const DirModel& m, std::mt19937& rng) {
         char buf[256];
-        auto same = [&](int n, unsigned id) {
-            const std::string want = dir_record(id, m.at(id));
-            return n == static_cast<int>(want.size()) && std::memcmp(buf, want.data(), want.size()) == 0;
-        };
+        auto same = [&](int n, unsigned id) { return kg::is(kD, buf, n, id, m.at(id)); };
         for (int i = 0; i < 400; ++i) {
             const unsigned id = static_cast<unsigned>(rng() % kDirIds);
-            char k[16];
-            std::snprintf(k, sizeof k, "%08u", id);
-            const int n = nisfind(fd, 0, k, buf, sizeof buf);
+            const int n = nisfind(fd, 0, kg::key0(id).data(), buf, sizeof buf);
             if (m.count(id)) ASSERT_TRUE(same(n, id)) << "find " << id << " gave " << n;
             else ASSERT_EQ(n, 0) << "find of absent " << id;
         }
         for (int i = 0; i < 40; ++i) {
             const unsigned id = static_cast<unsigned>(rng() % kDirIds);
-            char k[16];
-            std::snprintf(k, sizeof k, "%08u", id);
-            ASSERT_EQ(nisseek(fd, 0, k), 0);
+            ASSERT_EQ(nisseek(fd, 0, kg::key0(id).data()), 0);
             const bool back = rng() % 2;
             auto it = back ? m.upper_bound(id) : m.lower_bound(id);
             for (int step = 0; step < 12; ++step) {
@@ -518,17 +445,12 @@ protected:
                 if (!back) ++it;
             }
         }
+        // Along key 1: its bytes, then the id among equal ones.
         std::vector<std::pair<std::string, unsigned>> want;
-        for (const auto& [id, gen] : m) want.emplace_back(dir_record(id, gen).substr(0, kDK0 + kDK1), id);
-        std::sort(want.begin(), want.end(), [](const auto& a, const auto& b) {
-            return a.first.compare(kDK0, kDK1, b.first, kDK0, kDK1) < 0 ||
-                   (a.first.compare(kDK0, kDK1, b.first, kDK0, kDK1) == 0 && a.second < b.second);
-        });
+        for (const auto& [id, gen] : m) want.emplace_back(kg::record(kD, id, gen).substr(kg::kK0, kg::kK1), id);
+        std::sort(want.begin(), want.end());
         ASSERT_EQ(kisam_rewind(fd, 1), 0);
-        for (const auto& w : want) {
-            const int n = nisread(fd, 1, buf, sizeof buf);
-            ASSERT_TRUE(same(n, w.second)) << "scan along key 1 at " << w.second << " gave " << n;
-        }
+        for (const auto& w : want) ASSERT_TRUE(same(nisread(fd, 1, buf, sizeof buf), w.second)) << "scan along key 1 at " << w.second;
         ASSERT_EQ(nisread(fd, 1, buf, sizeof buf), 0);
     }
 
@@ -563,8 +485,7 @@ TEST_P(LeafDirMp, AReaderKeepsRightWhileAnotherProcessReshapesTheTree) {
     }
     const unsigned long hits = is_leafdir_hits - hits0, drops = is_leafdir_drops - drops0;
     const unsigned long nolock = is_nolock_reads - nolock0;
-    std::printf("reads without the lock %lu, through the leaf directory %lu, entries dropped %lu\n", nolock, hits,
-                drops);
+    std::printf("reads without the lock %lu, through the leaf directory %lu, entries dropped %lu\n", nolock, hits, drops);
     EXPECT_GT(hits, nolock / 4);
     EXPECT_GT(drops, 0u);
     ASSERT_EQ(nisclose(fd), 0);

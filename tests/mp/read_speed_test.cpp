@@ -1,14 +1,11 @@
-// What the fast paths of reads without the lock must keep: a read that runs unarmed for
+// What the fast path of reads without the lock must keep: a read that runs unarmed for
 // faults in the files' mappings (a process whose reads have all stayed in the pool)
 // never touches a mapping, so that a file cut short under it still gives errors, never a
-// signal; and where a process last found each page is only a guess, checked by the
-// slot's tag, so that readers whose slots are taken from under them by each other and by
-// a writer still read only records that were there.
-#include "kisam_test.h"
-
+// signal.
+#include "genrec.h"
 #include "is_error.h"
 #include "is_rec.h"
-#include "os.h"
+#include "kisam_test.h"
 #include "test_hook.h"
 #include "v_pool.h"
 
@@ -16,53 +13,18 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
-#include <functional>
-#include <random>
 #include <string>
 #include <vector>
 
 namespace {
 
-constexpr int kK0 = 8, kK1 = 6;
-constexpr int kGenAt = kK0 + kK1;
+namespace kg = kt::gen;
+// One record in ten spans overflow pages.
+const kg::Layout kL{.k1 = 1000, .big = 10, .big_len = 1100, .small_len = 40, .small_span = 200};
 constexpr int kBuf = 4000;
 
-// The record of id at generation gen: its id and generation make all of its bytes; one in
-// ten spans overflow pages.
-std::string record(unsigned id, uint32_t gen) {
-    char t[16];
-    std::string r;
-    std::snprintf(t, sizeof t, "%08u", id);
-    r.append(t, kK0);
-    std::snprintf(t, sizeof t, "%06u", kt::mix(id, gen) % 1000);
-    r.append(t, kK1);
-    r.append(reinterpret_cast<const char*>(&gen), 4);
-    const uint32_t h = kt::mix(gen, id);
-    const size_t len = h % 10 == 0 ? 1100 + h % 1500 : 40 + h % 200;
-    std::mt19937 g(h);
-    for (size_t i = 0; i < len; ++i) r += static_cast<char>(g());
-    return r;
-}
-
-// The real pread behind a replaced entry of the table: with the table replaced, every
-// miss loads its page into the pool (no read in the file's mapping), so that readers take
-// slots from each other all the time.
-ssize_t plain_pread(int fd, void* buf, size_t n, off_t off) { return ::pread(fd, buf, n, off); }
-
-std::string key0(unsigned id) { return record(id, 1).substr(0, kK0); }
-
-// Reads id by key 0: 0 when it holds a whole record of some generation (*gen), else what
-// went wrong.  n < 0 gives 1 with the call's result in *n.
-int check(int fd, unsigned id, uint32_t* gen, int* got = nullptr) {
-    std::vector<char> buf(kBuf);
-    const int n = nisfind(fd, 0, key0(id).data(), buf.data(), kBuf);
-    if (got) *got = n;
-    if (n < kGenAt + 4) return 1;
-    std::memcpy(gen, buf.data() + kGenAt, 4);
-    const std::string r = record(id, *gen);
-    return n == static_cast<int>(r.size()) && std::memcmp(buf.data(), r.data(), r.size()) == 0 ? 0 : 2;
-}
+// Reads id by key 0: 0 when it holds a whole record of id at some generation (*gen).
+int check(int fd, unsigned id, uint32_t* gen) { return kg::find(fd, kL, id, gen) > 0 ? 0 : 1; }
 
 class ReadSpeed : public kt::Env {
 protected:
@@ -74,14 +36,12 @@ protected:
         ids_ = ids;
         path_ = path("r.ism");
         ASSERT_EQ(kt::run_child([&] {
-                      const int fd = create("r.ism", {kK0, kK1});
-                      if (fd < 0) return 1;
-                      for (unsigned id = 0; id < ids; ++id) {
-                          const std::string r = record(id, 1);
+                      const int fd = create("r.ism", kL.lens());
+                      for (unsigned id = 0; fd >= 0 && id < ids; ++id) {
+                          const std::string r = kg::record(kL, id, 1);
                           if (niswrite(fd, r.data(), static_cast<int>(r.size())) != 0) return 2;
                       }
-                      nisclose(fd);
-                      return nisunisam() == 0 ? 0 : 3;
+                      return fd < 0 ? 1 : nisclose(fd) != 0 || nisunisam() != 0 ? 3 : 0;
                   }),
                   0);
     }
@@ -130,19 +90,19 @@ TEST_F(ReadSpeed, AnUnarmedReaderArmsBeforeTheMappingSoACutFileGivesErrorsNotASi
                     if (check(fd, 0, &g) != 0 || g != 1) return 73;
                 if (v_file_reads != file0 || is_unarmed_reads == unarmed0) return 74;
                 is_errno = 0;
-                const int n = nisfind(fd, 0, key0(y).data(), buf.data(), kBuf);
+                const int n = nisfind(fd, 0, kg::key0(y).data(), buf.data(), kBuf);
                 const int err = is_errno;
                 const std::string got(buf.data(), n > 0 ? static_cast<size_t>(n) : 0);
                 kisam::test_locked_reads = true;
                 is_errno = 0;
-                const int locked = nisfind(fd, 0, key0(y).data(), buf.data(), kBuf);
+                const int locked = nisfind(fd, 0, kg::key0(y).data(), buf.data(), kBuf);
                 kisam::test_locked_reads = false;
                 if ((n < 0) != (locked < 0) || (n < 0 && (err != is_errno || (err != ISE_RDRD && err != ISE_BTS)))) {
                     std::fprintf(stderr, "id %u: %d (error %d), locked %d (error %d)\n", y, n, err, locked, is_errno);
                     return 75;
                 }
                 failed += n < 0;
-                if (n >= 0 && got != record(y, 1)) return 76;
+                if (n >= 0 && got != kg::record(kL, y, 1)) return 76;
             }
             if (failed == 0 || failed == tried) return 77;
             if (is_rearmed_reads == rearmed0) return 78;  // it left the pool unarmed
@@ -160,77 +120,6 @@ TEST_F(ReadSpeed, AnUnarmedReaderArmsBeforeTheMappingSoACutFileGivesErrorsNotASi
         down.signal('g');
         EXPECT_EQ(kt::wait_child(r), 0);
     }
-}
-
-// Readers in a small pool take slots from each other (a load leaves the change count
-// alone) while a writer updates records to new generations: where a reader last found a
-// page is then mostly some other page's slot.  Every read returns a whole record, never
-// one older than a generation the same reader saw before.  Seeded; the seed is printed
-// on failure.
-TEST_F(ReadSpeed, ReadersWhoseSlotsAreTakenReadOnlyWholeRecordsNeverOlder) {
-    start(24, 900);
-    const uint64_t seed = kt::test_seed(0x51075);
-    constexpr int kReaders = 3;
-    // First the readers alone, every miss loaded into the pool: a slot noted for a page
-    // that now holds another is passed over for the page index, so that nearly every read
-    // still stands without the lock (one whose slot changed under it while it read takes
-    // the lock after two tries).
-    for (int rc : workers(kReaders, [&](int w) {
-             kisam::os.pread = plain_pread;
-             const int fd = open();
-             if (fd < 0) return 60;
-             std::mt19937 rng(static_cast<unsigned>(seed) + 100 + static_cast<unsigned>(w));
-             const unsigned long nolock0 = is_nolock_reads;
-             constexpr int kReads = 3000;
-             for (int i = 0; i < kReads; ++i) {
-                 uint32_t g = 0;
-                 if (check(fd, static_cast<unsigned>(rng() % ids_), &g) != 0 || g != 1) return 61;
-             }
-             if (is_nolock_reads - nolock0 < kReads * 9 / 10) {
-                 std::fprintf(stderr, "reader %d: %lu of %d reads without the lock; seed %llu\n", w,
-                              is_nolock_reads - nolock0, kReads, static_cast<unsigned long long>(seed));
-                 return 62;
-             }
-             nisclose(fd);
-             nisunisam();
-             return 0;
-         }))
-        EXPECT_EQ(rc, 0);
-    const std::vector<int> rcs = workers(kReaders + 1, [&](int w) {
-        const int fd = open();
-        if (fd < 0) return 70;
-        std::mt19937 rng(static_cast<unsigned>(seed) + static_cast<unsigned>(w));
-        if (w == kReaders) {  // the writer: generations 2.. in rounds over random ids
-            for (uint32_t gen = 2; gen < 6; ++gen)
-                for (int i = 0; i < 150; ++i) {
-                    const std::string r = record(static_cast<unsigned>(rng() % ids_), gen);
-                    if (nisupdate(fd, r.data(), static_cast<int>(r.size())) != 0) return 71;
-                }
-        } else {
-            std::vector<uint32_t> seen(ids_, 1);
-            for (int i = 0; i < 5000; ++i) {
-                const unsigned id = static_cast<unsigned>(rng() % ids_);
-                uint32_t g = 0;
-                if (const int rc = check(fd, id, &g); rc != 0 || g < seen[id]) {
-                    std::fprintf(stderr, "reader %d, read %d: id %u: %d, generation %u after %u; seed %llu\n", w,
-                                 i, id, rc, g, seen[id], static_cast<unsigned long long>(seed));
-                    return 72;
-                }
-                seen[id] = g;
-                // Now and then a step along key 1 from there, which moves the cursors'
-                // hints to pages the next reads of this process ask for.
-                if (i % 16 == 0) {
-                    std::vector<char> buf(kBuf);
-                    if (nisread(fd, 1, buf.data(), kBuf) < 0) return 73;
-                }
-            }
-        }
-        nisclose(fd);
-        nisunisam();
-        return 0;
-    });
-    for (int rc : rcs) EXPECT_EQ(rc, 0);
-    EXPECT_TRUE(kt::sound(path_));
 }
 
 }  // namespace
