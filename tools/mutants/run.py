@@ -146,19 +146,28 @@ def segments():
     return out
 
 
-def remove_leftovers(before, started):
+def remove_leftovers(before, started, tries=4):
     """Removes the segments that did not exist before the mutant ran, were created since
     it started, have no process attached, whose creator is gone and that nobody has
-    detached from for two seconds.  Returns how many."""
+    detached from for two seconds.  The test processes of a timed-out run are killed just
+    before, so their segments are detached that moment and their creators may not yet be
+    reaped: those are looked at again, up to `tries` times a second and a half apart.
+    Returns how many were removed."""
     removed = 0
-    now = time.time()
-    for shmid, (cpid, nattch, ctime, dtime) in segments().items():
-        if shmid in before or nattch != 0 or alive(cpid):
-            continue
-        if ctime < int(started) or now - max(ctime, dtime) < 2:
-            continue
-        if subprocess.run(["ipcrm", "-m", str(shmid)], capture_output=True).returncode == 0:
-            removed += 1
+    for attempt in range(tries):
+        waiting = 0
+        now = time.time()
+        for shmid, (cpid, nattch, ctime, dtime) in segments().items():
+            if shmid in before or ctime < int(started) or nattch != 0:
+                continue
+            if alive(cpid) or now - max(ctime, dtime) < 2:
+                waiting += 1
+                continue
+            if subprocess.run(["ipcrm", "-m", str(shmid)], capture_output=True).returncode == 0:
+                removed += 1
+        if waiting == 0 or attempt + 1 == tries:
+            break
+        time.sleep(1.5)
     return removed
 
 
