@@ -66,6 +66,26 @@ void rewrite_file(const std::string& path, const std::string& bytes) {
     return ::testing::AssertionSuccess();
 }
 
+// A 40-byte record: id in 8 digits, then c; put, and looked up: 0 found whole, 1 missing.
+std::string rec(int id, char c) {
+    char r[40];
+    std::snprintf(r, sizeof r, "%08d", id);
+    std::memset(r + 8, c, sizeof r - 8);
+    return std::string(r, sizeof r);
+}
+int put(int fd, int id, char c) { return niswrite(fd, rec(id, c).data(), 40); }
+int look(int fd, int id, char c) {
+    const std::string want = rec(id, c);
+    std::string got(40, '\0');
+    const int n = nisfind(fd, 0, const_cast<char*>(want.data()), got.data(), 40);
+    return n == 40 && got == want ? 0 : n == 0 ? 1 : 2;
+}
+int leave(int fd) {
+    nisclose(fd);
+    nisunisam();
+    return 0;
+}
+
 const struct Planted {
     const char* what;
     uid_t owner;
@@ -89,36 +109,6 @@ protected:
         ASSERT_EQ(::chmod(inst_->dir().c_str(), 0755), 0);
         ASSERT_EQ(::chmod(inst_->config_path().c_str(), 0644), 0);
     }
-    // A symbolic or hard link planted at `at`: call fails with ISE_OPENF naming the
-    // link, and the file linked to stays as it was.
-    void refuses_links(const std::string& at, const std::function<int()>& call) {
-        const std::string victim = path("victim"), original(8192, 'v');
-        for (bool symbolic : {true, false}) {
-            SCOPED_TRACE(symbolic ? "symbolic link" : "hard link");
-            kt::spit(victim, original);
-            ASSERT_EQ(symbolic ? ::symlink(victim.c_str(), at.c_str()) : ::link(victim.c_str(), at.c_str()), 0);
-            int rc = 0, code = 0;
-            const std::string err = kt::capture_output(2, [&] {
-                rc = call();
-                code = is_errno;
-            });
-            EXPECT_EQ(rc, -1);
-            EXPECT_EQ(code, ISE_OPENF);
-            EXPECT_NE(err.find(symbolic ? "symbolic link" : "links 2"), std::string::npos) << err;
-            EXPECT_TRUE(slurp(victim) == original);
-            nisunisam();
-            ::unlink(at.c_str());
-            ::unlink(path("f").c_str());
-        }
-    }
-    // Plants bytes at `at` as c says and attaches anew; what the attach said.
-    std::string plant_and_attach(const std::string& at, const std::string& bytes, const Planted& c) {
-        kt::spit(at, bytes);
-        EXPECT_EQ(::chown(at.c_str(), c.owner, 0), 0);
-        EXPECT_EQ(::chmod(at.c_str(), c.mode), 0);
-        inst_->remove_segment();
-        return kt::capture_output(2, [] { EXPECT_EQ(is_init(), 0) << is_errno; });
-    }
     void lock_mode(uid_t uid, gid_t gid, mode_t mode) {
         ASSERT_EQ(::chown(lock().c_str(), uid, gid), 0);
         ASSERT_EQ(::chmod(lock().c_str(), mode), 0);
@@ -133,47 +123,22 @@ TEST(AccessRule, SharedModeIsWhatTheLockFileLetsOpenReadWrite) {
 }
 
 // Another user tries to attach the segment (to find a pooled record), read the journals,
-// or attach through the library: refused at every step, for a user and a group mode.
+// or attach through the library, while the owner is attached: refused at every step, for
+// a user and a group mode.
 TEST_F(Access, OtherUsersReachNeitherTheSegmentNorTheJournals) {
     for (auto [mode, gid] : {std::pair<mode_t, gid_t>{0600, 0}, {0660, kDaemon}}) {
         SCOPED_TRACE(mode);
         lock_mode(0, gid, mode);
         const key_t key = inst_->key();
         const std::string journal = lock() + ".u0";
-        size_t* segsz = &shared<size_t>();
-        kt::Pipe go;
-        pid_t attacker = start_as(kNobody, kNogroup, {kNogroup}, [&] {
-            go.close_write();
-            if (go.wait() != 'x') return 90;
-            int id = ::shmget(key, 0, 0);
-            if (id < 0) return 91;  // it is there: the owner is attached
-            for (int flags : {SHM_RDONLY, 0}) {
-                void* p = ::shmat(id, nullptr, flags);
-                if (p != reinterpret_cast<void*>(-1)) {
-                    const bool found = ::memmem(p, *segsz, kSecretData, sizeof kSecretData - 1) != nullptr;
-                    ::shmdt(p);
-                    return found ? 93 : 94;
-                }
-                if (errno != EACCES) return 95;
-            }
-            struct shmid_ds ds;
-            if (::shmctl(id, IPC_STAT, &ds) == 0 || errno != EACCES) return 92;
-            if (::shmget(key, 0, 0400) >= 0) return 96;
-            if (::open(journal.c_str(), O_RDONLY) >= 0 || errno != EACCES) return 80;
-            if (is_init() != -1 || is_errno != ISE_INITERR || kt::stack_code() != 0x220D) return 81;
-            return 0;
-        });
-
-        go.close_read();
-        int fd = create("payroll", {8});
+        const int fd = create("payroll", {8});
         ASSERT_GE(fd, 0) << is_errno;
         ASSERT_EQ(::chmod(path("payroll").c_str(), 0600), 0);
         ASSERT_EQ(niswrite(fd, const_cast<char*>(kSecret), sizeof kSecret - 1), 0);
         char got[sizeof kSecret] = {};
         ASSERT_EQ(nisfind(fd, 0, const_cast<char*>(kSecret), got, sizeof kSecret - 1), int(sizeof kSecret - 1));
         ASSERT_NE(::memmem(isam_com, static_cast<size_t>(isam_com->comsize), kSecretData, sizeof kSecretData - 1), nullptr);
-        struct shmid_ds ds = segment_stat(key);
-        *segsz = ds.shm_segsz;
+        const struct shmid_ds ds = segment_stat(key);
         EXPECT_EQ(ds.shm_perm.mode & 0777, mode);
         EXPECT_EQ(ds.shm_perm.uid, 0u);
         EXPECT_EQ(ds.shm_perm.gid, gid);
@@ -181,9 +146,23 @@ TEST_F(Access, OtherUsersReachNeitherTheSegmentNorTheJournals) {
         ASSERT_EQ(::stat(journal.c_str(), &st), 0);
         EXPECT_EQ(st.st_mode & 0777, mode);
         EXPECT_EQ(st.st_gid, gid);
-
-        go.signal();
-        EXPECT_EQ(kt::wait_child(attacker), 0);
+        EXPECT_EQ(run_as(kNobody, kNogroup, {kNogroup}, [&] {
+                      const int id = ::shmget(key, 0, 0);
+                      if (id < 0) return 91;  // it is there: the owner is attached
+                      for (int flags : {SHM_RDONLY, 0}) {
+                          void* p = ::shmat(id, nullptr, flags);
+                          if (p != reinterpret_cast<void*>(-1))
+                              return ::memmem(p, ds.shm_segsz, kSecretData, sizeof kSecretData - 1) ? 93 : 94;
+                          if (errno != EACCES) return 95;
+                      }
+                      struct shmid_ds seen;
+                      if (::shmctl(id, IPC_STAT, &seen) == 0 || errno != EACCES) return 92;
+                      if (::shmget(key, 0, 0400) >= 0) return 96;
+                      if (::open(journal.c_str(), O_RDONLY) >= 0 || errno != EACCES) return 80;
+                      if (is_init() != -1 || is_errno != ISE_INITERR || kt::stack_code() != 0x220D) return 81;
+                      return 0;
+                  }),
+                  0);
         EXPECT_EQ(nisclose(fd), 0);
         nisunisam();
         EXPECT_LT(::shmget(key, 0, 0), 0);
@@ -196,13 +175,14 @@ TEST_F(Access, OtherUsersReachNeitherTheSegmentNorTheJournals) {
 TEST_F(Access, SegmentsFoundAtTheKeyMustBeTheInstallations) {
     const key_t key = inst_->key();
     const size_t size = 1 << 20;
+    // Made by creator with mode (and given to set_owner, unless -1); met by the lock
+    // file's owner `victim` with the lock file's group and mode; what the refusal says.
     struct Case {
         const char* what;
         uid_t creator;
         mode_t mode;
-        uid_t set_owner;   // IPC_SET after creating, or -1
-        uid_t victim;      // who attaches (the lock file's owner)
-        gid_t group;       // the lock file's group and mode
+        uid_t set_owner, victim;
+        gid_t group;
         mode_t lkmode;
         const char* said;
     } cases[] = {
@@ -234,10 +214,7 @@ TEST_F(Access, SegmentsFoundAtTheKeyMustBeTheInstallations) {
             }
             return 0;
         };
-        if (c.creator == 0)
-            ASSERT_EQ(squat(), 0);
-        else
-            ASSERT_EQ(run_as(c.creator, c.creator, {}, squat), 0);
+        ASSERT_EQ(c.creator == 0 ? squat() : run_as(c.creator, c.creator, {}, squat), 0);
         id = ::shmget(key, 0, 0);
         ASSERT_GE(id, 0);
         const std::string said = c.said, remove = "ipcrm -m " + std::to_string(id);
@@ -272,34 +249,52 @@ TEST_F(Access, SegmentsFoundAtTheKeyMustBeTheInstallations) {
     struct shmid_ds ds = segment_stat(key);
     EXPECT_EQ(ds.shm_perm.mode & 0777, 0666u);
     EXPECT_EQ(ds.shm_perm.cuid, 0u);
-    int fd = create("f", {4});
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(niswrite(fd, const_cast<char*>("0001rest"), 8), 0);
+    ASSERT_EQ(put(create("f", {4}), 1, 'r'), 0);
     struct stat st;
     ASSERT_EQ(::stat((lock() + ".u0").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0666u);
-    nisclose(fd);
-    nisunisam();
 }
 
-// A journal that is a link or not the installation's is never written or rolled back;
-// the same journal, the installation's own, is settled.
-TEST_F(Access, PlantedJournalsAreRefused) {
+// A journal or log that is a link, or not the installation's, is neither written nor
+// replayed, and what it names stays as it was; the same bytes, the installation's own,
+// are settled.
+TEST_F(Access, PlantedJournalsAndLogsAreRefused) {
     lock_mode(0, 0, 0600);
-    const std::string victim = path("victim");
-    const std::string original(8192, 'v');
-    auto plant_victim = [&] {
-        rewrite_file(victim, original);
-        ASSERT_EQ(::chmod(victim.c_str(), 0600), 0);
-    };
+    const std::string victim = path("victim"), original(8192, 'v'), u0 = lock() + ".u0", w0 = lock() + ".w0";
+    for (const std::string& at : {u0, w0}) {
+        for (bool symbolic : {true, false}) {
+            SCOPED_TRACE(at + (symbolic ? ": symbolic link" : ": hard link"));
+            for (const std::string& f : {u0, w0, path("f")}) ::unlink(f.c_str());
+            kt::spit(victim, original);
+            ASSERT_EQ(symbolic ? ::symlink(victim.c_str(), at.c_str()) : ::link(victim.c_str(), at.c_str()), 0);
+            int rc = 0, code = 0;
+            const std::string err = kt::capture_output(2, [&] {
+                const int fd = create("f", {4});   // opens the log; its first write, the journal
+                if (at == w0) rc = fd < 0 ? -1 : 0;
+                else rc = fd < 0 ? -2 : niswrite(fd, const_cast<char*>("0001rest"), 8);
+                code = is_errno;
+            });
+            EXPECT_EQ(rc, -1);
+            EXPECT_EQ(code, ISE_OPENF);
+            EXPECT_NE(err.find(symbolic ? "symbolic link" : "links 2"), std::string::npos) << err;
+            EXPECT_TRUE(slurp(victim) == original);
+            nisunisam();
+        }
+    }
+    for (const std::string& f : {u0, w0, path("f")}) ::unlink(f.c_str());
 
-    refuses_links(lock() + ".u0", [&] {
-        const int fd = create("f", {4});
-        return fd < 0 ? -2 : niswrite(fd, const_cast<char*>("0001rest"), 8);
-    });
-
-    // An active journal naming the victim (no uncommitted page reaches a file, so the
-    // victim never changes): the own one is marked idle, a planted one not written.
+    // A killed writer's log of 20 calls, and an active journal naming the victim (no
+    // uncommitted page reaches a file, so the victim never changes).
+    const std::string file = made("data", {8});
+    kill(hold([&] {
+        const int fd = nisopen(file.c_str(), ISO_RDWR);
+        for (int i = 0; i < 20; ++i)
+            if (fd < 0 || put(fd, i, 'w') != 0) return 1;
+        return 0;
+    }));
+    inst_->remove_segment();
+    const std::string clean = slurp(file), log = slurp(w0), u3 = lock() + ".u3";
+    ASSERT_GT(log.size(), 1024u);
     struct stat vs;
     ASSERT_EQ(::stat(victim.c_str(), &vs), 0);
     std::string j(4096 + 1032, '\0');
@@ -314,64 +309,34 @@ TEST_F(Access, PlantedJournalsAreRefused) {
     std::snprintf(&j[608], 256, "%s", victim.c_str());
     put32(4096, 1024);      // of page 1024
     std::memset(&j[4096 + 8], 'X', 1024);
-    const std::string j3 = lock() + ".u3";
     for (const Planted& c : kPlanted) {
         SCOPED_TRACE(c.what);
-        plant_victim();
-        const std::string err = plant_and_attach(j3, j, c);
-        EXPECT_TRUE(slurp(victim) == original);
-        const std::string now = slurp(j3);
-        ASSERT_GE(now.size(), 8u);
-        uint32_t state;
-        std::memcpy(&state, &now[4], 4);
-        if (c.own) {
-            EXPECT_EQ(state, 0u) << "the planted journal is not a live one: the test proves nothing\n" << err;
-        } else {
-            EXPECT_TRUE(now == j) << "a journal that is not the installation's was written";
-            EXPECT_NE(err.find("is not this installation's"), std::string::npos) << err;
-        }
-        nisunisam();
-        ::unlink(j3.c_str());
-    }
-}
-
-// Logs are guarded as journals are: a planted log is neither replayed nor written.
-TEST_F(Access, PlantedLogsAreRefused) {
-    lock_mode(0, 0, 0600);
-    const std::string w0 = lock() + ".w0";
-    refuses_links(w0, [&] { return create("f", {4}) < 0 ? -1 : 0; });
-
-    const std::string file = made("data", {8});
-    kill(hold([&] {
-        int fd = nisopen(file.c_str(), ISO_RDWR);
-        if (fd < 0) return 1;
-        for (int i = 0; i < 20; ++i) {
-            char r[40];
-            std::snprintf(r, sizeof r, "%08d", i);
-            std::memset(r + 8, 'w', sizeof r - 8);
-            if (niswrite(fd, r, sizeof r) != 0) return 2;
-        }
-        return 0;
-    }));
-    inst_->remove_segment();
-    const std::string clean = slurp(file), log = slurp(w0);
-    ASSERT_GT(log.size(), 1024u);
-    for (const Planted& c : kPlanted) {
-        SCOPED_TRACE(c.what);
+        rewrite_file(victim, original);
         rewrite_file(file, clean);
-        const std::string err = plant_and_attach(w0, log, c);
+        for (const auto& [at, bytes] : {std::pair{u3, j}, {w0, log}}) {
+            kt::spit(at, bytes, c.mode);
+            EXPECT_EQ(::chown(at.c_str(), c.owner, 0), 0);
+        }
+        inst_->remove_segment();
+        const std::string err = kt::capture_output(2, [] { EXPECT_EQ(is_init(), 0) << is_errno; });
+        EXPECT_TRUE(slurp(victim) == original);
+        const std::string now = slurp(u3);
+        ASSERT_GE(now.size(), 8u);
         struct kisam_recovery r;
         ASSERT_EQ(kisam_last_recovery(&r), 0);
         if (c.own) {
+            EXPECT_EQ(kisam::load_at<uint32_t>(&now[4]), 0u) << "the journal was not a live one: the test proves nothing\n" << err;
             EXPECT_FALSE(slurp(file) == clean) << "the log was not a live one: the test proves nothing\n" << err;
             EXPECT_EQ(r.calls, 20);
             EXPECT_TRUE(kt::sound(file));
             EXPECT_EQ(kisam::check::check_file(file).records, 20);
         } else {
+            EXPECT_TRUE(now == j) << "a journal that is not the installation's was written";
             EXPECT_TRUE(slurp(file) == clean);
             EXPECT_TRUE(slurp(w0) == log) << "a log that is not the installation's was written";
             EXPECT_EQ(r.logs, 0);
-            EXPECT_NE(err.find("is not this installation's"), std::string::npos) << err;
+            for (const std::string& at : {u3, w0})
+                EXPECT_NE(err.find(at + " is not this installation's"), std::string::npos) << err;
         }
         nisunisam();
         inst_->remove_segment();
@@ -384,59 +349,43 @@ TEST_F(Access, AGroupInstallationServesEveryMember) {
     lock_mode(kDaemon, kNogroup, 0660);
     ASSERT_EQ(::chown(inst_->dir().c_str(), kDaemon, kNogroup), 0);
     ASSERT_EQ(::chmod(inst_->dir().c_str(), 0770), 0);
-    const key_t key = inst_->key();
     const std::string file = path("shared");
     using Start = std::function<pid_t(std::function<int()>)>;
     Start as_daemon = [&](std::function<int()> fn) { return start_as(kDaemon, kDaemon, {kDaemon, kNogroup}, fn); };
     Start as_nobody = [&](std::function<int()> fn) { return start_as(kNobody, kNogroup, {kNogroup}, fn); };
-    auto rec = [](int id, char c) {
-        char r[40];
-        std::snprintf(r, sizeof r, "%08d", id);
-        std::memset(r + 8, c, sizeof r - 8);
-        return std::string(r, sizeof r);
-    };
-    auto look = [&](int fd, int id, char c) {
-        std::string want = rec(id, c), got(want.size(), '\0');
-        int n = nisfind(fd, 0, want.data(), got.data(), static_cast<int>(got.size()));
-        return n == static_cast<int>(want.size()) && got == want ? 0 : n == 0 ? 1 : 2;
-    };
-    auto put = [&](int fd, int id, char c) {
-        std::string r = rec(id, c);
-        return niswrite(fd, r.data(), static_cast<int>(r.size()));
+    // A child that does `first`, signals on up, and on the parent's word (down) does `then`.
+    auto in_two_steps = [](Start as, kt::Pipe& up, kt::Pipe& down, std::function<int(int*)> first,
+                           std::function<int(int)> then) {
+        const pid_t pid = as([&, first, then] {
+            down.close_write();
+            int fd = -1;
+            if (int rc = first(&fd); rc != 0) return rc;
+            up.signal();
+            return down.wait() == 'x' ? then(fd) : 99;
+        });
+        up.close_write();
+        EXPECT_EQ(up.wait(), 'x');
+        return pid;
     };
 
     kt::Pipe made, done;
-    pid_t first = as_nobody([&] {
-        made.close_read();
-        done.close_write();
-        int fd = niscreate(file.c_str(), 1, std::vector<int>{8}.data());
-        if (fd < 0 || put(fd, 1, 'a') != 0) return 1;
-        made.signal();
-        if (done.wait() != 'x') return 2;
-        if (look(fd, 2, 'b') != 0) return 3;
-        nisclose(fd);
-        nisunisam();
-        return 0;
-    });
-    made.close_write();
-    done.close_read();
-    ASSERT_EQ(made.wait(), 'x');
-    struct shmid_ds ds = segment_stat(key);
+    const pid_t maker = in_two_steps(
+        as_nobody, made, done,
+        [&](int* fd) { return (*fd = niscreate(file.c_str(), 1, std::vector<int>{8}.data())) < 0 || put(*fd, 1, 'a') ? 1 : 0; },
+        [&](int fd) { return look(fd, 2, 'b') ? 3 : leave(fd); });
+    struct shmid_ds ds = segment_stat(inst_->key());
     EXPECT_EQ(ds.shm_perm.cuid, kNobody);
     EXPECT_EQ(ds.shm_perm.uid, kDaemon);
     EXPECT_EQ(ds.shm_perm.gid, kNogroup);
     EXPECT_EQ(ds.shm_perm.mode & 0777, 0660u);
     EXPECT_EQ(kt::wait_child(as_daemon([&] {
-                  int fd = nisopen(file.c_str(), ISO_RDWR);
+                  const int fd = nisopen(file.c_str(), ISO_RDWR);
                   if (fd < 0) return 10 + is_errno % 100;
-                  if (look(fd, 1, 'a') != 0 || put(fd, 2, 'b') != 0) return 2;
-                  nisclose(fd);
-                  nisunisam();
-                  return 0;
+                  return look(fd, 1, 'a') || put(fd, 2, 'b') ? 2 : leave(fd);
               })),
               0);
     done.signal();
-    EXPECT_EQ(kt::wait_child(first), 0);
+    EXPECT_EQ(kt::wait_child(maker), 0);
     struct stat st;
     for (const char* j : {".u0", ".u1", ".w0"}) {
         ASSERT_EQ(::stat((lock() + j).c_str(), &st), 0) << j;
@@ -447,35 +396,19 @@ TEST_F(Access, AGroupInstallationServesEveryMember) {
     for (bool survivor_attached : {true, false}) {
         SCOPED_TRACE(survivor_attached ? "taken over" : "found at attach");
         const int id = survivor_attached ? 3 : 4;
-        auto victim_of = survivor_attached ? as_nobody : as_daemon;
-        auto survivor_of = survivor_attached ? as_daemon : as_nobody;
+        const Start victim_of = survivor_attached ? as_nobody : as_daemon;
+        const Start survivor_of = survivor_attached ? as_daemon : as_nobody;
         const std::string before = slurp(file);
-        kt::Pipe ready, killed;
-        pid_t survivor = -1;
-        auto check = [&] {
-            int fd = nisopen(file.c_str(), ISO_RDWR);
+        auto check = [&](int) {   // the killed write left nothing
+            const int fd = nisopen(file.c_str(), ISO_RDWR);
             if (fd < 0) return 20;
-            if (look(fd, 1, 'a') != 0 || look(fd, 2, 'b') != 0) return 21;
-            if (look(fd, id, 'c') != 1) return 22;  // the killed write left nothing
-            nisclose(fd);
-            nisunisam();
-            return 0;
+            return look(fd, 1, 'a') || look(fd, 2, 'b') ? 21 : look(fd, id, 'c') != 1 ? 22 : leave(fd);
         };
-        if (survivor_attached) {
-            survivor = survivor_of([&] {
-                ready.close_read();
-                killed.close_write();
-                if (is_init() != 0) return 30;
-                ready.signal();
-                if (killed.wait() != 'x') return 31;
-                return check();
-            });
-            ready.close_write();
-            killed.close_read();
-            ASSERT_EQ(ready.wait(), 'x');
-        }
-        pid_t victim = victim_of([&] {
-            int fd = nisopen(file.c_str(), ISO_RDWR);
+        kt::Pipe ready, killed;
+        const pid_t survivor = survivor_attached
+            ? in_two_steps(survivor_of, ready, killed, [](int*) { return is_init() ? 30 : 0; }, check) : -1;
+        const pid_t victim = victim_of([&] {
+            const int fd = nisopen(file.c_str(), ISO_RDWR);
             if (fd < 0) return 40;
             // Killed at the call's one write: before its commit point.
             kt::Faults f;
@@ -484,17 +417,12 @@ TEST_F(Access, AGroupInstallationServesEveryMember) {
             return 41;  // not killed
         });
         EXPECT_EQ(kt::wait_child(victim), 128 + SIGKILL);
-        if (survivor_attached) {
-            killed.signal();
-            EXPECT_EQ(kt::wait_child(survivor), 0);
-        } else {
-            EXPECT_EQ(kt::wait_child(survivor_of(check)), 0);
-        }
+        if (survivor_attached) killed.signal();
+        EXPECT_EQ(kt::wait_child(survivor_attached ? survivor : survivor_of([&] { return check(-1); })), 0);
         EXPECT_TRUE(same_file(slurp(file), before));
         EXPECT_TRUE(kt::sound(file));
     }
-    ds = segment_stat(key);
-    EXPECT_EQ(ds.shm_nattch, 0u);
+    EXPECT_EQ(segment_stat(inst_->key()).shm_nattch, 0u);
 }
 
 }  // namespace
