@@ -13,7 +13,6 @@
 #include <cstdint>
 #include <cstring>
 #include <dirent.h>
-#include <fstream>
 #include <functional>
 #include <string>
 #include <sys/stat.h>
@@ -258,10 +257,7 @@ TEST_F(Open, ACreateThatFailsLeavesNothingNewBehind) {
         auto restore = [&] {
             nisunisam();   // each create attaches afresh: start-up's calls fail in turn too
             ::unlink(f.c_str());
-            if (existing) {
-                std::ofstream(f, std::ios::binary) << old;
-                ASSERT_EQ(::chmod(f.c_str(), 0640), 0);
-            }
+            if (existing) kt::spit(f, old, 0640);
         };
         restore();
         const std::vector<std::string> before = cs::listing(dir);
