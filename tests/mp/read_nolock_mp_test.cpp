@@ -2,15 +2,17 @@
 // follow from its key 0 and generation, so readers check each record whole and that the
 // generations of one record never go back.
 #include "genrec.h"
+#include "is_common.h"
 #include "is_rec.h"
 #include "isx_area.h"
-#include "kcheck.h"
 #include "kisam_test.h"
-#include "oracle.h"
 #include "os.h"
 #include "test_hook.h"
+#include "v_pool.h"
 
 #include <signal.h>
+#include <sys/mman.h>
+#include <sys/shm.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -49,6 +51,7 @@ protected:
         c.maxbuf = static_cast<int16_t>(buffers);
         Env::start(c);
         *stop_ = false;
+        gens_->fill(1);
         ids_ = ids;
         path_ = path("r.ism");
         other_ = made("other.ism", {kg::kK0});
@@ -63,10 +66,11 @@ protected:
         ASSERT_EQ(nisunisam(), 0);
     }
 
-    // Writer of the ids = w mod `of`: update, delete+write, forced write; with `other`, a
-    // record of the other file after each change (its misses take the read file's slots).
-    int writer(int w, int of, int changes, bool other) {
-        if (is_init() != 0) return 50;
+    // Writer of the ids = w mod `of`: update, delete+write, forced write, each noted in
+    // gens_; with `other`, a record of the other file after each change (its misses take
+    // the read file's slots).  `inherit`: on the attachment of the process that forked it.
+    int writer(int w, int of, int changes, bool other, bool inherit = false) {
+        if ((inherit ? is_chinit() : is_init()) != 0) return 50;
         int fd = nisopen(path_.c_str(), ISO_RDWR);
         int fo = other ? nisopen(other_.c_str(), ISO_RDWR) : -1;
         if (fd < 0 || (other && fo < 0)) return 51;
@@ -90,6 +94,7 @@ protected:
             } else if (nisfwrite(fd, r.data(), len) != 0) {
                 return 56;
             }
+            (*gens_)[id] = gen + 1;
             if (other) {
                 const std::string o = record(static_cast<unsigned>(rng()), static_cast<uint32_t>(i));
                 if (nisfwrite(fo, o.data(), static_cast<int>(o.size())) != 0) return 57;
@@ -160,15 +165,22 @@ protected:
         return rc;
     }
 
-    // The change count even, no rollback pending, every record genuine, the file sound.
-    void final_check() {
+    // The change count even, no rollback pending, every record its writer's last change
+    // (`gaps`: or missing, when a writer was killed between a delete and its write), the
+    // file sound.
+    void final_check(int gaps = 0) {
         ASSERT_EQ(kt::run_child([&] {
                       if (is_init() != 0) return 1;
                       int fd = nisopen(path_.c_str(), ISO_RDWR);
                       if (fd < 0) return 2;
                       uint32_t gen;
-                      for (unsigned id = 0; id < ids_; ++id)
-                          if (kg::find(fd, kL, id, &gen) < 0) return 3;
+                      for (unsigned id = 0; id < ids_; ++id) {
+                          const int n = kg::find(fd, kL, id, &gen);
+                          if (n < 0 || (n > 0 && gen != (*gens_)[id]) || (n == 0 && --gaps < 0)) {
+                              std::fprintf(stderr, "id %u: %d at generation %u, %u written\n", id, n, gen, (*gens_)[id]);
+                              return 3;
+                          }
+                      }
                       const isx_file* xf = kisam::isx_file_of(is_db[fd]->uniqueid);
                       if (xf->xf_seq % 2 != 0) return 4;
                       if (xf->xf_undo != 0) return 5;
@@ -185,6 +197,7 @@ protected:
     unsigned ids_ = 0;
     std::array<std::pair<long, long>, 3>* figures_ = &shared<std::array<std::pair<long, long>, 3>>();
     std::atomic<bool>* stop_ = &shared<std::atomic<bool>>();
+    std::array<uint32_t, 1000>* gens_ = &shared<std::array<uint32_t, 1000>>();  // by id: the last generation written
 };
 
 // Readers beside writers: two of each with the file in the pool (most reads take no
@@ -194,7 +207,9 @@ protected:
 // is mostly some other page's slot.  There the readers first run alone, every miss loaded
 // into the pool: a slot noted for a page that now holds another is passed over for the
 // page index, so that nearly every read still goes without the lock (one whose slot
-// changed under it while it read takes the lock after two tries).
+// changed under it while it read takes the lock after two tries).  Last, four writers in
+// a pool of 24, two on attachments of their own and two on the one of the process that
+// forked them.  Each writer's records end as its last change left them.
 TEST_F(ReadNoLockMp, ReadersCheckEveryRecordWhileWritersChangeThem) {
     struct Row {
         const char* name;
@@ -204,7 +219,8 @@ TEST_F(ReadNoLockMp, ReadersCheckEveryRecordWhileWritersChangeThem) {
         unsigned ids = 400;
     };
     for (const Row& row : {Row{"the file in the pool", 2000, 2, 2, 1500, 1000}, Row{"a small pool", 96, 2, 2, 250, 100},
-                           Row{"readers take slots from each other", 24, 3, 1, 600, 1000, 5000, 900}}) {
+                           Row{"readers take slots from each other", 24, 3, 1, 600, 1000, 5000, 900},
+                           Row{"four writers in a small pool", 24, 2, 4, 1000, 100}}) {
         SCOPED_TRACE(row.name);
         start(row.buffers, row.ids);
         figures_->fill({});
@@ -213,8 +229,14 @@ TEST_F(ReadNoLockMp, ReadersCheckEveryRecordWhileWritersChangeThem) {
             for (auto [reads, nolock] : *figures_) EXPECT_GE(nolock, reads * 9 / 10);
         }
         const std::vector<pid_t> readers = spawn(row.readers, [&](int r) { return reader(r, row.least); });
-        for (int st : workers(row.writers, [&](int w) { return writer(w, row.writers, row.changes, row.buffers == 96 && w == 0); }))
+        const bool inherit = row.writers == 4;
+        if (inherit) { ASSERT_EQ(is_init(), 0); }
+        for (int st : workers(row.writers, [&](int w) {
+                 if (inherit && w % 2 == 0) kt::become_unattached();
+                 return writer(w, row.writers, row.changes, row.buffers == 96 && w == 0, inherit && w % 2 == 1);
+             }))
             EXPECT_EQ(st, 0);
+        if (inherit) { EXPECT_EQ(nisunisam(), 0); }
         *stop_ = true;
         for (pid_t p : readers) EXPECT_EQ(kt::wait_child(p), 0);
         for (int r = 0; r < row.readers; ++r) {
@@ -281,7 +303,7 @@ TEST_P(ReadNoLockStop, ReadersStayRight) {
     *stop_ = true;
     for (pid_t p : readers) EXPECT_EQ(kt::wait_child(p), 0);
     for (int r = 0; r < 2; ++r) EXPECT_GT((*figures_)[static_cast<size_t>(r)].first, 50);
-    final_check();
+    final_check(st.kill ? 1 : 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Hooks, ReadNoLockStop,
@@ -291,92 +313,6 @@ INSTANTIATE_TEST_SUITE_P(Hooks, ReadNoLockStop,
                                            Stop{"PauseTakeAway", kisam::kHookTakeAway, false, 96},
                                            Stop{"KillTakeAway", kisam::kHookTakeAway, true, 96}),
                          [](const ::testing::TestParamInfo<Stop>& i) { return std::string(i.param.name); });
-
-// ---- writers on their own ranges and a shared one, in a small pool ------------------------
-
-namespace ko = kt::oracle;
-const ko::Layout kW{8, 4, 2};
-constexpr int kWriters = 4;
-constexpr int kOwned = 250;      // ids per writer
-constexpr int kShared = 9000;    // ids from here on: fought over by all writers
-constexpr int kSharedIds = 60;
-
-// Random changes to its own range and the shared one; its own read back exactly, shared
-// ones whole.  `mine`: its final view, for the parent.
-int shared_writer(const std::string& path, int w, ko::Rec* mine) {
-    int fd = nisopen(path.c_str(), ISO_RDWR);
-    if (fd < 0) return 10;
-    std::mt19937 rng(1000u + static_cast<unsigned>(w));
-    for (int step = 0; step < 1500; ++step) {
-        const unsigned op = rng() % 100;
-        const bool shared = rng() % 4 == 0;
-        const int local = static_cast<int>(rng() % (shared ? kSharedIds : kOwned));
-        const int id = shared ? kShared + local : 1000 * (w + 1) + local;
-        const ko::Rec r{step, kW.min() + static_cast<int>(rng() % 10 == 0 ? rng() % 4000 : rng() % 200)};
-        const std::string rec = ko::record(kW, id, r.gen, r.size);
-        ko::Rec none, &m = shared ? none : mine[local];
-        const bool had = m.present();
-        int rc;
-        if (op < 35) {
-            if ((rc = niswrite(fd, rec.data(), r.size)) < 0 || (!shared && rc != (had ? 1 : 0))) return 20;
-            if (!had) m = r;
-        } else if (op < 50) {
-            if (nisfwrite(fd, rec.data(), r.size) != 0) return 21;
-            m = r;
-        } else if (op < 75) {
-            rc = op < 62 ? nisupdate(fd, rec.data(), r.size) : nisdelete(fd, rec.data());
-            if ((!shared && rc != (had ? 0 : -1)) || (rc < 0 && is_errno != ISE_NOKEY)) return 22;
-            if (had) m = op < 62 ? r : ko::Rec{};
-        } else if (const ko::Rec got = ko::find(fd, kW, id); shared ? got.gen < -1 : !(got == m)) {
-            return 26;
-        }
-    }
-    if (nisclose(fd) != 0) return 40;
-    return nisunisam() == 0 ? 0 : 42;
-}
-
-class ConcurrentRecords : public kt::Env {};
-
-TEST_F(ConcurrentRecords, WritersKeepTheirOwnRangesAndTheIndexesWhole) {
-    kt::Config c;
-    c.maxbuf = 24;
-    start(c);
-    const std::string file = made("shared.ism", kW.lens());
-    using Owned = std::array<std::array<ko::Rec, kOwned>, kWriters>;
-    Owned& owned = shared<Owned>();
-    // Two writers attach on their own, two inherit the parent's attachment.
-    kt::Pipe go;
-    std::vector<pid_t> pids;
-    ASSERT_EQ(is_init(), 0);
-    for (int w = 0; w < kWriters; ++w)
-        pids.push_back(kt::start_child([&, w] {
-            if (w < 2) kt::become_unattached();
-            if ((w < 2 ? is_init() : is_chinit()) != 0) return 50;
-            go.wait();
-            return shared_writer(file, w, owned[static_cast<size_t>(w)].data());
-        }));
-    for (int w = 0; w < kWriters; ++w) go.signal();
-    for (size_t i = 0; i < pids.size(); ++i) EXPECT_EQ(kt::wait_child(pids[i]), 0) << "writer " << i;
-    ASSERT_EQ(nisunisam(), 0);
-    ASSERT_FALSE(HasFailure());
-    ko::Model want;
-    for (int w = 0; w < kWriters; ++w)
-        for (int i = 0; i < kOwned; ++i)
-            if (const ko::Rec& r = owned[static_cast<size_t>(w)][static_cast<size_t>(i)]; r.present()) want[1000 * (w + 1) + i] = r;
-    ASSERT_FALSE(want.empty());
-    const int fd = nisopen(file.c_str(), ISO_RDONLY);
-    ASSERT_GE(fd, 0);
-    ko::Scan got = ko::scan(fd, kW);
-    ASSERT_EQ(nisclose(fd), 0);
-    ASSERT_EQ(nisunisam(), 0);
-    EXPECT_TRUE(got.ok()) << got.why;
-    std::erase_if(got.recs, [](const auto& e) { return e.first >= kShared; });
-    EXPECT_TRUE(ko::same(want, got.recs));
-    EXPECT_TRUE(kt::sound(file));
-    const kisam::check::Report rep = kisam::check::check_file(file);
-    EXPECT_TRUE(rep.data_accounted);
-    EXPECT_GE(rep.records, static_cast<long>(want.size()));
-}
 
 // ---- key 0's leaf directory against a tree that other processes reshape ----------------
 //
@@ -494,5 +430,129 @@ TEST_P(LeafDirMp, AReaderKeepsRightWhileAnotherProcessReshapesTheTree) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Pools, LeafDirMp, ::testing::Values(2000, 40));
+
+// ---- readers store nothing shared -------------------------------------------------------
+//
+// Reads without the lock store nothing into the shared segment, pages in the pool or past
+// it, so readers never take a cache line from each other: two readers each run with the
+// segment read-only, a fault handler noting every store.
+const kg::Layout kS{.k1 = 100000, .small_len = 42};  // 60 bytes each, at generation 1
+constexpr int kSLen = 60;
+constexpr unsigned kSIds = 1500;
+
+// A reader's stores into the read-only segment: pages hit, first offsets.
+struct Stores {
+    static constexpr int kNoted = 8;
+    int pages = 0;
+    long offset[kNoted] = {};
+    unsigned long file_reads = 0;  // pages of the watched pass read in the file's mapping
+};
+
+uintptr_t seg_lo = 0, seg_hi = 0;
+Stores* noted = nullptr;
+
+void on_store(int, siginfo_t* si, void*) {
+    const uintptr_t a = reinterpret_cast<uintptr_t>(si->si_addr);
+    if (a < seg_lo || a >= seg_hi) ::_exit(90);  // a fault of anything else
+    if (noted->pages < Stores::kNoted) noted->offset[noted->pages] = static_cast<long>(a - seg_lo);
+    ++noted->pages;
+    const long pg = ::sysconf(_SC_PAGESIZE);
+    ::mprotect(reinterpret_cast<void*>(a & ~static_cast<uintptr_t>(pg - 1)), static_cast<size_t>(pg), PROT_READ | PROT_WRITE);
+}
+
+// A first pass loads the reader's own state (page index, leaf directory); after `go`,
+// the watched pass, every call of which must go without the lock.
+int watched_reader(const std::string& file, int r, kt::Pipe& ready, kt::Pipe& go, Stores* st) {
+    go.close_write();
+    kt::become_unattached();
+    if (is_init() != 0) return 10;
+    const int fd = nisopen(file.c_str(), ISO_RDWR);
+    if (fd < 0) return 11;
+    char buf[kSLen + 8];
+    auto find = [&](unsigned id) { return kg::is(kS, buf, nisfind(fd, 0, kg::key0(id).data(), buf, kSLen), id, 1); };
+    for (unsigned id = 0; id < kSIds; ++id)
+        if (!find(id)) return 12;
+    long steps = 0;
+    while (nisread(fd, 1, buf, kSLen) == kSLen) ++steps;
+    if (steps != kSIds) return 13;
+
+    struct shmid_ds ds;
+    if (::shmctl(is_shmid, IPC_STAT, &ds) != 0) return 14;
+    const size_t pg = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+    seg_lo = reinterpret_cast<uintptr_t>(isam_com);
+    seg_hi = seg_lo + (ds.shm_segsz + pg - 1) / pg * pg;
+    noted = st;
+    struct sigaction sa {};
+    sa.sa_sigaction = on_store;
+    sa.sa_flags = SA_SIGINFO;
+    sigemptyset(&sa.sa_mask);
+    if (::sigaction(SIGSEGV, &sa, nullptr) != 0) return 15;
+    v_peek_fold();   // the batched hit count flushed now, so the watched pass adds none
+    ready.signal();
+    ready.close_write();   // a reader that failed before here leaves the parent an end of file
+    go.wait();
+
+    const unsigned long before = is_nolock_reads, file_before = v_file_reads;
+    if (::mprotect(reinterpret_cast<void*>(seg_lo), seg_hi - seg_lo, PROT_READ) != 0) return 16;
+    std::mt19937 rng(static_cast<unsigned>(r) + 5);
+    int rc = 0, calls = 0;
+    for (; calls < 500 && rc == 0; ++calls)
+        if (!find(rng() % kSIds)) rc = 17;
+    if (kisam_rewind(fd, 1) != 0) rc = 18;
+    for (int i = 0; i < 150 && rc == 0; ++i, ++calls)
+        if (nisread(fd, 1, buf, kSLen) != kSLen) rc = 19;
+    const std::string k1 = kg::record(kS, 700, 1).substr(kg::kK0, kg::kK1);
+    if (rc == 0 && nisfind(fd, 1, k1.data(), buf, kSLen) != kSLen) rc = 20;
+    ++calls;
+    for (int i = 0; i < 50 && rc == 0; ++i, ++calls)
+        if (nisread(fd, 1, buf, kSLen) < 0) rc = 21;
+    ::mprotect(reinterpret_cast<void*>(seg_lo), seg_hi - seg_lo, PROT_READ | PROT_WRITE);
+    st->file_reads = v_file_reads - file_before;
+    if (rc == 0 && is_nolock_reads - before != static_cast<unsigned long>(calls)) rc = 22;
+    nisclose(fd);
+    nisunisam();
+    return rc;
+}
+
+class ReaderScale : public kt::Env {
+protected:
+    void SetUp() override {}  // the test starts the installations it needs
+};
+
+// kSIds records kept open here, with every page of the file in the pool, then with most
+// past it (read in the file's mapping: no load, no lock, nothing shared); two watched
+// readers each time.
+TEST_F(ReaderScale, TwoReadersOfThePoolOrPastItStoreNothingShared) {
+    bound(120);
+    for (const bool past_the_pool : {false, true}) {
+        SCOPED_TRACE(past_the_pool ? "past the pool" : "in the pool");
+        kt::Config c;
+        c.maxbuf = past_the_pool ? 40 : 1200;
+        start(c);
+        ASSERT_EQ(is_init(), 0);
+        const int fd = create("s.ism", kS.lens());
+        ASSERT_GE(fd, 0);
+        std::vector<unsigned> ids(kSIds);
+        for (unsigned i = 0; i < kSIds; ++i) ids[i] = i;
+        std::shuffle(ids.begin(), ids.end(), std::mt19937(3));
+        for (unsigned id : ids) ASSERT_EQ(niswrite(fd, kg::record(kS, id, 1).data(), kSLen), 0);
+        Stores* st = &shared<std::array<Stores, 2>>()[0];
+        kt::Pipe ready, go;
+        const std::vector<pid_t> pids = spawn(2, [&](int r) { return watched_reader(path("s.ism"), r, ready, go, &st[r]); });
+        ready.close_write();
+        for (int r = 0; r < 2; ++r) ready.wait();
+        go.close_write();  // both see the end of the pipe at once
+        for (int r = 0; r < 2; ++r) {
+            EXPECT_EQ(kt::wait_child(pids[static_cast<size_t>(r)]), 0) << "reader " << r;
+            std::string at;
+            for (int i = 0; i < st[r].pages && i < Stores::kNoted; ++i) at += " " + std::to_string(st[r].offset[i]);
+            EXPECT_EQ(st[r].pages, 0) << "reader " << r << " stored into the segment at offsets" << at;
+            if (past_the_pool) EXPECT_GT(st[r].file_reads, 500u) << "reader " << r;
+            else EXPECT_EQ(st[r].file_reads, 0u) << "reader " << r;
+        }
+        EXPECT_EQ(nisclose(fd), 0);
+        EXPECT_EQ(nisunisam(), 0);
+    }
+}
 
 }  // namespace
