@@ -86,7 +86,9 @@ protected:
             } else if (op < 7) {
                 if (nisupdate(fd, r.data(), len) != 0) return 54;
             } else if (op < 9) {
-                if (nisdelete(fd, k0.data()) != 0 || niswrite(fd, r.data(), len) != 0) return 55;
+                // Missing until written again: a second delete says so.
+                if (nisdelete(fd, k0.data()) != 0 || nisdelete(fd, k0.data()) != -1 || is_errno != ISE_NOKEY) return 55;
+                if (niswrite(fd, r.data(), len) != 0) return 55;
             } else if (nisfwrite(fd, r.data(), len) != 0) {
                 return 56;
             }
