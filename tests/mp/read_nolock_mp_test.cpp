@@ -275,7 +275,8 @@ void stop_hook(int where, int u) {
 TEST_P(ReadNoLockStop, ReadersStayRight) {
     const Stop st = GetParam();
     start(st.buffers);
-    const std::vector<pid_t> readers = spawn(2, [&](int r) { return reader(r); });
+    // Each reader goes on to 51 reads at least, however slowly the machine lets it run.
+    const std::vector<pid_t> readers = spawn(2, [&](int r) { return reader(r, 51); });
     kt::Pipe hook;   // after the readers: a writer that fails before its hook leaves an end of file
     const int at = 3 + static_cast<int>(std::mt19937(static_cast<unsigned>(seed_))() % 20);
     pid_t w = kt::start_child([&] {
@@ -300,7 +301,6 @@ TEST_P(ReadNoLockStop, ReadersStayRight) {
     EXPECT_EQ(kt::run_child([&] { return writer(0, 1, 300, false); }), 0);
     *stop_ = true;
     for (pid_t p : readers) EXPECT_EQ(kt::wait_child(p), 0);
-    for (int r = 0; r < 2; ++r) EXPECT_GT((*figures_)[static_cast<size_t>(r)].first, 50);
     final_check(st.kill ? 1 : 0);
 }
 
