@@ -91,69 +91,10 @@ TEST_F(Fwait, RetakeRefusedUntilTheBoundEndsInDeadlock) {
 
 class CtlWords : public LockEnv {
 protected:
-    static bool wait_for_sleepers(int fd, int n) {
-        return kt::await([&] { return kt::waiting_for(&ot::shared_fcp(fd)->jd_fcplock) >= n; });
-    }
     static uint32_t ctl_word(int fd) {
         return std::atomic_ref<uint32_t>(kisam::isx_file_of(is_db[fd]->uniqueid)->xf_ctl_word).load();
     }
 };
-
-// Crossed waits for two files' control locks: the one that closes the cycle gets
-// ISE_DEADLOCK holding nothing new; the other goes on.
-TEST_F(CtlWords, CrossedWaitsForTwoFilesAreRefusedToTheOneThatClosesTheCycle) {
-    const int f1 = file("f1"), f2 = file("f2");
-    ASSERT_EQ(nisgetctl(f1), 0);
-    kt::Pipe holds;
-    pid_t c = kt::start_child([&] {
-        if (is_chinit() != 0) return 1;
-        if (nisgetctl(f2) != 0) return 2;
-        holds.signal();
-        if (!wait_for_sleepers(f2, 1)) return 3;
-        ::usleep(20000);
-        is_errno = 0;
-        if (nisgetctl(f1) != -1 || is_errno != ISE_DEADLOCK) return 4;
-        if (kt::error_stack() != std::vector<int>({0x3601, 0x3600})) return 5;
-        if (ot::pfi_of(f1)->pfi_ctlcnt != 0 || is_lock_mine(&ot::shared_fcp(f1)->jd_fcplock)) return 6;
-        if (!is_lock_mine(&ot::shared_fcp(f2)->jd_fcplock)) return 7;
-        ::usleep(100000);  // the parent's later looks at its wait must not refuse it
-        return nisrelctl(f2) == 0 ? 0 : 8;
-    });
-    ASSERT_EQ(holds.wait(), 'x');
-    EXPECT_EQ(nisgetctl(f2), 0) << "the wait that did not close the cycle goes on";
-    EXPECT_EQ(kt::wait_child(c), 0);
-    EXPECT_EQ(nisrelctl(f2), 0);
-    EXPECT_EQ(nisrelctl(f1), 0);
-    EXPECT_EQ(ctl_word(f1), 0u);
-    EXPECT_EQ(ctl_word(f2), 0u);
-}
-
-// A holder killed in its bracket: both sleepers get the word in turn and see its calls.
-TEST_F(CtlWords, SleepersOnAKilledHoldersWordGetItInTurn) {
-    const int f = file("f");
-    ASSERT_EQ(niswrite(f, "keep-record", 11), 0);
-    const pid_t h = hold([&] {
-        return is_chinit() == 0 && nisgetctl(f) == 0 && niswrite(f, "dead-record", 11) == 0 ? 0 : 1;
-    });
-    std::vector<pid_t> waiters;
-    for (int k = 0; k < 2; ++k)
-        waiters.push_back(kt::start_child([&] {
-            if (is_chinit() != 0) return 1;
-            if (nisgetctl(f) != 0) return 2;
-            char buf[64];
-            const bool dead = nisfind(f, 0, "dead", buf, sizeof buf) > 0;
-            const bool kept = nisfind(f, 0, "keep", buf, sizeof buf) > 0;
-            if (nisrelctl(f) != 0) return 3;
-            return dead && kept ? 0 : 4;
-        }));
-    ASSERT_TRUE(wait_for_sleepers(f, 2));
-    kill(h);
-    for (pid_t w : waiters) EXPECT_EQ(kt::wait_child(w), 0);
-    EXPECT_EQ(ctl_word(f), 0u) << "no holder, nobody asleep";
-    EXPECT_EQ(ot::shared_fcp(f)->jd_fcplock, 0u);
-    char buf[64];
-    EXPECT_GT(nisfind(f, 0, "dead", buf, sizeof buf), 0);
-}
 
 // A word left held by an exec'd image (same pid, still running) or by a child forked
 // without is_chinit (a zombie) is taken over.
@@ -209,8 +150,8 @@ TEST_F(CtlWords, ThreadsOfOneProcessShareItsHold) {
 }
 
 // Three processes take three files' control locks (and record locks) in random orders:
-// every request is taken or refused with ISE_DEADLOCK, nobody hangs, no word stays held;
-// in one order nothing is refused.  Process 0 has a wait hook, so its record-lock waits
+// every request is taken or refused with ISE_DEADLOCK (the one that would close a cycle,
+// holding nothing new), nobody hangs, no word stays held; in one order nothing is refused.  Process 0 has a wait hook, so its record-lock waits
 // ask again after each sleep and the kernel does not see them wait.  Seed printed.
 TEST_F(CtlWords, RandomOrdersOfControlAndRecordLocksNeverHang) {
     const int nfiles = 3, nprocs = 3, rounds = 150;
@@ -238,7 +179,10 @@ TEST_F(CtlWords, RandomOrdersOfControlAndRecordLocksNeverHang) {
                 bool ok = true;
                 for (int fd : order) {
                     if (nisgetctl(fd) != 0) {
-                        if (is_errno != ISE_DEADLOCK) return 2;
+                        // Refused holding nothing new, with the control lock's codes.
+                        if (is_errno != ISE_DEADLOCK || kt::error_stack() != std::vector<int>({0x3601, 0x3600}))
+                            return 2;
+                        if (ot::pfi_of(fd)->pfi_ctlcnt != 0 || is_lock_mine(&ot::shared_fcp(fd)->jd_fcplock)) return 8;
                         ok = false;
                         ++refused;
                         break;
@@ -608,28 +552,6 @@ TEST_F(WaitHook, ASignalNotGivenUpKeepsTheWaitUntilTheHolderLetsGo) {
     }
 }
 
-TEST_F(WaitHook, TheFlagGivesUpAnOpenWaitingForTheOpenLockWithoutAHook) {
-    const int fd = file("f");
-    ASSERT_EQ(nisclose(fd), 0);
-    kt::Pipe ready, go;
-    pid_t child = kt::start_child([&] {
-        kt::interrupting_usr1();
-        if (is_chinit() != 0) return 1;
-        kisam_set_wait_hook(nullptr, nullptr, KISAM_WAIT_GIVE_UP);
-        ready.signal();
-        go.wait();
-        if (nisopen(path("f").c_str(), ISO_RDWR) != -1 || is_errno != KISAM_ISE_INTERRUPTED) return 2;
-        if (is_lock_mine(&isam_com->opcl_lock)) return 3;
-        return 0;
-    });
-    ASSERT_EQ(ready.wait(), 'x');
-    ASSERT_EQ(is_lock(&isam_com->opcl_lock), 0);
-    go.signal();
-    EXPECT_TRUE(kt::await([] { return kt::waiting_for(&isam_com->opcl_lock) > 0; }, 2000));
-    EXPECT_EQ(kt::interrupt_until_done(child, 5), 0);
-    is_unlock(&isam_com->opcl_lock);
-}
-
 // A free control lock costs no lock request (a range costs one); a failed request
 // refuses the call with KISAM_ISE_LOCKFAIL.
 TEST_F(WaitHook, AFreeLockCostsNoRequestAndAFailedOneRefusesTheCall) {
@@ -662,9 +584,10 @@ TEST_F(WaitHook, AFreeLockCostsNoRequestAndAFailedOneRefusesTheCall) {
 }
 
 
-// A signal raised before the first sleep (by the hook at the wait's begin) still gives
-// the wait up, for a word and for a range; so does one raised on the very edge of a
-// sleep (its handler must not run unheard before the sleep).
+// A signal gives the wait up wherever it lands: raised by the hook as the wait begins, or
+// on the very edge of a sleep (its handler must not run unheard before the sleep); for a
+// word (the control lock) and for ranges (a record lock; the open lock, given up by the
+// flag without a hook).
 bool raise_at_sleep = false;
 int raise_at_begin(const struct kisam_wait* w, void*) {
     if (w->event == KISAM_WAIT_BEGIN && !raise_at_sleep) ::raise(SIGUSR1);
@@ -675,30 +598,40 @@ int raise_at_begin(const struct kisam_wait* w, void*) {
 TEST_F(WaitHook, ASignalBetweenSleepsIsNotLost) {
     const int fd = file("f");
     ASSERT_EQ(nislock(fd, "ab", 2, 1), 0);
-    for (int way : {0, 1, 2, 3}) {
-        const bool record = way % 2 == 1;
-        SCOPED_TRACE(std::string(record ? "record lock" : "control lock") + (way >= 2 ? ", at its sleep" : ""));
-        if (!record) {
-            ASSERT_EQ(nisgetctl(fd), 0);
-        }
+    const struct Row {
+        const char* name;
+        char what;      // 'c' the control lock, 'r' a record lock, 'o' the open lock
+        bool at_sleep;  // raised on the edge of a sleep, else as the wait begins
+    } rows[] = {{"control lock", 'c', false},
+                {"record lock", 'r', false},
+                {"control lock, at its sleep", 'c', true},
+                {"record lock, at its sleep", 'r', true},
+                {"open lock, the flag without a hook, at its sleep", 'o', true}};
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        if (row.what == 'c') ASSERT_EQ(nisgetctl(fd), 0);
+        if (row.what == 'o') ASSERT_EQ(is_lock(&isam_com->opcl_lock), 0);
         const int st = kt::run_child([&] {
             kt::interrupting_usr1();
             if (is_chinit() != 0) return 1;
-            raise_at_sleep = way >= 2;
+            raise_at_sleep = row.at_sleep;
             if (raise_at_sleep)
                 kisam::test_hook = [](int where, int) {
                     if (where == kisam::kHookSleep && std::exchange(raise_at_sleep, false)) ::raise(SIGUSR1);
                 };
-            kisam_set_wait_hook(raise_at_begin, nullptr, 0);
+            if (row.what == 'o') kisam_set_wait_hook(nullptr, nullptr, KISAM_WAIT_GIVE_UP);
+            else kisam_set_wait_hook(raise_at_begin, nullptr, 0);
             ::alarm(5);  // a lost signal would wait for as long as the parent holds
-            const int r = record ? nislock(fd, "abc", 3, 0) : niswrite(fd, "abcd-record", 11);
+            const int r = row.what == 'r'   ? nislock(fd, "abc", 3, 0)
+                          : row.what == 'c' ? niswrite(fd, "abcd-record", 11)
+                                            : nisopen(path("f").c_str(), ISO_RDWR);
             if (r != -1 || is_errno != KISAM_ISE_INTERRUPTED) return 2;
-            return seen.signals == 1 ? 0 : 3;
+            if (is_lock_mine(&isam_com->opcl_lock)) return 3;
+            return row.what == 'o' || seen.signals == 1 ? 0 : 4;
         });
         EXPECT_EQ(st, 0) << "128 + 14: the wait went on after the signal";
-        if (!record) {
-            ASSERT_EQ(nisrelctl(fd), 0);
-        }
+        if (row.what == 'c') ASSERT_EQ(nisrelctl(fd), 0);
+        if (row.what == 'o') is_unlock(&isam_com->opcl_lock);
     }
     EXPECT_EQ(nisunlock(fd, "ab", 2, 0), 0);
 }
