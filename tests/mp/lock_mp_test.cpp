@@ -1,6 +1,7 @@
-// Locks between real processes: refused cycles of waits, dead and departed holders of
-// control-lock words, a randomized model of record locks, and the wait hook.  (A refused
-// wait for a range: OpenMp.RefusedWaitForOpclLockFailsCleanly.)
+// Locks between real processes: refused cycles of waits, holders of control-lock words
+// that left the library, a randomized model of record locks, and the wait hook.  (A
+// refused wait for a range: OpenMp.RefusedWaitForOpclLockFailsCleanly; sleepers on the
+// word of a holder killed in its bracket: KillTest.)
 #include "../engine/open_fixture.h"
 
 #include "is_common.h"
