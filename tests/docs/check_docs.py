@@ -18,6 +18,7 @@
 
 Exit status 0 when all is well, 1 with the list of faults otherwise.
 """
+import glob
 import os
 import re
 import shutil
@@ -284,6 +285,22 @@ def check_story(src):
     for fact, rel in CODE_FACTS:
         if fact not in open(os.path.join(src, rel), encoding="utf-8").read():
             faults.append(f"{rel}: no longer has {fact}, which the documents name")
+    return faults + check_cited_tests(src)
+
+
+def check_cited_tests(src):
+    """A rulebook's [Suite.Test] citations name tests that exist: a test folded away or
+    renamed leaves a rule that seems checked and is not."""
+    tests = set()
+    for path in glob.glob(os.path.join(src, "tests", "**", "*.cpp"), recursive=True):
+        text = open(path, encoding="utf-8").read()
+        tests |= {f"{a}.{b}" for a, b in re.findall(r"TEST(?:_F|_P)?\(\s*(\w+)\s*,\s*(\w+)", text)}
+    suites = {t.split(".")[0] for t in tests}
+    faults = []
+    for path in sorted(glob.glob(os.path.join(src, "src", "**", "README*.md"), recursive=True)):
+        for suite, test in re.findall(r"\b([A-Z]\w+)\.([A-Z]\w{11,})\b", open(path, encoding="utf-8").read()):
+            if suite in suites and f"{suite}.{test}" not in tests:
+                faults.append(f"{os.path.relpath(path, src)}: cites {suite}.{test}, which no test file has")
     return faults
 
 
