@@ -23,7 +23,7 @@ using kt::spit;
 
 // Long keys: key 1 has order 6, a few hundred writes make four levels.
 const ko::Layout kL{60, 90, 40};
-constexpr int kTightPool = 8;
+constexpr int16_t kTightPool = 8;
 
 enum Op { kWrite, kUpdate, kDelete, kReplace };
 struct Call {
@@ -247,20 +247,17 @@ protected:
     }
 };
 
-TEST_F(Undo, KillAtEveryPageWriteLeavesTheFileAsBefore) { kill_sweep(); }
-
-// A pool of few slots: calls let changed pages go and evict earlier calls' pages.
-class UndoTightPool : public Undo {
-protected:
-    void SetUp() override {
+// With the default pool, then with one of few slots, where calls let changed pages go and
+// evict earlier calls' pages.
+TEST_F(Undo, KillAtEveryPageWriteLeavesTheFileAsBefore) {
+    for (int16_t slots : {kt::Config().maxbuf, kTightPool}) {
+        SCOPED_TRACE("a pool of " + std::to_string(slots));
         kt::Config c;
-        c.maxbuf = kTightPool;
+        c.maxbuf = slots;
         start(c);
-        bound(400);
+        kill_sweep();
     }
-};
-
-TEST_F(UndoTightPool, KillAtEveryPageWriteLeavesTheFileAsBefore) { kill_sweep(); }
+}
 
 // Fails every pwrite of the control page of `fail_path` while set.
 std::string fail_path;
