@@ -33,22 +33,17 @@ std::string rec_keyed(char first) { return first + std::string(kRec + 1, sizeof 
 TEST_F(Crash, CommonLockWords) {
     ASSERT_EQ(nisclose(create("f", {4})), 0);
     const std::string f = path("f");
-    struct Word {
-        const char* name;
-        uint32_t* word;
-    } words[] = {{"opcl_lock", &isam_com->opcl_lock},
-                 {"free_lock", &isam_com->free_lock},
-                 {"buf_lock", &isam_com->buf_lock}};
     int round = 0;
-    for (const Word& w : words) {
+    for (auto [name, word] : {std::pair{"opcl_lock", &isam_com->opcl_lock}, std::pair{"free_lock", &isam_com->free_lock},
+                              std::pair{"buf_lock", &isam_com->buf_lock}}) {
         for (bool direct : {true, false}) {
-            SCOPED_TRACE(std::string(w.name) + (direct ? ", taken over by a take of it" : ", taken over by the calls"));
-            const pid_t pid = hold([&] { return is_chinit() == 0 && is_lock(w.word) == 0 ? 0 : 1; });
-            if (w.word != &isam_com->buf_lock) {   // (a word taken in memory: no range)
-                EXPECT_EQ(is_lockitnw(kisam::com_offset(w.word)), -1) << "held elsewhere: refused at once";
+            SCOPED_TRACE(std::string(name) + (direct ? ", taken over by a take of it" : ", taken over by the calls"));
+            const pid_t pid = hold([&] { return is_chinit() == 0 && is_lock(word) == 0 ? 0 : 1; });
+            if (word != &isam_com->buf_lock) {   // (a word taken in memory: no range)
+                EXPECT_EQ(is_lockitnw(kisam::com_offset(word)), -1) << "held elsewhere: refused at once";
             }
             kill(pid);
-            EXPECT_EQ(*w.word, static_cast<uint32_t>(pid)) << "the word still names the dead holder";
+            EXPECT_EQ(*word, static_cast<uint32_t>(pid)) << "the word still names the dead holder";
             if (!direct) {
                 // Open and close, a record lock and a write needing a fresh buffer get through.
                 const int fd = nisopen(f.c_str(), ISO_RDWR);
@@ -57,14 +52,14 @@ TEST_F(Crash, CommonLockWords) {
                 const std::string rec = rec_keyed(static_cast<char>('a' + round++));
                 EXPECT_EQ(niswrite(fd, rec.data(), sizeof kRec), 0) << is_errno;
                 EXPECT_EQ(nisclose(fd), 0);
-                EXPECT_NE(*w.word, static_cast<uint32_t>(pid));
+                EXPECT_NE(*word, static_cast<uint32_t>(pid));
             }
             // Taken over once (said so to the taker): the next take finds it free.
             for (int stale : {direct ? 1 : 0, 0}) {
-                ASSERT_EQ(is_lock(w.word), 0);
+                ASSERT_EQ(is_lock(word), 0);
                 EXPECT_EQ(is_lock_stale, stale);
-                EXPECT_EQ(*w.word, static_cast<uint32_t>(is_pid));
-                is_unlock(w.word);
+                EXPECT_EQ(*word, static_cast<uint32_t>(is_pid));
+                is_unlock(word);
             }
         }
     }
