@@ -443,7 +443,7 @@ int worker(const std::string& file, int w, uint64_t seed, int calls, bool durabl
         sh->ops[ticket - 1] = Op{w, op, id, g, size};
         present[static_cast<size_t>(local)] = op != 'd';
         if (bracket && nisrelctl(fd) != 0) return 14;
-        MuGuard g;
+        MuGuard lock;
         append(kReturned, ticket, 0, 0, nullptr, 0);
     }
     kisam::test_hook = nullptr;
