@@ -300,28 +300,6 @@ TEST_F(Undo, ARollbackThatFailsIsCompletedByTheNextCall) {
     closed_holds(fd, want);
 }
 
-// A write-back whose control page cannot be written loses nothing: the log keeps the calls.
-TEST_F(Undo, AFailedControlPageWriteBackKeepsTheCalls) {
-    const int fd = filled(20, [](int id) { return 200 + 97 * id; });
-    ASSERT_EQ(nisflush(fd), 0);
-    ASSERT_EQ(apply(fd, {"", kDelete, 3, 0, 0}), 0);
-    ASSERT_EQ(apply(fd, {"", kUpdate, 4, 1, 2500}), 0);
-    const ko::Model after = records_of(fd);
-    fail_control_writes(path("c"));
-    ASSERT_NE(fail_path, "");
-    EXPECT_EQ(nisflush(fd), 0);
-    EXPECT_EQ(control_writes_failed, 1);
-    EXPECT_EQ(records_of(fd), after) << "the calls are still there for this process";
-    EXPECT_EQ(apply(fd, {"", kWrite, 30, 0, 700}), 0) << "the file takes further calls";
-    EXPECT_EQ(apply(fd, {"", kDelete, 30, 0, 0}), 0);
-    nisclose(fd);  // its write-back fails the same way
-    nisunisam();
-    kisam::os = kisam::os_real;
-    fail_path.clear();
-    EXPECT_GE(control_writes_failed, 2);
-    EXPECT_TRUE(holds(path("c"), after)) << "the next process finds the calls";
-}
-
 // A checkpoint whose control page write fails keeps the log; killed at the next log sync,
 // the process leaves a file the replay makes whole and that takes further calls.
 int dying_log_sync(int fd) {
