@@ -124,16 +124,10 @@ protected:
         for (int id = 0; grown < 3 && id < 3000; ++id) {
             const PAGE r = root(1);
             Call c{"write splitting every level up to the root", kWrite, id * 2, 0, size()};
-            if (grown == 2 && root_full(1)) {
-                Target x = snap(c);
-                EXPECT_EQ(apply(fd, c), 0);
-                if (root(1) != r) {
-                    x.after = records_of(fd);
-                    t.push_back(x);
-                }
-            } else {
-                EXPECT_EQ(apply(fd, c), 0);
-            }
+            const bool last = grown == 2 && root_full(1);
+            Target x = last ? snap(c) : Target{};
+            EXPECT_EQ(apply(fd, c), 0);
+            if (last && root(1) != r) t.push_back({c, x.bytes, x.before, records_of(fd)});
             if (root(1) != r && r != KISAM_NOPAGE) ++grown;
         }
         EXPECT_EQ(t.size(), 1u) << "no root split reached";
@@ -164,8 +158,8 @@ protected:
             ready.signal();
             go.wait();
             char buf[4096];
-            int n = 0, r;
-            while ((r = nisread(fd, 0, buf, sizeof buf)) > 0) ++n;
+            int r;
+            while ((r = nisread(fd, 0, buf, sizeof buf)) > 0) {}
             if (r < 0) return 11;
             nisclose(fd);
             nisunisam();
