@@ -181,7 +181,8 @@ pid_t attacher(bool give_up) {
 // A newcomer finding the table full waits to clean up the dead slot, whose unit needs the
 // control lock this process took over and keeps: one that gives up the wait is told why
 // (detail 15 and a message); one that waits takes the slot once another cleaned it up.
-TEST_F(CrashTable, ADeadSlotWhoseCleanUpWaitsIsReportedOrTakenOnceAnotherCleansItUp) {
+using CrashFullTable = CrashTable;
+TEST_F(CrashFullTable, ADeadSlotWhoseCleanUpWaitsIsReportedOrTakenOnceAnotherCleansItUp) {
     const int fd = create("f", {4});
     ASSERT_EQ(niswrite(fd, kRec, sizeof kRec), 0);
     ASSERT_EQ(kt::run_child([&] {
