@@ -19,8 +19,6 @@ namespace ko = kt::oracle;
 const ko::Layout kL{8, 8, 4};
 constexpr int kIds = 600;
 
-ko::Rec stored(int fd, int id) { return ko::find(fd, kL, id); }
-
 sigjmp_buf jump;
 volatile sig_atomic_t in_call = 0;
 
@@ -34,10 +32,11 @@ void on_timer(int) {
 constexpr int kAbandoned = -1000;
 
 // kAbandoned when the timer's handler jumped out of the call.
-int attempt(int fd, int op, const char* rec, int size, const char* key) {
+int attempt(int fd, char op, const std::string& rec) {
     if (sigsetjmp(jump, 1) != 0) return kAbandoned;
     in_call = 1;
-    const int rc = op == 0 ? niswrite(fd, rec, size) : op == 1 ? nisupdate(fd, rec, size) : nisdelete(fd, key);
+    const int size = static_cast<int>(rec.size());
+    const int rc = op == 'w' ? niswrite(fd, rec.data(), size) : op == 'u' ? nisupdate(fd, rec.data(), size) : nisdelete(fd, rec.data());
     in_call = 0;
     return rc;
 }
@@ -54,7 +53,7 @@ __attribute__((format(printf, 3, 4))) int failed(int code, uint64_t seed, const 
 
 void timer(const struct itimerval& it) { ::setitimer(ITIMER_REAL, &it, nullptr); }
 
-class Abandon : public ot::Env {};
+using Abandon = ot::Env;
 
 TEST_F(Abandon, AnAbandonedCallIsWholeOrAbsent) {
     long calls = 40000;
@@ -86,9 +85,9 @@ TEST_F(Abandon, AnAbandonedCallIsWholeOrAbsent) {
             const std::string rec = ko::record(kL, id, gen, size);
             if (i == 0) timer(it);
             o.begin(op, id, gen, size);
-            const int rc = attempt(fd, op == 'w' ? 0 : op == 'u' ? 1 : 2, rec.data(), size, rec.data());
+            const int rc = attempt(fd, op, rec);
             if (rc == kAbandoned) {
-                if (const ::testing::AssertionResult r = o.cut(stored(fd, id)); !r) return failed(11, seed, "call %ld: %s\n", i, r.message());
+                if (const ::testing::AssertionResult r = o.cut(ko::find(fd, kL, id)); !r) return failed(11, seed, "call %ld: %s\n", i, r.message());
             } else if (rc != 0) {
                 return failed(12, seed, "call %ld: op %c on record %d failed: is_errno %d\n", i, op, id, is_errno);
             } else {
@@ -98,7 +97,7 @@ TEST_F(Abandon, AnAbandonedCallIsWholeOrAbsent) {
                 timer(off);
                 ++checks;
                 // A call settles the last abandoned one; the checker reads the disk, so write back first.
-                stored(fd, 0);
+                ko::find(fd, kL, 0);
                 const ko::Scan got = ko::scan(fd, kL);
                 const ::testing::AssertionResult same = ko::same(o.model(), got.recs);
                 if (!got.ok() || !same) return failed(13, seed, "after %ld calls: %s%s\n", i + 1, got.why.c_str(), same.message());

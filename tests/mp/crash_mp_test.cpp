@@ -33,22 +33,17 @@ std::string rec_keyed(char first) { return first + std::string(kRec + 1, sizeof 
 TEST_F(Crash, CommonLockWords) {
     ASSERT_EQ(nisclose(create("f", {4})), 0);
     const std::string f = path("f");
-    struct Word {
-        const char* name;
-        uint32_t* word;
-    } words[] = {{"opcl_lock", &isam_com->opcl_lock},
-                 {"free_lock", &isam_com->free_lock},
-                 {"buf_lock", &isam_com->buf_lock}};
     int round = 0;
-    for (const Word& w : words) {
+    for (auto [name, word] : {std::pair{"opcl_lock", &isam_com->opcl_lock}, std::pair{"free_lock", &isam_com->free_lock},
+                              std::pair{"buf_lock", &isam_com->buf_lock}}) {
         for (bool direct : {true, false}) {
-            SCOPED_TRACE(std::string(w.name) + (direct ? ", taken over by a take of it" : ", taken over by the calls"));
-            const pid_t pid = hold([&] { return is_chinit() == 0 && is_lock(w.word) == 0 ? 0 : 1; });
-            if (w.word != &isam_com->buf_lock) {   // (a word taken in memory: no range)
-                EXPECT_EQ(is_lockitnw(kisam::com_offset(w.word)), -1) << "held elsewhere: refused at once";
+            SCOPED_TRACE(std::string(name) + (direct ? ", taken over by a take of it" : ", taken over by the calls"));
+            const pid_t pid = hold([&] { return is_chinit() == 0 && is_lock(word) == 0 ? 0 : 1; });
+            if (word != &isam_com->buf_lock) {   // (a word taken in memory: no range)
+                EXPECT_EQ(is_lockitnw(kisam::com_offset(word)), -1) << "held elsewhere: refused at once";
             }
             kill(pid);
-            EXPECT_EQ(*w.word, static_cast<uint32_t>(pid)) << "the word still names the dead holder";
+            EXPECT_EQ(*word, static_cast<uint32_t>(pid)) << "the word still names the dead holder";
             if (!direct) {
                 // Open and close, a record lock and a write needing a fresh buffer get through.
                 const int fd = nisopen(f.c_str(), ISO_RDWR);
@@ -57,14 +52,14 @@ TEST_F(Crash, CommonLockWords) {
                 const std::string rec = rec_keyed(static_cast<char>('a' + round++));
                 EXPECT_EQ(niswrite(fd, rec.data(), sizeof kRec), 0) << is_errno;
                 EXPECT_EQ(nisclose(fd), 0);
-                EXPECT_NE(*w.word, static_cast<uint32_t>(pid));
+                EXPECT_NE(*word, static_cast<uint32_t>(pid));
             }
             // Taken over once (said so to the taker): the next take finds it free.
             for (int stale : {direct ? 1 : 0, 0}) {
-                ASSERT_EQ(is_lock(w.word), 0);
+                ASSERT_EQ(is_lock(word), 0);
                 EXPECT_EQ(is_lock_stale, stale);
-                EXPECT_EQ(*w.word, static_cast<uint32_t>(is_pid));
-                is_unlock(w.word);
+                EXPECT_EQ(*word, static_cast<uint32_t>(is_pid));
+                is_unlock(word);
             }
         }
     }
@@ -131,18 +126,6 @@ protected:
     }
 };
 
-// A slot of a process killed while attached is taken over by a later attacher.
-TEST_F(CrashTable, SlotOfAKilledProcessIsReused) {
-    ASSERT_EQ(is_init(), 0);
-    const pid_t pid = hold([] { return is_init(); });   // the second slot
-    EXPECT_EQ(kt::run_child([] { return is_init() == -1 && is_errno == ISE_INITERR ? 0 : 1; }), 0);
-    kill(pid);
-    EXPECT_EQ(kt::run_child([&] {
-                  return is_init() != 0 ? 1 : is_env.pid_[is_env.useridx] == is_pid && is_env.useridx == 1 ? 0 : 2;
-              }),
-              0);
-}
-
 // A clean-up must not free a slot a new process took after its judgement.
 TEST_F(CrashTable, ACleanUpLeavesAloneASlotThatANewProcessTookMeanwhile) {
     ASSERT_EQ(is_init(), 0);
@@ -170,88 +153,78 @@ TEST_F(CrashTable, ACleanUpLeavesAloneASlotThatANewProcessTookMeanwhile) {
     EXPECT_EQ(kisam::isx_proc_of(1)->xp_pid, newcomer);
 }
 
-// A new process finding the table full waits to clean up a dead slot whose unit needs a
-// control lock another process holds.
-class CrashFullTable : public CrashTable {
-protected:
-    void SetUp() override {
-        CrashTable::SetUp();
-        fd_ = create("f", {4});
-        ASSERT_EQ(niswrite(fd_, kRec, sizeof kRec), 0);
-        ASSERT_EQ(kt::run_child([&] {
-                      ot::become_unattached();
-                      const int cfd = nisopen(f().c_str(), ISO_RDWR);
-                      if (cfd < 0) return 1;
-                      kisam::test_hook = [](int where, int) {
-                          if (where == kisam::kHookTouch) ::raise(SIGKILL);
-                      };
-                      niswrite(cfd, rec_keyed('z').data(), sizeof kRec);
-                      return 2;
-                  }),
-                  128 + SIGKILL);
-        ASSERT_EQ(ot::attached_processes(), 2);
-        // Taken over as the clean-up does before it rolls back, and kept.
-        fcp_ = ot::shared_fcp(fd_);
-        ASSERT_EQ(is_lock(&fcp_->jd_fcplock), 0);
-        ASSERT_TRUE(is_lock_stale);
-        jn_note_stale(fcp_, is_lock_stale_pid);
-        v_stale_fcplock(fcp_);
-    }
-    std::string f() const { return path("f"); }
-
-    // An attacher, once waiting for a lock.  Exit 0 with a slot, else 10 + is_init's detail
-    // (+ 100 when it printed nothing about the table).
-    static pid_t attacher(bool give_up) {
-        kt::Pipe ready;
-        const pid_t pid = kt::start_child([&ready, give_up] {
-            ot::become_unattached();
-            ready.close_read();
-            kt::interrupting_usr1();
-            kisam_set_wait_hook(
-                [](const struct kisam_wait* w, void* p) {
-                    if (w->event == KISAM_WAIT_BEGIN) static_cast<kt::Pipe*>(p)->signal();
-                    return 0;
-                },
-                &ready, give_up ? KISAM_WAIT_GIVE_UP : 0);
-            int r = 0;
-            const std::string err = kt::capture_output(2, [&] { r = is_init(); });
-            if (r == 0) return is_env.useridx == 1 ? 0 : 3;
-            const bool said = err.find("cannot be taken over") != std::string::npos;
-            return 10 + (kt::stack_code() & 0xFF) + (said ? 0 : 100);
-        });
-        ready.close_write();
-        EXPECT_EQ(ready.wait(), 'x') << "the attacher does not wait";
-        return pid;
-    }
-
-    int fd_ = -1;
-    IS_FCP* fcp_ = nullptr;
-};
-
-// A dead slot that cannot be cleaned up is reported with its own detail and a message.
-TEST_F(CrashFullTable, ADeadSlotThatCannotBeCleanedUpIsReported) {
-    EXPECT_EQ(kt::interrupt_until_done(attacher(true)), 10 + 15);
-    is_unlock(&fcp_->jd_fcplock);
+// An attacher, once waiting for a lock.  Exit 0 with the second slot, else 10 + is_init's
+// detail (+ 100 when it printed nothing about the table).
+pid_t attacher(bool give_up) {
+    kt::Pipe ready;
+    const pid_t pid = kt::start_child([&ready, give_up] {
+        ot::become_unattached();
+        ready.close_read();
+        kt::interrupting_usr1();
+        kisam_set_wait_hook(
+            [](const struct kisam_wait* w, void* p) {
+                if (w->event == KISAM_WAIT_BEGIN) static_cast<kt::Pipe*>(p)->signal();
+                return 0;
+            },
+            &ready, give_up ? KISAM_WAIT_GIVE_UP : 0);
+        int r = 0;
+        const std::string err = kt::capture_output(2, [&] { r = is_init(); });
+        if (r == 0) return is_env.useridx == 1 ? 0 : 3;
+        const bool said = err.find("cannot be taken over") != std::string::npos;
+        return 10 + (kt::stack_code() & 0xFF) + (said ? 0 : 100);
+    });
+    ready.close_write();
+    EXPECT_EQ(ready.wait(), 'x') << "the attacher does not wait";
+    return pid;
 }
 
-// A slot cleaned up by another while waiting is taken, not reported full.
-TEST_F(CrashFullTable, ASlotCleanedUpByAnotherWhileWaitingIsTaken) {
+// A newcomer finding the table full waits to clean up the dead slot, whose unit needs the
+// control lock this process took over and keeps: one that gives up the wait is told why
+// (detail 15 and a message); one that waits takes the slot once another cleaned it up.
+using CrashFullTable = CrashTable;
+TEST_F(CrashFullTable, ADeadSlotWhoseCleanUpWaitsIsReportedOrTakenOnceAnotherCleansItUp) {
+    const int fd = create("f", {4});
+    ASSERT_EQ(niswrite(fd, kRec, sizeof kRec), 0);
+    ASSERT_EQ(kt::run_child([&] {
+                  ot::become_unattached();
+                  const int cfd = nisopen(path("f").c_str(), ISO_RDWR);
+                  if (cfd < 0) return 1;
+                  kisam::test_hook = [](int where, int) {
+                      if (where == kisam::kHookTouch) ::raise(SIGKILL);
+                  };
+                  niswrite(cfd, rec_keyed('z').data(), sizeof kRec);
+                  return 2;
+              }),
+              128 + SIGKILL);
+    ASSERT_EQ(ot::attached_processes(), 2);
+    // Taken over as the clean-up does before it rolls back, and kept.
+    IS_FCP* fcp = ot::shared_fcp(fd);
+    ASSERT_EQ(is_lock(&fcp->jd_fcplock), 0);
+    ASSERT_TRUE(is_lock_stale);
+    jn_note_stale(fcp, is_lock_stale_pid);
+    v_stale_fcplock(fcp);
+
+    EXPECT_EQ(kt::interrupt_until_done(attacher(true)), 10 + 15);
     const pid_t late = attacher(false);
     int pids[2];
     EXPECT_EQ(kisam_reap(pids, 2), 1);
-    is_unlock(&fcp_->jd_fcplock);
+    is_unlock(&fcp->jd_fcplock);
     EXPECT_EQ(kt::wait_child(late), 0) << "10 + the detail of is_init's failure";
     char rec[sizeof kRec] = {};
-    EXPECT_EQ(nisfind(fd_, 0, "abcd", rec, sizeof rec), static_cast<int>(sizeof kRec));
+    EXPECT_EQ(nisfind(fd, 0, "abcd", rec, sizeof rec), static_cast<int>(sizeof kRec));
     EXPECT_EQ(std::memcmp(rec, kRec, sizeof kRec), 0);
-    EXPECT_EQ(nisclose(fd_), 0);
+    EXPECT_EQ(nisclose(fd), 0);
     nisunisam();
-    EXPECT_TRUE(kt::sound(f()));
+    EXPECT_TRUE(kt::sound(path("f")));
 }
 
-// Killed at any lock call of its attach, a process leaves no slot behind.
+// A full table refuses a newcomer until a slot's process dies; killed at any lock call of
+// its attach, a process leaves no slot behind either: the next takes the last slot.
 TEST_F(CrashTable, KilledAnywhereInItsAttachItLeavesNoSlotBehind) {
     ASSERT_EQ(is_init(), 0);
+    const pid_t holder = hold([] { return is_init(); });   // the second and last slot
+    EXPECT_EQ(kt::run_child([] { return is_init() == -1 && is_errno == ISE_INITERR ? 0 : 1; }), 0) << "the table is full";
+    kill(holder);
     int kills = 0;
     for (int n = 1;; ++n) {
         ASSERT_LT(n, 100) << "the attach never gets through";
@@ -264,7 +237,8 @@ TEST_F(CrashTable, KilledAnywhereInItsAttachItLeavesNoSlotBehind) {
         if (rc == 0) break;
         ASSERT_EQ(rc, 128 + SIGKILL) << "lock call " << n;
         ++kills;
-        EXPECT_EQ(kt::run_child([] { return kt::become_unattached(), is_init() == 0 ? 0 : 1; }), 0) << "killed at lock call " << n << " of its attach, a process kept its slot";
+        EXPECT_EQ(kt::run_child([] { return kt::become_unattached(), is_init() == 0 && is_env.pid_[1] == is_pid ? 0 : 1; }), 0)
+            << "killed at lock call " << n << " of its attach, a process kept its slot";
     }
     EXPECT_GT(kills, 1);
 }
