@@ -298,9 +298,17 @@ def check_cited_tests(src):
     suites = {t.split(".")[0] for t in tests}
     faults = []
     for path in sorted(glob.glob(os.path.join(src, "src", "**", "README*.md"), recursive=True)):
-        for suite, test in re.findall(r"\b([A-Z]\w+)\.([A-Z]\w{11,})\b", open(path, encoding="utf-8").read()):
+        text = open(path, encoding="utf-8").read()
+        for suite, test in re.findall(r"\b([A-Z]\w+)\.([A-Z]\w{11,})\b", text):
             if suite in suites and f"{suite}.{test}" not in tests:
                 faults.append(f"{os.path.relpath(path, src)}: cites {suite}.{test}, which no test file has")
+        # A bracketed list of citations may name a whole suite (`Suite.*`, `Suite.*Pool`,
+        # `Instance/Suite.*/Param`): the suite must still exist.
+        for cited in re.findall(r"\[([^]]*)\]", text):
+            for item in cited.split(","):
+                m = re.match(r"(?:\w+/)?([A-Z]\w+)\.\*", item.strip())
+                if m and m.group(1) not in suites:
+                    faults.append(f"{os.path.relpath(path, src)}: cites {item.strip()}, a suite no test file has")
     return faults
 
 
