@@ -709,7 +709,8 @@ TEST_F(Tool, FullDiskAndFailedSync) {
     table({{{"get", path("closed"), "K00001"}, 0}});
 }
 
-// The tool waiting for a control lock lock_holder holds.
+// The tool waiting for the control lock of another process: a load, which holds it over
+// each batch of records, also while it waits for the next line of its input (a pipe).
 class ToolWait : public ToolInstallation {
 protected:
     pid_t holder = -1;
@@ -719,26 +720,14 @@ protected:
         ToolInstallation::SetUp();
         init_config();
         ASSERT_EQ(run({"create", path("f"), "4"}).rc, 0);
-        int in[2], out[2];
-        ASSERT_EQ(::pipe2(in, O_CLOEXEC), 0);   // the tools started later must not keep them
-        ASSERT_EQ(::pipe2(out, O_CLOEXEC), 0);
-        std::fflush(nullptr);
-        holder = ::fork();
-        if (holder == 0) {
-            private_env();
-            ::setenv("KISCONFIG", cfg.c_str(), 1);
-            ::dup2(in[0], 0);
-            ::dup2(out[1], 1);
-            ::execl(LOCK_HOLDER_PATH, LOCK_HOLDER_PATH, path("f").c_str(), static_cast<char*>(nullptr));
-            ::_exit(127);
-        }
-        ::close(in[0]);
-        ::close(out[1]);
-        holder_in = in[1];
-        char buf[8] = {};
-        ASSERT_EQ(::read(out[0], buf, 5), 5);
-        ::close(out[0]);
-        ASSERT_EQ(std::string(buf), "held\n");
+        ASSERT_EQ(::mkfifo(path("hold.fifo").c_str(), 0666), 0);
+        holder = start({"load", path("f"), path("hold.fifo")}, "/dev/null", "holder");
+        holder_in = ::open(path("hold.fifo").c_str(), O_WRONLY | O_CLOEXEC);   // the tools started later must not keep it
+        const std::string first = "# kisam dump 1\n# keys 4\n10 hold000001\n";
+        ASSERT_EQ(::write(holder_in, first.data(), first.size()), ssize_t(first.size()));
+        const pid_t probe = waiting({"get", path("f"), "hold"});   // held once a reader waits for it
+        ::kill(probe, SIGINT);
+        finish(probe);
     }
     void TearDown() override {
         release();
@@ -746,13 +735,15 @@ protected:
     }
     void release() {
         if (holder < 0) return;
+        const std::string last = "# end 1 records\n";
+        EXPECT_EQ(::write(holder_in, last.data(), last.size()), ssize_t(last.size()));
         ::close(holder_in);
-        EXPECT_EQ(wait_for(holder), 0) << "the holder failed";
+        EXPECT_EQ(finish(holder, "holder").rc, 0) << "the holder failed: " << slurp(path("holder.err"));
         holder = -1;
     }
-    // Returns once the put says whom it waits for.
-    pid_t waiting_put(const std::string& record = "abcdRECORD") {
-        pid_t pid = start({"put", path("f"), record});
+    // Returns once the command says whom it waits for.
+    pid_t waiting(const std::vector<std::string>& args) {
+        pid_t pid = start(args);
         EXPECT_TRUE(appears(".err", "waiting for process " + std::to_string(holder) + " (holds the control lock of " +
                                         dir + "/f)")) << slurp(path(".err"));
         return pid;
@@ -762,7 +753,7 @@ protected:
 TEST_F(ToolWait, AnInterruptDuringAWaitStopsWithNothingWritten) {
     for (int sig : {SIGINT, SIGTERM, SIGHUP}) {
         SCOPED_TRACE("signal " + std::to_string(sig));
-        pid_t pid = waiting_put();
+        pid_t pid = waiting({"put", path("f"), "abcdRECORD"});
         ASSERT_TRUE(running(pid));
         const auto t0 = std::chrono::steady_clock::now();
         ::kill(pid, sig);
@@ -773,7 +764,7 @@ TEST_F(ToolWait, AnInterruptDuringAWaitStopsWithNothingWritten) {
     }
     // A hangup ignored at the start ('nohup') stays ignored.
     ignore_hup = true;
-    pid_t pid = waiting_put("wxyzRECORD");
+    pid_t pid = waiting({"put", path("f"), "wxyzRECORD"});
     ::kill(pid, SIGHUP);
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     EXPECT_TRUE(running(pid)) << "a hangup ended a command that started with it ignored";
