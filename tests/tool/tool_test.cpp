@@ -725,9 +725,9 @@ protected:
         holder_in = ::open(path("hold.fifo").c_str(), O_WRONLY | O_CLOEXEC);   // the tools started later must not keep it
         const std::string first = "# kisam dump 1\n# keys 4\n10 hold000001\n";
         ASSERT_EQ(::write(holder_in, first.data(), first.size()), ssize_t(first.size()));
-        const pid_t probe = waiting({"get", path("f"), "hold"});   // held once a reader waits for it
-        ::kill(probe, SIGINT);
-        finish(probe);
+        const std::string held = "control lock held by pid " + std::to_string(holder);
+        for (int i = 0; i < 1000 && !has(run({"stat"}).out, held); ++i) ::usleep(10000);
+        ASSERT_TRUE(has(run({"stat"}).out, held));
     }
     void TearDown() override {
         release();
