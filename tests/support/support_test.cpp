@@ -240,62 +240,48 @@ TEST_F(EnvStore, PrecedenceDirectivesAndCaching) {
     }), 0);
 }
 
-TEST_F(EnvStore, DirectoryDefaultsAndExports) {
+// Where the directories are, what is exported, and what attaching does outside the
+// library (the documents list it): directories made, their modes, PATH.
+TEST_F(EnvStore, DirectoriesExportsAndSideEffects) {
     ::setenv("ZT_TEMP", "${HOME}/mytmp", 1);
-    EXPECT_EQ(kt::run_child([&] {
-        LoadEnv();
-        const std::string q9 = box.q9(), home = box.home();
-        CHILD_CHECK(eq(zt_homep, q9) && eq(zt_appdatap, home + "/.Q9") && eq(zt_docp, home + "/Documents"));
-        CHILD_CHECK(eq(zt_comappdatap, q9 + "/share") && eq(zt_imagep, q9 + "/images"));
-        CHILD_CHECK(eq(zt_tempp, home + "/mytmp") && is_dir(home + "/mytmp"));
-        CHILD_CHECK(eq(ZTGetEnvX("bin_dir"), q9 + "/bin") && eq(ZTGetEnv("WQSYSTEM"), q9 + "/system"));
-        CHILD_CHECK(eq(std::getenv("ZT_HOME"), q9) && eq(std::getenv("ZT_APPDATA"), home + "/.Q9"));
-        CHILD_CHECK(std::strstr(std::getenv("PATH"), (q9 + "/bin:").c_str()) != nullptr);
-        CHILD_CHECK(exists(q9 + "/share/_Q9_Glbl_Mtx_.lck"));
-        FreeSysEnv();
-        CHILD_CHECK(zt_glblmtxp == nullptr && !exists(q9 + "/share/_Q9_Glbl_Mtx_.lck"));
-        return 0;
-    }), 0);
-    ::setenv("HOME_Q9", box.path("absent").c_str(), 1);
-    EXPECT_EQ(kt::run_child([&] {
-        ZTSetNoExport();
-        LoadEnv();
-        CHILD_CHECK(eq(zt_homep, ".") && ZTGetEnvX("bin_dir") == nullptr);
-        CHILD_CHECK(std::getenv("ZT_HOME") == nullptr && eq(GetUsrEnv("ZT_HOME"), "."));
-        return 0;
-    }), 0);
-}
-
-// What the documents say attaching does outside the library.
-TEST_F(EnvStore, SideEffectsAreThoseTheDocumentsList) {
     ::setenv("PATH", "/usr/bin:/bin", 1);
     EXPECT_EQ(kt::run_child([&] {
         ::umask(022);
         LoadEnv();
         const std::string q9 = box.q9(), home = box.home();
+        CHILD_CHECK(eq(zt_homep, q9) && eq(zt_appdatap, home + "/.Q9") && eq(zt_docp, home + "/Documents"));
+        CHILD_CHECK(eq(zt_comappdatap, q9 + "/share") && eq(zt_imagep, q9 + "/images"));
         CHILD_CHECK(is_dir(home + "/.Q9") && is_dir(home + "/Documents"));
-        CHILD_CHECK(mode_of(q9 + "/share") == 0777 && mode_of(q9 + "/tmp") == 0777);   // whatever the umask
-        CHILD_CHECK(mode_of(q9 + "/share/_Q9_Glbl_Mtx_.lck") == 0666);
+        CHILD_CHECK(eq(zt_tempp, home + "/mytmp") && mode_of(home + "/mytmp") == 0777);   // whatever the umask
+        CHILD_CHECK(mode_of(q9 + "/share") == 0777 && mode_of(q9 + "/share/_Q9_Glbl_Mtx_.lck") == 0666);
+        CHILD_CHECK(eq(ZTGetEnvX("bin_dir"), q9 + "/bin") && eq(ZTGetEnv("WQSYSTEM"), q9 + "/system"));
+        CHILD_CHECK(eq(std::getenv("ZT_HOME"), q9) && eq(std::getenv("ZT_APPDATA"), home + "/.Q9"));
         CHILD_CHECK(eq(std::getenv("PATH"), "/usr/bin:/bin:" + q9 + "/bin:"));  // the trailing colon
+        FreeSysEnv();
+        CHILD_CHECK(zt_glblmtxp == nullptr && !exists(q9 + "/share/_Q9_Glbl_Mtx_.lck"));
         return 0;
     }), 0);
     // ZTSetNoExport: PATH and the home directory alone; the shared directories all the same.
+    ::unsetenv("ZT_TEMP");
     std::filesystem::remove_all(box.home() + "/.Q9");
     std::filesystem::remove_all(box.home() + "/Documents");
     EXPECT_EQ(kt::run_child([&] {
         ZTSetNoExport();
         LoadEnv();
         CHILD_CHECK(eq(std::getenv("PATH"), "/usr/bin:/bin"));
+        CHILD_CHECK(std::getenv("ZT_HOME") == nullptr && eq(GetUsrEnv("ZT_HOME"), box.q9()));
         CHILD_CHECK(!exists(box.home() + "/.Q9") && !exists(box.home() + "/Documents"));
         CHILD_CHECK(exists(box.q9() + "/share/_Q9_Glbl_Mtx_.lck") && is_dir(box.q9() + "/tmp"));
         return 0;
     }), 0);
-    // A HOME_Q9 that does not exist is made, with its share directory.
+    // A HOME_Q9 that does not exist is made, with its share directory; with no
+    // installation the home is "." and nothing is added to PATH.
     ::setenv("HOME_Q9", box.path("absent").c_str(), 1);
     EXPECT_EQ(kt::run_child([&] {
         LoadEnv();
         CHILD_CHECK(mode_of(box.path("absent/share")) == 0777 && !exists(box.path("absent/tmp")));
-        CHILD_CHECK(eq(std::getenv("PATH"), "/usr/bin:/bin"));   // no home: nothing added
+        CHILD_CHECK(eq(zt_homep, ".") && ZTGetEnvX("bin_dir") == nullptr && eq(GetUsrEnv("ZT_HOME"), "."));
+        CHILD_CHECK(eq(std::getenv("PATH"), "/usr/bin:/bin"));
         return 0;
     }), 0);
 }

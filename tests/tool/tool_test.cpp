@@ -125,7 +125,7 @@ protected:
     std::vector<std::pair<std::string, std::string>> env;
     long fsize_limit = -1;       // RLIMIT_FSIZE of the command
     bool stdout_gone = false;    // standard output a pipe whose reader has gone
-    std::string out_link;        // standard output through a link to this file
+    std::string out_to;          // standard output to this file (a device) instead
 
     void SetUp() override {
         char tmpl[] = "/tmp/kisam-tool-XXXXXX";
@@ -170,10 +170,6 @@ protected:
         const std::string out = path(io + ".out"), err = path(io + ".err");
         spit(out, "");
         spit(err, "");
-        if (!out_link.empty()) {
-            ::unlink(out.c_str());
-            EXPECT_EQ(::symlink(out_link.c_str(), out.c_str()), 0);
-        }
         std::fflush(nullptr);
         int gone[2] = {-1, -1};
         if (stdout_gone && ::pipe(gone) == 0) ::close(gone[0]);
@@ -189,7 +185,7 @@ protected:
                 if (::setrlimit(RLIMIT_FSIZE, &rl) != 0) ::_exit(126);
             }
             const int fds[3] = {::open(input_file.c_str(), O_RDONLY),
-                                stdout_gone ? gone[1] : ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666),
+                                stdout_gone ? gone[1] : ::open((out_to.empty() ? out : out_to).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666),
                                 ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666)};
             for (int i = 0; i < 3; ++i)
                 if (fds[i] < 0 || ::dup2(fds[i], i) < 0) ::_exit(126);
@@ -204,9 +200,7 @@ protected:
     }
     Result finish(pid_t pid, const std::string& io = "") {
         const int rc = wait_for(pid);
-        Result r{rc, out_link.empty() ? slurp(path(io + ".out")) : "", slurp(path(io + ".err"))};
-        if (!out_link.empty()) ::unlink(path(io + ".out").c_str());
-        return r;
+        return {rc, slurp(path(io + ".out")), slurp(path(io + ".err"))};
     }
     Result run(const std::vector<std::string>& args, const std::string& input = "") {
         std::string in = "/dev/null";
@@ -470,9 +464,9 @@ TEST_F(Tool, ExitStatusesAndMessages) {
         {{"scan", d}, 0, {"=ab02x\n"}},
     });
     json_table({{{"check", path("data.csv"), "--json"}, 1, {{"/status", "not_isam"}}}});
-    out_link = "/dev/full";
+    out_to = "/dev/full";
     table({{{"scan", f}, 1}, {{"dump", f}, 1, {}, {"No space left"}}});
-    out_link.clear();
+    out_to.clear();
     Writer w = writer(f, "ccccRRRfour", "w");
     ::kill(w.pid, SIGINT);
     Result r = finish(w.pid, "w");   // reaped before its input closes: an end of input is no interrupt
@@ -715,7 +709,8 @@ TEST_F(Tool, FullDiskAndFailedSync) {
     table({{{"get", path("closed"), "K00001"}, 0}});
 }
 
-// The tool waiting for a control lock lock_holder holds.
+// The tool waiting for the control lock of another process: a load, which holds it over
+// each batch of records, also while it waits for the next line of its input (a pipe).
 class ToolWait : public ToolInstallation {
 protected:
     pid_t holder = -1;
@@ -725,26 +720,14 @@ protected:
         ToolInstallation::SetUp();
         init_config();
         ASSERT_EQ(run({"create", path("f"), "4"}).rc, 0);
-        int in[2], out[2];
-        ASSERT_EQ(::pipe2(in, O_CLOEXEC), 0);   // the tools started later must not keep them
-        ASSERT_EQ(::pipe2(out, O_CLOEXEC), 0);
-        std::fflush(nullptr);
-        holder = ::fork();
-        if (holder == 0) {
-            private_env();
-            ::setenv("KISCONFIG", cfg.c_str(), 1);
-            ::dup2(in[0], 0);
-            ::dup2(out[1], 1);
-            ::execl(LOCK_HOLDER_PATH, LOCK_HOLDER_PATH, path("f").c_str(), static_cast<char*>(nullptr));
-            ::_exit(127);
-        }
-        ::close(in[0]);
-        ::close(out[1]);
-        holder_in = in[1];
-        char buf[8] = {};
-        ASSERT_EQ(::read(out[0], buf, 5), 5);
-        ::close(out[0]);
-        ASSERT_EQ(std::string(buf), "held\n");
+        ASSERT_EQ(::mkfifo(path("hold.fifo").c_str(), 0666), 0);
+        holder = start({"load", path("f"), path("hold.fifo")}, "/dev/null", "holder");
+        holder_in = ::open(path("hold.fifo").c_str(), O_WRONLY | O_CLOEXEC);   // the tools started later must not keep it
+        const std::string first = "# kisam dump 1\n# keys 4\n10 hold000001\n";
+        ASSERT_EQ(::write(holder_in, first.data(), first.size()), ssize_t(first.size()));
+        const std::string held = "control lock held by pid " + std::to_string(holder);
+        for (int i = 0; i < 1000 && !has(run({"stat"}).out, held); ++i) ::usleep(10000);
+        ASSERT_TRUE(has(run({"stat"}).out, held));
     }
     void TearDown() override {
         release();
@@ -752,13 +735,15 @@ protected:
     }
     void release() {
         if (holder < 0) return;
+        const std::string last = "# end 1 records\n";
+        EXPECT_EQ(::write(holder_in, last.data(), last.size()), ssize_t(last.size()));
         ::close(holder_in);
-        EXPECT_EQ(wait_for(holder), 0) << "the holder failed";
+        EXPECT_EQ(finish(holder, "holder").rc, 0) << "the holder failed: " << slurp(path("holder.err"));
         holder = -1;
     }
-    // Returns once the put says whom it waits for.
-    pid_t waiting_put(const std::string& record = "abcdRECORD") {
-        pid_t pid = start({"put", path("f"), record});
+    // Returns once the command says whom it waits for.
+    pid_t waiting(const std::vector<std::string>& args) {
+        pid_t pid = start(args);
         EXPECT_TRUE(appears(".err", "waiting for process " + std::to_string(holder) + " (holds the control lock of " +
                                         dir + "/f)")) << slurp(path(".err"));
         return pid;
@@ -768,7 +753,7 @@ protected:
 TEST_F(ToolWait, AnInterruptDuringAWaitStopsWithNothingWritten) {
     for (int sig : {SIGINT, SIGTERM, SIGHUP}) {
         SCOPED_TRACE("signal " + std::to_string(sig));
-        pid_t pid = waiting_put();
+        pid_t pid = waiting({"put", path("f"), "abcdRECORD"});
         ASSERT_TRUE(running(pid));
         const auto t0 = std::chrono::steady_clock::now();
         ::kill(pid, sig);
@@ -779,7 +764,7 @@ TEST_F(ToolWait, AnInterruptDuringAWaitStopsWithNothingWritten) {
     }
     // A hangup ignored at the start ('nohup') stays ignored.
     ignore_hup = true;
-    pid_t pid = waiting_put("wxyzRECORD");
+    pid_t pid = waiting({"put", path("f"), "wxyzRECORD"});
     ::kill(pid, SIGHUP);
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     EXPECT_TRUE(running(pid)) << "a hangup ended a command that started with it ignored";
@@ -825,24 +810,6 @@ TEST_F(Backup, BackupsOfAFileBeingWrittenAreSoundPrefixes) {
     EXPECT_EQ(temporaries(), "") << "a temporary was left";
 }
 
-TEST_F(Backup, AFailedBackupLeavesNothing) {
-    const std::string f = path("src");
-    spit(path("in.dump"), dump_of(3000));
-    spit(path("old"), "an older backup\n");
-    table({{{"load", f, path("in.dump")}, 0},
-           {{"backup", f, path("nowhere/copy")}, 1, {}, {"nothing was written"}},
-           {{"backup", f}, 2},
-           {{"backup", f, path("old")}, 1, {}, {"ISE_FLWT"}, "", 100000}});
-    EXPECT_EQ(slurp(path("old")), "an older backup\n");
-    const size_t at = slurp(f).find("K0000005A");
-    ASSERT_NE(at, std::string::npos);
-    poke(f, off_t(at) - 2, "\xff\x83");   // a record's length now runs off its page
-    table({{{"check", f}, 1}, {{"backup", f, path("old")}, 1, {}, {"did not check sound"}}});
-    EXPECT_EQ(slurp(path("old")), "an older backup\n");
-    EXPECT_NE(::access(path("nowhere").c_str(), F_OK), 0);
-    EXPECT_EQ(temporaries(), "") << "a temporary was left";
-}
-
 // Half the records deleted: compact halves the file and keeps every record and order.
 TEST_F(Backup, CompactGivesBackWhatDeletesFreed) {
     spit(path("in.dump"), dump_of(4000));
@@ -881,16 +848,28 @@ TEST_F(Backup, CompactGivesBackWhatDeletesFreed) {
     EXPECT_EQ(temporaries(), "") << "a temporary was left";
 }
 
-TEST_F(Backup, CompactRefusedWhileTheFileIsOpenElsewhere) {
-    const std::string f = path("busy");
-    spit(path("in.dump"), dump_of(500));
-    ASSERT_EQ(run({"load", f, path("in.dump")}).rc, 0);
+// A backup that fails, and a compact refused while another process has the file open,
+// leave the file, the destination and the directory as they were.
+TEST_F(Backup, FailuresAndRefusalsLeaveEverythingAsItWas) {
+    const std::string f = path("src");
+    spit(path("in.dump"), dump_of(3000));
+    spit(path("old"), "an older backup\n");
+    table({{{"load", f, path("in.dump")}, 0},
+           {{"backup", f, path("nowhere/copy")}, 1, {}, {"nothing was written"}},
+           {{"backup", f}, 2},
+           {{"backup", f, path("old")}, 1, {}, {"ISE_FLWT"}, "", 100000}});
     Writer w = writer(f, "K9999999A00000held open", "holder");
     const std::string before = slurp(f);
     table({{{"compact", f}, 1, {}, {"open in 1 other process"}}});
     EXPECT_EQ(slurp(f), before);
     EXPECT_EQ(end(w).rc, 0) << slurp(path("holder.err"));
     table({{{"compact", f}, 0}, {{"check", f}, 0}, {{"get", f, "K9999999"}, 0}});
+    const size_t at = slurp(f).find("K0000005A");
+    ASSERT_NE(at, std::string::npos);
+    poke(f, off_t(at) - 2, "\xff\x83");   // a record's length now runs off its page
+    table({{{"check", f}, 1}, {{"backup", f, path("old")}, 1, {}, {"did not check sound"}}});
+    EXPECT_EQ(slurp(path("old")), "an older backup\n");
+    EXPECT_NE(::access(path("nowhere").c_str(), F_OK), 0);
     EXPECT_EQ(temporaries(), "") << "a temporary was left";
 }
 
