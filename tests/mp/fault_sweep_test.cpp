@@ -116,13 +116,6 @@ int telling_fcntl(int fd, int cmd, struct flock* fl) {
     return r;
 }
 
-kt::Config pool(int16_t maxbuf, uint32_t bits = 0) {
-    kt::Config c;
-    c.maxbuf = maxbuf;
-    c.bits = bits;
-    return c;
-}
-
 class Sweep : public Env {
 protected:
     void SetUp() override { bound(600); }   // each test starts its own installation
@@ -138,11 +131,9 @@ protected:
         nisclose(fresh());
         nisunisam();
     }
-
     static ::testing::AssertionResult matches(const std::string& f, const ko::Model& model) {
         return ko::holds(f, kL, model, ISO_RDONLY | ISF_NOVERIFY);
     }
-
     void drop_journals() {
         for (int i = 0; i < 64; ++i) ::unlink((inst_->config_path() + ".lk.u" + std::to_string(i)).c_str());
     }
@@ -161,8 +152,10 @@ protected:
             if (with_close) total = Faults::calls(kind);
         }
         nisunisam();
-        if (verify) { EXPECT_TRUE(coded); }
-        if (verify) { EXPECT_TRUE(matches(path("s"), o.model())); }
+        if (verify) {
+            EXPECT_TRUE(coded);
+            EXPECT_TRUE(matches(path("s"), o.model()));
+        }
         return total;
     }
 
@@ -219,7 +212,7 @@ class Sweeps : public Sweep, public ::testing::WithParamInterface<Kind> {};
 
 TEST_P(Sweeps, EveryPointOnceAndFromThenOn) {
     const Kind& k = GetParam();
-    start(pool(k.maxbuf ? k.maxbuf : kt::Config().maxbuf, k.bits));
+    start(kt::Config{.maxbuf = k.maxbuf ? k.maxbuf : kt::Config().maxbuf, .bits = k.bits});
     sweep(k.kind, k.name);
 }
 
@@ -279,7 +272,7 @@ int forgetful_sync(int fd) {
 class DataSyncs : public Sweep, public ::testing::WithParamInterface<uint32_t> {};
 
 TEST_P(DataSyncs, EachFailingOnADiskThatDropsWhatItHadNotWritten) {
-    start(pool(kTightPool, GetParam()));
+    start(kt::Config{.maxbuf = kTightPool, .bits = GetParam()});
     const std::string f = path("s");
     const std::vector<Step> w = workload();
     Forget forget{};
@@ -333,7 +326,7 @@ INSTANTIATE_TEST_SUITE_P(Marks, DataSyncs, ::testing::Values(0u, 0x1u | 0x2u, 0x
 // The same disk under the log, in durable mode, killed at the end and replayed: no call
 // that returned is lost, and calls go on after the failure.
 TEST_F(Sweep, LogSyncsEachFailingOnADiskThatDropsWhatItHadNotWritten) {
-    start(pool(kTightPool));
+    start(kt::Config{.maxbuf = kTightPool});
     const std::string f = path("s");
     const std::vector<Step> w = workload();
     struct Out {
