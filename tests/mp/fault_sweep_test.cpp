@@ -138,8 +138,9 @@ protected:
         for (int i = 0; i < 64; ++i) ::unlink((inst_->config_path() + ".lk.u" + std::to_string(i)).c_str());
     }
 
-    // Calls of kind the workload makes with no fault; with verify, the file must match.
-    int calls_of(const std::vector<Step>& w, Faults::Kind kind, bool verify, bool with_close = true) {
+    // Calls of kind the workload makes with no fault, through its close when `whole` (and
+    // the file must then match).
+    int calls_of(const std::vector<Step>& w, Faults::Kind kind, bool whole = true) {
         const int fd = fresh();
         ko::Oracle o;
         bool coded = true;
@@ -149,10 +150,10 @@ protected:
             run(fd, w, o, &coded);
             total = Faults::calls(kind);
             EXPECT_EQ(nisclose(fd), 0);
-            if (with_close) total = Faults::calls(kind);
+            if (whole) total = Faults::calls(kind);
         }
         nisunisam();
-        if (verify) {
+        if (whole) {
             EXPECT_TRUE(coded);
             EXPECT_TRUE(matches(path("s"), o.model()));
         }
@@ -160,14 +161,14 @@ protected:
     }
 
     // Every nth call of kind, once and from then on, through the run and its close.
-    void sweep(Faults::Kind kind, const char* what, int stride = 1) {
+    void sweep(Faults::Kind kind, const char* what) {
         const std::vector<Step> w = workload();
         if (kind == Faults::kAlloc) drop_journals();
-        const int total = calls_of(w, kind, true);
+        const int total = calls_of(w, kind);
         if (HasFailure()) return;
         ASSERT_GT(total, 0) << what;
         for (Faults::Mode mode : {Faults::kOnce, Faults::kFromThenOn}) {
-            for (int n = 1; n <= total; n += stride) {
+            for (int n = 1; n <= total; ++n) {
                 SCOPED_TRACE(std::string(what) + (mode == Faults::kOnce ? " failing once" : " failing from then on") +
                              " at call " + std::to_string(n) + " of " + std::to_string(total));
                 // Journals are reserved when first made: each run needs its own.
@@ -193,7 +194,7 @@ protected:
                 ASSERT_LT(::shmget(inst_->key(), 0, 0), 0) << "a segment was left behind";
             }
         }
-        std::printf("[ sweep    ] %s: %d points, each once and from then on\n", what, (total + stride - 1) / stride);
+        std::printf("[ sweep    ] %s: %d points, each once and from then on\n", what, total);
     }
 };
 
@@ -411,7 +412,7 @@ TEST_F(Sweep, LockCalls) {
     start();
     const std::string f = path("s"), log = path("log");
     const std::vector<Step> w = workload();
-    const int total = calls_of(w, Faults::kLock, false, false);
+    const int total = calls_of(w, Faults::kLock, false);
     int aborted = 0, refused = 0;
     for (Faults::Mode mode : {Faults::kOnce, Faults::kFromThenOn}) {
         for (int n = 1; n <= total; n += mode == Faults::kOnce ? 1 : 3) {
