@@ -39,10 +39,8 @@ int run_as(uid_t uid, gid_t gid, std::vector<gid_t> groups, std::function<int()>
 }
 
 struct shmid_ds segment_stat(key_t key) {
-    struct shmid_ds ds;
-    std::memset(&ds, 0, sizeof ds);
-    int id = ::shmget(key, 0, 0);
-    if (id >= 0) ::shmctl(id, IPC_STAT, &ds);
+    struct shmid_ds ds {};
+    if (const int id = ::shmget(key, 0, 0); id >= 0) ::shmctl(id, IPC_STAT, &ds);
     return ds;
 }
 
@@ -82,8 +80,7 @@ int look(int fd, int id, char c) {
 }
 int leave(int fd) {
     nisclose(fd);
-    nisunisam();
-    return 0;
+    return nisunisam(), 0;
 }
 
 const struct Planted {

@@ -5,11 +5,11 @@
 #include "../engine/open_fixture.h"
 #include "oracle.h"
 
-#include <dirent.h>
 #include <signal.h>
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <random>
@@ -40,10 +40,7 @@ int writer(const std::string& file, const std::string& log, int w, uint64_t seed
     if (!out) return 11;
     State st;
     const int base = w * kIdsPerWriter;
-    // SIGTERM ends it after logging the unit under way.
-    struct sigaction sa {};
-    sa.sa_handler = on_term;
-    ::sigaction(SIGTERM, &sa, nullptr);
+    ::signal(SIGTERM, on_term);   // ends it after logging the unit under way
     for (int unit = 0; !stop; ++unit) {
         const bool pair = rng() % 4 == 0;
         if (pair && nisgetctl(fd) != 0) return 12;
@@ -182,10 +179,7 @@ TEST_F(Backup, AFailedBackupLeavesNothingUnderTheDestination) {
     const std::string file = path("f");
     const int fd = create("f", {8});
     ASSERT_GE(fd, 0);
-    for (int i = 0; i < 300; ++i) {
-        const std::string r = record(i, 1, 100);
-        ASSERT_EQ(niswrite(fd, r.data(), 100), 0);
-    }
+    for (int i = 0; i < 300; ++i) ASSERT_EQ(niswrite(fd, record(i, 1, 100).data(), 100), 0);
     const std::string dest = path("backup");
     EXPECT_EQ(kisam_backup(file.c_str(), dest.c_str(), [](const char*, void*) { return 1; }, nullptr, nullptr), -1);
     EXPECT_EQ(is_errno, ISE_BTS);
@@ -194,8 +188,7 @@ TEST_F(Backup, AFailedBackupLeavesNothingUnderTheDestination) {
     // A good one, then every write and sync of the next failing in turn: the good one stays.
     ASSERT_EQ(kisam_backup(file.c_str(), dest.c_str(), verify, nullptr, nullptr), 0);
     ASSERT_EQ(::stat(dest.c_str(), &st), 0);
-    const std::string r = record(1000, 1, 100);
-    ASSERT_EQ(niswrite(fd, r.data(), 100), 0);
+    ASSERT_EQ(niswrite(fd, record(1000, 1, 100).data(), 100), 0);
     int failed = 0;
     for (kt::Faults::Kind kind : {kt::Faults::kWrite, kt::Faults::kSync}) {
         for (int n = 1;; ++n) {
@@ -211,10 +204,8 @@ TEST_F(Backup, AFailedBackupLeavesNothingUnderTheDestination) {
         }
     }
     EXPECT_GE(failed, 2);
-    DIR* d = ::opendir(inst_->dir().c_str());
-    ASSERT_NE(d, nullptr);
-    while (struct dirent* e = ::readdir(d)) EXPECT_EQ(std::strstr(e->d_name, ".tmp"), nullptr) << e->d_name;
-    ::closedir(d);
+    for (const auto& e : std::filesystem::directory_iterator(inst_->dir()))
+        EXPECT_EQ(e.path().filename().string().find(".tmp"), std::string::npos) << e.path();
     ASSERT_EQ(nisclose(fd), 0);
 }
 

@@ -48,8 +48,7 @@ ko::Rec stored(int fd, int id) {
 // A record read back must be one the workers wrote.
 void parse_or_die(const char* buf, int n, int code, const char* who, int key) {
     int got;
-    ko::Rec r;
-    if (n > 0 && !ko::parse(kL, buf, n, &got, &r))
+    if (ko::Rec r; n > 0 && !ko::parse(kL, buf, n, &got, &r))
         die(code, "%s: a read along key %d returned a wrong record of %d bytes: %.*s\n", who, key, n, n < 40 ? n : 40, buf);
 }
 
@@ -58,8 +57,7 @@ void on_stop(int) { g_stop = 1; }
 
 // Kills land in opens, closes, record locks and buffers moving between files too.
 int open_or_die(const std::string& file, const char* who, int code) {
-    const int fd = nisopen(file.c_str(), ISO_RDWR);
-    if (fd >= 0) return fd;
+    if (const int fd = nisopen(file.c_str(), ISO_RDWR); fd >= 0) return fd;
     char msg[512];
     niserrmsgget(msg, sizeof msg);
     die(code, "%s: open fails, errno %d: %s\n", who, is_errno, msg);
@@ -165,13 +163,6 @@ void churn(const std::string& file, std::mt19937_64& rng) {
     }
 }
 
-kt::Config pool(int16_t maxbuf, uint32_t bits = 0) {
-    kt::Config c;
-    c.maxbuf = maxbuf;
-    c.bits = bits;
-    return c;
-}
-
 // ---- the supervisor ------------------------------------------------------------------------
 
 class KillTest : public Env {
@@ -183,14 +174,10 @@ protected:
         Env::TearDown();
     }
 
-    // A pool of 64, `file_` to work on and `keep_` to hold the segment with; round(k) for
-    // k = 1, 2, ... (this process attached through keep_) until a round's process was not
-    // killed, which round returns.
+    // round(k) on a new file `file_` for k = 1, 2, ... (this process attached through
+    // keep_) until a round's process was not killed, which round returns.
     void every_kill_point(const char* who, const std::function<bool(int k)>& round) {
-        start(pool(64));
-        bound(300);
-        file_ = made("f", kL.lens());
-        keep_ = made("keep", kL.lens());
+        file_ = made(who, kL.lens());
         bool whole = false;
         int points = 0;
         for (int k = 1; !whole && k < 1000 && !HasFailure(); ++k, ++points) {
@@ -316,8 +303,8 @@ int write_calls(const std::string& file, int first, bool close, kt::Pipe* done =
     const int fd = nisopen(file.c_str(), ISO_RDWR);
     if (fd < 0) return 1;
     for (int i = 0; i < kCalls; ++i) {
-        const std::string r = record(first + i, 1, 700 + 300 * i);
-        if (niswrite(fd, r.data(), static_cast<int>(r.size())) < 0) return 2;
+        if (const std::string r = record(first + i, 1, 700 + 300 * i); niswrite(fd, r.data(), static_cast<int>(r.size())) < 0)
+            return 2;
         if (done) done->signal();
     }
     if (close && nisclose(fd) != 0) return 3;
@@ -335,8 +322,13 @@ int killed_at(int k, const std::function<int()>& fn) {
 
 // A kill at every write, sync or lock of an open, kCalls writes and the last close: the
 // file holds every call that returned and at most the cut one, both when the last process
-// left and after another process's call and death made recovery replay the log.
+// left and after another process's call and death made recovery replay the log.  Then a
+// cleaner that finishes a dead process's last close, killed at every write, sync or lock
+// of it, leaves the close to the next: the file holds every call that returned.
 TEST_F(KillTest, KilledAnywhereInAnOpenCallsAndTheLastClose) {
+    start(kt::Config{.maxbuf = 64});
+    bound(300);
+    keep_ = made("keep", kL.lens());
     long have = 0;
     int id = 0;
     // kCalls writes and the close, killed at the k-th system call from the open on; its
@@ -389,13 +381,7 @@ TEST_F(KillTest, KilledAnywhereInAnOpenCallsAndTheLastClose) {
         check_counts(&have, returned + 1, 1, k, "recovered");
         return rc == 0;
     });
-}
-
-// A cleaner that finishes a dead process's last close, killed at every write, sync or
-// lock of it, leaves the close to the next: the file holds every call that returned.
-TEST_F(KillTest, ACleanerKilledAnywhereInTheLastCloseItFinishesLeavesItToTheNext) {
-    long have = 0;
-    int id = 0;
+    have = 0;
     every_kill_point("cleaner", [&](int k) {
         const int first = id;
         id += kCalls;
@@ -417,7 +403,7 @@ TEST_F(KillTest, ACleanerKilledAnywhereInTheLastCloseItFinishesLeavesItToTheNext
     });
 }
 
-TEST_F(KillTest, SmallPool) { run(pool(64), 150); }
-TEST_F(KillTest, LargePoolWithTheDataChangedMark) { run(pool(4000, 0x1), 150); }
+TEST_F(KillTest, SmallPool) { run(kt::Config{.maxbuf = 64}, 150); }
+TEST_F(KillTest, LargePoolWithTheDataChangedMark) { run(kt::Config{.maxbuf = 4000, .bits = 0x1}, 150); }
 
 }  // namespace

@@ -1,17 +1,12 @@
-// The buffer pool between real processes, and one B-tree shared by several.
-#include "../engine/bt_fixture.h"
+// The buffer pool between real processes: whose slots a miss may take, and whom it waits for.
 #include "../engine/pool_fixture.h"
 
 #include "isx_area.h"
-#include "kcheck.h"
-
-#include <algorithm>
 
 #include <signal.h>
 
 #include <random>
 #include <set>
-#include <sys/wait.h>
 
 using namespace pt;
 
@@ -80,8 +75,7 @@ TEST_F(PoolMp, TwoProcessesMissOnTheSameFilesAtOnce) {
 
 TEST_F(PoolMp, StealingPassesOverAFileLockedElsewhere) {
     start(cfg(4, 100));
-    int a = make_file("a.ism", 4);
-    int b = make_file("b.ism", 4);
+    const int a = make_file("a.ism", 4), b = make_file("b.ism", 4);
     begin(a);
     for (int i = 1; i <= 4; ++i) get(i);
     ASSERT_EQ(end(), 0);
@@ -90,7 +84,7 @@ TEST_F(PoolMp, StealingPassesOverAFileLockedElsewhere) {
     ASSERT_EQ(end(), 0);
     ASSERT_EQ(chain_pages(uid(a)).size(), 3u);
     kt::Pipe locked, done;
-    pid_t child = kt::start_child([&] {
+    const pid_t child = kt::start_child([&] {
         if (is_chinit() != 0 || nisgetctl(a) != 0) return 2;
         locked.signal();
         done.wait();
@@ -143,102 +137,10 @@ TEST_F(PoolMp, EverySlotFixedElsewhereWaitsForALiveHolderNotForADeadOne) {
         get(1);
         EXPECT_EQ(isam_com->vr_nsleep > sleeps, how == 0) << "slept " << isam_com->vr_nsleep - sleeps;
         EXPECT_EQ(end(), 0);
-        if (how == 0) {
-            EXPECT_EQ(kt::wait_child(child), 0);
-        }
+        if (how == 0) { EXPECT_EQ(kt::wait_child(child), 0); }
         EXPECT_EQ(fixed_slots(), 0);
         stop();
     }
 }
-
-// ---- one tree ------------------------------------------------------------------------------
-
-constexpr int kChildren = 3;
-constexpr int kPerChild = 150;
-
-std::string item_of(int len, int v) {
-    std::string s(static_cast<size_t>(len), 'm');
-    s[0] = static_cast<char>(v >> 8);
-    s[1] = static_cast<char>(v);
-    kisam::store_at<uint32_t>(s.data() + len - 4, static_cast<uint32_t>(v) * 3u);
-    return s;
-}
-
-// Child c inserts its values (c mod kChildren) in random order, deletes every third,
-// and finds the others exactly.
-int child_work(int fd, int c, uint64_t seed) {
-    if (is_chinit() != 0) return 10;
-    std::mt19937_64 rng(seed + static_cast<uint64_t>(c));
-    std::vector<int> mine;
-    for (int i = 0; i < kPerChild; ++i) mine.push_back(c + kChildren * i);
-    std::shuffle(mine.begin(), mine.end(), rng);
-    std::vector<int> inserted;
-    for (size_t n = 0; n < mine.size() || !inserted.empty();) {
-        if (is_isin(PROC(P_ISWRITE), fd, 0) != 0 || is_getctl() != 0) return 11;
-        IS_KEY* kp = kisam::fcp_key(is_curfcp, 0);
-        const int len = kp->k_itemlen;
-        int rc = 0;
-        if (n < mine.size() && (inserted.empty() || rng() % 3 != 0)) {
-            const int v = mine[n++];
-            std::string it = item_of(len, v);
-            if (bt_insert(0, kp->k_root, it.data(), 0, 0) != 0) rc = 12;
-            inserted.push_back(v);
-        } else {
-            const size_t at = static_cast<size_t>(rng() % inserted.size());
-            const int v = inserted[at];
-            inserted.erase(inserted.begin() + static_cast<long>(at));
-            std::string it = item_of(len, v);
-            if ((v / kChildren) % 3 == 0) {
-                if (bt_delete(0, kp->k_root, it.data(), KISAM_NOPAGE) != 0) rc = 13;
-            } else {   // the exact search finds it whole, through whatever hint is left
-                std::string probe = item_of(len, v);
-                kisam::store_at<uint32_t>(probe.data() + len - 4, 0);
-                if (bt_search(0, kp->k_root, 1, probe.data(), 0) != 1 || probe != it) rc = 14;
-            }
-        }
-        if (is_relctl() != 0) rc = rc ? rc : 15;
-        is_isout();
-        if (rc) return rc;
-    }
-    nisunisam();
-    return 0;
-}
-
-class BtMp : public ::testing::TestWithParam<int> {};
-
-// One tree, one operation per control-lock hold (every hint stale): sound and exact.
-TEST_P(BtMp, ProcessesShareOneTree) {
-    const int keylen = GetParam();
-    kt::Config cfg;
-    cfg.maxbuf = 24;   // small: the processes also take slots from one another
-    btt::BtFile f(1024, {keylen}, cfg);
-    ASSERT_TRUE(f.ok());
-    const uint64_t seed = kt::test_seed(0xB7B7);
-    SCOPED_TRACE("KISAM_SEED=" + std::to_string(seed));
-
-    kt::Pipe go;   // the children start together
-    std::vector<pid_t> kids;
-    for (int c = 0; c < kChildren; ++c)
-        kids.push_back(kt::start_child([&, c] {
-            go.close_write();   // only the parent writes: a parent gone ends the wait
-            return go.wait() == 'x' ? child_work(f.fd(), c, seed) : 9;
-        }));
-    for (int c = 0; c < kChildren; ++c) go.signal();
-    for (pid_t p : kids) EXPECT_EQ(kt::wait_child(p), 0);
-
-    ASSERT_EQ(kt::write_back(f.fd()), 0);
-    const auto rep = kisam::check::check_file(f.path(), kisam::check::CHECK_TREES | kisam::check::CHECK_FREE);
-    ASSERT_TRUE(rep.ok) << rep.error;
-    EXPECT_EQ(rep.unknown_pages, 0);
-
-    std::vector<std::string> items, want;
-    std::string err;
-    ASSERT_GE(kisam::check::list_items(f.path(), 0, &items, &err), 0) << err;
-    for (int v = 0; v < kChildren * kPerChild; ++v)
-        if ((v / kChildren) % 3 != 0) want.push_back(item_of(((keylen + 1) & ~1) + 4, v));
-    EXPECT_TRUE(items == want);
-}
-
-INSTANTIATE_TEST_SUITE_P(Bt, BtMp, ::testing::Values(300, 240));   // orders 3 and 4
 
 }  // namespace
