@@ -226,7 +226,9 @@ int  isallclose(void);
 /* Closes every descriptor, releases this process's record locks and locks left by an
  * interrupted call, frees the handle tables and detaches; the last process to detach
  * removes the shared area.  Returns 0 (also when not attached).  A later is_init,
- * nisopen or niscreate attaches again. */
+ * nisopen or niscreate attaches again.  A close whose wait was given up at a signal (see
+ * kisam_set_wait_hook) leaves its file to the next process that cleans up after dead
+ * ones, as if this process had died. */
 int  nisunisam(void);
 /* nisunisam(), then exit(rc). */
 void nisexit(int rc);

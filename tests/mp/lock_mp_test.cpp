@@ -463,7 +463,8 @@ int given_up(const std::function<int()>& wait) {
 }
 
 // Given up (control lock, then record lock): the hook knew holder, kind and file; the
-// call fails with KISAM_ISE_INTERRUPTED keeping nothing of the wait.
+// call fails with KISAM_ISE_INTERRUPTED keeping nothing of the wait.  A detach whose close
+// is given up leaves its slot to a clean-up, which counts the file open once again.
 TEST_F(WaitHook, AWaitGivenUpAtASignalKeepsNothingOfIt) {
     const int fd = file("f");
     const pid_t parent = ::getpid();
@@ -481,9 +482,13 @@ TEST_F(WaitHook, AWaitGivenUpAtASignalKeepsNothingOfIt) {
                   char msg[200];
                   niserrmsgget(msg, sizeof msg);
                   if (!std::strstr(msg, "KISAM_ISE_INTERRUPTED wait for a lock given up at a signal")) return 11;
-                  return 0;
+                  return nisunisam() == 0 && isam_com == nullptr ? 0 : 12;
               }),
               0);
+    EXPECT_EQ(ot::shared_fcp(fd)->is_usecnt, 2);
+    int pids[4];
+    EXPECT_EQ(kisam_reap(pids, 4), 1) << "the slot of the detach that left its file open";
+    EXPECT_EQ(ot::shared_fcp(fd)->is_usecnt, 1);
     char buf[64];
     EXPECT_EQ(nisfind(fd, 0, "abcd", buf, sizeof buf), 0) << "the record was written";
     EXPECT_EQ(nisrelctl(fd), 0);

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <langinfo.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 namespace kisam_tool {
@@ -131,8 +132,12 @@ int fail(const std::string& cmd, const std::string& msg) {
     return EXIT_FAIL;
 }
 
+// Said once: after an interrupt, the waits of the closes and the detach on the way out
+// are given up too, and each would otherwise say it again.
 int interrupted(const std::string& cmd, const std::string& what) {
-    fail(cmd, "interrupted" + what);
+    static bool told = false;
+    if (!told) fail(cmd, "interrupted" + what);
+    told = true;
     return EXIT_INTERRUPTED;
 }
 
@@ -404,13 +409,19 @@ static const char* held_what(int what) {
 
 // The timer rings every second of a wait: the first ring says whom we wait for, and
 // every ring also catches an interrupt that came just before the wait began (when it
-// could not interrupt it).
+// could not interrupt it).  A wait that begins after the interrupt (a close on the way
+// out) rings at once, so that it is given up now rather than a second later.
 static int on_wait(const struct kisam_wait* w, void*) {
     switch (w->event) {
     case KISAM_WAIT_BEGIN:
         g_alarm = 0;
         g_wait_told = false;
-        ::alarm(1);
+        if (g_interrupted) {
+            const struct itimerval soon {{0, 0}, {0, 1000}};
+            ::setitimer(ITIMER_REAL, &soon, nullptr);
+        } else {
+            ::alarm(1);
+        }
         return 0;
     case KISAM_WAIT_SIGNAL:
         if (g_alarm) {

@@ -70,3 +70,10 @@ void is_live_release(void) noexcept {
     p->xp_pid = 0;
     kisam::os_lock(is_lockfd, F_SETLK, F_UNLCK, live_offset(i), 1);
 }
+
+void is_live_abandon(void) noexcept {
+    if (!isam_com || !isx_area) return;
+    const int i = is_env.useridx;
+    if (i < 0 || i >= isam_com->maxusers || kisam::isx_proc_of(i)->xp_pid != is_pid) return;
+    kisam::os_lock(is_lockfd, F_SETLK, F_UNLCK, live_offset(i), 1);
+}

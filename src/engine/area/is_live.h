@@ -21,3 +21,7 @@ inline constexpr int kGenBits = 14;
 inline constexpr uint32_t kGenMask = (1u << kGenBits) - 1;
 int is_live_claim(void) noexcept;         // take that lock for this process's slot; 0/-1
 void is_live_release(void) noexcept;      // give it up (detach)
+// Gives up only the lock, keeping the slot, its pid and its open set: other processes now
+// judge the slot dead and clean it up as a dead process's (a detach that could not close
+// every file).
+void is_live_abandon(void) noexcept;

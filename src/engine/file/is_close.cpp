@@ -171,6 +171,12 @@ KISAM_API int nisunisam(void) {
     is_env.needs_[is_env.useridx] = 0;
 
     isallclose();
+    // A close whose wait was given up at a signal left its file open.  Freeing the slot
+    // would leave that file counted open by nobody for as long as the shared area lives
+    // (never closed for good, its log never applied); the slot is left instead to be
+    // cleaned up as a dead process's, which recounts and releases the file.
+    bool left_open = false;
+    for (int isfd = 0; is_db && isfd < isam_com->maxopen; ++isfd) left_open |= is_db[isfd] != nullptr;
     v_peek_fold();  // the pages its reads without the lock found
     // The last process to leave removes the shared area, and with it whatever processes
     // that died attached left in it: their units are rolled back and their files'
@@ -193,10 +199,15 @@ KISAM_API int nisunisam(void) {
     is_curfcp = nullptr;
     n_ufiles = 0;
 
-    is_live_release();
     jn_close();
     is_lock_forget();
-    is_env.pid_[is_env.useridx] = 0;
+    // Last, so that a clean-up of a slot left behind finds the journal already let go.
+    if (left_open) {
+        is_live_abandon();
+    } else {
+        is_live_release();
+        is_env.pid_[is_env.useridx] = 0;
+    }
     freecom();
     isam_com = nullptr;
     if (startup) ISUnlockFile(is_lockfd, 0, 2);
