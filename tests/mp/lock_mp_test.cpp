@@ -613,8 +613,10 @@ TEST_F(WaitHook, AFreeLockCostsNoRequestAndAFailedOneRefusesTheCall) {
 
 // A signal raised before the first sleep (by the hook at the wait's begin) still gives
 // the wait up, for a word and for a range; so does one raised on the very edge of a
-// sleep (its handler must not run unheard before the sleep).
+// sleep (its handler must not run unheard before the sleep), and one raised after a sleep
+// between the look at the held-back signals and their letting through.
 bool raise_at_sleep = false;
+int raise_where = 0;
 int raise_at_begin(const struct kisam_wait* w, void*) {
     if (w->event == KISAM_WAIT_BEGIN && !raise_at_sleep) ::raise(SIGUSR1);
     if (w->event == KISAM_WAIT_SIGNAL) ++seen.signals;
@@ -624,9 +626,11 @@ int raise_at_begin(const struct kisam_wait* w, void*) {
 TEST_F(WaitHook, ASignalBetweenSleepsIsNotLost) {
     const int fd = file("f");
     ASSERT_EQ(nislock(fd, "ab", 2, 1), 0);
-    for (int way : {0, 1, 2, 3}) {
+    for (int way : {0, 1, 2, 3, 4, 5}) {
         const bool record = way % 2 == 1;
-        SCOPED_TRACE(std::string(record ? "record lock" : "control lock") + (way >= 2 ? ", at its sleep" : ""));
+        raise_where = way >= 4 ? kisam::kHookGate : kisam::kHookSleep;
+        SCOPED_TRACE(std::string(record ? "record lock" : "control lock") +
+                     (way >= 4 ? ", between the look and the letting through" : way >= 2 ? ", at its sleep" : ""));
         if (!record) {
             ASSERT_EQ(nisgetctl(fd), 0);
         }
@@ -636,7 +640,7 @@ TEST_F(WaitHook, ASignalBetweenSleepsIsNotLost) {
             raise_at_sleep = way >= 2;
             if (raise_at_sleep)
                 kisam::test_hook = [](int where, int) {
-                    if (where == kisam::kHookSleep && std::exchange(raise_at_sleep, false)) ::raise(SIGUSR1);
+                    if (where == raise_where && std::exchange(raise_at_sleep, false)) ::raise(SIGUSR1);
                 };
             kisam_set_wait_hook(raise_at_begin, nullptr, 0);
             ::alarm(5);  // a lost signal would wait for as long as the parent holds

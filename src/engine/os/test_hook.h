@@ -14,6 +14,7 @@ enum : int {
     kHookFetch = 4,     // a reader read a missing page from the file, no lock taken yet
     kHookReap = 5,      // a clean-up found process slot `u` dead, nothing of it cleaned yet
     kHookSleep = 6,     // a wait for a lock is about to sleep (`u` 0: a lock word, 1: a range)
+    kHookGate = 7,      // a wait's held-back signals were looked at, none let through yet
 };
 using TestHook = void (*)(int where, int u);
 extern TestHook test_hook;
