@@ -410,6 +410,6 @@ TEST_F(KillTest, SmallPool) { run(kt::Config{.maxbuf = 64}, 150); }
 TEST_F(KillTest, LargePoolWithTheDataChangedMark) { run(kt::Config{.maxbuf = 4000, .bits = 0x1}, 150); }
 // Key 0 of 248 bytes: three items a page on keys 0 and 1, four on key 2, trees six deep;
 // kills land in splits and merges that run through every level.
-TEST_F(KillTest, LongKeys) { run(kt::Config{.maxbuf = 64}, 50, {248, 4, 2}); }
+TEST_F(KillTest, LongKeys) { run(kt::Config{.maxbuf = 4000}, 50, {248, 4, 2}); }
 
 }  // namespace
