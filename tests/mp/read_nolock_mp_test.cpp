@@ -89,13 +89,13 @@ protected:
         if (fight_) kisam_set_wait_hook(count_record_waits, waited_, 0);
         for (int i = 0; i < changes && !*stop_; ++i) {
             unsigned id = static_cast<unsigned>(w) + of * (rng() % (ids_ / of));
+            if (fight_) id = static_cast<unsigned>(rng() % 2 ? rng() % 24 : rng() % ids_);
+            const std::string k0 = kg::key0(*L_, id);
             int locklen = 0, hold = 0;
             if (fight_) {
-                id = static_cast<unsigned>(rng() % 2 ? rng() % 24 : rng() % ids_);
                 locklen = rng() % 4 == 0 ? 7 : L_->k0();
                 const int wait = rng() % 3 ? 0 : 1;
                 hold = rng() % 4 == 0;
-                const std::string k0 = kg::key0(*L_, id);
                 if (hold && nisgetctl(fd) != 0) return 58;
                 is_errno = 0;
                 if (nislock(fd, k0.data(), locklen, wait) != 0) {
@@ -107,7 +107,6 @@ protected:
                 }
             }
             // The generation is what the file holds (an earlier writer may have died).
-            const std::string k0 = kg::key0(*L_, id);
             uint32_t gen = 1;
             const int n = kg::find(fd, *L_, id, &gen);
             if (n == -2) return 52;
