@@ -22,7 +22,8 @@ namespace {
 using ot::Env;
 namespace ko = kt::oracle;
 
-const ko::Layout kL{4, 4, 2};
+constexpr ko::Layout kShort{4, 4, 2};
+ko::Layout kL = kShort;   // a test of other keys sets it before its workers fork
 constexpr int kIdsPerSlot = 150;
 constexpr int kMaxWorkers = 6;
 
@@ -169,6 +170,7 @@ class KillTest : public Env {
 protected:
     void SetUp() override {}   // the configuration depends on the test
     void TearDown() override {
+        kL = kShort;
         for (pid_t p : live_)
             if (p > 0) held_.push_back(p);   // killed and reaped by the fixture
         Env::TearDown();
@@ -227,7 +229,8 @@ protected:
         records_ = static_cast<long>(got.recs.size());
     }
 
-    void run(const kt::Config& c, int kills_default) {
+    void run(const kt::Config& c, int kills_default, const ko::Layout& layout = kShort) {
+        kL = layout;
         start(c);
         bound(600);
         const char* env_kills = std::getenv("KISAM_KILLS");
@@ -405,5 +408,8 @@ TEST_F(KillTest, KilledAnywhereInAnOpenCallsAndTheLastClose) {
 
 TEST_F(KillTest, SmallPool) { run(kt::Config{.maxbuf = 64}, 150); }
 TEST_F(KillTest, LargePoolWithTheDataChangedMark) { run(kt::Config{.maxbuf = 4000, .bits = 0x1}, 150); }
+// Key 0 of 248 bytes: three items a page on keys 0 and 1, four on key 2, trees six deep;
+// kills land in splits and merges that run through every level.
+TEST_F(KillTest, LongKeys) { run(kt::Config{.maxbuf = 4000}, 50, {248, 4, 2}); }
 
 }  // namespace

@@ -157,6 +157,7 @@ protected:
     void SetUp() override {
         bound(240);
         layout = &kL;
+        kill_at_fetch = false;   // a test before this one in the same process may have set it
         kisam::os.pread = plain_pread;
     }
     void TearDown() override {

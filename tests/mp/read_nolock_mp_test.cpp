@@ -25,34 +25,43 @@ namespace {
 namespace kg = kt::gen;
 // Key 1 has few values, key 2 an odd length; one record in eight spans overflow pages.
 const kg::Layout kL{.k1 = 50, .k2 = true, .big = 8, .big_len = 1017, .small_span = 120};
+// The same with key 0 of 248 bytes: three items a page on every key, trees six deep.
+const kg::Layout kLong{.k1 = 50, .k2 = true, .big = 8, .big_len = 1017, .small_span = 120, .k0_pad = 240};
 constexpr int kBuf = 4000;
-
-std::string record(unsigned id, uint32_t gen) { return kg::record(kL, id, gen); }
 
 // The real pread behind a replaced entry of the table: with the table replaced, every
 // miss loads its page into the pool (no read in the file's mapping).
 ssize_t plain_pread(int fd, void* buf, size_t n, off_t off) { return ::pread(fd, buf, n, off); }
 
-std::string order_key(const char* p, int k) {
-    const int off[3] = {0, kg::kK0, kg::kK0 + kg::kK1}, len[3] = {kg::kK0, kg::kK1, kg::kK2};
-    return std::string(p + off[k], static_cast<size_t>(len[k])) + (k ? std::string(p, kg::kK0) : "");
+int count_record_waits(const kisam_wait* w, void* waits) {
+    if (w->event == KISAM_WAIT_BEGIN && w->what == KISAM_WAIT_RECORD) ++*static_cast<std::atomic<long>*>(waits);
+    return 0;
+}
+
+std::string order_key(const kg::Layout& L, const char* p, int k) {
+    const int k0 = L.k0(), off[3] = {0, k0, k0 + kg::kK1}, len[3] = {k0, kg::kK1, kg::kK2};
+    return std::string(p + off[k], static_cast<size_t>(len[k])) + (k ? std::string(p, static_cast<size_t>(k0)) : "");
 }
 
 class ReadNoLockMp : public kt::Env {
 protected:
     void SetUp() override {}   // the pool's size depends on the test
-    // The read file with ids 0 .. ids - 1 at generation 1, and another file.
-    void start(int buffers, unsigned ids = 400) {
+    // The read file with ids 0 .. ids - 1 at generation 1, and another file.  `fight`:
+    // writers change any record, under its record lock, and long keys.
+    void start(int buffers, unsigned ids = 400, bool fight = false) {
         kt::Config c;
         c.maxbuf = static_cast<int16_t>(buffers);
         Env::start(c);
         *stop_ = false;
         gens_->fill(1);
         ids_ = ids;
+        fight_ = fight;
+        L_ = fight ? &kLong : &kL;
+        *refused_ = *waited_ = 0;
         path_ = path("r.ism");
         other_ = made("other.ism", {kg::kK0});
         seed_ = kt::test_seed(0xC0FFEE);
-        const int fd = create("r.ism", kL.lens());
+        const int fd = create("r.ism", L_->lens());
         ASSERT_GE(fd, 0);
         for (unsigned id = 0; id < ids; ++id) {
             const std::string r = record(id, 1);
@@ -62,21 +71,44 @@ protected:
         ASSERT_EQ(nisunisam(), 0);
     }
 
+    std::string record(unsigned id, uint32_t gen) const { return kg::record(*L_, id, gen); }
+
     // Writer of the ids = w mod `of`: update, delete+write, forced write, each noted in
     // gens_; with `other`, a record of the other file after each change (its misses take
     // the read file's slots).  `inherit`: on the attachment of the process that forked it.
+    // When writers fight, each picks any id (half the time one of the first 24) and
+    // locks it first, alone or with its nine neighbours (a key of 7 digits), waiting or
+    // not; one change in four inside a hold of the control lock, which the wait for
+    // the record lock gives up and takes back.
     int writer(int w, int of, int changes, bool other, bool inherit = false) {
         if ((inherit ? is_chinit() : is_init()) != 0) return 50;
         int fd = nisopen(path_.c_str(), ISO_RDWR);
         int fo = other ? nisopen(other_.c_str(), ISO_RDWR) : -1;
         if (fd < 0 || (other && fo < 0)) return 51;
         std::mt19937 rng(static_cast<unsigned>(seed_) * 7 + static_cast<unsigned>(w));
+        if (fight_) kisam_set_wait_hook(count_record_waits, waited_, 0);
         for (int i = 0; i < changes && !*stop_; ++i) {
-            const unsigned id = static_cast<unsigned>(w) + of * (rng() % (ids_ / of));
+            unsigned id = static_cast<unsigned>(w) + of * (rng() % (ids_ / of));
+            if (fight_) id = static_cast<unsigned>(rng() % 2 ? rng() % 24 : rng() % ids_);
+            const std::string k0 = kg::key0(*L_, id);
+            int locklen = 0, hold = 0;
+            if (fight_) {
+                locklen = rng() % 4 == 0 ? 7 : L_->k0();
+                const int wait = rng() % 3 ? 0 : 1;
+                hold = rng() % 4 == 0;
+                if (hold && nisgetctl(fd) != 0) return 58;
+                is_errno = 0;
+                if (nislock(fd, k0.data(), locklen, wait) != 0) {
+                    // Refused: held by another (no wait), or a wait the kernel took for a cycle.
+                    if (wait == 0 && is_errno != 0 && is_errno != ISE_DEADLOCK) return 58;
+                    if (hold) nisrelctl(fd);
+                    ++*refused_;
+                    continue;
+                }
+            }
             // The generation is what the file holds (an earlier writer may have died).
-            const std::string k0 = kg::key0(id);
             uint32_t gen = 1;
-            const int n = kg::find(fd, kL, id, &gen);
+            const int n = kg::find(fd, *L_, id, &gen);
             if (n == -2) return 52;
             const std::string r = record(id, gen + 1);
             const int len = static_cast<int>(r.size());
@@ -93,6 +125,7 @@ protected:
                 return 56;
             }
             (*gens_)[id] = gen + 1;
+            if (fight_ && (nisunlock(fd, k0.data(), locklen, 0) != 0 || (hold && nisrelctl(fd) != 0))) return 59;
             if (other) {
                 const std::string o = record(static_cast<unsigned>(rng()), static_cast<uint32_t>(i));
                 if (nisfwrite(fo, o.data(), static_cast<int>(o.size())) != 0) return 57;
@@ -106,7 +139,7 @@ protected:
 
     // Whether n bytes (cut at size) are exactly some id's record at some generation.
     bool genuine(const char* p, int n, int size, unsigned* id, uint32_t* gen) const {
-        return kg::genuine(kL, p, n, size, id, gen) && *id < ids_;
+        return kg::genuine(*L_, p, n, size, id, gen) && *id < ids_;
     }
 
     // Random finds and scans by every key both ways, whole and cut, until stopped and
@@ -132,27 +165,27 @@ protected:
             return 0;
         };
         for (long i = 0; rc == 0 && (finds ? reads < least : i % 64 != 0 || reads < least || !*stop_); ++i) {
-            const int size = !finds && rng() % 4 == 0 ? kL.min() + static_cast<int>(rng() % 200) : kBuf;
+            const int size = !finds && rng() % 4 == 0 ? L_->min() + static_cast<int>(rng() % 200) : kBuf;
             const unsigned mode = finds ? 0 : rng() % 3;
             if (mode == 0) {
-                const std::string k0 = kg::key0(rng() % ids_);
+                const std::string k0 = kg::key0(*L_, rng() % ids_);
                 const int n = nisfind(fd, 0, k0.data(), buf.data(), size);
                 ++reads;
                 if (n < 0) rc = 72;
-                else if (n > 0 && (rc = check(n, size)) == 0 && k0.compare(0, kg::kK0, buf.data(), kg::kK0) != 0) rc = 73;
+                else if (n > 0 && (rc = check(n, size)) == 0 && k0.compare(0, k0.size(), buf.data(), k0.size()) != 0) rc = 73;
                 continue;
             }
             const int k = static_cast<int>(rng() % 3);
             const bool back = mode == 2;
             const std::string from = record(rng() % ids_, 1 + rng() % 3);
-            if (nisseek(fd, k, from.data() + (k ? kg::kK0 + (k - 1) * kg::kK1 : 0)) != 0) rc = 74;
+            if (nisseek(fd, k, from.data() + (k ? L_->k0() + (k - 1) * kg::kK1 : 0)) != 0) rc = 74;
             std::string prev;
             for (int step = 0; rc == 0 && step < 20; ++step) {
                 const int n = back ? nispread(fd, k, buf.data(), size) : nisread(fd, k, buf.data(), size);
                 ++reads;
                 if (n < 0) rc = 75;
                 if (n <= 0 || (rc = check(n, size)) != 0) break;
-                const std::string o = order_key(buf.data(), k);
+                const std::string o = order_key(*L_, buf.data(), k);
                 if (!prev.empty() && (back ? !(o < prev) : !(prev < o))) rc = 76;
                 prev = o;
             }
@@ -173,7 +206,7 @@ protected:
                       if (fd < 0) return 2;
                       uint32_t gen;
                       for (unsigned id = 0; id < ids_; ++id) {
-                          const int n = kg::find(fd, kL, id, &gen);
+                          const int n = kg::find(fd, *L_, id, &gen);
                           if (n < 0 || (n > 0 && gen != (*gens_)[id]) || (n == 0 && --gaps < 0)) {
                               std::fprintf(stderr, "id %u: %d at generation %u, %u written\n", id, n, gen, (*gens_)[id]);
                               return 3;
@@ -193,6 +226,11 @@ protected:
     std::string path_, other_;
     uint64_t seed_ = 0;
     unsigned ids_ = 0;
+    bool fight_ = false;
+    const kg::Layout* L_ = &kL;
+    // Of all writers: record locks refused, and waits for record locks.
+    std::atomic<long>* refused_ = &shared<std::atomic<long>>();
+    std::atomic<long>* waited_ = &shared<std::atomic<long>>();
     std::array<std::pair<long, long>, 3>* figures_ = &shared<std::array<std::pair<long, long>, 3>>();
     std::atomic<bool>* stop_ = &shared<std::atomic<bool>>();
     std::array<uint32_t, 1000>* gens_ = &shared<std::array<uint32_t, 1000>>();  // by id: the last generation written
@@ -207,7 +245,9 @@ protected:
 // page index, so that nearly every read still goes without the lock (one whose slot
 // changed under it while it read takes the lock after two tries).  Last, four writers in
 // a pool of 24, two on attachments of their own and two on the one of the process that
-// forked them.  Each writer's records end as its last change left them.
+// forked them.  And three writers that fight over the same records under record locks,
+// on trees of three items a page, where nearly every change splits or merges and the
+// hints of every call go stale.  Each record ends as its last change left it.
 TEST_F(ReadNoLockMp, ReadersCheckEveryRecordWhileWritersChangeThem) {
     struct Row {
         const char* name;
@@ -215,12 +255,14 @@ TEST_F(ReadNoLockMp, ReadersCheckEveryRecordWhileWritersChangeThem) {
         long made;         // reads each reader makes beside the writers (they start first), however slowly it runs
         long least = 0;    // reads each reader makes whatever the writers do
         unsigned ids = 400;
+        bool fight = false;
     };
     for (const Row& row : {Row{"the file in the pool", 2000, 2, 2, 1500, 1000}, Row{"a small pool", 96, 2, 2, 250, 100},
                            Row{"readers take slots from each other", 24, 3, 1, 600, 1000, 5000, 900},
-                           Row{"four writers in a small pool", 24, 2, 4, 1000, 100}}) {
+                           Row{"four writers in a small pool", 24, 2, 4, 1000, 100},
+                           Row{"writers fight over records of long keys", 2000, 2, 3, 300, 100, 0, 200, true}}) {
         SCOPED_TRACE(row.name);
-        start(row.buffers, row.ids);
+        start(row.buffers, row.ids, row.fight);
         figures_->fill({});
         if (row.readers == 3) {
             for (int st : workers(3, [&](int r) { return reader(r, 3000, true); })) EXPECT_EQ(st, 0);
@@ -237,6 +279,7 @@ TEST_F(ReadNoLockMp, ReadersCheckEveryRecordWhileWritersChangeThem) {
         if (inherit) { EXPECT_EQ(nisunisam(), 0); }
         *stop_ = true;
         for (pid_t p : readers) EXPECT_EQ(kt::wait_child(p), 0);
+        if (row.fight) std::printf("record locks refused %ld, waited for %ld\n", refused_->load(), waited_->load());
         for (int r = 0; r < row.readers; ++r) {
             auto [reads, nolock] = (*figures_)[static_cast<size_t>(r)];
             if (row.buffers == 2000) { EXPECT_GT(nolock, reads / 10) << "reader " << r; }
@@ -250,8 +293,9 @@ struct Stop {
     int where;      // kisam::kHook*
     bool kill;      // killed there, else paused for a while
     int buffers;
+    bool fight = false;   // long keys, changes under record locks (the writer dies holding one)
 };
-void PrintTo(const Stop& s, std::ostream* os) { *os << s.name << ", " << s.buffers << " buffers"; }
+void PrintTo(const Stop& s, std::ostream* os) { *os << s.name << ", " << s.buffers << " buffers" << (s.fight ? ", long keys" : ""); }
 
 class ReadNoLockStop : public ReadNoLockMp, public ::testing::WithParamInterface<Stop> {};
 
@@ -270,10 +314,12 @@ void stop_hook(int where, int u) {
 
 // A writer paused or killed in a change (a page touched, a slot loading, a victim taken)
 // while two readers read on: every record read is right, nobody hangs, and the next
-// writer repairs and goes on.
+// writer repairs and goes on.  With long keys, the killed change may be a split or a
+// merge running through the tree's six levels, made under a record lock that dies with
+// the writer.
 TEST_P(ReadNoLockStop, ReadersStayRight) {
     const Stop st = GetParam();
-    start(st.buffers);
+    start(st.buffers, 400, st.fight);
     // Each reader goes on to 51 reads at least, however slowly the machine lets it run.
     const std::vector<pid_t> readers = spawn(2, [&](int r) { return reader(r, 51); });
     kt::Pipe hook;   // after the readers: a writer that fails before its hook leaves an end of file
@@ -308,7 +354,8 @@ INSTANTIATE_TEST_SUITE_P(Hooks, ReadNoLockStop,
                                            Stop{"KillTouch", kisam::kHookTouch, true, 2000},
                                            Stop{"KillLoad", kisam::kHookLoad, true, 96},
                                            Stop{"PauseTakeAway", kisam::kHookTakeAway, false, 96},
-                                           Stop{"KillTakeAway", kisam::kHookTakeAway, true, 96}),
+                                           Stop{"KillTakeAway", kisam::kHookTakeAway, true, 96},
+                                           Stop{"KillTouchLongKeys", kisam::kHookTouch, true, 2000, true}),
                          [](const ::testing::TestParamInfo<Stop>& i) { return std::string(i.param.name); });
 
 // ---- key 0's leaf directory against a tree that other processes reshape ----------------

@@ -1,8 +1,9 @@
 // Records whose every byte follows from (id, generation), for readers that check what
-// they read without asking anyone: key 0 is the id in 8 digits, key 1 six digits of
-// mix(id, gen) % k1, key 2 (when there is one) "gNN" of gen % 7, then the generation's
-// 4 bytes, then a body of bytes drawn from mix(gen, id).  Any bytes read back name their
-// id and generation, so they can be compared with the one record they claim to be.
+// they read without asking anyone: key 0 is the id in 8 digits (then the layout's
+// padding, drawn from the id), key 1 six digits of mix(id, gen) % k1, key 2 (when there
+// is one) "gNN" of gen % 7, then the generation's 4 bytes, then a body of bytes drawn
+// from mix(gen, id).  Any bytes read back name their id and generation, so they can be
+// compared with the one record they claim to be.
 #pragma once
 
 #include "kisam_test.h"
@@ -27,9 +28,14 @@ struct Layout {
     unsigned big_len = 0;
     unsigned small_len = 0;    // the others: small_len + h % small_span bytes
     unsigned small_span = 1;
-    int keys_len() const { return kK0 + kK1 + (k2 ? kK2 : 0); }
+    // Bytes of key 0 after the id's digits, drawn from the id: long keys make every
+    // key's pages hold a few items (240: three), so that trees are deep and most
+    // writes split or merge.
+    unsigned k0_pad = 0;
+    int k0() const { return kK0 + static_cast<int>(k0_pad); }
+    int keys_len() const { return k0() + kK1 + (k2 ? kK2 : 0); }
     int min() const { return keys_len() + 4; }   // keys and generation
-    std::vector<int> lens() const { return k2 ? std::vector<int>{kK0, kK1, kK2} : std::vector<int>{kK0, kK1}; }
+    std::vector<int> lens() const { return k2 ? std::vector<int>{k0(), kK1, kK2} : std::vector<int>{k0(), kK1}; }
 };
 
 inline std::string key0(unsigned id) {
@@ -38,9 +44,16 @@ inline std::string key0(unsigned id) {
     return std::string(t, kK0);
 }
 
+// Key 0 of a layout: the digits, then its padding.
+inline std::string key0(const Layout& L, unsigned id) {
+    std::string k = key0(id);
+    for (unsigned i = 0; i < L.k0_pad; ++i) k += static_cast<char>('a' + mix(id, 0xFFFF0000u + i) % 26);
+    return k;
+}
+
 inline std::string record(const Layout& L, unsigned id, uint32_t gen) {
     char t[16];
-    std::string r = key0(id);
+    std::string r = key0(L, id);
     std::snprintf(t, sizeof t, "%06u", mix(id, gen) % L.k1 % 1000000u);
     r.append(t, kK1);
     if (L.k2) {
@@ -79,7 +92,7 @@ inline bool is(const Layout& L, const char* p, int n, unsigned id, uint32_t gen)
 // none, -1 when the read failed, -2 when the bytes are not a whole record of id.
 inline int find(int fd, const Layout& L, unsigned id, uint32_t* gen) {
     char buf[4096];
-    const int n = nisfind(fd, 0, key0(id).data(), buf, sizeof buf);
+    const int n = nisfind(fd, 0, key0(L, id).data(), buf, sizeof buf);
     unsigned got;
     return n <= 0 ? n : genuine(L, buf, n, sizeof buf, &got, gen) && got == id ? n : -2;
 }
