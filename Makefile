@@ -67,7 +67,7 @@ coverage: deps-test
 	cmake -S . -B $(COV_BUILD) -DKISAM_COVERAGE=ON -DCMAKE_BUILD_TYPE=Debug $(CMAKE_ARGS)
 	cmake --build $(COV_BUILD) -j $(JOBS)
 	find $(COV_BUILD) -name '*.gcda' -delete
-	cd $(COV_BUILD) && ctest --output-on-failure -j $(JOBS); echo $$? >$(COV_BUILD)/ctest.rc
+	cd $(COV_BUILD) && { ctest --output-on-failure -j $(JOBS); echo $$? >ctest.rc; }
 	@mkdir -p $(COV_BUILD)/coverage
 	gcovr $(GCOVR_ARGS) --json-summary $(COV_BUILD)/coverage.json \
 	  --txt $(COV_BUILD)/coverage.txt --html-details $(COV_BUILD)/coverage/index.html
