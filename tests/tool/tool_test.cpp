@@ -909,6 +909,12 @@ TEST_F(Backup, FailuresAndRefusalsLeaveEverythingAsItWas) {
            {{"backup", f, path("nowhere/copy")}, 1, {}, {"nothing was written"}},
            {{"backup", f}, 2},
            {{"backup", f, path("old")}, 1, {}, {"ISE_FLWT"}, "", 100000}});
+    // Between two file systems (copy_file_range refused): the bytes are copied by hand.
+    failing("KISAM_TEST_COPY_XDEV", 1);
+    table({{{"backup", f, path("xdev")}, 0}});
+    env.clear();
+    table({{{"check", path("xdev")}, 0}});
+    EXPECT_EQ(run({"dump", path("xdev")}).out, slurp(path("in.dump")));
     Writer w = writer(f, "K9999999A00000held open", "holder");
     const std::string before = slurp(f);
     table({{{"compact", f}, 1, {}, {"open in 1 other process"}}});
