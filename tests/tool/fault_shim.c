@@ -71,12 +71,3 @@ void* mmap(void* addr, size_t len, int prot, int flags, int fd, off_t off) {
 void* mmap64(void* addr, size_t len, int prot, int flags, int fd, off_t off) {
     return mapping("mmap64", addr, len, prot, flags, fd, off);
 }
-
-/* copy_file_range refusing with EXDEV, as between two file systems on older kernels,
- * when KISAM_TEST_COPY_XDEV is set: a backup must copy the bytes itself. */
-ssize_t copy_file_range(int in, off_t* in_off, int out, off_t* out_off, size_t n, unsigned flags) {
-    if (from_env("KISAM_TEST_COPY_XDEV") > 0) return errno = EXDEV, -1;
-    ssize_t (*real)(int, off_t*, int, off_t*, size_t, unsigned) =
-        (ssize_t(*)(int, off_t*, int, off_t*, size_t, unsigned))dlsym(RTLD_NEXT, "copy_file_range");
-    return real ? real(in, in_off, out, out_off, n, flags) : (errno = ENOSYS, -1);
-}
