@@ -466,6 +466,8 @@ TEST_F(Tool, ExitStatusesAndMessages) {
         {{"load", path("l1")}, 1, {}, {"counts 3 records, the dump holds 2"}, dump + "# end 3 records\n"},
         {{"load", path("l2")}, 0, {}, {}, dump + "# end 2 records\n"},
         {{"load", path("l3")}, 1, {}, {"malformed closing line"}, dump + "# end two records\n"},
+        {{"create", path("k26"), "1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1"}, 2, {}, {"at most 25 keys"}},
+        {{"create", path("wide"), "300,300"}, 1, {}, {"ISE_INVKL", "must fit a 1024-byte index page"}},
         {{"create", d, "4"}, 0},
         {{"put", d, "-"}, 0, {}, {}, "ab01x\nab02x\nac01x\nb\\x00\\x00\\x00x\nzz99x\n"},
         {{"get", d, "\\x7A\\x7a99"}, 0, {"=zz99x\n"}},
@@ -525,7 +527,8 @@ TEST_F(Tool, DataChangedMarkIsClearedOnlyWhenSound) {
     EXPECT_TRUE(marked());
     table({{{"check", f, "--clear-mark"}, 0}});
     Writer w = writer(f, "ccccRRRthree", "w");
-    table({{{"check", f}, 0, {"is open in the shared area; changes not yet flushed are not seen", ": sound\n"}}});
+    table({{{"check", f}, 0, {"is open in the shared area; changes not yet flushed are not seen", ": sound\n"}},
+           {{"create", f, "4", "--force"}, 1, {}, {"ISE_CREATEISOPEN", "close it everywhere first"}}});
     EXPECT_EQ(end(w).rc, 0) << slurp(path("w.err"));
 }
 
