@@ -6,7 +6,7 @@
 #     tools/deps.sh [--check] GROUP...
 #
 # Groups: build (the kisam tool), test (the test suite), fuzz (the fuzz targets),
-# peers (the comparison benchmark).  The library itself needs the C library only.
+# peers (the comparison benchmark), coverage (the coverage report of `make coverage`).  The library itself needs the C library only.
 # As root with apt-get the missing packages are installed; otherwise the script prints
 # the one command that installs them and fails.  --check only reports (exit 1: missing).
 set -eu
@@ -34,6 +34,7 @@ peers liblmdb-dev /usr/include/lmdb.h
 peers libsqlite3-dev /usr/include/sqlite3.h
 peers gnuplot-nox cmd:gnuplot
 peers strace cmd:strace
+coverage gcovr cmd:gcovr
 LIST
 }
 
@@ -59,8 +60,8 @@ present() {
 missing=""
 for group in "$@"; do
     case $group in
-        build | test | fuzz | peers) ;;
-        *) echo "deps: unknown group '$group' (build, test, fuzz, peers)" >&2; exit 2 ;;
+        build | test | fuzz | peers | coverage) ;;
+        *) echo "deps: unknown group '$group' (build, test, fuzz, peers, coverage)" >&2; exit 2 ;;
     esac
     pkgs=$(list | awk -v g="$group" '$1 == g { print $2 " " $3 }')
     while read -r pkg probe; do

@@ -183,6 +183,21 @@ TEST_F(Open, HandlesShareOneSlot) {
     EXPECT_EQ(nisclose(rw), -1);
     EXPECT_EQ(is_errno, ISE_BADFD);
     EXPECT_EQ(n_ufiles, 0);
+
+    // nisexit: a child's handles are closed and its process slot given back before it
+    // exits with the status asked for; a child that simply ends leaves both to be reaped.
+    int keep = nisopen(path("f").c_str(), ISO_RDWR);
+    ASSERT_GE(keep, 0);
+    const int attached = ot::attached_processes();
+    EXPECT_EQ(kt::run_child([&] {
+                  if (is_chinit() != 0 || nisopen(path("f").c_str(), ISO_RDWR) < 0) return 1;
+                  nisexit(7);
+                  return 2;
+              }),
+              7);
+    EXPECT_EQ(ot::attached_processes(), attached);
+    EXPECT_EQ(ot::shared_fcp(keep)->is_usecnt, 1);
+    EXPECT_EQ(nisclose(keep), 0);
     EXPECT_EQ(isallclose(), 0);
 }
 

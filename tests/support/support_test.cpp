@@ -189,6 +189,107 @@ TEST(Blanks, StripEndsAndAllBlankTexts) {
     }
 }
 
+// The text helpers against std::string models on random texts; the seed is printed.
+TEST(Text, FillsSubstringsCaseAndSearchAgainstAModel) {
+    const char *env = std::getenv("KISAM_SEED");
+    const unsigned seed = env ? static_cast<unsigned>(std::strtoul(env, nullptr, 0)) : 20261127u;
+    SCOPED_TRACE("KISAM_SEED=" + std::to_string(seed));
+    std::mt19937 rng(seed);
+    auto text = [&](int most) {
+        std::string t;
+        for (int n = static_cast<int>(rng() % static_cast<unsigned>(most + 1)); n > 0; --n) t += "aZb. Q"[rng() % 6];
+        return t;
+    };
+    auto num = [&](int lo, int hi) { return lo + static_cast<int>(rng() % static_cast<unsigned>(hi - lo + 1)); };
+    for (int round = 0; round < 2000; ++round) {
+        const std::string a = text(12), b = text(12);
+        const int first = num(-2, 14), last = num(-2, 14), n = num(-1, 14);
+        SCOPED_TRACE("a=\"" + a + "\" b=\"" + b + "\" first=" + std::to_string(first) + " last=" + std::to_string(last) +
+                     " n=" + std::to_string(n));
+        std::vector<char> buf(64, '\x7f');
+        auto set = [&](const std::string &t) { std::memcpy(buf.data(), t.c_str(), t.size() + 1); };
+        auto got = [&] { return std::string(buf.data()); };
+
+        std::string want = first < 0 ? a : first > last || first >= int(a.size()) ? "" : a.substr(size_t(first), size_t(last - first + 1));
+        mvf_sstr(a.c_str(), buf.data(), first, last);
+        EXPECT_EQ(got(), want) << "mvf_sstr";
+
+        set(b);
+        if (first < 0) want = a;
+        else if (first > last) want = b;
+        else want = b.substr(0, size_t(first)) + std::string(size_t(std::max(0, first - int(b.size()))), ' ') + a +
+                    (last + 1 < int(b.size()) ? b.substr(size_t(last + 1)) : "");
+        mvt_sstr(a.c_str(), buf.data(), first, last);
+        EXPECT_EQ(got(), want) << "mvt_sstr";
+
+        set(a);
+        RightFill(buf.data(), '.', n);
+        EXPECT_EQ(got(), n >= 1 && int(a.size()) < n ? a + std::string(size_t(n) - a.size(), '.') : a) << "RightFill";
+        set(a);
+        BlFill(buf.data(), n);
+        EXPECT_EQ(got(), n >= 1 && int(a.size()) < n ? a + std::string(size_t(n) - a.size(), ' ') : a) << "BlFill";
+        if (n >= 0) {
+            set(a);
+            chlfillmem(buf.data(), n, '0');
+            EXPECT_EQ(got(), int(a.size()) >= n ? a.substr(0, size_t(n)) : std::string(size_t(n) - a.size(), '0') + a) << "chlfillmem";
+        }
+
+        std::string lower = a, upper = a, swapped = a;
+        for (char &c : lower) c = c >= 'A' && c <= 'Z' ? char(c + 32) : c;
+        for (char &c : upper) c = c >= 'a' && c <= 'z' ? char(c - 32) : c;
+        uctolc(buf.data(), a.c_str());
+        EXPECT_EQ(got(), lower) << "uctolc";
+        lctouc(buf.data(), a.c_str());
+        EXPECT_EQ(got(), upper) << "lctouc";
+        set(a);
+        EXPECT_EQ(ZTStringReplaceChar(buf.data(), 'a', '#'), int(std::count(a.begin(), a.end(), 'a')));
+        std::replace(swapped.begin(), swapped.end(), 'a', '#');
+        EXPECT_EQ(got(), swapped) << "ZTStringReplaceChar";
+        set(a);
+        chconv(buf.data(), 'a', '#');
+        EXPECT_EQ(got(), swapped) << "chconv";
+
+        const size_t at = a.find('Z');
+        EXPECT_EQ(ZTIndex(a.c_str(), 'Z'), at == std::string::npos ? -1 : int(at));
+        EXPECT_EQ(issubstr(a.c_str(), b.c_str()), b.compare(0, a.size(), a) == 0 ? 1 : 0);
+        EXPECT_EQ(icissubstr(a.c_str(), b.c_str()), upper.size() <= b.size() && strncasecmp(a.c_str(), b.c_str(), a.size()) == 0 ? 1 : 0);
+    }
+    EXPECT_EQ(ZTStringReplaceChar(nullptr, 'a', 'b'), -1);
+}
+
+// Byte moves, number formatting and file times.
+TEST(Text, BytesNumbersAndFileTimes) {
+    char b[16] = "abcdefgh";
+    mvovbytes(b, b + 2, 6);   // overlapping: the bytes as they were
+    EXPECT_STREQ(b, "ababcdef");
+    mvbytes(b, b, 4);
+    notbytes(b, 2);
+    EXPECT_EQ(static_cast<unsigned char>(b[0]), 0xFFu ^ 'a');
+    notbytes(b, 2);
+    chfillmem(b, 3, 'x');
+    EXPECT_STREQ(b, "xxxbcdef");
+    nullmem(b + 4, 1);
+    EXPECT_STREQ(b, "xxxb");
+    char n[32];
+    EXPECT_STREQ(ZTItoA(-42, n, 5), "  -42");
+    EXPECT_STREQ(ZTLongtoA(int64_t(1) << 40, n, 3), "1099511627776");
+    EXPECT_STREQ(ZTL64toA(-7, n, 0), "-7");
+    Sandbox box;
+    std::FILE *f = std::fopen(box.path("t").c_str(), "w");
+    ASSERT_NE(f, nullptr);
+    std::fclose(f);
+    struct stat st;
+    ASSERT_EQ(::stat(box.path("t").c_str(), &st), 0);
+    EXPECT_EQ(ZTFileGetMTime(box.dir.c_str(), "t"), uint32_t(st.st_mtime));
+    EXPECT_EQ(ZTFileGetCTime(nullptr, box.path("t").c_str()), uint32_t(st.st_ctime));
+    EXPECT_EQ(ZTFileGetMTime("/nonexistent", box.path("t").c_str()), uint32_t(st.st_mtime)) << "an absolute name ignores dir";
+    EXPECT_EQ(ZTFileGetMTime(box.dir.c_str(), "absent"), 0u);
+    EXPECT_EQ(ZTFileGetCTime(box.dir.c_str(), ""), 0u);
+    EXPECT_EQ(ZTFileGetCTime(box.dir.c_str(), std::string(600, 'x').c_str()), 0u);
+    EXPECT_EQ(ZTPathIsAbsolute("/a"), 1);
+    EXPECT_EQ(ZTPathIsAbsolute("a/"), 0);
+}
+
 TEST(Messages, OneLineEachAndCut) {
     EXPECT_EQ(kt::capture_output(1, [] { VMsg("abc"); VMsg("%s-%d\n", "x", 5); }), "abc\nx-5\n");
     std::string longtext(2000, 'z');

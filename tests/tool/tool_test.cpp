@@ -302,7 +302,10 @@ TEST_F(Tool, ConfigurationAndUsage) {
     table({{{"get", path("f"), "x"}, 1, {}, {"kisam config init", "/q9/kisamconfig"}},
            {{"config", "show", path("text")}, 1, {}, {"not a kisam configuration: " + path("text")}},
            {{"--config", path("empty"), "get", path("f"), "x"}, 1, {},
-            {"ISE_INITERR", "is_init - 2", "the configuration file " + path("empty") + " is empty"}}});
+            {"ISE_INITERR", "is_init - 2", "the configuration file " + path("empty") + " is empty"}},
+           {{"--config=" + path("empty"), "get", path("f"), "x"}, 1, {}, {"the configuration file " + path("empty")}},
+           {{"config", "show"}, 1, {}, {"no configuration file found; looked at:", "/q9/kisamconfig", "kisam config init PATH"}},
+           {{"stat"}, 1, {}, {"no configuration file found; looked at:", "--config PATH"}}});
     with_config = true;
     table({{{"get", path("f"), "x"}, 1, {}, {cfg + " (--config)", "!KISCONFIG)"}},
            {{"config", "init", cfg, "--files", "10", "--buffers", "4", "--users", "5", "--avg-alt-keys", "2",
@@ -312,7 +315,14 @@ TEST_F(Tool, ConfigurationAndUsage) {
            {{"config", "init", cfg}, 1},   // an existing configuration is kept
            {{"config", "init", cfg, "--buffers", "12x", "--force"}, 2},
            {{"create", path("f")}, 2},
-           {{"scan", path("f"), "--limit"}, 2}});
+           {{"scan", path("f"), "--limit"}, 2},
+           {{}, 2, {"="}, {"Usage: kisam [--config PATH]"}},
+           {{"frobnicate"}, 2, {}, {"unknown command \"frobnicate\"", "Try 'kisam help'"}},
+           {{"scan", path("f"), "-x"}, 2, {}, {"unknown option -x", "kisam help scan"}},
+           {{"scan", path("f"), "--bogus"}, 2, {}, {"unknown option --bogus"}},
+           {{"scan", path("f"), "--count=yes"}, 2, {}, {"option --count takes no value"}},
+           {{"config", "init", cfg, "--force", "--sync-on-mark"}, 2, {}, {"need --track-changes"}},
+           {{"config", "remove", cfg}, 2, {}, {"unknown subcommand \"remove\""}}});
     EXPECT_EQ(slurp(cfg), b);
 }
 
@@ -436,6 +446,7 @@ TEST_F(Tool, ExitStatusesAndMessages) {
     const std::string f = path("e"), d = path("d");
     const std::string dump = "# kisam dump 1\n# keys 3\n3 abc\n3 abd\n";
     spit(path("data.csv"), "id,name\n1,x\n");
+    spit(path("short"), "x");
     table({
         {{"create", f, "4,3"}, 0},
         {{"put", f, "-"}, 0, {}, {}, "aaaaXYZone\naabbXYZtwo\nbbbbQQQthree\n"},
@@ -448,13 +459,20 @@ TEST_F(Tool, ExitStatusesAndMessages) {
         {{"check", dir}, 3, {"!DAMAGED"}, {"read error"}},
         {{"check", path("missing")}, 3},
         {{"check", path("data.csv")}, 1, {"NOT AN ISAM FILE: unknown magic 0x6469", "!DAMAGED"}},
+        {{"get", path("data.csv"), "1"}, 1, {}, {"ISE_NOTISAM", "not an ISAM file: unknown magic 0x6469"}},
+        {{"get", path("short"), "1"}, 1, {}, {"not an ISAM file: the file is shorter than a control page"}},
         {{"load", f, dir}, 1, {}, {"read error", "Is a directory", "!closing line"}},
         {{"dump", f, "/dev/full"}, 1, {}, {"incomplete"}},
         {{"load", path("l1")}, 1, {}, {"counts 3 records, the dump holds 2"}, dump + "# end 3 records\n"},
         {{"load", path("l2")}, 0, {}, {}, dump + "# end 2 records\n"},
         {{"load", path("l3")}, 1, {}, {"malformed closing line"}, dump + "# end two records\n"},
+        {{"create", path("k26"), "1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1"}, 2, {}, {"at most 25 keys"}},
+        {{"create", path("wide"), "300,300"}, 1, {}, {"ISE_INVKL", "must fit a 1024-byte index page"}},
         {{"create", d, "4"}, 0},
         {{"put", d, "-"}, 0, {}, {}, "ab01x\nab02x\nac01x\nb\\x00\\x00\\x00x\nzz99x\n"},
+        {{"get", d, "\\x7A\\x7a99"}, 0, {"=zz99x\n"}},
+        {{"get", d, "\\q"}, 2, {}, {"malformed escape in \"\\q\""}},
+        {{"put", d, "ab\\qcd"}, 1, {}, {"malformed escape in the record"}},
         {{"del", d, "ab"}, 1, {}, {"more than one record", "ab01", "ab02"}},
         {{"del", d, "ac"}, 0},
         {{"get", d, "ac01"}, 1},
@@ -474,6 +492,44 @@ TEST_F(Tool, ExitStatusesAndMessages) {
     EXPECT_EQ(r.rc, 130) << r.err;
     EXPECT_TRUE(has(r.err, "interrupted")) << r.err;
     table({{{"get", f, "cccc"}, 0, {"=ccccRRRfour\n"}}});
+}
+
+// A file left with its data-changed mark is refused until check has found it sound and
+// cleared the mark; check leaves the mark on a damaged file and on one that a process
+// has open.
+TEST_F(Tool, DataChangedMarkIsClearedOnlyWhenSound) {
+    init_config({"--track-changes"});
+    const std::string f = path("m");
+    table({{{"create", f, "4,3"}, 0}, {{"put", f, "-"}, 0, {}, {}, "aaaaXYZone\nbbbbQQQtwo\n"}});
+    const auto marked = [&] { return (field<uint8_t>(slurp(f), 88) & 0x10) != 0; };
+    const auto set_mark = [&] { poke(f, 88, std::string(1, char(field<uint8_t>(slurp(f), 88) | 0x10))); };
+    ASSERT_FALSE(marked());
+    set_mark();
+    const std::string sound = slurp(f);
+    poke(f, off_t(sound.find("XYZone")) + 1, "W");   // key 1's item no longer matches its record
+    table({{{"check", f, "--clear-mark"}, 1, {"DAMAGED"}}});
+    EXPECT_TRUE(marked()) << "the mark of a damaged file was cleared";
+    spit(f, sound);
+    table({{{"get", f, "aaaa"}, 1, {}, {"ISE_INCONSISTENT", "'kisam check --clear-mark' once it is sound"}},
+           {{"check", f}, 0, {"sound, but its data-changed mark is set"}}});
+    json_table({{{"check", f, "--json"}, 0, {{"/status", "sound"}, {"/data_changed_mark", true}}}});
+    EXPECT_TRUE(marked());
+    table({{{"check", f, "--clear-mark"}, 0, {"sound; data-changed mark cleared"}},
+           {{"get", f, "aaaa"}, 0, {"=aaaaXYZone\n"}}});
+    EXPECT_FALSE(marked());
+    EXPECT_EQ(field<uint8_t>(slurp(f), 88) | 0x10, field<uint8_t>(sound, 88)) << "other option bits changed";
+
+    // Without a configuration nobody can tell whether a process has the file open.
+    set_mark();
+    with_config = false;
+    table({{{"check", f, "--clear-mark"}, 1, {"exactly the 2 records of key 0"}, {"the mark is left set", "cannot be told"}}});
+    with_config = true;
+    EXPECT_TRUE(marked());
+    table({{{"check", f, "--clear-mark"}, 0}});
+    Writer w = writer(f, "ccccRRRthree", "w");
+    table({{{"check", f}, 0, {"is open in the shared area; changes not yet flushed are not seen", ": sound\n"}},
+           {{"create", f, "4", "--force"}, 1, {}, {"ISE_CREATEISOPEN", "close it everywhere first"}}});
+    EXPECT_EQ(end(w).rc, 0) << slurp(path("w.err"));
 }
 
 TEST_F(Tool, ProgressLineIsErased) {
@@ -860,6 +916,11 @@ TEST_F(Backup, FailuresAndRefusalsLeaveEverythingAsItWas) {
            {{"backup", f, path("nowhere/copy")}, 1, {}, {"nothing was written"}},
            {{"backup", f}, 2},
            {{"backup", f, path("old")}, 1, {}, {"ISE_FLWT"}, "", 100000}});
+    // Names the engine or the temporary beside the file could not hold.
+    const std::string longer = path(std::string(95, 'n'));
+    table({{{"create", longer, "8"}, 0},
+           {{"compact", longer}, 1, {}, {"the name is too long for the temporary file beside it"}},
+           {{"get", longer + std::string(20, 'n'), "x"}, 1, {}, {"file name longer than 127 characters"}}});
     Writer w = writer(f, "K9999999A00000held open", "holder");
     const std::string before = slurp(f);
     table({{{"compact", f}, 1, {}, {"open in 1 other process"}}});
