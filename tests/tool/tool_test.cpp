@@ -819,6 +819,8 @@ TEST_F(ToolWait, AnInterruptDuringAWaitStopsWithNothingWritten) {
                     r.err.find("interrupted") == r.err.rfind("interrupted")) << r.err;
         EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(5)) << "the interrupt waited for the holder";
     }
+    // Their slots wait for the clean-up of dead processes while the holder holds the file.
+    table({{{"stat"}, 0, {" NO LONGER EXISTS: it ended without giving its slot back", "3 slot(s) held by processes that no longer exist"}}});
     // A hangup ignored at the start ('nohup') stays ignored.
     ignore_hup = true;
     pid_t pid = waiting({"put", path("f"), "wxyzRECORD"});

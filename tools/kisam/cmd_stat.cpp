@@ -157,7 +157,7 @@ void print_once(const void* area, int shmid, const std::vector<std::pair<std::st
         if (pid == ::getpid())
             state = " (this kisam stat)";
         else if (exited(pid)) {
-            state = " NO LONGER EXISTS: it ended without detaching";
+            state = " NO LONGER EXISTS: it ended without giving its slot back (killed, or its files could not be closed)";
             ++gone;
         }
         if (needs[i] != 0) state += ", waiting for the lock at offset " + std::to_string(needs[i]);
