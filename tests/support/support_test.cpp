@@ -191,8 +191,7 @@ TEST(Blanks, StripEndsAndAllBlankTexts) {
 
 // The text helpers against std::string models on random texts; the seed is printed.
 TEST(Text, FillsSubstringsCaseAndSearchAgainstAModel) {
-    const char *env = std::getenv("KISAM_SEED");
-    const unsigned seed = env ? static_cast<unsigned>(std::strtoul(env, nullptr, 0)) : 20261127u;
+    const unsigned seed = static_cast<unsigned>(kt::test_seed(20261127u));
     SCOPED_TRACE("KISAM_SEED=" + std::to_string(seed));
     std::mt19937 rng(seed);
     auto text = [&](int most) {
