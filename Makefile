@@ -5,7 +5,7 @@ JOBS       ?= $(shell nproc)
 PREFIX     ?= /usr/local
 CMAKE_ARGS ?=
 
-.PHONY: all test deps-test asan test-asan soak fuzz mutants coverage demo install bench bench-peers clean
+.PHONY: all test deps-test asan test-asan soak fuzz mutants coverage coverage-per-test demo install bench bench-peers clean
 
 all: $(BUILD)/.configured
 	cmake --build $(BUILD) -j $(JOBS)
@@ -73,6 +73,13 @@ coverage: deps-test
 	  --txt $(COV_BUILD)/coverage.txt --html-details $(COV_BUILD)/coverage/index.html
 	@python3 tools/coverage-summary.py $(COV_BUILD)/coverage.json
 	@exit $$(cat $(COV_BUILD)/ctest.rc)
+
+# The lines each test runs and those only it runs (a coverage build tree of the same
+# kind; each test alone, about 10 min on two cores): $(COV_BUILD)/per-test.txt.
+coverage-per-test: deps-test
+	cmake -S . -B $(COV_BUILD) -DKISAM_COVERAGE=ON -DCMAKE_BUILD_TYPE=Debug $(CMAKE_ARGS)
+	cmake --build $(COV_BUILD) -j $(JOBS)
+	python3 tools/coverage-per-test.py $(COV_BUILD) $(JOBS)
 
 # Fuzz targets (clang, libFuzzer, sanitizers) in their own tree, each run FUZZ_SECONDS.
 FUZZ_BUILD   ?= build-fuzz
