@@ -8,6 +8,8 @@ alone, its processes writing gcov's counters under a prefix of their own, so tha
 nothing of another test mixes in; a test's lines are those with a count above zero.
 Written: BUILD/per-test.json ({test: {file: [lines]}}) and, on the terminal and in
 BUILD/per-test.txt, each test's count of lines no other test runs, fewest first.
+Processes a test runs as another user cannot write under the prefix: their lines are
+not counted.
 
 A test that runs no line of its own is not thereby redundant: a model, kill or crash
 test checks what the code does, not where it goes.  Read it together with the planted
