@@ -465,12 +465,23 @@ off_t put_to_cut(int fd, int base, int* made, off_t at = -1, bool mapped = true)
 }
 
 // A cut, then the healing checkpoint's file sync fails on a disk that drops what it had
-// not written.
+// not written; with g_relog, so does the next sync of the log (the header of the log
+// begun anew to hold the pool): 1 the header stays in the cache, 2 the cache drops it.
 const char* g_data_file = nullptr;
 std::string* g_data_was = nullptr;
 int g_data_syncs = 0;
+int g_relog = 0;
+const char* g_log = nullptr;
+std::string g_log_heads;  // the log's headers when the file's sync failed
 int dropping_data_sync(int fd) {
+    if (g_relog && g_data_syncs == 1 && kt::is_log_fd(fd)) {
+        if (g_relog == 2) (void)!::pwrite(fd, g_log_heads.data(), g_log_heads.size(), 0);
+        g_relog = 0;
+        errno = EIO;
+        return -1;
+    }
     if (kt::fd_path(fd) != g_data_file || g_data_syncs++ != 0) return kisam::os_real.fdatasync(fd);
+    if (g_relog) g_log_heads = kt::slurp(g_log).substr(0, 1024);
     kt::drop_unwritten(fd, *g_data_was);
     errno = EIO;
     return -1;
@@ -489,6 +500,7 @@ struct CutRow {
     End end;
     int after;       // calls after the cut
     int may_fail;    // of those, how many may fail (ISE_FLWT); with `at` >= 0 the first must
+    int relog = 0;   // g_relog: the sync of the log after the file's failed one fails too
 };
 const CutRow kCutRows[] = {
     // The store that meets a cut fails its call (never SIGBUS); the next call heals the log.
@@ -507,6 +519,11 @@ const CutRow kCutRows[] = {
     // The log must be made to hold the pool again: no call that returned is lost.
     {"ACutAndAFailedSyncOfTheFileLoseNoCallThatReturned", -1, true, true, true, kClosed, 20, 2},
     {"ACutAndAFailedSyncOfTheFileLoseNoCallThatReturned", -1, true, true, true, kKilled, 20, 2},
+    // ... and the log begun anew for the pool cannot sync its header.
+    {"ACutAndFailedSyncsOfTheFileAndTheLogLoseNoCallThatReturned", 8192, true, true, true, kClosed, 20, 3, 1},
+    {"ACutAndFailedSyncsOfTheFileAndTheLogLoseNoCallThatReturned", 8192, true, true, true, kKilled, 20, 3, 1},
+    {"ACutAndFailedSyncsOfTheFileAndTheLogLoseNoCallThatReturned", 8192, true, true, true, kClosed, 20, 3, 2},
+    {"ACutAndFailedSyncsOfTheFileAndTheLogLoseNoCallThatReturned", 8192, true, true, true, kKilled, 20, 3, 2},
 };
 
 TEST_F(LogCut, CutsUnderOneWriterLoseNoCallThatReturned) {
@@ -515,6 +532,7 @@ TEST_F(LogCut, CutsUnderOneWriterLoseNoCallThatReturned) {
     constexpr int kAfter = 21;
     struct Out {
         int before, syncs;    // calls made before the cut (all returned 0); the file's syncs
+        int relog;            // g_relog when the calls ended: 0 once its failure was met
         int rc[kAfter], code[kAfter];
     };
     Out* out = &shared<Out>();
@@ -530,6 +548,8 @@ TEST_F(LogCut, CutsUnderOneWriterLoseNoCallThatReturned) {
             std::string was = kt::slurp(file);
             g_data_file = data_file.c_str();
             g_data_was = &was;
+            g_log = log.c_str();
+            g_relog = row.relog;
             const int fd = nisopen(file.c_str(), ISO_RDWR);
             if (fd < 0) return 1;
             const off_t cut = put_to_cut(fd, base, &out->before, row.at, row.mapped);
@@ -541,6 +561,7 @@ TEST_F(LogCut, CutsUnderOneWriterLoseNoCallThatReturned) {
                 if (row.end == kKilledAtOnce) ::raise(SIGKILL);
             }
             out->syncs = g_data_syncs;
+            out->relog = g_relog;
             if (row.end != kClosed) ::raise(SIGKILL);
             if (nisclose(fd) != 0) return 3;
             nisunisam();
@@ -556,6 +577,7 @@ TEST_F(LogCut, CutsUnderOneWriterLoseNoCallThatReturned) {
         if (row.at >= 0) { EXPECT_EQ(out->rc[0], -1) << "a store past the cut went unnoticed"; }
         EXPECT_LE(failed, row.may_fail) << "calls still fail once the cut is healed";
         if (row.drops) { EXPECT_GE(out->syncs, 2) << "the failed sync of the file was not reached"; }
+        EXPECT_EQ(out->relog, 0) << "the failed sync of the log begun anew was not reached";
         if (row.end != kClosed) inst_->remove_segment();  // the next attach replays the log
         if (row.at >= 0) { ASSERT_TRUE(kt::sound(file)); }
         const int fd = replayed(file, false);
