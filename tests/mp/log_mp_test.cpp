@@ -465,8 +465,9 @@ off_t put_to_cut(int fd, int base, int* made, off_t at = -1, bool mapped = true)
 }
 
 // A cut, then the healing checkpoint's file sync fails on a disk that drops what it had
-// not written; with g_relog, so does the next sync of the log (the header of the log
-// begun anew to hold the pool): 1 the header stays in the cache, 2 the cache drops it.
+// not written; with g_relog, the log begun anew to hold the pool fails next: 1 the sync
+// of its header (the header stays in the cache), 2 the same (the cache drops it), 3 the
+// store of its first record of pages.
 const char* g_data_file = nullptr;
 std::string* g_data_was = nullptr;
 int g_data_syncs = 0;
@@ -474,7 +475,7 @@ int g_relog = 0;
 const char* g_log = nullptr;
 std::string g_log_heads;  // the log's headers when the file's sync failed
 int dropping_data_sync(int fd) {
-    if (g_relog && g_data_syncs == 1 && kt::is_log_fd(fd)) {
+    if (g_relog && g_relog < 3 && g_data_syncs == 1 && kt::is_log_fd(fd)) {
         if (g_relog == 2) (void)!::pwrite(fd, g_log_heads.data(), g_log_heads.size(), 0);
         g_relog = 0;
         errno = EIO;
@@ -483,6 +484,12 @@ int dropping_data_sync(int fd) {
     if (kt::fd_path(fd) != g_data_file || g_data_syncs++ != 0) return kisam::os_real.fdatasync(fd);
     if (g_relog) g_log_heads = kt::slurp(g_log).substr(0, 1024);
     kt::drop_unwritten(fd, *g_data_was);
+    errno = EIO;
+    return -1;
+}
+int failing_relog_store(int fd, char* map, off_t off, const void* src, size_t n) {
+    if (g_relog != 3 || g_data_syncs != 1) return kisam::os_real.mstore(fd, map, off, src, n);
+    g_relog = 0;
     errno = EIO;
     return -1;
 }
@@ -519,11 +526,13 @@ const CutRow kCutRows[] = {
     // The log must be made to hold the pool again: no call that returned is lost.
     {"ACutAndAFailedSyncOfTheFileLoseNoCallThatReturned", -1, true, true, true, kClosed, 20, 2},
     {"ACutAndAFailedSyncOfTheFileLoseNoCallThatReturned", -1, true, true, true, kKilled, 20, 2},
-    // ... and the log begun anew for the pool cannot sync its header.
+    // ... and the log begun anew for the pool cannot sync its header, or store its pages.
     {"ACutAndFailedSyncsOfTheFileAndTheLogLoseNoCallThatReturned", 8192, true, true, true, kClosed, 20, 3, 1},
     {"ACutAndFailedSyncsOfTheFileAndTheLogLoseNoCallThatReturned", 8192, true, true, true, kKilled, 20, 3, 1},
     {"ACutAndFailedSyncsOfTheFileAndTheLogLoseNoCallThatReturned", 8192, true, true, true, kClosed, 20, 3, 2},
     {"ACutAndFailedSyncsOfTheFileAndTheLogLoseNoCallThatReturned", 8192, true, true, true, kKilled, 20, 3, 2},
+    {"ACutAndFailedSyncsOfTheFileAndTheLogLoseNoCallThatReturned", 8192, true, true, true, kClosed, 20, 3, 3},
+    {"ACutAndFailedSyncsOfTheFileAndTheLogLoseNoCallThatReturned", 8192, true, true, true, kKilled, 20, 3, 3},
 };
 
 TEST_F(LogCut, CutsUnderOneWriterLoseNoCallThatReturned) {
@@ -555,6 +564,7 @@ TEST_F(LogCut, CutsUnderOneWriterLoseNoCallThatReturned) {
             const off_t cut = put_to_cut(fd, base, &out->before, row.at, row.mapped);
             if (cut < 0 || ::truncate(log.c_str(), cut) != 0) return 2;
             if (row.drops) kisam::os.fdatasync = dropping_data_sync;
+            if (row.relog == 3) kisam::os.mstore = failing_relog_store;
             for (int k = 0; k < row.after; ++k) {
                 out->rc[k] = put(fd, base + out->before + k);
                 out->code[k] = is_errno;
