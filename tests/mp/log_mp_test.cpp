@@ -133,6 +133,18 @@ TEST_F(Log, SyncsComeAtEveryDurableChangeOrAtKisamSync) {
 // After a failed sync (a durable call's, or a checkpoint's new log header) the kernel may
 // drop the pages it failed to write: the next syncs must write them again.  With the
 // cache keeping or losing them, every call that returned survives a kill.
+// The next write of the log's header (1) or of one of its records (2) fails.
+int g_rewrite = 0;
+ssize_t failing_rewrite(int fd, const void* b, size_t n, off_t off) {
+    if (g_rewrite && kt::is_log_fd(fd) && n < 65536 && (g_rewrite == 1) == (off < 1024)) {
+        g_rewrite = 0;
+        errno = EIO;
+        return -1;
+    }
+    return kisam::os_real.pwrite(fd, b, n, off);
+}
+
+// ... and when the next sync cannot write the log again (rewrite), its call fails alone.
 TEST_F(Log, AFailedSyncOfTheLogIsNeverTakenForDoneByTheNext) {
     bound(120);
     const std::string file = made("f", {8});
@@ -144,58 +156,68 @@ TEST_F(Log, AFailedSyncOfTheLogIsNeverTakenForDoneByTheNext) {
     };
     Out* out = &shared<Out>();
     int base = 0;
-    for (const bool header : {false, true})
-        for (const bool lost : {false, true}) {
-            SCOPED_TRACE(std::string(header ? "the header's sync failed" : "a call's sync failed") +
-                         (lost ? ", the cache lost what it carried" : ", the cache kept it"));
-            base += 1000;
-            *out = Out{};
-            Durable d("1");
-            const int st = kt::run_child([&] {
-                const int fd = nisopen(file.c_str(), ISO_RDWR);
-                if (fd < 0) return 1;
-                for (int i = 0; i < kBefore; ++i)
-                    if (put(fd, base + i) != 0) return 2;
-                std::string was = kt::slurp(log);
-                if (was.size() < 4096) return 3;
-                if (header) was.resize(1024);
-                {
-                    // A checkpoint syncs the file, then the new header.
-                    kt::Faults f;
-                    f.arm(kt::Faults::kSync, header ? 2 : 1, kt::Faults::kOnce);
-                    if (header) {
-                        if (kt::write_back(fd) != -1) return 4;
-                    } else {
-                        out->failed = put(fd, base + kBefore);
-                        out->code = is_errno;
-                    }
-                    if (!kt::Faults::hit()) return 5;
+    struct Case {
+        bool header, lost;
+        int rewrite;  // g_rewrite for the sync after the failed one
+    };
+    for (const Case c : {Case{false, false, 0}, Case{false, true, 0}, Case{true, false, 0}, Case{true, true, 0},
+                         Case{false, false, 1}, Case{false, false, 2}, Case{true, true, 1}}) {
+        const bool header = c.header, lost = c.lost;
+        SCOPED_TRACE(std::string(header ? "the header's sync failed" : "a call's sync failed") +
+                     (lost ? ", the cache lost what it carried" : ", the cache kept it") +
+                     (c.rewrite == 1 ? ", its header not written again at once" :
+                      c.rewrite == 2 ? ", a record not written again at once" : ""));
+        base += 1000;
+        *out = Out{};
+        Durable d("1");
+        const int st = kt::run_child([&] {
+            const int fd = nisopen(file.c_str(), ISO_RDWR);
+            if (fd < 0) return 1;
+            for (int i = 0; i < kBefore; ++i)
+                if (put(fd, base + i) != 0) return 2;
+            std::string was = kt::slurp(log);
+            if (was.size() < 4096) return 3;
+            if (header) was.resize(1024);
+            {
+                // A checkpoint syncs the file, then the new header.
+                kt::Faults f;
+                f.arm(kt::Faults::kSync, header ? 2 : 1, kt::Faults::kOnce);
+                if (header) {
+                    if (kt::write_back(fd) != -1) return 4;
+                } else {
+                    out->failed = put(fd, base + kBefore);
+                    out->code = is_errno;
                 }
-                if (header && kt::slurp(log).substr(0, 1024) == was) return 6;  // the header was written
-                if (lost) {
-                    const int l = ::open(log.c_str(), O_WRONLY);
-                    if (l < 0 || ::pwrite(l, was.data(), was.size(), 0) != static_cast<ssize_t>(was.size())) return 7;
-                    ::close(l);
-                }
-                const int first = base + kBefore + (header ? 0 : 1);
-                for (int k = 0; k < kAfter; ++k) out->ok[k] = put(fd, first + k) == 0;
-                ::raise(SIGKILL);  // nothing reaches the file but through the log's replay
-                return 8;
-            });
-            ASSERT_EQ(st, 128 + SIGKILL);
-            if (!header) {
-                EXPECT_EQ(out->failed, -1) << "a durable call whose sync failed returned";
-                EXPECT_EQ(out->code, ISE_FLWT);
+                if (!kt::Faults::hit()) return 5;
             }
-            const int fd = replayed(file);
-            ASSERT_GE(fd, 0);
-            // Every call is there: those that said they were on disk, and what the failed
-            // sync carried (the failed call, when it was one).
-            const int all = kBefore + (header ? 0 : 1) + kAfter;
-            EXPECT_EQ(held_prefix(fd, base, all), all) << "a call was lost after the failed sync";
-            EXPECT_GE(std::count(out->ok, out->ok + kAfter, 1), kAfter - 1) << "calls still fail after the loss";
-            close_sound(fd, file);
+            if (header && kt::slurp(log).substr(0, 1024) == was) return 6;  // the header was written
+            if (lost) {
+                const int l = ::open(log.c_str(), O_WRONLY);
+                if (l < 0 || ::pwrite(l, was.data(), was.size(), 0) != static_cast<ssize_t>(was.size())) return 7;
+                ::close(l);
+            }
+            const int first = base + kBefore + (header ? 0 : 1);
+            g_rewrite = c.rewrite;
+            kisam::os.pwrite = failing_rewrite;
+            for (int k = 0; k < kAfter; ++k) out->ok[k] = put(fd, first + k) == 0;
+            if (g_rewrite != 0) return 9;  // the log was not written again
+            ::raise(SIGKILL);  // nothing reaches the file but through the log's replay
+            return 8;
+        });
+        ASSERT_EQ(st, 128 + SIGKILL);
+        if (!header) {
+            EXPECT_EQ(out->failed, -1) << "a durable call whose sync failed returned";
+            EXPECT_EQ(out->code, ISE_FLWT);
         }
+        const int fd = replayed(file);
+        ASSERT_GE(fd, 0);
+        // Every call is there: those that said they were on disk, and what the failed
+        // sync carried (the failed call, when it was one).
+        const int all = kBefore + (header ? 0 : 1) + kAfter;
+        EXPECT_EQ(held_prefix(fd, base, all), all) << "a call was lost after the failed sync";
+        EXPECT_GE(std::count(out->ok, out->ok + kAfter, 1), kAfter - 1) << "calls still fail after the loss";
+        close_sound(fd, file);
+    }
 }
 
 // ---- the log written through a mapping, and without one ----------------------------------
