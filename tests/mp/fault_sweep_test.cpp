@@ -555,22 +555,33 @@ TEST_F(Sweep, ACallThatOutgrowsItsJournalIsWholeOrAbsent) {
     inst_->remove_segment();
     EXPECT_TRUE(wide_holds(f, grows + 1));
 
-    // The journal's open fails at its first or second look at the file.
-    for (int n : {1, 2}) {
+    // Each look at the journal's file as it is opened fails in turn: the call fails with
+    // nothing changed, until the looks run out and it goes through.
+    for (int n = 1;; ++n) {
         SCOPED_TRACE("journal look " + std::to_string(n));
+        ASSERT_LT(n, 10);
         g_journal_looks = n;
         fd = nisopen(f.c_str(), ISO_RDWR);
         ASSERT_GE(fd, 0);
         kisam::os.fstat = failing_journal_fstat;
-        EXPECT_EQ(nisupdate(fd, wide(grows + 1, 1).data(), kWideSize), -1);
-        EXPECT_GT(is_errno, 0);
+        const int rc = nisupdate(fd, wide(grows + 1, 1).data(), kWideSize);
         kisam::os.fstat = kisam::os_real.fstat;
-        EXPECT_EQ(g_journal_looks, 0) << "the journal was not opened";
-        EXPECT_EQ(wide_gen(fd, grows + 1), 0);
+        const bool met = g_journal_looks == 0;
+        if (met) {
+            EXPECT_EQ(rc, -1);
+            EXPECT_GT(is_errno, 0);
+            EXPECT_EQ(wide_gen(fd, grows + 1), 0);
+        }
         nisclose(fd);
         nisunisam();
+        if (!met) {
+            EXPECT_EQ(rc, 0) << is_errno;
+            // Its owner and mode, its size, its size again to map it.
+            EXPECT_GE(n, 4) << "the journal's file is looked at less than expected";
+            break;
+        }
     }
-    EXPECT_TRUE(wide_holds(f, grows + 1));
+    EXPECT_TRUE(wide_holds(f, grows + 2));
 }
 
 // A failing lock call refuses its call with a code, changing nothing; a failing release
