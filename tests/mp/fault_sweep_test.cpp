@@ -459,14 +459,18 @@ int failing_journal_fstat(int fd, struct stat* st) {
     return kisam::os_real.fstat(fd, st);
 }
 
-// Killed once the journal has grown and the call changed a few pages more.
+// Whether this process's journal (the lock file's path and ".u") has outgrown its first room.
 std::string g_journal;
+bool grown() {
+    struct stat st;
+    const std::string j = g_journal + std::to_string(is_env.useridx);
+    return ::stat(j.c_str(), &st) == 0 &&
+           static_cast<size_t>(st.st_size) > kisam::journal::bytes_for(kisam::journal::kFirstCapacity);
+}
+// Killed once the journal has grown and the call changed a few pages more.
 int g_touches_past = -1;
 void kill_past_growth(int where, int) {
-    struct stat st;
-    if (where != kisam::kHookTouch || ::stat(g_journal.c_str(), &st) != 0) return;
-    if (static_cast<size_t>(st.st_size) > kisam::journal::bytes_for(kisam::journal::kFirstCapacity) && ++g_touches_past == 30)
-        ::kill(::getpid(), SIGKILL);
+    if (where == kisam::kHookTouch && grown() && ++g_touches_past == 30) ::kill(::getpid(), SIGKILL);
 }
 
 // The update that first outgrows its journal (found by a run without a fault) fails
@@ -487,14 +491,13 @@ TEST_F(Sweep, ACallThatOutgrowsItsJournalIsWholeOrAbsent) {
     }
     const std::string made = kt::slurp(f);
     drop_journals();
-    const std::string journal = lock() + ".u";
-    const size_t first = kisam::journal::bytes_for(kisam::journal::kFirstCapacity);
-    // Updates from 0 on until one grows the journal; how many were made.
+    g_journal = lock() + ".u";
+    // Updates from 0 on until one grows the journal (or up to stop_before); how many were made.
     auto update_until_grown = [&](int fd, int stop_before) {
         for (int id = 0; id < kWideRecords; ++id) {
             if (id == stop_before) return id;
             if (update_wide(fd, id) != 0) return -1;
-            if (kt::slurp(journal + std::to_string(is_env.useridx)).size() > first) return id + 1;
+            if (grown()) return id + 1;
         }
         return -1;
     };
@@ -531,7 +534,6 @@ TEST_F(Sweep, ACallThatOutgrowsItsJournalIsWholeOrAbsent) {
         kt::become_unattached();
         const int cfd = nisopen(f.c_str(), ISO_RDWR);
         if (cfd < 0 || update_until_grown(cfd, grows) != grows) return 1;
-        g_journal = journal + std::to_string(is_env.useridx);
         kisam::test_hook = kill_past_growth;
         update_wide(cfd, grows);
         return 2;
