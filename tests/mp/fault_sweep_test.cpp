@@ -7,9 +7,12 @@
 #include "oracle.h"
 
 #include "isx_area.h"
+#include "jn_internal.h"
 #include "os.h"
+#include "test_hook.h"
 
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <map>
@@ -403,6 +406,184 @@ TEST_F(Sweep, LogSyncsEachFailingOnADiskThatDropsWhatItHadNotWritten) {
         ASSERT_TRUE(kt::sound(f));
     }
     std::printf("[ sweep    ] log syncs in durable mode: %d points\n", total);
+}
+
+// ---- a call that outgrows its journal -----------------------------------------------------
+
+// 25 keys of 450 bytes: index pages of two items, trees a dozen levels deep, so that an
+// update that moves every key changes more pages than a journal first has room for.
+constexpr int kWideKeys = 25, kWideLen = 450, kWideRecords = 400;
+constexpr int kWideSize = 8 + (kWideKeys - 1) * kWideLen;
+std::string wide(int id, int gen) {
+    std::string r(kWideSize, 'w');
+    char b[16];
+    std::snprintf(b, sizeof b, "%08d", id);
+    std::memcpy(&r[0], b, 8);
+    for (int k = 1; k < kWideKeys; ++k) {
+        std::snprintf(b, sizeof b, "%05d", (id * 7919 + k * 31 + gen * 104729) % 100000);
+        std::memcpy(&r[8 + (k - 1) * kWideLen], b, 5);
+    }
+    return r;
+}
+// The generation id's record holds (0 or 1), else -1.
+int wide_gen(int fd, int id) {
+    std::string got(kWideSize, '\0');
+    if (nisfind(fd, 0, wide(id, 0).data(), got.data(), kWideSize) != kWideSize) return -1;
+    return got == wide(id, 0) ? 0 : got == wide(id, 1) ? 1 : -1;
+}
+// Records 0 .. n-1 of generation 1, the rest of 0, along every key, in a sound file.
+::testing::AssertionResult wide_holds(const std::string& f, int n) {
+    const int fd = nisopen(f.c_str(), ISO_RDONLY);
+    if (fd < 0) return ::testing::AssertionFailure() << "open: " << is_errno;
+    for (int id = 0; id < kWideRecords; ++id)
+        if (wide_gen(fd, id) != (id < n ? 1 : 0)) {
+            nisclose(fd);
+            return ::testing::AssertionFailure() << "record " << id << " is not of generation " << (id < n);
+        }
+    nisclose(fd);
+    nisunisam();
+    return kt::sound(f);
+}
+int update_wide(int fd, int id) { return nisupdate(fd, wide(id, 1).data(), kWideSize); }
+
+// Fails the g_journal_looks-th fstat of a journal.
+int g_journal_looks = 0;
+int failing_journal_fstat(int fd, struct stat* st) {
+    const std::string p = kt::fd_path(fd);
+    const size_t dot = p.rfind(".u");
+    if (dot != std::string::npos && p.find_first_not_of("0123456789", dot + 2) == std::string::npos && g_journal_looks > 0 &&
+        --g_journal_looks == 0) {
+        errno = EIO;
+        return -1;
+    }
+    return kisam::os_real.fstat(fd, st);
+}
+
+// Whether this process's journal (the lock file's path and ".u") has outgrown its first room.
+std::string g_journal;
+bool grown() {
+    struct stat st;
+    const std::string j = g_journal + std::to_string(is_env.useridx);
+    return ::stat(j.c_str(), &st) == 0 &&
+           static_cast<size_t>(st.st_size) > kisam::journal::bytes_for(kisam::journal::kFirstCapacity);
+}
+// Killed once the journal has grown and the call changed a few pages more.
+int g_touches_past = -1;
+void kill_past_growth(int where, int) {
+    if (where == kisam::kHookTouch && grown() && ++g_touches_past == 30) ::kill(::getpid(), SIGKILL);
+}
+
+// The update that first outgrows its journal (found by a run without a fault) fails
+// whole when the journal cannot grow, is rolled back whole by a survivor when its
+// process dies after the growth, and is there after a crash in durable mode once it
+// returned.  A journal that cannot be opened or mapped fails its call, nothing changed.
+TEST_F(Sweep, ACallThatOutgrowsItsJournalIsWholeOrAbsent) {
+    start(kt::Config{.maxbuf = 1024});
+    const std::string f = path("wide");
+    std::vector<int> lens(kWideKeys, kWideLen);
+    lens[0] = 8;
+    {
+        const int fd = create("wide", lens);
+        ASSERT_GE(fd, 0) << is_errno;
+        for (int id = 0; id < kWideRecords; ++id) ASSERT_EQ(niswrite(fd, wide(id, 0).data(), kWideSize), 0) << is_errno;
+        ASSERT_EQ(nisclose(fd), 0);
+        nisunisam();
+    }
+    const std::string made = kt::slurp(f);
+    drop_journals();
+    g_journal = lock() + ".u";
+    // Updates from 0 on until one grows the journal (or up to stop_before); how many were made.
+    auto update_until_grown = [&](int fd, int stop_before) {
+        for (int id = 0; id < kWideRecords; ++id) {
+            if (id == stop_before) return id;
+            if (update_wide(fd, id) != 0) return -1;
+            if (grown()) return id + 1;
+        }
+        return -1;
+    };
+    int fd = nisopen(f.c_str(), ISO_RDWR);
+    ASSERT_GE(fd, 0);
+    const int grows = update_until_grown(fd, -1) - 1;  // the id whose update grows it
+    ASSERT_GE(grows, 0) << "no update outgrew the journal";
+    nisclose(fd);
+    nisunisam();
+
+    // Its reservation fails: the call fails and is undone; made again, it goes through.
+    drop_journals();
+    kt::spit(f, made);
+    fd = nisopen(f.c_str(), ISO_RDWR);
+    ASSERT_EQ(update_until_grown(fd, grows), grows);
+    {
+        Faults fail;
+        fail.arm(Faults::kAlloc, 1, Faults::kOnce, ENOSPC);
+        EXPECT_EQ(update_wide(fd, grows), -1);
+        EXPECT_GT(is_errno, 0);
+        EXPECT_TRUE(Faults::hit());
+    }
+    EXPECT_EQ(wide_gen(fd, grows), 0);
+    EXPECT_EQ(update_wide(fd, grows), 0) << is_errno;
+    nisclose(fd);
+    nisunisam();
+    EXPECT_TRUE(wide_holds(f, grows + 1));
+
+    // Killed past the growth, rolled back by the process that stays attached.
+    drop_journals();
+    kt::spit(f, made);
+    ASSERT_EQ(is_init(), 0);
+    const int st = kt::run_child([&] {
+        kt::become_unattached();
+        const int cfd = nisopen(f.c_str(), ISO_RDWR);
+        if (cfd < 0 || update_until_grown(cfd, grows) != grows) return 1;
+        kisam::test_hook = kill_past_growth;
+        update_wide(cfd, grows);
+        return 2;
+    });
+    ASSERT_EQ(st, 128 + SIGKILL);
+    int pids[4];
+    EXPECT_EQ(kisam_reap(pids, 4), 1);
+    EXPECT_TRUE(wide_holds(f, grows));
+
+    // Returned in durable mode, then killed: the replay has it.
+    drop_journals();
+    kt::spit(f, made);
+    ASSERT_EQ(kt::run_child([&] {
+                  ::setenv("KISAM_DURABLE", "1", 1);
+                  const int cfd = nisopen(f.c_str(), ISO_RDWR);
+                  if (cfd < 0 || update_until_grown(cfd, -1) != grows + 1) return 1;
+                  ::raise(SIGKILL);
+                  return 2;
+              }),
+              128 + SIGKILL);
+    inst_->remove_segment();
+    EXPECT_TRUE(wide_holds(f, grows + 1));
+
+    // Each look at the journal's file as it is opened fails in turn: the call fails with
+    // nothing changed, until the looks run out and it goes through.
+    for (int n = 1;; ++n) {
+        SCOPED_TRACE("journal look " + std::to_string(n));
+        ASSERT_LT(n, 10);
+        g_journal_looks = n;
+        fd = nisopen(f.c_str(), ISO_RDWR);
+        ASSERT_GE(fd, 0);
+        kisam::os.fstat = failing_journal_fstat;
+        const int rc = nisupdate(fd, wide(grows + 1, 1).data(), kWideSize);
+        kisam::os.fstat = kisam::os_real.fstat;
+        const bool met = g_journal_looks == 0;
+        if (met) {
+            EXPECT_EQ(rc, -1);
+            EXPECT_GT(is_errno, 0);
+            EXPECT_EQ(wide_gen(fd, grows + 1), 0);
+        }
+        nisclose(fd);
+        nisunisam();
+        if (!met) {
+            EXPECT_EQ(rc, 0) << is_errno;
+            // Its owner and mode, its size, its size again to map it.
+            EXPECT_GE(n, 4) << "the journal's file is looked at less than expected";
+            break;
+        }
+    }
+    EXPECT_TRUE(wide_holds(f, grows + 2));
 }
 
 // A failing lock call refuses its call with a code, changing nothing; a failing release

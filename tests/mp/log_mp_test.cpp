@@ -133,6 +133,18 @@ TEST_F(Log, SyncsComeAtEveryDurableChangeOrAtKisamSync) {
 // After a failed sync (a durable call's, or a checkpoint's new log header) the kernel may
 // drop the pages it failed to write: the next syncs must write them again.  With the
 // cache keeping or losing them, every call that returned survives a kill.
+// The next write of the log's header (1) or of one of its records (2) fails.
+int g_rewrite = 0;
+ssize_t failing_rewrite(int fd, const void* b, size_t n, off_t off) {
+    if (g_rewrite && kt::is_log_fd(fd) && n < 65536 && (g_rewrite == 1) == (off < 1024)) {
+        g_rewrite = 0;
+        errno = EIO;
+        return -1;
+    }
+    return kisam::os_real.pwrite(fd, b, n, off);
+}
+
+// ... and when the next sync cannot write the log again (rewrite), its call fails alone.
 TEST_F(Log, AFailedSyncOfTheLogIsNeverTakenForDoneByTheNext) {
     bound(120);
     const std::string file = made("f", {8});
@@ -144,58 +156,68 @@ TEST_F(Log, AFailedSyncOfTheLogIsNeverTakenForDoneByTheNext) {
     };
     Out* out = &shared<Out>();
     int base = 0;
-    for (const bool header : {false, true})
-        for (const bool lost : {false, true}) {
-            SCOPED_TRACE(std::string(header ? "the header's sync failed" : "a call's sync failed") +
-                         (lost ? ", the cache lost what it carried" : ", the cache kept it"));
-            base += 1000;
-            *out = Out{};
-            Durable d("1");
-            const int st = kt::run_child([&] {
-                const int fd = nisopen(file.c_str(), ISO_RDWR);
-                if (fd < 0) return 1;
-                for (int i = 0; i < kBefore; ++i)
-                    if (put(fd, base + i) != 0) return 2;
-                std::string was = kt::slurp(log);
-                if (was.size() < 4096) return 3;
-                if (header) was.resize(1024);
-                {
-                    // A checkpoint syncs the file, then the new header.
-                    kt::Faults f;
-                    f.arm(kt::Faults::kSync, header ? 2 : 1, kt::Faults::kOnce);
-                    if (header) {
-                        if (kt::write_back(fd) != -1) return 4;
-                    } else {
-                        out->failed = put(fd, base + kBefore);
-                        out->code = is_errno;
-                    }
-                    if (!kt::Faults::hit()) return 5;
+    struct Case {
+        bool header, lost;
+        int rewrite;  // g_rewrite for the sync after the failed one
+    };
+    for (const Case c : {Case{false, false, 0}, Case{false, true, 0}, Case{true, false, 0}, Case{true, true, 0},
+                         Case{false, false, 1}, Case{false, false, 2}, Case{true, true, 1}}) {
+        const bool header = c.header, lost = c.lost;
+        SCOPED_TRACE(std::string(header ? "the header's sync failed" : "a call's sync failed") +
+                     (lost ? ", the cache lost what it carried" : ", the cache kept it") +
+                     (c.rewrite == 1 ? ", its header not written again at once" :
+                      c.rewrite == 2 ? ", a record not written again at once" : ""));
+        base += 1000;
+        *out = Out{};
+        Durable d("1");
+        const int st = kt::run_child([&] {
+            const int fd = nisopen(file.c_str(), ISO_RDWR);
+            if (fd < 0) return 1;
+            for (int i = 0; i < kBefore; ++i)
+                if (put(fd, base + i) != 0) return 2;
+            std::string was = kt::slurp(log);
+            if (was.size() < 4096) return 3;
+            if (header) was.resize(1024);
+            {
+                // A checkpoint syncs the file, then the new header.
+                kt::Faults f;
+                f.arm(kt::Faults::kSync, header ? 2 : 1, kt::Faults::kOnce);
+                if (header) {
+                    if (kt::write_back(fd) != -1) return 4;
+                } else {
+                    out->failed = put(fd, base + kBefore);
+                    out->code = is_errno;
                 }
-                if (header && kt::slurp(log).substr(0, 1024) == was) return 6;  // the header was written
-                if (lost) {
-                    const int l = ::open(log.c_str(), O_WRONLY);
-                    if (l < 0 || ::pwrite(l, was.data(), was.size(), 0) != static_cast<ssize_t>(was.size())) return 7;
-                    ::close(l);
-                }
-                const int first = base + kBefore + (header ? 0 : 1);
-                for (int k = 0; k < kAfter; ++k) out->ok[k] = put(fd, first + k) == 0;
-                ::raise(SIGKILL);  // nothing reaches the file but through the log's replay
-                return 8;
-            });
-            ASSERT_EQ(st, 128 + SIGKILL);
-            if (!header) {
-                EXPECT_EQ(out->failed, -1) << "a durable call whose sync failed returned";
-                EXPECT_EQ(out->code, ISE_FLWT);
+                if (!kt::Faults::hit()) return 5;
             }
-            const int fd = replayed(file);
-            ASSERT_GE(fd, 0);
-            // Every call is there: those that said they were on disk, and what the failed
-            // sync carried (the failed call, when it was one).
-            const int all = kBefore + (header ? 0 : 1) + kAfter;
-            EXPECT_EQ(held_prefix(fd, base, all), all) << "a call was lost after the failed sync";
-            EXPECT_GE(std::count(out->ok, out->ok + kAfter, 1), kAfter - 1) << "calls still fail after the loss";
-            close_sound(fd, file);
+            if (header && kt::slurp(log).substr(0, 1024) == was) return 6;  // the header was written
+            if (lost) {
+                const int l = ::open(log.c_str(), O_WRONLY);
+                if (l < 0 || ::pwrite(l, was.data(), was.size(), 0) != static_cast<ssize_t>(was.size())) return 7;
+                ::close(l);
+            }
+            const int first = base + kBefore + (header ? 0 : 1);
+            g_rewrite = c.rewrite;
+            kisam::os.pwrite = failing_rewrite;
+            for (int k = 0; k < kAfter; ++k) out->ok[k] = put(fd, first + k) == 0;
+            if (g_rewrite != 0) return 9;  // the log was not written again
+            ::raise(SIGKILL);  // nothing reaches the file but through the log's replay
+            return 8;
+        });
+        ASSERT_EQ(st, 128 + SIGKILL);
+        if (!header) {
+            EXPECT_EQ(out->failed, -1) << "a durable call whose sync failed returned";
+            EXPECT_EQ(out->code, ISE_FLWT);
         }
+        const int fd = replayed(file);
+        ASSERT_GE(fd, 0);
+        // Every call is there: those that said they were on disk, and what the failed
+        // sync carried (the failed call, when it was one).
+        const int all = kBefore + (header ? 0 : 1) + kAfter;
+        EXPECT_EQ(held_prefix(fd, base, all), all) << "a call was lost after the failed sync";
+        EXPECT_GE(std::count(out->ok, out->ok + kAfter, 1), kAfter - 1) << "calls still fail after the loss";
+        close_sound(fd, file);
+    }
 }
 
 // ---- the log written through a mapping, and without one ----------------------------------
@@ -465,13 +487,31 @@ off_t put_to_cut(int fd, int base, int* made, off_t at = -1, bool mapped = true)
 }
 
 // A cut, then the healing checkpoint's file sync fails on a disk that drops what it had
-// not written.
+// not written; with g_relog, the log begun anew to hold the pool fails next: 1 the sync
+// of its header (the header stays in the cache), 2 the same (the cache drops it), 3 the
+// store of its first record of pages.
 const char* g_data_file = nullptr;
 std::string* g_data_was = nullptr;
 int g_data_syncs = 0;
+int g_relog = 0;
+const char* g_log = nullptr;
+std::string g_log_heads;  // the log's headers when the file's sync failed
 int dropping_data_sync(int fd) {
+    if (g_relog && g_relog < 3 && g_data_syncs == 1 && kt::is_log_fd(fd)) {
+        if (g_relog == 2) (void)!::pwrite(fd, g_log_heads.data(), g_log_heads.size(), 0);
+        g_relog = 0;
+        errno = EIO;
+        return -1;
+    }
     if (kt::fd_path(fd) != g_data_file || g_data_syncs++ != 0) return kisam::os_real.fdatasync(fd);
+    if (g_relog) g_log_heads = kt::slurp(g_log).substr(0, 1024);
     kt::drop_unwritten(fd, *g_data_was);
+    errno = EIO;
+    return -1;
+}
+int failing_relog_store(int fd, char* map, off_t off, const void* src, size_t n) {
+    if (g_relog != 3 || g_data_syncs != 1) return kisam::os_real.mstore(fd, map, off, src, n);
+    g_relog = 0;
     errno = EIO;
     return -1;
 }
@@ -489,6 +529,7 @@ struct CutRow {
     End end;
     int after;       // calls after the cut
     int may_fail;    // of those, how many may fail (ISE_FLWT); with `at` >= 0 the first must
+    int relog = 0;   // g_relog: the sync of the log after the file's failed one fails too
 };
 const CutRow kCutRows[] = {
     // The store that meets a cut fails its call (never SIGBUS); the next call heals the log.
@@ -507,6 +548,13 @@ const CutRow kCutRows[] = {
     // The log must be made to hold the pool again: no call that returned is lost.
     {"ACutAndAFailedSyncOfTheFileLoseNoCallThatReturned", -1, true, true, true, kClosed, 20, 2},
     {"ACutAndAFailedSyncOfTheFileLoseNoCallThatReturned", -1, true, true, true, kKilled, 20, 2},
+    // ... and the log begun anew for the pool cannot sync its header, or store its pages.
+    {"ACutAndFailedSyncsOfTheFileAndTheLogLoseNoCallThatReturned", 8192, true, true, true, kClosed, 20, 3, 1},
+    {"ACutAndFailedSyncsOfTheFileAndTheLogLoseNoCallThatReturned", 8192, true, true, true, kKilled, 20, 3, 1},
+    {"ACutAndFailedSyncsOfTheFileAndTheLogLoseNoCallThatReturned", 8192, true, true, true, kClosed, 20, 3, 2},
+    {"ACutAndFailedSyncsOfTheFileAndTheLogLoseNoCallThatReturned", 8192, true, true, true, kKilled, 20, 3, 2},
+    {"ACutAndFailedSyncsOfTheFileAndTheLogLoseNoCallThatReturned", 8192, true, true, true, kClosed, 20, 3, 3},
+    {"ACutAndFailedSyncsOfTheFileAndTheLogLoseNoCallThatReturned", 8192, true, true, true, kKilled, 20, 3, 3},
 };
 
 TEST_F(LogCut, CutsUnderOneWriterLoseNoCallThatReturned) {
@@ -515,6 +563,7 @@ TEST_F(LogCut, CutsUnderOneWriterLoseNoCallThatReturned) {
     constexpr int kAfter = 21;
     struct Out {
         int before, syncs;    // calls made before the cut (all returned 0); the file's syncs
+        int relog;            // g_relog when the calls ended: 0 once its failure was met
         int rc[kAfter], code[kAfter];
     };
     Out* out = &shared<Out>();
@@ -530,17 +579,21 @@ TEST_F(LogCut, CutsUnderOneWriterLoseNoCallThatReturned) {
             std::string was = kt::slurp(file);
             g_data_file = data_file.c_str();
             g_data_was = &was;
+            g_log = log.c_str();
+            g_relog = row.relog;
             const int fd = nisopen(file.c_str(), ISO_RDWR);
             if (fd < 0) return 1;
             const off_t cut = put_to_cut(fd, base, &out->before, row.at, row.mapped);
             if (cut < 0 || ::truncate(log.c_str(), cut) != 0) return 2;
             if (row.drops) kisam::os.fdatasync = dropping_data_sync;
+            if (row.relog == 3) kisam::os.mstore = failing_relog_store;
             for (int k = 0; k < row.after; ++k) {
                 out->rc[k] = put(fd, base + out->before + k);
                 out->code[k] = is_errno;
                 if (row.end == kKilledAtOnce) ::raise(SIGKILL);
             }
             out->syncs = g_data_syncs;
+            out->relog = g_relog;
             if (row.end != kClosed) ::raise(SIGKILL);
             if (nisclose(fd) != 0) return 3;
             nisunisam();
@@ -556,6 +609,7 @@ TEST_F(LogCut, CutsUnderOneWriterLoseNoCallThatReturned) {
         if (row.at >= 0) { EXPECT_EQ(out->rc[0], -1) << "a store past the cut went unnoticed"; }
         EXPECT_LE(failed, row.may_fail) << "calls still fail once the cut is healed";
         if (row.drops) { EXPECT_GE(out->syncs, 2) << "the failed sync of the file was not reached"; }
+        EXPECT_EQ(out->relog, 0) << "the failed sync of the log begun anew was not reached";
         if (row.end != kClosed) inst_->remove_segment();  // the next attach replays the log
         if (row.at >= 0) { ASSERT_TRUE(kt::sound(file)); }
         const int fd = replayed(file, false);

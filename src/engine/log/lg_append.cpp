@@ -349,10 +349,11 @@ int lg_relog(IS_FCP* fcp, int u) noexcept {
     }
     x->xf_log_gen = h.lh_gen;
     at(x->xf_log_start).store(h.lh_start);
-    at32(x->xf_log_cut).store(0, std::memory_order_release);
     // Every page of the file in the pool, whole (no before-image given), a batch a
     // record; the control page with each.  Their slots' log marks follow the records, so
-    // that none is written back before its record is on disk.
+    // that none is written back before its record is on disk.  The cut stays known
+    // until every batch is in: a log that holds part of the pool must not pass for one
+    // that holds what the file lacks.
     struct Batch {
         IS_FCP* fcp;
         int u, n, rc;
@@ -375,6 +376,7 @@ int lg_relog(IS_FCP* fcp, int u) noexcept {
         return bt->n == 256 ? bt->flush() : 0;
     }, &b);
     if (b.rc != 0 || b.flush() != 0) return -1;
+    at32(x->xf_log_cut).store(0, std::memory_order_release);
     return lg_sync_to(u, at(x->xf_log_end).load(std::memory_order_acquire));
 }
 

@@ -40,6 +40,11 @@ int checkpoint(IS_FCP* fcp, int u, int fd) noexcept {
     }
     if (!cut && lg_sync_to(u, end) != 0) return -1;
     if (lost) {
+        // A log cut short as well holds none of what the file lost: the pool does, in
+        // slots the write-back passes over (they went out clean before the sync failed).
+        // The log is made to hold the pool first (lg_relog, by lg_checkpoint), so that
+        // the next checkpoint writes them from there.
+        if (cut) return fail(ISE_FLWT, 0x2A);
         // Every page the generation's records hold goes to the file again, as the log
         // leaves it: the last committed content of each, which is what the pool holds of
         // it too, so no reader ever finds a page older than the one it replaces (and the
