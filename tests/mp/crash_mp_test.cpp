@@ -10,6 +10,7 @@
 #include "test_hook.h"
 #include "v_pool.h"
 
+#include <array>
 #include <functional>
 #include <signal.h>
 #include <sys/wait.h>
@@ -213,6 +214,50 @@ TEST_F(CrashFullTable, ADeadSlotWhoseCleanUpWaitsIsReportedOrTakenOnceAnotherCle
     char rec[sizeof kRec] = {};
     EXPECT_EQ(nisfind(fd, 0, "abcd", rec, sizeof rec), static_cast<int>(sizeof kRec));
     EXPECT_EQ(std::memcmp(rec, kRec, sizeof kRec), 0);
+    EXPECT_EQ(nisclose(fd), 0);
+    nisunisam();
+    EXPECT_TRUE(kt::sound(path("f")));
+}
+
+// A process killed at the write of its call's log record, whose rollback then fails (the
+// disk refuses the write that voids the record): a newcomer finding the table full is
+// told which process holds the slot and why; the file's next call settles the rollback,
+// and the slot is then taken.
+TEST_F(CrashFullTable, ADeadSlotWhoseRollbackFailsIsNamedUntilTheFilesNextCallSettlesIt) {
+    const int fd = create("f", {4});
+    ASSERT_EQ(niswrite(fd, kRec, sizeof kRec), 0);
+    const pid_t dead = kt::start_child([&] {
+        ot::become_unattached();
+        const int cfd = nisopen(path("f").c_str(), ISO_RDWR);
+        if (cfd < 0) return 1;
+        kt::Faults kill;
+        kill.arm(kt::Faults::kWrite, 1, kt::Faults::kKill);
+        niswrite(cfd, rec_keyed('z').data(), sizeof kRec);
+        return 2;
+    });
+    ASSERT_EQ(kt::wait_child(dead), 128 + SIGKILL);
+    char* said = &shared<std::array<char, 600>>()[0];
+    const int rc = kt::run_child([said] {
+        ot::become_unattached();
+        kt::Faults disk;
+        disk.arm(kt::Faults::kWrite, 1, kt::Faults::kFromThenOn, EIO);
+        int r = 0;
+        std::snprintf(said, 600, "%s", kt::capture_output(2, [&] { r = is_init(); }).c_str());
+        return r == 0 ? 1 : kt::stack_code() & 0xFF;
+    });
+    EXPECT_EQ(rc, 15);
+    const std::string head = "kisam: the process table is full; the slot of process " + std::to_string(dead) +
+                             ", which died, cannot be taken over until its last call is rolled back: ";
+    EXPECT_EQ(std::string(said).substr(0, head.size()), head) << said;
+    const std::string why = std::string(said).substr(std::min(head.size(), std::strlen(said)));
+    EXPECT_TRUE(why.find("ISE_FLWT") == 0 && why.find("Input/output error") != std::string::npos) << "why: " << why;
+    const uint32_t& undo = kisam::isx_file_of(is_db[fd]->uniqueid)->xf_undo;
+    EXPECT_EQ(undo, 2u) << "the rollback of slot 1 is pending";
+    char rec[sizeof kRec] = {};
+    EXPECT_EQ(nisfind(fd, 0, "zbcd", rec, sizeof rec), 0) << "the dead call is rolled back";
+    EXPECT_EQ(undo, 0u) << "by this process's call";
+    EXPECT_EQ(nisfind(fd, 0, "abcd", rec, sizeof rec), static_cast<int>(sizeof kRec));
+    EXPECT_EQ(kt::run_child([] { return ot::become_unattached(), is_init() == 0 && is_env.useridx == 1 ? 0 : 1; }), 0);
     EXPECT_EQ(nisclose(fd), 0);
     nisunisam();
     EXPECT_TRUE(kt::sound(path("f")));

@@ -189,6 +189,22 @@ TEST(Blanks, StripEndsAndAllBlankTexts) {
     }
 }
 
+// Edit masks: the literals outside quotes (escaped or repeated ones too) come out of the
+// value, in order; a stripped copy keeps within its room.
+TEST(Blanks, MasksAndStrippedCharacters) {
+    const struct { const char *value, *mask, *out; } masks[] = {
+        {"123-45-6789", "999-99-9999", "123456789"}, {"(12) 345", "\\(99\\) 999", "12345"},
+        {"a--b-c", "X-(2)X-X", "abc"}, {"1--2", "\"-\"9-9", "1-2"}, {"12-3", "9(2)-9", "123"}, {"", "9-9", ""}};
+    for (const auto &m : masks) {
+        char out[32] = "junk";
+        ZT_stripfill(m.value, m.mask, out);
+        EXPECT_STREQ(out, m.out) << m.value << " " << m.mask;
+    }
+    char out[8];
+    EXPECT_EQ(ZTStringStripChars("a-b-c-d", "-", out, 3), 2);
+    EXPECT_STREQ(out, "ab");
+}
+
 // The text helpers against std::string models on random texts; the seed is printed.
 TEST(Text, FillsSubstringsCaseAndSearchAgainstAModel) {
     const unsigned seed = static_cast<unsigned>(kt::test_seed(20261127u));
@@ -427,11 +443,21 @@ TEST_F(FileOps, StatusCodes) {
         {ZTFO_CREATEFILE, 0, {f}, 0, 0},             // parents made
         {ZTFO_CREATEFILE, 0, {f}, -1, 9},            // an existing file only with force
         {ZTFO_CREATEFILE, ZTFO_FORCE, {f}, 0, 0}, {ZTFO_TESTDIR, 0, {f}, 0, 0}, {ZTFO_TESTDIR, 0, {f + "x"}, -1, 3},
-        {ZTFO_TRUNCATE, 0, {d}, -1, 5}, {ZTFO_DELETEFILE, 0, {f}, 0, 0}};
+        {ZTFO_TESTEXIST, 0, {f}, 1, 0}, {ZTFO_TESTEXIST, 0, {f + "x"}, 0, 0}, {ZTFO_TESTEXIST, 0, {f + "/x"}, -1, 6},
+        {ZTFO_TESTFILE, 0, {f}, 1, 0}, {ZTFO_TESTFILE, 0, {d}, 0, 0},
+        {ZTFO_TRUNCATE, 0, {d}, -1, 5}, {ZTFO_TRUNCATE, 0, {f + "x"}, -1, 3}, {ZTFO_TRUNCATE, 0, {f}, 0, 0},
+        {ZTFO_DELETEDIR, 0, {box.path("a")}, -1, 7}, {ZTFO_DELETEDIR, 0, {d}, 0, 0}, {ZTFO_DELETEFILE, 0, {f}, 0, 0}};
     for (const auto &c : calls) {
+        if (c.cmd == ZTFO_TRUNCATE && c.rc == 0) kt::spit(f, "bytes");
         EXPECT_EQ(op(c.cmd, c.flags, c.paths), c.rc) << c.cmd << " " << c.paths[0];
-        EXPECT_EQ(c.rc != 0 ? status : 0, c.status) << c.cmd << " " << c.paths[0];
+        EXPECT_EQ(c.rc < 0 ? status : 0, c.status) << c.cmd << " " << c.paths[0];
+        if (c.cmd == ZTFO_TRUNCATE && c.rc == 0) { EXPECT_EQ(kt::slurp(f), ""); }
     }
+    EXPECT_FALSE(exists(d));
+    EXPECT_EQ(ZTFileExists(box.path("n//m").data()), 1);
+    EXPECT_EQ(ZTFileExists(box.path("n/m/gone").data()), 0);
+    EXPECT_EQ((std::vector<int>{ZTFileIsFile(box.path("n").c_str()), ZTFileIsDir(box.path("n").c_str())}),
+              (std::vector<int>{0, 1}));
 
     // Cut to fit, this path would name the existing file "victim": it is refused.
     kt::spit(box.path("victim"), "x");
