@@ -360,6 +360,23 @@ TEST_F(Frame, BadDescriptorsAndKeyNumbersAreRefused) {
     EXPECT_EQ(is_errno, ISE_BADFD);
 }
 
+// Refused before anything changes: an update in a process that has the file open only
+// read-only (its delete would go through, its write not) and a find without a key.
+TEST_F(Frame, ARefusedUpdateOrFindChangesNothing) {
+    const int fd = create("f", {4});
+    ASSERT_EQ(niswrite(fd, "abcd-rec", 8), 0);
+    ASSERT_EQ(nisclose(fd), 0);
+    const int ro = nisopen(path("f").c_str(), ISO_RDONLY);
+    ASSERT_GE(ro, 0);
+    char rec[16] = {};
+    EXPECT_EQ((std::vector<int>{nisupdate(ro, "abcd-new", 8), is_errno, stack_code()}),
+              (std::vector<int>{-1, ISE_RONLY, 0x2101}));
+    EXPECT_EQ((std::vector<int>{nisfind(ro, 0, nullptr, rec, sizeof rec), is_errno, stack_code()}),
+              (std::vector<int>{-1, ISE_INVKL, 0x3401}));
+    EXPECT_EQ(nisfind(ro, 0, "abcd", rec, sizeof rec), 8);
+    EXPECT_EQ(std::string(rec, 8), "abcd-rec");
+}
+
 TEST_F(Frame, AbandonedCallIsRepairedByTheNextCall) {
     int fd = create("f", {4});
     ASSERT_GE(fd, 0);

@@ -232,6 +232,8 @@ TEST_F(Backup, AFailedBackupLeavesNothingUnderTheDestination) {
     ASSERT_GE(fd, 0);
     for (int i = 0; i < 300; ++i) ASSERT_EQ(niswrite(fd, record(i, 1, 100).data(), 100), 0);
     const std::string dest = path("backup");
+    EXPECT_EQ(kisam_backup(path("none").c_str(), dest.c_str(), nullptr, nullptr, nullptr), -1);
+    EXPECT_EQ(is_errno, ISE_OPENF);
     EXPECT_EQ(kisam_backup(file.c_str(), dest.c_str(), [](const char*, void*) { return 1; }, nullptr, nullptr), -1);
     EXPECT_EQ(is_errno, ISE_BTS);
     struct stat st;

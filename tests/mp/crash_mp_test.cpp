@@ -220,9 +220,9 @@ TEST_F(CrashFullTable, ADeadSlotWhoseCleanUpWaitsIsReportedOrTakenOnceAnotherCle
 }
 
 // A process killed at the write of its call's log record, whose rollback then fails (the
-// disk refuses the write that voids the record): a newcomer finding the table full is
-// told which process holds the slot and why; the file's next call settles the rollback,
-// and the slot is then taken.
+// disk refuses the write that voids the record): a newcomer finding the table full, or a
+// forked child, is told which process holds the slot and why; the file's next call
+// settles the rollback, and the slot is then taken.
 TEST_F(CrashFullTable, ADeadSlotWhoseRollbackFailsIsNamedUntilTheFilesNextCallSettlesIt) {
     const int fd = create("f", {4});
     ASSERT_EQ(niswrite(fd, kRec, sizeof kRec), 0);
@@ -236,21 +236,23 @@ TEST_F(CrashFullTable, ADeadSlotWhoseRollbackFailsIsNamedUntilTheFilesNextCallSe
         return 2;
     });
     ASSERT_EQ(kt::wait_child(dead), 128 + SIGKILL);
-    char* said = &shared<std::array<char, 600>>()[0];
-    const int rc = kt::run_child([said] {
-        ot::become_unattached();
-        kt::Faults disk;
-        disk.arm(kt::Faults::kWrite, 1, kt::Faults::kFromThenOn, EIO);
-        int r = 0;
-        std::snprintf(said, 600, "%s", kt::capture_output(2, [&] { r = is_init(); }).c_str());
-        return r == 0 ? 1 : kt::stack_code() & 0xFF;
-    });
-    EXPECT_EQ(rc, 15);
     const std::string head = "kisam: the process table is full; the slot of process " + std::to_string(dead) +
                              ", which died, cannot be taken over until its last call is rolled back: ";
-    EXPECT_EQ(std::string(said).substr(0, head.size()), head) << said;
-    const std::string why = std::string(said).substr(std::min(head.size(), std::strlen(said)));
-    EXPECT_TRUE(why.find("ISE_FLWT") == 0 && why.find("Input/output error") != std::string::npos) << "why: " << why;
+    char* said = &shared<std::array<char, 600>>()[0];
+    for (bool fork_child : {false, true}) {   // a new process, and a forked child (is_chinit)
+        const int rc = kt::run_child([said, fork_child] {
+            if (!fork_child) ot::become_unattached();
+            kt::Faults disk;
+            disk.arm(kt::Faults::kWrite, 1, kt::Faults::kFromThenOn, EIO);
+            int r = 0;
+            std::snprintf(said, 600, "%s", kt::capture_output(2, [&] { r = fork_child ? is_chinit() : is_init(); }).c_str());
+            return r == 0 ? 1 : kt::stack_code() & 0xFF;
+        });
+        EXPECT_EQ(rc, 15) << fork_child;
+        EXPECT_EQ(std::string(said).substr(0, head.size()), head) << said;
+        const std::string why = std::string(said).substr(std::min(head.size(), std::strlen(said)));
+        EXPECT_TRUE(why.find("ISE_FLWT") == 0 && why.find("Input/output error") != std::string::npos) << "why: " << why;
+    }
     const uint32_t& undo = kisam::isx_file_of(is_db[fd]->uniqueid)->xf_undo;
     EXPECT_EQ(undo, 2u) << "the rollback of slot 1 is pending";
     char rec[sizeof kRec] = {};
