@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <bitset>
 #include <cctype>
 #include <cerrno>
@@ -623,6 +624,19 @@ TEST(LocalMutex, RecursionExclusionAndTimeOut) {
     for (auto &t : workers) t.join();
     EXPECT_EQ(counter, 80000);
     while_held(m, [&] { EXPECT_EQ(ZTMutexLockWTO(m, 0), 1); });
+    // Given back while a wait with a time-out sleeps: taken at its next try.
+    std::atomic<bool> held{false};
+    std::thread giver([&] {
+        ZTMutexLock(m);
+        held = true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        ZTMutexUnlock(m);
+    });
+    while (!held) std::this_thread::yield();
+    EXPECT_EQ(ZTMutexLockWTO(m, 3), 0);
+    giver.join();
+    ZTMutexUnlock(m);
+    EXPECT_EQ((std::vector<int>{ZTMutexLockWTO(nullptr, 0), m->m_count}), (std::vector<int>{-1, 0}));
     EXPECT_EQ(ZTMutexLockWTO(m, 1), 0);
     EXPECT_EQ(m->m_count, 1);
     ZTMutexUnlock(m);
@@ -634,6 +648,7 @@ TEST(GlobalMutex, ExcludesProcessesAndRemovesFileWithLastUser) {
     const std::string name = box.path("g"), lockfile = name + ".lck";
     ZTMutex *g = ZTGlobalMutexAlloc(name.c_str());
     ASSERT_TRUE(g != nullptr && ZTMutexLock(g) == 0);
+    EXPECT_EQ(ZTMutexLockWTO(g, 0), -1) << "no time-out for a global mutex";
     kt::Pipe ready, go, got;
     pid_t child = kt::start_child([&] {
         ZTMutex *cg = ZTGlobalMutexAlloc(name.c_str());
