@@ -154,6 +154,14 @@ TEST(ValList, RandomizedAgainstModel) {
         const char *got = getvlp(h, k.c_str());
         ASSERT_EQ(got != nullptr, it != model.end()) << "seed " << seed << " step " << i;
         if (got) { ASSERT_EQ(got, it->second) << "seed " << seed << " step " << i; }
+        if (rng() % 4 == 0) {   // a value handed over as it stands (no escapes), then owned
+            char *own = ZTStrAlloc("o'wn\\t");
+            const int rc = repvl(&h, k.c_str(), own, 6);
+            ASSERT_EQ(rc, it != model.end() ? 0 : -1) << "seed " << seed << " step " << i;
+            if (rc == 0) it->second = own;
+            else ZTFree(own);
+            continue;
+        }
         auto &v = values[rng() % 6];
         std::string in = v[0];
         ASSERT_EQ(addvl(&h, k.c_str(), in.data()), 0);
