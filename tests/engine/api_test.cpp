@@ -5,6 +5,7 @@
 #include "is_file.h"
 #include "is_lock.h"
 #include "is_rec.h"
+#include "isx_area.h"
 #include "kcheck.h"
 #include "os.h"
 
@@ -546,6 +547,31 @@ TEST_F(Damage, EveryOperationThatMeetsItFailsWithTheDamagedCode) {
             EXPECT_EQ(nisclose(fd), 0);
         }
     }
+}
+
+}  // namespace
+
+namespace {
+
+// Brackets over more files at once than the table of held lock words has room for: a
+// change under a hold the table could not note still leaves its file's change count
+// even at the release -- left odd, every read of that file without the lock would fall
+// back to the locked read until another process changed it.
+TEST_F(Frame, ChangesUnderMoreHoldsThanTheTableNotesLeaveTheCountsEven) {
+    kt::Config c;
+    c.maxopen = 80;
+    c.maxbuf = 400;
+    start(c);
+    std::vector<int> fds;
+    for (int i = 0; i < 70; ++i) {
+        fds.push_back(create("f" + std::to_string(i), {4}));
+        ASSERT_GE(fds.back(), 0) << i << ": " << is_errno;
+    }
+    for (int fd : fds) ASSERT_EQ(nisgetctl(fd), 0) << is_errno;
+    for (int fd : fds) ASSERT_EQ(niswrite(fd, "abcd-rec", 8), 0) << is_errno;
+    for (int fd : fds) ASSERT_EQ(nisrelctl(fd), 0) << is_errno;
+    for (size_t i = 0; i < fds.size(); ++i)
+        EXPECT_EQ(kisam::isx_file_of(is_db[fds[i]]->uniqueid)->xf_seq % 2, 0u) << "file " << i;
 }
 
 }  // namespace
