@@ -383,23 +383,24 @@ TEST_F(Frame, AbandonedCallIsRepairedByTheNextCall) {
     ASSERT_GE(fd, 0);
     EXPECT_EQ(Iscurfun, -0x3800) << "create leaves through the open it ends with";
 
-    // An operation that stops half-way holding three locks.
+    // An operation that stops half-way holding four locks.
     ASSERT_EQ(is_isin(0x3B00, fd, 0), 0);
     ASSERT_EQ(is_lock(&isam_com->opcl_lock), 0);
     ASSERT_EQ(is_getctl(), 0);
     ASSERT_EQ(is_lock(&isam_com->free_lock), 0);
+    ASSERT_EQ(is_lock(&isam_com->buf_lock), 0);
     EXPECT_GT(Iscurfun, 0);
 
     int keylens[1];
     EXPECT_EQ(nisstat(fd, 1, keylens), 1);
     EXPECT_EQ(Islastfun, 0x3B00);
     EXPECT_EQ(Iscurfun, -0x4500);
-    // The open lock, the free lock, the control lock and this process's count of it.
-    EXPECT_EQ((std::vector<unsigned>{isam_com->opcl_lock, isam_com->free_lock, ot::shared_fcp(fd)->jd_fcplock,
-                                     static_cast<unsigned>(ot::pfi_of(fd)->pfi_ctlcnt)}),
-              (std::vector<unsigned>{0, 0, 0, 0}));
+    // The open, free and buffer locks, the control lock and this process's count of it.
+    EXPECT_EQ((std::vector<unsigned>{isam_com->opcl_lock, isam_com->free_lock, isam_com->buf_lock,
+                                     ot::shared_fcp(fd)->jd_fcplock, static_cast<unsigned>(ot::pfi_of(fd)->pfi_ctlcnt)}),
+              (std::vector<unsigned>{0, 0, 0, 0, 0}));
 
-    // Another process gets all three without waiting.
+    // Another process gets all four without waiting.
     unsigned long offs[] = {kisam::com_offset(&isam_com->opcl_lock),
                             kisam::com_offset(&isam_com->free_lock)};
     unsigned* ctl = &ot::shared_fcp(fd)->jd_fcplock;
@@ -408,6 +409,8 @@ TEST_F(Frame, AbandonedCallIsRepairedByTheNextCall) {
                       if (is_lockitnw(o) != 0) return 1;
                   uint32_t dead = 1;
                   if (is_lock_try(ctl, &dead) != 0 || dead != 0) return 2;
+                  dead = 1;
+                  if (is_lock_try(&isam_com->buf_lock, &dead) != 0 || dead != 0) return 3;
                   return 0;
               }),
               0);
