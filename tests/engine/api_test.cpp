@@ -5,6 +5,7 @@
 #include "is_file.h"
 #include "is_lock.h"
 #include "is_rec.h"
+#include "isx_area.h"
 #include "kcheck.h"
 #include "os.h"
 
@@ -360,28 +361,46 @@ TEST_F(Frame, BadDescriptorsAndKeyNumbersAreRefused) {
     EXPECT_EQ(is_errno, ISE_BADFD);
 }
 
+// Refused before anything changes: an update in a process that has the file open only
+// read-only (its delete would go through, its write not) and a find without a key.
+TEST_F(Frame, ARefusedUpdateOrFindChangesNothing) {
+    const int fd = create("f", {4});
+    ASSERT_EQ(niswrite(fd, "abcd-rec", 8), 0);
+    ASSERT_EQ(nisclose(fd), 0);
+    const int ro = nisopen(path("f").c_str(), ISO_RDONLY);
+    ASSERT_GE(ro, 0);
+    char rec[16] = {};
+    EXPECT_EQ((std::vector<int>{nisupdate(ro, "abcd-new", 8), is_errno, stack_code()}),
+              (std::vector<int>{-1, ISE_RONLY, 0x2101}));
+    EXPECT_EQ((std::vector<int>{nisfind(ro, 0, nullptr, rec, sizeof rec), is_errno, stack_code()}),
+              (std::vector<int>{-1, ISE_INVKL, 0x3401}));
+    EXPECT_EQ(nisfind(ro, 0, "abcd", rec, sizeof rec), 8);
+    EXPECT_EQ(std::string(rec, 8), "abcd-rec");
+}
+
 TEST_F(Frame, AbandonedCallIsRepairedByTheNextCall) {
     int fd = create("f", {4});
     ASSERT_GE(fd, 0);
     EXPECT_EQ(Iscurfun, -0x3800) << "create leaves through the open it ends with";
 
-    // An operation that stops half-way holding three locks.
+    // An operation that stops half-way holding four locks.
     ASSERT_EQ(is_isin(0x3B00, fd, 0), 0);
     ASSERT_EQ(is_lock(&isam_com->opcl_lock), 0);
     ASSERT_EQ(is_getctl(), 0);
     ASSERT_EQ(is_lock(&isam_com->free_lock), 0);
+    ASSERT_EQ(is_lock(&isam_com->buf_lock), 0);
     EXPECT_GT(Iscurfun, 0);
 
     int keylens[1];
     EXPECT_EQ(nisstat(fd, 1, keylens), 1);
     EXPECT_EQ(Islastfun, 0x3B00);
     EXPECT_EQ(Iscurfun, -0x4500);
-    // The open lock, the free lock, the control lock and this process's count of it.
-    EXPECT_EQ((std::vector<unsigned>{isam_com->opcl_lock, isam_com->free_lock, ot::shared_fcp(fd)->jd_fcplock,
-                                     static_cast<unsigned>(ot::pfi_of(fd)->pfi_ctlcnt)}),
-              (std::vector<unsigned>{0, 0, 0, 0}));
+    // The open, free and buffer locks, the control lock and this process's count of it.
+    EXPECT_EQ((std::vector<unsigned>{isam_com->opcl_lock, isam_com->free_lock, isam_com->buf_lock,
+                                     ot::shared_fcp(fd)->jd_fcplock, static_cast<unsigned>(ot::pfi_of(fd)->pfi_ctlcnt)}),
+              (std::vector<unsigned>{0, 0, 0, 0, 0}));
 
-    // Another process gets all three without waiting.
+    // Another process gets all four without waiting.
     unsigned long offs[] = {kisam::com_offset(&isam_com->opcl_lock),
                             kisam::com_offset(&isam_com->free_lock)};
     unsigned* ctl = &ot::shared_fcp(fd)->jd_fcplock;
@@ -390,6 +409,8 @@ TEST_F(Frame, AbandonedCallIsRepairedByTheNextCall) {
                       if (is_lockitnw(o) != 0) return 1;
                   uint32_t dead = 1;
                   if (is_lock_try(ctl, &dead) != 0 || dead != 0) return 2;
+                  dead = 1;
+                  if (is_lock_try(&isam_com->buf_lock, &dead) != 0 || dead != 0) return 3;
                   return 0;
               }),
               0);
@@ -529,6 +550,31 @@ TEST_F(Damage, EveryOperationThatMeetsItFailsWithTheDamagedCode) {
             EXPECT_EQ(nisclose(fd), 0);
         }
     }
+}
+
+}  // namespace
+
+namespace {
+
+// Brackets over more files at once than the table of held lock words has room for: a
+// change under a hold the table could not note still leaves its file's change count
+// even at the release -- left odd, every read of that file without the lock would fall
+// back to the locked read until another process changed it.
+TEST_F(Frame, ChangesUnderMoreHoldsThanTheTableNotesLeaveTheCountsEven) {
+    kt::Config c;
+    c.maxopen = 80;
+    c.maxbuf = 400;
+    start(c);
+    std::vector<int> fds;
+    for (int i = 0; i < 70; ++i) {
+        fds.push_back(create("f" + std::to_string(i), {4}));
+        ASSERT_GE(fds.back(), 0) << i << ": " << is_errno;
+    }
+    for (int fd : fds) ASSERT_EQ(nisgetctl(fd), 0) << is_errno;
+    for (int fd : fds) ASSERT_EQ(niswrite(fd, "abcd-rec", 8), 0) << is_errno;
+    for (int fd : fds) ASSERT_EQ(nisrelctl(fd), 0) << is_errno;
+    for (size_t i = 0; i < fds.size(); ++i)
+        EXPECT_EQ(kisam::isx_file_of(is_db[fds[i]]->uniqueid)->xf_seq % 2, 0u) << "file " << i;
 }
 
 }  // namespace

@@ -98,6 +98,25 @@ TEST_F(IsInit, ForeignSegmentsAreRefused) {
     isam_com->iscom_magicval = ISCOM_MAGIC;
 }
 
+// "ISAMADDR" places the segment at that many megabytes, in each process as it asks.
+// (Addresses below 2 GiB: a sanitizer's shadow lies above.)
+TEST_F(IsInit, ISAMADDRPlacesTheSegment) {
+    start();
+    ::setenv("ISAMADDR", "1024", 1);
+    const int rc = is_init();
+    ::unsetenv("ISAMADDR");
+    ASSERT_EQ(rc, 0) << is_errno;
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(isam_com), uintptr_t{1024} << 20);
+    const int shmid = is_shmid;
+    EXPECT_EQ(kt::run_child([shmid] {
+                  ot::become_unattached();
+                  ::setenv("ISAMADDR", "1536", 1);
+                  return is_init() == 0 && is_shmid == shmid && reinterpret_cast<uintptr_t>(isam_com) == uintptr_t{1536} << 20
+                             ? 0 : 1;
+              }),
+              0);
+}
+
 // A segment without our extension area is refused (detail 14) and left unchanged.
 TEST_F(IsInit, SegmentsWithoutTheExtensionAreaAreRefused) {
     kt::Config c;

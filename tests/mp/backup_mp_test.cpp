@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -175,12 +176,86 @@ TEST_F(Backup, EveryBackupUnderLoadIsTheFileAtOneMomentBetweenCalls) {
     std::printf("%zu backups under load, writers held for %ld us at the longest\n", backups, longest);
 }
 
+// The first offset where files a and b differ, or -1 when they are the same bytes.
+off_t first_difference(const std::string& a, const std::string& b) {
+    const int fa = ::open(a.c_str(), O_RDONLY), fb = ::open(b.c_str(), O_RDONLY);
+    std::vector<char> x(1 << 20), y(1 << 20);
+    off_t at = 0;
+    for (;;) {
+        const ssize_t n = ::pread(fa, x.data(), x.size(), at), m = ::pread(fb, y.data(), y.size(), at);
+        if (n != m || n < 0 || std::memcmp(x.data(), y.data(), static_cast<size_t>(n)) != 0) break;
+        if (n == 0) {
+            at = -1;
+            break;
+        }
+        at += n;
+    }
+    ::close(fa);
+    ::close(fb);
+    return at;
+}
+
+// A directory on another file system (tmpfs), removed with what it holds; "" when there
+// is none.
+struct OtherFs {
+    std::string dir;
+    OtherFs() {
+        char d[] = "/dev/shm/kisam-test-XXXXXX";
+        if (::mkdtemp(d)) dir = d;
+    }
+    ~OtherFs() {
+        std::error_code ec;
+        if (!dir.empty()) std::filesystem::remove_all(dir, ec);
+    }
+};
+
+// A file over 1 GiB on disk (its end a hole past the pages in use, as a call rolled back
+// after it grew the file leaves it) is copied file to file rather than through memory --
+// in the kernel beside it, by reads and writes onto another file system: byte for byte,
+// with the pages its calls have not written back yet.
+TEST_F(Backup, AFileOverAGibibyteIsCopiedWholeWithThePagesNotWrittenBack) {
+    bound(300);
+    const std::string file = path("big");
+    const int fd = create("big", kL.lens());
+    ASSERT_GE(fd, 0);
+    for (int i = 0; i < 400; ++i) {
+        if (i == 200) {
+            ASSERT_EQ(kt::write_back(fd), 0);
+            ASSERT_EQ(::truncate(file.c_str(), (off_t{1} << 30) + 5 * 1024), 0);
+        }
+        ASSERT_EQ(niswrite(fd, record(i, 1, 100).data(), 100), 0);
+    }
+    const OtherFs other;
+    std::vector<std::string> dests{path("copy")};
+    if (!other.dir.empty()) dests.push_back(other.dir + "/copy");
+    for (const std::string& dest : dests) {
+        int verified = 0;
+        const auto count = [](const char* copy, void* n) { return ++*static_cast<int*>(n), verify(copy, nullptr); };
+        ASSERT_EQ(kisam_backup(file.c_str(), dest.c_str(), count, &verified, nullptr), 0) << dest << ": " << is_errno;
+        EXPECT_EQ(verified, 1);
+        EXPECT_NE(first_difference(file, dest), -1) << dest << ": the last records' pages are not on the disk yet";
+    }
+    ASSERT_EQ(kt::write_back(fd), 0);
+    for (const std::string& dest : dests) EXPECT_EQ(first_difference(file, dest), -1) << dest;
+    ASSERT_EQ(nisclose(fd), 0);
+    for (const std::string& dest : dests) {
+        const int cfd = nisopen(dest.c_str(), ISO_RDONLY);
+        ASSERT_GE(cfd, 0) << dest << ": " << is_errno;
+        const ko::Scan scan = ko::scan(cfd, kL);
+        EXPECT_TRUE(scan.ok()) << dest << ": " << scan.why;
+        EXPECT_EQ(scan.recs.size(), 400u) << dest;
+        ASSERT_EQ(nisclose(cfd), 0);
+    }
+}
+
 TEST_F(Backup, AFailedBackupLeavesNothingUnderTheDestination) {
     const std::string file = path("f");
     const int fd = create("f", {8});
     ASSERT_GE(fd, 0);
     for (int i = 0; i < 300; ++i) ASSERT_EQ(niswrite(fd, record(i, 1, 100).data(), 100), 0);
     const std::string dest = path("backup");
+    EXPECT_EQ(kisam_backup(path("none").c_str(), dest.c_str(), nullptr, nullptr, nullptr), -1);
+    EXPECT_EQ(is_errno, ISE_OPENF);
     EXPECT_EQ(kisam_backup(file.c_str(), dest.c_str(), [](const char*, void*) { return 1; }, nullptr, nullptr), -1);
     EXPECT_EQ(is_errno, ISE_BTS);
     struct stat st;

@@ -7,9 +7,11 @@
 #include "is_lock.h"
 #include "isx_area.h"
 #include "jn.h"
+#include "os.h"
 #include "test_hook.h"
 #include "v_pool.h"
 
+#include <array>
 #include <functional>
 #include <signal.h>
 #include <sys/wait.h>
@@ -216,6 +218,101 @@ TEST_F(CrashFullTable, ADeadSlotWhoseCleanUpWaitsIsReportedOrTakenOnceAnotherCle
     EXPECT_EQ(nisclose(fd), 0);
     nisunisam();
     EXPECT_TRUE(kt::sound(path("f")));
+}
+
+// In a child: a write of kRec keyed 'z' to file f, killed at the store of its log record
+// (its commit), so that a rollback must void the record.  Ends by SIGKILL, else 1 + slot.
+int die_at_log_store(const std::string& f) {
+    ot::become_unattached();
+    const int fd = nisopen(f.c_str(), ISO_RDWR);
+    kisam::os.mstore = [](int d, char* m, off_t o, const void* b, size_t n) {
+        if (kt::is_log_fd(d)) ::raise(SIGKILL);
+        return kisam::os_real.mstore(d, m, o, b, n);
+    };
+    kisam::os.pwrite = [](int d, const void* b, size_t n, off_t o) {
+        if (kt::is_log_fd(d)) ::raise(SIGKILL);
+        return kisam::os_real.pwrite(d, b, n, o);
+    };
+    if (fd >= 0) niswrite(fd, rec_keyed('z').data(), sizeof kRec);
+    return 1 + is_env.useridx;
+}
+
+// A process killed at the store of its call's log record, whose rollback then fails (the
+// disk refuses the write that voids the record): a newcomer finding the table full, or a
+// forked child, is told which process holds the slot and why; the file's next call
+// settles the rollback, and the slot is then taken.
+TEST_F(CrashFullTable, ADeadSlotWhoseRollbackFailsIsNamedUntilTheFilesNextCallSettlesIt) {
+    const int fd = create("f", {4});
+    ASSERT_EQ(niswrite(fd, kRec, sizeof kRec), 0);
+    const pid_t dead = kt::start_child([&] { return die_at_log_store(path("f")); });
+    ASSERT_EQ(kt::wait_child(dead), 128 + SIGKILL);
+    const std::string head = "kisam: the process table is full; the slot of process " + std::to_string(dead) +
+                             ", which died, cannot be taken over until its last call is rolled back: ";
+    char* said = &shared<std::array<char, 600>>()[0];
+    for (bool fork_child : {false, true}) {   // a new process, and a forked child (is_chinit)
+        const int rc = kt::run_child([said, fork_child] {
+            if (!fork_child) ot::become_unattached();
+            kt::Faults disk;
+            disk.arm(kt::Faults::kWrite, 1, kt::Faults::kFromThenOn, EIO);
+            int r = 0;
+            std::snprintf(said, 600, "%s", kt::capture_output(2, [&] { r = fork_child ? is_chinit() : is_init(); }).c_str());
+            return r == 0 ? 1 : kt::stack_code() & 0xFF;
+        });
+        EXPECT_EQ(rc, 15) << fork_child;
+        EXPECT_EQ(std::string(said).substr(0, head.size()), head) << said;
+        const std::string why = std::string(said).substr(std::min(head.size(), std::strlen(said)));
+        EXPECT_TRUE(why.find("ISE_FLWT") == 0 && why.find("Input/output error") != std::string::npos) << "why: " << why;
+    }
+    const uint32_t& undo = kisam::isx_file_of(is_db[fd]->uniqueid)->xf_undo;
+    EXPECT_EQ(undo, 2u) << "the rollback of slot 1 is pending";
+    char rec[sizeof kRec] = {};
+    EXPECT_EQ(nisfind(fd, 0, "zbcd", rec, sizeof rec), 0) << "the dead call is rolled back";
+    EXPECT_EQ(undo, 0u) << "by this process's call";
+    EXPECT_EQ(nisfind(fd, 0, "abcd", rec, sizeof rec), static_cast<int>(sizeof kRec));
+    EXPECT_EQ(kt::run_child([] { return ot::become_unattached(), is_init() == 0 && is_env.useridx == 1 ? 0 : 1; }), 0);
+    EXPECT_EQ(nisclose(fd), 0);
+    nisunisam();
+    EXPECT_TRUE(kt::sound(path("f")));
+}
+
+// A dead slot whose rollback fails, then cleaned up and taken by another process while
+// the newcomer cleans up the next: the table, now full of live processes, is reported
+// full (detail 5), not stuck on a process whose slot is no longer there.
+kt::Pipe *g_at_reap = nullptr, *g_go = nullptr;
+TEST_F(CrashFullTable, ASlotTakenOverWhileTheNewcomerLooksIsNoLongerReportedStuck) {
+    kt::Config three;
+    three.maxusers = 3;
+    start(three);
+    const int fd = create("f", {4});
+    ASSERT_EQ(niswrite(fd, kRec, sizeof kRec), 0);
+    // Every attach cleans the dead up: slot 2's process stays alive until slot 1's died.
+    auto attach = [] { return ot::become_unattached(), is_init(); };
+    const pid_t first = hold(attach), second = hold(attach);
+    kill(first);
+    ASSERT_EQ(kt::run_child([&] { return die_at_log_store(path("f")); }), 128 + SIGKILL);   // in slot 1
+    kill(second);   // slot 2: dead, nothing to roll back
+    kt::Pipe at_reap, go;
+    g_at_reap = &at_reap;
+    g_go = &go;
+    const pid_t newcomer = kt::start_child([] {
+        ot::become_unattached();
+        kisam::test_hook = [](int where, int u) {
+            if (where != kisam::kHookReap || u != 2) return;
+            g_at_reap->signal();
+            g_go->wait();
+        };
+        kt::Faults disk;   // slot 1's rollback fails here
+        disk.arm(kt::Faults::kWrite, 1, kt::Faults::kFromThenOn, EIO);
+        int r = 0;
+        const std::string err = kt::capture_output(2, [&] { r = is_init(); });
+        return r == 0 ? 1 : (kt::stack_code() & 0xFF) + (err.empty() ? 0 : 100);
+    });
+    at_reap.close_write();
+    ASSERT_EQ(at_reap.wait(), 'x');
+    hold([] { return is_chinit(); });   // rolls slot 1's call back, and takes the slot
+    hold([] { return is_chinit(); });   // cleans slot 2 and takes it
+    go.signal();
+    EXPECT_EQ(kt::wait_child(newcomer), 5) << "5: full; 15 or more: reported stuck";
 }
 
 // A full table refuses a newcomer until a slot's process dies; killed at any lock call of

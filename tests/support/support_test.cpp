@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <bitset>
 #include <cctype>
 #include <cerrno>
@@ -153,6 +154,14 @@ TEST(ValList, RandomizedAgainstModel) {
         const char *got = getvlp(h, k.c_str());
         ASSERT_EQ(got != nullptr, it != model.end()) << "seed " << seed << " step " << i;
         if (got) { ASSERT_EQ(got, it->second) << "seed " << seed << " step " << i; }
+        if (rng() % 4 == 0) {   // a value handed over as it stands (no escapes), then owned
+            char *own = ZTStrAlloc("o'wn\\t");
+            const int rc = repvl(&h, k.c_str(), own, 6);
+            ASSERT_EQ(rc, it != model.end() ? 0 : -1) << "seed " << seed << " step " << i;
+            if (rc == 0) it->second = own;
+            else ZTFree(own);
+            continue;
+        }
         auto &v = values[rng() % 6];
         std::string in = v[0];
         ASSERT_EQ(addvl(&h, k.c_str(), in.data()), 0);
@@ -187,6 +196,22 @@ TEST(Blanks, StripEndsAndAllBlankTexts) {
         c.strip(text.data());
         EXPECT_STREQ(text.c_str(), c.out) << '"' << c.in << '"';
     }
+}
+
+// Edit masks: the literals outside quotes (escaped or repeated ones too) come out of the
+// value, in order; a stripped copy keeps within its room.
+TEST(Blanks, MasksAndStrippedCharacters) {
+    const struct { const char *value, *mask, *out; } masks[] = {
+        {"123-45-6789", "999-99-9999", "123456789"}, {"(12) 345", "\\(99\\) 999", "12345"},
+        {"a--b-c", "X-(2)X-X", "abc"}, {"1--2", "\"-\"9-9", "1-2"}, {"12-3", "9(2)-9", "123"}, {"", "9-9", ""}};
+    for (const auto &m : masks) {
+        char out[32] = "junk";
+        ZT_stripfill(m.value, m.mask, out);
+        EXPECT_STREQ(out, m.out) << m.value << " " << m.mask;
+    }
+    char out[8];
+    EXPECT_EQ(ZTStringStripChars("a-b-c-d", "-", out, 3), 2);
+    EXPECT_STREQ(out, "ab");
 }
 
 // The text helpers against std::string models on random texts; the seed is printed.
@@ -427,11 +452,21 @@ TEST_F(FileOps, StatusCodes) {
         {ZTFO_CREATEFILE, 0, {f}, 0, 0},             // parents made
         {ZTFO_CREATEFILE, 0, {f}, -1, 9},            // an existing file only with force
         {ZTFO_CREATEFILE, ZTFO_FORCE, {f}, 0, 0}, {ZTFO_TESTDIR, 0, {f}, 0, 0}, {ZTFO_TESTDIR, 0, {f + "x"}, -1, 3},
-        {ZTFO_TRUNCATE, 0, {d}, -1, 5}, {ZTFO_DELETEFILE, 0, {f}, 0, 0}};
+        {ZTFO_TESTEXIST, 0, {f}, 1, 0}, {ZTFO_TESTEXIST, 0, {f + "x"}, 0, 0}, {ZTFO_TESTEXIST, 0, {f + "/x"}, -1, 6},
+        {ZTFO_TESTFILE, 0, {f}, 1, 0}, {ZTFO_TESTFILE, 0, {d}, 0, 0},
+        {ZTFO_TRUNCATE, 0, {d}, -1, 5}, {ZTFO_TRUNCATE, 0, {f + "x"}, -1, 3}, {ZTFO_TRUNCATE, 0, {f}, 0, 0},
+        {ZTFO_DELETEDIR, 0, {box.path("a")}, -1, 7}, {ZTFO_DELETEDIR, 0, {d}, 0, 0}, {ZTFO_DELETEFILE, 0, {f}, 0, 0}};
     for (const auto &c : calls) {
+        if (c.cmd == ZTFO_TRUNCATE && c.rc == 0) kt::spit(f, "bytes");
         EXPECT_EQ(op(c.cmd, c.flags, c.paths), c.rc) << c.cmd << " " << c.paths[0];
-        EXPECT_EQ(c.rc != 0 ? status : 0, c.status) << c.cmd << " " << c.paths[0];
+        EXPECT_EQ(c.rc < 0 ? status : 0, c.status) << c.cmd << " " << c.paths[0];
+        if (c.cmd == ZTFO_TRUNCATE && c.rc == 0) { EXPECT_EQ(kt::slurp(f), ""); }
     }
+    EXPECT_FALSE(exists(d));
+    EXPECT_EQ(ZTFileExists(box.path("n//m").data()), 1);
+    EXPECT_EQ(ZTFileExists(box.path("n/m/gone").data()), 0);
+    EXPECT_EQ((std::vector<int>{ZTFileIsFile(box.path("n").c_str()), ZTFileIsDir(box.path("n").c_str())}),
+              (std::vector<int>{0, 1}));
 
     // Cut to fit, this path would name the existing file "victim": it is refused.
     kt::spit(box.path("victim"), "x");
@@ -597,6 +632,19 @@ TEST(LocalMutex, RecursionExclusionAndTimeOut) {
     for (auto &t : workers) t.join();
     EXPECT_EQ(counter, 80000);
     while_held(m, [&] { EXPECT_EQ(ZTMutexLockWTO(m, 0), 1); });
+    // Given back while a wait with a time-out sleeps: taken at its next try.
+    std::atomic<bool> held{false};
+    std::thread giver([&] {
+        ZTMutexLock(m);
+        held = true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        ZTMutexUnlock(m);
+    });
+    while (!held) std::this_thread::yield();
+    EXPECT_EQ(ZTMutexLockWTO(m, 3), 0);
+    giver.join();
+    ZTMutexUnlock(m);
+    EXPECT_EQ((std::vector<int>{ZTMutexLockWTO(nullptr, 0), m->m_count}), (std::vector<int>{-1, 0}));
     EXPECT_EQ(ZTMutexLockWTO(m, 1), 0);
     EXPECT_EQ(m->m_count, 1);
     ZTMutexUnlock(m);
@@ -608,6 +656,7 @@ TEST(GlobalMutex, ExcludesProcessesAndRemovesFileWithLastUser) {
     const std::string name = box.path("g"), lockfile = name + ".lck";
     ZTMutex *g = ZTGlobalMutexAlloc(name.c_str());
     ASSERT_TRUE(g != nullptr && ZTMutexLock(g) == 0);
+    EXPECT_EQ(ZTMutexLockWTO(g, 0), -1) << "no time-out for a global mutex";
     kt::Pipe ready, go, got;
     pid_t child = kt::start_child([&] {
         ZTMutex *cg = ZTGlobalMutexAlloc(name.c_str());

@@ -104,14 +104,16 @@ int reap_or_note(int i) noexcept {
 int _is_mkpid(void) noexcept {
     is_pid = static_cast<int>(::getpid());
     const int n = isam_com->maxusers;
-    stuck_slot = -1;
     // Slots come free while this runs: the clean-up of dead processes also runs in open
     // and close, without the start-up lock, so a dead slot this process waits to clean may
     // be cleaned by another process meanwhile -- possibly every one of them while this
     // process waits for the first.  A slot found free after a clean-up, whoever did it, is
     // taken; and the table is looked at again as long as the last look saw a slot come
     // free (bounded: slots taken by others in between are taken for good).
+    // A slot noted stuck in an earlier pass may have been cleaned up and taken since:
+    // only the last pass's look says why the table is full.
     for (int pass = 0; pass <= n; ++pass) {
+        stuck_slot = -1;
         for (int i = 0; i < n; ++i)
             if (take_free(i)) return 0;
         bool freed = false;

@@ -519,11 +519,18 @@ void is_unlock(unsigned* lockidp) noexcept {
     // A change count this hold made odd becomes even after the hold's last change and
     // before anyone else can take the word: readers without the lock see it even only
     // when no change is under way.
-    if (Held* e = entry(o); e && e->seq) {
-        std::atomic_ref<uint32_t> q(*e->seq);
+    Held* e = entry(o);
+    uint32_t* seq = e ? e->seq : nullptr;
+    // A control word's hold that the full table could not note: its count, odd only when
+    // this hold made it so or adopted it (nobody else changes the file meanwhile), is the
+    // file's own, beside its futex word.
+    if (!e && held_overflow && fw && fw != &isx_area->xh_buf_word)
+        seq = &reinterpret_cast<isx_file*>(reinterpret_cast<char*>(fw) - offsetof(isx_file, xf_ctl_word))->xf_seq;
+    if (seq) {
+        std::atomic_ref<uint32_t> q(*seq);
         const uint32_t v = q.load(std::memory_order_relaxed);
         if (v & 1) q.store(v + 1, std::memory_order_release);
-        e->seq = nullptr;
+        if (e) e->seq = nullptr;
     }
     w.store(0, std::memory_order_release);
     leave(o);

@@ -356,7 +356,7 @@ const IS_DATA* v_peek(int u, PAGE pno, PeekMark* m, int ask) noexcept {
         // page is the one asked for.
         v_peek_ask(b->bu_data.c, ask);
         // The stamp before the tag: a load that begins after the tag was read changes the
-        // stamp from the value taken here (v_peek_still).
+        // stamp from the value taken here (v_peek_still_all).
         const uint32_t stamp = std::atomic_ref<uint32_t>(b->bu_wcnt).load(std::memory_order_acquire);
         const PAGE p = std::atomic_ref<uint32_t>(b->bu_pno).load(std::memory_order_acquire);
         const uint16_t id = std::atomic_ref<uint16_t>(b->bu_id).load(std::memory_order_relaxed);
@@ -413,8 +413,6 @@ inline bool still_one(IS_BUF* bufs, int u, const PeekMark& m) noexcept {
     return p == m.pno && (id & BU_FILEMASK) == u && stamp == m.stamp;
 }
 }  // namespace
-
-bool v_peek_still(int u, const PeekMark& m) noexcept { return still_one(slot(0), u, m); }
 
 bool v_peek_still_all(int u, const PeekMark* m, int n) noexcept {
     IS_BUF* bufs = slot(0);

@@ -114,7 +114,7 @@ void v_seq_adopt(IS_FCP* fcp, int u) noexcept;
 // every 4096 pages, the pool's hit count.  What it returns may change at any moment: the
 // caller validates what it read with the file's change count, and, since a slot may be
 // given another page without that count (a miss of another process), with the slot's
-// mark (*m): v_peek_still after the last byte of the page was read.
+// mark (*m): v_peek_still_all after the last byte of the page was read.
 struct PeekMark {
     int slot;
     uint32_t stamp;  // bu_wcnt: changes at every load of the slot (and write-back)
@@ -131,7 +131,7 @@ bool v_peek_ready(int u) noexcept;
 const IS_DATA* v_peek(int u, PAGE pno, PeekMark* m, int ask = 0) noexcept;
 // The slot data of m again, for a reader that holds no lock, when the slot still holds
 // the page of m as it did when v_peek returned it (tag and stamp); null otherwise.  The
-// same check is due after use (v_peek_still).
+// same check is due after use (v_peek_still_all).
 const IS_DATA* v_peek_again(int u, const PeekMark& m, int ask = 0) noexcept;
 // The cache line at p asked for ahead of its use, as an instruction the compiler keeps:
 // GCC drops a branch whose only effects are three or more __builtin_prefetch calls.
@@ -162,11 +162,9 @@ const char* v_peek_guess(int u, PAGE pno, int slot = -1) noexcept;
 // Asks the memory for the bytes `ask` names (as v_peek) of page pno of u where
 // v_peek_guess finds it.
 void v_peek_prefetch(int u, PAGE pno, int ask) noexcept;
-// Whether the slot of m still holds the page of m as it did when v_peek returned it:
-// neither re-tagged nor reloaded since.  Call after an acquire fence that follows the
-// reads of the page.
-bool v_peek_still(int u, const PeekMark& m) noexcept;
-// The same for the n marks at m: whether all still hold.
+// Whether the slots of the n marks at m all still hold the pages of their marks as they
+// did when v_peek returned them: neither re-tagged nor reloaded since.  Call after an
+// acquire fence that follows the reads of the pages.
 bool v_peek_still_all(int u, const PeekMark* m, int n) noexcept;
 // For a reader that holds no lock: learns the chain changes of others that u's chain
 // log still holds, without the lock (only this process's page index changes).  Nonzero
